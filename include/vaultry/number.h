@@ -1,0 +1,46 @@
+/// @file
+/// Numbers and booleans. Wherever a number is asked for, a boolean is one too: 0 or 1.
+
+#ifndef VAULTRY_NUMBER_H
+#define VAULTRY_NUMBER_H
+
+#include <vaultry/value.h>
+
+TQ_BEGIN_DECLS
+
+typedef enum TQNumberKind {
+    kTQNumberInt64 = 1,
+    kTQNumberUInt64 = 2, ///< only for values that no int64_t holds
+    kTQNumberDouble = 3,
+} TQNumberKind;
+
+TQ_EXPORT extern TQBoolean *const kTQBooleanTrue;
+TQ_EXPORT extern TQBoolean *const kTQBooleanFalse;
+
+TQ_EXPORT TQTypeID TQNumberGetTypeID(void);
+TQ_EXPORT TQTypeID TQBooleanGetTypeID(void);
+
+TQ_EXPORT TQNumber *TQNumberCreateInt64(int64_t value);
+TQ_EXPORT TQNumber *TQNumberCreateUInt64(uint64_t value);
+TQ_EXPORT TQNumber *TQNumberCreateDouble(double value);
+
+/// Whether `value` is a number or a boolean; false for null.
+TQ_EXPORT bool TQIsNumber(const TQValue *value);
+
+TQ_EXPORT TQNumberKind TQNumberGetKind(const TQNumber *number);
+
+/// The value of a number or a boolean. What the wanted type can't hold becomes its nearest value, what is
+/// neither a number nor a boolean 0, and not-a-number 0.
+TQ_EXPORT int64_t TQNumberGetInt64(const TQValue *number);
+TQ_EXPORT uint64_t TQNumberGetUInt64(const TQValue *number);
+TQ_EXPORT double TQNumberGetDouble(const TQValue *number);
+
+/// The truth value of a number (not zero) or a boolean.
+TQ_EXPORT bool TQNumberGetTruth(const TQValue *number);
+
+/// The boolean for `value`, never to be released more often than retained.
+TQ_EXPORT TQBoolean *TQBooleanGet(bool value);
+
+TQ_END_DECLS
+
+#endif

@@ -1,0 +1,71 @@
+/// @file
+/// Progress of long operations, and their cancelling.
+///
+/// A client makes a progress object, makes it current on its thread, and calls an operation
+/// that reports: adding a generation by copying makes a child of the thread's current progress, with
+/// the bytes to copy as its total. The client watches through an observer and may cancel
+/// from any thread; the operation stops at its next step.
+
+#ifndef VAULTRY_PROGRESS_H
+#define VAULTRY_PROGRESS_H
+
+#include <vaultry/value.h>
+
+TQ_BEGIN_DECLS
+
+/// User-information keys and values that file operations set.
+TQ_EXPORT extern TQString *const kTQProgressFileOperationKindKey;
+TQ_EXPORT extern TQString *const kTQProgressFileOperationKindCopying;
+TQ_EXPORT extern TQString *const kTQProgressFileURLKey;
+/// The kind of a progress that counts bytes of files.
+TQ_EXPORT extern TQString *const kTQProgressKindFile;
+
+TQ_EXPORT TQTypeID TQProgressGetTypeID(void);
+
+/// A progress of its own, with no parent.
+TQ_EXPORT TQProgress *TQProgressCreate(int64_t totalUnits);
+
+/// A child of `parent` (which may be null): cancelled with it, and its changes reach the parent's observers too.
+TQ_EXPORT TQProgress *TQProgressCreateChild(TQProgress *parent, int64_t totalUnits);
+
+/// The current progress of this thread, or null.
+TQ_EXPORT TQProgress *TQProgressGetCurrent(void);
+
+/// Makes `progress` current on this thread and retains it until it resigns. Nests.
+TQ_EXPORT void TQProgressBecomeCurrent(TQProgress *progress);
+
+/// Gives the place back to what was current before. Does nothing if `progress` is not current here.
+TQ_EXPORT void TQProgressResignCurrent(TQProgress *progress);
+
+TQ_EXPORT int64_t TQProgressGetTotalUnits(const TQProgress *progress);
+TQ_EXPORT void TQProgressSetTotalUnits(TQProgress *progress, int64_t units);
+TQ_EXPORT int64_t TQProgressGetCompletedUnits(const TQProgress *progress);
+TQ_EXPORT void TQProgressSetCompletedUnits(TQProgress *progress, int64_t units);
+
+/// A value the caller owns, or null.
+TQ_EXPORT TQValue *TQProgressCopyUserInfo(const TQProgress *progress, const TQString *key);
+/// A null value removes the entry.
+TQ_EXPORT void TQProgressSetUserInfo(TQProgress *progress, TQString *key, TQValue *value);
+
+/// The caller owns it; null when none was set.
+TQ_EXPORT TQString *TQProgressCopyKind(const TQProgress *progress);
+TQ_EXPORT void TQProgressSetKind(TQProgress *progress, TQString *kind);
+
+TQ_EXPORT bool TQProgressIsCancellable(const TQProgress *progress);
+TQ_EXPORT void TQProgressSetCancellable(TQProgress *progress, bool cancellable);
+
+/// From any thread. Safe in a signal handler too: it stores one atomic flag and calls nobody.
+TQ_EXPORT void TQProgressCancel(TQProgress *progress);
+
+/// Whether this progress, or one above it, was cancelled.
+TQ_EXPORT bool TQProgressIsCancelled(const TQProgress *progress);
+
+/// Called on the reporting thread after units of `changed`, which is the observed progress or a descendant, changed.
+typedef void (*TQProgressObserver)(TQProgress *changed, void *context);
+
+/// One observer a progress; null takes it away. Set it before the operation begins.
+TQ_EXPORT void TQProgressSetObserver(TQProgress *progress, TQProgressObserver observer, void *context);
+
+TQ_END_DECLS
+
+#endif

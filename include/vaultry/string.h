@@ -1,0 +1,47 @@
+/// @file
+/// Strings: immutable, UTF-8 in and out, counted in UTF-16 units.
+
+#ifndef VAULTRY_STRING_H
+#define VAULTRY_STRING_H
+
+#include <vaultry/value.h>
+
+#include <stdarg.h>
+
+TQ_BEGIN_DECLS
+
+TQ_EXPORT TQTypeID TQStringGetTypeID(void);
+
+/// Null if `utf8` is null or not valid UTF-8 (overlong forms and surrogates are not).
+TQ_EXPORT TQString *TQStringCreate(const char *utf8);
+
+/// The same of `length` bytes, which may contain zeros.
+TQ_EXPORT TQString *TQStringCreateWithBytes(const void *bytes, size_t length);
+
+/// printf's conversions, and "%@" for a counted value, which gives its description ("(null)" for null).
+/// Null if the result is not valid UTF-8 or `format` holds a conversion that printf does not know; "%n" is refused.
+TQ_EXPORT TQString *TQStringCreateWithFormat(const char *format, ...);
+TQ_EXPORT TQString *TQStringCreateWithFormatAndArguments(const char *format, va_list arguments);
+
+/// The string for a path's bytes, unchanged; null if they are not UTF-8.
+TQ_EXPORT TQString *TQStringCreateWithFileSystemRepresentation(const char *path);
+
+/// In UTF-16 units: 2 for a character outside the basic plane, 1 for any other.
+TQ_EXPORT size_t TQStringGetLength(const TQString *string);
+
+/// The UTF-16 unit at `index`; 0 when there is none.
+TQ_EXPORT uint16_t TQStringGetCharacterAtIndex(const TQString *string, size_t index);
+
+/// Zero-terminated, and good as long as the string. Null for null.
+TQ_EXPORT const char *TQStringGetUTF8(const TQString *string);
+
+/// In bytes, the terminating zero not counted.
+TQ_EXPORT size_t TQStringGetUTF8Length(const TQString *string);
+
+/// Writes the path's bytes and a zero; false, with nothing promised of the buffer, if they need more
+/// than `capacity` bytes or the string holds a zero (no path does).
+TQ_EXPORT bool TQStringGetFileSystemRepresentation(const TQString *string, char *buffer, size_t capacity);
+
+TQ_END_DECLS
+
+#endif

@@ -1,0 +1,34 @@
+// Status records, modes and file flags of items.
+//
+// All return 0, or -1 with errno; errno is untouched on success. A status is one statx.
+//
+// Flags are inode flags, and setting them needs a descriptor, or file_setattr where the kernel has it and
+// the item can't be opened. Bits that already stand are not set again: that would need a
+// privilege, or a file system, that leaving them alone does not. What the file system cannot hold, 0x40, and any
+// item that is neither file nor directory answer ENOTSUP; the kernel's EPERM stays EPERM. Inode
+// flags that have no bit in our word survive.
+
+#pragma once
+
+#include "Platform/Item.h"
+
+#include <vaultry/file_status.h>
+
+#include <sys/stat.h>
+
+namespace platform {
+
+int GetStatus(const Item &item, Links links, TQFileStatus *out);
+int GetStatusOfFd(int fd, TQFileStatus *out);
+
+int SetFlags(const Item &item, Links links, uint32_t flags);
+int SetFlagsOfFd(int fd, uint32_t flags);
+
+// With Links::NoFollow a link answers EOPNOTSUPP, and nothing it points to is touched.
+int SetMode(const Item &item, Links links, mode_t mode);
+
+// Linux has no call that writes a birth time: always -1 with ENOTSUP.
+int SetBirthTime(const Item &item, const struct timespec &time);
+int SetBirthTimeOfFd(int fd, const struct timespec &time);
+
+} // namespace platform

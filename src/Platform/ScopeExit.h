@@ -1,0 +1,40 @@
+// What must be undone or given back, declared where it becomes due.
+//
+// Clean-up keeps errno: a function that fails with errno set still does after its scope has ended.
+
+#pragma once
+
+#include <cerrno>
+#include <utility>
+
+// Puts errno back as it was when the scope began.
+class ErrnoKeeper {
+public:
+    ErrnoKeeper() : saved_(errno) {}
+    ~ErrnoKeeper() { errno = saved_; }
+    ErrnoKeeper(const ErrnoKeeper &) = delete;
+    ErrnoKeeper &operator=(const ErrnoKeeper &) = delete;
+
+private:
+    int saved_;
+};
+
+template <class Action> class [[nodiscard]] ScopeExit {
+public:
+    explicit ScopeExit(Action action) : action_(std::move(action)) {}
+    ~ScopeExit()
+    {
+        if (!armed_) return;
+        const ErrnoKeeper keeper;
+        action_();
+    }
+    ScopeExit(const ScopeExit &) = delete;
+    ScopeExit &operator=(const ScopeExit &) = delete;
+
+    // Success keeps what failure would have undone.
+    void Dismiss() { armed_ = false; }
+
+private:
+    Action action_;
+    bool armed_ = true;
+};
