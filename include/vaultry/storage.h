@@ -1,0 +1,138 @@
+/// @file
+/// One store: a directory that holds one entry per generation.
+///
+/// This is the library's own floor beneath library.h, for clients that work with paths and want every
+/// error object. Names are generation names in file-system form (one path component, not beginning with ".", at most
+/// 254 bytes), paths absolute and at most 1,023 bytes. A handle only names the store; it may be used by any
+/// number of threads at once. Each operation takes the store's lock for its own span, in this process
+/// and all others: readers share it, a writer waits until it is alone, nothing ever times out.
+///
+/// Every function that takes a name reports, beside its own statuses:
+///     kTQStatusInvalidArgument  the name is not a generation name, or there is no such generation
+///     kTQStatusBadPath          the generation's path would need 1,024 bytes or more
+/// and every function the status of a system call that fails (a store of another user: kTQStatusPermissionDenied).
+/// Null pointers for a store, name or path are refused with kTQStatusInvalidArgument or kTQStatusBadPath.
+
+#ifndef VAULTRY_STORAGE_H
+#define VAULTRY_STORAGE_H
+
+#include <vaultry/collections.h>
+#include <vaultry/error.h>
+#include <vaultry/string.h>
+#include <vaultry/url.h>
+
+TQ_BEGIN_DECLS
+
+typedef struct TQClientManagedStorage TQClientManagedStorage;
+
+/// Makes an existing directory a store, or opens the store that it is. The directory loses its write
+/// bits; a store that stands whole is opened without any change.
+///
+/// @return a handle for TQClientManagedStorageFree, or null:
+///         kTQStatusBadPath  not an existing directory, too long, or the store's own files can't be made
+TQ_EXPORT TQClientManagedStorage *TQClientManagedStorageCreate(const char *rootPath, TQError **error);
+
+/// Frees a handle; null does nothing. The store on disk is not touched.
+TQ_EXPORT void TQClientManagedStorageFree(TQClientManagedStorage *store);
+
+/// Removes a whole store, its directory included, whatever its protection. Takes no lock. True also if there is
+/// nothing at the path.
+TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **error);
+
+/// Adds the item at `source` to the store as the generation `name`.
+///
+/// The generation appears whole or not at all: it is built in the staging area and moved into place by one rename,
+/// so no reader ever lists half of it or finds it writable. An existing generation is never replaced.
+///
+/// @param source   Absolute path of a file or a directory tree.
+/// @param options  Stored with the generation; read back as 1 if none of the bits 0x1e is set.
+/// @param copy     true leaves `source` alone; false moves it, and on failure it is back
+///                 where it was, unless only the options could not be stored.
+/// @return true on success. If only the options could not be stored, false, and the
+///         generation stays. Otherwise nothing was added:
+///         kTQStatusExists           the store has a generation of that name
+///         kTQStatusInvalidArgument  also: `source` contains the store
+///         kTQStatusNotSupported     the tree holds a FIFO, a socket or a device
+///         kTQStatusBadPath          the tree holds a symbolic link; or, when moving, lies on another volume
+///
+/// Exclusive lock. Reports to the thread's current progress and can be cancelled through it, when copying.
+TQ_EXPORT bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *name, const char *source,
+                                         uint64_t options, TQError **error, bool copy);
+
+/// The file URL of a generation inside the store, owned by the caller; to be read, never changed. Shared lock.
+TQ_EXPORT TQURL *TQClientManagedStorageCopyURLForGeneration(const TQClientManagedStorage *store, const char *name,
+                                                            TQError **error);
+
+/// The options word; 0 on failure too, which only the error tells. Shared lock.
+TQ_EXPORT uint64_t TQClientManagedStorageGetGenerationOptions(const TQClientManagedStorage *store, const char *name,
+                                                              TQError **error);
+
+/// Stores the options word; one without any of the bits 0x1e reads back as 1. Exclusive lock.
+TQ_EXPORT bool TQClientManagedStorageSetGenerationOptions(const TQClientManagedStorage *store, const char *name,
+                                                          uint64_t options, TQError **error);
+
+/// The info dictionary, immutable, owned by the caller; empty when nothing was set. Shared lock.
+TQ_EXPORT TQDictionary *TQClientManagedStorageCopyGenerationInfoDictionary(const TQClientManagedStorage *store,
+                                                                           const char *name, TQError **error);
+
+/// One value of the info dictionary, owned by the caller; null with kTQStatusNoSuchAttribute when there is none.
+/// Shared lock.
+TQ_EXPORT TQValue *TQClientManagedStorageCopyGenerationInfoValueForKey(const TQClientManagedStorage *store,
+                                                                       const char *name, const TQString *key,
+                                                                       TQError **error);
+
+/// Sets one value of the info dictionary, or removes the key when `value` is null. Exclusive lock.
+///
+/// @param error  Set when the name is wrong or the lock can't be had; a write that fails returns false and
+///               leaves it as it was, with the reason in the log.
+TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValueForKey(const TQClientManagedStorage *store, const char *name,
+                                                                  TQString *key, TQValue *value, TQError **error);
+
+/// The original display name, owned by the caller; null with kTQStatusNoSuchAttribute when there is none. Shared lock.
+TQ_EXPORT TQString *TQClientManagedStorageCopyGenerationOriginalDisplayName(const TQClientManagedStorage *store,
+                                                                            const char *name, TQError **error);
+
+/// Sets the original display name, of at most 767 bytes; null or "" removes it. Exclusive lock.
+TQ_EXPORT bool TQClientManagedStorageSetGenerationOriginalDisplayName(const TQClientManagedStorage *store,
+                                                                      const char *name, const TQString *displayName,
+                                                                      TQError **error);
+
+/// Copies a generation into the store's staging area, for a client that puts it somewhere by rename.
+///
+/// @param stagedPath  Buffer of 1,024 bytes; gets the path of the copy. The copy belongs to the caller until
+///                    TQClientManagedStorageCopyOutDone is called with this path.
+/// @param mode        What the copy's top item is to be given in the end,
+/// @param flags       and its flags; until then it is left changeable.
+///
+/// Shared lock.
+TQ_EXPORT bool TQClientManagedStorageCopyOut(const TQClientManagedStorage *store, const char *name, char *stagedPath,
+                                             uint16_t *mode, uint32_t *flags, TQError **error);
+
+/// Removes the staging directory of TQClientManagedStorageCopyOut, with whatever is left in it. No lock.
+///
+/// @return false with kTQStatusFailed, and nothing removed, if the path is not in the staging area.
+TQ_EXPORT bool TQClientManagedStorageCopyOutDone(const TQClientManagedStorage *store, const char *stagedPath,
+                                                 TQError **error);
+
+/// Copies a generation to `destination`, with the rights and flags that the document had when it was added. Nothing
+/// that exists is replaced (kTQStatusExists), and on failure nothing is left there. Not flushed to disk. Shared lock.
+TQ_EXPORT bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, const char *name,
+                                                    const char *destination, TQError **error);
+
+/// Removes generations by name, in order; a name that has no generation is passed over.
+///
+/// @param names  Strings.
+/// @return false at the first failure; those before it stay removed, those after it are not looked at.
+///
+/// Exclusive lock, for all of them.
+TQ_EXPORT bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store, const TQArray *names,
+                                                       TQError **error);
+
+/// The names of all generations, strings in no particular order, in an array that the caller owns. Shared lock.
+///
+/// @return null with kTQStatusFailed if a name in the store is not UTF-8.
+TQ_EXPORT TQArray *TQClientManagedStorageCopyGenerationNames(const TQClientManagedStorage *store, TQError **error);
+
+TQ_END_DECLS
+
+#endif
