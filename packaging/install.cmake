@@ -3,7 +3,10 @@ include(CMakePackageConfigHelpers)
 
 file(RELATIVE_PATH libdir_from_bindir ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 if(TARGET vaultry_command)
-    set_target_properties(vaultry_command PROPERTIES INSTALL_RPATH "$ORIGIN/${libdir_from_bindir}")
+    # The same in the build tree and installed, so that nothing has to be patched in between.
+    set(rpath $ORIGIN/${libdir_from_bindir} $ORIGIN/../lib)
+    list(REMOVE_DUPLICATES rpath)
+    set_target_properties(vaultry_command PROPERTIES BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH "${rpath}")
     install(TARGETS vaultry_command)
 endif()
 install(TARGETS vaultry vaultry_static EXPORT vaultry)
