@@ -14,6 +14,7 @@ install(DIRECTORY include/vaultry TYPE INCLUDE FILES_MATCHING PATTERN "*.h" PATT
 
 # Relative to where the file lies, so that a tree that was moved as a whole still describes itself.
 file(RELATIVE_PATH prefix_from_pkgconfig ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" prefix_from_pkgconfig ${prefix_from_pkgconfig})
 configure_file(packaging/vaultry.pc.in vaultry.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/vaultry.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

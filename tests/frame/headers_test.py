@@ -1,0 +1,37 @@
+"""Each public header compiles alone, and twice over, in the languages of its clients, under harsher warnings than ours."""
+import concurrent.futures
+import pathlib
+import shutil
+import subprocess
+import sys
+
+include = pathlib.Path(__file__).resolve().parents[2] / "include"
+HARSH = ["-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Wsign-conversion", "-Wshadow", "-Wundef", "-Wcast-qual",
+         "-Wredundant-decls", "-Wdouble-promotion", "-Werror", "-fsyntax-only", f"-I{include}"]
+C = ["-std=c11", "-x", "c", "-Wstrict-prototypes", "-Wmissing-prototypes", "-Wold-style-definition", "-Wc++-compat"]
+CXX = ["-x", "c++", "-Wold-style-cast", "-Wzero-as-null-pointer-constant", "-Wnon-virtual-dtor", "-Wuseless-cast"]
+CLANG_CXX = [flag for flag in CXX if flag != "-Wuseless-cast"]
+COMPILERS = [
+    ("gcc", [*C], ".h"),
+    ("clang-14", [*C], ".h"),
+    ("g++", ["-std=c++17", *CXX], ".h"),
+    ("clang++-14", ["-std=c++17", *CLANG_CXX], ".h"),
+    ("g++", ["-std=c++20", *CXX], ".hpp"),
+    ("clang++-14", ["-std=c++20", *CLANG_CXX], ".hpp"),
+]
+
+
+def compile_alone(job):
+    compiler, flags, header = job
+    source = f"#include <vaultry/{header.name}>\n" * 2 + "int use(void);\nint use(void) { return 0; }\n"
+    run = subprocess.run([compiler, *HARSH, *flags, "-"], input=source, capture_output=True, text=True)
+    return None if run.returncode == 0 else f"{header.name} with {compiler} {flags[0]}:\n{run.stderr}"
+
+
+jobs = [(compiler, flags, header) for compiler, flags, suffix in COMPILERS if shutil.which(compiler)
+        for header in sorted((include / "vaultry").glob(f"*{suffix}"))]
+with concurrent.futures.ThreadPoolExecutor() as pool:
+    problems = [problem for problem in pool.map(compile_alone, jobs) if problem]
+print(f"{len(jobs)} compilations")
+print(*problems, sep="\n")
+sys.exit(1 if problems or not jobs else 0)
