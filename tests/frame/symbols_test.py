@@ -1,18 +1,13 @@
 """What the headers export, what the symbol map lists and what libvaultry.so really has are one set, and documented."""
-import importlib.util
-import importlib.machinery
 import pathlib
 import re
+import runpy
 import subprocess
 import sys
 
 library = sys.argv[1]
-sys.dont_write_bytecode = True
-root = pathlib.Path(__file__).resolve().parents[2]
-loader = importlib.machinery.SourceFileLoader("update_symbols", str(root / "scripts/update-symbols"))
-headers = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
-loader.exec_module(headers)
 
+headers = runpy.run_path(str(pathlib.Path(__file__).resolve().parents[2] / "scripts/update-symbols"))
 problems = []
 
 
@@ -21,11 +16,11 @@ def same(what, have, other, wanted):
     problems.extend(f"{name}: in {other}, not in {what}" for name in sorted(wanted - have))
 
 
-symbols, forgotten = headers.exported()
+symbols, forgotten = headers["exported"]()
 problems += forgotten
 declared = {name for _, _, name, _ in symbols}
 
-listed = re.findall(r"^    (\w+);$", headers.MAP.read_text(encoding="utf-8").partition("local:")[0], re.M)
+listed = re.findall(r"^    (\w+);$", headers["MAP"].read_text(encoding="utf-8").partition("local:")[0], re.M)
 same("the headers", declared, "packaging/vaultry.map", set(listed))
 if listed != sorted(listed):
     problems.append("packaging/vaultry.map is not sorted; scripts/update-symbols writes it anew")
