@@ -1,0 +1,243 @@
+// vaultry add: keeps documents as they are now.
+//
+// Whatever goes wrong, the document is kept at least once: one that is moved leaves its place only when the store has
+// it whole, and a generation that is complete but lacks something beside it stays, with a word about it.
+
+#include "add_progress.h"
+#include "commands.h"
+#include "document.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "naming.h"
+#include "space.h"
+#include "store.h"
+#include "text.h"
+
+#include <vaultry/filesystem.h>
+#include <vaultry/status.h>
+
+#include <cerrno>
+#include <ctime>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// Names of documents added in one second differ by a number; more than this many are not to be expected.
+static constexpr unsigned kMaximumAttempts = 1000;
+
+class Addition {
+public:
+    Addition(const Store &store, const Document &document, const Arguments &arguments, ProgressBar &bar)
+        : store_(store), path_(document.path), givenName_(arguments.newName), isMove_(arguments.move), bar_(bar)
+    {
+    }
+
+    // Throws if nothing was kept. Else an exit code: not success if something beside the generation is missing.
+    int Run();
+    const std::string &name() const { return name_; }
+
+private:
+    void CountWhatIsLeftOut() const;
+    void AddUnderFreeName();
+    bool AddOnce(bool copy);
+    bool AddByWhateverWay();
+    bool NameIsTaken() const;
+    [[noreturn]] void Refuse() const;
+    void EndWhereInterrupted();
+    bool WriteInfo();
+    void RemoveSource();
+    void Complain(int exitCode, const std::string &message);
+
+    const Store &store_;
+    const std::string path_;
+    const std::optional<std::string> givenName_;
+    const bool isMove_;
+    ProgressBar &bar_;
+    const time_t now_ = time(nullptr);
+
+    std::string name_;
+    Owned<TQError> error_;      // of the last try
+    bool copied_ = false;       // the document is still where it was
+    Fingerprint beforeCopying_; // of one that is to be removed after copying
+    int exitCode_ = kExitSuccess;
+};
+
+int Addition::Run()
+{
+    CountWhatIsLeftOut();
+    AddUnderFreeName();
+    bar_.Clear();
+    EndWhereInterrupted();
+    const bool isComplete = WriteInfo();
+    if (isMove_ && copied_ && isComplete) RemoveSource();
+    return exitCode_;
+}
+
+void Addition::Complain(int exitCode, const std::string &message)
+{
+    Say(message);
+    if (exitCode_ == kExitSuccess) exitCode_ = exitCode;
+}
+
+void Addition::CountWhatIsLeftOut() const
+{
+    if (IsSidecar(path_))
+        throw CommandFailure(kExitFailure, "can't add " + Quoted(path_) + ": files named \"._...\" are never kept");
+    const uint64_t count = CountSidecars(path_);
+    if (count == 0) return;
+    const std::string what = Quoted(path_) + ": " + std::to_string(count) +
+                             (count == 1 ? " file named \"._...\" is" : " files named \"._...\" are");
+    // Moving takes them along, since a directory moves as a whole; copying out passes them over.
+    Say(what + (isMove_ ? " no part of what can be copied out again" : " left out"));
+}
+
+bool Addition::AddOnce(bool copy)
+{
+    copied_ = copy;
+    return TQClientManagedStorageAdd(store_.handle(), name_.c_str(), path_.c_str(), 0, error_.out(), copy);
+}
+
+// A document on another file system can't be renamed into the store; only trying tells, since bind mounts and
+// subvolumes count as others too.
+bool Addition::AddByWhateverWay()
+{
+    if (!isMove_) return AddOnce(/*copy=*/true);
+    if (AddOnce(/*copy=*/false)) return true;
+    if (UnderlyingErrno(error_.get()) != EXDEV) return false;
+    beforeCopying_ = FingerprintOf(path_);
+    return AddOnce(/*copy=*/true);
+}
+
+bool Addition::NameIsTaken() const
+{
+    return error_ && TQErrorGetStatus(error_.get()) == kTQStatusExists && !store_.Lacks(name_);
+}
+
+void Addition::AddUnderFreeName()
+{
+    for (unsigned attempt = 0; attempt < kMaximumAttempts; ++attempt) {
+        name_ = givenName_ ? *givenName_ : DefaultGenerationName(path_, now_, attempt);
+        if (AddByWhateverWay()) return;
+        if (InterruptGuard::Came() || givenName_ || !NameIsTaken()) break;
+    }
+    Refuse();
+}
+
+void Addition::Refuse() const
+{
+    bar_.Clear();
+    const std::string what = "can't " + std::string(isMove_ ? "move " : "add ") + Quoted(path_);
+    const CommandFailure failure =
+        InterruptGuard::Came()
+            ? CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(path_) + " was not kept")
+            : CommandFailure::Library(what + " as " + Quoted(name_) + " in the store " + Quoted(store_.path()),
+                                      error_.get());
+    std::string message = failure.what();
+
+    if (IsAttributeSpace(error_.get(), store_.path(), path_)) message += std::string("\n  ") + kAttributeSpaceIsFull;
+    switch (UnderlyingErrno(error_.get())) {
+    case ELOOP:
+    case ENOENT:
+    case ENOTSUP:
+    case ENXIO:
+    case EPERM: // what the tree walk finds of these is the reason
+        if (const std::string item = FindWhatCannotBeKept(path_); !item.empty()) message += "\n  " + item;
+        break;
+    default:
+        break;
+    }
+    // Giving a moved document back can fail too; the library then leaves it where it is and touches it no more.
+    struct stat status {};
+    if (isMove_ && lstat(path_.c_str(), &status) != 0 && errno == ENOENT)
+        message += "\n  the document could not be put back: it lies below " +
+                   Quoted(store_.path() + "/.vaultry_staging") + ", and nothing will remove it there";
+    throw CommandFailure(failure.exitCode(), message);
+}
+
+// A signal that came too late to cancel. What was copied is taken out again; what was moved is kept, since
+// the store has it whole and it is nowhere else.
+void Addition::EndWhereInterrupted()
+{
+    if (!InterruptGuard::Came() || !copied_) return;
+    store_.Remove(name_);
+    throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(path_) + " was not kept");
+}
+
+bool Addition::WriteInfo()
+{
+    const Owned<TQData> document(TQDataCreate(path_.data(), path_.size()));
+    const Owned<TQDate> time(TQDateCreate(static_cast<double>(now_)));
+    const struct {
+        const char *key;
+        TQValue *value;
+    } entries[] = {{kDocumentKey, document.get()}, {kTimeKey, time.get()}};
+    for (const auto &entry : entries) {
+        Owned<TQError> error;
+        errno = 0;
+        if (TQClientManagedStorageSetGenerationInfoValueForKey(store_.handle(), name_.c_str(),
+                                                               MakeString(entry.key).get(), entry.value, error.out()))
+            continue;
+        // A write that fails gives no error object; its errno is all that tells why.
+        const int reason = errno;
+        const std::string what = Quoted(path_) + " is kept whole as " + Quoted(name_) + ", but " + Quoted(entry.key) +
+                                 " could not be written: list may not show it with its document";
+        const CommandFailure failure =
+            error ? CommandFailure::Library(what, error.get()) : CommandFailure::Errno(what, reason);
+        const bool isAttributeSpace = reason == ENOSPC && HasFreeSpace(store_.path(), 1 << 20, 16);
+        Complain(failure.exitCode(),
+                 failure.what() + (isAttributeSpace ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
+        return false;
+    }
+    return true;
+}
+
+void Addition::RemoveSource()
+{
+    const std::string kept = Quoted(name_) + " holds " + Quoted(path_) + ", which also stays where it is: ";
+    if (InterruptGuard::Came()) return Complain(InterruptGuard::ExitCode(), kept + "stopped before it was removed");
+    try {
+        if (FingerprintOf(path_) != beforeCopying_)
+            return Complain(kExitFailure, kept + "it was changed while it was copied");
+    } catch (const CommandFailure &failure) {
+        return Complain(failure.exitCode(), kept + failure.what());
+    }
+    Owned<TQError> error;
+    if (_RemoveTree(path_.c_str(), 0, error.out())) return;
+    const CommandFailure failure = CommandFailure::Library(
+        Quoted(name_) + " holds " + Quoted(path_) + ", but not all of it could be removed where it was", error.get());
+    Complain(failure.exitCode(), failure.what());
+}
+
+static int _AddDocument(const Store &store, const std::string &given, const Arguments &arguments)
+{
+    const Document document = ResolveDocument(given);
+    if (document.wasLink)
+        Say(Quoted(given) + " is a link: " + (arguments.move ? "moving " : "keeping ") + Quoted(document.path));
+
+    AddProgress progress(Printable(BaseName(document.path)));
+    const InterruptGuard interrupts(progress.get());
+    Addition addition(store, document, arguments, progress.bar());
+    const int exitCode = addition.Run();
+    // For a script the name as it is, for a terminal in a form that can't harm it.
+    puts(isatty(STDOUT_FILENO) ? Printable(addition.name()).c_str() : addition.name().c_str());
+    fflush(stdout);
+    return exitCode;
+}
+
+int RunAdd(const Arguments &arguments)
+{
+    if (arguments.newName) CheckGenerationName(*arguments.newName);
+    const Store store = Store::OpenOrMake(LocateStore(arguments.store));
+    int exitCode = kExitSuccess;
+    for (const std::string &document : arguments.documents) {
+        int one = kExitSuccess;
+        try {
+            one = _AddDocument(store, document, arguments);
+        } catch (const CommandFailure &failure) {
+            Say(failure.what());
+            one = failure.exitCode();
+        }
+        if (InterruptGuard::Came()) return InterruptGuard::ExitCode();
+        if (exitCode == kExitSuccess) exitCode = one;
+    }
+    return exitCode;
+}

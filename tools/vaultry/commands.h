@@ -1,0 +1,12 @@
+// The subcommands. Each returns an exit code, or throws CommandFailure when there is nothing more to do.
+
+#pragma once
+
+#include "arguments.h"
+
+int RunInit(const Arguments &arguments);
+int RunAdd(const Arguments &arguments);
+int RunList(const Arguments &arguments);
+int RunCopy(const Arguments &arguments);
+int RunRemove(const Arguments &arguments);
+int RunDestroy(const Arguments &arguments);

@@ -1,0 +1,104 @@
+// vaultry copy: brings a generation back as an ordinary, writable document.
+
+#include "commands.h"
+#include "copy_watch.h"
+#include "document.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "naming.h"
+#include "space.h"
+#include "store.h"
+#include "text.h"
+
+#include <vaultry/filesystem.h>
+#include <vaultry/status.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// What the document was called, where the store knows it; else the generation's own name.
+static std::string _OwnName(const Store &store, const std::string &name)
+{
+    const std::string own = BaseName(store.InfoOf(name).document.value_or(""));
+    // Any client may have written it, so it is no path before it was looked at.
+    return own.empty() || own == "." || own == ".." || own.find('\0') != own.npos ? name : own;
+}
+
+// As cp has it: into an existing directory, else under exactly this name.
+static std::string _DestinationPath(const Store &store, const std::string &name, const std::string &given)
+{
+    if (given.empty()) throw CommandFailure(kExitUsage, "the destination is empty");
+    const std::string path = WithoutTrailingSlashes(given);
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
+        return AbsolutePath(path == "/" ? "" : path) + "/" + _OwnName(store, name);
+    if (given.back() == '/') throw CommandFailure(kExitFailure, "there is no directory " + Quoted(given));
+    return AbsolutePath(path);
+}
+
+static void _CheckDestination(const Store &store, const std::string &destination)
+{
+    struct stat status {};
+    // The library takes a link to nothing for nothing, and would remove it after failing on it.
+    if (lstat(destination.c_str(), &status) == 0)
+        throw CommandFailure(kExitExists, Quoted(destination) + " is there already, and nothing is ever replaced");
+    if (errno != ENOENT) throw CommandFailure::Errno("can't copy to " + Quoted(destination), errno);
+
+    const std::string parent = destination.substr(0, destination.rfind('/') + 1);
+    const std::unique_ptr<char, void (*)(void *)> resolved(realpath(parent.c_str(), nullptr), free);
+    if (!resolved) throw CommandFailure::Errno("can't copy to the directory " + Quoted(parent), errno);
+    // Root could write there, and would make a generation that nothing protects.
+    if ((std::string(resolved.get()) + "/").rfind(store.path() + "/", 0) == 0)
+        throw CommandFailure(kExitFailure, Quoted(destination) + " is inside the store " + Quoted(store.path()));
+}
+
+static CommandFailure _NoSuchGeneration(const Store &store, const std::string &name)
+{
+    return CommandFailure(kExitNoSuchGeneration,
+                          "there is no generation " + Quoted(name) + " in the store " + Quoted(store.path()));
+}
+
+static void _Copy(const Store &store, const std::string &name, const std::string &destination)
+{
+    const InterruptGuard interrupts("\nvaultry: stopping: the copy is removed as soon as it is through; "
+                                    "once more ends at once and leaves what is there\n");
+    Owned<TQError> error;
+    bool isCopied = false;
+    {
+        const CopyWatch watch(store.PathOf(name), destination);
+        isCopied = TQClientManagedStorageCopyGeneration(store.handle(), name.c_str(), destination.c_str(), error.out());
+    }
+    if (InterruptGuard::Came()) {
+        Owned<TQError> removal;
+        if (isCopied && !_RemoveTree(destination.c_str(), 0, removal.out()))
+            throw CommandFailure::Library("stopped, but can't remove " + Quoted(destination), removal.get());
+        throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
+    }
+    if (isCopied) return;
+    const CommandFailure failure =
+        CommandFailure::Library("can't copy " + Quoted(name) + " to " + Quoted(destination), error.get());
+    const std::string parent = destination.substr(0, destination.rfind('/') + 1);
+    if (!IsAttributeSpace(error.get(), parent, store.PathOf(name))) throw failure;
+    throw CommandFailure(failure.exitCode(), std::string(failure.what()) + "\n  " + kAttributeSpaceIsFull);
+}
+
+int RunCopy(const Arguments &arguments)
+{
+    const std::string path = LocateStore(arguments.store);
+    const std::optional<Store> store = Store::OpenExisting(path);
+    if (!store) throw CommandFailure(kExitNoSuchGeneration, "there is no store at " + Quoted(path));
+    const std::string &name = arguments.name;
+    try {
+        const std::string destination = _DestinationPath(*store, name, arguments.destination);
+        _CheckDestination(*store, destination);
+        _Copy(*store, name, destination);
+        const std::string shown = isatty(STDOUT_FILENO) ? Printable(destination) : destination;
+        puts(shown.c_str());
+    } catch (const CommandFailure &failure) {
+        if (failure.exitCode() == kExitFailure && store->Lacks(name)) throw _NoSuchGeneration(*store, name);
+        throw;
+    }
+    return kExitSuccess;
+}

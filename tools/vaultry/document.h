@@ -1,0 +1,36 @@
+// The document that the user names, and what its tree holds.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct Document {
+    std::string path; // absolute, free of links
+    bool wasLink;     // the user named a link to it
+};
+
+// The document that `given` names. Throws if there is none.
+Document ResolveDocument(const std::string &given);
+
+// The absolute path that the document would have had, also when it exists no more.
+std::string DocumentPath(const std::string &given);
+
+// Whether the library passes the item over, as it does with files that are named "._...".
+bool IsSidecar(const std::string &path);
+
+// How many such files a tree holds.
+uint64_t CountSidecars(const std::string &path);
+
+// Where and what the first item is that can't be kept, as part of a sentence; empty if there is none. Links alone,
+// or FIFOs, sockets and devices too.
+std::string FindWhatCannotBeKept(const std::string &path);
+
+// Stands for the whole tree as it is now: two that are equal were taken of an unchanged tree. Names, inodes, sizes
+// and times of every item; not contents, since writing them changes the times. Throws if part can't be read.
+struct Fingerprint {
+    uint64_t items = 0;
+    uint64_t sum = 0;
+    friend bool operator==(const Fingerprint &, const Fingerprint &) = default;
+};
+Fingerprint FingerprintOf(const std::string &path);

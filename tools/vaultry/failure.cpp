@@ -1,0 +1,55 @@
+// See failure.h.
+
+#include "failure.h"
+
+#include "owned.h"
+#include "text.h"
+
+#include <vaultry/status.h>
+
+#include <cstdio>
+#include <cstring>
+
+int ExitCodeForStatus(int status)
+{
+    switch (status) {
+    case kTQStatusExists:
+        return kExitExists;
+    case kTQStatusPermissionDenied:
+    case kTQStatusReadOnly:
+        return kExitPermission;
+    case kTQStatusNoSpace:
+        return kExitNoSpace;
+    default:
+        return kExitFailure;
+    }
+}
+
+CommandFailure CommandFailure::Library(const std::string &what, const TQError *error)
+{
+    // A message with a path that is not UTF-8 costs the library its error object: the log has the reason then.
+    if (!error)
+        return CommandFailure(kExitFailure, what + ": the library gave no reason (-v shows its diagnostic lines)");
+    const Owned<TQString> description(TQErrorCopyDescription(error));
+    return CommandFailure(ExitCodeForStatus(TQErrorGetStatus(error)),
+                          what + ": " + Printable(ToText(description.get())));
+}
+
+CommandFailure CommandFailure::Errno(const std::string &what, int errorNumber)
+{
+    return CommandFailure(ExitCodeForStatus(TQGetStatusForErrno(errorNumber)), what + ": " + strerror(errorNumber));
+}
+
+int UnderlyingErrno(const TQError *error)
+{
+    const TQError *underlying = error ? TQErrorGetUnderlying(error) : nullptr;
+    if (!underlying || !TQEqual(TQErrorGetDomain(underlying), kTQPOSIXErrorDomain)) return 0;
+    return static_cast<int>(TQErrorGetCode(underlying));
+}
+
+void Say(const std::string &message)
+{
+    // Whatever was listed so far comes first where both streams end up in one place.
+    fflush(stdout);
+    fprintf(stderr, "vaultry: %s\n", message.c_str());
+}

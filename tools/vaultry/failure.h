@@ -1,0 +1,44 @@
+// What the command says when something goes wrong, and the number with which it ends.
+//
+// A failure is one sentence that names the operation, the place and the reason, then at most a few lines that
+// explain it. It is thrown where it is known and said once, where the command decides whether to go on.
+
+#pragma once
+
+#include <vaultry/error.h>
+
+#include <stdexcept>
+#include <string>
+
+enum ExitCode {
+    kExitSuccess = 0,
+    kExitFailure = 1,
+    kExitUsage = 2,
+    kExitNoSuchGeneration = 3,
+    kExitExists = 4,
+    kExitPermission = 5,
+    kExitNoSpace = 6,
+    kExitSignal = 128, // plus the signal's number: 130 for Ctrl-C
+};
+
+class CommandFailure : public std::runtime_error {
+public:
+    CommandFailure(int exitCode, const std::string &message) : std::runtime_error(message), exitCode_(exitCode) {}
+
+    // `what` is the operation and its place, "can't add \"a\""; the reason is added to it.
+    static CommandFailure Library(const std::string &what, const TQError *error);
+    static CommandFailure Errno(const std::string &what, int errorNumber);
+
+    int exitCode() const { return exitCode_; }
+
+private:
+    int exitCode_;
+};
+
+int ExitCodeForStatus(int status);
+
+// The number of the system error underneath `error`; 0 if there is none.
+int UnderlyingErrno(const TQError *error);
+
+// One line on standard error, after "vaultry: ".
+void Say(const std::string &message);

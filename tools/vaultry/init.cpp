@@ -1,0 +1,17 @@
+// vaultry init: makes the store, or says that it is there.
+
+#include "commands.h"
+#include "store.h"
+#include "text.h"
+
+int RunInit(const Arguments &arguments)
+{
+    const std::string path = LocateStore(arguments.store);
+    const bool wasThere = LookAtPlace(path) == PlaceKind::Store;
+    const Store store = Store::OpenOrMake(path);
+    if (wasThere)
+        printf("%s is a store already; generations: %zu\n", Quoted(path).c_str(), store.Names().size());
+    else
+        printf("%s is a store now\n", Quoted(path).c_str());
+    return 0;
+}

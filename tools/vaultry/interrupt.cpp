@@ -1,0 +1,71 @@
+// See interrupt.h.
+
+#include "interrupt.h"
+
+#include "failure.h"
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <unistd.h>
+
+static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP};
+
+static std::atomic<int> gSignal{0};
+static std::atomic<TQProgress *> gProgress{nullptr};
+static std::atomic<const char *> gMessage{nullptr};
+static std::array<struct sigaction, kSignals.size()> gPrevious;
+
+extern "C" {
+static void _OnSignal(int number)
+{
+    const int before = gSignal.exchange(number);
+    if (TQProgress *progress = gProgress) {
+        TQProgressCancel(progress);
+        return;
+    }
+    const char *message = gMessage;
+    if (!message) return;
+    if (before == 0) {
+        (void)!write(STDERR_FILENO, message, strlen(message));
+    } else {
+        // Delivered when this handler returns.
+        signal(number, SIG_DFL);
+        raise(number);
+    }
+}
+}
+
+InterruptGuard::InterruptGuard(TQProgress *progress, const char *message)
+{
+    gProgress = progress;
+    gMessage = message;
+    for (size_t i = 0; i < kSignals.size(); ++i) {
+        struct sigaction action {};
+        action.sa_handler = _OnSignal;
+        sigaction(kSignals[i], nullptr, &gPrevious[i]);
+        if (gPrevious[i].sa_handler != SIG_IGN) sigaction(kSignals[i], &action, nullptr);
+    }
+}
+
+InterruptGuard::InterruptGuard(TQProgress *progress) : InterruptGuard(progress, nullptr) {}
+
+InterruptGuard::InterruptGuard(const char *message) : InterruptGuard(nullptr, message) {}
+
+InterruptGuard::~InterruptGuard()
+{
+    for (size_t i = 0; i < kSignals.size(); ++i) sigaction(kSignals[i], &gPrevious[i], nullptr);
+    gProgress = nullptr;
+    gMessage = nullptr;
+}
+
+bool InterruptGuard::Came()
+{
+    return gSignal != 0;
+}
+
+int InterruptGuard::ExitCode()
+{
+    return kExitSignal + gSignal;
+}

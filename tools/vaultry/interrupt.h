@@ -1,0 +1,28 @@
+// Ctrl-C while something is under way.
+//
+// What is under way ends cleanly: adding is cancelled through its progress; copying out can't be, and is undone when
+// it is through. A handler only stores flags, cancels (which is one atomic store) and writes. Waiting for
+// the store's lock ends at once, since the handlers don't restart system calls.
+
+#pragma once
+
+#include <vaultry/progress.h>
+
+// Catches SIGINT, SIGTERM and SIGHUP as long as it lives; one at a time. A signal that was ignored stays so.
+class InterruptGuard {
+public:
+    // Cancels `progress`, as often as a signal comes.
+    explicit InterruptGuard(TQProgress *progress);
+    // Writes `message` at the first signal. The second ends the process as if nobody had caught it.
+    explicit InterruptGuard(const char *message);
+    ~InterruptGuard();
+    InterruptGuard(const InterruptGuard &) = delete;
+    InterruptGuard &operator=(const InterruptGuard &) = delete;
+
+    // Whether a signal came, and the exit code for it.
+    static bool Came();
+    static int ExitCode();
+
+private:
+    InterruptGuard(TQProgress *progress, const char *message);
+};

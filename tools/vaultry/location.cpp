@@ -1,0 +1,104 @@
+// See location.h.
+
+#include "location.h"
+
+#include "failure.h"
+#include "text.h"
+
+#include <vaultry/path.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <dirent.h>
+#include <memory>
+#include <pwd.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static constexpr std::string_view kLockFileName = ".vaultry_lockfile";
+static constexpr std::string_view kStagingName = ".vaultry_staging";
+
+// An unset variable and an empty one mean the same.
+static std::string _Environment(const char *name)
+{
+    const char *value = getenv(name);
+    return value ? value : "";
+}
+
+static std::string _DataDirectory()
+{
+    // A relative path in this variable is to be ignored: it would mean another place in every directory.
+    const std::string data = _Environment("XDG_DATA_HOME");
+    if (!data.empty() && data.front() == '/') return data;
+    std::string home = _Environment("HOME");
+    if (home.empty()) {
+        const struct passwd *user = getpwuid(geteuid());
+        if (user) home = user->pw_dir;
+    }
+    if (home.empty()) throw CommandFailure(kExitUsage, "no home directory to keep a store in: give --store DIR");
+    return home + "/.local/share";
+}
+
+std::string AbsolutePath(const std::string &path)
+{
+    if (!path.empty() && path.front() == '/') return path;
+    const std::unique_ptr<char, void (*)(void *)> directory(getcwd(nullptr, 0), free);
+    if (!directory) throw CommandFailure::Errno("can't find the current directory", errno);
+    return std::string(directory.get()) + "/" + path;
+}
+
+std::string LocateStore(const std::optional<std::string> &given)
+{
+    if (given && given->empty()) throw CommandFailure(kExitUsage, "--store: the path is empty");
+    std::string path = given ? *given : _Environment("VAULTRY_STORE");
+    path = path.empty() ? _DataDirectory() + "/vaultry/store" : AbsolutePath(path);
+    const std::unique_ptr<char, void (*)(void *)> resolved(realpath(path.c_str(), nullptr), free);
+    return resolved ? resolved.get() : path;
+}
+
+// Calls `visit` with every name but "." and ".." until it returns false.
+template <class Visit> static void _EachName(const std::string &path, Visit visit)
+{
+    const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(path.c_str()), closedir);
+    if (!directory) throw CommandFailure::Errno("can't read the directory " + Quoted(path), errno);
+    while (const dirent *entry = readdir(directory.get())) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != ".." && !visit(name)) return;
+    }
+}
+
+PlaceKind LookAtPlace(const std::string &path)
+{
+    struct stat status {};
+    const auto exists = [&](std::string_view name) {
+        return lstat((path + "/" + std::string(name)).c_str(), &status) == 0;
+    };
+    if (lstat(path.c_str(), &status) != 0) {
+        if (errno == ENOENT) return PlaceKind::Missing;
+        throw CommandFailure::Errno("can't look at the store " + Quoted(path), errno);
+    }
+    if (!S_ISDIR(status.st_mode)) return PlaceKind::Other;
+    if (exists(kLockFileName) && S_ISREG(status.st_mode) && exists(kStagingName) && S_ISDIR(status.st_mode))
+        return PlaceKind::Store;
+
+    bool isFree = true;
+    _EachName(path, [&](std::string_view name) { return isFree = name == kLockFileName || name == kStagingName; });
+    return isFree ? PlaceKind::Free : PlaceKind::Other;
+}
+
+void MakePlace(const std::string &path)
+{
+    if (TQRecursiveMkdir(path.c_str(), 0700) != 0)
+        throw CommandFailure::Errno("can't make the directory " + Quoted(path) + " for the store", errno);
+}
+
+uint64_t CountGenerations(const std::string &path)
+{
+    uint64_t count = 0;
+    _EachName(path, [&](std::string_view name) {
+        count += name.front() != '.';
+        return true;
+    });
+    return count;
+}

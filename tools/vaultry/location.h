@@ -1,0 +1,29 @@
+// Where the store is, and what is there.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+// The absolute path of the store: what --store said, else $VAULTRY_STORE, else the user's data directory. With links
+// resolved where it exists, since the library takes no link for a store.
+std::string LocateStore(const std::optional<std::string> &given);
+
+enum class PlaceKind {
+    Missing,
+    Free,  // an empty directory, or one in which making a store was cut short
+    Store, // has the store's lock file and its staging area
+    Other, // anything else: never to be touched
+};
+
+PlaceKind LookAtPlace(const std::string &path);
+
+// Makes the directory of a store, which nobody else may look into, and its parents.
+void MakePlace(const std::string &path);
+
+// How many generations a store directory holds, as far as its directory can be read.
+uint64_t CountGenerations(const std::string &path);
+
+// The absolute path, without touching the last component.
+std::string AbsolutePath(const std::string &path);

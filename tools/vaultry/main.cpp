@@ -1,0 +1,77 @@
+// The vaultry command: earlier versions of documents, kept and brought back from a shell.
+//
+// A client like any other: it uses the public headers alone. One subcommand a file; what goes wrong is thrown as a
+// CommandFailure and said here.
+
+#include "commands.h"
+#include "failure.h"
+#include "progress_bar.h"
+
+#include <vaultry/log.h>
+
+#include <clocale>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <syslog.h>
+
+static void _OpenLog(bool verbose)
+{
+    // What the library logs carries this name in the system log; with -v it comes here too.
+    openlog("vaultry", verbose ? LOG_PERROR : 0, LOG_USER);
+    if (!verbose) return;
+    while (!tq_log_set_level(LOG_DEBUG)) {
+    }
+    ProgressBar::DisableAll();
+}
+
+static int _Run(const Arguments &arguments)
+{
+    switch (arguments.command) {
+    case Command::Init:
+        return RunInit(arguments);
+    case Command::Add:
+        return RunAdd(arguments);
+    case Command::List:
+        return RunList(arguments);
+    case Command::Copy:
+        return RunCopy(arguments);
+    case Command::Remove:
+        return RunRemove(arguments);
+    case Command::Destroy:
+        return RunDestroy(arguments);
+    }
+    return kExitUsage;
+}
+
+static int _RunAndReport(int argc, char **argv)
+{
+    try {
+        Arguments arguments;
+        if (const auto exitCode = ParseArguments(argc, argv, arguments)) return *exitCode;
+        _OpenLog(arguments.verbose);
+        return _Run(arguments);
+    } catch (const CommandFailure &failure) {
+        Say(failure.what());
+        return failure.exitCode();
+    } catch (const std::bad_alloc &) {
+        Say("out of memory");
+    } catch (const std::exception &exception) {
+        Say(exception.what());
+    }
+    return kExitFailure;
+}
+
+int main(int argc, char **argv)
+{
+    // Only the width of characters is wanted: names are UTF-8 whatever the user's locale is.
+    setlocale(LC_CTYPE, "C.UTF-8");
+    const int exitCode = _RunAndReport(argc, argv);
+    // A list that did not arrive is no success.
+    if (fflush(stdout) != 0 && exitCode == kExitSuccess) {
+        Say(std::string("can't write to standard output: ") + strerror(errno));
+        return kExitFailure;
+    }
+    return exitCode;
+}

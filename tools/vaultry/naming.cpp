@@ -1,0 +1,98 @@
+// See naming.h.
+
+#include "naming.h"
+
+#include "failure.h"
+#include "owned.h"
+#include "text.h"
+
+#include <vaultry/path.h>
+
+#include <algorithm>
+#include <string_view>
+
+// An extension that is longer than this is part of somebody's sentence, not a kind of file.
+static constexpr size_t kMaximumExtensionLength = 32;
+
+static std::string _Escaped(std::string_view bytes)
+{
+    std::string text;
+    while (!bytes.empty()) {
+        const size_t length = CharacterLength(bytes);
+        const std::string_view character = bytes.substr(0, std::max<size_t>(length, 1));
+        if (length > 0 && Printable(character) == character) {
+            text += character;
+        } else {
+            char escape[4];
+            for (const char byte : character) {
+                snprintf(escape, sizeof escape, "%%%02x", static_cast<unsigned>(static_cast<unsigned char>(byte)));
+                text += escape;
+            }
+        }
+        bytes.remove_prefix(character.size());
+    }
+    return text;
+}
+
+// Where the extension begins, its dot included; the end of the name if it has none.
+static size_t _ExtensionStart(const std::string &name)
+{
+    const char *extension = TQGetFileNameExtensionForPath(name.c_str());
+    if (!extension) return name.size();
+    const std::string_view text = extension;
+    if (text.size() < 2 || text.find(' ') != text.npos) return name.size();
+    return name.size() - text.size();
+}
+
+static void _CutBetweenCharacters(std::string &text, size_t limit)
+{
+    if (text.size() <= limit) return;
+    while (limit > 0 && (static_cast<unsigned char>(text[limit]) & 0xc0) == 0x80) --limit;
+    text.resize(limit);
+}
+
+std::string BaseName(const std::string &path)
+{
+    return path.substr(path.rfind('/') + 1);
+}
+
+std::string WithoutTrailingSlashes(std::string path)
+{
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+std::string DefaultGenerationName(const std::string &documentPath, time_t now, unsigned attempt)
+{
+    const std::string name = BaseName(documentPath);
+    size_t split = _ExtensionStart(name);
+    std::string extension = _Escaped(std::string_view(name).substr(split));
+    if (extension.size() > kMaximumExtensionLength) {
+        split = name.size();
+        extension.clear();
+    }
+    std::string stem = _Escaped(std::string_view(name).substr(0, split));
+    // The store keeps names that begin with a dot for itself.
+    if (!stem.empty() && stem.front() == '.') stem.front() = '_';
+
+    struct tm utc {};
+    char time[32];
+    gmtime_r(&now, &utc);
+    strftime(time, sizeof time, " %Y-%m-%dT%H.%M.%SZ", &utc);
+    const std::string suffix = time + (attempt == 0 ? "" : "-" + std::to_string(attempt + 1)) + extension;
+
+    _CutBetweenCharacters(stem, kMaximumNameLength - suffix.size());
+    return stem + suffix;
+}
+
+void CheckGenerationName(const std::string &name)
+{
+    const std::string what = "--name " + Quoted(name);
+    const Owned<TQString> string = MakeString(name);
+    if (!string) throw CommandFailure(kExitUsage, what + ": a name has to be UTF-8");
+    if (name.empty()) throw CommandFailure(kExitUsage, what + ": a name has to have at least one character");
+    char buffer[kMaximumNameLength + 1];
+    Owned<TQError> error;
+    if (!validateTQName(string.get(), error.out()) || !TQStringGetGenName(string.get(), buffer, error.out()))
+        throw CommandFailure(kExitUsage, CommandFailure::Library(what, error.get()).what());
+}

@@ -1,0 +1,37 @@
+// One line on the terminal that shows how far a long operation is.
+
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+// Appears after half a second, so that short operations leave the terminal alone, and goes without a trace. Shows
+// nothing where standard error is no terminal. Belongs to one thread at a time.
+class ProgressBar {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    // `label` is printable text, such as the document's name.
+    explicit ProgressBar(std::string label);
+    ~ProgressBar() { Clear(); }
+    ProgressBar(const ProgressBar &) = delete;
+    ProgressBar &operator=(const ProgressBar &) = delete;
+
+    // Draws, if it is time to. A total of 0 or less is unknown.
+    void Update(int64_t done, int64_t total);
+    void Clear();
+
+    // Whether bars are shown at all, which is where standard error is a terminal.
+    static bool AreShown();
+    static void DisableAll();
+
+private:
+    std::string Line(int64_t done, int64_t total, double seconds) const;
+
+    std::string label_;
+    bool enabled_;
+    bool shown_ = false;
+    Clock::time_point start_ = Clock::now();
+    Clock::time_point next_ = start_ + std::chrono::milliseconds(500);
+};

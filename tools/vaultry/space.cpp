@@ -1,0 +1,46 @@
+// See space.h.
+
+#include "space.h"
+
+#include "failure.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <sys/statvfs.h>
+
+namespace fs = std::filesystem;
+
+bool HasFreeSpace(const std::string &directory, uint64_t bytes, uint64_t items)
+{
+    struct statvfs volume {};
+    if (statvfs(directory.c_str(), &volume) != 0) return false;
+    // File systems that make inodes as they need them count none.
+    const bool inodesLeft = volume.f_files == 0 || volume.f_favail > items;
+    return inodesLeft && volume.f_bavail * volume.f_frsize > bytes;
+}
+
+bool IsAttributeSpace(const TQError *error, const std::string &directory, const std::string &needed)
+{
+    if (UnderlyingErrno(error) != ENOSPC) return false;
+    // What failed has been removed again: that there is room now says something only of what would have fitted.
+    static constexpr uint64_t kOverheadOfAnItem = 4096;
+    uint64_t bytes = 1 << 20;
+    uint64_t items = 16;
+    const auto include = [&](const fs::path &path, fs::file_type type) {
+        std::error_code ignored;
+        const uintmax_t size = type == fs::file_type::regular ? fs::file_size(path, ignored) : 0;
+        if (!ignored) bytes += size;
+        bytes += kOverheadOfAnItem;
+        ++items;
+    };
+    std::error_code failure;
+    const fs::file_type top = fs::symlink_status(needed, failure).type();
+    include(needed, top);
+    if (top == fs::file_type::directory)
+        for (fs::recursive_directory_iterator item(needed, failure), end; !failure && item != end;
+             item.increment(failure)) {
+            std::error_code ignored;
+            include(item->path(), item->symlink_status(ignored).type());
+        }
+    return !failure && HasFreeSpace(directory, bytes, items);
+}

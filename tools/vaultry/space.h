@@ -1,0 +1,21 @@
+// "No space" that is not the disk's.
+//
+// ext4 keeps all extended attributes of an item in about 4 KiB and answers as a full disk does when they are used up.
+// The remedy is another one, so a person has to be told.
+
+#pragma once
+
+#include <vaultry/error.h>
+
+#include <string>
+
+// Whether `error` says that there is no space although the file system at `directory` could hold the whole tree
+// at `needed`.
+bool IsAttributeSpace(const TQError *error, const std::string &directory, const std::string &needed);
+
+// Whether the file system at `directory` has blocks and inodes to spare.
+bool HasFreeSpace(const std::string &directory, uint64_t bytes, uint64_t items);
+
+inline constexpr char kAttributeSpaceIsFull[] =
+    "the disk is not full: it is the space for the item's own extended attributes (its access-control list among "
+    "them), of which a file system such as ext4 has about 4 KiB for each item";

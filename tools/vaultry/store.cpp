@@ -1,0 +1,109 @@
+// See store.h.
+
+#include "store.h"
+
+#include "failure.h"
+#include "text.h"
+
+#include <vaultry/url.h>
+
+static CommandFailure _NoStore(const std::string &path)
+{
+    return CommandFailure(kExitFailure,
+                          Quoted(path) + " is no store, and not an empty directory that could become one");
+}
+
+Store::Store(const std::string &path) : path_(path), handle_(nullptr, TQClientManagedStorageFree)
+{
+    Owned<TQError> error;
+    handle_.reset(TQClientManagedStorageCreate(path.c_str(), error.out()));
+    if (!handle_) throw CommandFailure::Library("can't open the store " + Quoted(path), error.get());
+}
+
+Store Store::OpenOrMake(const std::string &path)
+{
+    switch (LookAtPlace(path)) {
+    case PlaceKind::Other:
+        throw _NoStore(path);
+    case PlaceKind::Missing:
+        MakePlace(path);
+        break;
+    case PlaceKind::Free:
+    case PlaceKind::Store:
+        break;
+    }
+    return Store(path);
+}
+
+std::optional<Store> Store::OpenExisting(const std::string &path)
+{
+    switch (LookAtPlace(path)) {
+    case PlaceKind::Other:
+        throw _NoStore(path);
+    case PlaceKind::Missing:
+    case PlaceKind::Free:
+        return std::nullopt;
+    case PlaceKind::Store:
+        break;
+    }
+    return Store(path);
+}
+
+std::set<std::string> Store::Names() const
+{
+    Owned<TQError> error;
+    const Owned<TQArray> array(TQClientManagedStorageCopyGenerationNames(handle(), error.out()));
+    if (!array) throw CommandFailure::Library("can't list the store " + Quoted(path_), error.get());
+    std::set<std::string> names;
+    for (size_t i = 0; i < TQArrayGetCount(array.get()); ++i)
+        names.insert(ToText(static_cast<const TQString *>(TQArrayGetValueAtIndex(array.get(), i))));
+    return names;
+}
+
+bool Store::Lacks(const std::string &name) const noexcept
+{
+    try {
+        return Names().count(name) == 0;
+    } catch (const std::exception &) {
+        return false;
+    }
+}
+
+void Store::Remove(const std::string &name) const
+{
+    const Owned<TQString> string = MakeString(name);
+    TQValue *value = string.get();
+    const Owned<TQArray> names(TQArrayCreate(&value, 1));
+    Owned<TQError> error;
+    if (!TQClientManagedStorageRemoveGenerations(handle(), names.get(), error.out()))
+        throw CommandFailure::Library("can't remove " + Quoted(name) + " from the store " + Quoted(path_), error.get());
+}
+
+std::string Store::PathOf(const std::string &name) const
+{
+    Owned<TQError> error;
+    const Owned<TQURL> url(TQClientManagedStorageCopyURLForGeneration(handle(), name.c_str(), error.out()));
+    const char *path = TQURLGetPath(url.get());
+    if (!path) throw CommandFailure::Library("can't find the generation " + Quoted(name), error.get());
+    return path;
+}
+
+GenerationInfo Store::InfoOf(const std::string &name) const
+{
+    Owned<TQError> error;
+    const Owned<TQDictionary> dictionary(
+        TQClientManagedStorageCopyGenerationInfoDictionary(handle(), name.c_str(), error.out()));
+    if (!dictionary)
+        throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get());
+
+    // Any client may have written these keys: a value of another kind counts as none.
+    GenerationInfo info;
+    const TQValue *document = TQDictionaryGetValue(dictionary.get(), MakeString(kDocumentKey).get());
+    if (TQGetTypeID(document) == TQDataGetTypeID()) {
+        const auto *data = static_cast<const TQData *>(document);
+        info.document.emplace(static_cast<const char *>(TQDataGetBytes(data)), TQDataGetLength(data));
+    }
+    const TQValue *time = TQDictionaryGetValue(dictionary.get(), MakeString(kTimeKey).get());
+    if (TQGetTypeID(time) == TQDateGetTypeID()) info.time = TQDateGetSeconds(static_cast<const TQDate *>(time));
+    return info;
+}

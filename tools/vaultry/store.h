@@ -1,0 +1,51 @@
+// An open store, and what every subcommand asks of it.
+
+#pragma once
+
+#include "location.h"
+#include "owned.h"
+
+#include <vaultry/collections.h>
+#include <vaultry/storage.h>
+
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+// What the command wrote beside a generation when it kept it; absent where another client did.
+struct GenerationInfo {
+    std::optional<std::string> document; // absolute path, any bytes
+    std::optional<double> time;          // seconds since 1970
+};
+
+class Store {
+public:
+    // Opens the store; makes it first where there is nothing or an empty directory.
+    static Store OpenOrMake(const std::string &path);
+    // Opens the store; none if there is nothing yet, and refuses what is no store.
+    static std::optional<Store> OpenExisting(const std::string &path);
+
+    const std::string &path() const { return path_; }
+    const TQClientManagedStorage *handle() const { return handle_.get(); }
+
+    std::set<std::string> Names() const;
+    // Whether there is surely no such generation, by the names: the status of a failed operation would not tell this
+    // from an invalid name. False too if the names can't be read.
+    bool Lacks(const std::string &name) const noexcept;
+    // Where a generation lies.
+    std::string PathOf(const std::string &name) const;
+    GenerationInfo InfoOf(const std::string &name) const;
+    // Passes over a name without a generation.
+    void Remove(const std::string &name) const;
+
+private:
+    Store(const std::string &path);
+
+    std::string path_;
+    std::unique_ptr<TQClientManagedStorage, void (*)(TQClientManagedStorage *)> handle_;
+};
+
+// The info dictionary's keys, which other clients may read and write.
+inline constexpr char kDocumentKey[] = "vaultry.document"; // data: the bytes of the absolute path
+inline constexpr char kTimeKey[] = "vaultry.time";         // date

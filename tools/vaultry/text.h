@@ -1,0 +1,54 @@
+// Text for people: names that can't harm a terminal, sizes, times, columns.
+
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// The bytes as text. Control characters, those that turn the writing direction, and bytes that are not
+// UTF-8 become escapes such as \n, \x1b and \u202e, so that a name can neither move the cursor nor forge a line.
+std::string Printable(std::string_view bytes);
+
+// Printable, in double quotes.
+std::string Quoted(std::string_view bytes);
+
+// Length of the UTF-8 character at the start of `bytes`; 0 if there is no valid one.
+size_t CharacterLength(std::string_view bytes);
+
+// The printable text cut between characters to at most `width` columns, with "..." where something is missing.
+std::string FittedTo(std::string_view text, size_t width);
+
+// "512 B", "4.0 KiB", "1.2 GiB".
+std::string HumanSize(uint64_t bytes);
+
+// Local time, "2026-03-01 10:15:30"; "-" for what is no time.
+std::string HumanTime(double secondsSince1970);
+
+// Whether a person reads `stream` on a terminal that knows escape sequences; and whether to use colour there.
+bool IsTerminal(FILE *stream);
+bool UsesColour(FILE *stream);
+
+// Rows under a header, aligned by the width in which a terminal shows them.
+class Table {
+public:
+    enum class Align { Left, Right };
+    struct Column {
+        std::string title;
+        Align align;
+    };
+
+    explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
+    // One cell a column, printable.
+    void AddRow(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+    // Nothing at all if there are no rows.
+    void Print(FILE *stream) const;
+
+private:
+    void PrintRow(FILE *stream, const std::vector<std::string> &cells, const std::vector<size_t> &widths) const;
+
+    std::vector<Column> columns_;
+    std::vector<std::vector<std::string>> rows_;
+};
