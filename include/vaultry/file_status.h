@@ -43,9 +43,9 @@ typedef struct TQFileStatus {
 
 /// What the system knows of the volume that holds an item.
 typedef struct TQVolumeStatus {
-    char typeName[16];    ///< "ext4", "xfs", "btrfs", "tmpfs", …; "unknown" for a type not in the table
-    uint32_t blockSize;   ///< bytes
-    uint64_t blockCount;  ///< in all
+    char typeName[16];   ///< "ext4", "xfs", "btrfs", "tmpfs", …; "unknown" for a type not in the table
+    uint32_t blockSize;  ///< bytes
+    uint64_t blockCount; ///< in all
 } TQVolumeStatus;
 
 TQ_END_DECLS

@@ -1,0 +1,42 @@
+// A path of at most 1,023 bytes. One that does not fit is refused, never cut.
+
+#pragma once
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+class PathBuffer {
+public:
+    static constexpr size_t kCapacity = 1024;
+
+    // False, and the buffer is empty, if the text needs 1,024 bytes or more with its zero.
+    [[gnu::format(printf, 2, 3)]] bool Format(const char *format, ...)
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        const int length = vsnprintf(text_, sizeof text_, format, arguments);
+        va_end(arguments);
+        const bool fits = length >= 0 && static_cast<size_t>(length) < sizeof text_;
+        if (!fits) text_[0] = '\0';
+        return fits;
+    }
+
+    // False if only a part fits; that part is then there.
+    bool Append(const char *text)
+    {
+        const size_t length = strlen(text_);
+        const size_t room = sizeof text_ - 1 - length;
+        const size_t wanted = strlen(text);
+        const size_t taken = wanted < room ? wanted : room;
+        memcpy(text_ + length, text, taken);
+        text_[length + taken] = '\0';
+        return taken == wanted;
+    }
+
+    char *data() { return text_; }
+    const char *c_str() const { return text_; }
+
+private:
+    char text_[kCapacity] = "";
+};

@@ -1,0 +1,9 @@
+// Status codes and error objects, seen from inside.
+
+#pragma once
+
+#include <vaultry/status.h>
+
+// The code of the error object that `status` becomes; `domain` gets its domain, which is not retained.
+// A status outside the table is logged and gets the library's domain with code 0.
+intptr_t _TQErrorCodeAndDomainForStatus(int32_t status, TQString **domain);

@@ -1,0 +1,117 @@
+// How a failure is reported.
+
+#include "Shared/vaultry_internal_failure.h"
+
+#include "Platform/ScopeExit.h"
+#include "Runtime/Ref.h"
+
+#include <vaultry/string.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+struct Failure::Message {
+    char text[1024];
+
+    void Format(const char *format, va_list arguments) { Finish(0, vsnprintf(text, sizeof text, format, arguments)); }
+
+    void AppendErrno(int errorNumber)
+    {
+        char buffer[256];
+        const size_t length = strlen(text);
+        Finish(length, snprintf(text + length, sizeof text - length, "; error %d (%s)", errorNumber,
+                                strerror_r(errorNumber, buffer, sizeof buffer)));
+    }
+
+private:
+    // A message that was cut may end inside a character, and would then be no text at all.
+    void Finish(size_t start, int written)
+    {
+        if (written < 0) {
+            text[start] = '\0';
+            return;
+        }
+        size_t end = start + static_cast<size_t>(written);
+        if (end < sizeof text) return;
+        end = sizeof text - 1;
+        size_t lead = end;
+        while (lead > 0 && end - lead < 4 && (static_cast<unsigned char>(text[lead - 1]) & 0xc0) == 0x80) --lead;
+        if (lead == 0) return;
+        const unsigned char first = static_cast<unsigned char>(text[lead - 1]);
+        const size_t wanted = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : first >= 0xc0 ? 2 : 1;
+        if (end - (lead - 1) < wanted) text[lead - 1] = '\0';
+    }
+};
+
+Failure::Failure(TQError **error, const char *file, int line) : error_(error), file_(file), line_(line), errno_(errno)
+{
+}
+
+Failure &Failure::AtDebug()
+{
+    level_ = kLogDebug;
+    return *this;
+}
+
+void Failure::Write(const Message &message) const
+{
+    if (LogAdmits(level_)) tq_log_msg(level_, file_, line_, "%s\n", message.text);
+}
+
+Failed Failure::Errno(const char *format, ...) const
+{
+    Message message;
+    va_list arguments;
+    va_start(arguments, format);
+    message.Format(format, arguments);
+    va_end(arguments);
+    message.AppendErrno(errno_);
+    Write(message);
+    (void)_TQCreateErrorUseErrno(error_, errno_, message.text);
+    errno = errno_;
+    return {};
+}
+
+Failed Failure::Status(int32_t status, const char *format, ...) const
+{
+    Message message;
+    va_list arguments;
+    va_start(arguments, format);
+    message.Format(format, arguments);
+    va_end(arguments);
+    Write(message);
+    (void)_TQCreateErrorForStatus(error_, status, message.text, /*underlying=*/nullptr);
+    errno = errno_;
+    return {};
+}
+
+Failed Failure::Refused(int32_t status, const char *format, ...) const
+{
+    Failure quiet = *this;
+    quiet.level_ = kLogDebug;
+    Message message;
+    va_list arguments;
+    va_start(arguments, format);
+    message.Format(format, arguments);
+    va_end(arguments);
+    quiet.Write(message);
+    (void)_TQCreateErrorForStatus(error_, status, message.text, /*underlying=*/nullptr);
+    errno = errno_;
+    return {};
+}
+
+bool ReportStringFailure(TQError **error, int level, int32_t status, TQString *message, TQError *underlying,
+                         const char *file, int line)
+{
+    const ErrnoKeeper keeper;
+    const DeferredScope scope;
+    if (LogAdmits(level)) {
+        const auto format = Ref<TQString>::Adopt(TQStringCreate("%@; status %d"));
+        _TQLogMsg(level, file, line, format.get(), message, status);
+    }
+    // Nobody owns the error that the status gives; the caller of this will.
+    if (error) *error = static_cast<TQError *>(TQRetain(_TQErrorForStatus(status, message, underlying)));
+    return false;
+}

@@ -1,0 +1,22 @@
+// Generation names in the form that file systems take.
+
+#include "Shared/vaultry_internal_failure.h"
+
+#include <vaultry/path.h>
+
+#include <cstring>
+
+namespace {
+constexpr size_t kGenNameCapacity = 255; // the longest name that file systems hold, less one
+}
+
+bool TQValidateGenerationName(const char *name)
+{
+    return name && name[0] != '.' && !strchr(name, '/');
+}
+
+bool TQStringGetGenName(const TQString *name, char *buffer, TQError **error)
+{
+    if (buffer && TQStringGetFileSystemRepresentation(name, buffer, kGenNameCapacity)) return true;
+    return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
+}

@@ -1,0 +1,81 @@
+// The generation archive, seen from inside.
+//
+// An archived item carries one byte that records what write protection took from it, and has no write bit left.
+// Always: the byte is written before the rights go, and gone before nobody needs it any more, so that at any
+// moment an item that lacks rights says which ones it had.
+
+#pragma once
+
+#include "Platform/Item.h"
+#include "Platform/duplix.h"
+
+#include <vaultry/archive.h>
+#include <vaultry/metadata.h>
+#include <vaultry/progress.h>
+
+// The attributes that the store keeps on items.
+inline constexpr char kSavedPermissionsAttribute[] = "com.corvane.vaultry.orig_perms_v1"; // every archived item
+inline constexpr char kInfoAttribute[] = "com.corvane.vaultry.info";                      // top items only
+inline constexpr char kDisplayNameAttribute[] = "com.corvane.vaultry.origdisplayname";
+inline constexpr char kOptionsAttribute[] = "com.corvane.vaultry.gen_options";
+
+// The saved-permissions byte.
+enum : uint8_t {
+    kSavedImmutable = 0x01,
+    kSavedAppend = 0x02,
+    kSavedOwnerWrite = 0x04,
+    kSavedGroupWrite = 0x08,
+    kSavedOtherWrite = 0x10,
+};
+uint8_t SavedPermissionsOf(uint32_t mode, uint32_t flags);
+mode_t SavedWriteBits(uint8_t saved);
+
+// Files that the file manager of another system puts beside a file to hold its attributes.
+bool IsSidecarName(const char *name);
+
+// What the copy service's callback carries while adding.
+struct TQAddContext {
+    uint8_t makeReadable;
+    uint8_t archive;
+    uint64_t bytesCompleted; // of the files finished so far
+    TQProgress *progress;    // may be null
+    TQError **error;         // may be null
+};
+
+int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *source, const char *destination,
+                       void *addContext);
+int _DuplixUnarchiveCallback(int what, int stage, DuplixState *state, const char *source, const char *destination,
+                             void *errorOut);
+
+// What both callbacks do alike.
+bool IsSidecarStart(int what, int stage, const char *source);
+bool IsItemFinished(int what, int stage);
+int QuitOnCopyError(TQError **error, int what, int stage, const char *source, const char *destination);
+bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status);
+
+// Archives one item. `status` may be null; it is then asked for.
+bool _ArchiveItem(const char *path, const TQFileStatus *status, bool makeReadable, TQError **error);
+
+// The same by descriptor. `fd` is the item, open, or -1 to have it opened here.
+bool _ArchiveItemAt(const Item &item, int fd, const TQFileStatus &status, bool makeReadable, TQError **error);
+
+// TQArchiveTree for a document that goes home if this fails: the item at which it failed gets its mode and flags back.
+bool _ArchiveMovedTree(const char *path, bool makeReadable, TQError **error);
+
+// Gives a file with several links its own data: the name at `file` becomes a new file, the other links stay.
+struct HardLinkedFile {
+    Item item;
+    const TQFileStatus &status;
+    size_t parentPathLength;
+    const TQFileStatus *parentStatus; // may be null
+};
+bool _BreakHardLink(const HardLinkedFile &file, TQError **error);
+
+// Moves what a by-moving add took back to where it came from and undoes its archiving. Nothing at `source` is
+// replaced. True also if there is nothing at `moved`. False if it can't be done: the item then lies where it was,
+// and a line at level 3 says where.
+bool _GiveDocumentBack(const char *moved, const char *source);
+
+// Gives an item that may stand immutable, or a directory without owner write, what a rename to another
+// parent needs.
+bool _MakeMovable(const char *path, const TQFileStatus &status);

@@ -1,0 +1,239 @@
+// Placing a tree where it becomes a generation: by copying, archiving each item as it is finished, or by one rename,
+// archiving afterwards.
+
+#include "Shared/vaultry_storage.h"
+
+#include "Platform/FileStatus.h"
+#include "Platform/ScopeExit.h"
+#include "Platform/TreeWalk.h"
+#include "Runtime/Ref.h"
+#include "Shared/vaultry_fs_wrappers.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <vaultry/path.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+using Kind = TreeWalk::Kind;
+
+constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
+
+// A child of the thread's current progress, if there is one. False if the source can't be measured.
+bool MakeProgress(const char *source, Ref<TQProgress> *progress, TQError **error)
+{
+    TQProgress *current = TQProgressGetCurrent();
+    if (!current) return true;
+    Ref<TQError> why;
+    const int64_t size = TQComputeTreeSize(source, why.out());
+    if (size < 0) {
+        if (error) *error = why.Detach();
+        return false;
+    }
+    *progress = Ref<TQProgress>::Adopt(TQProgressCreateChild(current, size));
+    const auto url = Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPath(source, /*isDirectory=*/false));
+    TQProgressSetUserInfo(progress->get(), kTQProgressFileOperationKindKey, kTQProgressFileOperationKindCopying);
+    TQProgressSetUserInfo(progress->get(), kTQProgressFileURLKey, url.get());
+    TQProgressSetCancellable(progress->get(), true);
+    TQProgressSetKind(progress->get(), kTQProgressKindFile);
+    return true;
+}
+
+bool CopyAsGeneration(const char *source, const char *destination, bool makeReadable, bool archive, TQError **error)
+{
+    Ref<TQProgress> progress;
+    if (!MakeProgress(source, &progress, error)) return false;
+
+    // A walk that could not even begin has counted nothing; the copy decides what is wrong.
+    if (error) *error = nullptr;
+    TQAddContext context{makeReadable, archive, 0, progress.get(), error};
+    return platform::duplix(source, destination, _DuplixAddCallback, &context) == 0;
+}
+
+// What a move takes from the source for its span, and what it gives back.
+struct MovedItem {
+    TQFileStatus before{};
+    bool changed = false;
+
+    bool MakeMovable(const char *source, TQError **error)
+    {
+        if (geteuid() == 0) return true; // modes do not stop root
+        const Item item = Item::AtPath(source);
+        if (platform::GetStatus(item, Links::Follow, &before) != 0)
+            return Failure(error).Errno("stat(\"%s\") failed", source);
+        if ((before.flags & kBlockingFlags) != 0) {
+            if (platform::SetFlags(item, Links::Follow, before.flags & ~kBlockingFlags) != 0)
+                return Failure(error).Errno("Failed to make staged item (\"%s\") writable before rename", source);
+            changed = true;
+        }
+        if ((before.mode & 0200) == 0) {
+            if (platform::SetMode(item, Links::Follow, (before.mode | 0200) & 07777) != 0) {
+                Failure(error).Errno("Failed to make staged item (\"%s\") writable before rename", source);
+                PutBack(source);
+                return false;
+            }
+            changed = true;
+        }
+        return true;
+    }
+
+    bool RestoreMode(const char *path) const
+    {
+        return !changed || platform::SetMode(Item::AtPath(path), Links::Follow, before.mode & 07777) == 0;
+    }
+
+    bool RestoreFlags(const char *path) const
+    {
+        return !changed || before.flags == 0 ||
+               platform::SetFlags(Item::AtPath(path), Links::Follow, before.flags) == 0 || errno == ENOTSUP;
+    }
+
+    // For a source that stays, or comes home.
+    void PutBack(const char *source) const
+    {
+        const ErrnoKeeper keeper;
+        (void)RestoreMode(source);
+        (void)RestoreFlags(source);
+    }
+};
+
+// The document goes home before anything is removed; it may be the only copy.
+bool FailedAfterMove(const MovedItem &moved, const char *source, const char *destination)
+{
+    if (_GiveDocumentBack(destination, source)) moved.PutBack(source);
+    return false;
+}
+
+bool MoveAsGeneration(const char *source, const char *destination, bool makeReadable, bool archive, TQError **error)
+{
+    MovedItem moved;
+    if (!moved.MakeMovable(source, error)) return false;
+
+    if (rename(source, destination) != 0) {
+        Failure(error).Errno("rename(\"%s\", \"%s\") failed", source, destination);
+        // The usual restoring finds nothing and says so; the source gets back what it had all the same.
+        if (!moved.RestoreMode(destination))
+            Failure(nullptr).Errno("failed to make directory (\"%s\") non-writable after moving", destination);
+        moved.PutBack(source);
+        return false;
+    }
+    if (!moved.RestoreMode(destination)) {
+        Failure(error).Errno("failed to make directory (\"%s\") non-writable after moving", destination);
+        return FailedAfterMove(moved, source, destination);
+    }
+    if (!moved.RestoreFlags(destination)) {
+        Failure(error).Errno("Failed to set flags on item at path \"%s\"", destination);
+        return FailedAfterMove(moved, source, destination);
+    }
+    return !archive || _ArchiveMovedTree(destination, makeReadable, error);
+}
+
+void ReportCompleted(TQProgress *progress, uint64_t bytes)
+{
+    if (progress) TQProgressSetCompletedUnits(progress, static_cast<int64_t>(bytes));
+}
+
+int QuitOnCancel(TQError **error)
+{
+    if (error) TQRelease(std::exchange(*error, nullptr)); // a cancel outranks whatever went wrong before
+    errno = ECANCELED;
+    Failure(error).Errno("operation was cancelled by the user");
+    return duplix_answer::Quit;
+}
+
+} // namespace
+
+bool TQAddPathAsGeneration(const char *source, const char *destination, bool copy, bool makeReadable, bool archive,
+                           TQError **error)
+{
+    if (!source || !destination) return Failure(error).Refused(kTQStatusBadPath, "no path was supplied");
+    return copy ? CopyAsGeneration(source, destination, makeReadable, archive, error)
+                : MoveAsGeneration(source, destination, makeReadable, archive, error);
+}
+
+int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *source, const char *destination,
+                       void *addContext)
+{
+    auto *context = static_cast<TQAddContext *>(addContext);
+    if (context->progress && TQProgressIsCancelled(context->progress)) return QuitOnCancel(context->error);
+    if (what == duplix_what::Data && stage == duplix_stage::Progress)
+        ReportCompleted(context->progress, context->bytesCompleted + state->bytesCopied);
+
+    if (what == duplix_what::Walk || stage == duplix_stage::Error)
+        return QuitOnCopyError(context->error, what, stage, source, destination);
+    if (IsSidecarStart(what, stage, source)) return duplix_answer::Skip;
+    if (!IsItemFinished(what, stage)) return duplix_answer::Continue;
+
+    TQFileStatus status;
+    if (!GetCopiedStatus(*state, &status)) {
+        Failure(context->error).Errno("Failed to stat dest path \"%s\"", destination);
+        return duplix_answer::Quit;
+    }
+    (void)_TransferBirthTimeTo(state->destination, source, *state->source);
+
+    // A link is archived as what it is, not as its target.
+    const TQFileStatus &item = S_ISLNK(state->source->mode) ? *state->source : status;
+    if (context->archive &&
+        !_ArchiveItemAt(state->destination, state->destinationFd, item, context->makeReadable, context->error))
+        return duplix_answer::Quit;
+    if (S_ISDIR(status.mode)) return duplix_answer::Continue;
+
+    // Data that could be shared was cloned when it was copied, so there is nobody to be told.
+    context->bytesCompleted += status.size;
+    ReportCompleted(context->progress, context->bytesCompleted);
+    return duplix_answer::Continue;
+}
+
+bool IsSidecarStart(int what, int stage, const char *source)
+{
+    return what == duplix_what::File && stage == duplix_stage::Start && IsSidecarName(source);
+}
+
+bool IsItemFinished(int what, int stage)
+{
+    return stage == duplix_stage::Finish && (what == duplix_what::File || what == duplix_what::DirectoryDone);
+}
+
+int QuitOnCopyError(TQError **error, int what, int stage, const char *source, const char *destination)
+{
+    TQError **target = error && !*error ? error : nullptr; // the first error wins
+    Failure(target).Errno("duplix callback got an error what=%d stage=%d src=%s dst=%s", what, stage, source,
+                          destination);
+    return duplix_answer::Quit;
+}
+
+bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status)
+{
+    if (state.destinationFd >= 0) return platform::GetStatusOfFd(state.destinationFd, status) == 0;
+    return platform::GetStatus(state.destination, Links::Follow, status) == 0;
+}
+
+int64_t TQComputeTreeSize(const char *path, TQError **error)
+{
+    TreeWalk walk;
+    const char *root = path ? path : "";
+    if (!walk.Open(root)) {
+        Failure(error).Errno("fts_open(\"%s\") failed", root);
+        return 0;
+    }
+    int64_t total = 0;
+    while (const TreeWalk::Entry *entry = walk.Next()) {
+        switch (entry->kind) {
+        case Kind::File:
+            if (!IsSidecarName(entry->item.name)) total += static_cast<int64_t>(entry->status.size);
+            break;
+        case Kind::Unreadable:
+        case Kind::NoStatus:
+        case Kind::Error:
+            errno = entry->error;
+            Failure(error).Errno("fts_read() failed for path '%s'\n", entry->item.path);
+            return -1;
+        default:
+            break;
+        }
+    }
+    return total;
+}

@@ -1,0 +1,140 @@
+// Copying a generation out: the copy gets back the rights that archiving recorded, and loses the store's attributes.
+//
+// Uneven on purpose: only write bits and the two recorded flags come back, and an item without a record
+// gets owner write.
+
+#include "Shared/vaultry_storage.h"
+
+#include "Platform/Attributes.h"
+#include "Platform/FileStatus.h"
+#include "Shared/vaultry_fs_wrappers.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
+constexpr mode_t kWriteBits = 0222;
+
+struct RestoredRights {
+    mode_t mode;
+    uint32_t flags;
+    bool recorded;
+};
+
+// What the item is to have, from its own status and its saved-permissions byte.
+bool ReadRestoredRights(int fd, const TQFileStatus &status, RestoredRights *rights)
+{
+    uint8_t saved = 0;
+    const ssize_t length = platform::GetAttributeOfFd(fd, kSavedPermissionsAttribute, &saved, sizeof saved);
+    const mode_t mode = status.mode & 07777;
+    const uint32_t flags = status.flags & ~uint32_t{kTQFlagImmutable};
+    if (length == 1) {
+        const uint32_t immutable = (saved & kSavedImmutable) ? kTQFlagImmutable : 0;
+        const uint32_t append = (saved & kSavedAppend) ? kTQFlagAppend : 0;
+        *rights = {mode | SavedWriteBits(saved), flags | immutable | append, true};
+        return true;
+    }
+    *rights = {mode | 0200, flags, false};
+    return length < 0 && errno == ENODATA;
+}
+
+void RemoveStoreAttributes(int fd, bool recorded)
+{
+    (void)platform::RemoveAttributeOfFd(fd, kDisplayNameAttribute);
+    (void)platform::RemoveAttributeOfFd(fd, kInfoAttribute);
+    (void)platform::RemoveAttributeOfFd(fd, kOptionsAttribute);
+    if (recorded) (void)platform::RemoveAttributeOfFd(fd, kSavedPermissionsAttribute);
+}
+
+bool Unarchive(int fd, const char *path, const TQFileStatus &status, TQError **error)
+{
+    RestoredRights rights;
+    if (!ReadRestoredRights(fd, status, &rights))
+        return Failure(error).Errno("Failed to retrieve original perms from xattr on item \"%s\"", path);
+
+    // An immutable item refuses everything below, and removing an attribute takes write permission.
+    uint32_t flags = status.flags;
+    if ((flags & kTQFlagImmutable) != 0) {
+        flags &= ~uint32_t{kTQFlagImmutable};
+        if (platform::SetFlagsOfFd(fd, flags) != 0)
+            return Failure(error).Errno("Failed to temporarily unset UF_IMMUTABLE for \"%s\"", path);
+    }
+    mode_t mode = status.mode & 07777;
+    if ((mode & 0200) == 0) {
+        mode |= 0200;
+        if (fchmod(fd, mode) != 0) return Failure(error).Errno("Failed to temporarily make \"%s\" writable", path);
+    }
+    RemoveStoreAttributes(fd, rights.recorded);
+
+    // Neither call would change anything where the value already stands.
+    if (rights.mode != mode && fchmod(fd, rights.mode) != 0)
+        return Failure(error).Errno("chmod(%s, %04o) failed", path, rights.mode);
+    if (rights.flags != flags && platform::SetFlagsOfFd(fd, rights.flags) != 0 && errno != ENOTSUP)
+        return Failure(error).Errno("chflags(%s) failed", path);
+    return true;
+}
+
+void LogErrno(const char *call, const char *path)
+{
+    const int errorNumber = errno;
+    char text[256];
+    Log(kLogError).Line("%s on path \"%s\" returned error %d (%s)\n", call, path, errorNumber,
+                        strerror_r(errorNumber, text, sizeof text));
+}
+
+// The caller may still want to move the copy, and applies its final mode and flags itself.
+void LeaveChangeable(const char *path, const TQFileStatus &status)
+{
+    const Item item = Item::AtPath(path);
+    if ((status.flags & kBlockingFlags) != 0 &&
+        platform::SetFlags(item, Links::NoFollow, status.flags & ~kBlockingFlags) != 0 && errno != ENOTSUP)
+        LogErrno("chflags", path);
+    if (S_ISDIR(status.mode) && (status.mode & kWriteBits) != kWriteBits &&
+        platform::SetMode(item, Links::NoFollow, (status.mode | kWriteBits) & 07777) != 0)
+        LogErrno("chmod", path);
+}
+
+} // namespace
+
+bool TQCopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, TQError **error)
+{
+    if (error) *error = nullptr;
+    if (mode) *mode = 0;
+    if (flags) *flags = 0;
+    if (!path || !destination || !mode || !flags)
+        return Failure(error).Refused(kTQStatusBadPath, "no path was supplied");
+    if (platform::duplix(path, destination, _DuplixUnarchiveCallback, error) != 0) return false;
+
+    TQFileStatus status;
+    if (platform::GetStatus(Item::AtPath(destination), Links::Follow, &status) != 0)
+        return Failure(error).Errno("stat(\"%s\") failed", destination);
+    *mode = static_cast<uint16_t>(status.mode);
+    *flags = status.flags;
+    LeaveChangeable(destination, status);
+    return true;
+}
+
+int _DuplixUnarchiveCallback(int what, int stage, DuplixState *state, const char *source, const char *destination,
+                             void *errorOut)
+{
+    auto **error = static_cast<TQError **>(errorOut);
+    if (what == duplix_what::Walk || stage == duplix_stage::Error)
+        return QuitOnCopyError(error, what, stage, source, destination);
+    if (IsSidecarStart(what, stage, source)) return duplix_answer::Skip;
+    if (!IsItemFinished(what, stage)) return duplix_answer::Continue;
+
+    TQFileStatus status;
+    if (!GetCopiedStatus(*state, &status)) {
+        Failure(error).Errno("Failed to stat dest path \"%s\"", destination);
+        return duplix_answer::Quit;
+    }
+    (void)_TransferBirthTimeTo(state->destination, source, *state->source);
+
+    // A link that somebody put into the store comes out as a link; its target is not ours to change.
+    if (S_ISLNK(state->source->mode)) return duplix_answer::Continue;
+    return Unarchive(state->destinationFd, destination, status, error) ? duplix_answer::Continue : duplix_answer::Quit;
+}

@@ -1,0 +1,74 @@
+// A by-moving add that fails gives the document back: moved home, with the rights that archiving took.
+//
+// Once moved, the item may be somebody's only copy. It is renamed, never copied, and never over
+// anything that stands at its old path meanwhile.
+
+#include "Shared/vaultry_storage.h"
+
+#include "Platform/Attributes.h"
+#include "Platform/FileStatus.h"
+#include "Platform/Rename.h"
+#include "Platform/ScopeExit.h"
+#include "Platform/TreeWalk.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+
+namespace {
+
+using Kind = TreeWalk::Kind;
+
+constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
+
+// Best effort, item by item: what can't be undone stays protected, and its byte still says what it had.
+void UndoArchiving(const TreeWalk::Entry &entry)
+{
+    uint8_t saved = 0;
+    if (platform::GetAttribute(entry.item, Links::NoFollow, kSavedPermissionsAttribute, &saved, sizeof saved) != 1)
+        return;
+    const mode_t mode = (entry.status.mode & 07777U & ~mode_t{0222}) | SavedWriteBits(saved);
+    const uint32_t flags = ((saved & kSavedImmutable) ? uint32_t{kTQFlagImmutable} : 0) |
+                           ((saved & kSavedAppend) ? uint32_t{kTQFlagAppend} : 0);
+
+    // Removing the byte takes write permission, which the item may not have had.
+    (void)platform::SetMode(entry.item, Links::NoFollow, mode | 0200);
+    (void)platform::RemoveAttribute(entry.item, Links::NoFollow, kSavedPermissionsAttribute);
+    if ((mode & 0200) == 0) (void)platform::SetMode(entry.item, Links::NoFollow, mode);
+    if (flags != 0) (void)platform::SetFlags(entry.item, Links::NoFollow, entry.status.flags | flags);
+}
+
+} // namespace
+
+bool _MakeMovable(const char *path, const TQFileStatus &status)
+{
+    const Item item = Item::AtPath(path);
+    if ((status.flags & kBlockingFlags) != 0 &&
+        platform::SetFlags(item, Links::NoFollow, status.flags & ~kBlockingFlags) != 0)
+        return false;
+    return !S_ISDIR(status.mode) || (status.mode & 0200) != 0 ||
+           platform::SetMode(item, Links::NoFollow, (status.mode | 0200) & 07777) == 0;
+}
+
+bool _GiveDocumentBack(const char *moved, const char *source)
+{
+    const ErrnoKeeper keeper;
+    const Item home = Item::AtPath(source);
+    TQFileStatus status;
+    if (platform::GetStatus(Item::AtPath(moved), Links::NoFollow, &status) != 0 && errno == ENOENT) return true;
+
+    (void)_MakeMovable(moved, status); // the rename tells whether it was enough
+    if (platform::RenameIntoNothing(moved, source) != 0) {
+        Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", source, moved);
+        return false;
+    }
+    (void)platform::SetMode(home, Links::NoFollow, status.mode & 07777);
+    (void)platform::SetFlags(home, Links::NoFollow, status.flags);
+
+    TreeWalk walk;
+    if (!walk.Open(source)) return true;
+    while (const TreeWalk::Entry *entry = walk.Next())
+        if (entry->kind == Kind::File || entry->kind == Kind::Other || entry->kind == Kind::DirectoryDone)
+            UndoArchiving(*entry);
+    return true;
+}

@@ -1,0 +1,147 @@
+// Breaking hard links: no stored file shares its data with a name outside the store.
+//
+// The file is copied beside itself and the copy renamed over its name, so that at any moment the name holds the
+// whole file. Afterwards the other links still are what they were.
+
+#include "Shared/vaultry_storage.h"
+
+#include "Platform/FileStatus.h"
+#include "Platform/UniqueFd.h"
+#include "Platform/UniqueNames.h"
+#include "Shared/PathBuffer.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <vaultry/filesystem.h>
+
+#include <cstdio>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
+
+// The directory of the file, made writable for the span of the exchange and then as it was.
+class WritableParent {
+public:
+    WritableParent(const Item &parent, const TQFileStatus *before) : parent_(parent), before_(before) {}
+    WritableParent(const WritableParent &) = delete;
+    WritableParent &operator=(const WritableParent &) = delete;
+
+    bool MakeWritable(TQError **error)
+    {
+        if (geteuid() == 0 || !before_) return true; // modes do not stop root
+        if ((before_->mode & 0222) == 0) {
+            if (platform::SetMode(parent_, Links::Follow, (before_->mode | 0222) & 07777) != 0) return Fail(error);
+            modeChanged_ = true;
+        }
+        if ((before_->flags & kBlockingFlags) != 0) {
+            if (platform::SetFlags(parent_, Links::Follow, before_->flags & ~kBlockingFlags) != 0) return Fail(error);
+            flagsChanged_ = true;
+        }
+        return true;
+    }
+
+    ~WritableParent()
+    {
+        const ErrnoKeeper keeper;
+        if (modeChanged_ && platform::SetMode(parent_, Links::Follow, before_->mode & 07777) != 0)
+            Failure(nullptr).Errno("failed to restore parent path \"%s\" mode", parent_.path);
+        if (flagsChanged_ && platform::SetFlags(parent_, Links::Follow, before_->flags) != 0)
+            Failure(nullptr).Errno("failed to restore parent path \"%s\" flags", parent_.path);
+    }
+
+private:
+    bool Fail(TQError **error) const
+    {
+        return Failure(error).Errno("failed to make parent path \"%s\" writable", parent_.path);
+    }
+
+    Item parent_;
+    const TQFileStatus *before_;
+    bool modeChanged_ = false;
+    bool flagsChanged_ = false;
+};
+
+// The file's name for the span of the exchange: gone at the end unless it was renamed over the original.
+class TemporaryFile {
+public:
+    explicit TemporaryFile(int directory) : directory_(directory) {}
+    TemporaryFile(const TemporaryFile &) = delete;
+    TemporaryFile &operator=(const TemporaryFile &) = delete;
+
+    bool Name(const Item &item, TQError **error)
+    {
+        // The name is never longer than the path.
+        if (path_.Format("%s_XXXXXX", item.path) && name_.Format("%s_XXXXXX", item.name)) return true;
+        return Failure(error).Status(kTQStatusBadPath, "temporary path \"%s_XXXXXX\" too long", item.path);
+    }
+
+    bool Make(const Item &item, TQError **error)
+    {
+        fd_.Reset(platform::MakeUniqueFileAt(directory_, name_.data(), 0));
+        if (!fd_) return Failure(error).Errno("failed to make temp file at \"%s\"", path_.c_str());
+        (void)path_.Format("%s%s", item.path, name_.c_str() + strlen(item.name));
+        return true;
+    }
+
+    // A copied immutable flag would keep the file where it is; it was never anybody's document.
+    ~TemporaryFile()
+    {
+        if (!fd_) return;
+        const ErrnoKeeper keeper;
+        if (unlinkat(directory_, name_.c_str(), 0) == 0) return;
+        (void)platform::SetFlagsOfFd(fd_.get(), 0);
+        (void)unlinkat(directory_, name_.c_str(), 0);
+    }
+
+    bool RenameOver(const Item &item, TQError **error)
+    {
+        if (renameat(directory_, name_.c_str(), item.directory, item.name) != 0)
+            return Failure(error).Errno("rename (\"%s\" -> \"%s\") failed", path_.c_str(), item.path);
+        fd_.Reset();
+        return true;
+    }
+
+    int fd() const { return fd_.get(); }
+    const char *path() const { return path_.c_str(); }
+
+private:
+    int directory_;
+    UniqueFd fd_;
+    PathBuffer name_; // relative to the directory
+    PathBuffer path_;
+};
+
+Item ParentOf(const HardLinkedFile &file, const char *parentPath)
+{
+    return file.item.directory == AT_FDCWD ? Item::AtPath(parentPath) : Item{file.item.directory, ".", parentPath};
+}
+
+} // namespace
+
+bool _BreakHardLink(const HardLinkedFile &file, TQError **error)
+{
+    const Item &item = file.item;
+    Log(kLogDebug).Line("Encountered hardlinked file at path \"%s\" with link count of %hu; breaking link.\n",
+                        item.path, static_cast<unsigned short>(file.status.linkCount));
+
+    char parentPath[4096];
+    (void)snprintf(parentPath, sizeof parentPath, "%.*s", static_cast<int>(file.parentPathLength), item.path);
+    WritableParent parent(ParentOf(file, parentPath), file.parentStatus);
+    TemporaryFile temporary(item.directory);
+    UniqueFd source;
+
+    // The name comes first: one that is too long is refused before the directory is touched.
+    if (!temporary.Name(item, error) || !parent.MakeWritable(error) || !temporary.Make(item, error)) return false;
+
+    source.Reset(openat(item.directory, item.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!source) return Failure(error).Errno("failed open source file at \"%s\"", item.path);
+    if (platform::fduplix(source.get(), temporary.fd()) != 0)
+        return Failure(error).Errno("duplix (\"%s\" -> \"%s\") failed", item.path, temporary.path());
+
+    if (file.status.hasBirthTime)
+        (void)_SetBirthTimeSpecForFD(temporary.fd(), file.status.birthTime.tv_sec, file.status.birthTime.tv_nsec);
+    return temporary.RenameOver(item, error);
+}

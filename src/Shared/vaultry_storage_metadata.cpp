@@ -1,0 +1,125 @@
+// Attributes of a generation: how one is written through the item's write protection, the display name and the options
+// word. The info dictionary has a file of its own.
+
+#include "Shared/vaultry_storage.h"
+
+#include "Platform/Attributes.h"
+#include "Platform/FileStatus.h"
+#include "Platform/ScopeExit.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kDisplayNameCapacity = 768; // its zero included
+constexpr uint64_t kStoredOptionBits = 0x1e; // a word without any of them is not stored
+constexpr uint64_t kDefaultOptions = 1;
+
+// Lifts an item's write protection and puts it back when its scope ends. What can't be put back is only
+// logged: the change itself stands.
+class LiftedProtection {
+public:
+    explicit LiftedProtection(const char *path) : item_(Item::AtPath(path)) {}
+    LiftedProtection(const LiftedProtection &) = delete;
+    LiftedProtection &operator=(const LiftedProtection &) = delete;
+
+    bool Lift(TQError **error)
+    {
+        if (platform::GetStatus(item_, Links::Follow, &before_) != 0)
+            return Failure(error).Errno("Failed to stat generation root at \"%s\"", item_.path);
+
+        // An immutable item refuses chmod even to its owner: the flag goes first and comes back last.
+        const uint32_t flags = before_.flags & ~uint32_t{kTQFlagImmutable};
+        if (flags != before_.flags && platform::SetFlags(item_, Links::Follow, flags) != 0)
+            return Failure(error).Errno("Failed to remove UF_IMMUTABLE from generation root at \"%s\"", item_.path);
+        lifted_ = true;
+
+        if (platform::SetMode(item_, Links::Follow, (before_.mode | 0200) & 07777) != 0)
+            return Failure(error).Errno("Failed to make generation root at \"%s\" writable", item_.path);
+        return true;
+    }
+
+    ~LiftedProtection()
+    {
+        if (!lifted_) return;
+        const ErrnoKeeper keeper;
+        if (platform::SetMode(item_, Links::Follow, before_.mode & 07777) != 0)
+            Failure(nullptr).Errno("Failed to revert permissions on generation root at \"%s\"", item_.path);
+        if ((before_.flags & kTQFlagImmutable) != 0 && platform::SetFlags(item_, Links::Follow, before_.flags) != 0)
+            Failure(nullptr).Errno("Failed to revert flags on generation root at \"%s\"", item_.path);
+    }
+
+private:
+    Item item_;
+    TQFileStatus before_{};
+    bool lifted_ = false;
+};
+
+bool WriteAttribute(const char *path, const char *name, const void *value, size_t size, TQError **error)
+{
+    const Item item = Item::AtPath(path);
+    if (!value || size == 0) {
+        if (platform::RemoveAttribute(item, Links::NoFollow, name) == 0 || errno == ENODATA) return true;
+        return Failure(error).Errno("removexattr(\"%s\") failed", path);
+    }
+    if (platform::SetAttribute(item, Links::NoFollow, name, value, size) == 0) return true;
+    return Failure(error).Errno("setxattr(\"%s\") failed", path);
+}
+
+} // namespace
+
+bool _SetEAOnGeneration(const char *path, const char *name, const void *value, size_t size, TQError **error)
+{
+    if (!path) path = "";
+    if (!name) return Failure(error).Refused(kTQStatusInvalidArgument, "no attribute name was supplied");
+    if (geteuid() == 0) return WriteAttribute(path, name, value, size, error); // modes do not stop root
+
+    LiftedProtection lifted(path);
+    return lifted.Lift(error) && WriteAttribute(path, name, value, size, error);
+}
+
+bool TQSetOriginalDisplayName(const char *path, const TQString *name, TQError **error)
+{
+    char buffer[kDisplayNameCapacity] = "";
+    if (TQStringGetLength(name) != 0 && !TQStringGetFileSystemRepresentation(name, buffer, sizeof buffer))
+        return Failure(error).Status(kTQStatusInvalidArgument, "supplied display name was too long");
+    return _SetEAOnGeneration(path, kDisplayNameAttribute, buffer, strlen(buffer), error);
+}
+
+TQString *TQCopyOriginalDisplayName(const char *path, TQError **error)
+{
+    if (!path) path = "";
+    char buffer[kDisplayNameCapacity + 1] = "";
+    const ssize_t length =
+        platform::GetAttribute(Item::AtPath(path), Links::Follow, kDisplayNameAttribute, buffer, kDisplayNameCapacity);
+    if (length < 0) return Failure(error).Errno("Failed to get original display name xattr");
+    if (length >= static_cast<ssize_t>(kDisplayNameCapacity))
+        return Failure(error).Status(kTQStatusFailed, "Original display name xattr too large (%ld) at path \"%s\"",
+                                     static_cast<long>(length), path);
+    // The read has succeeded, so this errno is an older one; the error says it all the same.
+    if (length == 0) return Failure(error).Errno("Original display name xattr too short (0) at path \"%s\"", path);
+
+    TQString *name = TQStringCreateWithFileSystemRepresentation(buffer);
+    if (!name)
+        return Failure(error).Status(kTQStatusFailed,
+                                     "Could not create string from original display name xattr at path \"%s\"\n", path);
+    return name;
+}
+
+bool TQSetGenerationOptions(const char *path, uint64_t options, TQError **error)
+{
+    if ((options & kStoredOptionBits) == 0) return _SetEAOnGeneration(path, kOptionsAttribute, nullptr, 0, error);
+    return _SetEAOnGeneration(path, kOptionsAttribute, &options, sizeof options, error);
+}
+
+uint64_t TQGetGenerationOptions(const char *path)
+{
+    uint64_t options = 0;
+    const ssize_t length = platform::GetAttribute(Item::AtPath(path ? path : ""), Links::NoFollow, kOptionsAttribute,
+                                                  &options, sizeof options);
+    if (length < 0) return errno == ENODATA ? kDefaultOptions : 0;
+    return length == sizeof options ? options : 0;
+}

@@ -1,0 +1,94 @@
+// The operations that a client calls: each turns names and URLs into the forms that the store takes, and calls the one
+// store operation that does the work. Which of them hand the caller's error down is part of their contract.
+
+#include "TQLibrary.h"
+
+#include "Runtime/Ref.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <vaultry/path.h>
+
+namespace {
+
+// A generation name in the form that the store takes.
+class GenerationName {
+public:
+    GenerationName(const TQString *name, TQError **error) : valid_(TQStringGetGenName(name, text_, error)) {}
+    explicit operator bool() const { return valid_; }
+    const char *c_str() const { return text_; }
+
+private:
+    char text_[256];
+    bool valid_;
+};
+
+} // namespace
+
+bool _AddGenerationInternal(TQLibrary *library, const TQString *name, const TQURL *document, uint64_t options,
+                            TQError **error, bool copy)
+{
+    const TQClientManagedStorage *store = _StorageOf(library);
+    const GenerationName generation(name, error);
+    return generation && TQClientManagedStorageAdd(store, generation.c_str(), tq_fileSystemRepresentation(document),
+                                                   options, error, copy);
+}
+
+bool TQLibraryAddGenerationWithOptionsByCopyingFile(TQLibrary *library, const TQString *name, const TQURL *document,
+                                                    uint64_t options, TQError **error)
+{
+    const DeferredScope scope;
+    return _AddGenerationInternal(library, name, document, options, error, /*copy=*/true);
+}
+
+bool TQLibraryAddGenerationWithOptionsByMovingFile(TQLibrary *library, const TQString *name, const TQURL *document,
+                                                   uint64_t options, TQError **error)
+{
+    const DeferredScope scope;
+    return _AddGenerationInternal(library, name, document, options, error, /*copy=*/false);
+}
+
+bool TQLibrarySetGenerationOptions(TQLibrary *library, const TQString *name, uint64_t options)
+{
+    const DeferredScope scope;
+    const GenerationName generation(name, nullptr);
+    return generation &&
+           TQClientManagedStorageSetGenerationOptions(_StorageOf(library), generation.c_str(), options, nullptr);
+}
+
+uint64_t TQLibraryGetGenerationOptions(TQLibrary *library, const TQString *name)
+{
+    const DeferredScope scope;
+    const GenerationName generation(name, nullptr);
+    return generation ? TQClientManagedStorageGetGenerationOptions(_StorageOf(library), generation.c_str(), nullptr)
+                      : 0;
+}
+
+TQURL *TQLibraryCopyURLForGeneration(TQLibrary *library, const TQString *name)
+{
+    const DeferredScope scope;
+    const GenerationName generation(name, nullptr);
+    return generation ? TQClientManagedStorageCopyURLForGeneration(_StorageOf(library), generation.c_str(), nullptr)
+                      : nullptr;
+}
+
+bool TQLibraryCopyGeneration(TQLibrary *library, const TQString *name, const TQURL *destination, TQError **error)
+{
+    if (!TQURLIsFileURL(destination)) return Failure(error).Status(kTQStatusBadPath, "not a file URL");
+
+    const DeferredScope scope;
+    const GenerationName generation(name, error);
+    return generation && TQClientManagedStorageCopyGeneration(_StorageOf(library), generation.c_str(),
+                                                              tq_fileSystemRepresentation(destination), error);
+}
+
+bool TQLibraryRemoveGenerations(TQLibrary *library, const TQArray *names)
+{
+    const DeferredScope scope;
+    return TQClientManagedStorageRemoveGenerations(_StorageOf(library), names, nullptr);
+}
+
+TQArray *TQLibraryCopyGenerationNames(TQLibrary *library)
+{
+    const DeferredScope scope;
+    return TQClientManagedStorageCopyGenerationNames(_StorageOf(library), nullptr);
+}

@@ -1,0 +1,137 @@
+// A store's life: made in an existing directory, opened again, destroyed; and the protection of its root.
+
+#include "vaultry_client_managed.h"
+
+#include "Platform/FileStatus.h"
+#include "Platform/UniqueFd.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <vaultry/filesystem.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <new>
+#include <sys/file.h>
+
+namespace {
+
+constexpr mode_t kWriteBits = 0222;
+constexpr mode_t kStagingMode = 0700;
+constexpr mode_t kLockFileMode = 0400;
+
+struct StoreFiles {
+    const char *root;
+    PathBuffer staging;
+    PathBuffer lockFile;
+};
+
+bool NameStoreFiles(StoreFiles &files, TQError **error)
+{
+    if (!files.staging.Format("%s/%s", files.root, kStagingName))
+        return Failure(error).Refused(kTQStatusBadPath, "failed to get staging dir path");
+    return _GetPathToLockFile(files.root, files.lockFile, error);
+}
+
+// Opens the lock file of a store, which grants nothing but being locked.
+UniqueFd OpenLockFile(const StoreFiles &files, int creationFlag)
+{
+    return UniqueFd(
+        open(files.lockFile.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | creationFlag, kLockFileMode));
+}
+
+// A store that stands whole is left as it is. Lifting its protection here would let another process's add fail in
+// between, and would refuse a store on a read-only mount, which can still be read.
+bool StandsWhole(const StoreFiles &files)
+{
+    const ErrnoKeeper keeper;
+    TQFileStatus status;
+    return platform::GetStatus(Item::AtPath(files.root), Links::Follow, &status) == 0 &&
+           (status.mode & kWriteBits) == 0 &&
+           platform::GetStatus(Item::AtPath(files.staging.c_str()), Links::NoFollow, &status) == 0 &&
+           OpenLockFile(files, 0);
+}
+
+// Stops where it fails, with the root still writable: what is missing can then be put right and tried again.
+bool MakeStoreFiles(const StoreFiles &files, TQError **error)
+{
+    if (!_UnprotectGenerationStore(files.root, error)) return false;
+    if (mkdir(files.staging.c_str(), kStagingMode) != 0 && errno != EEXIST)
+        return Failure(error).Refused(kTQStatusBadPath, "mkdir \"%s\" failed", files.staging.c_str());
+    if (!OpenLockFile(files, O_CREAT))
+        return Failure(error).Refused(kTQStatusBadPath, "Failed to create lock file at path \"%s\"",
+                                      files.lockFile.c_str());
+
+    // Another process may already be adding, with the root lifted under its lock.
+    StoreLock lock;
+    if (!_WriteLockGenerationStore(files.root, &lock, error)) return false;
+    _ProtectGenerationStore(files.root);
+    _UnlockGenerationStore(&lock);
+    return true;
+}
+
+TQClientManagedStorage *MakeHandle(const char *rootPath, TQError **error)
+{
+    std::unique_ptr<TQClientManagedStorage> store(new (std::nothrow) TQClientManagedStorage{});
+    if (store) store->rootPath = strdup(rootPath);
+    if (!store || !store->rootPath) return Failure(error).Status(kTQStatusFailed, "malloc failed");
+    return store.release();
+}
+
+} // namespace
+
+TQClientManagedStorage *TQClientManagedStorageCreate(const char *rootPath, TQError **error)
+{
+    if (!_IsDirectory(rootPath, /*status=*/nullptr))
+        return Failure(error).Status(kTQStatusBadPath, "The supplied path \"%s\" does not exist",
+                                     rootPath ? rootPath : "");
+    StoreFiles files{rootPath, {}, {}};
+    if (!NameStoreFiles(files, error)) return nullptr;
+    if (!StandsWhole(files) && !MakeStoreFiles(files, error)) return nullptr;
+    return MakeHandle(rootPath, error);
+}
+
+void TQClientManagedStorageFree(TQClientManagedStorage *store)
+{
+    if (!store) return;
+    free(store->rootPath);
+    delete store;
+}
+
+bool TQClientManagedStorageDestroy(const char *rootPath, TQError **error)
+{
+    return _RemoveTree(rootPath, 0, error);
+}
+
+// Asymmetric on purpose: lifting gives write permission to the owner alone and always calls chmod; protecting takes
+// it from everybody, and only where there is some.
+
+bool _UnprotectGenerationStore(const char *rootPath, TQError **error)
+{
+    const Item root = Item::AtPath(rootPath);
+    TQFileStatus status;
+    if (platform::GetStatus(root, Links::Follow, &status) != 0)
+        return Failure(error).Errno("failed to unprotect store at \"%s\", stat failed", rootPath);
+    const mode_t mode = (status.mode | 0200) & 07777;
+    if (platform::SetMode(root, Links::Follow, mode) == 0) return true;
+    Failure(error).Errno("failed to unprotect store at \"%s\", chomd(%04o) failed", rootPath, mode);
+    (void)platform::SetFlags(root, Links::Follow, status.flags);
+    return false;
+}
+
+void _ProtectGenerationStore(const char *rootPath)
+{
+    const ErrnoKeeper keeper;
+    const Item root = Item::AtPath(rootPath);
+    TQFileStatus status;
+    if (platform::GetStatus(root, Links::Follow, &status) != 0) {
+        Failure(nullptr).Errno("failed to protect store at \"%s\", stat failed", rootPath);
+        return;
+    }
+    if ((status.mode & kWriteBits) == 0) return;
+    const mode_t mode = status.mode & 07777 & ~kWriteBits;
+    if (platform::SetMode(root, Links::Follow, mode) != 0)
+        Failure(nullptr).Errno("failed to protect store at \"%s\", chomd(%04o) failed", rootPath, mode);
+}

@@ -1,0 +1,78 @@
+// The store lock.
+
+#include "vaultry_client_managed.h"
+
+#include "Shared/vaultry_internal_failure.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+bool _GetPathToLockFile(const char *rootPath, PathBuffer &path, TQError **error)
+{
+    if (path.Format("%s/%s", rootPath, kLockFileName)) return true;
+    return Failure(error).Refused(kTQStatusBadPath, "The path to the store lock was too long");
+}
+
+static bool _LockGenerationStore(const char *rootPath, StoreLock *lock, int operation, TQError **error)
+{
+    PathBuffer path;
+    return _GetPathToLockFile(rootPath, path, error) && _TQLockGenerationInternal(path.c_str(), lock, operation, error);
+}
+
+bool _ReadLockGenerationStore(const char *rootPath, StoreLock *lock, TQError **error)
+{
+    return _LockGenerationStore(rootPath, lock, LOCK_SH, error);
+}
+
+bool _WriteLockGenerationStore(const char *rootPath, StoreLock *lock, TQError **error)
+{
+    return _LockGenerationStore(rootPath, lock, LOCK_EX, error);
+}
+
+bool _TQLockGenerationInternal(const char *lockFilePath, StoreLock *lock, int operation, TQError **error)
+{
+    // A second lock through one holder would lose the first one's descriptor: a bug in the caller.
+    if (lock->fd != -1) {
+        errno = EINVAL;
+        return Failure(error).Errno("%p->fd isn't -1", static_cast<void *>(lock));
+    }
+    lock->fd = open(lockFilePath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (lock->fd < 0) return Failure(error).Errno("Failed to open generation path \"%s\" for locking", lockFilePath);
+    if (flock(lock->fd, operation) == 0) return true;
+
+    Failure(error).Errno("Failed to lock generation path \"%s\"", lockFilePath);
+    (void)close(lock->fd);
+    lock->fd = -1;
+    return false;
+}
+
+void _UnlockGenerationStore(StoreLock *lock)
+{
+    if (lock->fd < 0) {
+        errno = EINVAL;
+        Failure(nullptr).Errno("%p->fd is -1", static_cast<void *>(lock));
+        return;
+    }
+    // A lock that stays held would stop every other process for good; ending this one frees it.
+    if (flock(lock->fd, LOCK_UN) != 0) abort();
+    (void)close(lock->fd);
+    lock->fd = -1;
+}
+
+static bool _RequireStore(const TQClientManagedStorage *store, TQError **error)
+{
+    return store || Failure(error).Refused(kTQStatusInvalidArgument, "no store was supplied");
+}
+
+bool HeldLock::ForReading(const TQClientManagedStorage *store, TQError **error)
+{
+    return _RequireStore(store, error) && _ReadLockGenerationStore(store->rootPath, &lock_, error);
+}
+
+bool HeldLock::ForWriting(const TQClientManagedStorage *store, TQError **error)
+{
+    return _RequireStore(store, error) && _WriteLockGenerationStore(store->rootPath, &lock_, error);
+}

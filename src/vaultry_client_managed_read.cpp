@@ -1,0 +1,164 @@
+// Reading generations: where one lies, its metadata, and copies of it.
+
+#include "vaultry_client_managed.h"
+
+#include "Platform/FileStatus.h"
+#include "Runtime/Ref.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <vaultry/archive.h>
+#include <vaultry/filesystem.h>
+#include <vaultry/metadata.h>
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace {
+
+// A generation that exists, and the lock that keeps it so while it is looked at or changed.
+class LockedGeneration {
+public:
+    bool ForReading(const TQClientManagedStorage *store, const char *name, TQError **error)
+    {
+        return lock_.ForReading(store, error) && Resolve(store, name, error);
+    }
+    bool ForWriting(const TQClientManagedStorage *store, const char *name, TQError **error)
+    {
+        return lock_.ForWriting(store, error) && Resolve(store, name, error);
+    }
+    const char *path() const { return path_.c_str(); }
+
+private:
+    bool Resolve(const TQClientManagedStorage *store, const char *name, TQError **error)
+    {
+        return _GetPathToGeneration(store->rootPath, name, /*mustExist=*/true, path_, error);
+    }
+
+    HeldLock lock_;
+    PathBuffer path_;
+};
+
+bool ApplyFinalRights(const char *destination, uint16_t mode, uint32_t flags, TQError **error)
+{
+    const Item item = Item::AtPath(destination);
+    if (S_ISDIR(mode) && platform::SetMode(item, Links::NoFollow, mode & 07777) != 0)
+        return Failure(error).Errno("failed to set final mode on \"%s\"", destination);
+    if (flags != 0 && platform::SetFlags(item, Links::NoFollow, flags) != 0 && errno != ENOTSUP)
+        return Failure(error).Errno("failed to set final flags on \"%s\"", destination);
+    return true;
+}
+
+} // namespace
+
+TQURL *TQClientManagedStorageCopyURLForGeneration(const TQClientManagedStorage *store, const char *name,
+                                                  TQError **error)
+{
+    LockedGeneration generation;
+    if (!generation.ForReading(store, name, error)) return nullptr;
+    return TQURLCreateWithFileSystemPath(generation.path(), /*isDirectory=*/false);
+}
+
+uint64_t TQClientManagedStorageGetGenerationOptions(const TQClientManagedStorage *store, const char *name,
+                                                    TQError **error)
+{
+    LockedGeneration generation;
+    return generation.ForReading(store, name, error) ? TQGetGenerationOptions(generation.path()) : 0;
+}
+
+bool TQClientManagedStorageSetGenerationOptions(const TQClientManagedStorage *store, const char *name, uint64_t options,
+                                                TQError **error)
+{
+    LockedGeneration generation;
+    return generation.ForWriting(store, name, error) && TQSetGenerationOptions(generation.path(), options, error);
+}
+
+TQDictionary *TQClientManagedStorageCopyGenerationInfoDictionary(const TQClientManagedStorage *store, const char *name,
+                                                                 TQError **error)
+{
+    LockedGeneration generation;
+    if (!generation.ForReading(store, name, error)) return nullptr;
+    const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(generation.path(), error));
+    return info ? TQDictionaryCreateCopy(info.get()) : nullptr;
+}
+
+TQValue *TQClientManagedStorageCopyGenerationInfoValueForKey(const TQClientManagedStorage *store, const char *name,
+                                                             const TQString *key, TQError **error)
+{
+    // The dictionary is read under a second shared lock. Shared locks never wait for each other.
+    LockedGeneration generation;
+    if (!generation.ForReading(store, name, error)) return nullptr;
+    const auto info = Ref<TQDictionary>::Adopt(TQClientManagedStorageCopyGenerationInfoDictionary(store, name, error));
+    if (!info) return nullptr;
+    TQValue *value = TQDictionaryGetValue(info.get(), key);
+    if (!value) return Failure(error).Refused(kTQStatusNoSuchAttribute, "key not found");
+    return TQRetain(value);
+}
+
+bool TQClientManagedStorageSetGenerationInfoValueForKey(const TQClientManagedStorage *store, const char *name,
+                                                        TQString *key, TQValue *value, TQError **error)
+{
+    // Why a write fails is in the log alone; clients rely on their error being left as it was.
+    LockedGeneration generation;
+    return generation.ForWriting(store, name, error) &&
+           TQSetInfoValue(generation.path(), key, value, /*error=*/nullptr);
+}
+
+TQString *TQClientManagedStorageCopyGenerationOriginalDisplayName(const TQClientManagedStorage *store, const char *name,
+                                                                  TQError **error)
+{
+    LockedGeneration generation;
+    return generation.ForReading(store, name, error) ? TQCopyOriginalDisplayName(generation.path(), error) : nullptr;
+}
+
+bool TQClientManagedStorageSetGenerationOriginalDisplayName(const TQClientManagedStorage *store, const char *name,
+                                                            const TQString *displayName, TQError **error)
+{
+    LockedGeneration generation;
+    return generation.ForWriting(store, name, error) && TQSetOriginalDisplayName(generation.path(), displayName, error);
+}
+
+bool TQClientManagedStorageCopyOut(const TQClientManagedStorage *store, const char *name, char *stagedPath,
+                                   uint16_t *mode, uint32_t *flags, TQError **error)
+{
+    LockedGeneration generation;
+    if (!generation.ForReading(store, name, error)) return false;
+
+    PathBuffer staged;
+    if (!stagedPath) return Failure(error).Refused(kTQStatusBadPath, "no path buffer was supplied");
+    if (!_GetUniqueStagingPath(store->rootPath, staged, error)) return false;
+    memcpy(stagedPath, staged.c_str(), strlen(staged.c_str()) + 1);
+    if (TQCopyOutGeneration(generation.path(), staged.c_str(), mode, flags, error)) return true;
+    (void)_RemoveStagingPath(store->rootPath, staged.c_str(), nullptr);
+    return false;
+}
+
+bool TQClientManagedStorageCopyOutDone(const TQClientManagedStorage *store, const char *stagedPath, TQError **error)
+{
+    if (!store) return Failure(error).Refused(kTQStatusInvalidArgument, "no store was supplied");
+    return _RemoveStagingPath(store->rootPath, stagedPath, error);
+}
+
+bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, const char *name,
+                                          const char *destination, TQError **error)
+{
+    LockedGeneration generation;
+    if (!generation.ForReading(store, name, error)) return false;
+    if (!destination || destination[0] == '\0')
+        return Failure(error).Refused(kTQStatusBadPath, "no destination path was supplied");
+    if (_PathExists(destination))
+        return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", destination);
+
+    uint16_t mode = 0;
+    uint32_t flags = 0;
+    ScopeExit removeDestination([destination] { (void)_RemoveTree(destination, 0, nullptr); });
+    errno = 0;
+    if (!TQCopyOutGeneration(generation.path(), destination, &mode, &flags, error)) {
+        // What somebody put there since we looked, or a dangling link, is not ours to remove.
+        if (errno == EEXIST) removeDestination.Dismiss();
+        return false;
+    }
+    if (!ApplyFinalRights(destination, mode, flags, error)) return false;
+    removeDestination.Dismiss();
+    return true;
+}

@@ -1,0 +1,112 @@
+// Removing generations, and listing their names.
+//
+// A generation leaves the root by one rename into staging, so that the slow part, deleting its tree, can be
+// interrupted without leaving half of it under its name.
+
+#include "vaultry_client_managed.h"
+
+#include "Platform/FileStatus.h"
+#include "Runtime/Ref.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <vaultry/filesystem.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <dirent.h>
+#include <memory>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr size_t kNameCapacity = 255;
+
+struct CloseDirectory {
+    void operator()(DIR *directory) const
+    {
+        const ErrnoKeeper keeper;
+        (void)closedir(directory);
+    }
+};
+
+bool GetName(TQValue *name, char *buffer, TQError **error)
+{
+    if (TQGetTypeID(name) != TQStringGetTypeID())
+        return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
+    if (!TQStringGetFileSystemRepresentation(static_cast<TQString *>(name), buffer, kNameCapacity))
+        return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name is too long");
+    return true;
+}
+
+// Unlike an item that is being added, one that is removed keeps its append-only flag; it then can't be moved.
+bool MakeRemovable(const char *generation, TQError **error)
+{
+    // A link that somebody put into the store is itself what goes; its target is left alone.
+    const Item item = Item::AtPath(generation);
+    TQFileStatus status;
+    if (platform::GetStatus(item, Links::NoFollow, &status) != 0)
+        return Failure(error).Errno("failed to stat source path %s", generation);
+    if ((status.flags & kTQFlagImmutable) != 0 &&
+        platform::SetFlags(item, Links::NoFollow, status.flags & ~uint32_t{kTQFlagImmutable}) != 0)
+        return Failure(error).Errno("failed to remove UF_IMMUTABLE on path %s", generation);
+    if (S_ISDIR(status.mode) && platform::SetMode(item, Links::NoFollow, (status.mode | 0200) & 07777) != 0)
+        return Failure(error).Errno("failed to make directory writable prior to moving; path: %s", generation);
+    return true;
+}
+
+bool MoveToStaging(const char *root, const char *generation, const char *staged, TQError **error)
+{
+    if (!_UnprotectGenerationStore(root, error)) return false;
+    const ScopeExit protect([root] { _ProtectGenerationStore(root); });
+    if (rename(generation, staged) == 0) return true;
+    return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged);
+}
+
+bool RemoveOne(const char *root, TQValue *nameValue, TQError **error)
+{
+    char name[kNameCapacity];
+    PathBuffer generation;
+    if (!GetName(nameValue, name, error) || !_GetPathToGeneration(root, name, /*mustExist=*/false, generation, error))
+        return false;
+    if (_PathNotExists(generation.c_str())) return true;
+
+    PathBuffer staged;
+    if (!_GetUniqueStagingPath(root, staged, error)) return false;
+    // From here on the generation is gone for everybody; what can't be deleted is not reported.
+    const ScopeExit removeStaging([&] { (void)_RemoveStagingPath(root, staged.c_str(), nullptr); });
+    return MakeRemovable(generation.c_str(), error) && MoveToStaging(root, generation.c_str(), staged.c_str(), error);
+}
+
+bool AppendName(TQArray *names, const char *entryName, TQError **error)
+{
+    const auto name = Ref<TQString>::Adopt(TQStringCreateWithFileSystemRepresentation(entryName));
+    if (name && TQArrayAppendValue(names, name.get())) return true;
+    return Failure(error).Status(kTQStatusFailed, "Failed to create string from file system name \"%s\"", entryName);
+}
+
+} // namespace
+
+bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store, const TQArray *names, TQError **error)
+{
+    HeldLock lock;
+    if (!lock.ForWriting(store, error)) return false;
+    if (!names) return Failure(error).Refused(kTQStatusInvalidArgument, "no generation names were supplied");
+    const size_t count = TQArrayGetCount(names);
+    for (size_t i = 0; i < count; ++i)
+        if (!RemoveOne(store->rootPath, TQArrayGetValueAtIndex(names, i), error)) return false;
+    return true;
+}
+
+TQArray *TQClientManagedStorageCopyGenerationNames(const TQClientManagedStorage *store, TQError **error)
+{
+    HeldLock lock;
+    if (!lock.ForReading(store, error)) return nullptr;
+
+    const auto names = Ref<TQArray>::Adopt(TQArrayCreateMutable());
+    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(store->rootPath));
+    if (!directory) return Failure(error).Errno("unable to opendir(%s)", store->rootPath);
+    // A read that fails ends the list like the end of the directory does.
+    while (const dirent *entry = readdir(directory.get()))
+        if (entry->d_name[0] != '.' && !AppendName(names.get(), entry->d_name, error)) return nullptr;
+    return TQArrayCreateCopy(names.get());
+}
