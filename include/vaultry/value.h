@@ -88,6 +88,7 @@ TQ_EXPORT TQAllocator *TQAllocatorCreate(TQAllocator *allocator, const TQAllocat
 TQ_EXPORT void *TQAllocatorAllocate(TQAllocator *allocator, size_t size);
 TQ_EXPORT void *TQAllocatorReallocate(TQAllocator *allocator, void *pointer, size_t size);
 TQ_EXPORT void TQAllocatorDeallocate(TQAllocator *allocator, void *pointer);
+TQ_EXPORT size_t TQAllocatorGetPreferredSize(TQAllocator *allocator, size_t size);
 
 TQ_END_DECLS
 

@@ -1,0 +1,153 @@
+// What every counted value begins with.
+//
+// A value is a struct that derives from Object and has no virtual functions, so that the pointer clients hold
+// is a pointer to its header, and so that constants can be initialised by the compiler, before any code runs.
+// What a kind of value does differently stands in its Kind, one constant table a kind.
+//
+// Always: a count of kImmortal never changes; a value whose count reached 0 is being destroyed and has no other
+// owner; destruction uses no stack for members, however deep they nest, and asks for no memory.
+
+#pragma once
+
+#include <vaultry/value.h>
+
+#include <atomic>
+#include <cassert>
+#include <cstddef>
+#include <cstdint>
+#include <new>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+struct Object;
+struct Comparison;
+class Description;
+
+enum Type : TQTypeID {
+    kTypeAllocator = 1,
+    kTypeString,
+    kTypeURL,
+    kTypeNumber,
+    kTypeBoolean,
+    kTypeData,
+    kTypeDate,
+    kTypeArray,
+    kTypeDictionary,
+    kTypeSet,
+    kTypeError,
+    kTypeProgress,
+};
+
+struct Kind {
+    Type type;
+    const char *name; // for messages
+    bool container;   // compared with a guard against endless recursion, hashed by its count alone inside another
+    // Runs the destructor; the memory is given back by the caller. Null where there is nothing to do.
+    void (*destroy)(Object *);
+    // Both are of this kind and different objects. Null: only the same object is equal.
+    bool (*equal)(const Object *, const Object *, const Comparison *);
+    // Never looks into a container's containers. Null: by identity.
+    uintptr_t (*hash)(const Object *);
+    void (*describe)(const Object *, Description &);
+};
+
+struct Object {
+    static constexpr uint32_t kMagic = 0x56615175;
+    static constexpr uint32_t kFreedMagic = 0xdeadf1ee;
+    static constexpr uintptr_t kImmortal = UINTPTR_MAX;
+
+    explicit constexpr Object(const Kind *ofKind, uintptr_t count = 1) : kind(ofKind), references(count) {}
+    Object(const Object &) = delete;
+    Object &operator=(const Object &) = delete;
+
+    uint32_t magic = kMagic;
+    bool isMutable = false;
+    const Kind *kind;
+    std::atomic<uintptr_t> references; // the next value to destroy, once the count has reached 0
+    TQAllocator *allocator = nullptr;  // where the memory came from; retained. Null is the C heap.
+};
+
+// A value given by a client; one that is no value, or was freed, stops a debug build.
+inline const Object *AsObject(const TQValue *value)
+{
+    const auto *object = static_cast<const Object *>(value);
+    assert(!object || object->magic == Object::kMagic);
+    return object;
+}
+
+inline bool IsKind(const TQValue *value, Type type)
+{
+    return value && AsObject(value)->kind->type == type;
+}
+
+// The value as a T, or null. A value of another kind stops a debug build.
+template <class T> T *As(T *value)
+{
+    const bool right = IsKind(value, std::remove_const_t<T>::kType);
+    assert(right || !value);
+    return right ? value : nullptr;
+}
+
+template <class T> void Destroy(Object *object)
+{
+    static_cast<T *>(object)->~T();
+}
+
+// Memory for a value from `allocator` (null: the C heap); null if there is none.
+void *AllocateObject(TQAllocator *allocator, size_t size);
+
+// A value with `extra` bytes behind it, and one reference; null if there is no memory. T's constructor must not throw.
+template <class T, class... Arguments> T *MakeObject(TQAllocator *allocator, size_t extra, Arguments &&...arguments)
+{
+    static_assert(std::is_nothrow_constructible_v<T, Arguments...>);
+    if (extra > SIZE_MAX - sizeof(T)) return nullptr;
+    void *memory = AllocateObject(allocator, sizeof(T) + extra);
+    if (!memory) return nullptr;
+    T *value = new (memory) T(std::forward<Arguments>(arguments)...);
+    value->allocator = static_cast<TQAllocator *>(TQRetain(allocator));
+    return value;
+}
+
+// --- comparing
+
+// How deep containers are followed by comparison and description. Property lists stay below it.
+inline constexpr size_t kMaximumNesting = 1024;
+
+// A pair of containers whose members are being compared, and the pairs around it.
+struct Comparison {
+    const Object *a;
+    const Object *b;
+    const Comparison *outer;
+    size_t depth;
+};
+
+bool EqualMembers(const TQValue *a, const TQValue *b, const Comparison *outer);
+
+// The hash of a member: a container counts as its kind, so that hashing never recurses.
+uintptr_t HashMember(const TQValue *value);
+
+// --- describing
+
+class Description {
+public:
+    void Append(const char *text, size_t length) { text_.append(text, length); }
+    void Append(std::string_view text) { text_.append(text); }
+    void AppendFormat(const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+    // A member of a container: strings are quoted, and a container inside itself is not followed.
+    void AppendMember(const TQValue *value);
+    void AppendValue(const Object *object);
+
+    const std::string &text() const { return text_; }
+
+private:
+    struct Frame {
+        const Object *object;
+        const Frame *outer;
+        size_t depth;
+    };
+    const Frame *innermost_ = nullptr;
+    std::string text_;
+};
