@@ -1,4 +1,4 @@
-# What `cmake --install` lays down: headers, both libraries, the command, and how to find them.
+# What `cmake --install` lays down: headers, both libraries, the command with its manual page, and how to find them.
 include(CMakePackageConfigHelpers)
 
 file(RELATIVE_PATH libdir_from_bindir ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
@@ -8,6 +8,7 @@ if(TARGET vaultry_command)
     list(REMOVE_DUPLICATES rpath)
     set_target_properties(vaultry_command PROPERTIES BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH "${rpath}")
     install(TARGETS vaultry_command)
+    install(FILES docs/vaultry.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 install(TARGETS vaultry vaultry_static EXPORT vaultry)
 install(DIRECTORY include/vaultry TYPE INCLUDE FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
