@@ -5,8 +5,9 @@
 // arrive where it came from. A few descriptors are open at a time whatever the depth, and
 // entries are streamed, so memory does not grow with the size of a folder.
 //
-// Directories of another file system are reported and not entered. Each entry's status is one statx.
-// Removing entries, and adding rights to a directory when it is reported, while the walk goes on is fine.
+// Directories of another file system are reported, and entered only where the caller asks for it. Each entry's
+// status is one statx. Removing entries while the walk goes on is fine, and so is adding rights to a directory when it
+// is reported: it is opened by the call of Next that follows.
 
 #pragma once
 
@@ -29,16 +30,22 @@ public:
         Error,         // the walk itself failed here (memory, a path over 4,095 bytes, a swapped directory)
     };
 
+    enum class Volumes { One, All };
+
     struct Entry {
         Kind kind;
-        Item item;            // valid until the next call of Next
+        // Valid until the next call of Next. Where a path would pass 4,095 bytes (an Error with ENAMETOOLONG), `path` is
+        // that of the directory. Where the walk lost the directory above (an Error, ESTALE), `directory` is -1.
+        Item item;
         bool hasStatus;
-        TQFileStatus status;  // as read when the entry was met (a directory's: before its contents)
-        int error;            // errno of Unreadable, NoStatus and Error, else 0
-        int level;            // 0 for the root
+        TQFileStatus status; // as read when the entry was met (a directory's: before its contents)
+        int error;           // errno of Unreadable, NoStatus and Error, else 0
+        int level;           // 0 for the root
+        int fd;              // the directory itself, in DirectoryDone of one that was entered; else -1
 
         // The directory that holds the entry: its path's length within item.path and its status as
-        // read when it was met. For the root the directory above it, looked at when the walk began.
+        // read when it was met. For the root the directory above it, looked at when the walk began; the length is
+        // 0 where the root's path is a single relative name.
         size_t parentPathLength;
         const TQFileStatus *parentStatus; // null if it could not be read
     };
@@ -46,13 +53,17 @@ public:
     TreeWalk();
     ~TreeWalk();
 
-    // False, with errno, if the walk can't begin: an empty path (ENOENT), no memory. A missing root is
-    // no failure here; it is reported as NoStatus. errno is untouched on success.
-    bool Open(const char *rootPath);
+    // False, with errno, if the walk can't begin: an empty path (ENOENT), a path over 4,095 bytes
+    // (ENAMETOOLONG), no memory. A missing root is no failure here; it is reported as NoStatus. errno is
+    // untouched on success. An open walk can be opened again, and then begins anew.
+    bool Open(const char *rootPath, Volumes volumes = Volumes::One);
 
     // The next entry, or null at the end. Leaves errno alone, but sets it to the entry's error when it reports
     // Unreadable, NoStatus or Error.
     const Entry *Next();
+
+    // Leaves out the contents of the Directory that Next has just reported, and its DirectoryDone.
+    void SkipContents();
 
 private:
     struct State;

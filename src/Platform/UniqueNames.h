@@ -1,7 +1,8 @@
 // Files and directories under names that nobody else has.
 //
 // Every trailing X of the template (before the suffix) becomes a letter or digit from the kernel's random
-// source. The template is changed on success only, so that a message can still show it.
+// source. The template is changed on success only, so that a message can still show it. EINVAL without an X; EEXIST
+// when a thousand names in a row were taken. errno is untouched on success.
 
 #pragma once
 
@@ -10,7 +11,9 @@ namespace platform {
 // Mode 0700. 0, or -1 with errno.
 int MakeUniqueDirectory(char *pathTemplate);
 
-// Mode 0600, read-write, close-on-exec. The descriptor, or -1 with errno.
+// Mode 0600, read-write, close-on-exec. The descriptor, or -1 with errno. The last `suffixLength` bytes stay as they
+// are. The second makes it in an open directory.
 int MakeUniqueFile(char *pathTemplate, int suffixLength);
+int MakeUniqueFileAt(int directory, char *nameTemplate, int suffixLength);
 
 } // namespace platform

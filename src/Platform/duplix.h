@@ -36,11 +36,11 @@ enum : int { Continue = 0, Skip = 1, Quit = 2 };
 
 // What the service tells its callback about the item at hand.
 struct DuplixState {
-    uint64_t bytesCopied = 0;              // of the current file
-    const TQFileStatus *source = nullptr;  // the source item's status; null if it has none
-    Item destination{};                    // by descriptor; in every call
-    int destinationFd = -1;                // the finished item, open (a file for writing, a directory for reading),
-                                           // in (File, Finish) and (DirectoryDone, Finish); -1 for a link
+    uint64_t bytesCopied = 0;             // of the current file
+    const TQFileStatus *source = nullptr; // the source item's status; null if it has none
+    Item destination{};                   // by descriptor; in every call
+    int destinationFd = -1;               // the finished item, open (a file for writing, a directory for reading),
+                                          // in (File, Finish) and (DirectoryDone, Finish); -1 for a link
 };
 
 using DuplixCallback = int (*)(int what, int stage, DuplixState *state, const char *source, const char *destination,

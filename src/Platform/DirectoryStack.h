@@ -1,0 +1,44 @@
+// The open directories on the way from a root down to where work goes on.
+//
+// At most kOpenLimit of them are open, the deepest ones, whatever the depth. A shallower one is closed and opened
+// again through ".." of its child when the work climbs back; what is found there must be the directory
+// that was left, by device and inode, since either of the two may have been moved meanwhile.
+
+#pragma once
+
+#include "Platform/UniqueFd.h"
+
+#include <vaultry/file_status.h>
+
+#include <vector>
+
+namespace platform {
+
+class DirectoryStack {
+public:
+    static constexpr size_t kOpenLimit = 4;
+
+    // Goes down into `directory`, which is what `status` describes. False with ENOMEM.
+    bool Push(UniqueFd directory, const TQFileStatus &status);
+
+    // Makes sure that the directory above the top is open. False with errno, ESTALE if ".." is another.
+    bool OpenParent();
+
+    // Leaves the top, and closes it.
+    void Pop();
+
+    size_t size() const { return levels_.size(); }
+    int Top() const { return levels_.back().fd.get(); }
+    // The directory above the top; -1 unless OpenParent succeeded since the last Push or Pop.
+    int Parent() const { return levels_[levels_.size() - 2].fd.get(); }
+
+private:
+    struct Level {
+        UniqueFd fd;
+        uint64_t device;
+        uint64_t inode;
+    };
+    std::vector<Level> levels_;
+};
+
+} // namespace platform

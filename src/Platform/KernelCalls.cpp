@@ -1,0 +1,113 @@
+#include "Platform/KernelCalls.h"
+
+#include "Platform/ScopeExit.h"
+
+#include <atomic>
+#include <cerrno>
+#include <unistd.h>
+
+namespace platform::kernel {
+
+// One number on every architecture, for calls of this age.
+enum : long {
+    kFchmodAt2 = 452,
+    kSetXattrAt = 463,
+    kGetXattrAt = 464,
+    kRemoveXattrAt = 466,
+    kFileGetAttr = 468,
+    kFileSetAttr = 469,
+};
+
+// Whether the running kernel has one call; asked once.
+class Presence {
+public:
+    explicit constexpr Presence(long number) : number_(number) {}
+
+    bool Absent()
+    {
+        int known = state_.load(std::memory_order_relaxed);
+        if (known == kUnknown) {
+            known = Probe() ? kPresent : kAbsent;
+            state_.store(known, std::memory_order_relaxed);
+        }
+        if (known == kAbsent) errno = ENOSYS;
+        return known == kAbsent;
+    }
+
+private:
+    enum : int { kUnknown, kPresent, kAbsent };
+
+    // No descriptor, an empty name, flags that don't exist: every one of the calls refuses this at once.
+    bool Probe() const
+    {
+        const ErrnoKeeper keeper;
+        const long result = syscall(number_, -1L, "", -1L, 0L, -1L, 0L);
+        return result >= 0 || (errno != ENOSYS && errno != EPERM);
+    }
+
+    const long number_;
+    std::atomic<int> state_{kUnknown};
+};
+
+int FchmodAt2(int directory, const char *name, mode_t mode, int atFlags)
+{
+    static Presence presence(kFchmodAt2);
+    if (presence.Absent()) return -1;
+    return static_cast<int>(syscall(kFchmodAt2, directory, name, mode, atFlags));
+}
+
+// What the calls that carry a value expect; eight bytes for the pointer on every architecture.
+struct XattrArgs {
+    alignas(8) uint64_t value;
+    uint32_t size;
+    uint32_t flags;
+};
+
+static XattrArgs _ArgsFor(const void *value, size_t size)
+{
+    return {reinterpret_cast<uintptr_t>(value), static_cast<uint32_t>(size), 0};
+}
+
+ssize_t GetXattrAt(int directory, const char *name, int atFlags, const char *attribute, void *buffer, size_t size)
+{
+    static Presence presence(kGetXattrAt);
+    if (presence.Absent()) return -1;
+    // No value is larger than this, and the field has 32 bits.
+    XattrArgs args = _ArgsFor(buffer, size > UINT32_MAX ? UINT32_MAX : size);
+    return syscall(kGetXattrAt, directory, name, atFlags, attribute, &args, sizeof args);
+}
+
+int SetXattrAt(int directory, const char *name, int atFlags, const char *attribute, const void *value, size_t size)
+{
+    static Presence presence(kSetXattrAt);
+    if (presence.Absent()) return -1;
+    if (size > UINT32_MAX) {
+        errno = E2BIG;
+        return -1;
+    }
+    XattrArgs args = _ArgsFor(value, size);
+    return static_cast<int>(syscall(kSetXattrAt, directory, name, atFlags, attribute, &args, sizeof args));
+}
+
+int RemoveXattrAt(int directory, const char *name, int atFlags, const char *attribute)
+{
+    static Presence presence(kRemoveXattrAt);
+    if (presence.Absent()) return -1;
+    return static_cast<int>(syscall(kRemoveXattrAt, directory, name, atFlags, attribute));
+}
+
+int FileGetAttr(int directory, const char *name, FileAttr *attr, int atFlags)
+{
+    static Presence presence(kFileGetAttr);
+    if (presence.Absent()) return -1;
+    return static_cast<int>(syscall(kFileGetAttr, directory, name, attr, sizeof *attr, atFlags));
+}
+
+int FileSetAttr(int directory, const char *name, const FileAttr &attr, int atFlags)
+{
+    static Presence presence(kFileSetAttr);
+    if (presence.Absent()) return -1;
+    return static_cast<int>(syscall(kFileSetAttr, directory, name, &attr, sizeof attr, atFlags));
+}
+
+} // namespace platform::kernel

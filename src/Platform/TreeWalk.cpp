@@ -1,0 +1,275 @@
+#include "Platform/TreeWalk.h"
+
+#include "Platform/DirectoryReader.h"
+#include "Platform/DirectoryStack.h"
+#include "Platform/FileStatus.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <new>
+#include <sys/stat.h>
+
+using platform::DirectoryReader;
+using platform::DirectoryStack;
+
+// The walk is a machine of a few states, so that everything about an entry happens in the call that reports it.
+struct TreeWalk::State {
+    enum class Due {
+        Root,     // nothing was reported
+        Enter,    // the directory in `entry` was reported
+        Contents, // in the directory at the top
+        Leave,    // its DirectoryDone was reported
+        Nothing,  // the end
+    };
+
+    // A directory that was entered, with what has to be remembered of it whether it is open or not.
+    struct Level {
+        TQFileStatus status;
+        size_t pathLength;
+        size_t parentPathLength;
+        DirectoryReader reader;
+    };
+
+    Entry entry{};
+    Due due = Due::Root;
+    Volumes volumes = Volumes::One;
+    bool hasRootParent = false;
+    TQFileStatus rootParent{};
+    uint64_t rootDevice = 0;
+    size_t rootParentPathLength = 0;
+    size_t rootPathLength = 0;
+    DirectoryStack directories;
+    std::vector<Level> levels; // one for each in `directories`
+    char path[PATH_MAX];       // of `entry`
+
+    void LookAboveRoot();
+    const Entry *Root();
+    const Entry *Enter();
+    const Entry *Contents();
+    const Entry *Child(const char *name);
+    const Entry *Done(Kind kind, int error);
+    bool OpenAbove();
+    void Leave();
+
+    int Push(UniqueFd directory);
+    const Entry *Report(Kind kind, int error = 0);
+    const Entry *ReportByStatus();
+};
+
+TreeWalk::TreeWalk() = default;
+TreeWalk::~TreeWalk() = default;
+
+bool TreeWalk::Open(const char *rootPath, Volumes volumes)
+{
+    const size_t length = strlen(rootPath);
+    if (length == 0 || length >= PATH_MAX) {
+        errno = length == 0 ? ENOENT : ENAMETOOLONG;
+        return false;
+    }
+    state_.reset(new (std::nothrow) State);
+    if (!state_) {
+        errno = ENOMEM;
+        return false;
+    }
+    const ErrnoKeeper keeper;
+    state_->volumes = volumes;
+    state_->rootPathLength = length;
+    memcpy(state_->path, rootPath, length + 1);
+    state_->LookAboveRoot();
+    return true;
+}
+
+const TreeWalk::Entry *TreeWalk::Next()
+{
+    if (!state_) return nullptr;
+    const int before = errno;
+    const Entry *entry = nullptr;
+    if (state_->due == State::Due::Leave) state_->Leave();
+    switch (state_->due) {
+    case State::Due::Root:
+        entry = state_->Root();
+        break;
+    case State::Due::Enter:
+        entry = state_->Enter();
+        break;
+    case State::Due::Contents:
+        entry = state_->Contents();
+        break;
+    case State::Due::Leave:
+    case State::Due::Nothing:
+        break;
+    }
+    errno = entry && entry->error != 0 ? entry->error : before;
+    return entry;
+}
+
+void TreeWalk::SkipContents()
+{
+    if (!state_ || state_->due != State::Due::Enter) return;
+    state_->due = state_->levels.empty() ? State::Due::Nothing : State::Due::Contents;
+}
+
+// Finds the end of the path of the directory above: "/a" of "/a/b" and of "/a/b/", "/" of "/b", nothing of "b".
+void TreeWalk::State::LookAboveRoot()
+{
+    size_t length = rootPathLength;
+    while (length > 1 && path[length - 1] == '/') --length;
+    while (length > 0 && path[length - 1] != '/') --length;
+    while (length > 1 && path[length - 1] == '/') --length;
+    rootParentPathLength = length;
+
+    char parent[PATH_MAX] = ".";
+    if (length > 0) {
+        memcpy(parent, path, length);
+        parent[length] = '\0';
+    }
+    hasRootParent = platform::GetStatus(Item::AtPath(parent), Links::Follow, &rootParent) == 0;
+}
+
+const TreeWalk::Entry *TreeWalk::State::Report(Kind kind, int error)
+{
+    entry.kind = kind;
+    entry.error = error;
+    return &entry;
+}
+
+// Reports what `entry.status` describes.
+const TreeWalk::Entry *TreeWalk::State::ReportByStatus()
+{
+    entry.hasStatus = true;
+    if (S_ISDIR(entry.status.mode)) {
+        due = Due::Enter;
+        return Report(Kind::Directory);
+    }
+    if (S_ISREG(entry.status.mode)) return Report(Kind::File);
+    return Report(S_ISLNK(entry.status.mode) ? Kind::Link : Kind::Other);
+}
+
+const TreeWalk::Entry *TreeWalk::State::Root()
+{
+    due = Due::Nothing;
+    entry.item = Item::AtPath(path);
+    entry.level = 0;
+    entry.fd = -1;
+    entry.parentPathLength = rootParentPathLength;
+    entry.parentStatus = hasRootParent ? &rootParent : nullptr;
+    if (platform::GetStatus(entry.item, Links::NoFollow, &entry.status) != 0) return Report(Kind::NoStatus, errno);
+    rootDevice = entry.status.device;
+    return ReportByStatus();
+}
+
+// 0, or an errno. The directories too shallow to stay open give their buffers back.
+int TreeWalk::State::Push(UniqueFd directory)
+{
+    if (!directories.Push(std::move(directory), entry.status)) return errno;
+    try {
+        levels.push_back({entry.status, strlen(path), entry.parentPathLength, DirectoryReader()});
+    } catch (const std::bad_alloc &) {
+        directories.Pop();
+        return ENOMEM;
+    }
+    if (levels.size() > DirectoryStack::kOpenLimit)
+        levels[levels.size() - DirectoryStack::kOpenLimit - 1].reader.Suspend();
+    return 0;
+}
+
+const TreeWalk::Entry *TreeWalk::State::Enter()
+{
+    due = levels.empty() ? Due::Nothing : Due::Contents; // where it goes on if this one can't be entered
+    if (volumes == Volumes::One && entry.status.device != rootDevice) return Report(Kind::DirectoryDone);
+
+    UniqueFd directory(openat(entry.item.directory, entry.item.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory && (errno == ENOTDIR || errno == ELOOP)) return Report(Kind::Error, ESTALE);
+    if (!directory) return Report(Kind::Unreadable, errno);
+    TQFileStatus opened;
+    if (platform::GetStatusOfFd(directory.get(), &opened) != 0) return Report(Kind::Unreadable, errno);
+    if (opened.device != entry.status.device || opened.inode != entry.status.inode) return Report(Kind::Error, ESTALE);
+    if (const int error = Push(std::move(directory)); error != 0) return Report(Kind::Error, error);
+
+    due = Due::Contents;
+    return Contents();
+}
+
+const TreeWalk::Entry *TreeWalk::State::Contents()
+{
+    Level &level = levels.back();
+    int error = 0;
+    const char *name = level.reader.Next(directories.Top(), &error);
+    if (name) return Child(name);
+    return Done(error == 0 ? Kind::DirectoryDone : error == ENOMEM ? Kind::Error : Kind::Unreadable, error);
+}
+
+// The one place where a path grows: that of the directory at the top, a slash, a name.
+const TreeWalk::Entry *TreeWalk::State::Child(const char *name)
+{
+    const Level &level = levels.back();
+    entry.level = static_cast<int>(levels.size());
+    entry.fd = -1;
+    entry.hasStatus = false;
+    entry.parentPathLength = level.pathLength;
+    entry.parentStatus = &level.status;
+    path[level.pathLength] = '\0';
+
+    const size_t slash = level.pathLength > 0 && path[level.pathLength - 1] == '/' ? 0 : 1;
+    const size_t nameLength = strlen(name);
+    if (level.pathLength + slash + nameLength >= sizeof path) {
+        entry.item = {directories.Top(), name, path};
+        return Report(Kind::Error, ENAMETOOLONG);
+    }
+    if (slash) path[level.pathLength] = '/';
+    char *const nameInPath = path + level.pathLength + slash;
+    memcpy(nameInPath, name, nameLength + 1);
+    entry.item = {directories.Top(), nameInPath, path};
+    if (platform::GetStatus(entry.item, Links::NoFollow, &entry.status) != 0) return Report(Kind::NoStatus, errno);
+    return ReportByStatus();
+}
+
+// Opens the directory above the top again if it was closed, and finds the place where its reading stopped.
+bool TreeWalk::State::OpenAbove()
+{
+    if (!directories.OpenParent()) return false;
+    DirectoryReader &reader = levels[levels.size() - 2].reader;
+    if (!reader.suspended()) return true;
+    errno = reader.Resume(directories.Parent(), entry.item.name);
+    return errno == 0;
+}
+
+// The end of the directory at the top: by `kind` and `error` it was read whole, or not.
+const TreeWalk::Entry *TreeWalk::State::Done(Kind kind, int error)
+{
+    const Level &level = levels.back();
+    const size_t above = level.parentPathLength;
+    path[level.pathLength] = '\0';
+    entry.level = static_cast<int>(levels.size()) - 1;
+    entry.hasStatus = true;
+    entry.status = level.status;
+    entry.fd = kind == Kind::DirectoryDone ? directories.Top() : -1;
+    entry.parentPathLength = above;
+    due = Due::Leave;
+    if (levels.size() == 1) {
+        entry.item = Item::AtPath(path);
+        entry.parentStatus = hasRootParent ? &rootParent : nullptr;
+        return Report(kind, error);
+    }
+
+    const char *const name = path + above + (path[above] == '/' ? 1 : 0);
+    entry.item = {-1, name, path};
+    entry.parentStatus = &levels[levels.size() - 2].status;
+    if (!OpenAbove()) {
+        // There is no other safe way back, so this is where the walk ends.
+        due = Due::Nothing;
+        entry.fd = -1;
+        return Report(Kind::Error, errno == ENOENT ? ESTALE : errno);
+    }
+    entry.item.directory = directories.Parent();
+    return Report(kind, error);
+}
+
+void TreeWalk::State::Leave()
+{
+    const ErrnoKeeper keeper;
+    directories.Pop();
+    levels.pop_back();
+    due = levels.empty() ? Due::Nothing : Due::Contents;
+}

@@ -1,0 +1,96 @@
+#include "Platform/Volume.h"
+
+#include "Platform/UniqueFd.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+
+namespace platform {
+
+struct VolumeType {
+    uint32_t magic;
+    const char *name;
+    bool native; // local, persistent, with attributes and flags
+};
+
+// ext2 and ext3 carry the number of ext4, and the ext4 driver serves them. "zfs" and "bcachefs" hold
+// attributes but were never tried, so they do not count as native.
+static constexpr VolumeType kVolumeTypes[] = {
+    {0x0000EF53, "ext4", true},      {0x58465342, "xfs", true},      {0x9123683E, "btrfs", true},
+    {0x01021994, "tmpfs", false},    {0x858458F6, "ramfs", false},   {0x794C7630, "overlay", false},
+    {0x65735546, "fuse", false},     {0x00006969, "nfs", false},     {0xFF534D42, "cifs", false},
+    {0xFE534D42, "smb2", false},     {0x01021997, "9p", false},      {0x00C36400, "ceph", false},
+    {0x00004D44, "vfat", false},     {0x2011BAB0, "exfat", false},   {0x5346544E, "ntfs", false},
+    {0x7366746E, "ntfs3", false},    {0xF2F52010, "f2fs", false},    {0x2FC12FC1, "zfs", false},
+    {0xCA451A4E, "bcachefs", false}, {0x3153464A, "jfs", false},     {0x52654973, "reiserfs", false},
+    {0x00003434, "nilfs2", false},   {0x00009660, "iso9660", false}, {0x15013346, "udf", false},
+    {0x73717368, "squashfs", false}, {0xE0F5E1E2, "erofs", false},   {0x0000F15F, "ecryptfs", false},
+    {0x00009FA0, "proc", false},     {0x62656572, "sysfs", false},   {0x786F4256, "vboxsf", false},
+};
+
+static const VolumeType *_TypeByMagic(uint32_t magic)
+{
+    for (const VolumeType &type : kVolumeTypes)
+        if (type.magic == magic) return &type;
+    return nullptr;
+}
+
+int GetVolumeStatus(const char *path, TQVolumeStatus *out)
+{
+    const UniqueFd fd(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd) return -1;
+    struct statfs read;
+    if (fstatfs(fd.get(), &read) != 0) return -1;
+
+    const VolumeType *type = _TypeByMagic(static_cast<uint32_t>(read.f_type));
+    *out = {};
+    strncpy(out->typeName, type ? type->name : "unknown", sizeof out->typeName - 1);
+    out->blockSize = static_cast<uint32_t>(read.f_bsize);
+    out->blockCount = read.f_blocks;
+    return 0;
+}
+
+bool IsNativeVolumeType(const char *typeName)
+{
+    for (const VolumeType &type : kVolumeTypes)
+        if (strcmp(type.name, typeName) == 0) return type.native;
+    return false;
+}
+
+// 0 if `path` is a directory afterwards, whoever made it.
+static int _MakeOne(const char *path, mode_t mode)
+{
+    if (mkdir(path, mode) == 0) return 0;
+    const int error = errno;
+    struct stat existing;
+    return error != ENOENT && stat(path, &existing) == 0 && S_ISDIR(existing.st_mode) ? 0 : error;
+}
+
+int MakePath(const char *path, mode_t mode)
+{
+    const ErrnoKeeper keeper;
+    const size_t length = strlen(path);
+    if (length == 0) return ENOENT;
+    if (length >= PATH_MAX) return ENAMETOOLONG;
+
+    // Most often only the last one is missing, or nothing.
+    if (const int error = _MakeOne(path, mode); error != ENOENT) return error;
+
+    char prefix[PATH_MAX];
+    memcpy(prefix, path, length + 1);
+    for (char *slash = strchr(prefix + 1, '/'); slash; slash = strchr(slash + 1, '/')) {
+        if (slash[strspn(slash, "/")] == '\0') break; // the last one, however many slashes end it
+        *slash = '\0';
+        // What comes below has to be made too, whatever rights the last one is to have.
+        const int error = _MakeOne(prefix, mode | S_IWUSR | S_IXUSR);
+        *slash = '/';
+        if (error != 0) return error;
+    }
+    return _MakeOne(path, mode);
+}
+
+} // namespace platform
