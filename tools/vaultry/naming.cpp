@@ -79,7 +79,9 @@ std::string DefaultGenerationName(const std::string &documentPath, time_t now, u
     char time[32];
     gmtime_r(&now, &utc);
     strftime(time, sizeof time, " %Y-%m-%dT%H.%M.%SZ", &utc);
-    const std::string suffix = time + (attempt == 0 ? "" : "-" + std::to_string(attempt + 1)) + extension;
+    std::string suffix = time;
+    if (attempt > 0) suffix.append("-").append(std::to_string(attempt + 1));
+    suffix += extension;
 
     _CutBetweenCharacters(stem, kMaximumNameLength - suffix.size());
     return stem + suffix;

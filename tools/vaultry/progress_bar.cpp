@@ -39,8 +39,9 @@ std::string ProgressBar::Line(int64_t done, int64_t total, double seconds) const
         const auto filled = static_cast<size_t>(share * kBarWidth);
         char percent[8];
         snprintf(percent, sizeof percent, "%3d%%", static_cast<int>(share * 100));
-        figures = "[" + std::string(filled, '#') + std::string(kBarWidth - filled, '-') + "] " + percent + "  " +
-                  figures + " of " + HumanSize(static_cast<uint64_t>(total));
+        std::string bar = std::string(filled, '#') + std::string(kBarWidth - filled, '-');
+        bar.insert(0, 1, '[').append("] ").append(percent).append("  ");
+        figures = bar + figures + " of " + HumanSize(static_cast<uint64_t>(total));
     }
     figures += "  " + rate;
 

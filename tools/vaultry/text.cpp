@@ -63,7 +63,7 @@ std::string Printable(std::string_view bytes)
 
 std::string Quoted(std::string_view bytes)
 {
-    return "\"" + Printable(bytes) + "\"";
+    return std::string(1, '"').append(Printable(bytes)).append(1, '"');
 }
 
 // Columns of the first character of `text`, which has at least one, and the bytes that it takes.
