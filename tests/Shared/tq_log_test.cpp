@@ -1,0 +1,106 @@
+#include "support/CapturedLog.h"
+#include "support/Library.h"
+
+#include "Shared/tq_log.h"
+
+#include <cerrno>
+#include <gmock/gmock.h>
+#include <thread>
+
+using testing::ElementsAre;
+
+namespace {
+
+std::string LastLine()
+{
+    return CapturedLog::Whole().empty() ? "no line" : CapturedLog::Whole().back().text;
+}
+
+TEST(Log, WritesTheWholeMessageTrimmedAsEachEntryPointDoes)
+{
+    const CapturedLog log;
+    const std::string full(1023, 'f'), longer(1024, 'g'), longest(5000, 'h');
+    const struct {
+        std::string message, fromText, fromString;
+    } rows[] = {{full, full, full},
+                {longer, longer, longer},
+                {longest + " \n", longest, longest},
+                {" \n\t\v\f\r", "", ""},
+                {"", "", ""},
+                {"abc \n\t", "abc", "abc"},
+                {"  abc", "  abc", "abc"}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.message.substr(0, 20));
+        errno = EDOM;
+        tq_log_msg(6, "/vaultry/src/Shared/storage_x.ext", 120, "%s", row.message.c_str());
+        EXPECT_EQ(LastLine(), "storage_x.ext:120 " + row.fromText + " (on )\n");
+        _TQLogMsg(4, "/storage_y.ext", 7, String("%@").get(), String(row.message).get());
+        EXPECT_EQ(LastLine(), "storage_y.ext:7 " + row.fromString + " (on )\n");
+        EXPECT_EQ(CapturedLog::Whole().back().level, 4);
+        EXPECT_EQ(errno, EDOM);
+    }
+    tq_do_log(2, "name.ext", 1, "finished");
+    EXPECT_EQ(LastLine(), "name.ext:1 finished (on )\n");
+}
+
+TEST(Log, ShowsTheThreadsLabelWithoutItsPrefix)
+{
+    const CapturedLog log;
+    const std::pair<const char *, const char *> labels[] = {
+        {"com.corvane.x.y", "x.y"}, {"org.example", "org.example"}, {"com.corvane.", ""}, {nullptr, ""}};
+    for (const auto &[label, shown] : labels) {
+        TQSetThreadLabel(label);
+        tq_log_msg(3, "/a", 1, "m");
+        EXPECT_EQ(LastLine(), std::string("a:1 m (on ") + shown + ")\n");
+    }
+}
+
+TEST(Log, KeepsWhatFitsWhenMemoryIsShort)
+{
+    if (!kCanFailAllocations) GTEST_SKIP() << "a sanitizer allocates here";
+    const auto logged = [](size_t length) {
+        return InChild(FailAllocation(1), [length](TQError **) {
+            char text[4096] = "";
+            std::fill_n(text, length, 'a');
+            tq_log_msg(3, "/f", 1, "%s", text);
+            return true;
+        });
+    };
+    const Outcome fits = logged(1023), cut = logged(1024);
+    EXPECT_FALSE(fits.faultFired) << "a message that fits costs no allocation";
+    ASSERT_EQ(cut.log.size(), 1U);
+    EXPECT_EQ(cut.log[0].text, "f:1 " + std::string(1020, 'a') + "... (on )\n");
+}
+
+TEST(LogThreshold, BeginsAtNoticeAndTakesAnyValue)
+{
+    EXPECT_EQ(tq_log_min_priority, 5);
+    const CapturedLog log(5);
+    const auto refuseAndFail = [] {
+        (void)TQErrorGetStatus(nullptr);                                    // level 3
+        (void)_TQCreateErrorForStatus(OwnedError().out(), 42, "", nullptr); // level 3
+        Log(kLogDebug).Line("quiet");
+    };
+    for (const auto &[threshold, lines] : {std::pair{5, 2U}, {7, 3U}, {1000, 3U}, {2, 0U}, {-5, 0U}}) {
+        EXPECT_TRUE(tq_log_set_level(threshold));
+        EXPECT_EQ(tq_log_min_priority, threshold);
+        refuseAndFail();
+        EXPECT_EQ(CapturedLog::Take().size(), lines) << threshold;
+    }
+}
+
+TEST(LogThreshold, ThreadsThatSetItAtOnceEitherDoOrLearnThatTheyDidNot)
+{
+    const CapturedLog log;
+    std::vector<std::thread> threads;
+    std::vector<int> stored(4, -1);
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&stored, t] {
+            for (int i = 0; i < 5000; ++i)
+                if (tq_log_set_level(t * 10000 + i)) stored[static_cast<size_t>(t)] = t * 10000 + i;
+        });
+    for (auto &thread : threads) thread.join();
+    EXPECT_THAT(stored, testing::Contains(tq_log_min_priority));
+}
+
+} // namespace

@@ -1,0 +1,260 @@
+#include "support/Disk.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <linux/fs.h>
+#include <linux/stat.h>
+#include <sstream>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace {
+
+void Require(bool done, const std::string &what)
+{
+    if (done) return;
+    std::perror(what.c_str());
+    std::abort();
+}
+
+// Undoes every protection on the way down. What can't be removed is said; a later run is not to stumble over it.
+void RemoveAll(const std::string &path)
+{
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) return;
+    if (!S_ISLNK(status.st_mode)) {
+        if ((disk::Flags(path) & (FS_IMMUTABLE_FL | FS_APPEND_FL)) != 0) disk::SetFlags(path, 0);
+        if (S_ISDIR(status.st_mode)) {
+            (void)chmod(path.c_str(), 0700);
+            for (const auto &name : disk::List(path)) RemoveAll(path + "/" + name);
+        }
+    }
+    if (remove(path.c_str()) != 0) std::perror(("left behind: " + path).c_str());
+}
+
+std::string Hashed(const std::string &bytes)
+{
+    return std::to_string(bytes.size()) + ":" + std::to_string(std::hash<std::string>()(bytes));
+}
+
+std::string Attributes(const std::string &path)
+{
+    char names[8192];
+    const ssize_t length = llistxattr(path.c_str(), names, sizeof names);
+    std::map<std::string, std::string> found;
+    for (ssize_t at = 0; at < length; at += static_cast<ssize_t>(std::strlen(names + at)) + 1) {
+        const std::string name = names + at;
+        if (name.rfind("user.", 0) != 0 && name.rfind("system.posix_acl", 0) != 0) continue;
+        std::string value(65536, '\0');
+        const ssize_t size = lgetxattr(path.c_str(), name.c_str(), value.data(), value.size());
+        value.resize(size < 0 ? 0 : static_cast<size_t>(size));
+        found[name] = value.size() == 1 ? std::to_string(value[0]) : Hashed(value);
+    }
+    std::string text;
+    for (const auto &[name, value] : found) text += " " + name + "=" + value;
+    return text;
+}
+
+std::string Extents(const std::string &path)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    std::string text = " data";
+    for (off_t at = 0; (at = lseek(fd, at, SEEK_DATA)) >= 0;) {
+        text += " " + std::to_string(at) + "-";
+        at = lseek(fd, at, SEEK_HOLE);
+        text += std::to_string(at);
+    }
+    close(fd);
+    return text;
+}
+
+void Describe(const std::string &root, const std::string &below, unsigned what, Snapshot &into)
+{
+    const std::string path = root + below;
+    struct statx status {};
+    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) != 0) {
+        into.items[below] = "nothing there";
+        return;
+    }
+    std::ostringstream text;
+    const unsigned type = status.stx_mode & S_IFMT;
+    text << (type == S_IFDIR ? "directory" : type == S_IFREG ? "file" : type == S_IFLNK ? "link" : "other");
+    if ((what & Snapshot::kContents) != 0 && type == S_IFREG) text << " " << Hashed(disk::Read(path));
+    if ((what & Snapshot::kMetadata) != 0)
+        text << " mode " << std::oct << (status.stx_mode & 07777U) << std::dec << " owner " << status.stx_uid << ":"
+             << status.stx_gid << " time " << status.stx_mtime.tv_sec << "." << status.stx_mtime.tv_nsec << " flags "
+             << (status.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND | STATX_ATTR_NODUMP))
+             << Attributes(path);
+    if ((what & Snapshot::kHoles) != 0 && type == S_IFREG) text << Extents(path);
+    if ((what & Snapshot::kChangeTimes) != 0)
+        text << " changed " << status.stx_ctime.tv_sec << "." << status.stx_ctime.tv_nsec;
+    into.items[below] = text.str();
+    if (type != S_IFDIR) return;
+    for (const auto &name : disk::List(path)) Describe(root, below + "/" + name, what, into);
+}
+
+} // namespace
+
+namespace disk {
+
+std::string Write(const std::string &path, std::string_view bytes, mode_t mode)
+{
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    Require(fd >= 0 && write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()), path);
+    Require(fchmod(fd, mode) == 0 && close(fd) == 0, path);
+    return path;
+}
+
+std::string MakeDirectory(const std::string &path, mode_t mode)
+{
+    Require(mkdir(path.c_str(), 0700) == 0 && chmod(path.c_str(), mode) == 0, path);
+    return path;
+}
+
+std::string Read(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::vector<std::string> List(const std::string &directory)
+{
+    std::vector<std::string> names;
+    DIR *stream = opendir(directory.c_str());
+    if (stream == nullptr) return names;
+    while (const dirent *entry = readdir(stream)) names.emplace_back(entry->d_name);
+    closedir(stream);
+    std::erase_if(names, [](const auto &name) { return name == "." || name == ".."; });
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool Exists(const std::string &path)
+{
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0;
+}
+
+mode_t Mode(const std::string &path)
+{
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : static_cast<mode_t>(-1);
+}
+
+bool SetFlags(const std::string &path, int flags)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    int word = 0;
+    bool done = fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &word) == 0;
+    constexpr int ours = FS_IMMUTABLE_FL | FS_APPEND_FL | FS_NODUMP_FL | FS_COMPR_FL;
+    word = (word & ~ours) | flags;
+    done = done && ioctl(fd, FS_IOC_SETFLAGS, &word) == 0;
+    close(fd);
+    return done;
+}
+
+int Flags(const std::string &path)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    int word = 0;
+    if (fd < 0 || ioctl(fd, FS_IOC_GETFLAGS, &word) != 0) word = 0;
+    close(fd);
+    return word & (FS_IMMUTABLE_FL | FS_APPEND_FL | FS_NODUMP_FL | FS_COMPR_FL);
+}
+
+void SetAttribute(const std::string &path, const std::string &name, std::string_view value)
+{
+    Require(lsetxattr(path.c_str(), ("user." + name).c_str(), value.data(), value.size(), 0) == 0, path);
+}
+
+std::optional<std::string> Attribute(const std::string &path, const std::string &name)
+{
+    std::string value(65536, '\0');
+    const ssize_t size = lgetxattr(path.c_str(), ("user." + name).c_str(), value.data(), value.size());
+    if (size < 0) return std::nullopt;
+    value.resize(static_cast<size_t>(size));
+    return value;
+}
+
+std::string MakePackage(const std::string &path)
+{
+    const auto at = [&](const char *name) { return path + "/" + name; };
+    MakeDirectory(path);
+    for (const auto &[name, mode] : std::initializer_list<std::pair<const char *, mode_t>>{
+             {"Data", 0750}, {"Data/Nested", 0755}, {"Data/Nested/Deep", 0700}, {"Data/Group", 02775}})
+        MakeDirectory(at(name), mode);
+    Write(at("Info"), "what it is");
+    Write(at("empty"), "");
+    Write(at("run"), "#!/bin/sh\n", 0755);
+    Write(at("read only"), "kept", 0444);
+    Write(at("Data/everyone"), "mine and yours", 0666);
+    Write(at("Data/Nested/Deep/leaf"), std::string(100000, 'x'), 0600);
+    Write(at("Data/listed"), "for some", 0640);
+    Require(link(at("Data/everyone").c_str(), at("Data/twin").c_str()) == 0, "link");
+    const int sparse = open(Write(at("Data/sparse"), "").c_str(), O_WRONLY | O_CLOEXEC);
+    Require(pwrite(sparse, "far", 3, 2 << 20) == 3 && ftruncate(sparse, 4 << 20) == 0 && close(sparse) == 0, "sparse");
+    SetAttribute(path, "com.example.kind", "package");
+    SetAttribute(at("Data/listed"), "com.example.long", std::string(600, 'a'));
+    // Version 2; owner rw-, user 4242 r--, group r--, mask r--, others none.
+    const unsigned char acl[] = {2, 0,    0,    0,    1,    0,    6,    0, 0xff, 0xff, 0xff, 0xff, 2,    0,    4,
+                                 0, 0x92, 0x10, 0,    0,    4,    0,    4, 0,    0xff, 0xff, 0xff, 0xff, 0x10, 0,
+                                 4, 0,    0xff, 0xff, 0xff, 0xff, 0x20, 0, 0,    0,    0xff, 0xff, 0xff, 0xff};
+    Require(lsetxattr(at("Data/listed").c_str(), "system.posix_acl_access", acl, sizeof acl, 0) == 0, "ACL");
+    (void)SetFlags(at("Info"), FS_NODUMP_FL);
+    const timespec times[] = {{1000000000, 1}, {1234567890, 987654321}};
+    for (const char *name : {"Info", "Data/listed", "Data/sparse", "Data/Nested/Deep", "Data/Nested", "Data", ""})
+        Require(utimensat(AT_FDCWD, at(name).c_str(), times, 0) == 0, at(name));
+    return path;
+}
+
+} // namespace disk
+
+TempDirectory::TempDirectory(const std::string &parent)
+{
+    // What the environment names may be for the user alone who started the program.
+    const char *preset = std::getenv("TMPDIR");
+    const bool usable = preset != nullptr && access(preset, W_OK | X_OK) == 0;
+    path_ = (!parent.empty() ? parent : usable ? preset : "/tmp") + std::string("/vaultry-test-XXXXXX");
+    Require(mkdtemp(path_.data()) != nullptr, path_);
+}
+
+TempDirectory::~TempDirectory()
+{
+    RemoveAll(path_);
+}
+
+bool TempDirectory::CanSetImmutable() const
+{
+    const std::string probe = disk::Write(*this / "immutable?", "");
+    const bool can = disk::SetFlags(probe, FS_IMMUTABLE_FL);
+    RemoveAll(probe);
+    return can;
+}
+
+Snapshot Snapshot::Of(const std::string &root, unsigned what)
+{
+    Snapshot snapshot;
+    Describe(root, "", what, snapshot);
+    return snapshot;
+}
+
+testing::AssertionResult Same(const Snapshot &wanted, const Snapshot &found)
+{
+    if (wanted == found) return testing::AssertionSuccess();
+    auto result = testing::AssertionFailure();
+    for (const auto &[path, item] : wanted.items)
+        if (const auto other = found.items.find(path); other == found.items.end() || other->second != item)
+            result << "\n'" << path << "' wanted: " << item
+                   << "\n    found: " << (other == found.items.end() ? "nothing there" : other->second);
+    for (const auto &[path, item] : found.items)
+        if (wanted.items.count(path) == 0) result << "\n'" << path << "' not wanted: " << item;
+    return result;
+}

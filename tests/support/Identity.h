@@ -1,0 +1,52 @@
+// Who a test is: root, an ordinary user, or a user who may set immutable flags.
+//
+// A process of root's can be any of the three in turn, so that one run as root covers them all; one that a user
+// started can only become less. A test for somebody whom this process can't be is skipped by name.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+enum class As { Root, User, Capable };
+
+// Whom root becomes: ids that own nothing else.
+constexpr uid_t kTestUser = 12345, kOtherUser = 23456;
+
+bool CanBe(As who);
+std::string NameOf(As who);
+
+// The effective and real user for the span of a scope; also what a child forked in it is.
+class Impersonate {
+public:
+    explicit Impersonate(As who, uid_t user = kTestUser);
+    ~Impersonate();
+    Impersonate(const Impersonate &) = delete;
+    Impersonate &operator=(const Impersonate &) = delete;
+
+private:
+    bool wasRoot_;
+};
+
+// A fixture of tests that run once as each. Members of a derived fixture are made, and cleaned up, by that user.
+class AsEach : public testing::TestWithParam<As> {
+protected:
+    AsEach()
+    {
+        if (CanBe(GetParam())) identity_.emplace(GetParam());
+    }
+    void SetUp() override
+    {
+        if (!identity_) GTEST_SKIP() << "this process can't be " << NameOf(GetParam());
+    }
+
+private:
+    std::optional<Impersonate> identity_;
+};
+
+#define INSTANTIATE_AS_EACH(suite)                                                                                     \
+    INSTANTIATE_TEST_SUITE_P(As, suite, testing::Values(As::Root, As::User, As::Capable),                              \
+                             [](const auto &each) { return NameOf(each.param); })

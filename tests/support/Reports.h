@@ -1,0 +1,57 @@
+// What a failure must report: the error object's status and whole text, and one line of the same text at its level.
+
+#pragma once
+
+#include "support/Child.h"
+#include "support/Disk.h"
+#include "support/Library.h"
+
+#include <map>
+
+struct Says {
+    std::string text; // "$" is the test's directory, "*" a unique name
+    int level;
+    int32_t status;
+    int error = 0;         // of the system call, or 0
+    bool onlyLogs = false; // no error object, whatever the result
+};
+
+inline Says System(int error, const std::string &text, int level = 3)
+{
+    return {text, level, TQGetStatusForErrno(error), error};
+}
+inline Says Failed(int32_t status, const std::string &text, int level = 3)
+{
+    return {text, level, status};
+}
+inline Says Refused(int32_t status, const std::string &text)
+{
+    return {text, 7, status};
+}
+inline Says Logs(int error, const std::string &text, int level = 3)
+{
+    return {text, level, 0, error, true};
+}
+
+struct Row {
+    const char *what;
+    Says says;
+    Operation run;
+    Fault fault = {};
+};
+
+// "$" and "*" put where they belong, so that a message compares whole.
+std::string Plain(std::string text, const std::string &directory);
+
+void ExpectSays(const Outcome &outcome, const Says &says, const std::string &directory);
+void ExpectRows(const std::vector<Row> &rows, const std::string &directory);
+
+// Every failing call of an operation in turn: `round` makes everything afresh, runs the operation in a child with
+// that fault, checks what it left behind, and gives the outcome. The answer is one outcome for each message (the
+// error's or a line's), "; error …" cut off.
+std::map<std::string, Outcome> Sweep(int error, const Calls &calls,
+                                     const std::function<Outcome(const Fault &, std::string *directory)> &round);
+
+// The messages are all among those of a sweep, as error objects with the status of `error`, or as lines only.
+void ExpectReported(const std::map<std::string, Outcome> &sweep, int error, const std::vector<std::string> &errors,
+                    const std::vector<std::string> &lines = {});

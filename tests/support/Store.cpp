@@ -1,0 +1,93 @@
+#include "support/Store.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// The contents that a generation keeps: all but "._" files.
+static Snapshot Contents(const std::string &path)
+{
+    Snapshot contents = Snapshot::Of(path, Snapshot::kContents);
+    std::erase_if(contents.items, [](const auto &item) { return item.first.find("/._") != std::string::npos; });
+    return contents;
+}
+
+static void ExpectProtected(const std::string &path)
+{
+    SCOPED_TRACE(path);
+    EXPECT_EQ(disk::Mode(path) & 0222U, 0U);
+    EXPECT_EQ(disk::Attribute(path, "com.corvane.vaultry.orig_perms_v1").value_or("").size(), 1U);
+    for (const auto &name : disk::List(path))
+        if (name.rfind("._", 0) != 0) ExpectProtected(path + "/" + name);
+}
+
+TestStore::TestStore(Document kind, const std::string &volume)
+    : directory_(volume), root_(disk::MakeDirectory(directory_ / "store")), document_(directory_ / "document")
+{
+    if (kind == Document::Package) {
+        disk::MakePackage(document_);
+    } else if (kind == Document::File) {
+        disk::Write(document_, "the document");
+    } else {
+        disk::MakeDirectory(document_);
+        disk::MakeDirectory(document_ + "/folder", 0775);
+        disk::Write(document_ + "/folder/leaf", "in the folder", 0664);
+        link((document_ + "/folder/leaf").c_str(), (document_ + "/twin").c_str());
+        disk::SetAttribute(document_, "com.example.kind", "folder");
+    }
+    contents_ = Contents(document_);
+    OwnedError error;
+    handle_ = TQClientManagedStorageCreate(root_.c_str(), error.out());
+    EXPECT_NE(handle_, nullptr) << error.description();
+}
+
+bool TestStore::Add(const std::string &name, TQError **error, bool copy, uint64_t options) const
+{
+    return TQClientManagedStorageAdd(handle_, name.c_str(), document_.c_str(), options, error, copy);
+}
+
+bool TestStore::CopyOut(const std::string &name, const std::string &destination, TQError **error) const
+{
+    return TQClientManagedStorageCopyGeneration(handle_, name.c_str(), destination.c_str(), error);
+}
+
+bool TestStore::Remove(const std::vector<std::string> &names, TQError **error) const
+{
+    return TQClientManagedStorageRemoveGenerations(handle_, Names(names).get(), error);
+}
+
+std::vector<std::string> TestStore::List() const
+{
+    return Texts(Ref<TQArray>::Adopt(TQClientManagedStorageCopyGenerationNames(handle_, nullptr)).get());
+}
+
+void TestStore::CheckInvariants(const std::string &lifted, bool killed)
+{
+    for (const auto &name : List()) {
+        SCOPED_TRACE("generation " + name);
+        const std::string generation = Generation(name);
+        EXPECT_TRUE(Same(contents_, Contents(generation)));
+        if (name != lifted) ExpectProtected(generation);
+    }
+    if (!killed) {
+        EXPECT_EQ(disk::Mode(root_) & 0222U, 0U);
+        EXPECT_THAT(disk::List(Staging()), testing::IsEmpty());
+    }
+    const int lock = open((root_ + "/.vaultry_lockfile").c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(flock(lock, LOCK_EX | LOCK_NB), 0) << "the lock is held";
+    close(lock);
+
+    const std::string probe = disk::Write(directory_ / "probe", "next");
+    OwnedError error;
+    EXPECT_TRUE(TQClientManagedStorageAdd(handle_, "probe", probe.c_str(), 0, error.out(), true))
+        << error.description();
+    EXPECT_TRUE(CopyOut("probe", directory_ / "probe out", error.out())) << error.description();
+    EXPECT_EQ(disk::Read(directory_ / "probe out"), "next");
+    EXPECT_TRUE(Remove({"probe"}, error.out())) << error.description();
+    EXPECT_FALSE(disk::Exists(Generation("probe")));
+    EXPECT_EQ(disk::Mode(root_) & 0222U, 0U);
+    unlink(probe.c_str());
+    unlink((directory_ / "probe out").c_str());
+}
