@@ -1,20 +1,30 @@
 // The file-copy service: whole trees with a callback for each item, and one open file into another.
 //
 // What is copied: data (cloned, else copied in the kernel, else read and written; holes stay holes; a source marked
-// compressed is copied byte by byte), `user.` attributes, access-control lists (those that the destination's
-// directory would hand down are taken away), owner, group, security.capability as root, mode with
-// its set-id bits, times in nanoseconds, flags. Each in the order in which nothing undoes another; a directory
-// gets all but its attributes after its contents. EPERM and ENOTSUP are ignored for owner and
-// flags; where the owner could not be given, the set-id bits are dropped.
+// compressed is copied byte by byte), `user.` attributes, access-control lists (those that the destination's directory
+// would hand down are taken away), owner, group, security.capability as root, mode with its set-id bits, times in
+// nanoseconds, flags. Each in the order in which nothing undoes another, and a directory's after its contents. Hard
+// links become files of their own. Volumes mounted inside the source are copied with it.
 //
-// Items are made with owner-only rights and O_EXCL; nothing that exists is written over or followed.
-// Links are copied as links. FIFOs, sockets and devices are refused with ENOTSUP, never opened.
+// What may be refused without a failure: owner and group (EPERM to an ordinary user; the set-id bits are then dropped),
+// flags (EPERM, ENOTSUP; each flag for itself), lists on a volume without them (the mode then grants the group no more
+// than the list did), the capability. An attribute that can't be set is a failure, ENOTSUP too.
+//
+// Items are made with owner-only rights and O_EXCL; nothing that exists is written over or followed. The source is
+// opened without following links, and what was swapped since its status was read is refused with ESTALE. Links are
+// copied as links. FIFOs, sockets and devices are refused with ENOTSUP, never opened. A file that grows meanwhile is
+// copied to the size that it had when it was opened, one that shrinks as it is found.
 //
 // The callback sees, for each file, link or refused item: (File, Start), then (Data, Progress) at least every
 // 4 MiB while data goes over, then (File, Finish), all attributes done. For each directory: (Directory, Start),
 // (Directory, Finish) when it is made, its contents, (DirectoryDone, Start), (DirectoryDone, Finish) when all is
-// done. Whatever fails is reported as (what, Error) with errno set, with Walk for what for a directory that can't be
-// read and an item that has no status. Skip is heeded at a start. Continue after an error goes on with the next item.
+// done. Skip is heeded at a start: the item, or the directory with its contents, is not made; at (DirectoryDone, Start)
+// the directory is left with owner-only rights.
+//
+// Whatever fails is reported as (what, Error) with errno set, and has no Finish. what is Walk for a directory that can't
+// be read, an item that has no status, and a copy that can't begin; Attribute for one attribute or list. Continue after
+// an Attribute error goes on with the same item, after another with the next item, and what was made so far stays.
+// Nothing goes on, whatever the answer, from a copy that could not begin or that was moved away while it was made.
 
 #pragma once
 
@@ -48,11 +58,13 @@ using DuplixCallback = int (*)(int what, int stage, DuplixState *state, const ch
 
 namespace platform {
 
-// 0 if everything was copied; -1 with errno when the callback quit or, with no callback, at the first error.
-// Nothing is removed on failure.
+// 0 if the end was reached; -1 with errno when the callback quit (ECANCELED if it left none) or, with no callback, at
+// the first error. EINVAL if the destination lies inside the source. Both paths, and those of every item, have at most
+// 4,095 bytes. Nothing is removed on failure. errno is untouched on success.
 int duplix(const char *source, const char *destination, DuplixCallback callback, void *context);
 
-// The same of one open regular file's data, attributes, lists, owner, mode, times and flags.
+// The same of one open regular file's data, attributes, lists, owner, mode, times and flags. What the destination
+// holds goes first; attributes that only it has stay. Moves the position of `source`. A failure leaves part of a copy.
 int fduplix(int source, int destination);
 
 } // namespace platform

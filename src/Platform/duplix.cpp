@@ -1,0 +1,290 @@
+#include "Platform/duplix.h"
+
+#include "Platform/FileStatus.h"
+#include "Platform/TreeWalk.h"
+#include "Platform/duplix_data.h"
+#include "Platform/duplix_metadata.h"
+#include "Platform/duplix_tree.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace platform {
+
+using Entry = TreeWalk::Entry;
+using Answer = DuplixReports::Answer;
+
+// Copies one tree. The functions that answer bool say whether to go on; when not, errno is the result.
+class TreeCopy {
+public:
+    TreeCopy(DuplixCallback callback, void *context) : reports_(callback, context) {}
+
+    bool Run(const char *source, const char *destination);
+
+private:
+    bool RefusedFromTheStart(const char *source, const char *destination);
+    bool Visit(const Entry &entry);
+    bool BeginDirectory(const Entry &entry);
+    bool FinishDirectory(const Entry &entry);
+    bool CopyLeaf(const Entry &entry);
+    bool ReportWalk(const Entry &entry);
+
+    Copied EnterDirectory(const Entry &entry);
+    Copied CopyDirectoryMetadata(const Entry &entry);
+    Copied CopyFile(const Entry &entry);
+    Copied CopyLink(const Entry &entry);
+
+    const char *Below(const Entry &entry) const { return entry.item.path + sourceLength_; }
+    const char *Name(const Entry &entry) const { return entry.level == 0 ? nullptr : entry.item.name; }
+    bool NameItem(const Entry &entry);
+    bool WasEntered(const Entry &entry) const { return tree_.depth() == static_cast<size_t>(entry.level) + 2; }
+    bool GoOn(Copied result, int what) { return result == Copied::No ? reports_.Error(what) : result == Copied::Yes; }
+
+    DuplixReports reports_;
+    TreeWalk walk_;
+    DestinationTree tree_;
+    DataCopier data_;
+    AttributeCopier attributes_;
+    size_t sourceLength_ = 0;
+};
+
+bool TreeCopy::Run(const char *source, const char *destination)
+{
+    sourceLength_ = strlen(source);
+    // Users keep documents on volumes that are mounted inside others; a copy has everything that they see.
+    if (!tree_.Open(destination) || !walk_.Open(source, TreeWalk::Volumes::All))
+        return RefusedFromTheStart(source, destination);
+
+    const Entry *entry = walk_.Next();
+    if (entry && entry->kind == TreeWalk::Kind::Directory && tree_.IsInside(entry->status)) {
+        errno = EINVAL;
+        return RefusedFromTheStart(source, destination);
+    }
+    while (entry) {
+        if (!Visit(*entry)) return false;
+        entry = walk_.Next();
+    }
+    return true;
+}
+
+// The client hears of it, but there is nothing to go on with.
+bool TreeCopy::RefusedFromTheStart(const char *source, const char *destination)
+{
+    const int error = errno;
+    reports_.SetSubject(source, nullptr, Item::AtPath(destination));
+    if (reports_.Error(duplix_what::Walk)) errno = error;
+    return false;
+}
+
+bool TreeCopy::Visit(const Entry &entry)
+{
+    switch (entry.kind) {
+    case TreeWalk::Kind::Directory:
+        return BeginDirectory(entry);
+    case TreeWalk::Kind::DirectoryDone:
+        return FinishDirectory(entry);
+    case TreeWalk::Kind::File:
+    case TreeWalk::Kind::Link:
+    case TreeWalk::Kind::Other:
+        return CopyLeaf(entry);
+    case TreeWalk::Kind::Unreadable:
+    case TreeWalk::Kind::NoStatus:
+    case TreeWalk::Kind::Error:
+        return ReportWalk(entry);
+    }
+    return true;
+}
+
+// Names the copy of `entry`, and says so in the reports that follow. False with ENAMETOOLONG.
+bool TreeCopy::NameItem(const Entry &entry)
+{
+    const bool fits = tree_.NameItem(Name(entry), Below(entry));
+    reports_.SetSubject(entry.item.path, entry.hasStatus ? &entry.status : nullptr, tree_.item());
+    return fits;
+}
+
+bool TreeCopy::BeginDirectory(const Entry &entry)
+{
+    const bool fits = NameItem(entry);
+    const int tooLong = errno;
+    const Answer answer = reports_.Start(duplix_what::Directory);
+    if (answer == Answer::Quit) return false;
+    if (answer == Answer::Skip) {
+        walk_.SkipContents();
+        return true;
+    }
+    if (!fits) errno = tooLong;
+    const Copied result = fits ? EnterDirectory(entry) : Copied::No;
+    if (result == Copied::Yes) return reports_.Finish(duplix_what::Directory, -1);
+    walk_.SkipContents();
+    return GoOn(result, duplix_what::Directory);
+}
+
+Copied TreeCopy::EnterDirectory(const Entry &entry)
+{
+    if (tree_.IsRootMade(entry.status)) {
+        errno = EINVAL; // met through another mount: it would be copied into itself for ever
+        return Copied::No;
+    }
+    return tree_.EnterNewDirectory() ? Copied::Yes : Copied::No;
+}
+
+bool TreeCopy::FinishDirectory(const Entry &entry)
+{
+    const bool reached = tree_.PrepareToLeave(Name(entry), Below(entry));
+    const int lost = errno;
+    reports_.SetSubject(entry.item.path, &entry.status, tree_.item());
+    const Answer answer = reports_.Start(duplix_what::DirectoryDone);
+    if (answer == Answer::Quit) return false;
+    if (!reached) {
+        // Somebody moved the copy while it was made. There is no safe place for what would follow.
+        errno = lost;
+        if (reports_.Error(duplix_what::DirectoryDone)) errno = lost;
+        return false;
+    }
+    bool goOn = true;
+    if (answer == Answer::Continue) {
+        const Copied result = CopyDirectoryMetadata(entry);
+        goOn = result == Copied::Yes ? reports_.Finish(duplix_what::DirectoryDone, tree_.directory())
+                                     : GoOn(result, duplix_what::DirectoryDone);
+    }
+    tree_.Leave();
+    return goOn;
+}
+
+Copied TreeCopy::CopyDirectoryMetadata(const Entry &entry)
+{
+    TQFileStatus made;
+    if (GetStatusOfFd(tree_.directory(), &made) != 0) return Copied::No;
+    return CopyMetadata({entry.fd, entry.status, tree_.directory(), made, tree_.isRoot()}, attributes_, reports_);
+}
+
+bool TreeCopy::CopyLeaf(const Entry &entry)
+{
+    const bool fits = NameItem(entry);
+    const int tooLong = errno;
+    const Answer answer = reports_.Start(duplix_what::File);
+    if (answer != Answer::Continue) return answer == Answer::Skip;
+    if (!fits) errno = tooLong;
+    if (!fits) return GoOn(Copied::No, duplix_what::File);
+
+    switch (entry.kind) {
+    case TreeWalk::Kind::File:
+        return GoOn(CopyFile(entry), duplix_what::File);
+    case TreeWalk::Kind::Link:
+        return GoOn(CopyLink(entry), duplix_what::File);
+    default:
+        errno = ENOTSUP;
+        return GoOn(Copied::No, duplix_what::File);
+    }
+}
+
+// The file whose status the walk read, or none: what has taken its place is not what was asked for.
+static UniqueFd _OpenSource(const Entry &entry, TQFileStatus *status)
+{
+    UniqueFd fd(
+        openat(entry.item.directory, entry.item.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd) {
+        if (errno == ELOOP) errno = ESTALE;
+        return fd;
+    }
+    if (GetStatusOfFd(fd.get(), status) != 0) return UniqueFd();
+    if (status->device != entry.status.device || status->inode != entry.status.inode || !S_ISREG(status->mode)) {
+        errno = ESTALE;
+        return UniqueFd();
+    }
+    return fd;
+}
+
+static Copied _CopyOpenFile(int from, const TQFileStatus &source, int to, TQFileStatus &made, bool mayHaveInherited,
+                            DataCopier &data, AttributeCopier &attributes, DuplixReports &reports)
+{
+    GiveOwnerRights(to, &made);
+    if ((source.flags & kTQFlagCompressed) != 0) StorePlain(to, &made);
+    if (const Copied result = data.Copy(from, source, to, reports); result != Copied::Yes) return result;
+    return CopyMetadata({from, source, to, made, mayHaveInherited}, attributes, reports);
+}
+
+Copied TreeCopy::CopyFile(const Entry &entry)
+{
+    TQFileStatus source;
+    const UniqueFd from = _OpenSource(entry, &source);
+    if (!from) return Copied::No;
+
+    const Item &item = tree_.item();
+    const UniqueFd to(openat(item.directory, item.name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    TQFileStatus made;
+    if (!to || GetStatusOfFd(to.get(), &made) != 0) return Copied::No;
+    const Copied result =
+        _CopyOpenFile(from.get(), source, to.get(), made, tree_.isRoot(), data_, attributes_, reports_);
+    if (result != Copied::Yes) return result;
+    return reports_.Finish(duplix_what::File, to.get()) ? Copied::Yes : Copied::Stopped;
+}
+
+Copied TreeCopy::CopyLink(const Entry &entry)
+{
+    char target[PATH_MAX];
+    const ssize_t length = readlinkat(entry.item.directory, entry.item.name, target, sizeof target);
+    if (length < 0 && errno == EINVAL) errno = ESTALE; // no link any more
+    if (length == sizeof target) errno = ENAMETOOLONG;
+    if (length < 0 || length == sizeof target) return Copied::No;
+    target[length] = '\0';
+
+    const Item &item = tree_.item();
+    if (symlinkat(target, item.directory, item.name) != 0) return Copied::No;
+    if (const Copied result = CopyLinkMetadata(entry.status, item); result != Copied::Yes) return result;
+    return reports_.Finish(duplix_what::File, -1) ? Copied::Yes : Copied::Stopped;
+}
+
+// What the walk could not read. A directory that was made for it stays as it is, for its owner only.
+bool TreeCopy::ReportWalk(const Entry &entry)
+{
+    const int error = entry.error;
+    bool reached = true;
+    if (WasEntered(entry)) {
+        reached = tree_.PrepareToLeave(Name(entry), Below(entry));
+        reports_.SetSubject(entry.item.path, &entry.status, tree_.item());
+        tree_.Leave();
+    } else {
+        (void)NameItem(entry);
+    }
+    errno = error;
+    if (!reports_.Error(duplix_what::Walk)) return false;
+    if (!reached) errno = ESTALE;
+    return reached;
+}
+
+int duplix(const char *source, const char *destination, DuplixCallback callback, void *context)
+{
+    const int before = errno;
+    TreeCopy copy(callback, context);
+    if (!copy.Run(source, destination)) return -1;
+    errno = before;
+    return 0;
+}
+
+int fduplix(int source, int destination)
+{
+    const int before = errno;
+    TQFileStatus status;
+    TQFileStatus made;
+    if (GetStatusOfFd(source, &status) != 0 || GetStatusOfFd(destination, &made) != 0) return -1;
+    if (!S_ISREG(status.mode) || !S_ISREG(made.mode)) {
+        errno = ENOTSUP;
+        return -1;
+    }
+    if (made.size > 0 && ftruncate(destination, 0) != 0) return -1;
+
+    DuplixReports silent(nullptr, nullptr);
+    DataCopier data;
+    AttributeCopier attributes;
+    if (_CopyOpenFile(source, status, destination, made, /*mayHaveInherited=*/true, data, attributes, silent) !=
+        Copied::Yes)
+        return -1;
+    errno = before;
+    return 0;
+}
+
+} // namespace platform

@@ -1,0 +1,144 @@
+#include "Platform/duplix_metadata.h"
+
+#include <cerrno>
+#include <cstring>
+#include <endian.h>
+#include <linux/limits.h>
+#include <new>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace platform {
+
+static constexpr char kAccessList[] = "system.posix_acl_access";
+static constexpr char kDefaultList[] = "system.posix_acl_default";
+static constexpr char kCapability[] = "security.capability";
+
+// Neither the names of an item nor one value can be longer.
+static_assert(XATTR_LIST_MAX == 65536 && XATTR_SIZE_MAX == 65536);
+
+// The list is small nearly always; one that does not fit is asked for again with all the room there can be.
+static constexpr size_t kUsualNames = 1024;
+
+bool AttributeCopier::ReadNames(int from)
+{
+    namesLength_ = 0;
+    if (!names_) names_.reset(new (std::nothrow) char[XATTR_LIST_MAX]);
+    if (!names_) {
+        errno = ENOMEM;
+        return false;
+    }
+    ssize_t length = flistxattr(from, names_.get(), kUsualNames);
+    if (length < 0 && errno == ERANGE) length = flistxattr(from, names_.get(), XATTR_LIST_MAX);
+    if (length < 0) return errno == ENOTSUP; // a file system without attributes: there are none
+    namesLength_ = static_cast<size_t>(length);
+    return true;
+}
+
+bool AttributeCopier::Has(const char *name) const
+{
+    for (size_t at = 0; at < namesLength_; at += strlen(names_.get() + at) + 1)
+        if (strcmp(names_.get() + at, name) == 0) return true;
+    return false;
+}
+
+ssize_t AttributeCopier::ReadValue(int from, const char *name)
+{
+    if (!value_) value_.reset(new (std::nothrow) unsigned char[XATTR_SIZE_MAX]);
+    if (!value_) {
+        errno = ENOMEM;
+        return -1;
+    }
+    return fgetxattr(from, name, value_.get(), XATTR_SIZE_MAX);
+}
+
+// One that was taken away since the names were read is copied as what it is: absent.
+bool AttributeCopier::CopyOne(const CopiedItem &item, const char *name, size_t *size)
+{
+    *size = 0;
+    const ssize_t length = ReadValue(item.from, name);
+    if (length < 0) return errno == ENODATA;
+    *size = static_cast<size_t>(length);
+    return fsetxattr(item.to, name, value_.get(), *size, 0) == 0;
+}
+
+static Copied _Report(DuplixReports &reports)
+{
+    return reports.Error(duplix_what::Attribute) ? Copied::Yes : Copied::Stopped;
+}
+
+Copied AttributeCopier::CopyUserAttributes(const CopiedItem &item, DuplixReports &reports)
+{
+    if (!ReadNames(item.from)) return _Report(reports);
+    for (size_t at = 0; at < namesLength_;) {
+        const char *name = names_.get() + at;
+        at += strlen(name) + 1;
+        if (strncmp(name, "user.", 5) != 0) continue; // other namespaces belong to the system, or are copied below
+        size_t size = 0;
+        if (!CopyOne(item, name, &size) && _Report(reports) == Copied::Stopped) return Copied::Stopped;
+    }
+    return Copied::Yes;
+}
+
+// What an access list, in the form in which the kernel hands it out, grants to the owning group.
+static unsigned _GroupRights(const unsigned char *list, size_t size)
+{
+    enum : uint16_t { kGroupObject = 0x04, kMask = 0x10 };
+    struct Entry {
+        uint16_t tag;
+        uint16_t rights;
+        uint32_t id;
+    };
+    unsigned rights = 07;
+    for (size_t at = sizeof(uint32_t); at + sizeof(Entry) <= size; at += sizeof(Entry)) {
+        Entry entry;
+        memcpy(&entry, list + at, sizeof entry);
+        const uint16_t tag = le16toh(entry.tag);
+        if (tag == kGroupObject || tag == kMask) rights &= le16toh(entry.rights);
+    }
+    return rights;
+}
+
+static bool _RemoveInherited(int to, const char *list)
+{
+    return fremovexattr(to, list) == 0 || errno == ENODATA || errno == ENOTSUP;
+}
+
+bool AttributeCopier::CopyAccessList(const CopiedItem &item, CopiedLists *lists)
+{
+    if (!Has(kAccessList)) return !item.mayHaveInherited || _RemoveInherited(item.to, kAccessList);
+    size_t size = 0;
+    lists->touched = true;
+    if (CopyOne(item, kAccessList, &size)) return true;
+    if (errno != ENOTSUP) return false;
+    // The mode's group bits were the list's mask. Without the list they would grant that to the whole group.
+    lists->groupRights = _GroupRights(value_.get(), size);
+    return true;
+}
+
+bool AttributeCopier::CopyDefaultList(const CopiedItem &item)
+{
+    if (!S_ISDIR(item.source.mode)) return true;
+    if (!Has(kDefaultList)) return !item.mayHaveInherited || _RemoveInherited(item.to, kDefaultList);
+    size_t size = 0;
+    return CopyOne(item, kDefaultList, &size) || errno == ENOTSUP;
+}
+
+Copied AttributeCopier::CopyLists(const CopiedItem &item, CopiedLists *lists, DuplixReports &reports)
+{
+    if (!CopyAccessList(item, lists) && _Report(reports) == Copied::Stopped) return Copied::Stopped;
+    if (!CopyDefaultList(item) && _Report(reports) == Copied::Stopped) return Copied::Stopped;
+    return Copied::Yes;
+}
+
+Copied AttributeCopier::CopyCapability(const CopiedItem &item, DuplixReports &reports)
+{
+    if (!Has(kCapability) || geteuid() != 0) return Copied::Yes;
+    size_t size = 0;
+    // Root in a container may not give it. A right that is missing harms nobody.
+    if (CopyOne(item, kCapability, &size) || errno == EPERM || errno == ENOTSUP) return Copied::Yes;
+    return _Report(reports);
+}
+
+} // namespace platform

@@ -1,0 +1,116 @@
+#include "Platform/duplix_metadata.h"
+
+#include "Platform/FileStatus.h"
+#include "Platform/InodeFlags.h"
+#include "Platform/UniqueFd.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace platform {
+
+void GiveOwnerRights(int fd, TQFileStatus *made)
+{
+    const mode_t needed = S_ISDIR(made->mode) ? S_IRWXU : S_IRUSR | S_IWUSR;
+    if ((made->mode & needed) == needed) return;
+    // Where this is refused, what needs the rights will say so.
+    if (fchmod(fd, (made->mode & 07777) | needed) == 0) made->mode |= needed;
+}
+
+void StorePlain(int fd, TQFileStatus *made)
+{
+    const uint32_t plain = made->flags & ~static_cast<uint32_t>(kTQFlagCompressed);
+    if (SetFlagsOfKnown(fd, *made, plain) == 0) made->flags = plain;
+}
+
+static constexpr mode_t kSetIdBits = S_ISUID | S_ISGID;
+
+struct Ownership {
+    bool failed = false;   // errno
+    bool changed = false;  // a call was made, which clears set-id bits
+    bool complete = false; // both are the source's
+};
+
+static bool _IsRefusedToUser(int error)
+{
+    return error == EPERM && geteuid() != 0;
+}
+
+// An ordinary user can't give files away, but may give them to a group of their own.
+static Ownership _CopyOwner(int to, const TQFileStatus &source, const TQFileStatus &made)
+{
+    Ownership result;
+    result.complete = source.owner == made.owner && source.group == made.group;
+    if (result.complete) return result;
+
+    result.changed = true;
+    result.complete = fchownat(to, "", source.owner, source.group, AT_EMPTY_PATH) == 0;
+    if (result.complete) return result;
+    result.failed = !_IsRefusedToUser(errno);
+    if (result.failed || source.group == made.group) return result;
+    result.complete =
+        fchownat(to, "", static_cast<uid_t>(-1), source.group, AT_EMPTY_PATH) == 0 && source.owner == made.owner;
+    return result;
+}
+
+static bool _CopyMode(const CopiedItem &item, const Ownership &owner, const CopiedLists &lists)
+{
+    mode_t mode = item.source.mode & 07777;
+    if (!owner.complete) mode &= ~kSetIdBits; // else they would lend the rights of somebody else
+    mode &= ~static_cast<mode_t>(070) | (lists.groupRights << 3);
+    if (!owner.changed && !lists.touched && mode == (item.made.mode & 07777)) return true;
+    return fchmod(item.to, mode) == 0;
+}
+
+static bool _CopyTimes(const CopiedItem &item)
+{
+    const struct timespec times[] = {item.source.accessTime, item.source.modificationTime};
+    return futimens(item.to, times) == 0;
+}
+
+// Carries what the file system and the user's rights allow, each flag for itself.
+static bool _CopyFlags(const CopiedItem &item)
+{
+    constexpr uint32_t kPrivileged = kTQFlagImmutable | kTQFlagAppend;
+    constexpr uint32_t kStored = kTQFlagCompressed;
+    uint32_t flags = item.source.flags;
+    while (SetFlagsOfKnown(item.to, item.made, flags) != 0) {
+        if (errno != EPERM && errno != ENOTSUP) return false;
+        const uint32_t refused = flags & (errno == EPERM ? kPrivileged : kStored);
+        if (refused == 0) return true;
+        flags &= ~refused;
+    }
+    return true;
+}
+
+Copied CopyMetadata(const CopiedItem &item, AttributeCopier &attributes, DuplixReports &reports)
+{
+    if (attributes.CopyUserAttributes(item, reports) == Copied::Stopped) return Copied::Stopped;
+
+    const Ownership owner = _CopyOwner(item.to, item.source, item.made);
+    if (owner.failed) return Copied::No;
+
+    CopiedLists lists;
+    if (attributes.CopyLists(item, &lists, reports) == Copied::Stopped) return Copied::Stopped;
+    if (attributes.CopyCapability(item, reports) == Copied::Stopped) return Copied::Stopped;
+
+    return _CopyMode(item, owner, lists) && _CopyTimes(item) && _CopyFlags(item) ? Copied::Yes : Copied::No;
+}
+
+Copied CopyLinkMetadata(const TQFileStatus &source, const Item &link)
+{
+    // Held by descriptor, so that owner and times go to the link that was just made and to nothing put in its place.
+    const UniqueFd pinned(openat(link.directory, link.name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    TQFileStatus made;
+    if (!pinned || GetStatusOfFd(pinned.get(), &made) != 0) return Copied::No;
+    if (!S_ISLNK(made.mode)) {
+        errno = ESTALE;
+        return Copied::No;
+    }
+    if (_CopyOwner(pinned.get(), source, made).failed) return Copied::No;
+    const struct timespec times[] = {source.accessTime, source.modificationTime};
+    return utimensat(pinned.get(), "", times, AT_EMPTY_PATH) == 0 ? Copied::Yes : Copied::No;
+}
+
+} // namespace platform

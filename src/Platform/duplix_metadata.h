@@ -1,0 +1,63 @@
+// Everything about one item but its bytes, in the order in which nothing undoes another.
+//
+// A change of owner clears set-id bits and capabilities, an access list changes the mode, every change of
+// contents changes the times, and an immutable item takes no change at all. Hence: attributes, owner and
+// group, lists, capability, mode, times, flags.
+
+#pragma once
+
+#include "Platform/duplix_reports.h"
+
+#include <memory>
+
+namespace platform {
+
+// One open file or directory and its copy.
+struct CopiedItem {
+    int from;
+    const TQFileStatus &source;
+    int to;
+    const TQFileStatus &made; // the copy as it stands
+    bool mayHaveInherited;    // the directory above may have handed lists down
+};
+
+// What the extended attributes of the source were, as far as the mode depends on it.
+struct CopiedLists {
+    bool touched = false;      // an access list was set: the mode's group bits are no longer what they were
+    unsigned groupRights = 07; // what the mode may grant to the group
+};
+
+// `user.` attributes, access-control lists, and as root the capability. Keeps its buffers from item to item.
+class AttributeCopier {
+public:
+    Copied CopyUserAttributes(const CopiedItem &item, DuplixReports &reports);
+    // Goes by what CopyUserAttributes found on the same item.
+    Copied CopyLists(const CopiedItem &item, CopiedLists *lists, DuplixReports &reports);
+    Copied CopyCapability(const CopiedItem &item, DuplixReports &reports);
+
+private:
+    bool ReadNames(int from);
+    bool Has(const char *name) const;
+    ssize_t ReadValue(int from, const char *name);
+    bool CopyOne(const CopiedItem &item, const char *name, size_t *size);
+    bool CopyAccessList(const CopiedItem &item, CopiedLists *lists);
+    bool CopyDefaultList(const CopiedItem &item);
+
+    std::unique_ptr<char[]> names_; // each ends in a zero
+    size_t namesLength_ = 0;
+    std::unique_ptr<unsigned char[]> value_;
+};
+
+// A new item has the rights that its owner needs to fill it, unless a strict umask took them. Gives them, and
+// notes it in `made`.
+void GiveOwnerRights(int fd, TQFileStatus *made);
+
+// Takes away a compressed flag that the directory above has handed down, before there is data, and notes it.
+void StorePlain(int fd, TQFileStatus *made);
+
+Copied CopyMetadata(const CopiedItem &item, AttributeCopier &attributes, DuplixReports &reports);
+
+// The same of a symbolic link, which has neither attributes nor a mode or flags.
+Copied CopyLinkMetadata(const TQFileStatus &source, const Item &link);
+
+} // namespace platform

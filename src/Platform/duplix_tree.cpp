@@ -1,0 +1,113 @@
+#include "Platform/duplix_tree.h"
+
+#include "Platform/FileStatus.h"
+#include "Platform/duplix_metadata.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+namespace platform {
+
+static bool _IsSame(const TQFileStatus &a, const TQFileStatus &b)
+{
+    return a.device == b.device && a.inode == b.inode;
+}
+
+bool DestinationTree::Open(const char *path)
+{
+    rootLength_ = strlen(path);
+    while (rootLength_ > 1 && path[rootLength_ - 1] == '/') --rootLength_;
+    if (rootLength_ == 0 || rootLength_ >= sizeof path_) {
+        errno = rootLength_ == 0 ? ENOENT : ENAMETOOLONG;
+        return false;
+    }
+    memcpy(path_, path, rootLength_);
+    path_[rootLength_] = '\0';
+
+    char *const slash = strrchr(path_, '/');
+    rootName_ = slash ? slash + 1 : path_;
+    char parent[PATH_MAX] = ".";
+    if (slash) {
+        const size_t length = slash == path_ ? 1 : static_cast<size_t>(slash - path_);
+        memcpy(parent, path_, length);
+        parent[length] = '\0';
+    }
+    if (*rootName_ == '\0') {
+        errno = EEXIST; // the root of all
+        return false;
+    }
+    // Search permission is all that making an item in it takes besides write permission.
+    UniqueFd directory(open(parent, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    TQFileStatus status;
+    return directory && GetStatusOfFd(directory.get(), &status) == 0 && directories_.Push(std::move(directory), status);
+}
+
+bool DestinationTree::IsInside(const TQFileStatus &tree) const
+{
+    char up[PATH_MAX] = ".";
+    TQFileStatus last{};
+    for (size_t length = 1; length + 4 < sizeof up; length += 3) {
+        TQFileStatus above;
+        if (GetStatus({directories_.Top(), up, up}, Links::NoFollow, &above) != 0) return false;
+        if (_IsSame(above, tree)) return true;
+        if (_IsSame(above, last)) return false; // the root of all is its own parent
+        last = above;
+        memcpy(up + length, "/..", 4);
+    }
+    return false;
+}
+
+bool DestinationTree::NameItem(const char *name, const char *below)
+{
+    isRoot_ = name == nullptr;
+    path_[rootLength_] = '\0';
+    item_ = {directories_.Top(), isRoot_ ? rootName_ : name, path_};
+    if (isRoot_) return true;
+
+    const size_t slash = *below == '/' ? 0 : 1;
+    const size_t length = strlen(below);
+    if (rootLength_ + slash + length >= sizeof path_) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    path_[rootLength_] = '/';
+    memcpy(path_ + rootLength_ + slash, below, length + 1);
+    return true;
+}
+
+bool DestinationTree::EnterNewDirectory()
+{
+    if (mkdirat(item_.directory, item_.name, S_IRWXU) != 0) return false;
+    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    UniqueFd made(openat(item_.directory, item_.name, kFlags));
+    // A strict umask can make a directory that its maker can't read.
+    if (!made && errno == EACCES && SetMode(item_, Links::NoFollow, S_IRWXU) == 0)
+        made.Reset(openat(item_.directory, item_.name, kFlags));
+    TQFileStatus status;
+    if (!made || GetStatusOfFd(made.get(), &status) != 0) return false;
+    GiveOwnerRights(made.get(), &status);
+    if (isRoot_) {
+        (void)fremovexattr(made.get(), "system.posix_acl_default");
+        rootMade_ = true;
+        root_ = status;
+    }
+    return directories_.Push(std::move(made), status);
+}
+
+bool DestinationTree::IsRootMade(const TQFileStatus &directory) const
+{
+    return rootMade_ && _IsSame(root_, directory);
+}
+
+bool DestinationTree::PrepareToLeave(const char *name, const char *below)
+{
+    const bool reached = directories_.OpenParent();
+    const ErrnoKeeper keeper;
+    (void)NameItem(name, below); // its path fitted when it was entered
+    item_.directory = reached ? directories_.Parent() : -1;
+    return reached;
+}
+
+} // namespace platform
