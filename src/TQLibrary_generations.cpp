@@ -81,6 +81,63 @@ bool TQLibraryCopyGeneration(TQLibrary *library, const TQString *name, const TQU
                                                               tq_fileSystemRepresentation(destination), error);
 }
 
+bool TQLibrarySetGenerationInfoValueForKey(TQLibrary *library, const TQString *name, TQString *key, TQValue *value)
+{
+    const DeferredScope scope;
+    const GenerationName generation(name, nullptr);
+    return generation && TQClientManagedStorageSetGenerationInfoValueForKey(_StorageOf(library), generation.c_str(),
+                                                                            key, value, nullptr);
+}
+
+TQValue *TQLibraryCopyGenerationInfoValueForKey(TQLibrary *library, const TQString *name, const TQString *key)
+{
+    const DeferredScope scope;
+    const GenerationName generation(name, nullptr);
+    return generation ? TQClientManagedStorageCopyGenerationInfoValueForKey(_StorageOf(library), generation.c_str(),
+                                                                            key, nullptr)
+                      : nullptr;
+}
+
+TQDictionary *TQLibraryCopyGenerationInfoDictionary(TQLibrary *library, const TQString *name)
+{
+    const DeferredScope scope;
+    const GenerationName generation(name, nullptr);
+    return generation
+               ? TQClientManagedStorageCopyGenerationInfoDictionary(_StorageOf(library), generation.c_str(), nullptr)
+               : nullptr;
+}
+
+bool TQLibrarySetGenerationOriginalDisplayName(TQLibrary *library, const TQString *name, const TQString *displayName)
+{
+    const DeferredScope scope;
+    const GenerationName generation(name, nullptr);
+    return generation && TQClientManagedStorageSetGenerationOriginalDisplayName(_StorageOf(library), generation.c_str(),
+                                                                                displayName, nullptr);
+}
+
+TQString *TQLibraryCopyGenerationOriginalDisplayName(TQLibrary *library, const TQString *name)
+{
+    const DeferredScope scope;
+    const GenerationName generation(name, nullptr);
+    return generation ? TQClientManagedStorageCopyGenerationOriginalDisplayName(_StorageOf(library), generation.c_str(),
+                                                                                nullptr)
+                      : nullptr;
+}
+
+TQDictionary *TQLibraryCopyGenerationInfos(TQLibrary *library, const TQValue *, const TQValue *, const TQString *name,
+                                           const TQDictionary *spec, TQError **error)
+{
+    const DeferredScope scope;
+    return TQClientManagedStorageCopyGenerationInfos(_StorageOf(library), name, spec, error);
+}
+
+TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, const TQValue *, const TQDictionary *spec,
+                                               TQError **error)
+{
+    const DeferredScope scope;
+    return TQClientManagedStorageCopyAllGenerationsInfos(_StorageOf(library), spec, error);
+}
+
 bool TQLibraryRemoveGenerations(TQLibrary *library, const TQArray *names)
 {
     const DeferredScope scope;

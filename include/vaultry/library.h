@@ -72,6 +72,67 @@ TQ_EXPORT bool TQLibraryRemoveGenerations(TQLibrary *library, const TQArray *nam
 /// The names of all generations, in no particular order, owned by the caller; null on failure.
 TQ_EXPORT TQArray *TQLibraryCopyGenerationNames(TQLibrary *library);
 
+/// Sets one value of a generation's info dictionary, or removes the key when `value` is null.
+TQ_EXPORT bool TQLibrarySetGenerationInfoValueForKey(TQLibrary *library, const TQString *name, TQString *key,
+                                                     TQValue *value);
+
+/// One value of a generation's info dictionary, owned by the caller; null when there is none, and on failure.
+TQ_EXPORT TQValue *TQLibraryCopyGenerationInfoValueForKey(TQLibrary *library, const TQString *name,
+                                                          const TQString *key);
+
+/// A generation's info dictionary, owned by the caller; empty when nothing was set, null on failure.
+TQ_EXPORT TQDictionary *TQLibraryCopyGenerationInfoDictionary(TQLibrary *library, const TQString *name);
+
+/// Sets the name that the document is to be shown under, of at most 767 bytes; null or "" removes it.
+TQ_EXPORT bool TQLibrarySetGenerationOriginalDisplayName(TQLibrary *library, const TQString *name,
+                                                         const TQString *displayName);
+
+/// The name that the document is to be shown under, owned by the caller; null when there is none, and on failure.
+TQ_EXPORT TQString *TQLibraryCopyGenerationOriginalDisplayName(TQLibrary *library, const TQString *name);
+
+/// One record about one generation; see TQClientManagedStorageCopyGenerationInfos. The second and third argument
+/// are ignored.
+TQ_EXPORT TQDictionary *TQLibraryCopyGenerationInfos(TQLibrary *library, const TQValue *ignored,
+                                                     const TQValue *alsoIgnored, const TQString *name,
+                                                     const TQDictionary *spec, TQError **error);
+
+/// Records about all generations; see TQClientManagedStorageCopyAllGenerationsInfos. The second argument is ignored.
+TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, const TQValue *ignored,
+                                                         const TQDictionary *spec, TQError **error);
+
+/// Puts a generation in the place of a document, which keeps its own permissions, flags and hidden extension.
+///
+/// The document is moved aside, the generation moved into its place, and only then is the old document
+/// removed; any failure in between puts it back. If the extensions of `name` and of the document differ, the
+/// restored document gets the generation's, and nothing may stand at that path (kTQStatusExists). Where there is no
+/// document, the generation is copied to its path.
+///
+/// @param document    File URL of a file or a directory.
+/// @param backupName  May be null; else the document is first kept under this name, with options 1, and that
+///                    generation is removed again if the restore fails.
+/// @return true if the document now holds the generation and its previous state is gone from beside it. Otherwise
+///         the document is as it was, for a reason in TQErrorGetStatus:
+///         kTQStatusInvalidArgument  the name is not a generation name, or there is no such generation
+///         kTQStatusBadPath          not a file URL, or the document's path has 1,006 bytes or more
+///         kTQStatusExists           the backup's name, or the path with the new extension, is taken
+///         another                   what the failing system call reported
+///
+/// Takes the store's lock for each of its steps, none for the whole. The document itself is not locked.
+TQ_EXPORT bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const TQURL *document,
+                                          const TQString *backupName, TQError **error);
+
+/// Says that `document` is about to be replaced by what lies at `replacement`. Tests that both are file URLs; nothing
+/// is kept of it. Always false.
+TQ_EXPORT bool TQLibraryDocumentWillSafeSave(const TQURL *document, const TQURL *replacement);
+
+/// Says that a document has been replaced. Does nothing.
+TQ_EXPORT void TQLibraryDocumentDidSafeSave(const TQURL *document, const TQURL *replacement);
+
+/// Whether paths have generations: always false, with null in `paths`' out-slot.
+///
+/// @param generations  Must be valid; gets null.
+TQ_EXPORT bool TQLibraryHasGenerationsForPaths(TQLibrary *library, const TQValue *paths, TQValue **generations);
+
 /// The status of a stored item with the permissions and flags that it had before it was protected. Follows a
 /// final link.
 ///

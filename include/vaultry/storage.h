@@ -133,6 +133,31 @@ TQ_EXPORT bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStor
 /// @return null with kTQStatusFailed if a name in the store is not UTF-8.
 TQ_EXPORT TQArray *TQClientManagedStorageCopyGenerationNames(const TQClientManagedStorage *store, TQError **error);
 
+/// One record about one generation: a dictionary with "name" and, as the spec's "fields" select, "options" (a number),
+/// "URL", "ODN" (the original display name, where there is one) and "info" (the info dictionary). The caller owns it.
+///
+/// @param name  Neither validated nor looked for: a name without a generation gives a record of what can be told.
+/// @param spec  May be null, which is an empty one. "fields" is a dictionary of numbers (or booleans):
+///              "URL", "options", and "ODN", which selects display name and info together. Without
+///              "fields" everything is selected; in one, what is absent is off.
+/// @return null with kTQStatusInvalidType for a value of the wrong type, kTQStatusBadPath for a path that is too
+///         long, or what reading the metadata reported. Shared lock.
+TQ_EXPORT TQDictionary *TQClientManagedStorageCopyGenerationInfos(const TQClientManagedStorage *store,
+                                                                  const TQString *name, const TQDictionary *spec,
+                                                                  TQError **error);
+
+/// Records about all generations, in a dictionary of at most two arrays: under "com.corvane.nimbusync" those whose
+/// options word has the bit 0x4, under "com.corvane.draftline" the others. The caller owns it. A
+/// group without records is left out.
+///
+/// @param spec  May be null. Beside "fields": "withOptions", a number: only generations that share a bit with it, or all
+///              for 0; 31 when absent. "withoutOptions", a number: none that shares a bit with it. "clients", an
+///              array of strings: only these groups.
+/// @return null as above; a query that fails for one generation fails whole. Shared lock: the result is one
+///         moment of the store.
+TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQClientManagedStorage *store,
+                                                                      const TQDictionary *spec, TQError **error);
+
 TQ_END_DECLS
 
 #endif

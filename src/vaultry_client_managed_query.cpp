@@ -1,0 +1,239 @@
+// Info queries: records of chosen facts about one generation or all of them.
+//
+// The selector of the info dictionary is read from "ODN", as that of the display name is: one number switches both, and
+// a list of keys passes the first test only to fail the second. Clients were written against this.
+
+#include "vaultry_client_managed_query.h"
+
+#include "vaultry_client_managed.h"
+
+#include "Runtime/Ref.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <vaultry/metadata.h>
+#include <vaultry/number.h>
+
+#include <cerrno>
+#include <dirent.h>
+#include <memory>
+
+namespace {
+
+constexpr int64_t kDefaultWithOptions = 31; // leaves out generations whose options word is 0
+constexpr uint64_t kSecondGroupBit = 0x4;
+constexpr char kFirstGroup[] = "com.corvane.draftline";
+constexpr char kSecondGroup[] = "com.corvane.nimbusync";
+
+struct CloseDirectory {
+    void operator()(DIR *directory) const
+    {
+        const ErrnoKeeper keeper;
+        (void)closedir(directory);
+    }
+};
+
+TQValue *Lookup(const TQDictionary *dictionary, const char *key)
+{
+    const auto string = Ref<TQString>::Adopt(TQStringCreate(key));
+    return TQDictionaryGetValue(dictionary, string.get());
+}
+
+bool Set(const Ref<TQDictionary> &dictionary, const char *key, TQValue *value)
+{
+    const auto string = Ref<TQString>::Adopt(TQStringCreate(key));
+    return TQDictionarySetValue(dictionary.get(), string.get(), value);
+}
+
+// A switch among the fields: absent is off.
+bool GetSwitch(const TQDictionary *fields, const char *key, const char *complaint, bool *on, TQError **error)
+{
+    const TQValue *value = Lookup(fields, key);
+    if (value && !TQIsNumber(value)) return Failure(error).Refused(kTQStatusInvalidType, "%s", complaint);
+    *on = value && TQNumberGetTruth(value);
+    return true;
+}
+
+bool GetInfoSelector(const TQDictionary *fields, FieldSelection *selection, const TQArray **keys, TQError **error)
+{
+    const TQValue *value = Lookup(fields, "ODN");
+    if (value && TQGetTypeID(value) == TQArrayGetTypeID()) {
+        selection->info = true;
+        *keys = static_cast<const TQArray *>(value);
+        return true;
+    }
+    return GetSwitch(fields, "ODN", "invalid type for UserInfos", &selection->info, error);
+}
+
+// What a query over all generations asks for.
+struct Query {
+    FieldSelection fields;
+    const TQArray *keys;
+    uint64_t withOptions;
+    uint64_t withoutOptions;
+    bool firstGroup;
+    bool secondGroup;
+
+    bool Admits(uint64_t options) const
+    {
+        if ((options & withoutOptions) != 0) return false;
+        if (withOptions != 0 && (options & withOptions) == 0) return false;
+        return (options & kSecondGroupBit) != 0 ? secondGroup : firstGroup;
+    }
+};
+
+bool GetMask(const TQDictionary *spec, const char *key, int64_t absent, uint64_t *mask, TQError **error)
+{
+    const TQValue *value = Lookup(spec, key);
+    if (value && !TQIsNumber(value))
+        return Failure(error).Refused(kTQStatusInvalidType, "invalid type for spec.%s", key);
+    *mask = static_cast<uint64_t>(value ? TQNumberGetInt64(value) : absent);
+    return true;
+}
+
+bool Lists(const TQArray *clients, const char *group)
+{
+    const auto string = Ref<TQString>::Adopt(TQStringCreate(group));
+    return TQArrayContainsValue(clients, string.get());
+}
+
+bool GetClients(const TQDictionary *spec, Query *query, TQError **error)
+{
+    const TQValue *value = Lookup(spec, "clients");
+    if (value && TQGetTypeID(value) != TQArrayGetTypeID())
+        return Failure(error).Refused(kTQStatusInvalidType, "invalid type for spec.clients");
+    const auto *clients = static_cast<const TQArray *>(value);
+    query->firstGroup = !clients || Lists(clients, kFirstGroup);
+    query->secondGroup = !clients || Lists(clients, kSecondGroup);
+    return true;
+}
+
+bool GetQuery(const TQDictionary *spec, Query *query, TQError **error)
+{
+    return _genInfosFieldsGet(Lookup(spec, "fields"), &query->fields, &query->keys, error) &&
+           GetMask(spec, "withOptions", kDefaultWithOptions, &query->withOptions, error) &&
+           GetMask(spec, "withoutOptions", 0, &query->withoutOptions, error) && GetClients(spec, query, error);
+}
+
+// Formatted here rather than by _GetPathToGeneration: a query neither validates names nor looks for them.
+bool GetPath(const char *root, const char *name, PathBuffer &path, TQError **error)
+{
+    if (path.Format("%s/%s", root, name)) return true;
+    return Failure(error).Refused(kTQStatusBadPath, "Path to generation is too long");
+}
+
+// Adds the display name where there is one. That there is none is no failure, and leaves no error behind.
+bool AddDisplayName(const Ref<TQDictionary> &record, const char *path, TQError **error)
+{
+    Ref<TQError> why;
+    const auto displayName = Ref<TQString>::Adopt(TQCopyOriginalDisplayName(path, why.out()));
+    if (displayName) return Set(record, "ODN", displayName.get());
+    const bool none = errno == ENODATA;
+    if (error) *error = none ? nullptr : why.Detach();
+    return none;
+}
+
+bool AddInfo(const Ref<TQDictionary> &record, const char *path, const TQArray *keys, TQError **error)
+{
+    const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(path, error));
+    if (!info) return false;
+    if (!keys) return Set(record, "info", info.get());
+
+    const auto chosen = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutable());
+    for (size_t i = 0; i < TQArrayGetCount(keys); ++i) {
+        TQValue *key = TQArrayGetValueAtIndex(keys, i);
+        if (TQValue *value = TQDictionaryGetValue(info.get(), key))
+            (void)TQDictionarySetValue(chosen.get(), key, value);
+    }
+    return Set(record, "info", chosen.get());
+}
+
+bool AddToGroup(const Query &query, const char *root, const char *name, TQArray *first, TQArray *second,
+                TQError **error)
+{
+    PathBuffer path;
+    if (!GetPath(root, name, path, error)) return false;
+    const uint64_t options = TQGetGenerationOptions(path.c_str());
+    if (!query.Admits(options)) return true;
+    const auto record =
+        Ref<TQDictionary>::Adopt(_genInfosCreate(query.fields, query.keys, name, options, path.c_str(), error));
+    return record && TQArrayAppendValue((options & kSecondGroupBit) != 0 ? second : first, record.get());
+}
+
+} // namespace
+
+bool _genInfosFieldsGet(const TQValue *fields, FieldSelection *selection, const TQArray **keys, TQError **error)
+{
+    *keys = nullptr;
+    *selection = {true, true, true, true};
+    if (!fields) return true;
+    if (TQGetTypeID(fields) != TQDictionaryGetTypeID())
+        return Failure(error).Refused(kTQStatusInvalidType, "invalid type for spec.fields");
+    const auto *dictionary = static_cast<const TQDictionary *>(fields);
+    return GetInfoSelector(dictionary, selection, keys, error) &&
+           GetSwitch(dictionary, "URL", "invalid type for Path", &selection->url, error) &&
+           GetSwitch(dictionary, "options", "invalid type for Options", &selection->options, error) &&
+           GetSwitch(dictionary, "ODN", "invalid type for ODN", &selection->displayName, error);
+}
+
+TQDictionary *_genInfosCreate(const FieldSelection &selection, const TQArray *keys, const char *name, uint64_t options,
+                              const char *path, TQError **error)
+{
+    auto record = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutable());
+    const auto nameString = Ref<TQString>::Adopt(TQStringCreateWithFileSystemRepresentation(name));
+    if (!nameString || !Set(record, "name", nameString.get()))
+        return Failure(error).Status(kTQStatusFailed, "Failed to create string from file system name \"%s\"", name);
+    if (selection.options) {
+        const auto number = Ref<TQNumber>::Adopt(TQNumberCreateInt64(static_cast<int64_t>(options)));
+        (void)Set(record, "options", number.get());
+    }
+    if (selection.url) {
+        const auto url = Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPath(path, /*isDirectory=*/false));
+        (void)Set(record, "URL", url.get());
+    }
+    if (selection.displayName && !AddDisplayName(record, path, error)) return nullptr;
+    if (selection.info && !AddInfo(record, path, keys, error)) return nullptr;
+    return record.Detach();
+}
+
+TQDictionary *TQClientManagedStorageCopyGenerationInfos(const TQClientManagedStorage *store, const TQString *name,
+                                                        const TQDictionary *spec, TQError **error)
+{
+    char nameBytes[PathBuffer::kCapacity];
+    if (!name) return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
+    if (!TQStringGetFileSystemRepresentation(name, nameBytes, sizeof nameBytes))
+        return Failure(error).Refused(kTQStatusBadPath, "Path to generation is too long");
+    FieldSelection fields;
+    const TQArray *keys = nullptr;
+    if (!_genInfosFieldsGet(Lookup(spec, "fields"), &fields, &keys, error)) return nullptr;
+
+    HeldLock lock;
+    PathBuffer path;
+    if (!lock.ForReading(store, error) || !GetPath(store->rootPath, nameBytes, path, error)) return nullptr;
+    const uint64_t options = TQGetGenerationOptions(path.c_str());
+    return _genInfosCreate(fields, keys, nameBytes, options, path.c_str(), error);
+}
+
+TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQClientManagedStorage *store,
+                                                            const TQDictionary *spec, TQError **error)
+{
+    Query query;
+    if (!GetQuery(spec, &query, error)) return nullptr;
+
+    HeldLock lock;
+    if (!lock.ForReading(store, error)) return nullptr;
+    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(store->rootPath));
+    if (!directory) return Failure(error).AtDebug().Errno("unable to opendir(%s)", store->rootPath);
+
+    const auto first = Ref<TQArray>::Adopt(TQArrayCreateMutable());
+    const auto second = Ref<TQArray>::Adopt(TQArrayCreateMutable());
+    // A read that fails ends the query like the end of the directory does.
+    while (const dirent *entry = readdir(directory.get())) {
+        if (entry->d_name[0] == '.') continue;
+        if (!AddToGroup(query, store->rootPath, entry->d_name, first.get(), second.get(), error)) return nullptr;
+    }
+
+    auto result = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutable());
+    if (TQArrayGetCount(first.get()) > 0) (void)Set(result, kFirstGroup, first.get());
+    if (TQArrayGetCount(second.get()) > 0) (void)Set(result, kSecondGroup, second.get());
+    return result.Detach();
+}
