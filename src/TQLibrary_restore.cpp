@@ -44,7 +44,7 @@ struct Restore {
     char restoredPath[PathBuffer::kCapacity] = "";
     char stagedPath[PathBuffer::kCapacity] = "";
     uint16_t stagedMode = 0;
-    PathBuffer temporaryPath;
+    PathBuffer temporaryPath{};
     bool backupAdded = false;
     bool movedAside = false;
 
