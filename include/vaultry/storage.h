@@ -158,6 +158,26 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyGenerationInfos(const TQClient
 TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQClientManagedStorage *store,
                                                                       const TQDictionary *spec, TQError **error);
 
+/// Verifies what a store promises, and says where it is not so. Opens nothing the way TQClientManagedStorageCreate does,
+/// so nothing that should be reported is changed by looking.
+///
+/// Looked at: the root's protection, the lock file, the staging area and what killed operations left in it, every item of
+/// every generation (write-protected, with a well-formed record of its permissions; "._" files are exempt), the
+/// attributes of generations, and placeholders beside the documents that generations name in their info
+/// dictionaries under "vaultry.document".
+///
+/// @param repair  Also mends what is safe to mend: protection is put back on the root and on items that carry the record of
+///                their permissions, a missing lock file or staging directory is made, what copying or removing left in
+///                staging more than an hour ago is removed, and a document that a killed move left in staging, or
+///                a killed restore under its placeholder name, is put back where it belongs if nothing is there.
+///                Content is never touched, and nothing is deleted that the library did not make.
+/// @return an array that the caller owns, empty when all is well, of dictionaries: "path" (data: the bytes of the path),
+///         "kind" (a string of lower-case words that a program can tell apart), "meaning" (a string for
+///         people), "mended" (a boolean). Null with an error: kTQStatusBadPath for what is not a directory.
+///
+/// Shared lock, exclusive with `repair`; none if there is no lock file.
+TQ_EXPORT TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, TQError **error);
+
 TQ_END_DECLS
 
 #endif

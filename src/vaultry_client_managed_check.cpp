@@ -1,0 +1,164 @@
+// Checking a store: the root, its own files, and then each room in turn.
+
+#include "vaultry_client_managed_check.h"
+
+#include "vaultry_client_managed.h"
+
+#include "Platform/FileStatus.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <vaultry/data.h>
+#include <vaultry/filesystem.h>
+#include <vaultry/number.h>
+
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <sys/file.h>
+#include <unistd.h>
+
+namespace {
+
+struct CloseDirectory {
+    void operator()(DIR *directory) const
+    {
+        const ErrnoKeeper keeper;
+        (void)closedir(directory);
+    }
+};
+
+// The lock, if there is a lock file; a store without one is looked at all the same.
+class CheckLock {
+public:
+    ~CheckLock()
+    {
+        if (lock_.fd >= 0) _UnlockGenerationStore(&lock_);
+    }
+    CheckLock() = default;
+    CheckLock(const CheckLock &) = delete;
+    CheckLock &operator=(const CheckLock &) = delete;
+
+    bool Take(const char *path, bool exclusive, TQError **error)
+    {
+        TQFileStatus status;
+        if (platform::GetStatus(Item::AtPath(path), Links::NoFollow, &status) != 0 && errno == ENOENT) return true;
+        return _TQLockGenerationInternal(path, &lock_, exclusive ? LOCK_EX : LOCK_SH, error);
+    }
+
+private:
+    StoreLock lock_;
+};
+
+bool MakeLockFile(const char *path)
+{
+    const int fd = open(path, O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0400);
+    if (fd >= 0) (void)close(fd);
+    return fd >= 0;
+}
+
+void CheckLockFile(const char *path, Findings &findings)
+{
+    const Item item = Item::AtPath(path);
+    TQFileStatus status;
+    if (platform::GetStatus(item, Links::NoFollow, &status) != 0)
+        findings.AddMendable(path, "lock-file-missing", "The store has no lock file; opening the store makes one.",
+                             [path] { return MakeLockFile(path); });
+    else if (!S_ISREG(status.mode))
+        findings.Add(path, "lock-file-foreign", "What stands in the place of the lock file is no file.");
+    else if ((status.mode & 07777) != 0400)
+        findings.AddMendable(path, "lock-file-mode", "The lock file does not have the mode 0400.",
+                             [&item] { return platform::SetMode(item, Links::NoFollow, 0400) == 0; });
+}
+
+void CheckStagingDirectory(const char *path, Findings &findings)
+{
+    const Item item = Item::AtPath(path);
+    TQFileStatus status;
+    if (platform::GetStatus(item, Links::NoFollow, &status) != 0) {
+        findings.AddMendable(path, "staging-missing",
+                             "The store has no staging directory; opening the store makes one.",
+                             [path] { return mkdir(path, 0700) == 0; });
+        return;
+    }
+    if (!S_ISDIR(status.mode)) {
+        findings.Add(path, "staging-foreign", "What stands in the place of the staging directory is no directory.");
+        return;
+    }
+    if ((status.mode & 0777) != 0700)
+        findings.AddMendable(path, "staging-mode", "The staging directory does not have the mode 0700.",
+                             [&item] { return platform::SetMode(item, Links::NoFollow, 0700) == 0; });
+    _CheckStagingArea(path, findings);
+}
+
+bool CheckGenerations(const char *root, Findings &findings, TQError **error)
+{
+    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(root));
+    if (!directory) return Failure(error).Errno("unable to opendir(%s)", root);
+    while (const dirent *entry = readdir(directory.get())) {
+        if (entry->d_name[0] == '.') continue;
+        PathBuffer path;
+        if (!path.Format("%s/%s", root, entry->d_name))
+            return Failure(error).Refused(kTQStatusBadPath, "Path to generation is too long");
+        if (!Ref<TQString>::Adopt(TQStringCreateWithFileSystemRepresentation(entry->d_name)))
+            findings.Add(path.c_str(), "name-not-utf8",
+                         "The name is not UTF-8, so that the store's generations can't be listed.");
+        _CheckGeneration(path.c_str(), findings);
+        _CheckPlaceholders(path.c_str(), findings);
+    }
+    return true;
+}
+
+// The files of the store can only be mended while its root is writable.
+bool CheckStore(const char *root, const PathBuffer &lockFile, const PathBuffer &staging, Findings &findings,
+                TQError **error)
+{
+    TQFileStatus status;
+    if (platform::GetStatus(Item::AtPath(root), Links::Follow, &status) != 0)
+        return Failure(error).Errno("stat(\"%s\") failed", root);
+    if ((status.mode & 0222) != 0)
+        findings.Add(root, "root-unprotected", "The store's directory may be written to.", findings.repair());
+
+    if (findings.repair() && !_UnprotectGenerationStore(root, error)) return false;
+    const ScopeExit protect([&] {
+        if (findings.repair()) _ProtectGenerationStore(root);
+    });
+    CheckLockFile(lockFile.c_str(), findings);
+    CheckStagingDirectory(staging.c_str(), findings);
+    return CheckGenerations(root, findings, error);
+}
+
+} // namespace
+
+void Findings::Add(const char *path, const char *kind, const char *meaning, bool mended)
+{
+    const auto finding = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutable());
+    const auto set = [&](const char *key, TQValue *value) {
+        const auto name = Ref<TQString>::Adopt(TQStringCreate(key));
+        const auto owned = Ref<TQValue>::Adopt(value);
+        return TQDictionarySetValue(finding.get(), name.get(), owned.get());
+    };
+    complete_ = complete_ && set("path", TQDataCreate(path, strlen(path))) && set("kind", TQStringCreate(kind)) &&
+                set("meaning", TQStringCreate(meaning)) && set("mended", TQRetain(TQBooleanGet(mended))) &&
+                TQArrayAppendValue(list_.get(), finding.get());
+}
+
+TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, TQError **error)
+{
+    if (!_IsDirectory(rootPath, /*status=*/nullptr))
+        return Failure(error).Status(kTQStatusBadPath, "The supplied path \"%s\" does not exist",
+                                     rootPath ? rootPath : "");
+    PathBuffer lockFile;
+    PathBuffer staging;
+    if (!staging.Format("%s/%s", rootPath, kStagingName))
+        return Failure(error).Refused(kTQStatusBadPath, "failed to get staging dir path");
+    if (!_GetPathToLockFile(rootPath, lockFile, error)) return nullptr;
+
+    CheckLock lock;
+    if (!lock.Take(lockFile.c_str(), repair, error)) return nullptr;
+    Findings findings(repair);
+    if (!CheckStore(rootPath, lockFile, staging, findings, error)) return nullptr;
+    TQArray *list = findings.Detach();
+    return list ? list : Failure(error).Status(kTQStatusFailed, "malloc failed");
+}

@@ -1,0 +1,176 @@
+// Checking generations: protection and attributes of every item, and placeholders beside recorded documents.
+
+#include "vaultry_client_managed_check.h"
+
+#include "Platform/Attributes.h"
+#include "Platform/FileStatus.h"
+#include "Platform/Rename.h"
+#include "Platform/ScopeExit.h"
+#include "Platform/TreeWalk.h"
+#include "Shared/PathBuffer.h"
+#include "Shared/vaultry_storage.h"
+
+#include <vaultry/data.h>
+#include <vaultry/metadata.h>
+#include <vaultry/path.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <memory>
+#include <sys/stat.h>
+
+namespace {
+
+using Kind = TreeWalk::Kind;
+
+constexpr mode_t kWriteBits = 0222;
+constexpr char kDocumentKey[] = "vaultry.document"; // absolute path, as data
+constexpr char kPlaceholderMark[] = "-tmp.nosync.";
+constexpr size_t kPlaceholderUnique = 6;
+
+struct CloseDirectory {
+    void operator()(DIR *directory) const { (void)closedir(directory); }
+};
+
+// Takes the write bits of an item, so that only the record of its permissions says what it had.
+void CheckProtection(const TreeWalk::Entry &entry, Findings &findings)
+{
+    const char *path = entry.item.path;
+    const mode_t mode = entry.status.mode & 07777;
+    uint8_t saved = 0;
+    const ssize_t length =
+        platform::GetAttribute(entry.item, Links::NoFollow, kSavedPermissionsAttribute, &saved, sizeof saved);
+    if (length < 0 && errno == EACCES)
+        findings.Add(path, "unreadable", "The item can't be read by its owner, so nothing can be said of it.");
+    else if (length < 0 && errno == ENODATA)
+        findings.Add(path, "not-archived",
+                     "The item lacks the record of its permissions; the library did not make it.");
+    else if (length != 1)
+        findings.Add(path, "permissions-malformed",
+                     "The record of the item's permissions is damaged; the generation can't be copied out.");
+    else if ((mode & kWriteBits) != 0)
+        findings.AddMendable(path, "unprotected", "The item may be written to.",
+                             [&] { return platform::SetMode(entry.item, Links::NoFollow, mode & ~kWriteBits) == 0; });
+}
+
+void CheckItem(const TreeWalk::Entry &entry, Findings &findings)
+{
+    switch (entry.kind) {
+    case Kind::Directory:
+        break;
+    case Kind::File:
+        if (IsSidecarName(entry.item.name)) break;
+        [[fallthrough]];
+    case Kind::DirectoryDone:
+        CheckProtection(entry, findings);
+        break;
+    case Kind::Link:
+    case Kind::Other:
+        findings.Add(entry.item.path, "foreign", "No generation holds links, pipes, sockets or devices.");
+        break;
+    case Kind::Unreadable:
+    case Kind::NoStatus:
+    case Kind::Error:
+        findings.Add(entry.item.path, "unreadable", "The item can't be read, so nothing can be said of it.");
+        break;
+    }
+}
+
+// Errors are what is looked for here; the findings say what they mean.
+void CheckAttributes(const char *path, Findings &findings)
+{
+    const Item item = Item::AtPath(path);
+    if (!Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(path, nullptr)))
+        findings.Add(path, "info-malformed", "The generation's info dictionary can't be read.");
+    const bool named = platform::GetAttribute(item, Links::NoFollow, kDisplayNameAttribute, nullptr, 0) >= 0;
+    if (named && !Ref<TQString>::Adopt(TQCopyOriginalDisplayName(path, nullptr)))
+        findings.Add(path, "display-name-malformed", "The generation's display name can't be read.");
+    const ssize_t options = platform::GetAttribute(item, Links::NoFollow, kOptionsAttribute, nullptr, 0);
+    if (options >= 0 && options != sizeof(uint64_t))
+        findings.Add(path, "options-malformed", "The generation's options word has a wrong size, and reads as 0.");
+}
+
+// Whether `name` is `stem`, the mark, six characters, and `extension`.
+bool IsPlaceholderName(const char *name, const char *stem, size_t stemLength, const char *extension)
+{
+    const size_t markLength = sizeof kPlaceholderMark - 1;
+    const size_t length = strlen(name);
+    return length == stemLength + markLength + kPlaceholderUnique + strlen(extension) &&
+           memcmp(name, stem, stemLength) == 0 && memcmp(name + stemLength, kPlaceholderMark, markLength) == 0 &&
+           strcmp(name + length - strlen(extension), extension) == 0;
+}
+
+bool IsEmpty(const char *path, const TQFileStatus &status)
+{
+    if (!S_ISDIR(status.mode)) return status.size == 0;
+    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(path));
+    if (!directory) return true; // not known, so nothing is done with it
+    while (const dirent *entry = readdir(directory.get()))
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) return false;
+    return true;
+}
+
+// An empty placeholder is one that no document was moved to yet; a full one is the document itself.
+void CheckPlaceholder(const char *placeholder, const char *document, Findings &findings)
+{
+    TQFileStatus status;
+    if (platform::GetStatus(Item::AtPath(placeholder), Links::NoFollow, &status) != 0) return;
+    if (IsEmpty(placeholder, status)) {
+        findings.Add(placeholder, "placeholder-empty",
+                     "A restore that was interrupted left this empty item; it may go.");
+        return;
+    }
+    findings.AddMendable(placeholder, "document-aside",
+                         "A restore that was interrupted left the document, or its old state, under this name.",
+                         [=] { return platform::RenameIntoNothing(placeholder, document) == 0; });
+}
+
+// The path of the document that a generation was made from, as a client recorded it.
+bool GetRecordedDocument(const char *generation, PathBuffer &document)
+{
+    const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(generation, nullptr));
+    const auto key = Ref<TQString>::Adopt(TQStringCreate(kDocumentKey));
+    const TQValue *value = TQDictionaryGetValue(info.get(), key.get());
+    if (TQGetTypeID(value) != TQDataGetTypeID()) return false;
+    const auto *data = static_cast<const TQData *>(value);
+    const auto *bytes = static_cast<const char *>(TQDataGetBytes(data));
+    const size_t length = TQDataGetLength(data);
+    if (length == 0 || bytes[0] != '/' || memchr(bytes, '\0', length)) return false;
+    return length < PathBuffer::kCapacity && document.Format("%.*s", static_cast<int>(length), bytes);
+}
+
+} // namespace
+
+void _CheckGeneration(const char *path, Findings &findings)
+{
+    TreeWalk walk;
+    if (!walk.Open(path)) return;
+    while (const TreeWalk::Entry *entry = walk.Next()) CheckItem(*entry, findings);
+    CheckAttributes(path, findings);
+}
+
+void _CheckPlaceholders(const char *generationPath, Findings &findings)
+{
+    PathBuffer document;
+    if (!GetRecordedDocument(generationPath, document)) return;
+    PathBuffer parent;
+    const char *name = separate_path_parent_child(document.c_str(), parent.data());
+    const char *directoryPath = parent.c_str()[0] == '\0' ? "/" : parent.c_str();
+    const std::unique_ptr<DIR, CloseDirectory> directory(name && name[0] ? opendir(directoryPath) : nullptr);
+    if (!directory) return;
+
+    const char *extension = TQGetFileNameExtensionForPath(name);
+    if (!extension) extension = name + strlen(name);
+    const size_t stemLength = static_cast<size_t>(extension - name);
+    while (const dirent *entry = readdir(directory.get())) {
+        // A directory's placeholder has no extension; its name is the whole name and the mark.
+        if (!IsPlaceholderName(entry->d_name, name, stemLength, extension) &&
+            !IsPlaceholderName(entry->d_name, name, strlen(name), ""))
+            continue;
+        PathBuffer placeholder;
+        if (placeholder.Format("%s/%s", strcmp(directoryPath, "/") == 0 ? "" : directoryPath, entry->d_name))
+            CheckPlaceholder(placeholder.c_str(), document.c_str(), findings);
+    }
+}

@@ -1,0 +1,89 @@
+// Checking the staging area: what killed operations left there, and the documents among it.
+//
+// Adding and removing hold the exclusive lock, so while it is held here nothing of theirs is in progress. A copy that
+// a caller has asked for outlives its lock, which is why young entries stay.
+
+#include "vaultry_client_managed_check.h"
+
+#include "vaultry_client_managed.h"
+
+#include "Platform/Attributes.h"
+#include "Platform/FileStatus.h"
+#include "Shared/vaultry_storage.h"
+
+#include <vaultry/filesystem.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <ctime>
+#include <dirent.h>
+#include <memory>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
+constexpr int64_t kLitterAge = 3600; // seconds
+
+struct CloseDirectory {
+    void operator()(DIR *directory) const { (void)closedir(directory); }
+};
+
+// The youngest of the times that tell when somebody worked here last.
+int64_t LastUse(const char *unique, const char *staged)
+{
+    TQFileStatus status;
+    int64_t last = INT64_MIN;
+    for (const char *path : {unique, staged})
+        if (platform::GetStatus(Item::AtPath(path), Links::NoFollow, &status) == 0)
+            last = std::max<int64_t>(last, status.changeTime.tv_sec);
+    return last;
+}
+
+// The document goes home, and the directory that held it goes with its note.
+bool GiveBack(const char *unique, const char *staged, const char *home)
+{
+    return _GiveDocumentBack(staged, home) && _RemoveTree(unique, 0, nullptr);
+}
+
+void CheckUnique(const char *unique, Findings &findings)
+{
+    PathBuffer staged;
+    if (!staged.Format("%s/staged", unique)) return;
+    TQFileStatus status;
+    const bool holdsItem = platform::GetStatus(Item::AtPath(staged.c_str()), Links::NoFollow, &status) == 0;
+
+    char home[PATH_MAX] = "";
+    const ssize_t length =
+        platform::GetAttribute(Item::AtPath(unique), Links::NoFollow, kMovedFromAttribute, home, sizeof home - 1);
+    if (length > 0 && holdsItem) {
+        home[length] = '\0';
+        findings.AddMendable(staged.c_str(), "document-in-staging",
+                             "A move into the store was interrupted: this is the document, and may be its only copy.",
+                             [&] { return GiveBack(unique, staged.c_str(), home); });
+        return;
+    }
+    if (LastUse(unique, staged.c_str()) > time(nullptr) - kLitterAge)
+        findings.Add(unique, "staging-recent",
+                     "Something was staged here less than an hour ago: a copy in use, or one that was interrupted.");
+    else
+        findings.AddMendable(unique, "staging-litter", "An interrupted operation left this in staging; it may go.",
+                             [unique] { return _RemoveTree(unique, 0, nullptr); });
+}
+
+} // namespace
+
+void _CheckStagingArea(const char *stagingPath, Findings &findings)
+{
+    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(stagingPath));
+    if (!directory) {
+        findings.Add(stagingPath, "unreadable", "The staging directory can't be read.");
+        return;
+    }
+    while (const dirent *entry = readdir(directory.get())) {
+        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+        PathBuffer unique;
+        if (unique.Format("%s/%s", stagingPath, entry->d_name)) CheckUnique(unique.c_str(), findings);
+    }
+}
