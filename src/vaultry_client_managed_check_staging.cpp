@@ -24,6 +24,8 @@
 namespace {
 
 constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
+constexpr size_t kUniqueLength = 7;
+constexpr char kUniqueAlphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 constexpr int64_t kLitterAge = 3600; // seconds
 
 struct CloseDirectory {
@@ -45,6 +47,11 @@ int64_t LastUse(const char *unique, const char *staged)
 bool GiveBack(const char *unique, const char *staged, const char *home)
 {
     return _GiveDocumentBack(staged, home) && _RemoveTree(unique, 0, nullptr);
+}
+
+bool IsUniqueName(const char *name)
+{
+    return strlen(name) == kUniqueLength && name[strspn(name, kUniqueAlphabet)] == '\0';
 }
 
 void CheckUnique(const char *unique, Findings &findings)
@@ -84,6 +91,11 @@ void _CheckStagingArea(const char *stagingPath, Findings &findings)
     while (const dirent *entry = readdir(directory.get())) {
         if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
         PathBuffer unique;
-        if (unique.Format("%s/%s", stagingPath, entry->d_name)) CheckUnique(unique.c_str(), findings);
+        if (!unique.Format("%s/%s", stagingPath, entry->d_name)) continue;
+        if (IsUniqueName(entry->d_name) && _IsDirectory(unique.c_str(), /*status=*/nullptr))
+            CheckUnique(unique.c_str(), findings);
+        else
+            findings.Add(unique.c_str(), "staging-foreign",
+                         "The library did not make this; a person should look at it.");
     }
 }
