@@ -335,8 +335,10 @@ bool Formatter::AppendWide(const Conversion &conversion, const wchar_t *wide)
 
 bool Formatter::AppendErrno(const Conversion &conversion)
 {
+    // "%#m" is the C library's way to ask for the name of the error, "ENOENT".
+    const char *name = conversion.flags.find('#') == std::string::npos ? nullptr : strerrorname_np(errno_);
     char buffer[256];
-    return AppendBytes(conversion, strerror_r(errno_, buffer, sizeof buffer));
+    return AppendBytes(conversion, name ? name : strerror_r(errno_, buffer, sizeof buffer));
 }
 
 bool Formatter::AppendValue(const Conversion &conversion, const TQValue *value)
