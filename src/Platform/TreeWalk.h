@@ -34,8 +34,8 @@ public:
 
     struct Entry {
         Kind kind;
-        // Valid until the next call of Next. Where a path would pass 4,095 bytes (an Error with ENAMETOOLONG), `path` is
-        // that of the directory. Where the walk lost the directory above (an Error, ESTALE), `directory` is -1.
+        // Valid until the next call of Next. Where a path would pass 4,095 bytes (an Error with ENAMETOOLONG), `path`
+        // is that of the directory. Where the walk lost the directory above (an Error, ESTALE), `directory` is -1.
         Item item;
         bool hasStatus;
         TQFileStatus status; // as read when the entry was met (a directory's: before its contents)

@@ -21,9 +21,9 @@
 // done. Skip is heeded at a start: the item, or the directory with its contents, is not made; at (DirectoryDone, Start)
 // the directory is left with owner-only rights.
 //
-// Whatever fails is reported as (what, Error) with errno set, and has no Finish. what is Walk for a directory that can't
-// be read, an item that has no status, and a copy that can't begin; Attribute for one attribute or list. Continue after
-// an Attribute error goes on with the same item, after another with the next item, and what was made so far stays.
+// Whatever fails is reported as (what, Error) with errno set, and has no Finish. what is Walk for a directory that
+// can't be read, an item that has no status, and a copy that can't begin; Attribute for one attribute or list. Continue
+// after an Attribute error goes on with the same item, after another with the next, and what was made so far stays.
 // Nothing goes on, whatever the answer, from a copy that could not begin or that was moved away while it was made.
 
 #pragma once

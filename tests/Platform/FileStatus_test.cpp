@@ -1,0 +1,107 @@
+#include "Platform/FileStatus.h"
+
+#include "Platform/UniqueFd.h"
+#include "support/Identity.h"
+#include "support/Volumes.h"
+
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+
+namespace {
+
+int Set(const std::string &path, uint32_t flags)
+{
+    errno = 0;
+    return platform::SetFlags(Item::AtPath(path.c_str()), Links::NoFollow, flags) == 0 ? 0 : errno;
+}
+
+uint32_t FlagsOf(const std::string &path)
+{
+    TQFileStatus status{};
+    EXPECT_EQ(platform::GetStatus(Item::AtPath(path.c_str()), Links::NoFollow, &status), 0) << path;
+    return status.flags;
+}
+
+struct FileFlags : AsEach {
+    TempDirectory directory;
+};
+struct VolumeFlags : OnEachVolume {};
+
+} // namespace
+
+// A pipe would block whoever opens it, and a link's target is somebody else's.
+TEST_P(FileFlags, WhatHoldsNoFlagsSaysSo)
+{
+    const std::string target = disk::Write(directory / "target", "");
+    ASSERT_EQ(symlink("target", (directory / "link").c_str()), 0);
+    ASSERT_EQ(mkfifo((directory / "pipe").c_str(), 0600), 0);
+    const struct {
+        const char *name;
+        uint32_t flags;
+        int error;
+    } rows[] = {
+        {"link", kTQFlagNoDump, ENOTSUP},
+        {"pipe", kTQFlagNoDump, ENOTSUP},
+        {"target", kTQFlagTracked, ENOTSUP},
+        {"target", 0x80000000, ENOTSUP},
+        {"none", kTQFlagNoDump, ENOENT},
+        // What stands already needs neither a right nor a file system.
+        {"link", 0, 0},
+        {"pipe", 0, 0},
+    };
+    for (const auto &row : rows) EXPECT_EQ(Set(directory / row.name, row.flags), row.error) << row.name;
+    EXPECT_EQ(FlagsOf(target), 0U);
+}
+
+TEST_P(FileFlags, OnlyTheWantedBitsChange)
+{
+    for (const mode_t mode : {0644U, 0400U, 0000U}) {
+        SCOPED_TRACE(mode);
+        const std::string path = disk::Write(directory / "file" + std::to_string(mode), "", 0644);
+        const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        int noAccessTime = FS_NOATIME_FL;
+        int before = 0;
+        ASSERT_EQ(ioctl(fd.get(), FS_IOC_GETFLAGS, &before), 0);
+        noAccessTime |= before;
+        ASSERT_EQ(ioctl(fd.get(), FS_IOC_SETFLAGS, &noAccessTime), 0);
+        ASSERT_EQ(fchmod(fd.get(), mode), 0); // 0000: its owner can't open it any more
+
+        EXPECT_EQ(Set(path, kTQFlagNoDump), 0);
+        EXPECT_EQ(FlagsOf(path), uint32_t{kTQFlagNoDump});
+        int after = 0;
+        EXPECT_EQ(ioctl(fd.get(), FS_IOC_GETFLAGS, &after), 0);
+        EXPECT_EQ(after, noAccessTime | FS_NODUMP_FL);
+
+        const bool may = directory.CanSetImmutable();
+        const uint32_t both = kTQFlagNoDump | kTQFlagImmutable;
+        EXPECT_EQ(Set(path, both), may ? 0 : EPERM);
+        EXPECT_EQ(FlagsOf(path), may ? both : uint32_t{kTQFlagNoDump});
+        EXPECT_EQ(Set(path, 0), 0);
+        EXPECT_EQ(FlagsOf(path), 0U);
+    }
+}
+
+TEST_P(FileFlags, AModeIsNeverSetThroughALink)
+{
+    const std::string target = disk::Write(directory / "target", "", 0600);
+    ASSERT_EQ(symlink("target", (directory / "link").c_str()), 0);
+    EXPECT_EQ(platform::SetMode(Item::AtPath((directory / "link").c_str()), Links::NoFollow, 0777), -1);
+    EXPECT_EQ(errno, EOPNOTSUPP);
+    EXPECT_EQ(disk::Mode(target), 0600U);
+    EXPECT_EQ(platform::SetMode(Item::AtPath(target.c_str()), Links::NoFollow, 0), 0);
+    EXPECT_EQ(disk::Mode(target), 0U);
+}
+INSTANTIATE_AS_EACH(FileFlags);
+
+TEST_P(VolumeFlags, EachTypeHoldsWhatItCan)
+{
+    const std::string path = disk::Write(directory() / "file", "");
+    const bool compresses = Is("ext4") || Is("btrfs");
+    EXPECT_EQ(Set(path, kTQFlagCompressed), compresses ? 0 : ENOTSUP);
+    EXPECT_EQ(FlagsOf(path), compresses ? uint32_t{kTQFlagCompressed} : 0U);
+    EXPECT_EQ(Set(path, kTQFlagAppend | kTQFlagNoDump), directory().CanSetImmutable() ? 0 : EPERM);
+    TQFileStatus status{};
+    ASSERT_EQ(platform::GetStatus(Item::AtPath(path.c_str()), Links::NoFollow, &status), 0);
+    EXPECT_TRUE(status.hasBirthTime);
+}
+INSTANTIATE_ON_EACH_VOLUME(VolumeFlags);

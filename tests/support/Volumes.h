@@ -1,0 +1,38 @@
+// Real volumes of each type, for tests of what file systems do differently.
+//
+// Mounted in a mount namespace of the test process's own: nobody else sees them, and they are gone with the process
+// however it ends. A type that this process can't have is skipped by name with the reason.
+
+#pragma once
+
+#include "support/Disk.h"
+
+#include <optional>
+
+struct TestVolume {
+    std::string path;   // where everybody may write; empty if there is none
+    std::string whyNot; // the reason
+};
+
+// "ext4", "xfs", "btrfs" or "tmpfs". Made on first use and kept.
+const TestVolume &VolumeOfType(const std::string &type);
+
+// A fixture of tests that run on each type, in a directory of their own.
+class OnEachVolume : public testing::TestWithParam<const char *> {
+protected:
+    void SetUp() override
+    {
+        const TestVolume &volume = VolumeOfType(GetParam());
+        if (volume.path.empty()) GTEST_SKIP() << "no " << GetParam() << " volume: " << volume.whyNot;
+        directory_.emplace(volume.path);
+    }
+    const TempDirectory &directory() const { return *directory_; }
+    bool Is(std::string_view type) const { return type == GetParam(); }
+
+private:
+    std::optional<TempDirectory> directory_;
+};
+
+#define INSTANTIATE_ON_EACH_VOLUME(suite)                                                                              \
+    INSTANTIATE_TEST_SUITE_P(On, suite, testing::Values("ext4", "xfs", "btrfs", "tmpfs"),                              \
+                             [](const auto &each) { return std::string(each.param); })
