@@ -192,9 +192,10 @@ bool Formatter::Append(const Conversion &conversion, Arguments &arguments)
 
 template <class T> bool Formatter::AppendWithPrintf(const Conversion &conversion, const char *length, T argument)
 {
-    std::string format = "%" + conversion.flags;
+    std::string format(1, '%');
+    format += conversion.flags;
     if (conversion.width > 0) format += std::to_string(conversion.width);
-    if (conversion.precision >= 0) format += "." + std::to_string(conversion.precision);
+    if (conversion.precision >= 0) format.append(1, '.').append(std::to_string(conversion.precision));
     format += length;
     format += conversion.kind;
 
