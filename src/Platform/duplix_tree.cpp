@@ -1,6 +1,7 @@
 #include "Platform/duplix_tree.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/InodeFlags.h"
 #include "Platform/duplix_metadata.h"
 
 #include <cerrno>
@@ -90,6 +91,7 @@ bool DestinationTree::EnterNewDirectory()
     GiveOwnerRights(made.get(), &status);
     if (isRoot_) {
         (void)fremovexattr(made.get(), "system.posix_acl_default");
+        if (SetFlagsOfKnown(made.get(), status, 0) == 0) status.flags = 0;
         rootMade_ = true;
         root_ = status;
     }

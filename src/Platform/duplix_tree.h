@@ -28,8 +28,8 @@ public:
     const Item &item() const { return item_; }
     bool isRoot() const { return isRoot_; }
 
-    // Makes the item named last and goes down into it. Children must not inherit what the source did not
-    // give them, so the root loses its default list at once. False with errno.
+    // Makes the item named last and goes down into it. What the directory above hands down, a default list or flags,
+    // is taken from the root at once, so that it reaches nothing below. False with errno.
     bool EnterNewDirectory();
     // Whether `directory` is the root that was made: a copy met in its own source.
     bool IsRootMade(const TQFileStatus &directory) const;
