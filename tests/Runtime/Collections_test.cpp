@@ -10,10 +10,7 @@ using Pairs = std::vector<std::pair<int64_t, int64_t>>;
 // What a dictionary should hold, in order, kept the slow way.
 struct Model {
     Pairs pairs;
-    auto Find(int64_t key)
-    {
-        return std::find_if(pairs.begin(), pairs.end(), [&](const auto &pair) { return pair.first == key; });
-    }
+    auto Find(int64_t key) { return std::ranges::find(pairs, key, &Pairs::value_type::first); }
 };
 
 Pairs PairsOf(const TQDictionary *dictionary)
@@ -133,8 +130,8 @@ TEST(Collections, OnlyMutableOnesChange)
 
     const auto thawed = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutableCopy(pairs));
     EXPECT_TRUE(TQDictionaryRemoveValue(thawed.get(), a.get()));
-    EXPECT_FALSE(TQDictionarySetValue(thawed.get(), nullptr, a.get()));
-    EXPECT_FALSE(TQDictionarySetValue(thawed.get(), a.get(), nullptr));
+    EXPECT_FALSE(TQDictionarySetValue(thawed.get(), nullptr, a.get()) ||
+                 TQDictionarySetValue(thawed.get(), a.get(), nullptr));
     EXPECT_EQ(TQDictionaryGetCount(pairs), 1u);
 
     TQValue *withNull[] = {a.get(), nullptr};

@@ -39,13 +39,7 @@ TEST(Number, EqualityIsExactAcrossKinds)
 
 TEST(Number, GivesTheNearestValueOfTheWantedType)
 {
-    const struct {
-        Value value;
-        int64_t asInt;
-        uint64_t asUInt;
-        double asDouble;
-        bool truth;
-    } rows[] = {
+    const std::tuple<Value, int64_t, uint64_t, double, bool> rows[] = {
         {Number(-5), -5, 0, -5.0, true},
         {Number(UINT64_MAX), INT64_MAX, UINT64_MAX, 18446744073709551616.0, true},
         {Number(-1.9), -1, 0, -1.9, true},
@@ -59,12 +53,12 @@ TEST(Number, GivesTheNearestValueOfTheWantedType)
         {Text("7"), 0, 0, 0, false},
         {Value(), 0, 0, 0, false},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(Describe(row.value.get()));
-        EXPECT_EQ(TQNumberGetInt64(row.value.get()), row.asInt);
-        EXPECT_EQ(TQNumberGetUInt64(row.value.get()), row.asUInt);
-        EXPECT_EQ(TQNumberGetDouble(row.value.get()), row.asDouble);
-        EXPECT_EQ(TQNumberGetTruth(row.value.get()), row.truth);
+    for (const auto &[value, asInt, asUInt, asDouble, truth] : rows) {
+        SCOPED_TRACE(Describe(value.get()));
+        EXPECT_EQ(TQNumberGetInt64(value.get()), asInt);
+        EXPECT_EQ(TQNumberGetUInt64(value.get()), asUInt);
+        EXPECT_EQ(TQNumberGetDouble(value.get()), asDouble);
+        EXPECT_EQ(TQNumberGetTruth(value.get()), truth);
     }
     EXPECT_EQ(TQNumberGetInt64(Number(std::nan("")).get()), 0);
     EXPECT_EQ(TQNumberGetKind(static_cast<TQNumber *>(Number(uint64_t{5}).get())), kTQNumberInt64);

@@ -26,10 +26,7 @@ TEST(String, RefusesWhatIsNotUTF8)
 
 TEST(String, CountsAndGivesUTF16Units)
 {
-    const struct {
-        std::string bytes;
-        std::u16string units;
-    } rows[] = {
+    const std::tuple<std::string, std::u16string> rows[] = {
         {"", u""},
         {"plain ASCII of more than eight", u"plain ASCII of more than eight"},
         {std::string("a\0b", 3), std::u16string(u"a\0b", 3)},
@@ -37,17 +34,16 @@ TEST(String, CountsAndGivesUTF16Units)
         {"\xed\x9f\xbf\xee\x80\x80", u"\xd7ff\xe000"},
         {"\xf0\x90\x80\x80x\xf4\x8f\xbf\xbf", u"\xd800\xdc00x\xdbff\xdfff"},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.bytes);
-        const Value string = Text(row.bytes);
+    for (const auto &[bytes, units] : rows) {
+        SCOPED_TRACE(bytes);
+        const Value string = Text(bytes);
         const auto *text = static_cast<TQString *>(string.get());
-        ASSERT_EQ(UTF8(string), row.bytes);
-        ASSERT_EQ(TQStringGetLength(text), row.units.size());
-        for (size_t i = 0; i < row.units.size(); ++i)
-            EXPECT_EQ(TQStringGetCharacterAtIndex(text, i), uint16_t{row.units[i]});
-        EXPECT_EQ(TQStringGetCharacterAtIndex(text, row.units.size()), 0);
-        EXPECT_TRUE(TQEqual(text, Text(row.bytes).get()));
-        EXPECT_FALSE(TQEqual(text, Text(row.bytes + "!").get()));
+        ASSERT_EQ(UTF8(string), bytes);
+        ASSERT_EQ(TQStringGetLength(text), units.size());
+        for (size_t i = 0; i < units.size(); ++i) EXPECT_EQ(TQStringGetCharacterAtIndex(text, i), uint16_t{units[i]});
+        EXPECT_EQ(TQStringGetCharacterAtIndex(text, units.size()), 0);
+        EXPECT_TRUE(TQEqual(text, Text(bytes).get()));
+        EXPECT_FALSE(TQEqual(text, Text(bytes + "!").get()));
     }
 }
 

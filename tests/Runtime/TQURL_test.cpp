@@ -2,6 +2,9 @@
 
 #include <vaultry/url.h>
 
+#include <sstream>
+#include <tuple>
+
 #include <unistd.h>
 
 namespace {
@@ -67,33 +70,23 @@ TEST(URL, EveryByteOfAPathComesBack)
 
 TEST(URL, KnowsDirectories)
 {
-    const struct {
-        Value url;
-        const char *text;
-        const char *path;
-        bool isDirectory;
-    } rows[] = {
+    const std::tuple<Value, const char *, const char *, bool> rows[] = {
         {FileURL("/d", true), "file:///d/", "/d", true}, {FileURL("/d/", true), "file:///d/", "/d/", true},
         {FileURL("/d/"), "file:///d/", "/d/", true},     {FileURL("/d"), "file:///d", "/d", false},
         {URL("file:///d/"), "file:///d/", "/d/", true},  {FileURL("/", true), "file:///", "/", true},
         {URL("file:///d"), "file:///d", "/d", false},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.text);
-        EXPECT_EQ(TextOf(row.url), row.text);
-        EXPECT_EQ(AbsolutePathOf(row.url), row.path);
-        EXPECT_EQ(TQURLHasDirectoryPath(AsURL(row.url)), row.isDirectory);
+    for (const auto &[url, text, path, isDirectory] : rows) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(TextOf(url), text);
+        EXPECT_EQ(AbsolutePathOf(url), path);
+        EXPECT_EQ(TQURLHasDirectoryPath(AsURL(url)), isDirectory);
     }
 }
 
 TEST(URL, OnlyFileURLsOfThisHostHaveAFilePath)
 {
-    const struct {
-        const char *text;
-        bool isFile;
-        const char *path;
-        const char *absolute;
-    } rows[] = {
+    const std::tuple<const char *, bool, const char *, const char *> rows[] = {
         {"file:///a%20b", true, "/a b", "/a b"},
         {"FILE://LocalHost/a", true, "/a", "/a"},
         {"file:/a?query#fragment", true, "/a", "/a"},
@@ -107,14 +100,14 @@ TEST(URL, OnlyFileURLsOfThisHostHaveAFilePath)
         {"files:///a", false, "/a", "(none)"},
         {"no/scheme", false, "no/scheme", "(none)"},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.text);
-        const Value url = URL(row.text);
+    for (const auto &[text, isFile, path, absolute] : rows) {
+        SCOPED_TRACE(text);
+        const Value url = URL(text);
         ASSERT_TRUE(url);
-        EXPECT_EQ(TextOf(url), row.text);
-        EXPECT_EQ(TQURLIsFileURL(AsURL(url)), row.isFile);
-        EXPECT_EQ(PathOf(url), row.path);
-        EXPECT_EQ(AbsolutePathOf(url), row.absolute);
+        EXPECT_EQ(TextOf(url), text);
+        EXPECT_EQ(TQURLIsFileURL(AsURL(url)), isFile);
+        EXPECT_EQ(PathOf(url), path);
+        EXPECT_EQ(AbsolutePathOf(url), absolute);
     }
 }
 
@@ -130,42 +123,20 @@ TEST(URL, RefusesWhatNoURLHolds)
 TEST(URL, ResolvesAgainstItsBase)
 {
     const Value base = URL("http://a/b/c/d;p?q");
-    const char *const references[][2] = {
-        {"g:h", "g:h"},
-        {"g", "http://a/b/c/g"},
-        {"./g", "http://a/b/c/g"},
-        {"g/", "http://a/b/c/g/"},
-        {"/g", "http://a/g"},
-        {"//g", "http://g"},
-        {"?y", "http://a/b/c/d;p?y"},
-        {"g?y", "http://a/b/c/g?y"},
-        {"#s", "http://a/b/c/d;p?q#s"},
-        {"g#s", "http://a/b/c/g#s"},
-        {";x", "http://a/b/c/;x"},
-        {".", "http://a/b/c/"},
-        {"./", "http://a/b/c/"},
-        {"..", "http://a/b/"},
-        {"../", "http://a/b/"},
-        {"../g", "http://a/b/g"},
-        {"../..", "http://a/"},
-        {"../../g", "http://a/g"},
-        {"../../../g", "http://a/g"},
-        {"/./g", "http://a/g"},
-        {"/../g", "http://a/g"},
-        {"g.", "http://a/b/c/g."},
-        {"..g", "http://a/b/c/..g"},
-        {"./../g", "http://a/b/g"},
-        {"g/./h", "http://a/b/c/g/h"},
-        {"g/../h", "http://a/b/c/h"},
-        {"g?y/../x", "http://a/b/c/g?y/../x"},
-    };
-    for (const auto &row : references) EXPECT_EQ(TextOf(URL(row[0], base)), row[1]) << row[0];
+    // Pairs of a reference and what it stands for.
+    std::istringstream table(
+        "g:h g:h  g http://a/b/c/g  ./g http://a/b/c/g  g/ http://a/b/c/g/  /g http://a/g  //g http://g"
+        "  ?y http://a/b/c/d;p?y  g?y http://a/b/c/g?y  #s http://a/b/c/d;p?q#s  g#s http://a/b/c/g#s  ;x "
+        "http://a/b/c/;x"
+        "  . http://a/b/c/  ./ http://a/b/c/  .. http://a/b/  ../ http://a/b/  ../g http://a/b/g  ../.. http://a/"
+        "  ../../g http://a/g  ../../../g http://a/g  /./g http://a/g  /../g http://a/g  g. http://a/b/c/g."
+        "  ..g http://a/b/c/..g  ./../g http://a/b/g  g/./h http://a/b/c/g/h  g/../h http://a/b/c/h"
+        "  g?y/../x http://a/b/c/g?y/../x");
+    for (std::string reference, target; table >> reference >> target;)
+        EXPECT_EQ(TextOf(URL(reference, base)), target) << reference;
 
     const Value directory = FileURL("/a/b", true), file = FileURL("/a/b");
-    const struct {
-        Value url;
-        const char *path;
-    } files[] = {
+    const std::tuple<Value, const char *> files[] = {
         {FileURL("x y", false, directory), "/a/b/x y"},
         {FileURL("x", false, file), "/a/x"},
         {FileURL("../x", true, directory), "/a/x"},
@@ -174,9 +145,9 @@ TEST(URL, ResolvesAgainstItsBase)
         {URL("x%20y", directory), "/a/b/x y"},
         {FileURL("c", false, FileURL("b/", false, FileURL("/a/"))), "/a/b/c"},
     };
-    for (const auto &row : files) {
-        EXPECT_EQ(AbsolutePathOf(row.url), row.path);
-        EXPECT_TRUE(TQURLIsFileURL(AsURL(row.url)));
+    for (const auto &[url, path] : files) {
+        EXPECT_EQ(AbsolutePathOf(url), path);
+        EXPECT_TRUE(TQURLIsFileURL(AsURL(url)));
     }
     EXPECT_FALSE(TQURLIsFileURL(AsURL(FileURL("x", false, base))));
     EXPECT_EQ(AbsolutePathOf(FileURL("x", false, FileURL("sub", true))), CurrentDirectory() + "/sub/x");

@@ -28,21 +28,14 @@ inline Value Text(std::string_view text)
 {
     return Own(TQStringCreateWithBytes(text.data(), text.size()));
 }
-inline Value Number(int64_t value)
+template <class T> Value Number(T value)
 {
-    return Own(TQNumberCreateInt64(value));
-}
-inline Value Number(int value)
-{
-    return Number(int64_t{value});
-}
-inline Value Number(uint64_t value)
-{
-    return Own(TQNumberCreateUInt64(value));
-}
-inline Value Number(double value)
-{
-    return Own(TQNumberCreateDouble(value));
+    if constexpr (std::is_floating_point_v<T>)
+        return Own(TQNumberCreateDouble(value));
+    else if constexpr (std::is_signed_v<T>)
+        return Own(TQNumberCreateInt64(value));
+    else
+        return Own(TQNumberCreateUInt64(value));
 }
 inline Value Truth(bool value)
 {
