@@ -28,14 +28,17 @@ void UndoArchiving(const TreeWalk::Entry &entry)
     if (platform::GetAttribute(entry.item, Links::NoFollow, kSavedPermissionsAttribute, &saved, sizeof saved) != 1)
         return;
     const mode_t mode = (entry.status.mode & 07777U & ~mode_t{0222}) | SavedWriteBits(saved);
-    const uint32_t flags = ((saved & kSavedImmutable) ? uint32_t{kTQFlagImmutable} : 0) |
+    const uint32_t others = entry.status.flags & ~kBlockingFlags;
+    const uint32_t flags = others | ((saved & kSavedImmutable) ? uint32_t{kTQFlagImmutable} : 0) |
                            ((saved & kSavedAppend) ? uint32_t{kTQFlagAppend} : 0);
 
-    // Removing the byte takes write permission, which the item may not have had.
+    // Removing the byte takes write permission, which the item may not have had, and no flag may stand in the way: the
+    // item at which archiving failed has its flags already.
+    if (others != entry.status.flags) (void)platform::SetFlags(entry.item, Links::NoFollow, others);
     (void)platform::SetMode(entry.item, Links::NoFollow, mode | 0200);
     (void)platform::RemoveAttribute(entry.item, Links::NoFollow, kSavedPermissionsAttribute);
     if ((mode & 0200) == 0) (void)platform::SetMode(entry.item, Links::NoFollow, mode);
-    if (flags != 0) (void)platform::SetFlags(entry.item, Links::NoFollow, entry.status.flags | flags);
+    if (flags != others) (void)platform::SetFlags(entry.item, Links::NoFollow, flags);
 }
 
 } // namespace
