@@ -40,7 +40,7 @@ TEST_P(TreeRemoval, TakesProtectedTreesWholeAndNothingElse)
 {
     disk::MakeDirectory(directory / "outside");
     disk::Write(directory / "outside/kept", "kept");
-    const Snapshot outside = Snapshot::Of(directory / "outside", Snapshot::kWhole | Snapshot::kChangeTimes);
+    const Snapshot outside = Snapshot::Of(directory / "outside", Snapshot::kUntouched);
     OwnedError error;
 
     EXPECT_TRUE(_RemoveTree(MakeProtectedTree(directory / "tree").c_str(), 0, error.out())) << error.description();
@@ -59,7 +59,7 @@ TEST_P(TreeRemoval, TakesProtectedTreesWholeAndNothingElse)
         EXPECT_FALSE(disk::Exists(directory / name)) << name;
     }
     EXPECT_TRUE(_RemoveTree((directory / "missing").c_str(), 0, error.out()));
-    EXPECT_TRUE(Same(outside, Snapshot::Of(directory / "outside", Snapshot::kWhole | Snapshot::kChangeTimes)));
+    EXPECT_TRUE(Same(outside, Snapshot::Of(directory / "outside", Snapshot::kUntouched)));
 }
 
 TEST_P(TreeRemoval, StopsAtTheFirstFailureAndSaysWhich)

@@ -88,11 +88,12 @@ void Describe(const std::string &root, const std::string &below, unsigned what, 
     const unsigned type = status.stx_mode & S_IFMT;
     text << (type == S_IFDIR ? "directory" : type == S_IFREG ? "file" : type == S_IFLNK ? "link" : "other");
     if ((what & Snapshot::kContents) != 0 && type == S_IFREG) text << " " << Hashed(disk::Read(path));
-    if ((what & Snapshot::kMetadata) != 0)
+    if ((what & Snapshot::kRights) != 0)
         text << " mode " << std::oct << (status.stx_mode & 07777U) << std::dec << " owner " << status.stx_uid << ":"
-             << status.stx_gid << " time " << status.stx_mtime.tv_sec << "." << status.stx_mtime.tv_nsec << " flags "
+             << status.stx_gid << " flags "
              << (status.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND | STATX_ATTR_NODUMP))
              << Attributes(path);
+    if ((what & Snapshot::kTimes) != 0) text << " time " << status.stx_mtime.tv_sec << "." << status.stx_mtime.tv_nsec;
     if ((what & Snapshot::kHoles) != 0 && type == S_IFREG) text << Extents(path);
     if ((what & Snapshot::kChangeTimes) != 0)
         text << " changed " << status.stx_ctime.tv_sec << "." << status.stx_ctime.tv_nsec;
@@ -117,6 +118,15 @@ std::string MakeDirectory(const std::string &path, mode_t mode)
 {
     Require(mkdir(path.c_str(), 0700) == 0 && chmod(path.c_str(), mode) == 0, path);
     return path;
+}
+
+std::string MakeDirectoryOfLength(const std::string &in, size_t length)
+{
+    const size_t missing = length - in.size() - 1;
+    const size_t name = missing > 200 ? 100 : missing;
+    const std::string path = in + "/" + std::string(name, 'd');
+    if (!Exists(path)) MakeDirectory(path);
+    return missing > 200 ? MakeDirectoryOfLength(path, length) : path;
 }
 
 std::string Read(const std::string &path)
@@ -216,6 +226,17 @@ std::string MakePackage(const std::string &path)
 }
 
 } // namespace disk
+
+const std::string &QuickVolume()
+{
+    static const std::string volume = [] {
+        const TempDirectory probe("/dev/shm");
+        const bool good =
+            setxattr(probe.path().c_str(), "user.probe", "", 0, 0) == 0 && disk::SetFlags(probe.path(), FS_NODUMP_FL);
+        return std::string(good ? "/dev/shm" : "");
+    }();
+    return volume;
+}
 
 TempDirectory::TempDirectory(const std::string &parent)
 {

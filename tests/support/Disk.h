@@ -16,6 +16,7 @@ namespace disk {
 
 std::string Write(const std::string &path, std::string_view bytes, mode_t mode = 0644); // gives `path` back
 std::string MakeDirectory(const std::string &path, mode_t mode = 0755);                 // so does this
+std::string MakeDirectoryOfLength(const std::string &in, size_t length);                // its path has `length` bytes
 std::string Read(const std::string &path);
 std::vector<std::string> List(const std::string &directory);
 bool Exists(const std::string &path);
@@ -51,9 +52,13 @@ private:
     std::string path_;
 };
 
+// A volume in memory for tests that make thousands of stores; "", the usual place, where it can't hold what a store needs.
+const std::string &QuickVolume();
+
 // Everything that is known of a tree, in a form that compares and prints.
 struct Snapshot {
-    enum : unsigned { kContents = 1, kMetadata = 2, kHoles = 4, kChangeTimes = 8, kWhole = kContents | kMetadata };
+    enum : unsigned { kContents = 1, kRights = 2, kTimes = 4, kHoles = 8, kChangeTimes = 16 };
+    static constexpr unsigned kWhole = kContents | kRights | kTimes, kUntouched = kWhole | kChangeTimes;
 
     std::map<std::string, std::string> items; // path below the root -> what was asked for
 

@@ -46,12 +46,13 @@ std::string Plain(std::string text, const std::string &directory);
 void ExpectSays(const Outcome &outcome, const Says &says, const std::string &directory);
 void ExpectRows(const std::vector<Row> &rows, const std::string &directory);
 
-// Every failing call of an operation in turn: `round` makes everything afresh, runs the operation in a child with
-// that fault, checks what it left behind, and gives the outcome. The answer is one outcome for each message (the
-// error's or a line's), "; error …" cut off.
-std::map<std::string, Outcome> Sweep(int error, const Calls &calls,
+// A fault at every call of an operation in turn, until one lies past the last: `round` makes everything afresh, runs the
+// operation with that fault, and checks what it left behind. The answer has one outcome for each message: the error's
+// as it is, a line's with its level in front, both without "; error …".
+std::map<std::string, Outcome> Sweep(const std::function<Fault(int nth)> &fault,
                                      const std::function<Outcome(const Fault &, std::string *directory)> &round);
 
-// The messages are all among those of a sweep, as error objects with the status of `error`, or as lines only.
+// The messages are among those of a sweep that failed every call with `error`: error objects with the status of that
+// error and a line at level 3, or lines alone.
 void ExpectReported(const std::map<std::string, Outcome> &sweep, int error, const std::vector<std::string> &errors,
                     const std::vector<std::string> &lines = {});

@@ -37,10 +37,15 @@ TestStore::TestStore(Document kind, const std::string &volume)
         link((document_ + "/folder/leaf").c_str(), (document_ + "/twin").c_str());
         disk::SetAttribute(document_, "com.example.kind", "folder");
     }
-    contents_ = Contents(document_);
+    RememberDocument();
     OwnedError error;
     handle_ = TQClientManagedStorageCreate(root_.c_str(), error.out());
     EXPECT_NE(handle_, nullptr) << error.description();
+}
+
+void TestStore::RememberDocument()
+{
+    contents_ = Contents(document_);
 }
 
 bool TestStore::Add(const std::string &name, TQError **error, bool copy, uint64_t options) const

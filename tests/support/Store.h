@@ -32,6 +32,8 @@ public:
     bool Remove(const std::vector<std::string> &names, TQError **error = nullptr) const;
     std::vector<std::string> List() const;
 
+    void RememberDocument(); // as what every generation contains, after a change to it
+
     // What holds after any operation, failed or not: every listed generation is whole and write-protected, with its
     // record of permissions; the root is protected; staging is empty; the lock is free; the next operations work.
     // After a kill staging may be filled and what was worked on, `lifted`, unprotected.

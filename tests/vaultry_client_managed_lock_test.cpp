@@ -1,0 +1,151 @@
+#include "support/Identity.h"
+#include "support/Store.h"
+#include "vaultry_client_managed.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <gmock/gmock.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+class StoreLockTest : public testing::Test {
+protected:
+    bool Take(bool write, StoreLock *lock) const
+    {
+        return (write ? _WriteLockGenerationStore : _ReadLockGenerationStore)(store.root().c_str(), lock, nullptr);
+    }
+    // A process that holds the lock until it is killed; it has it when this returns.
+    pid_t Holder(bool write) const
+    {
+        int ready[2];
+        EXPECT_EQ(pipe(ready), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            StoreLock lock;
+            if (!Take(write, &lock) || ::write(ready[1], "", 1) != 1) _exit(1);
+            for (;;) pause();
+        }
+        char byte = 1;
+        EXPECT_EQ(read(ready[0], &byte, 1), 1);
+        close(ready[0]);
+        close(ready[1]);
+        return child;
+    }
+    static void Kill(pid_t child)
+    {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+    // Whether a thread of this process gets the lock at once; if not, once `release` has been called.
+    void ExpectGranted(bool write, bool atOnce, const std::function<void()> &release)
+    {
+        std::atomic<bool> granted = false;
+        std::thread taker([&] {
+            StoreLock lock;
+            granted = Take(write, &lock);
+            _UnlockGenerationStore(&lock);
+        });
+        for (int i = 0; i < 30 && !(granted && atOnce); ++i) std::this_thread::sleep_for(2ms);
+        EXPECT_EQ(granted, atOnce);
+        release();
+        taker.join();
+        EXPECT_TRUE(granted);
+    }
+
+    TestStore store;
+};
+
+TEST_F(StoreLockTest, ReadersRunTogetherAndAWriterAloneInThreadsAndProcesses)
+{
+    for (const bool holderWrites : {false, true})
+        for (const bool takerWrites : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "writing: holder " << holderWrites << ", taker " << takerWrites);
+            const bool atOnce = !holderWrites && !takerWrites;
+            StoreLock lock;
+            ASSERT_TRUE(Take(holderWrites, &lock));
+            EXPECT_GE(lock.fd, 0);
+            ExpectGranted(takerWrites, atOnce, [&] { _UnlockGenerationStore(&lock); });
+            EXPECT_EQ(lock.fd, -1);
+            const pid_t holder = Holder(holderWrites);
+            ExpectGranted(takerWrites, atOnce, [&] { Kill(holder); }); // a killed process gives the lock back
+        }
+}
+
+TEST_F(StoreLockTest, MisuseAndFailureAreReported)
+{
+    PathBuffer path;
+    ASSERT_TRUE(_GetPathToLockFile(store.root().c_str(), path, nullptr));
+    EXPECT_EQ(path.c_str(), store.root() + "/.vaultry_lockfile");
+    const auto lock = [&](int held, const std::string &file) {
+        return [held, file](TQError **error) {
+            StoreLock holder{held};
+            return _TQLockGenerationInternal(file.c_str(), &holder, LOCK_SH, error) || holder.fd != held;
+        };
+    };
+    ExpectRows(
+        {{"held already", System(EINVAL, "*->fd isn't -1"), lock(0, path.c_str())},
+         {"no lock file", System(ENOENT, "Failed to open generation path \"$/missing\" for locking"),
+          lock(-1, store / "missing")},
+         {"a signal while waiting", System(EINTR, "Failed to lock generation path \"$/store/.vaultry_lockfile\""),
+          lock(-1, path.c_str()), FailCall(1, EINTR, kLock)},
+         {"no path", Refused(104, "The path to the store lock was too long"),
+          [&](TQError **error) {
+              StoreLock holder;
+              return _ReadLockGenerationStore(("/" + std::string(1005, 'd')).c_str(), &holder, error);
+          }},
+         {"nothing held", Logs(EINVAL, "*->fd is -1"),
+          [](TQError **) {
+              StoreLock holder;
+              _UnlockGenerationStore(&holder);
+              return true;
+          }}},
+        store.path());
+    // A lock that can't be released would stop every other process: this one stops instead.
+    const Outcome stuck = InChild(FailCall(2, EIO, kLock), [&](TQError **error) { return store.Add("g", error); });
+    EXPECT_EQ(stuck.fate, Outcome::Fate::Crashed);
+    EXPECT_EQ(store.List(), std::vector<std::string>{"g"});
+    store.CheckInvariants();
+}
+
+TEST_F(StoreLockTest, ConcurrentThreadsAndProcessesWorkOnOneStore)
+{
+    const auto work = [this](const std::string &me) {
+        bool all = true;
+        TQClientManagedStorage *handle = TQClientManagedStorageCreate(store.root().c_str(), nullptr);
+        for (int i = 0; i < 5; ++i) {
+            const std::string name = me + std::to_string(i), out = store / ("out " + name);
+            all &= TQClientManagedStorageAdd(handle, name.c_str(), store.document().c_str(), 0, nullptr, true);
+            all &= store.CopyOut(name, out) && TQClientManagedStorageDestroy(out.c_str(), nullptr);
+            const auto listed = store.List();
+            all &= std::find(listed.begin(), listed.end(), name) != listed.end();
+            if (i % 2 == 1) all &= store.Remove({name});
+        }
+        TQClientManagedStorageFree(handle);
+        return all;
+    };
+    pid_t children[2];
+    for (pid_t &child : children)
+        if ((child = fork()) == 0) _exit(work("process" + std::to_string(getpid())) ? 0 : 1);
+    std::vector<std::thread> threads;
+    std::atomic<int> good = 0;
+    for (const char *me : {"one", "two", "three"}) threads.emplace_back([&, me] { good += work(me) ? 1 : 0; });
+    for (auto &thread : threads) thread.join();
+    EXPECT_EQ(good, 3);
+    for (const pid_t child : children) {
+        int ended = -1;
+        waitpid(child, &ended, 0);
+        EXPECT_EQ(ended, 0);
+    }
+    EXPECT_EQ(store.List().size(), 5U * 3);
+    store.CheckInvariants();
+}
+
+} // namespace
