@@ -59,7 +59,8 @@ protected:
     {
         const std::string &document = store.document(), flagged = document + "/flagged";
         disk::MakeDirectory(flagged);
-        EXPECT_EQ(link((document + "/twin").c_str(), (flagged + "/link").c_str()), 0);
+        for (const std::string &name : {flagged + "/link", store / "outside"})
+            EXPECT_EQ(link((document + "/twin").c_str(), name.c_str()), 0);
         store.RememberDocument();
         chmod((document + "/folder").c_str(), 0555);
         chmod(document.c_str(), Lifts() ? 0775 : 0555); // a flag would not let it be made writable again
@@ -285,10 +286,8 @@ TEST_P(StoreFaults, AKillAtAnyCallLosesNoDocument)
                           found = at + "/staged";
                       }
                   Snapshot kept = Snapshot::Of(found, Snapshot::kContents);
-                  std::erase_if(kept.items, [](const auto &item) {
-                      return item.first.find("twin_") != std::string::npos ||
-                             item.first.find("link_") != std::string::npos;
-                  });
+                  // A copy that was to take the place of a hard link may lie beside it.
+                  std::erase_if(kept.items, [](const auto &item) { return item.first.find('_') != std::string::npos; });
                   EXPECT_TRUE(Same(contents, kept));
                   store.CheckInvariants("g", /*killed=*/true);
                   return add;

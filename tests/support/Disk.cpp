@@ -131,8 +131,9 @@ std::string MakeDirectoryOfLength(const std::string &in, size_t length)
 
 std::string Read(const std::string &path)
 {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream bytes;
+    bytes << std::ifstream(path, std::ios::binary).rdbuf();
+    return bytes.str();
 }
 
 std::vector<std::string> List(const std::string &directory)

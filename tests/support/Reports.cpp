@@ -53,21 +53,24 @@ std::map<std::string, Outcome> Sweep(const std::function<Fault(int nth)> &fault,
                                      const std::function<Outcome(const Fault &, std::string *directory)> &round)
 {
     std::map<std::string, Outcome> reported;
-    const auto keep = [&](const std::string &text, const Outcome &outcome) {
-        reported.emplace(text.substr(0, text.find("; error ")), outcome);
+    // Of several with one message the one that the fault itself gave.
+    const auto keep = [&](const std::string &text, const Outcome &outcome, int error) {
+        const auto [kept, isNew] = reported.try_emplace(text.substr(0, text.find("; error ")), outcome);
+        if (!isNew && kept->second.underlying != error) kept->second = outcome;
     };
     for (int nth = 1; nth < 2000; ++nth) {
         SCOPED_TRACE("call " + std::to_string(nth));
         std::string directory;
-        const Outcome outcome = round(fault(nth), &directory);
+        const Fault injected = fault(nth);
+        const Outcome outcome = round(injected, &directory);
         EXPECT_NE(outcome.fate, Outcome::Fate::Crashed);
         EXPECT_TRUE(outcome.succeeded || outcome.faultFired) << outcome.message;
         if (!outcome.faultFired) return reported;
-        if (outcome.hasError) keep(Plain(outcome.message, directory), outcome);
+        if (outcome.hasError) keep(Plain(outcome.message, directory), outcome, injected.error);
         for (const auto &line : outcome.log) {
             // "file.cpp:12 message (on label)"
             const std::string text = Plain(line.text.substr(0, line.text.rfind(" (on ")), directory);
-            keep(std::to_string(line.level) + " " + text.substr(text.find(' ') + 1), outcome);
+            keep(std::to_string(line.level) + " " + text.substr(text.find(' ') + 1), outcome, injected.error);
         }
     }
     ADD_FAILURE() << "the operation never ends";
