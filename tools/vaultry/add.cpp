@@ -24,6 +24,14 @@
 // Names of documents added in one second differ by a number; more than this many are not to be expected.
 static constexpr unsigned kMaximumAttempts = 1000;
 
+// With its fraction, so that what is added within a second is listed in its order.
+static double _Now()
+{
+    struct timespec now {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
 class Addition {
 public:
     Addition(const Store &store, const Document &document, const Arguments &arguments, ProgressBar &bar)
@@ -52,7 +60,7 @@ private:
     const std::optional<std::string> givenName_;
     const bool isMove_;
     ProgressBar &bar_;
-    const time_t now_ = time(nullptr);
+    const double now_ = _Now();
 
     std::string name_;
     Owned<TQError> error_;      // of the last try
@@ -115,7 +123,7 @@ bool Addition::NameIsTaken() const
 void Addition::AddUnderFreeName()
 {
     for (unsigned attempt = 0; attempt < kMaximumAttempts; ++attempt) {
-        name_ = givenName_ ? *givenName_ : DefaultGenerationName(path_, now_, attempt);
+        name_ = givenName_ ? *givenName_ : DefaultGenerationName(path_, static_cast<time_t>(now_), attempt);
         if (AddByWhateverWay()) return;
         if (InterruptGuard::Came() || givenName_ || !NameIsTaken()) break;
     }
@@ -165,7 +173,7 @@ void Addition::EndWhereInterrupted()
 bool Addition::WriteInfo()
 {
     const Owned<TQData> document(TQDataCreate(path_.data(), path_.size()));
-    const Owned<TQDate> time(TQDateCreate(static_cast<double>(now_)));
+    const Owned<TQDate> time(TQDateCreate(now_));
     const struct {
         const char *key;
         TQValue *value;

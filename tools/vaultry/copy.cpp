@@ -32,26 +32,31 @@ static std::string _DestinationPath(const Store &store, const std::string &name,
     if (given.empty()) throw CommandFailure(kExitUsage, "the destination is empty");
     const std::string path = WithoutTrailingSlashes(given);
     struct stat status {};
-    if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
-        return AbsolutePath(path == "/" ? "" : path) + "/" + _OwnName(store, name);
+    if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return path + "/" + _OwnName(store, name);
     if (given.back() == '/') throw CommandFailure(kExitFailure, "there is no directory " + Quoted(given));
-    return AbsolutePath(path);
+    return path;
 }
 
-static void _CheckDestination(const Store &store, const std::string &destination)
+// The destination's absolute path, free of links but for what may stand there itself.
+static std::string _FreeDestination(const Store &store, const std::string &given)
 {
+    const size_t slash = given.rfind('/');
+    const std::string parent = slash == given.npos ? "." : given.substr(0, slash + 1);
+    const std::unique_ptr<char, void (*)(void *)> resolved(realpath(parent.c_str(), nullptr), free);
+    if (!resolved) throw CommandFailure::Errno("can't copy to the directory " + Quoted(parent), errno);
+    const std::string folder = std::string(resolved.get()) == "/" ? "" : resolved.get();
+    const std::string destination = folder + "/" + BaseName(given);
+
     struct stat status {};
     // The library takes a link to nothing for nothing, and would remove it after failing on it.
     if (lstat(destination.c_str(), &status) == 0)
         throw CommandFailure(kExitExists, Quoted(destination) + " is there already, and nothing is ever replaced");
     if (errno != ENOENT) throw CommandFailure::Errno("can't copy to " + Quoted(destination), errno);
 
-    const std::string parent = destination.substr(0, destination.rfind('/') + 1);
-    const std::unique_ptr<char, void (*)(void *)> resolved(realpath(parent.c_str(), nullptr), free);
-    if (!resolved) throw CommandFailure::Errno("can't copy to the directory " + Quoted(parent), errno);
     // Root could write there, and would make a generation that nothing protects.
-    if ((std::string(resolved.get()) + "/").rfind(store.path() + "/", 0) == 0)
+    if (destination.rfind(store.path() + "/", 0) == 0)
         throw CommandFailure(kExitFailure, Quoted(destination) + " is inside the store " + Quoted(store.path()));
+    return destination;
 }
 
 static CommandFailure _NoSuchGeneration(const Store &store, const std::string &name)
@@ -62,12 +67,14 @@ static CommandFailure _NoSuchGeneration(const Store &store, const std::string &n
 
 static void _Copy(const Store &store, const std::string &name, const std::string &destination)
 {
+    // Asks for the store's lock, so before signals are caught: until then a signal has nothing to clean up.
+    const std::string source = ProgressBar::AreShown() ? store.PathOf(name) : "";
     const InterruptGuard interrupts("\nvaultry: stopping: the copy is removed as soon as it is through; "
                                     "once more ends at once and leaves what is there\n");
     Owned<TQError> error;
     bool isCopied = false;
     {
-        const CopyWatch watch(store.PathOf(name), destination);
+        const CopyWatch watch(source, destination);
         isCopied = TQClientManagedStorageCopyGeneration(store.handle(), name.c_str(), destination.c_str(), error.out());
     }
     if (InterruptGuard::Came()) {
@@ -91,13 +98,13 @@ int RunCopy(const Arguments &arguments)
     if (!store) throw CommandFailure(kExitNoSuchGeneration, "there is no store at " + Quoted(path));
     const std::string &name = arguments.name;
     try {
-        const std::string destination = _DestinationPath(*store, name, arguments.destination);
-        _CheckDestination(*store, destination);
+        const std::string destination = _FreeDestination(*store, _DestinationPath(*store, name, arguments.destination));
         _Copy(*store, name, destination);
         const std::string shown = isatty(STDOUT_FILENO) ? Printable(destination) : destination;
         puts(shown.c_str());
     } catch (const CommandFailure &failure) {
-        if (failure.exitCode() == kExitFailure && store->Lacks(name)) throw _NoSuchGeneration(*store, name);
+        if (failure.exitCode() == kExitFailure && !InterruptGuard::Came() && store->Lacks(name))
+            throw _NoSuchGeneration(*store, name);
         throw;
     }
     return kExitSuccess;
