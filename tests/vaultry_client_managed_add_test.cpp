@@ -6,10 +6,12 @@
 #include <vaultry/progress.h>
 
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/fs.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -145,9 +147,10 @@ TEST_P(StoreAdd, AFailedMoveGivesTheDocumentBackWithAllItHad)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
         const std::string tree = MakeTreeWith(row.what, row.bad);
+        const std::string program = tree + "/bad";
         pid_t running = 0;
         if (row.error == ETXTBSY && (running = vfork()) == 0) {
-            execl((tree + "/bad").c_str(), "sleep", "60", nullptr);
+            execl(program.c_str(), "sleep", "60", nullptr);
             _exit(1);
         }
         for (const char *item : {"/y", "/folder"})
@@ -155,7 +158,7 @@ TEST_P(StoreAdd, AFailedMoveGivesTheDocumentBackWithAllItHad)
         chmod(tree.c_str(), 0550);
         const Snapshot before = Snapshot::Of(store.path(), Snapshot::kContents | Snapshot::kRights);
         const Outcome outcome = InChild(Add("g", tree, /*copy=*/false));
-        if (running > 0) kill(running, SIGKILL);
+        if (running > 0 && kill(running, SIGKILL) == 0) waitpid(running, nullptr, 0);
         if (row.error == ENOSPC && outcome.succeeded) continue; // not every file system bounds them
         EXPECT_EQ(outcome.underlying, row.error) << outcome.message;
         EXPECT_EQ(outcome.succeeded, row.error == 0);
