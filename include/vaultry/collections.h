@@ -3,7 +3,11 @@
 ///
 /// The mutable form is the same type, made by `…CreateMutable…`; changing one that is not mutable, or giving a
 /// null where a member is asked for, does nothing and returns false. Getters of a null container
-/// answer as an empty one does.
+/// answer as an empty one does. A mutable container that is a key of a dictionary or a member of a set must not
+/// change meanwhile, and one that comes to hold itself is only freed when that is undone.
+///
+/// Getters lend; what they gave lives as long as the container holds it. Copies hold the same members, and a copy of an
+/// immutable container may be that container with one more reference. Copying null gives null.
 
 #ifndef VAULTRY_COLLECTIONS_H
 #define VAULTRY_COLLECTIONS_H
@@ -13,7 +17,9 @@
 TQ_BEGIN_DECLS
 
 TQ_EXPORT TQTypeID TQArrayGetTypeID(void);
+/// Null if one of the `count` values is null.
 TQ_EXPORT TQArray *TQArrayCreate(TQValue *const *values, size_t count);
+/// Immutable, whatever `array` is.
 TQ_EXPORT TQArray *TQArrayCreateCopy(const TQArray *array);
 TQ_EXPORT TQArray *TQArrayCreateMutable(void);
 TQ_EXPORT size_t TQArrayGetCount(const TQArray *array);
@@ -23,27 +29,31 @@ TQ_EXPORT bool TQArrayContainsValue(const TQArray *array, const TQValue *value);
 TQ_EXPORT bool TQArrayAppendValue(TQArray *array, TQValue *value);
 
 TQ_EXPORT TQTypeID TQDictionaryGetTypeID(void);
-/// Keys are any values; of equal keys the last one's value stands.
+/// Keys are any values; of equal keys the last one's value stands. Null if one of the keys or values is null.
 TQ_EXPORT TQDictionary *TQDictionaryCreate(TQValue *const *keys, TQValue *const *values, size_t count);
+/// Immutable, whatever `dictionary` is.
 TQ_EXPORT TQDictionary *TQDictionaryCreateCopy(const TQDictionary *dictionary);
 TQ_EXPORT TQDictionary *TQDictionaryCreateMutable(void);
 TQ_EXPORT TQDictionary *TQDictionaryCreateMutableCopy(const TQDictionary *dictionary);
 TQ_EXPORT size_t TQDictionaryGetCount(const TQDictionary *dictionary);
+/// Null when there is no such key.
 TQ_EXPORT TQValue *TQDictionaryGetValue(const TQDictionary *dictionary, const TQValue *key);
 /// Fills `keys` and `values` (either may be null), each with room for the dictionary's count, in insertion order.
 TQ_EXPORT void TQDictionaryGetKeysAndValues(const TQDictionary *dictionary, TQValue **keys, TQValue **values);
-/// Adds or replaces.
+/// Adds at the end, or replaces the value of an equal key, which keeps its place.
 TQ_EXPORT bool TQDictionarySetValue(TQDictionary *dictionary, TQValue *key, TQValue *value);
 /// True if there was such a key.
 TQ_EXPORT bool TQDictionaryRemoveValue(TQDictionary *dictionary, const TQValue *key);
 
 TQ_EXPORT TQTypeID TQSetGetTypeID(void);
+/// Of equal values the first one is kept. Null if one of the values is null.
 TQ_EXPORT TQSet *TQSetCreate(TQValue *const *values, size_t count);
 TQ_EXPORT TQSet *TQSetCreateMutable(void);
 TQ_EXPORT size_t TQSetGetCount(const TQSet *set);
 TQ_EXPORT bool TQSetContainsValue(const TQSet *set, const TQValue *value);
-/// Fills `values`, with room for the set's count.
+/// Fills `values`, with room for the set's count, in insertion order.
 TQ_EXPORT void TQSetGetValues(const TQSet *set, TQValue **values);
+/// True too if an equal member is there already, which then stays.
 TQ_EXPORT bool TQSetAddValue(TQSet *set, TQValue *value);
 /// True if it was a member.
 TQ_EXPORT bool TQSetRemoveValue(TQSet *set, const TQValue *value);

@@ -1,5 +1,5 @@
 /// @file
-/// Numbers and booleans. Wherever a number is asked for, a boolean is one too: 0 or 1.
+/// Numbers and booleans. Wherever a number is asked for, a boolean is one too: 0 or 1. Immutable; any thread.
 
 #ifndef VAULTRY_NUMBER_H
 #define VAULTRY_NUMBER_H
@@ -14,6 +14,7 @@ typedef enum TQNumberKind {
     kTQNumberDouble = 3,
 } TQNumberKind;
 
+/// The only two booleans. They are never freed, so retaining and releasing them does nothing.
 TQ_EXPORT extern TQBoolean *const kTQBooleanTrue;
 TQ_EXPORT extern TQBoolean *const kTQBooleanFalse;
 
@@ -21,12 +22,14 @@ TQ_EXPORT TQTypeID TQNumberGetTypeID(void);
 TQ_EXPORT TQTypeID TQBooleanGetTypeID(void);
 
 TQ_EXPORT TQNumber *TQNumberCreateInt64(int64_t value);
+/// Kept as an int64_t where one holds it.
 TQ_EXPORT TQNumber *TQNumberCreateUInt64(uint64_t value);
 TQ_EXPORT TQNumber *TQNumberCreateDouble(double value);
 
 /// Whether `value` is a number or a boolean; false for null.
 TQ_EXPORT bool TQIsNumber(const TQValue *value);
 
+/// How the number is kept; kTQNumberInt64 for a boolean, and for what is no number.
 TQ_EXPORT TQNumberKind TQNumberGetKind(const TQNumber *number);
 
 /// The value of a number or a boolean. What the wanted type can't hold becomes its nearest value, what is
@@ -38,7 +41,7 @@ TQ_EXPORT double TQNumberGetDouble(const TQValue *number);
 /// The truth value of a number (not zero) or a boolean.
 TQ_EXPORT bool TQNumberGetTruth(const TQValue *number);
 
-/// The boolean for `value`, never to be released more often than retained.
+/// kTQBooleanTrue or kTQBooleanFalse; lent, like every value got from a `Get` function.
 TQ_EXPORT TQBoolean *TQBooleanGet(bool value);
 
 TQ_END_DECLS

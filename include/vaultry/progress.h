@@ -5,6 +5,8 @@
 /// that reports: adding a generation by copying makes a child of the thread's current progress, with
 /// the bytes to copy as its total. The client watches through an observer and may cancel
 /// from any thread; the operation stops at its next step.
+///
+/// Any thread may call any of these functions on any progress object. Getters of null answer 0, false or null.
 
 #ifndef VAULTRY_PROGRESS_H
 #define VAULTRY_PROGRESS_H
@@ -25,13 +27,15 @@ TQ_EXPORT TQTypeID TQProgressGetTypeID(void);
 /// A progress of its own, with no parent.
 TQ_EXPORT TQProgress *TQProgressCreate(int64_t totalUnits);
 
-/// A child of `parent` (which may be null): cancelled with it, and its changes reach the parent's observers too.
+/// A child of `parent` (which may be null, and is retained): cancelled with it, and its changes reach the
+/// parent's observers too. A child's units are its own; they are not added to its parent's.
 TQ_EXPORT TQProgress *TQProgressCreateChild(TQProgress *parent, int64_t totalUnits);
 
 /// The current progress of this thread, or null.
 TQ_EXPORT TQProgress *TQProgressGetCurrent(void);
 
-/// Makes `progress` current on this thread and retains it until it resigns. Nests.
+/// Makes `progress` current on this thread and retains it until it resigns or the thread ends. Nests. Without memory
+/// to note it, it does not become current.
 TQ_EXPORT void TQProgressBecomeCurrent(TQProgress *progress);
 
 /// Gives the place back to what was current before. Does nothing if `progress` is not current here.
@@ -44,26 +48,29 @@ TQ_EXPORT void TQProgressSetCompletedUnits(TQProgress *progress, int64_t units);
 
 /// A value the caller owns, or null.
 TQ_EXPORT TQValue *TQProgressCopyUserInfo(const TQProgress *progress, const TQString *key);
-/// A null value removes the entry.
+/// Retains both, replacing what was there. A null value removes the entry.
 TQ_EXPORT void TQProgressSetUserInfo(TQProgress *progress, TQString *key, TQValue *value);
 
 /// The caller owns it; null when none was set.
 TQ_EXPORT TQString *TQProgressCopyKind(const TQProgress *progress);
 TQ_EXPORT void TQProgressSetKind(TQProgress *progress, TQString *kind);
 
+/// Whether cancelling has an effect: advice for whoever offers a button, set by the operation; false at first.
 TQ_EXPORT bool TQProgressIsCancellable(const TQProgress *progress);
 TQ_EXPORT void TQProgressSetCancellable(TQProgress *progress, bool cancellable);
 
-/// From any thread. Safe in a signal handler too: it stores one atomic flag and calls nobody.
+/// Safe in a signal handler too: it stores one atomic flag and calls nobody. It can't be taken back.
 TQ_EXPORT void TQProgressCancel(TQProgress *progress);
 
 /// Whether this progress, or one above it, was cancelled.
 TQ_EXPORT bool TQProgressIsCancelled(const TQProgress *progress);
 
-/// Called on the reporting thread after units of `changed`, which is the observed progress or a descendant, changed.
+/// Called on the reporting thread after units of `changed`, which is the observed progress or a descendant, were set.
+/// Several threads may call it at once. It may use any progress object, but if it sets units it is called again.
 typedef void (*TQProgressObserver)(TQProgress *changed, void *context);
 
-/// One observer a progress; null takes it away. Set it before the operation begins.
+/// One observer a progress; null takes it away. Set it before the operation begins, and keep `context` until after its
+/// end: a call that is already under way is not waited for.
 TQ_EXPORT void TQProgressSetObserver(TQProgress *progress, TQProgressObserver observer, void *context);
 
 TQ_END_DECLS

@@ -9,7 +9,9 @@
 /// or set belongs to one thread at a time.
 ///
 /// A null value is nothing everywhere: it can be retained and released, equals only null, hashes
-/// to 0 and has the type 0. Creating functions give null when memory runs out.
+/// to 0 and has the type 0. Creating functions give null, and changing ones false, when memory runs out;
+/// nothing has changed then. In a debug build of the library a pointer that is no value, a freed value, or one of
+/// another kind than the function is for, stops the process; otherwise one of another kind counts as null.
 
 #ifndef VAULTRY_VALUE_H
 #define VAULTRY_VALUE_H
@@ -27,23 +29,28 @@ TQ_EXPORT void TQRelease(TQValue *value);
 /// The kind of `value`, to be compared with `TQStringGetTypeID()` and its siblings.
 TQ_EXPORT TQTypeID TQGetTypeID(const TQValue *value);
 
-/// Equality by value. Numbers compare by what they stand for, a boolean never equals a number.
-/// Two containers are equal when their members are; two values of other kinds never are.
+/// Equality by value. Numbers compare by what they stand for (1 and 1.0 are equal), not-a-number equals itself, a
+/// boolean never equals a number. Two containers are equal when their members are; two values of different
+/// kinds never are. Allocators and progress objects equal only themselves. Different containers that nest more
+/// than 1,024 deep count as different; those that hold themselves can be compared.
 TQ_EXPORT bool TQEqual(const TQValue *a, const TQValue *b);
 
-/// Equal values have equal hashes.
+/// Equal values have equal hashes in one process; in another one they differ.
 TQ_EXPORT uintptr_t TQHash(const TQValue *value);
 
-/// Text for people and logs, of any kind: a string is itself, a container lists its members.
+/// Text for people and logs, of any kind: a string is itself, a container lists its members. The caller
+/// owns it. Not to be parsed.
 TQ_EXPORT TQString *TQCopyDescription(const TQValue *value);
 
 // --- deferred release
 
 /// Hands the caller's reference of `value` to the innermost open scope of this thread, which
-/// gives it back when it is popped; with no scope open, when the thread ends. Returns `value`.
+/// gives it back when it is popped; with no scope open, when the thread ends (the end of the process releases
+/// nothing). Returns `value`, or null if there was no memory to note it; it is released at once then.
 TQ_EXPORT TQValue *TQDefer(TQValue *value);
 
-/// Opens a scope for this thread. Scopes nest; every push is matched by one pop with its token.
+/// Opens a scope for this thread. Scopes nest; every push is matched by one pop, on the same thread, with the
+/// token it returned. Can't fail.
 TQ_EXPORT size_t TQDeferredScopePush(void);
 
 /// Closes the scope `token`, and those opened since that were left open, and releases what was
@@ -52,22 +59,23 @@ TQ_EXPORT void TQDeferredScopePop(size_t token);
 
 // --- allocators
 
-/// Called to get `size` bytes; null when there are none.
+/// Called to get `size` bytes, aligned for any object; null when there are none.
 typedef void *(*TQAllocatorAllocateCallback)(size_t size, void *info);
 /// Called to change the size of a block; null when that can't be done, with the block unchanged.
 typedef void *(*TQAllocatorReallocateCallback)(void *pointer, size_t size, void *info);
-/// Called to give a block back.
+/// Called to give a block back, from whichever thread releases last.
 typedef void (*TQAllocatorDeallocateCallback)(void *pointer, void *info);
 /// Called to learn how many bytes a request for `size` would really get.
 typedef size_t (*TQAllocatorPreferredSizeCallback)(size_t size, void *info);
 
-/// How an allocator works. Every callback may be null, and `version` is 0.
+/// How an allocator works. Every callback may be null: what it would do is then not done, and no memory is given.
+/// No callback may throw.
 typedef struct TQAllocatorContext {
-    int64_t version;
-    void *info;
-    const void *(*retain)(const void *info);
-    void (*release)(const void *info);
-    TQString *(*copyDescription)(const void *info);
+    int64_t version;                                ///< 0
+    void *info;                                     ///< handed to every callback
+    const void *(*retain)(const void *info);        ///< returns the `info` to keep; called once, at creation
+    void (*release)(const void *info);              ///< called once, with the allocator's last reference
+    TQString *(*copyDescription)(const void *info); ///< the caller owns the result
     TQAllocatorAllocateCallback allocate;
     TQAllocatorReallocateCallback reallocate;
     TQAllocatorDeallocateCallback deallocate;
@@ -84,10 +92,20 @@ TQ_EXPORT TQTypeID TQAllocatorGetTypeID(void);
 
 /// @param allocator  Where the allocator object itself comes from; null is the default.
 /// @param context    Copied; `info` is retained by the context's own callback, if it has one.
+/// @return null for a null context, one of another version, or without memory.
 TQ_EXPORT TQAllocator *TQAllocatorCreate(TQAllocator *allocator, const TQAllocatorContext *context);
+
+/// A block of `size` bytes, to be given back to the same allocator. Null for 0 bytes or when there are none.
 TQ_EXPORT void *TQAllocatorAllocate(TQAllocator *allocator, size_t size);
+
+/// The block with another size, perhaps elsewhere; null if that can't be done, with the block unchanged. A null
+/// `pointer` asks for a new block, and the size 0 gives the block back and returns null.
 TQ_EXPORT void *TQAllocatorReallocate(TQAllocator *allocator, void *pointer, size_t size);
+
+/// Gives a block back. A null `pointer` is nothing, and the callback does not hear of it.
 TQ_EXPORT void TQAllocatorDeallocate(TQAllocator *allocator, void *pointer);
+
+/// How many bytes a request for `size` would get: `size`, unless the allocator says otherwise.
 TQ_EXPORT size_t TQAllocatorGetPreferredSize(TQAllocator *allocator, size_t size);
 
 TQ_END_DECLS
