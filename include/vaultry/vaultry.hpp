@@ -1,0 +1,917 @@
+/// @file
+/// The library for C++: owning handles, std::filesystem::path, results that carry their error. C++17 and later.
+///
+/// Everything here is inline and calls the C functions; storage.h and library.h tell what each operation does, what it
+/// locks and which statuses it fails with. Both can be mixed: every handle gives its C pointer by get().
+///
+/// Failures. What can fail gives a Result: test it, then use `*result` or `result->`, or ask for an exception
+/// by `result.value()`. Nothing else throws, except that std::bad_alloc may come from wherever text is copied.
+///
+///     if (auto store = vaultry::Store::open("versions"); !store)
+///         std::cerr << store.error().description() << '\n';
+///     else if (auto kept = store->add("first draft", "letter.txt"); !kept)
+///         std::cerr << kept.error().description() << '\n';
+///
+/// Paths may be relative; they are resolved when a function is called. Names and keys are UTF-8. What C reads as "none"
+/// when it is null, such as a value to set or the name of a backup, is never taken from text that could not be
+/// converted: that fails with kTQStatusInvalidArgument, and so does a name with a zero byte in it.
+///
+/// Threads. Handles are like std::shared_ptr: a copy is one more reference to the same thing, which any number of threads
+/// may use, while one handle that is assigned to belongs to one thread at a time. A moved-from or
+/// default-made handle is null, which every function accepts as C does.
+
+#ifndef VAULTRY_VAULTRY_HPP
+#define VAULTRY_VAULTRY_HPP
+
+#include <vaultry/vaultry.h>
+
+#include <chrono>
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <initializer_list>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace vaultry {
+
+// --- counted values
+
+/// How a handle comes by its reference: it takes over the caller's, as of what a `Create` or `Copy` function gave;
+/// or it adds one of its own, as to what a `Get` function lent.
+struct Adopt {};
+struct Retain {};
+inline constexpr Adopt adopt{};
+inline constexpr Retain retain{};
+
+/// One reference to a counted value, or null.
+template <class C> class Handle {
+public:
+    using Counted = C;
+
+    Handle() noexcept = default;
+    Handle(std::nullptr_t) noexcept {}
+    Handle(Counted *counted, Adopt) noexcept : counted_(counted) {}
+    Handle(Counted *counted, Retain) noexcept : counted_(counted) { TQRetain(counted); }
+    Handle(const Handle &other) noexcept : Handle(other.counted_, retain) {}
+    Handle(Handle &&other) noexcept : counted_(other.detach()) {}
+    Handle &operator=(Handle other) noexcept
+    {
+        std::swap(counted_, other.counted_);
+        return *this;
+    }
+    ~Handle() { TQRelease(counted_); }
+
+    /// Lent: good as long as this handle, or another one, holds the value.
+    Counted *get() const noexcept { return counted_; }
+    explicit operator bool() const noexcept { return counted_ != nullptr; }
+
+    /// The reference itself, for a C function that takes it over; the handle is null then.
+    [[nodiscard]] Counted *detach() noexcept { return std::exchange(counted_, nullptr); }
+
+    /// Text for people and logs, whatever the kind. A string is itself.
+    std::string description() const
+    {
+        const Handle<TQString> text(TQCopyDescription(counted_), adopt);
+        return text ? std::string(TQStringGetUTF8(text.get()), TQStringGetUTF8Length(text.get())) : std::string();
+    }
+
+private:
+    Counted *counted_ = nullptr;
+};
+
+/// Equality by value, not by identity; see TQEqual.
+template <class A, class B> bool operator==(const Handle<A> &a, const Handle<B> &b)
+{
+    return TQEqual(a.get(), b.get());
+}
+template <class A, class B> bool operator!=(const Handle<A> &a, const Handle<B> &b)
+{
+    return !(a == b);
+}
+
+template <class T> inline constexpr bool is_text = std::is_convertible_v<const T &, std::string_view>;
+
+/// A value of any kind. Text, numbers, booleans and moments become values by themselves; for bytes say Data.
+class Value : public Handle<TQValue> {
+public:
+    using Handle::Handle;
+    template <class C> Value(Handle<C> other) noexcept : Handle(other.detach(), adopt) {}
+    template <class T, std::enable_if_t<is_text<T> || std::is_arithmetic_v<T>, int> = 0> Value(const T &plain) noexcept;
+    Value(const char *utf8) noexcept;
+    Value(std::chrono::system_clock::time_point time) noexcept;
+
+    /// The same value as the kind that it is; null if it is of another kind.
+    template <class Kind> Kind as() const noexcept
+    {
+        return Kind::is(get()) ? Kind(static_cast<typename Kind::Counted *>(get()), retain) : Kind();
+    }
+};
+
+/// Text. Null if it was made of what is not UTF-8.
+class String : public Handle<TQString> {
+public:
+    using Handle::Handle;
+    String(const char *utf8) noexcept : Handle(TQStringCreate(utf8), adopt) {}
+    template <class Text, std::enable_if_t<is_text<Text>, int> = 0> String(const Text &text) noexcept
+        : String(std::string_view(text), 0)
+    {
+    }
+
+    static bool is(const TQValue *value) noexcept { return value && TQGetTypeID(value) == TQStringGetTypeID(); }
+
+    /// Good as long as the string; empty for null.
+    std::string_view view() const noexcept
+    {
+        return *this ? std::string_view(TQStringGetUTF8(get()), TQStringGetUTF8Length(get())) : std::string_view();
+    }
+    std::string str() const { return std::string(view()); }
+
+private:
+    String(std::string_view text, int) noexcept : Handle(TQStringCreateWithBytes(text.data(), text.size()), adopt) {}
+};
+
+/// A number, or a boolean, which is one wherever a number is asked for.
+class Number : public Handle<TQNumber> {
+public:
+    using Handle::Handle;
+    template <class T, std::enable_if_t<std::is_arithmetic_v<T>, int> = 0> explicit Number(T value) noexcept
+        : Handle(make(value), adopt)
+    {
+    }
+
+    static bool is(const TQValue *value) noexcept { return TQIsNumber(value); }
+    bool is_boolean() const noexcept { return *this && TQGetTypeID(get()) == TQBooleanGetTypeID(); }
+
+    /// What the wanted type can't hold becomes its nearest value; 0 for null.
+    std::int64_t to_int64() const noexcept { return TQNumberGetInt64(get()); }
+    std::uint64_t to_uint64() const noexcept { return TQNumberGetUInt64(get()); }
+    double to_double() const noexcept { return TQNumberGetDouble(get()); }
+    bool to_bool() const noexcept { return TQNumberGetTruth(get()); }
+
+private:
+    template <class T> static TQNumber *make(T value) noexcept
+    {
+        if constexpr (std::is_same_v<T, bool>) // C reads either kind through a pointer to any value
+            return static_cast<TQNumber *>(TQRetain(TQBooleanGet(value)));
+        else if constexpr (std::is_floating_point_v<T>)
+            return TQNumberCreateDouble(value);
+        else if constexpr (std::is_signed_v<T>)
+            return TQNumberCreateInt64(value);
+        else
+            return TQNumberCreateUInt64(value);
+    }
+};
+
+/// Bytes that somebody else owns. A contiguous range, and so whatever takes one, std::span for instance, takes it.
+class ByteView {
+public:
+    ByteView(const void *bytes, std::size_t size) noexcept : data_(static_cast<const std::byte *>(bytes)), size_(size)
+    {
+    }
+    const std::byte *data() const noexcept { return data_; }
+    std::size_t size() const noexcept { return size_; }
+    const std::byte *begin() const noexcept { return data_; }
+    const std::byte *end() const noexcept { return data_ + size_; }
+
+private:
+    const std::byte *data_;
+    std::size_t size_;
+};
+
+/// Bytes, copied when made. Of a path that is not UTF-8, for one: `Data(path.native())`.
+class Data : public Handle<TQData> {
+public:
+    using Handle::Handle;
+    Data(const void *bytes, std::size_t size) noexcept : Handle(TQDataCreate(bytes, size), adopt) {}
+    explicit Data(std::string_view bytes) noexcept : Data(bytes.data(), bytes.size()) {}
+    /// Of std::vector<std::byte>, std::span and their like.
+    template <class Bytes, class Element = std::remove_pointer_t<decltype(std::declval<const Bytes &>().data())>,
+              std::enable_if_t<std::is_trivially_copyable_v<Element>, int> = 0>
+    explicit Data(const Bytes &bytes) noexcept : Data(bytes.data(), bytes.size() * sizeof(Element))
+    {
+    }
+
+    static bool is(const TQValue *value) noexcept { return value && TQGetTypeID(value) == TQDataGetTypeID(); }
+
+    /// Good as long as the data.
+    ByteView bytes() const noexcept { return {TQDataGetBytes(get()), TQDataGetLength(get())}; }
+    /// The bytes in a string, whatever they are.
+    std::string str() const { return std::string(static_cast<const char *>(TQDataGetBytes(get())), bytes().size()); }
+};
+
+/// A moment. Kept as seconds in a double, which today is exact to a quarter of a microsecond.
+class Date : public Handle<TQDate> {
+public:
+    using Clock = std::chrono::system_clock;
+    using Handle::Handle;
+    explicit Date(Clock::time_point time) noexcept
+        : Handle(TQDateCreate(std::chrono::duration<double>(time.time_since_epoch()).count()), adopt)
+    {
+    }
+
+    static bool is(const TQValue *value) noexcept { return value && TQGetTypeID(value) == TQDateGetTypeID(); }
+
+    double seconds() const noexcept { return TQDateGetSeconds(get()); }
+    /// The nearest moment that the clock can tell; its epoch for null and for what is no number.
+    Clock::time_point time() const noexcept
+    {
+        using Seconds = std::chrono::duration<double>;
+        const Seconds since(seconds());
+        if (!(since.count() == since.count())) return {};
+        if (since >= Seconds(Clock::duration::max())) return Clock::time_point::max();
+        if (since <= Seconds(Clock::duration::min())) return Clock::time_point::min();
+        return Clock::time_point(std::chrono::duration_cast<Clock::duration>(since));
+    }
+};
+
+template <class T, std::enable_if_t<is_text<T> || std::is_arithmetic_v<T>, int>> Value::Value(const T &plain) noexcept
+    : Value(std::conditional_t<is_text<T>, String, Number>(plain))
+{
+}
+inline Value::Value(const char *utf8) noexcept : Value(String(utf8)) {}
+inline Value::Value(std::chrono::system_clock::time_point time) noexcept : Value(Date(time)) {}
+
+/// A file URL or any other.
+class URL : public Handle<TQURL> {
+public:
+    using Handle::Handle;
+    /// Null for an empty path.
+    static URL of_path(const std::filesystem::path &path, bool isDirectory = false) noexcept
+    {
+        return URL(TQURLCreateWithFileSystemPath(path.c_str(), isDirectory), adopt);
+    }
+    /// Null if `text` is no URL.
+    static URL parse(const String &text, const URL &base = {}) noexcept
+    {
+        return URL(TQURLCreateWithString(text.get(), base.get()), adopt);
+    }
+
+    static bool is(const TQValue *value) noexcept { return value && TQGetTypeID(value) == TQURLGetTypeID(); }
+    bool is_file() const noexcept { return TQURLIsFileURL(get()); }
+    std::string str() const { return String(TQURLCopyString(get()), adopt).str(); }
+    /// Absolute; empty if it is not a file URL, and where the path needs 1,024 bytes or more.
+    std::filesystem::path path() const
+    {
+        char buffer[1024];
+        return TQURLGetFileSystemRepresentation(get(), buffer, sizeof buffer) ? buffer : "";
+    }
+};
+
+/// Values in a row. `for (const vaultry::Value &value : array)`.
+class Array : public Handle<TQArray> {
+public:
+    using Handle::Handle;
+    /// Null if one of the values is null.
+    static Array of(const std::vector<Value> &values)
+    {
+        std::vector<TQValue *> members;
+        for (const Value &value : values) members.push_back(value.get());
+        return Array(TQArrayCreate(members.data(), members.size()), adopt);
+    }
+
+    static bool is(const TQValue *value) noexcept { return value && TQGetTypeID(value) == TQArrayGetTypeID(); }
+
+    std::size_t size() const noexcept { return TQArrayGetCount(get()); }
+    bool empty() const noexcept { return size() == 0; }
+    /// Null past the end.
+    Value operator[](std::size_t index) const noexcept { return Value(TQArrayGetValueAtIndex(get(), index), retain); }
+    bool contains(const Value &value) const noexcept { return TQArrayContainsValue(get(), value.get()); }
+
+    /// Lives no longer than the array. Each step gives a handle of its own.
+    class Iterator {
+    public:
+        using iterator_category = std::input_iterator_tag;
+        using value_type = Value;
+        using difference_type = std::ptrdiff_t;
+        using pointer = const Value *;
+        using reference = Value;
+
+        Iterator(const TQArray *array, std::size_t index) noexcept : array_(array), index_(index) {}
+        Value operator*() const noexcept { return Value(TQArrayGetValueAtIndex(array_, index_), retain); }
+        Iterator &operator++() noexcept
+        {
+            ++index_;
+            return *this;
+        }
+        Iterator operator++(int) noexcept { return {array_, index_++}; }
+        friend bool operator==(const Iterator &a, const Iterator &b) noexcept { return a.index_ == b.index_; }
+        friend bool operator!=(const Iterator &a, const Iterator &b) noexcept { return !(a == b); }
+
+    private:
+        const TQArray *array_;
+        std::size_t index_;
+    };
+    Iterator begin() const noexcept { return {get(), 0}; }
+    Iterator end() const noexcept { return {get(), size()}; }
+};
+
+/// Values under keys. `for (const auto &[key, value] : dictionary.items())`.
+class Dictionary : public Handle<TQDictionary> {
+public:
+    using Handle::Handle;
+    using Item = std::pair<Value, Value>;
+
+    /// `Dictionary::of({{"pages", 12}, {"author", "me"}, {"printed", true}})`. Of equal keys the last one's value
+    /// stands. Null if a key or a value is null.
+    static Dictionary of(std::initializer_list<std::pair<String, Value>> items)
+    {
+        std::vector<TQValue *> keys, values;
+        for (const auto &[key, value] : items) {
+            keys.push_back(key.get());
+            values.push_back(value.get());
+        }
+        return Dictionary(TQDictionaryCreate(keys.data(), values.data(), items.size()), adopt);
+    }
+
+    static bool is(const TQValue *value) noexcept { return value && TQGetTypeID(value) == TQDictionaryGetTypeID(); }
+
+    std::size_t size() const noexcept { return TQDictionaryGetCount(get()); }
+    bool empty() const noexcept { return size() == 0; }
+    /// Null if there is no such key.
+    Value operator[](const String &key) const noexcept { return Value(TQDictionaryGetValue(get(), key.get()), retain); }
+    bool contains(const String &key) const noexcept { return TQDictionaryGetValue(get(), key.get()) != nullptr; }
+
+    /// All of them, in the order in which they were put in.
+    std::vector<Item> items() const
+    {
+        std::vector<TQValue *> keys(size()), values(size());
+        TQDictionaryGetKeysAndValues(get(), keys.data(), values.data());
+        std::vector<Item> items;
+        for (std::size_t i = 0; i < keys.size(); ++i)
+            items.emplace_back(Value(keys[i], retain), Value(values[i], retain));
+        return items;
+    }
+};
+
+// --- failures
+
+/// Why something failed; null where nothing did.
+class Error : public Handle<TQError> {
+public:
+    using Handle::Handle;
+    static Error make(std::int32_t status, const char *description) noexcept
+    {
+        TQError *error = nullptr;
+        (void)_TQCreateErrorForStatus(&error, status, description, nullptr);
+        return Error(error, adopt);
+    }
+
+    static bool is(const TQValue *value) noexcept { return value && TQGetTypeID(value) == TQErrorGetTypeID(); }
+
+    /// One of kTQStatus…. Ask for it only of errors that an operation gave: status.h tells what it does with others.
+    std::int32_t status() const noexcept { return *this ? TQErrorGetStatus(get()) : 0; }
+    std::intptr_t code() const noexcept { return TQErrorGetCode(get()); }
+    String domain() const noexcept { return String(TQErrorGetDomain(get()), retain); }
+    std::string description() const { return String(TQErrorCopyDescription(get()), adopt).str(); }
+    /// The error underneath, often the system's own; null if there is none.
+    Error underlying() const noexcept { return Error(TQErrorGetUnderlying(get()), retain); }
+};
+
+/// What Result::value() throws. Its text is the error's description.
+class Failure : public std::runtime_error {
+public:
+    explicit Failure(Error error) : runtime_error(error.description()), error_(std::move(error)) {}
+    const Error &error() const noexcept { return error_; }
+
+private:
+    Error error_;
+};
+
+/// A value, or the error that it was not to be had for.
+template <class T> class [[nodiscard]] Result {
+public:
+    Result(T value) : value_(std::move(value)) {}
+    Result(Error error) noexcept : error_(std::move(error)) {}
+
+    explicit operator bool() const noexcept { return value_.has_value(); }
+    /// Null on success.
+    Error error() const noexcept { return error_; }
+
+    /// Only after a test.
+    T &operator*() & { return *value_; }
+    const T &operator*() const & { return *value_; }
+    T operator*() && { return *std::move(value_); }
+    T *operator->() { return &*value_; }
+    const T *operator->() const { return &*value_; }
+
+    /// Throws Failure if there is none.
+    T &value() & { return Demand(), *value_; }
+    const T &value() const & { return Demand(), *value_; }
+    T value() && { return Demand(), *std::move(value_); }
+    T value_or(T other) const & { return value_ ? *value_ : std::move(other); }
+    T value_or(T other) && { return value_ ? *std::move(value_) : std::move(other); }
+
+private:
+    void Demand() const
+    {
+        if (!value_) throw Failure(error_);
+    }
+
+    std::optional<T> value_;
+    Error error_;
+};
+
+/// Done, or the error that kept it from being done.
+template <> class [[nodiscard]] Result<void> {
+public:
+    Result() noexcept = default;
+    Result(Error error) noexcept : failed_(true), error_(std::move(error)) {}
+
+    explicit operator bool() const noexcept { return !failed_; }
+    Error error() const noexcept { return error_; }
+    void value() const
+    {
+        if (failed_) throw Failure(error_);
+    }
+
+private:
+    bool failed_ = false;
+    Error error_;
+};
+
+/// What connects the two worlds; not for clients.
+namespace detail {
+
+// A zero byte would end a name early, and so make it another one. "." is no generation's name.
+inline std::string name(std::string_view name)
+{
+    return std::string(name.find('\0') == name.npos ? name : ".");
+}
+
+// Absolute; empty, which the library refuses, for what can't be a path.
+inline std::string path(const std::filesystem::path &path)
+{
+    std::error_code failed;
+    std::string absolute = std::filesystem::absolute(path, failed).native();
+    return failed || absolute.find('\0') != absolute.npos ? std::string() : absolute;
+}
+
+inline Error refused()
+{
+    return Error::make(kTQStatusInvalidArgument, "a name, key or value is null or not UTF-8");
+}
+
+inline Error taken(TQError *error)
+{
+    return error ? Error(error, adopt) : Error::make(kTQStatusFailed, "the operation failed; the log tells why");
+}
+
+// Every C function but one takes the out-parameter last.
+template <class Operation, class... Arguments> Result<void> attempt(Operation operation, Arguments... arguments)
+{
+    TQError *error = nullptr;
+    if (operation(arguments..., &error)) return {};
+    return taken(error);
+}
+
+template <class Kind, class Operation, class... Arguments>
+Result<Kind> fetch(Operation operation, Arguments... arguments)
+{
+    TQError *error = nullptr;
+    if (auto *counted = operation(arguments..., &error)) return Kind(counted, adopt);
+    return taken(error);
+}
+
+} // namespace detail
+
+// --- progress
+
+/// Watches an operation of this process, and can stop it: adding a generation by copying reports the bytes copied.
+///
+///     vaultry::Progress progress;
+///     progress.observe([](std::int64_t done, std::int64_t total) { draw(done, total); });
+///     const auto scope = progress.make_current();
+///     auto kept = store.add("first draft", "letter.txt"); // reports to `progress`
+///
+/// cancel() may be called by any thread at any time; the rest belongs to one thread, before an operation or after it.
+/// Outlives the operations that report to it.
+class Progress {
+public:
+    /// Of the units done and all that there are, those of the object that changed.
+    using Observer = std::function<void(std::int64_t done, std::int64_t total)>;
+
+    explicit Progress(std::int64_t total = 0) : progress_(TQProgressCreate(total), adopt) {}
+    Progress(Progress &&) noexcept = default;
+    Progress &operator=(Progress &&) = delete;
+    ~Progress() { TQProgressSetObserver(get(), nullptr, nullptr); }
+
+    TQProgress *get() const noexcept { return progress_.get(); }
+
+    /// Called on the thread that works. One that throws cancels the operation, and what it threw is dropped.
+    void observe(Observer observer)
+    {
+        TQProgressSetObserver(get(), nullptr, nullptr);
+        observer_ = observer ? std::make_unique<Observed>(Observed{std::move(observer), progress_}) : nullptr;
+        if (observer_) TQProgressSetObserver(get(), &Observed::changed, observer_.get());
+    }
+    void cancel() const noexcept { TQProgressCancel(get()); }
+    bool is_cancelled() const noexcept { return TQProgressIsCancelled(get()); }
+
+    /// Current on the thread that made it, which is the one to end it; scopes nest.
+    class [[nodiscard]] Scope {
+    public:
+        explicit Scope(const Progress &progress) : progress_(progress.progress_)
+        {
+            TQProgressBecomeCurrent(progress_.get());
+        }
+        Scope(const Scope &) = delete;
+        Scope &operator=(const Scope &) = delete;
+        ~Scope() { TQProgressResignCurrent(progress_.get()); }
+
+    private:
+        Handle<TQProgress> progress_;
+    };
+    Scope make_current() const { return Scope(*this); }
+
+private:
+    struct Observed {
+        Observer observer;
+        Handle<TQProgress> progress;
+
+        static void changed(TQProgress *changed, void *context) noexcept
+        {
+            const auto *self = static_cast<const Observed *>(context);
+            try {
+                self->observer(TQProgressGetCompletedUnits(changed), TQProgressGetTotalUnits(changed));
+            } catch (...) { // C can't be unwound
+                TQProgressCancel(self->progress.get());
+            }
+        }
+    };
+
+    Handle<TQProgress> progress_;
+    std::unique_ptr<Observed> observer_;
+};
+
+// --- the store
+
+/// Keys of the info dictionary that clients share: the document's absolute path, as data, since a path may have any
+/// bytes; and the date at which it was kept. Nobody writes them for you.
+inline constexpr char document_key[] = "vaultry.document";
+inline constexpr char time_key[] = "vaultry.time";
+
+/// What a query is to tell beside the name.
+struct Fields {
+    bool path = true;
+    bool options = true;
+    bool details = true; ///< display name and info
+};
+
+/// Which generations a query is about.
+struct Query {
+    Fields fields{};
+    std::uint64_t with_options = 31;                   ///< those that share a bit with it; 0 is all
+    std::uint64_t without_options = 0;                 ///< none that shares a bit with it
+    std::optional<std::vector<std::string>> clients{}; ///< only these groups; see storage.h
+};
+
+/// What a query told about one generation.
+struct Record {
+    std::string name;
+    std::optional<std::uint64_t> options;
+    std::optional<std::filesystem::path> path; ///< in the store; to be read, never changed
+    std::optional<std::string> display_name;
+    Dictionary info;
+    std::string client; ///< the group that a query of all found it in
+
+    /// What stands under document_key and time_key; a document that is a string is taken too.
+    std::optional<std::filesystem::path> document() const
+    {
+        const Value value = info[document_key];
+        if (const auto data = value.as<Data>()) return data.str();
+        if (const auto text = value.as<String>()) return text.str();
+        return std::nullopt;
+    }
+    std::optional<Date::Clock::time_point> time() const
+    {
+        if (const auto date = info[time_key].as<Date>()) return date.time();
+        return std::nullopt;
+    }
+
+    static Record of(const Dictionary &record, std::string client = {})
+    {
+        Record made;
+        made.name = record["name"].as<String>().str();
+        // The word comes as a signed number, bit by bit.
+        if (const auto word = record["options"].as<Number>())
+            made.options = static_cast<std::uint64_t>(word.to_int64());
+        if (const auto url = record["URL"].as<URL>()) made.path = url.path();
+        if (const auto text = record["ODN"].as<String>()) made.display_name = text.str();
+        made.info = record["info"].as<Dictionary>();
+        made.client = std::move(client);
+        return made;
+    }
+};
+
+/// Something about a store that is not as it should be.
+struct Finding {
+    std::filesystem::path path;
+    std::string kind;    ///< for programs
+    std::string meaning; ///< for people
+    bool mended = false;
+};
+
+/// A generation that was copied into the staging area, to be put somewhere by rename. What is left of it in the
+/// end goes when this goes.
+class Staged {
+public:
+    Staged(std::shared_ptr<const TQClientManagedStorage> store, std::string path, std::uint16_t mode,
+           std::uint32_t flags)
+        : store_(std::move(store)), path_(std::move(path)), mode_(mode), flags_(flags)
+    {
+    }
+    Staged(Staged &&) noexcept = default;
+    Staged &operator=(Staged &&) = delete;
+    ~Staged() { (void)done(); }
+
+    const std::string &path() const noexcept { return path_; }
+    /// What the top item is to be given in the end.
+    std::uint16_t mode() const noexcept { return mode_; }
+    std::uint32_t flags() const noexcept { return flags_; }
+
+    /// Removes what is left now, for who wants to know whether that succeeded.
+    Result<void> done()
+    {
+        const auto store = std::exchange(store_, nullptr);
+        if (!store) return {};
+        return detail::attempt(TQClientManagedStorageCopyOutDone, store.get(), path_.c_str());
+    }
+
+private:
+    std::shared_ptr<const TQClientManagedStorage> store_;
+    std::string path_;
+    std::uint16_t mode_;
+    std::uint32_t flags_;
+};
+
+/// The library object, for what the store alone can't do: restoring in place.
+class Library : public Handle<TQLibrary> {
+public:
+    using Handle::Handle;
+    static Result<Library> open(const std::filesystem::path &directory)
+    {
+        const URL url = URL::of_path(detail::path(directory), /*isDirectory=*/true);
+        return detail::fetch<Library>(TQLibraryCreateClientManaged, nullptr, url.get());
+    }
+
+    /// Puts a generation in the document's place; see TQLibraryRestoreGeneration. With `backup` the document is first
+    /// kept under that name.
+    Result<void> restore(std::string_view name, const std::filesystem::path &document,
+                         std::optional<std::string_view> backup = std::nullopt) const
+    {
+        const String from(name), keep(backup.value_or(""));
+        if (!*this || !from || !keep) return detail::refused();
+        const URL url = URL::of_path(detail::path(document));
+        return detail::attempt(TQLibraryRestoreGeneration, get(), from.get(), url.get(), backup ? keep.get() : nullptr);
+    }
+};
+
+/// A store. Copies are the same store; any thread may use any of them, and the store's lock orders what they do.
+class Store {
+public:
+    /// Opens the store in an existing directory, or makes the directory one.
+    static Result<Store> open(const std::filesystem::path &directory)
+    {
+        TQError *error = nullptr;
+        const std::string root = detail::path(directory);
+        if (auto *store = TQClientManagedStorageCreate(root.c_str(), &error)) return Store(store, root);
+        return detail::taken(error);
+    }
+
+    /// Removes a whole store, its directory included.
+    static Result<void> destroy(const std::filesystem::path &directory)
+    {
+        const std::string root = detail::path(directory);
+        if (root.empty()) return Error::make(kTQStatusBadPath, "not a path");
+        return detail::attempt(TQClientManagedStorageDestroy, root.c_str());
+    }
+
+    /// Verifies what a store promises, and with `repair` mends what is safe to mend. Empty if all is well.
+    static Result<std::vector<Finding>> findings(const std::filesystem::path &directory, bool repair = false)
+    {
+        const std::string root = detail::path(directory);
+        const auto found = detail::fetch<Array>(TQClientManagedStorageCopyFindings, root.c_str(), repair);
+        if (!found) return found.error();
+        std::vector<Finding> findings;
+        for (const Value &value : *found) {
+            const auto one = value.as<Dictionary>();
+            findings.push_back({one["path"].as<Data>().str(), one["kind"].as<String>().str(),
+                                one["meaning"].as<String>().str(), one["mended"].as<Number>().to_bool()});
+        }
+        return findings;
+    }
+
+    const std::filesystem::path &path() const noexcept { return root_; }
+    const TQClientManagedStorage *get() const noexcept { return store_.get(); }
+
+    /// Keeps `document`, a file or a tree, as the generation `name`.
+    Result<void> add(std::string_view name, const std::filesystem::path &document, std::uint64_t options = 1) const
+    {
+        return add_(name, document, options, /*copy=*/true);
+    }
+
+    /// The same, moving the document into the store. On failure it is back where it was.
+    Result<void> add_by_moving(std::string_view name, const std::filesystem::path &document,
+                               std::uint64_t options = 1) const
+    {
+        return add_(name, document, options, /*copy=*/false);
+    }
+
+    /// Copies a generation to `destination`, where nothing may be.
+    Result<void> copy(std::string_view name, const std::filesystem::path &destination) const
+    {
+        return attempt_(TQClientManagedStorageCopyGeneration, name, detail::path(destination).c_str());
+    }
+
+    /// Copies a generation into the staging area.
+    Result<Staged> copy_out(std::string_view name) const
+    {
+        char path[1024];
+        std::uint16_t mode = 0;
+        std::uint32_t flags = 0;
+        const auto copied = attempt_(TQClientManagedStorageCopyOut, name, path, &mode, &flags);
+        if (!copied) return copied.error();
+        return Staged(store_, path, mode, flags);
+    }
+
+    /// Puts a generation in the document's place, as Library::restore.
+    Result<void> restore(std::string_view name, const std::filesystem::path &document,
+                         std::optional<std::string_view> backup = std::nullopt) const
+    {
+        const auto library = Library::open(root_);
+        return library ? library->restore(name, document, backup) : library.error();
+    }
+
+    /// `store.remove({"a", "b"})`, or of any range of names. In order, up to the first failure; a name without a
+    /// generation is passed over. None is removed if one of them is no text.
+    Result<void> remove(std::initializer_list<std::string_view> names) const { return remove_(names); }
+    template <class Names> Result<void> remove(const Names &names) const { return remove_(names); }
+
+    /// In no particular order.
+    Result<std::vector<std::string>> names() const
+    {
+        const auto array = detail::fetch<Array>(TQClientManagedStorageCopyGenerationNames, get());
+        if (!array) return array.error();
+        std::vector<std::string> names;
+        for (const Value &name : *array) names.push_back(name.as<String>().str());
+        return names;
+    }
+
+    /// Where a generation lies; to be read, never changed.
+    Result<std::filesystem::path> path_of(std::string_view name) const
+    {
+        const auto url = fetch_<URL>(TQClientManagedStorageCopyURLForGeneration, name);
+        if (!url) return url.error();
+        return url->path();
+    }
+
+    Result<std::uint64_t> options(std::string_view name) const
+    {
+        TQError *error = nullptr;
+        const auto word = TQClientManagedStorageGetGenerationOptions(get(), detail::name(name).c_str(), &error);
+        if (word == 0 && error) return detail::taken(error);
+        return word;
+    }
+
+    /// A word without any of the bits 0x1e reads back as 1.
+    Result<void> set_options(std::string_view name, std::uint64_t options) const
+    {
+        return attempt_(TQClientManagedStorageSetGenerationOptions, name, options);
+    }
+
+    /// Empty when nothing was set.
+    Result<Dictionary> info(std::string_view name) const
+    {
+        return fetch_<Dictionary>(TQClientManagedStorageCopyGenerationInfoDictionary, name);
+    }
+
+    /// A missing key is a failure, with the status of a missing generation. Where the difference matters, ask for all.
+    Result<Value> info(std::string_view name, const String &key) const
+    {
+        return fetch_<Value>(TQClientManagedStorageCopyGenerationInfoValueForKey, name, key.get());
+    }
+
+    /// Why a value can't be stored is in the log alone.
+    Result<void> set_info(std::string_view name, const String &key, const Value &value) const
+    {
+        if (!key || !value) return detail::refused();
+        return attempt_(TQClientManagedStorageSetGenerationInfoValueForKey, name, key.get(), value.get());
+    }
+
+    Result<void> remove_info(std::string_view name, const String &key) const
+    {
+        return attempt_(TQClientManagedStorageSetGenerationInfoValueForKey, name, key.get(), nullptr);
+    }
+
+    /// None is a failure, with the status of a missing generation; a record tells the difference.
+    Result<std::string> display_name(std::string_view name) const
+    {
+        const auto text = fetch_<String>(TQClientManagedStorageCopyGenerationOriginalDisplayName, name);
+        if (!text) return text.error();
+        return text->str();
+    }
+
+    /// At most 767 bytes; "" removes it.
+    Result<void> set_display_name(std::string_view name, const String &displayName) const
+    {
+        if (!displayName) return detail::refused();
+        return attempt_(TQClientManagedStorageSetGenerationOriginalDisplayName, name, displayName.get());
+    }
+
+    /// About one generation, which is not looked for: what can't be told is absent.
+    Result<Record> record(std::string_view name, const Fields &fields = {}) const
+    {
+        const String asked(name);
+        const auto spec = Dictionary::of({{"fields", spec_of_(fields)}});
+        if (!asked || !spec) return detail::refused();
+        const auto record =
+            detail::fetch<Dictionary>(TQClientManagedStorageCopyGenerationInfos, get(), asked.get(), spec.get());
+        if (!record) return record.error();
+        return Record::of(*record);
+    }
+
+    /// About all generations of one moment that the query selects, in no particular order.
+    Result<std::vector<Record>> query(const Query &query = {}) const
+    {
+        const Dictionary spec = spec_of_(query);
+        if (!spec) return detail::refused(); // null would ask for everything
+        const auto groups = detail::fetch<Dictionary>(TQClientManagedStorageCopyAllGenerationsInfos, get(), spec.get());
+        if (!groups) return groups.error();
+        std::vector<Record> records;
+        for (const auto &[client, group] : groups->items())
+            for (const Value &record : group.as<Array>())
+                records.push_back(Record::of(record.as<Dictionary>(), client.as<String>().str()));
+        return records;
+    }
+
+private:
+    Store(TQClientManagedStorage *store, const std::string &root)
+        : store_(store, TQClientManagedStorageFree), root_(root)
+    {
+    }
+
+    template <class Operation, class... Arguments>
+    Result<void> attempt_(Operation operation, std::string_view name, Arguments... arguments) const
+    {
+        return detail::attempt(operation, get(), detail::name(name).c_str(), arguments...);
+    }
+
+    template <class Kind, class Operation, class... Arguments>
+    Result<Kind> fetch_(Operation operation, std::string_view name, Arguments... arguments) const
+    {
+        return detail::fetch<Kind>(operation, get(), detail::name(name).c_str(), arguments...);
+    }
+
+    Result<void> add_(std::string_view name, const std::filesystem::path &document, std::uint64_t options,
+                      bool copy) const
+    {
+        TQError *error = nullptr;
+        const std::string from = detail::path(document);
+        if (TQClientManagedStorageAdd(get(), detail::name(name).c_str(), from.c_str(), options, &error, copy))
+            return {};
+        return detail::taken(error);
+    }
+
+    template <class Names> Result<void> remove_(const Names &names) const
+    {
+        std::vector<Value> strings;
+        for (const auto &name : names) strings.push_back(String(name));
+        const Array array = Array::of(strings);
+        if (!array) return detail::refused();
+        return detail::attempt(TQClientManagedStorageRemoveGenerations, get(), array.get());
+    }
+
+    static Value spec_of_(const Fields &fields)
+    {
+        return Dictionary::of({{"URL", fields.path}, {"options", fields.options}, {"ODN", fields.details}});
+    }
+
+    // The words go as they come back, as signed numbers, bit by bit.
+    static Dictionary spec_of_(const Query &query)
+    {
+        const Value fields = spec_of_(query.fields);
+        const auto with = static_cast<std::int64_t>(query.with_options);
+        const auto without = static_cast<std::int64_t>(query.without_options);
+        if (!query.clients)
+            return Dictionary::of({{"fields", fields}, {"withOptions", with}, {"withoutOptions", without}});
+        std::vector<Value> clients;
+        for (const auto &client : *query.clients) clients.emplace_back(client);
+        return Dictionary::of(
+            {{"fields", fields}, {"withOptions", with}, {"withoutOptions", without}, {"clients", Array::of(clients)}});
+    }
+
+    std::shared_ptr<const TQClientManagedStorage> store_;
+    std::filesystem::path root_;
+};
+
+} // namespace vaultry
+
+#endif
