@@ -125,6 +125,7 @@ bool GetPath(const char *root, const char *name, PathBuffer &path, TQError **err
 bool AddDisplayName(const Ref<TQDictionary> &record, const char *path, TQError **error)
 {
     Ref<TQError> why;
+    errno = 0; // not every failure of the read sets it, and an older one must not pass for a missing name
     const auto displayName = Ref<TQString>::Adopt(TQCopyOriginalDisplayName(path, why.out()));
     if (displayName) return Set(record, "ODN", displayName.get());
     const bool none = errno == ENODATA;

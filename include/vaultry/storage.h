@@ -133,7 +133,7 @@ TQ_EXPORT bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStor
 /// @return null with kTQStatusFailed if a name in the store is not UTF-8.
 TQ_EXPORT TQArray *TQClientManagedStorageCopyGenerationNames(const TQClientManagedStorage *store, TQError **error);
 
-/// One record about one generation: a dictionary with "name" and, as the spec's "fields" select, "options" (a number),
+/// One record about one generation: a dictionary with "name" and, as "fields" of `spec` select, "options" (a number),
 /// "URL", "ODN" (the original display name, where there is one) and "info" (the info dictionary). The caller owns it.
 ///
 /// @param name  Neither validated nor looked for: a name without a generation gives a record of what can be told.
