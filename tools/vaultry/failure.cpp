@@ -31,8 +31,11 @@ CommandFailure CommandFailure::Library(const std::string &what, const TQError *e
     if (!error)
         return CommandFailure(kExitFailure, what + ": the library gave no reason (-v shows its diagnostic lines)");
     const Owned<TQString> description(TQErrorCopyDescription(error));
-    return CommandFailure(ExitCodeForStatus(TQErrorGetStatus(error)),
-                          what + ": " + Printable(ToText(description.get())));
+    const std::string details = Printable(ToText(description.get()));
+    const int exitCode = ExitCodeForStatus(TQErrorGetStatus(error));
+    // The library names the call that failed; what that means to the user comes first.
+    const int reason = UnderlyingErrno(error);
+    return CommandFailure(exitCode, what + ": " + (reason ? strerror(reason) + ("\n  " + details) : details));
 }
 
 CommandFailure CommandFailure::Errno(const std::string &what, int errorNumber)
