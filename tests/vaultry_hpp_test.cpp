@@ -77,7 +77,8 @@ TEST(StoreInCpp, TextThatCannotBeConvertedIsNeverTakenForNone)
                                 store.set_options("a\0b"sv, 2), from.remove({"a"})})
         EXPECT_EQ(refused.error().status(), kTQStatusInvalidArgument) << refused.error().description();
     EXPECT_EQ(Store::destroy(test.root() + "\0"s).error().status(), kTQStatusBadPath);
-    EXPECT_FALSE(store.set_info("a", "k", Data(std::vector<char>(1 << 20))).error().description().empty());
+    EXPECT_EQ(store.set_info("a", "k", Data(std::vector<char>(1 << 20))).error().underlying().code(), E2BIG);
+    EXPECT_EQ(store.remove_info("a", "x").error().status(), kTQStatusFailed);
     EXPECT_EQ(store.options("b").value_or(9), 9U);
     EXPECT_THROW(store.copy("a", test.document()).value(), Failure);
     EXPECT_TRUE(Same(before, Snapshot::Of(test.path())));

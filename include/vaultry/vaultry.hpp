@@ -25,6 +25,7 @@
 
 #include <vaultry/vaultry.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <filesystem>
@@ -459,17 +460,23 @@ inline Error refused()
     return Error::make(kTQStatusInvalidArgument, "a name, key or value is null or not UTF-8");
 }
 
-inline Error taken(TQError *error)
+// Where C reports no error object, the system's error number is all that tells why, if there is one.
+inline Error taken(TQError *error, int errorNumber = 0)
 {
-    return error ? Error(error, adopt) : Error::make(kTQStatusFailed, "the operation failed; the log tells why");
+    if (error) return Error(error, adopt);
+    const char *text = "the operation failed; the log tells why";
+    if (errorNumber == 0) return Error::make(kTQStatusFailed, text);
+    (void)_TQCreateErrorUseErrno(&error, errorNumber, text);
+    return Error(error, adopt);
 }
 
 // Every C function but one takes the out-parameter last.
 template <class Operation, class... Arguments> Result<void> attempt(Operation operation, Arguments... arguments)
 {
     TQError *error = nullptr;
+    errno = 0;
     if (operation(arguments..., &error)) return {};
-    return taken(error);
+    return taken(error, errno);
 }
 
 template <class Kind, class Operation, class... Arguments>
@@ -799,7 +806,7 @@ public:
         return fetch_<Value>(TQClientManagedStorageCopyGenerationInfoValueForKey, name, key.get());
     }
 
-    /// Why a value can't be stored is in the log alone.
+    /// Why a value can't be stored is in the log; the error tells only the system's reason, where there was one.
     Result<void> set_info(std::string_view name, const String &key, const Value &value) const
     {
         if (!key || !value) return detail::refused();
