@@ -1,16 +1,13 @@
-#include "support/Identity.h"
-#include "support/Store.h"
 #include "vaultry_client_managed.h"
 
+#include "support/Tests.h"
+
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <gmock/gmock.h>
 #include <sys/file.h>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -90,26 +87,19 @@ TEST_F(StoreLockTest, MisuseAndFailureAreReported)
             return _TQLockGenerationInternal(file.c_str(), &holder, LOCK_SH, error) || holder.fd != held;
         };
     };
+    const std::string tooLong = "/" + std::string(1005, 'd');
+    StoreLock none;
     ExpectRows(
-        {{"held already", System(EINVAL, "*->fd isn't -1"), lock(0, path.c_str())},
-         {"no lock file", System(ENOENT, "Failed to open generation path \"$/missing\" for locking"),
-          lock(-1, store / "missing")},
-         {"a signal while waiting", System(EINTR, "Failed to lock generation path \"$/store/.vaultry_lockfile\""),
-          lock(-1, path.c_str()), FailCall(1, EINTR, kLock)},
-         {"no path", Refused(104, "The path to the store lock was too long"),
-          [&](TQError **error) {
-              StoreLock holder;
-              return _ReadLockGenerationStore(("/" + std::string(1005, 'd')).c_str(), &holder, error);
-          }},
-         {"nothing held", Logs(EINVAL, "*->fd is -1"),
-          [](TQError **) {
-              StoreLock holder;
-              _UnlockGenerationStore(&holder);
-              return true;
-          }}},
+        {{System(EINVAL, "*->fd isn't -1"), lock(0, path.c_str())},
+         {System(ENOENT, "Failed to open generation path \"$/missing\" for locking"), lock(-1, store / "missing")},
+         {System(EINTR, "Failed to lock generation path \"$/store/.vaultry_lockfile\""), lock(-1, path.c_str()),
+          FailCall(1, EINTR, kLock)},
+         {Refused(104, "The path to the store lock was too long"),
+          CALL(_ReadLockGenerationStore(tooLong.c_str(), &none, why))},
+         {Logs(EINVAL, "*->fd is -1"), CALL((_UnlockGenerationStore(&none), why))}},
         store.path());
     // A lock that can't be released would stop every other process: this one stops instead.
-    const Outcome stuck = InChild(FailCall(2, EIO, kLock), [&](TQError **error) { return store.Add("g", error); });
+    const Outcome stuck = InChild(FailCall(2, EIO, kLock), CALL(store.Add("g", why)));
     EXPECT_EQ(stuck.fate, Outcome::Fate::Crashed);
     EXPECT_EQ(store.List(), std::vector<std::string>{"g"});
     store.CheckInvariants();

@@ -1,15 +1,13 @@
-#include "support/Identity.h"
-#include "support/Store.h"
 #include "vaultry_client_managed.h"
 
-#include <cerrno>
-#include <gmock/gmock.h>
-#include <linux/fs.h>
+#include "support/Tests.h"
+
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
+
+struct StoreLife : InDirectory {};
+INSTANTIATE_AS_EACH(StoreLife);
 
 Operation Create(const std::string &root)
 {
@@ -21,116 +19,83 @@ Operation Create(const std::string &root)
     };
 }
 
-class StoreLife : public AsEach {
-protected:
-    TempDirectory directory;
-};
-INSTANTIATE_AS_EACH(StoreLife);
-
 TEST_P(StoreLife, CreationProtectsTheRootAndOpeningChangesNothing)
 {
-    const std::string root = disk::MakeDirectory(directory / "root", 0777);
-    OwnedError error;
-    ASSERT_TRUE(Create(root)(error.out())) << error.description();
-    const Snapshot made = Snapshot::Of(root, Snapshot::kUntouched);
+    const std::string root = Folder("root", 0777), staging = root + "/.vaultry_staging";
+    ASSERT_TRUE(Create(root)(nullptr));
     EXPECT_THAT(disk::List(root), testing::ElementsAre(".vaultry_lockfile", ".vaultry_staging"));
-    EXPECT_EQ(disk::Mode(root), 0555U);
-    EXPECT_EQ(disk::Mode(root + "/.vaultry_staging"), 0700U);
-    EXPECT_EQ(disk::Mode(root + "/.vaultry_lockfile"), 0400U);
-    EXPECT_TRUE(Create(root)(error.out())) << error.description();
-    EXPECT_TRUE(Same(made, Snapshot::Of(root, Snapshot::kUntouched)));
+    for (const auto &[path, mode] : {std::pair{root, 0555U}, {staging, 0700U}, {root + "/.vaultry_lockfile", 0400U}})
+        EXPECT_EQ(disk::Mode(path), mode) << path;
+    const Snapshot made = Now();
+    EXPECT_TRUE(Create(root)(nullptr));
+    EXPECT_TRUE(Same(made, Now()));
 
-    // Whatever is not whole is put right.
+    // What is not whole is put right.
     chmod(root.c_str(), 0775);
-    EXPECT_TRUE(Create(root)(error.out())) << error.description();
+    rmdir(staging.c_str());
+    disk::Write(staging, "in the way");
+    EXPECT_TRUE(Create(root)(nullptr)) << "what stands at the name of staging is not looked at";
     EXPECT_EQ(disk::Mode(root), 0555U);
-    chmod(root.c_str(), 0755);
-    rmdir((root + "/.vaultry_staging").c_str());
-    disk::Write(root + "/.vaultry_staging", "in the way");
-    EXPECT_TRUE(Create(root)(error.out())) << "what stands at the name of staging is not looked at";
-    EXPECT_EQ(disk::Read(root + "/.vaultry_staging"), "in the way");
+    EXPECT_EQ(disk::Read(staging), "in the way");
     TQClientManagedStorageFree(nullptr);
 }
 
 TEST_P(StoreLife, WhatCannotBeAStoreIsRefused)
 {
-    const auto path = [&](const char *name) { return directory / name; };
-    disk::Write(path("file"), "");
-    ASSERT_EQ(symlink(disk::MakeDirectory(path("plain")).c_str(), path("link").c_str()), 0);
-    disk::MakeDirectory(disk::MakeDirectory(path("blocked")) + "/.vaultry_lockfile");
-    const std::string longLock = disk::MakeDirectoryOfLength(directory.path(), 1006);
-    const std::string longStaging = disk::MakeDirectoryOfLength(directory.path(), 1007);
-    const Snapshot before = Snapshot::Of(directory.path(), Snapshot::kUntouched);
-    ExpectRows({{"missing", Failed(104, "The supplied path \"$/missing\" does not exist"), Create(path("missing"))},
-                {"a file", Failed(104, "The supplied path \"$/file\" does not exist"), Create(path("file"))},
-                {"a link", Failed(104, "The supplied path \"$/link\" does not exist"), Create(path("link"))},
-                {"no room for staging", Refused(104, "failed to get staging dir path"), Create(longStaging)},
-                {"no room for the lock", Refused(104, "The path to the store lock was too long"), Create(longLock)},
-                {"null", Failed(104, "The supplied path \"\" does not exist"),
-                 [](TQError **error) { return TQClientManagedStorageCreate(nullptr, error) != nullptr; }},
-                {"somebody else's", System(EPERM, "failed to unprotect store at \"$/plain\", chomd(0755) failed"),
-                 Create(path("plain")), FailCall(1, EPERM, kMode)}},
-               directory.path());
-    EXPECT_TRUE(Same(before, Snapshot::Of(directory.path(), Snapshot::kUntouched)));
-
-    // What is missing can then be put right: the root stays writable for its owner.
-    ExpectRows({{"staging", Refused(104, "mkdir \"$/plain/.vaultry_staging\" failed"), Create(path("plain")),
-                 FailCall(1, ENOSPC, kMakeDirectory)},
-                {"lock file", Refused(104, "Failed to create lock file at path \"$/blocked/.vaultry_lockfile\""),
-                 Create(path("blocked"))}},
-               directory.path());
-    EXPECT_EQ(disk::Mode(path("plain")), 0755U);
-    EXPECT_EQ(disk::Mode(path("blocked")), 0755U);
-    if (kCanFailAllocations && Create(path("plain"))(nullptr))
-        ExpectRows({{"no memory", Failed(101, "malloc failed"), Create(path("plain")), FailAllocation(1)}},
-                   directory.path());
-
-    const std::string missing = path("missing");
-    ExpectRows({{"unprotect", System(ENOENT, "failed to unprotect store at \"$/missing\", stat failed"),
-                 [&](TQError **error) { return _UnprotectGenerationStore(missing.c_str(), error); }},
-                {"protect", Logs(ENOENT, "failed to protect store at \"$/missing\", stat failed"),
-                 [&](TQError **) { return _ProtectGenerationStore(missing.c_str()), true; }},
-                {"protect's chmod", Logs(EPERM, "failed to protect store at \"$/blocked\", chomd(0555) failed"),
-                 [&](TQError **) { return _ProtectGenerationStore(path("blocked").c_str()), true; },
-                 FailCall(1, EPERM, kMode)}},
-               directory.path());
+    const std::string plain = Folder("plain"), blocked = Folder("blocked"), missing = At("missing");
+    Folder("blocked/.vaultry_lockfile");
+    const std::string longLock = disk::MakeDirectoryOfLength(directory.path(), 1006), not_ = "The supplied path \"$/";
+    const std::string longStaging = disk::MakeDirectoryOfLength(directory.path(), 1007),
+                      unprotect = "failed to unprotect store at \"$/";
+    const Snapshot before = (File("file"), Link("link", plain), Now());
+    Expect(
+        {{Failed(104, not_ + "missing\" does not exist"), Create(missing)},
+         {Failed(104, not_ + "file\" does not exist"), Create(At("file"))},
+         {Failed(104, not_ + "link\" does not exist"), Create(At("link"))},
+         {Failed(104, "The supplied path \"\" does not exist"), CALL(TQClientManagedStorageCreate(nullptr, why))},
+         {Refused(104, "failed to get staging dir path"), Create(longStaging)},
+         {Refused(104, "The path to the store lock was too long"), Create(longLock)},
+         {System(EPERM, unprotect + "plain\", chomd(0755) failed"), Create(plain), FailCall(1, EPERM, kMode)},
+         {System(ENOENT, unprotect + "missing\", stat failed"), CALL(_UnprotectGenerationStore(missing.c_str(), why))},
+         {Logs(ENOENT, "failed to protect store at \"$/missing\", stat failed"),
+          CALL((_ProtectGenerationStore(missing.c_str()), why))},
+         {Logs(EPERM, "failed to protect store at \"$/plain\", chomd(0555) failed"),
+          CALL((_ProtectGenerationStore(plain.c_str()), why)), FailCall(1, EPERM, kMode)}});
+    EXPECT_TRUE(Same(before, Now()));
+    Expect({{Refused(104, "mkdir \"$/plain/.vaultry_staging\" failed"), Create(plain),
+             FailCall(1, ENOSPC, kMakeDirectory)},
+            {Refused(104, "Failed to create lock file at path \"$/blocked/.vaultry_lockfile\""), Create(blocked)}});
+    for (const auto &root : {plain, blocked})
+        EXPECT_EQ(disk::Mode(root), 0755U) << "what is missing can then be put right";
+    EXPECT_TRUE(Create(plain)(nullptr));
+    if (kCanFailAllocations) Expect({{Failed(101, "malloc failed"), Create(plain), FailAllocation(1)}});
 }
 
 TEST_P(StoreLife, ProtectionIsLiftedForTheOwnerAloneAndTakenFromAll)
 {
-    const std::string root = disk::MakeDirectory(directory / "root", 0577);
-    for (const mode_t wanted : {0777U, 0777U}) {
-        EXPECT_TRUE(_UnprotectGenerationStore(root.c_str(), nullptr));
-        EXPECT_EQ(disk::Mode(root), wanted);
+    const std::string root = Folder("root", 0577);
+    const Operation lift = CALL(_UnprotectGenerationStore(root.c_str(), why)),
+                    protect = CALL((_ProtectGenerationStore(root.c_str()), why));
+    for (const mode_t mode : {0777U, 0777U}) {
+        EXPECT_EQ(InChild(CountCalls(kMode), lift).count, 1) << "also when it is writable";
+        EXPECT_EQ(disk::Mode(root), mode);
     }
-    _ProtectGenerationStore(root.c_str());
+    for (const int calls : {1, 0}) EXPECT_EQ(InChild(CountCalls(kMode), protect).count, calls);
     EXPECT_EQ(disk::Mode(root), 0555U);
-    EXPECT_EQ(InChild(CountCalls(kMode), [&](TQError **) { return _ProtectGenerationStore(root.c_str()), true; }).count,
-              0);
-    EXPECT_EQ(
-        InChild(CountCalls(kMode), [&](TQError **) { return _UnprotectGenerationStore(root.c_str(), nullptr); }).count,
-        1);
-    EXPECT_EQ(
-        InChild(CountCalls(kMode), [&](TQError **) { return _UnprotectGenerationStore(root.c_str(), nullptr); }).count,
-        1)
-        << "always, also when it is writable";
 }
 
-TEST_P(StoreLife, DestroyingTakesEverything)
+TEST_P(StoreLife, DestroyingTakesEverythingAndWaitsForNoLock)
 {
     TestStore store;
-    OwnedError error;
-    ASSERT_TRUE(store.Add("g", error.out())) << error.description();
-    EXPECT_EQ(disk::SetFlags(store.Generation("g"), FS_IMMUTABLE_FL), store.directory().CanSetImmutable());
+    ASSERT_TRUE(store.Add("g"));
+    EXPECT_EQ(disk::SetFlags(store.Generation("g"), FS_IMMUTABLE_FL), canFlag);
     StoreLock lock;
     ASSERT_TRUE(_WriteLockGenerationStore(store.root().c_str(), &lock, nullptr));
-    EXPECT_TRUE(TQClientManagedStorageDestroy(store.root().c_str(), error.out())) << "it waits for no lock";
+    for (int times = 0; times < 2; ++times) EXPECT_TRUE(TQClientManagedStorageDestroy(store.root().c_str(), nullptr));
     _UnlockGenerationStore(&lock);
     EXPECT_FALSE(disk::Exists(store.root()));
-    EXPECT_TRUE(TQClientManagedStorageDestroy(store.root().c_str(), error.out())) << "gone already";
-    ExpectRows({{"every operation needs its lock file",
-                 System(ENOENT, "Failed to open generation path \"$/store/.vaultry_lockfile\" for locking"),
-                 [&](TQError **e) { return store.Add("g", e); }}},
+    ExpectRows({{System(ENOENT, "Failed to open generation path \"$/store/.vaultry_lockfile\" for locking"),
+                 CALL(store.Add("g", why))}},
                store.path());
 }
 
@@ -142,12 +107,8 @@ TEST(StoreOnAReadOnlyMount, IsReadAndNothingElse)
     const char *const root = store.root().c_str();
     if (mount(root, root, nullptr, MS_BIND, nullptr) != 0) GTEST_SKIP() << "mounts are refused here";
     ASSERT_EQ(mount(nullptr, root, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
-    OwnedError error;
-    EXPECT_TRUE(Create(store.root())(error.out())) << error.description();
-    EXPECT_THAT(store.List(), testing::ElementsAre("g"));
-    EXPECT_TRUE(store.CopyOut("g", store / "out", error.out())) << error.description();
-    ExpectRows({{"add", System(EROFS, "mkdtemp(\"$/store/.vaultry_staging/XXXXXXX\") failed"),
-                 [&](TQError **e) { return store.Add("h", e); }}},
+    EXPECT_TRUE(Create(root)(nullptr) && store.List().size() == 1 && store.CopyOut("g", store / "out"));
+    ExpectRows({{System(EROFS, "mkdtemp(\"$/store/.vaultry_staging/XXXXXXX\") failed"), CALL(store.Add("h", why))}},
                store.path());
     EXPECT_EQ(umount(root), 0);
 }
@@ -155,19 +116,16 @@ TEST(StoreOnAReadOnlyMount, IsReadAndNothingElse)
 TEST(StoreOfAnotherUser, IsRefusedToAnOrdinaryOne)
 {
     if (!CanBe(As::Root)) GTEST_SKIP() << "only root can be two users";
-    std::optional<Impersonate> owner(std::in_place, As::User, kOtherUser);
+    std::optional<Impersonate> user(std::in_place, As::User, kOtherUser);
     TestStore store;
-    ASSERT_TRUE(store.Add("g"));
     chmod(store.path().c_str(), 0755);
-    owner.reset();
-    {
-        const Impersonate other(As::User);
-        ExpectRows({{"use", System(EACCES, "Failed to open generation path \"$/store/.vaultry_lockfile\" for locking"),
-                     [&](TQError **e) { return store.CopyOut("g", "/nowhere", e); }},
-                    {"opening", System(EPERM, "failed to unprotect store at \"$/store\", chomd(0755) failed"),
-                     Create(store.root())}},
-                   store.path());
-    }
+    user.reset();
+    user.emplace(As::User);
+    ExpectRows({{System(EACCES, "Failed to open generation path \"$/store/.vaultry_lockfile\" for locking"),
+                 CALL(store.Add("g", why))},
+                {System(EPERM, "failed to unprotect store at \"$/store\", chomd(0755) failed"), Create(store.root())}},
+               store.path());
+    user.reset();
     store.CheckInvariants();
 }
 

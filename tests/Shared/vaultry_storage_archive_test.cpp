@@ -1,230 +1,187 @@
 #include "Shared/vaultry_storage.h"
-#include "support/Identity.h"
-#include "support/Reports.h"
+#include "support/Tests.h"
 
-#include <vaultry/filesystem.h>
-#include <vaultry/progress.h>
-
-#include <cerrno>
-#include <gmock/gmock.h>
-#include <linux/fs.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr char kByte[] = "com.corvane.vaultry.orig_perms_v1";
-constexpr int kProtecting = FS_IMMUTABLE_FL | FS_APPEND_FL;
 
-struct ModeRow {
-    mode_t mode;
-    int byte;
-    mode_t stored, readable; // without and with makeReadable
-};
-const ModeRow kFileModes[] = {{0644, 0x04, 0444, 0444},    {0666, 0x1c, 0444, 0444},   {0600, 0x04, 0400, 0444},
-                              {0400, 0x00, 0400, 0444},    {0464, 0x08, 0444, 0444},   {0402, 0x10, 0400, 0444},
-                              {04755, 0x04, 04555, 04555}, {02775, 0x0c, 02555, 02555}};
-const ModeRow kFolderModes[] = {{0755, 0x04, 0555, 0555},
-                                {0700, 0x04, 0500, 0555},
-                                {0500, 0x00, 0500, 0555},
-                                {01777, 0x1c, 01555, 01555},
-                                {02775, 0x0c, 02555, 02555}};
-
-class Archive : public AsEach {
-protected:
-    bool AddPath(const std::string &source, const std::string &destination, bool copy, TQError **error = nullptr) const
+struct Archive : InDirectory {
+    bool Add(const std::string &source, const std::string &destination, bool copy, TQError **error = nullptr) const
     {
         return TQAddPathAsGeneration(source.c_str(), destination.c_str(), copy, /*makeReadable=*/false,
                                      /*archive=*/true, error);
     }
-    void ExpectArchived(const std::string &path, const ModeRow &row, bool readable)
+    void ExpectArchived(const std::string &path, int byte, mode_t mode) const
     {
-        EXPECT_EQ(disk::Mode(path), readable ? row.readable : row.stored) << path;
-        EXPECT_EQ(disk::Attribute(path, kByte), std::string(1, static_cast<char>(row.byte))) << path;
-        EXPECT_EQ(disk::Flags(path) & kProtecting, 0) << path;
+        EXPECT_EQ(disk::Mode(path), mode) << path;
+        EXPECT_EQ(disk::Attribute(path, kByte), std::string(1, static_cast<char>(byte))) << path;
+        EXPECT_EQ(disk::Flags(path) & (FS_IMMUTABLE_FL | FS_APPEND_FL), 0) << path;
     }
-
-    TempDirectory directory;
 };
 INSTANTIATE_AS_EACH(Archive);
 
 TEST_P(Archive, TakesWriteAccessAndRecordsIt)
 {
-    const bool immutable = directory.CanSetImmutable();
-    for (const bool readable : {false, true}) {
-        for (const bool folder : {false, true}) {
-            for (const ModeRow &row : folder ? std::vector<ModeRow>(std::begin(kFolderModes), std::end(kFolderModes))
-                                             : std::vector<ModeRow>(std::begin(kFileModes), std::end(kFileModes))) {
-                SCOPED_TRACE(testing::Message() << (folder ? "folder " : "file ") << std::oct << row.mode);
-                const std::string item = directory / "item", copy = directory / "copy";
-                folder ? disk::MakeDirectory(item, row.mode) : disk::Write(item, "data", row.mode);
-                OwnedError error;
-                EXPECT_TRUE(TQAddPathAsGeneration(item.c_str(), copy.c_str(), true, readable, true, error.out()))
-                    << error.description();
-                ExpectArchived(copy, row, readable);
-                EXPECT_EQ(disk::Mode(item), row.mode);
-                EXPECT_TRUE(_RemoveTree(copy.c_str(), 0, nullptr));
-
-                ModeRow inPlace = row;
-                if (immutable && disk::SetFlags(item, kProtecting)) inPlace.byte |= 0x03;
+    const struct {
+        bool folder;
+        mode_t mode;
+        int byte;
+        mode_t stored, readable; // without and with makeReadable
+    } rows[] = {
+        {false, 0644, 0x04, 0444, 0444},    {false, 0666, 0x1c, 0444, 0444},    {false, 0600, 0x04, 0400, 0444},
+        {false, 0400, 0x00, 0400, 0444},    {false, 0464, 0x08, 0444, 0444},    {false, 0402, 0x10, 0400, 0444},
+        {false, 04755, 0x04, 04555, 04555}, {false, 02775, 0x0c, 02555, 02555}, {true, 0755, 0x04, 0555, 0555},
+        {true, 0700, 0x04, 0500, 0555},     {true, 0500, 0x00, 0500, 0555},     {true, 01777, 0x1c, 01555, 01555}};
+    for (const auto &row : rows)
+        for (const bool readable : {false, true}) {
+            SCOPED_TRACE(testing::Message() << (row.folder ? "folder " : "file ") << std::oct << row.mode);
+            const mode_t stored = readable ? row.readable : row.stored;
+            const std::string item = row.folder ? Folder("item", row.mode) : File("item", "data", row.mode),
+                              copy = At("copy");
+            OwnedError error;
+            EXPECT_TRUE(TQAddPathAsGeneration(item.c_str(), copy.c_str(), true, readable, true, error.out()))
+                << error.description();
+            ExpectArchived(copy, row.byte, stored);
+            EXPECT_EQ(disk::Mode(item), row.mode);
+            const int flags = disk::SetFlags(item, FS_IMMUTABLE_FL | FS_APPEND_FL) ? 0x03 : 0;
+            for (int times = 0; times < 2; ++times) { // the byte of the first time stays
                 EXPECT_TRUE(_ArchiveItem(item.c_str(), nullptr, readable, error.out())) << error.description();
-                ExpectArchived(item, inPlace, readable);
-                EXPECT_TRUE(_ArchiveItem(item.c_str(), nullptr, readable, error.out())) << "again";
-                ExpectArchived(item, inPlace, readable);
-                EXPECT_TRUE(_RemoveTree(item.c_str(), 0, nullptr));
+                ExpectArchived(item, row.byte | flags, stored);
             }
+            for (const auto &path : {item, copy}) EXPECT_TRUE(_RemoveTree(path.c_str(), 0, nullptr));
         }
-    }
 }
 
 TEST_P(Archive, StoresCompressedFilesPlain)
 {
-    const std::string item = disk::Write(directory / "item", std::string(100000, 'a'));
+    const std::string item = File("item", std::string(100000, 'a'));
     if (!disk::SetFlags(item, FS_COMPR_FL)) GTEST_SKIP() << "this file system has no compressed files";
-    EXPECT_TRUE(AddPath(item, directory / "copy", true));
-    EXPECT_EQ(disk::Flags(directory / "copy"), 0);
+    EXPECT_TRUE(Add(item, At("copy"), true));
     EXPECT_EQ(disk::Flags(item), FS_COMPR_FL);
-    EXPECT_TRUE(AddPath(item, directory / "moved", false));
-    EXPECT_EQ(disk::Flags(directory / "moved"), 0);
+    EXPECT_EQ(disk::Flags(At("copy")), 0);
+    const auto sweep = Sweep([](int nth) { return FailCall(nth, EIO, kFlags); },
+                             [&](const Fault &fault, std::string *where) {
+                                 *where = directory.path();
+                                 return InChild(fault, CALL(_ArchiveItem(item.c_str(), nullptr, false, why)));
+                             });
+    ExpectReported(sweep, EIO, {"failed make path \"$/item\" uncompressed"});
+    EXPECT_EQ(disk::Flags(item), 0);
 }
 
 TEST_P(Archive, LeavesSidecarsOutButMovesThemAsTheyAre)
 {
-    const std::string tree = disk::MakeDirectory(directory / "tree");
-    disk::Write(tree + "/file", "12345");
-    disk::Write(tree + "/._file", "1234567");
-    disk::MakeDirectory(tree + "/._folder");
-    disk::Write(tree + "/._folder/file", "123");
+    const std::string tree = Folder("tree"), copy = At("copy"), moved = At("moved"), plain = At("plain");
+    File("tree/file", "12345");
+    File("tree/._file", "1234567");
+    disk::Write(Folder("tree/._folder") + "/file", "123");
     EXPECT_EQ(TQComputeTreeSize(tree.c_str(), nullptr), 8);
-    EXPECT_TRUE(AddPath(tree, directory / "copy", true));
-    EXPECT_THAT(disk::List(directory / "copy"), testing::ElementsAre("._folder", "file"));
-    EXPECT_TRUE(AddPath(tree, directory / "moved", false));
-    EXPECT_EQ(disk::Mode(directory / "moved/._file"), 0644U);
-    EXPECT_FALSE(disk::Attribute(directory / "moved/._file", kByte));
-    EXPECT_EQ(disk::Mode(directory / "moved/file"), 0444U);
-    EXPECT_TRUE(TQAddPathAsGeneration((directory / "copy").c_str(), (directory / "plain").c_str(), true, false,
-                                      /*archive=*/false, nullptr));
-    EXPECT_EQ(disk::Mode(directory / "plain/file"), 0444U) << "copied as it is";
+    EXPECT_TRUE(Add(tree, copy, true) && Add(tree, moved, false));
+    EXPECT_THAT(disk::List(copy), testing::ElementsAre("._folder", "file"));
+    EXPECT_TRUE(disk::Mode(moved + "/._file") == 0644 && !disk::Attribute(moved + "/._file", kByte));
+    ExpectArchived(moved + "/file", 0x04, 0444);
+    EXPECT_TRUE(TQAddPathAsGeneration(moved.c_str(), plain.c_str(), true, false, /*archive=*/false, nullptr));
+    EXPECT_EQ(disk::Mode(plain + "/._folder"), 0555U) << "copied as it is";
     uint64_t size = 2;
-    EXPECT_TRUE(TQArchiveTree((directory / "moved").c_str(), /*makeReadable=*/true, &size, nullptr));
+    EXPECT_TRUE(TQArchiveTree(moved.c_str(), /*makeReadable=*/true, &size, nullptr));
     EXPECT_EQ(size, 2U + 8U);
 }
 
 // A stored file that shared its data with a name outside would change with it.
 TEST_P(Archive, BreaksHardLinksAndLeavesTheOtherNameAlone)
 {
-    const std::string tree = disk::MakeDirectory(directory / "tree"), closed = disk::MakeDirectory(tree + "/closed");
-    const std::string outside = disk::Write(directory / "outside", "shared", 0664);
+    const std::string tree = Folder("tree"), outside = File("outside", "shared", 0664);
     disk::SetAttribute(outside, "com.example.a", "kept");
-    ASSERT_EQ(link(outside.c_str(), (tree + "/one").c_str()), 0);
-    ASSERT_EQ(link(outside.c_str(), (closed + "/two").c_str()), 0);
-    chmod(closed.c_str(), 0555);
-    ASSERT_EQ(link(outside.c_str(), (disk::MakeDirectory(tree + "/flagged") + "/three").c_str()), 0);
-    EXPECT_EQ(disk::SetFlags(tree + "/flagged", FS_APPEND_FL), directory.CanSetImmutable());
+    for (const auto &folder : {tree, Folder("tree/closed"), Folder("tree/flagged")})
+        EXPECT_EQ(link(outside.c_str(), (folder + "/name").c_str()), 0);
+    chmod((tree + "/closed").c_str(), 0555);
+    if (!isRoot) disk::SetFlags(tree + "/flagged", FS_APPEND_FL); // root lifts nothing, and would be stopped
     const Snapshot before = Snapshot::Of(outside);
-    const Outcome outcome = InChild([&](TQError **error) { return AddPath(tree, directory / "moved", false, error); });
-    EXPECT_TRUE(outcome.succeeded || GetParam() == As::Root) << outcome.message;
-    if (!outcome.succeeded) {
-        // Root lifts nothing from the folder, and its flag stops root too.
-        EXPECT_EQ(outcome.underlying, EPERM);
-        return;
-    }
-    ExpectSays(outcome,
-               Logs(0, "Encountered hardlinked file at path \"$/moved/one\" with link count of 4; breaking link.", 7),
-               directory.path());
-    for (const char *name : {"moved/one", "moved/closed/two"}) {
-        EXPECT_EQ(disk::Read(directory / name), "shared");
-        EXPECT_EQ(disk::Attribute(directory / name, "com.example.a"), "kept");
-        EXPECT_EQ(disk::Attribute(directory / name, kByte), "\x0c");
-    }
+    Expect({{Logs(0, "Encountered hardlinked file at path \"$/moved/name\" with link count of 4; breaking link.", 7),
+             CALL(Add(tree, At("moved"), false, why))}});
+    disk::Write(At("changed"), "changed");
     EXPECT_TRUE(Same(before, Snapshot::Of(outside))) << "still writable, and without the store's attribute";
-    EXPECT_THAT(disk::List(directory / "moved/closed"), testing::ElementsAre("two"));
-    EXPECT_EQ(disk::Mode(directory / "moved/closed"), 0555U);
-    EXPECT_EQ(disk::Attribute(directory / "moved/closed", kByte).value_or("").size(), 1U);
     disk::Write(outside, "changed");
-    EXPECT_EQ(disk::Read(directory / "moved/one"), "shared");
+    for (const char *folder : {"moved", "moved/closed", "moved/flagged"}) {
+        const std::string name = At(folder) + "/name";
+        ExpectArchived(name, 0x0c, 0444);
+        EXPECT_EQ(disk::Read(name), "shared");
+        EXPECT_EQ(disk::Attribute(name, "com.example.a"), "kept");
+        EXPECT_THAT(disk::List(At(folder)), testing::Contains("name"));
+    }
+    ExpectArchived(At("moved/closed"), 0x00, 0555);
+    EXPECT_EQ(disk::List(At("moved/flagged")).size(), 1U);
+
+    const std::string deep = disk::MakeDirectoryOfLength(directory.path(), 900);
+    for (const size_t length : {1016U, 1017U, 1023U}) {
+        const std::string file = disk::Write(deep + "/" + std::string(length - deep.size() - 1, 'f'), "linked"),
+                          other = At("other");
+        ASSERT_EQ(link(file.c_str(), other.c_str()), 0);
+        const Outcome outcome = InChild(CALL(TQArchiveTree(file.c_str(), false, nullptr, why)));
+        EXPECT_EQ(outcome.status, length == 1016 ? 0 : 104) << length;
+        EXPECT_EQ(outcome.message.substr(0, 900), length == 1016 ? "" : ("temporary path \"" + file).substr(0, 900));
+        unlink(other.c_str());
+    }
 }
 
 TEST_P(Archive, RefusesWhatItCannotKeep)
 {
-    const auto make = [&](const std::string &name) { return disk::MakeDirectory(directory / name); };
-    const std::string target = disk::Write(directory / "target", "outside", 0444), at = "$/copy";
+    const std::string target = File("target", "outside", 0444), missing = At("missing"), copy = At("copy");
     const Snapshot before = Snapshot::Of(target, Snapshot::kUntouched);
-    ASSERT_EQ(symlink(target.c_str(), (make("linked") + "/link").c_str()), 0);
-    ASSERT_EQ(symlink("nowhere", (make("dangling") + "/link").c_str()), 0);
-    ASSERT_EQ(mkfifo((make("piped") + "/fifo").c_str(), 0600), 0);
-    sockaddr_un address{AF_UNIX, {}};
-    (make("socketed") + "/s").copy(address.sun_path, sizeof address.sun_path - 1);
-    const int socketFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(bind(socketFd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-    close(socketFd);
-    const auto add = [&](const char *name, bool copy) {
-        return [this, name, copy](TQError **error) {
-            EXPECT_TRUE(_RemoveTree((directory / "copy").c_str(), 0, nullptr));
-            return AddPath(directory / name, directory / "copy", copy, error);
+    const std::string linked = Folder("linked"), dangling = Folder("dangling"), special = Folder("special");
+    Link("linked/link", target);
+    Link("dangling/link", "nowhere");
+    const auto add = [&](const std::string &from, bool copying) {
+        return [=, this](TQError **error) {
+            return Add(from, copy, copying, error) && _RemoveTree(copy.c_str(), 0, nullptr);
         };
     };
-    const auto serviceError = [&](const std::string &name) {
-        return System(ENOTSUP, "duplix callback got an error what=1 stage=3 src=$/" + name + " dst=$/copy/" +
-                                   name.substr(name.find('/') + 1));
-    };
-    ExpectRows(
-        {{"a link, copied", System(ELOOP, "failed to open generation item \"$/copy/link\""), add("linked", true)},
-         {"a dangling link, copied", System(ENOENT, "Failed to stat dest path \"$/copy/link\""), add("dangling", true)},
-         {"a FIFO", serviceError("piped/fifo"), add("piped", true)},
-         {"a socket", serviceError("socketed/s"), add("socketed", true)},
-         {"nothing there", System(ENOENT, "duplix callback got an error what=0 stage=3 src=$/missing dst=$/copy"),
-          add("missing", true)},
-         {"a dangling link, moved", System(ELOOP, "failed to open generation item \"$/copy/link\""),
-          add("dangling", false)},
-         {"a link, moved", System(ELOOP, "failed to open generation item \"$/copy/link\""), add("linked", false)},
-         {"nothing to move",
-          System(ENOENT,
-                 GetParam() == As::Root ? "rename(\"$/missing\", \"$/copy\") failed" : "stat(\"$/missing\") failed"),
-          add("missing", false)},
-         {"no item", System(ENOENT, "stat(\"$/missing\") failed"),
-          [&](TQError **error) { return _ArchiveItem((directory / "missing").c_str(), nullptr, false, error); }},
-         {"no tree", System(ENOENT, "fts_read() failed for path '$/missing'\n"),
-          [&](TQError **error) { return TQArchiveTree((directory / "missing").c_str(), false, nullptr, error); }},
-         {"no path", System(ENOENT, "fts_open(\"\") failed"),
-          [](TQError **error) { return TQArchiveTree("", false, nullptr, error); }},
-         {"no tree to measure", System(ENOENT, "fts_read() failed for path '$/missing'\n"),
-          [&](TQError **error) { return TQComputeTreeSize((directory / "missing").c_str(), error) != -1; }},
-         {"no path to measure", System(ENOENT, "fts_open(\"\") failed"),
-          [](TQError **error) { return TQComputeTreeSize("", error) != 0; }}},
-        directory.path());
-    EXPECT_TRUE(Same(before, Snapshot::Of(target, Snapshot::kUntouched)));
-}
-
-TEST_P(Archive, NeedsRoomForTheNameThatBreaksALink)
-{
-    const std::string deep = disk::MakeDirectoryOfLength(directory.path(), 900);
-    for (const size_t length : {1016U, 1017U, 1023U}) {
-        SCOPED_TRACE(length);
-        const std::string file = deep + "/" + std::string(length - deep.size() - 1, 'f');
-        disk::Write(file, "linked");
-        ASSERT_EQ(link(file.c_str(), (directory / "other").c_str()), 0);
-        const Outcome outcome =
-            InChild([&](TQError **error) { return TQArchiveTree(file.c_str(), false, nullptr, error); });
-        EXPECT_EQ(outcome.succeeded, length == 1016);
-        if (!outcome.succeeded) {
-            EXPECT_EQ(outcome.status, 104);
-            EXPECT_THAT(outcome.message, testing::StartsWith("temporary path \"" + file.substr(0, 1000)));
-        }
-        unlink((directory / "other").c_str());
+    const Says notOpened = System(ELOOP, "failed to open generation item \"$/copy/link\"");
+    const Row rows[] = {
+        {notOpened, add(linked, true)},
+        {System(ENOENT, "Failed to stat dest path \"$/copy/link\""), add(dangling, true)},
+        {System(ENOENT, "duplix callback got an error what=0 stage=3 src=$/missing dst=$/copy"), add(missing, true)},
+        {notOpened, add(dangling, false)},
+        {notOpened, add(linked, false)},
+        {System(ENOENT, isRoot ? "rename(\"$/missing\", \"$/copy\") failed" : "stat(\"$/missing\") failed"),
+         add(missing, false)}};
+    for (const auto &row : rows) {
+        Expect({row});
+        EXPECT_TRUE(_RemoveTree(copy.c_str(), 0, nullptr));
     }
+    EXPECT_TRUE(Same(before, Snapshot::Of(target, Snapshot::kUntouched))) << "a link's target is nobody's to lift";
+    Expect({{System(ENOENT, "stat(\"$/missing\") failed"), CALL(_ArchiveItem(missing.c_str(), nullptr, false, why))},
+            {System(ENOENT, "fts_read() failed for path '$/missing'\n"),
+             CALL(TQArchiveTree(missing.c_str(), false, nullptr, why))},
+            {System(ENOENT, "fts_open(\"\") failed"), CALL(TQArchiveTree("", false, nullptr, why))},
+            {System(ENOENT, "fts_read() failed for path '$/missing'\n"),
+             CALL(TQComputeTreeSize(missing.c_str(), why) != -1)},
+            {System(ENOENT, "fts_open(\"\") failed"), CALL(TQComputeTreeSize("", why) != 0)}});
+
+    sockaddr_un address{AF_UNIX, {}};
+    (special + "/item").copy(address.sun_path, sizeof address.sun_path - 1);
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    for (const bool fifo : {false, true}) {
+        ASSERT_EQ(fifo ? mkfifo(address.sun_path, 0600)
+                       : bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address),
+                  0);
+        Expect({{System(ENOTSUP, "duplix callback got an error what=1 stage=3 src=$/special/item dst=$/copy/item"),
+                 add(special, true)}});
+        EXPECT_TRUE(unlink(address.sun_path) == 0 && _RemoveTree(copy.c_str(), 0, nullptr));
+    }
+    close(listener);
 }
 
 TEST_P(Archive, ReportsBytesAndStopsWhenCancelled)
 {
-    const std::string package = disk::MakePackage(directory / "package");
+    const std::string package = disk::MakePackage(At("package"));
     const int64_t total = TQComputeTreeSize(package.c_str(), nullptr);
     struct Seen {
-        int64_t last = 0, cancelAt = -1;
-        bool described = true;
-        TQProgress *top = nullptr;
+        int64_t last, cancelAt;
+        bool described;
+        TQProgress *top;
     };
     const auto observe = [](TQProgress *changed, void *context) {
         auto *seen = static_cast<Seen *>(context);
@@ -238,48 +195,42 @@ TEST_P(Archive, ReportsBytesAndStopsWhenCancelled)
         seen->described &= TQProgressIsCancellable(changed) && TQEqual(kind.get(), kTQProgressKindFile) &&
                            TQEqual(info(kTQProgressFileOperationKindKey).get(), kTQProgressFileOperationKindCopying) &&
                            TQURLIsFileURL(static_cast<TQURL *>(info(kTQProgressFileURLKey).get()));
-        if (seen->cancelAt >= 0 && seen->last >= seen->cancelAt) TQProgressCancel(seen->top);
+        if (seen->last >= seen->cancelAt) TQProgressCancel(seen->top);
     };
-    for (const int64_t cancelAt : {int64_t{-1}, int64_t{1}}) {
+    for (const int64_t cancelAt : {total + 1, int64_t{1}}) {
         const auto progress = Ref<TQProgress>::Adopt(TQProgressCreate(1));
         Seen seen{0, cancelAt, true, progress.get()};
         TQProgressSetObserver(progress.get(), observe, &seen);
         TQProgressBecomeCurrent(progress.get());
         OwnedError error;
-        EXPECT_EQ(AddPath(package, directory / std::to_string(cancelAt), true, error.out()), cancelAt < 0);
+        const bool added = Add(package, At(std::to_string(cancelAt)), true, error.out());
         TQProgressResignCurrent(progress.get());
-        EXPECT_TRUE(seen.described);
-        if (cancelAt < 0) {
-            EXPECT_EQ(seen.last, total);
-        } else {
-            EXPECT_EQ(error.description(), "operation was cancelled by the user; error 125 (Operation canceled)");
-            EXPECT_EQ(error.status(), 101);
-            EXPECT_EQ(error.underlying(), ECANCELED);
-            EXPECT_LT(seen.last, total);
-        }
+        EXPECT_TRUE(seen.described && added == (cancelAt > total) && added == (seen.last == total)) << seen.last;
+        if (added) continue;
+        EXPECT_EQ(error.description(), "operation was cancelled by the user; error 125 (Operation canceled)");
+        EXPECT_TRUE(error.status() == 101 && error.underlying() == ECANCELED);
     }
 }
 
-// The callbacks as the copy service calls them.
-TEST_P(Archive, FirstErrorWinsAndOnlyCancellingReplacesIt)
+TEST(ArchiveCallbacks, KeepTheFirstErrorUnlessCancelled)
 {
     DuplixState state;
     const auto progress = Ref<TQProgress>::Adopt(TQProgressCreate(1));
-    for (const int what : {0, 1, 2, 3, 4, 5}) {
-        OwnedError adding, copyingOut;
+    for (int what = 0; what < 6; ++what) {
+        OwnedError adding;
+        TQError *copyingOut = nullptr;
         TQAddContext context{0, 1, 0, nullptr, adding.out()};
+        const int stage = what == 0 ? 1 : 3;
         for (const int error : {EIO, EPERM}) {
-            const int stage = what == 0 ? 1 : 3;
             errno = error;
             EXPECT_EQ(_DuplixAddCallback(what, stage, &state, "/s", "/d", &context), 2);
-            TQError *second = copyingOut.get();
             errno = error;
-            EXPECT_EQ(_DuplixUnarchiveCallback(what, stage, &state, "/s", "/d", second ? &second : copyingOut.out()),
-                      2);
+            EXPECT_EQ(_DuplixUnarchiveCallback(what, stage, &state, "/s", "/d", &copyingOut), 2);
         }
-        const std::string wanted = "duplix callback got an error what=" + std::to_string(what) +
-                                   " stage=" + (what == 0 ? "1" : "3") + " src=/s dst=/d; error 5 (Input/output error)";
-        for (const auto *error : {&adding, &copyingOut}) EXPECT_EQ(error->description(), wanted);
+        EXPECT_EQ(adding.description(), "duplix callback got an error what=" + std::to_string(what) + " stage=" +
+                                            std::to_string(stage) + " src=/s dst=/d; error 5 (Input/output error)");
+        EXPECT_EQ(Text(Ref<TQString>::Adopt(TQErrorCopyDescription(copyingOut)).get()), adding.description());
+        TQRelease(copyingOut);
         context.progress = progress.get();
         TQProgressCancel(progress.get());
         EXPECT_EQ(_DuplixAddCallback(1, 1, &state, "/s", "/d", &context), 2);
@@ -287,8 +238,6 @@ TEST_P(Archive, FirstErrorWinsAndOnlyCancellingReplacesIt)
     }
     EXPECT_EQ(_DuplixUnarchiveCallback(1, 1, &state, "/s/._x", "/d", nullptr), 1);
     EXPECT_EQ(_DuplixUnarchiveCallback(2, 1, &state, "/s/._x", "/d", nullptr), 0);
-    errno = EIO;
-    EXPECT_EQ(_DuplixUnarchiveCallback(0, 1, &state, "/s", "/d", nullptr), 2);
 }
 
 } // namespace

@@ -1,17 +1,4 @@
-#include "support/Identity.h"
-#include "support/Reports.h"
-
-#include <vaultry/collections.h>
-#include <vaultry/data.h>
-#include <vaultry/metadata.h>
-#include <vaultry/number.h>
-#include <vaultry/plist.h>
-
-#include <cerrno>
-#include <gmock/gmock.h>
-#include <linux/fs.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "support/Tests.h"
 
 namespace {
 
@@ -19,125 +6,94 @@ constexpr char kInfo[] = "com.corvane.vaultry.info", kDisplayName[] = "com.corva
                kOptions[] = "com.corvane.vaultry.gen_options";
 
 // A generation's top item: without write bits, as archiving leaves it.
-class Metadata : public AsEach {
-protected:
+struct Metadata : InDirectory {
     // From outside: even an ordinary owner must lift the protection first.
     void Store(const char *name, const std::optional<std::string> &value)
     {
+        (void)_SetEAOnGeneration(path, name, nullptr, 0, nullptr);
         chmod(path, 0644);
-        if (value)
-            disk::SetAttribute(item, name, *value);
-        else
-            (void)_SetEAOnGeneration(path, name, nullptr, 0, nullptr);
+        if (value) disk::SetAttribute(item, name, *value);
         chmod(path, 0444);
     }
 
-    TempDirectory directory;
-    const std::string item = disk::Write(directory / "item", "", 0444);
+    const std::string item = File("item", "", 0444), missing = At("missing");
     const char *const path = item.c_str();
-    const std::string missing = directory / "missing";
 };
 INSTANTIATE_AS_EACH(Metadata);
 
 TEST_P(Metadata, ProtectionIsLiftedForTheChangeAndPutBack)
 {
-    const bool immutable = disk::SetFlags(item, FS_IMMUTABLE_FL);
-    EXPECT_EQ(immutable, directory.CanSetImmutable());
-    const Snapshot before = Snapshot::Of(item, Snapshot::kUntouched);
-    if (GetParam() == As::Root && immutable) {
+    const std::string longName(300, 'a');
+    EXPECT_EQ(disk::SetFlags(item, FS_IMMUTABLE_FL), canFlag);
+    if (isRoot && canFlag) {
         // Root lifts nothing, and the flag stops root too.
-        ExpectRows({{"immutable", System(EPERM, "setxattr(\"$/item\") failed"),
-                     [&](TQError **error) { return _SetEAOnGeneration(path, "a", "v", 1, error); }}},
-                   directory.path());
-        EXPECT_TRUE(Same(before, Snapshot::Of(item, Snapshot::kUntouched)));
+        const Snapshot before = Now();
+        Expect({{System(EPERM, "setxattr(\"$/item\") failed"), CALL(_SetEAOnGeneration(path, "a", "v", 1, why))}});
+        EXPECT_TRUE(Same(before, Now()));
         disk::SetFlags(item, 0);
     }
+    const int flags = disk::Flags(item);
     OwnedError error;
-    EXPECT_TRUE(_SetEAOnGeneration(path, "com.example.a", "value", 5, error.out())) << error.description();
-    EXPECT_EQ(disk::Attribute(item, "com.example.a"), "value");
-    EXPECT_TRUE(_SetEAOnGeneration(path, "com.example.a", "", 0, error.out())) << "no bytes: removed";
-    EXPECT_TRUE(_SetEAOnGeneration(path, "com.example.a", nullptr, 5, error.out())) << "absent already";
-    EXPECT_EQ(disk::Attribute(item, "com.example.a"), std::nullopt);
+    EXPECT_TRUE(_SetEAOnGeneration(path, "a", "value", 5, error.out())) << error.description();
+    EXPECT_EQ(disk::Attribute(item, "a"), "value");
+    for (const char *nothing : {"", static_cast<const char *>(nullptr)})
+        EXPECT_TRUE(_SetEAOnGeneration(path, "a", nothing, nothing ? 0 : 5, error.out())) << "removed, and once more";
+    EXPECT_EQ(disk::Attribute(item, "a"), std::nullopt);
+    Expect(
+        {{System(ENOENT, isRoot ? "setxattr(\"$/missing\") failed" : "Failed to stat generation root at \"$/missing\""),
+          CALL(_SetEAOnGeneration(missing.c_str(), "a", "v", 1, why))},
+         {System(ERANGE, "setxattr(\"$/item\") failed"), CALL(_SetEAOnGeneration(path, longName.c_str(), "v", 1, why))},
+         {System(ERANGE, "removexattr(\"$/item\") failed"),
+          CALL(_SetEAOnGeneration(path, longName.c_str(), nullptr, 0, why))}});
     EXPECT_EQ(disk::Mode(item), 0444U);
-    EXPECT_EQ(disk::Flags(item), GetParam() == As::Capable && immutable ? FS_IMMUTABLE_FL : 0);
-    disk::SetFlags(item, 0);
-
-    const std::string root =
-        GetParam() == As::Root ? "setxattr(\"$/missing\") failed" : "Failed to stat generation root at \"$/missing\"";
-    ExpectRows({{"nothing there", System(ENOENT, root),
-                 [&](TQError **e) { return _SetEAOnGeneration(missing.c_str(), "a", "v", 1, e); }},
-                {"a name that can't be", System(ERANGE, "setxattr(\"$/item\") failed"),
-                 [&](TQError **e) { return _SetEAOnGeneration(path, std::string(300, 'a').c_str(), "v", 1, e); }},
-                {"the same, to be removed", System(ERANGE, "removexattr(\"$/item\") failed"),
-                 [&](TQError **e) { return _SetEAOnGeneration(path, std::string(300, 'a').c_str(), nullptr, 0, e); }}},
-               directory.path());
-    EXPECT_EQ(disk::Mode(item), 0444U);
+    EXPECT_EQ(disk::Flags(item), flags);
 }
 
 TEST_P(Metadata, OptionsAreKeptOnlyWithABitThatMatters)
 {
-    const struct {
-        uint64_t set;
-        bool kept;
-    } rows[] = {{3, true}, {0x1e, true}, {0, false}, {~uint64_t{0}, true}, {0x20, false}, {0xffff00000000001c, true},
-                {1, false}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.set);
-        EXPECT_TRUE(TQSetGenerationOptions(path, row.set, nullptr));
-        EXPECT_EQ(disk::Attribute(item, kOptions).has_value(), row.kept);
-        EXPECT_EQ(TQGetGenerationOptions(path), row.kept ? row.set : 1U);
+    const std::pair<uint64_t, bool> rows[] = {
+        {3, true}, {0, false}, {~uint64_t{0}, true}, {0x20, false}, {0xffff00000000001c, true}, {1, false}};
+    for (const auto &[word, kept] : rows) {
+        EXPECT_TRUE(TQSetGenerationOptions(path, word, nullptr));
+        EXPECT_EQ(disk::Attribute(item, kOptions).has_value(), kept) << word;
+        EXPECT_EQ(TQGetGenerationOptions(path), kept ? word : 1U);
     }
     for (const size_t length : {0U, 1U, 7U, 9U}) {
         Store(kOptions, std::string(length, '\1'));
         EXPECT_EQ(TQGetGenerationOptions(path), 0U) << length << " bytes";
     }
-    EXPECT_EQ(TQGetGenerationOptions(missing.c_str()), 0U);
-    EXPECT_EQ(TQGetGenerationOptions(nullptr), 0U);
+    EXPECT_EQ(TQGetGenerationOptions(missing.c_str()) + TQGetGenerationOptions(nullptr), 0U);
 }
 
 TEST_P(Metadata, DisplayNameOfUpTo767Bytes)
 {
+    const std::string longest(767, 'n'), failed = "Failed to get original display name xattr",
+                                         is = "Original display name xattr too ";
     OwnedError error;
-    const std::string longest(767, 'n');
     EXPECT_TRUE(TQSetOriginalDisplayName(path, String(longest).get(), error.out())) << error.description();
+    Expect({{Failed(105, "supplied display name was too long"),
+             CALL(TQSetOriginalDisplayName(path, String(longest + "n").get(), why))}});
     EXPECT_EQ(disk::Attribute(item, kDisplayName), longest) << "without a terminating zero";
-    const auto read = [&](TQError **e) { return Ref<TQString>::Adopt(TQCopyOriginalDisplayName(path, e)); };
-    EXPECT_EQ(Text(read(nullptr).get()), longest);
-    ExpectRows({{"one byte more", Failed(105, "supplied display name was too long"),
-                 [&](TQError **e) { return TQSetOriginalDisplayName(path, String(longest + "n").get(), e); }}},
-               directory.path());
-    EXPECT_EQ(Text(read(nullptr).get()), longest) << "the old one stays";
+    EXPECT_EQ(Text(Ref<TQString>::Adopt(TQCopyOriginalDisplayName(path, nullptr)).get()), longest);
     for (const Ref<TQString> &none : {Ref<TQString>(), String("")}) {
         EXPECT_TRUE(TQSetOriginalDisplayName(path, none.get(), error.out())) << error.description();
         EXPECT_EQ(disk::Attribute(item, kDisplayName), std::nullopt);
     }
-
-    const struct {
-        const char *what;
-        std::optional<std::string> stored;
-        Says says;
-    } rows[] = {
-        {"none", std::nullopt, System(ENODATA, "Failed to get original display name xattr")},
-        {"longer", std::string(769, 'n'), System(ERANGE, "Failed to get original display name xattr")},
-        {"768", std::string(768, 'n'), Failed(101, "Original display name xattr too large (768) at path \"$/item\"")},
-        {"empty", "", System(EDOM, "Original display name xattr too short (0) at path \"$/item\"")},
-        {"not UTF-8", "\xff",
-         Failed(101, "Could not create string from original display name xattr at path \"$/item\"\n")},
-    };
-    for (const auto &row : rows) {
-        Store(kDisplayName, row.stored);
-        ExpectRows({{row.what, row.says,
-                     [&](TQError **e) {
-                         errno = EDOM; // a successful read leaves what was there
-                         return static_cast<bool>(read(e));
-                     }}},
-                   directory.path());
+    const std::pair<std::optional<std::string>, Says> rows[] = {
+        {std::nullopt, System(ENODATA, failed)},
+        {std::string(769, 'n'), System(ERANGE, failed)},
+        {std::string(768, 'n'), Failed(101, is + "large (768) at path \"$/item\"")},
+        {"", System(EDOM, is + "short (0) at path \"$/item\"")}, // a successful read leaves what errno was
+        {"\xff", Failed(101, "Could not create string from original display name xattr at path \"$/item\"\n")}};
+    for (const auto &[stored, says] : rows) {
+        Store(kDisplayName, stored);
+        Expect({{says, CALL((errno = EDOM) && TQCopyOriginalDisplayName(path, why))}});
     }
 }
 
 TEST_P(Metadata, InfoIsReadChangedAndWrittenBackWhole)
 {
-    const auto key = String("key"), other = String("other");
+    const auto key = String("key"), other = String("other"), none = String("none");
     const auto value = Ref<TQNumber>::Adopt(TQNumberCreateInt64(42));
     OwnedError error;
     EXPECT_TRUE(TQSetInfoValue(path, key.get(), value.get(), error.out())) << error.description();
@@ -145,69 +101,48 @@ TEST_P(Metadata, InfoIsReadChangedAndWrittenBackWhole)
     const std::string stored = disk::Attribute(item, kInfo).value_or("");
     EXPECT_EQ(stored.substr(0, 8), "bplist00");
     const auto both = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(path, nullptr));
-    EXPECT_EQ(TQDictionaryGetCount(both.get()), 2U);
-    EXPECT_TRUE(TQDictionaryRemoveValue(both.get(), other.get())) << "and it is mutable";
+    EXPECT_TRUE(TQDictionaryGetCount(both.get()) == 2 && TQDictionaryRemoveValue(both.get(), other.get()));
     EXPECT_TRUE(TQEqual(Ref<TQValue>::Adopt(TQCopyInfoValue(path, key.get(), nullptr)).get(), value.get()));
 
     const auto unstorable = Ref<TQSet>::Adopt(TQSetCreateMutable());
-    const auto copyValue = [&](TQError **e) {
-        return static_cast<bool>(Ref<TQValue>::Adopt(TQCopyInfoValue(path, String("none").get(), e)));
-    };
-    const auto removeValue = [&](TQError **e) { return TQSetInfoValue(path, String("none").get(), nullptr, e); };
-    ExpectRows({{"no such key", Refused(112, "property not found"), copyValue},
-                {"no such key to remove", Refused(112, "property not found"), removeValue}},
-               directory.path());
-    const Outcome refused = InChild([&](TQError **e) { return TQSetInfoValue(path, key.get(), unstorable.get(), e); });
-    EXPECT_TRUE(refused.hasError);
-    EXPECT_EQ(refused.status, 101);
-    ExpectSays(refused, Logs(0, "Failed to create property list for new info dictionary for path \"$/item\"; error "),
-               directory.path());
-    const Outcome full = InChild([&](TQError **e) {
-        const auto big = Ref<TQData>::Adopt(TQDataCreate(std::string(70000, 'x').data(), 70000));
-        return TQSetInfoValue(path, key.get(), big.get(), e);
-    });
-    EXPECT_THAT(full.underlying, testing::AnyOf(ENOSPC, E2BIG));
+    const auto big = Ref<TQData>::Adopt(TQDataCreate(std::string(70000, 'x').data(), 70000));
+    const Operation copyNone = CALL(TQCopyInfoValue(path, none.get(), why));
+    Expect({{Refused(112, "property not found"), copyNone},
+            {Refused(112, "property not found"), CALL(TQSetInfoValue(path, none.get(), nullptr, why))},
+            {Logs(0, "Failed to create property list for new info dictionary for path \"$/item\"; error "),
+             CALL(!TQSetInfoValue(path, key.get(), unstorable.get(), why) && TQErrorGetStatus(*why) == 101)}});
+    EXPECT_THAT(InChild(CALL(TQSetInfoValue(path, key.get(), big.get(), why))).underlying,
+                testing::AnyOf(ENOSPC, E2BIG));
     EXPECT_EQ(disk::Attribute(item, kInfo), stored) << "none of these changed it";
 
-    EXPECT_TRUE(TQSetInfoValue(path, key.get(), nullptr, error.out()));
-    EXPECT_TRUE(TQSetInfoValue(path, other.get(), nullptr, error.out()));
+    for (const auto &each : {key, other}) EXPECT_TRUE(TQSetInfoValue(path, each.get(), nullptr, error.out()));
     EXPECT_EQ(disk::Attribute(item, kInfo), std::nullopt) << "an empty dictionary is never stored";
     EXPECT_EQ(TQDictionaryGetCount(Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(path, nullptr)).get()), 0U);
-    ExpectRows({{"no info at all", Refused(112, "property not found"), copyValue}}, directory.path());
+    Expect({{Refused(112, "property not found"), copyNone}});
 }
 
 TEST_P(Metadata, DamagedInfoIsReportedAsWhatItIs)
 {
-    const auto read = [&](const std::string &at) {
-        return [at](TQError **e) {
-            return static_cast<bool>(Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(at.c_str(), e)));
-        };
-    };
-    const std::string invalid =
-        std::string("Invalid property list found in attribute ") + kInfo + " at path \"$/item\"";
-    for (const std::string &bytes : {std::string("junk"), std::string(), std::string("bplist00")}) {
+    const std::string attribute = std::string("attribute ") + kInfo + " at path \"$/item\"";
+    const Operation read = CALL(TQCopyMutableInfoDictionary(path, why));
+    for (const char *bytes : {"junk", "", "bplist00"}) {
         Store(kInfo, bytes);
-        const Outcome outcome = InChild(read(item));
-        EXPECT_TRUE(outcome.hasError && outcome.status == 101) << outcome.message;
-        ExpectSays(outcome, Logs(0, invalid), directory.path());
+        const Outcome outcome = InChild(read);
+        EXPECT_EQ(outcome.status, 101) << outcome.message;
+        ExpectSays(outcome, Logs(0, "Invalid property list found in " + attribute), directory.path());
     }
     const auto array = Names({"a"});
     const auto bytes = Ref<TQData>::Adopt(TQPropertyListCreateData(array.get(), nullptr));
-    Store(kInfo, std::string(static_cast<const char *>(TQDataGetBytes(bytes.get())), TQDataGetLength(bytes.get())));
-    const Outcome outcome = InChild(read(item));
-    EXPECT_EQ(outcome.status, 101);
-    EXPECT_THAT(outcome.message, testing::HasSubstr("isn't a dictionary"));
-    ExpectSays(outcome, Logs(0, outcome.message), "");
-
-    const std::string changed = std::string("Attribute ") + kInfo + " at path \"$/item\" should have size: " +
-                                std::to_string(TQDataGetLength(bytes.get())) + "; actual -1\n";
-    ExpectRows({{"nothing there", System(ENOENT, "getxattr failed", 7), read(missing)},
-                {"no path", System(ENOENT, "getxattr failed", 7), read("")},
-                {"changed between two reads", Failed(101, changed), read(item), FailCall(2, EIO, kGetAttribute)}},
-               directory.path());
-    if (kCanFailAllocations)
-        ExpectRows({{"no memory", System(ENOMEM, "malloc failed", 7), read(item), FailAllocation(1)}},
-                   directory.path());
+    const size_t size = TQDataGetLength(bytes.get());
+    Store(kInfo, std::string(static_cast<const char *>(TQDataGetBytes(bytes.get())), size));
+    Expect({{Failed(101, "Property list in " + attribute + " isn't a dictionary"), read},
+            {Failed(101, "A" + attribute.substr(1) + " should have size: " + std::to_string(size) + "; actual -1\n"),
+             read, FailCall(2, EIO, kGetAttribute)},
+            {System(ENOENT, "getxattr failed", 7), CALL(TQCopyMutableInfoDictionary(missing.c_str(), why))},
+            {System(ENOENT, "getxattr failed", 7), CALL(TQCopyMutableInfoDictionary(nullptr, why))}});
+    if (!kCanFailAllocations) return;
+    Expect({{System(ENOMEM, "malloc failed", 7), read, FailAllocation(1)},
+            {Failed(101, "Failed to create data value for " + attribute), read, FailAllocation(2)}});
 }
 
 } // namespace

@@ -42,7 +42,7 @@ void ExpectSays(const Outcome &outcome, const Says &says, const std::string &dir
 void ExpectRows(const std::vector<Row> &rows, const std::string &directory)
 {
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
+        SCOPED_TRACE(row.what + ": " + row.says.text);
         const Outcome outcome = InChild(row.fault, row.run);
         EXPECT_EQ(outcome.faultFired, row.fault.act != Fault::Act::None);
         ExpectSays(outcome, row.says, directory);

@@ -34,10 +34,17 @@ inline Says Logs(int error, const std::string &text, int level = 3)
 }
 
 struct Row {
-    const char *what;
+    Row(Says says_, Operation run_, Fault fault_ = {}) : Row("", std::move(says_), std::move(run_), std::move(fault_))
+    {
+    }
+    Row(const char *what_, Says says_, Operation run_, Fault fault_ = {})
+        : what(what_), says(std::move(says_)), run(std::move(run_)), fault(std::move(fault_))
+    {
+    }
+    std::string what; // where the message alone does not tell
     Says says;
     Operation run;
-    Fault fault = {};
+    Fault fault;
 };
 
 // "$" and "*" put where they belong, so that a message compares whole.
