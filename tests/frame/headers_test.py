@@ -16,8 +16,8 @@ COMPILERS = [
     ("clang-14", [*C], ".h"),
     ("g++", ["-std=c++17", *CXX], ".h"),
     ("clang++-14", ["-std=c++17", *CLANG_CXX], ".h"),
-    ("g++", ["-std=c++20", *CXX], ".hpp"),
-    ("clang++-14", ["-std=c++20", *CLANG_CXX], ".hpp"),
+    ("g++", ["-std=c++17", *CXX], ".hpp"),
+    ("clang++-14", ["-std=c++17", *CLANG_CXX], ".hpp"),
 ]
 
 
