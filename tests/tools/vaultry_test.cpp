@@ -7,8 +7,10 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <pty.h>
+#include <regex>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -30,9 +32,9 @@ using Words = std::vector<std::string>;
 struct How {
     bool terminal = false;
     std::string typed = {};             // on the terminal
-    Words environment = {};             // beside PATH, HOME, TERM and TZ
+    Words environment = {};             // beside HOME and TERM
     std::function<void()> inChild = {}; // before the command is run
-    int interrupts = 0;                 // SIGINT so often, while the command waits for the store's lock
+    bool interrupted = false;           // while it waits for the store's lock
 };
 
 class VaultryCommand : public testing::Test {
@@ -41,7 +43,7 @@ protected:
     {
         const std::string out = said / "out", err = said / "err";
         int master = -1;
-        const int lock = how.interrupts ? LockStore() : -1;
+        const int lock = how.interrupted ? LockStore() : -1;
         const pid_t child = how.terminal ? forkpty(&master, nullptr, nullptr, nullptr) : fork();
         if (child == 0) {
             if (!how.terminal) {
@@ -50,30 +52,19 @@ protected:
                 dup2(open(err.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0666), 2);
             }
             if (how.inChild) how.inChild();
-            std::vector<const char *> argv = {"vaultry"}, environment;
-            Words variables = {"PATH=/usr/bin:/bin", "HOME=" + home.path(), "TERM=xterm", "TZ=UTC"};
-            variables.insert(variables.end(), how.environment.begin(), how.environment.end());
+            for (const char *name : {"VAULTRY_STORE", "XDG_DATA_HOME", "NO_COLOR"}) unsetenv(name);
+            for (std::string variable : Words{"HOME=" + home.path(), "TERM=xterm"}) putenv(strdup(variable.c_str()));
+            for (const auto &variable : how.environment) putenv(strdup(variable.c_str()));
+            std::vector<const char *> argv = {"vaultry"};
             for (const auto &word : words) argv.push_back(word.c_str());
-            for (const auto &variable : variables) environment.push_back(variable.c_str());
             argv.push_back(nullptr);
-            environment.push_back(nullptr);
-            execve(VAULTRY_COMMAND, const_cast<char **>(argv.data()), const_cast<char **>(environment.data()));
+            execv(VAULTRY_COMMAND, const_cast<char **>(argv.data()));
             _exit(127);
         }
         Result result;
-        for (int i = 0; i < how.interrupts; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(300));
-            kill(child, SIGINT);
-        }
+        if (lock >= 0) InterruptWhenItWaits(child, lock);
         if (how.terminal) result.out = Talk(master, how.typed);
         int status = 0;
-        // One that ignores the signal gets the lock in the end, so that the test does not wait for ever.
-        siginfo_t ended{};
-        for (int i = 0; lock >= 0 && i < 50 && ended.si_pid == 0; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT | WNOHANG);
-        }
-        if (lock >= 0) close(lock);
         waitpid(child, &status, 0);
         result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         if (!how.terminal) result = {result.exitCode, disk::Read(out), disk::Read(err)};
@@ -104,6 +95,18 @@ private:
         const int descriptor = open((store + "/.vaultry_lockfile").c_str(), O_RDONLY | O_CLOEXEC);
         EXPECT_EQ(flock(descriptor, LOCK_EX), 0);
         return descriptor;
+    }
+    // The kernel lists who waits for a lock. In the end the lock is given up, so that no test waits for ever.
+    static void InterruptWhenItWaits(pid_t child, int lock)
+    {
+        const auto pause = [] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); };
+        const std::string waiting = "->.* " + std::to_string(child) + " ";
+        for (int i = 0; i < 500 && !std::regex_search(disk::Read("/proc/locks"), std::regex(waiting)); ++i) pause();
+        kill(child, SIGINT);
+        siginfo_t ended{};
+        for (int i = 0; i < 500 && ended.si_pid == 0; ++i, pause())
+            waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT | WNOHANG);
+        close(lock);
     }
     static std::string Talk(int master, const std::string &typed)
     {
@@ -288,7 +291,7 @@ TEST_F(VaultryCommand, InterruptLeavesNothingBehind)
     const std::string document = home / "report.txt", copy = home / "copy";
     for (const Words &words : {Words{"add", document}, Words{"add", "--move", document}, Words{"copy", "kept", copy}}) {
         SCOPED_TRACE(testing::PrintToString(words));
-        const Result result = Run(words, {.interrupts = 1});
+        const Result result = Run(words, {.interrupted = true});
         EXPECT_EQ(result.exitCode, 130);
         EXPECT_THAT(result.err, HasSubstr("stopped: "));
         EXPECT_EQ(Kept(), Words({"kept"}));
