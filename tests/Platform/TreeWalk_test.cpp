@@ -1,5 +1,6 @@
 #include "Platform/TreeWalk.h"
 
+#include "Platform/DirectoryReader.h"
 #include "Platform/UniqueFd.h"
 #include "support/Identity.h"
 #include "support/Volumes.h"
@@ -57,9 +58,10 @@ void MakeDeep(const std::string &root, int depth)
 {
     UniqueFd at(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     for (int i = 0; i < depth; ++i) {
-        ASSERT_EQ(mkdirat(at.get(), "d", 0755), 0);
         // Neighbours on both sides of the way down, so that every climb has to find its place.
-        for (const char *name : {"a", "z"}) UniqueFd(openat(at.get(), name, O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        UniqueFd(openat(at.get(), "a", O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        ASSERT_EQ(mkdirat(at.get(), "d", 0755), 0);
+        UniqueFd(openat(at.get(), "z", O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
         at.Reset(openat(at.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     }
 }
@@ -185,6 +187,38 @@ TEST_P(WalksOfVolumes, RemoveWideAndDeepTrees)
     EXPECT_EQ(WithFewDescriptors([&] { EXPECT_EQ(Walk(deep).size(), 4002U); }), 0);
     EXPECT_EQ(WithFewDescriptors([&] { EXPECT_EQ(Walk(deep, Remove).size(), 4002U); }), 0);
     EXPECT_FALSE(disk::Exists(deep));
+}
+
+// Some file systems count entries: removing one moves those behind it up. Here a directory that has fewer from the
+// beginning stands for the one that was left.
+TEST_P(WalksOfVolumes, FindTheirPlaceByName)
+{
+    const auto rest = [](platform::DirectoryReader &reader, int fd) {
+        std::vector<std::string> names;
+        int error = 0;
+        while (const char *name = reader.Next(fd, &error)) names.emplace_back(name);
+        EXPECT_EQ(error, 0);
+        return names;
+    };
+    for (const char *name : {"full", "thinned"}) disk::MakeDirectory(directory() / name);
+    for (int i = 0; i < 20; ++i) disk::Write(directory() / "full/" + std::to_string(i), "");
+    for (int i = 7; i < 20; ++i) disk::Write(directory() / "thinned/" + std::to_string(i), "");
+    const UniqueFd full(open((directory() / "full").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd thinned(open((directory() / "thinned").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    platform::DirectoryReader plain;
+    const auto order = rest(plain, thinned.get());
+    ASSERT_EQ(order.size(), 13U);
+    for (size_t i = 0; i < order.size(); ++i) {
+        SCOPED_TRACE(order[i]);
+        ASSERT_EQ(lseek(full.get(), 0, SEEK_SET), 0);
+        platform::DirectoryReader reader;
+        int error = 0;
+        const char *name = "";
+        while (name && name != order[i]) name = reader.Next(full.get(), &error);
+        reader.Suspend();
+        EXPECT_EQ(reader.Resume(thinned.get(), order[i].c_str()), 0);
+        EXPECT_EQ(rest(reader, thinned.get()), std::vector(order.begin() + static_cast<long>(i) + 1, order.end()));
+    }
 }
 
 TEST_P(WalksOfVolumes, SayWhereAPathIsTooLong)

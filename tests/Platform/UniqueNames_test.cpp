@@ -14,8 +14,8 @@ TEST(UniqueNames, EveryXIsReplacedAndOnlyOnSuccess)
         int suffix;
         int error;
     } rows[] = {
-        {"seven_XXXXXXX", 0, 0}, {"X", 0, 0},         {"XXXX.txt", 4, 0},
-        {"XaX", 0, 0},           {"none", 0, EINVAL}, {"XXXX.txt", 0, EINVAL},
+        {"seven_XXXXXXX", 0, 0}, {"XXXXXXX", 0, 0},   {"XXXXXXX.txt", 4, 0},
+        {"XaXXXXXXX", 0, 0},     {"none", 0, EINVAL}, {"XXXX.txt", 0, EINVAL},
         {"XX", 9999, EINVAL},    {"XX", -1, EINVAL},  {"missing/XXXXXX", 0, ENOENT},
     };
     for (const auto &row : rows) {
