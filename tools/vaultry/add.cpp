@@ -8,6 +8,7 @@
 #include "document.h"
 #include "failure.h"
 #include "interrupt.h"
+#include "json.h"
 #include "naming.h"
 #include "space.h"
 #include "store.h"
@@ -225,6 +226,14 @@ static int _AddDocument(const Store &store, const std::string &given, const Argu
     const InterruptGuard interrupts(progress.get());
     Addition addition(store, document, arguments, progress.bar());
     const int exitCode = addition.Run();
+    if (arguments.json) {
+        Json object;
+        PutBytes(object, "generation", addition.name());
+        PutBytes(object, "document", document.path);
+        PrintLine(object);
+        fflush(stdout);
+        return exitCode;
+    }
     // For a script the name as it is, for a terminal in a form that can't harm it.
     puts(isatty(STDOUT_FILENO) ? Printable(addition.name()).c_str() : addition.name().c_str());
     fflush(stdout);

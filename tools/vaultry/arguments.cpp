@@ -2,6 +2,7 @@
 
 #include "arguments.h"
 
+#include "completion.h"
 #include "failure.h"
 
 #include <CLI/CLI.hpp>
@@ -27,7 +28,8 @@ Exit status:
 Examples:
   vaultry add report.txt                 keep report.txt as it is now
   vaultry list report.txt                what is kept of it
-  vaultry copy "report 2026-03-01T10.15.30Z.txt" /tmp
+  vaultry restore --latest report.txt    as it was then; what it is now is kept
+  vaultry copy report-2026-03 /tmp       beside it; a beginning of the name will do
 
 "vaultry COMMAND --help" explains a command.)";
 
@@ -39,17 +41,69 @@ A document that is itself a link is resolved first. Ctrl-C leaves nothing
 behind.
 
 Examples:
-  vaultry add report.txt Photos/         as "report 2026-03-01T10.15.30Z.txt", ...
+  vaultry add report.txt Photos/         as report-2026-03-01T10.15.30Z.txt, ...
   vaultry add --name before-review report.txt
   vaultry add --move old-draft.txt       into the store, and away from here)";
 
 static constexpr char kListFooter[] = R"(
 Oldest first. Times are local. A generation that another program added may have
-no time and no document.
+no time and no document. With --json, one object a line: name, document, kept,
+size, options, display_name.
 
 Examples:
   vaultry list
-  vaultry list report.txt                the history of one document)";
+  vaultry list report.txt                the history of one document
+  vaultry list --long --client nimbusync)";
+
+static constexpr char kShowFooter[] = R"(
+Permissions and flags are those that the document had, not those that protect
+the generation.
+
+Example:
+  vaultry show before-review)";
+
+static constexpr char kRestoreFooter[] = R"(
+The document keeps its own permissions and flags. What it was is kept first, as
+a generation of its own, and its name is printed; nothing is lost by restoring
+the wrong one. If the generation's name ends in another extension, the document
+gets that extension. A document that is gone is copied back.
+
+A TIME is local, 2026-03-01 or "2026-03-01 10:15", or UTC with a Z at its end; a
+date alone stands for its last moment.
+
+Examples:
+  vaultry restore --latest report.txt
+  vaultry restore --at 2026-03-01 report.txt
+  vaultry restore before-review report.txt)";
+
+static constexpr char kDiffFooter[] = R"(
+Compares with the document that the generation was made of, or with another
+document or generation. Exit status 0 if nothing differs, 1 if something does.
+
+Examples:
+  vaultry diff before-review
+  vaultry diff before-review after-review)";
+
+static constexpr char kSetFooter[] = R"(
+key=text sets a text, key:=json a number, true or false, a list or a dictionary;
+{"$date": "2026-03-01T10:15:30Z"} and {"$data": "base64"} are a date and bytes.
+
+Examples:
+  vaultry set before-review author=Ada reviewed:=true
+  vaultry set before-review --unset author --display-name "Report")";
+
+static constexpr char kCheckFooter[] = R"(
+Each finding is named with its path and what it means. With --repair, what is
+safe to mend is mended: protection is put back, a document that an interrupted
+operation left aside goes home, litter older than an hour goes. Content is never
+touched.
+
+Example:
+  vaultry check --repair)";
+
+static constexpr char kCompletionFooter[] = R"(
+Example:
+  source <(vaultry completion bash)      in ~/.bashrc)";
 
 static constexpr char kCopyFooter[] = R"(
 What is copied is an ordinary document again, with the permissions that it had.
@@ -61,7 +115,7 @@ ends at once and leaves what has been written.
 
 Examples:
   vaultry copy before-review report-old.txt
-  vaultry copy "report 2026-03-01T10.15.30Z.txt" /tmp    to /tmp/report.txt)";
+  vaultry copy report-2026-03-01T10.15.30Z.txt /tmp    to /tmp/report.txt)";
 
 static constexpr char kRemoveFooter[] = R"(
 Names that the store doesn't hold are reported; the others are removed.
@@ -101,6 +155,38 @@ static CLI::App *_AddCommand(CLI::App &app, Arguments &arguments, Command comman
     return subcommand;
 }
 
+static void _AddJson(CLI::App *command, Arguments &arguments)
+{
+    command->add_flag("--json", arguments.json, "Print JSON, one object a line");
+}
+
+// NAME DOCUMENT, or DOCUMENT alone with --latest or --at.
+static void _DefineRestore(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *restore =
+        _AddCommand(app, arguments, Command::Restore, "restore", "Bring a document back in place", kRestoreFooter);
+    restore->add_option("[NAME] DOCUMENT", arguments.names, "The generation, and the document to replace")
+        ->required()
+        ->expected(1, 2)
+        ->option_text(" ");
+    CLI::Option *latest = restore->add_flag("--latest", arguments.latest, "The newest generation of DOCUMENT");
+    restore->add_option("--at", arguments.at, "The newest one at that time")->option_text("TIME")->excludes(latest);
+    CLI::Option *backup = restore->add_option("--backup", arguments.backup, "What to keep its present state as");
+    backup->option_text("NAME");
+    restore->add_flag("--no-backup", arguments.noBackup, "Don't keep its present state")->excludes(backup);
+    _AddJson(restore, arguments);
+}
+
+static void _SortOutRestore(Arguments &arguments)
+{
+    const size_t wanted = arguments.latest || arguments.at ? 1 : 2;
+    if (arguments.names.size() != wanted)
+        throw CLI::ValidationError("restore", wanted == 1 ? "--latest and --at take the DOCUMENT alone"
+                                                          : "wants a NAME and a DOCUMENT, or --latest or --at");
+    arguments.document = arguments.names.back();
+    if (wanted == 2) arguments.name = arguments.names.front();
+}
+
 static void _DefineCommands(CLI::App &app, Arguments &arguments)
 {
     _AddCommand(app, arguments, Command::Init, "init", "Make a store", kInitFooter);
@@ -110,22 +196,66 @@ static void _DefineCommands(CLI::App &app, Arguments &arguments)
     add->add_flag("--move", arguments.move, "Move the document into the store instead of copying it");
     CLI::Option *name = add->add_option("--name", arguments.newName, "What to call the generation (one DOCUMENT only)");
     name->option_text("NAME");
+    _AddJson(add, arguments);
 
     CLI::App *list = _AddCommand(app, arguments, Command::List, "list", "Show what is kept", kListFooter);
     list->add_option("DOCUMENT", arguments.document, "Only generations of this document")->option_text(" ");
+
+    list->add_flag("--long", arguments.longList, "Show options and display names too");
+    list->add_option("--client", arguments.client, "Only generations of this client: draftline or nimbusync")
+        ->option_text("CLIENT")
+        ->check(CLI::IsMember({"draftline", "nimbusync"}));
+    list->add_option("--with-options", arguments.withOptions, "Only with one of these option bits")
+        ->option_text("WORD");
+    list->add_option("--without-options", arguments.withoutOptions, "Only with none of these option bits")
+        ->option_text("WORD");
+    _AddJson(list, arguments);
+
+    CLI::App *show = _AddCommand(app, arguments, Command::Show, "show", "Show all of one generation", kShowFooter);
+    show->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
+    _AddJson(show, arguments);
 
     CLI::App *copy =
         _AddCommand(app, arguments, Command::Copy, "copy", "Bring a generation back as a document", kCopyFooter);
     copy->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
     copy->add_option("DESTINATION", arguments.destination, "Where to")->required()->option_text(" ");
 
+    _AddJson(copy, arguments);
+
+    _DefineRestore(app, arguments);
+
+    CLI::App *diff = _AddCommand(app, arguments, Command::Diff, "diff", "Show what has changed since", kDiffFooter);
+    diff->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
+    diff->add_option("OTHER", arguments.other, "A document, or another generation")->option_text(" ");
+    _AddJson(diff, arguments);
+
+    CLI::App *set = _AddCommand(app, arguments, Command::Set, "set", "Change what is known of one", kSetFooter);
+    set->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
+    set->add_option("KEY=VALUE", arguments.assignments, "What to set in its info dictionary")->option_text("...");
+    set->add_option("--unset", arguments.unset, "Remove a key")->option_text("KEY")->expected(1)->take_all();
+    set->add_option("--display-name", arguments.displayName, "What to show the document as; \"\" for nothing")
+        ->option_text("NAME");
+    set->add_option("--options", arguments.options, "The options word, such as 0x4")->option_text("WORD");
+
     CLI::App *remove =
         _AddCommand(app, arguments, Command::Remove, "remove", "Remove generations from the store", kRemoveFooter);
     remove->add_option("NAME", arguments.names, "The generations")->required()->option_text("...");
 
+    CLI::App *check = _AddCommand(app, arguments, Command::Check, "check", "Verify a store", kCheckFooter);
+    check->add_option("STORE", arguments.checked, "The store's directory")->option_text(" ");
+    check->add_flag("--repair", arguments.repair, "Mend what is safe to mend");
+    _AddJson(check, arguments);
+
     CLI::App *destroy = _AddCommand(app, arguments, Command::Destroy, "destroy",
                                     "Remove the whole store with all generations", kDestroyFooter);
     destroy->add_flag("--yes", arguments.yes, "Don't ask");
+
+    CLI::App *completion = _AddCommand(app, arguments, Command::Completion, "completion",
+                                       "Print the completions of a shell", kCompletionFooter);
+    completion->add_option("SHELL", arguments.shell, "bash, zsh or fish")
+        ->required()
+        ->option_text(" ")
+        ->check(CLI::IsMember({"bash", "zsh", "fish"}));
 }
 
 std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)
@@ -144,8 +274,11 @@ std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)
         app.parse(argc, argv);
         if (arguments.newName && arguments.documents.size() > 1)
             throw CLI::ValidationError("--name", "names one generation, but there are several documents");
+        if (arguments.command == Command::Restore) _SortOutRestore(arguments);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kExitSuccess : kExitUsage;
     }
-    return std::nullopt;
+    if (arguments.command != Command::Completion) return std::nullopt;
+    PrintCompletion(app, arguments.shell);
+    return kExitSuccess;
 }

@@ -6,21 +6,44 @@
 #include <string>
 #include <vector>
 
-enum class Command { Init, Add, List, Copy, Remove, Destroy };
+enum class Command { Init, Add, List, Show, Copy, Restore, Diff, Set, Remove, Check, Destroy, Completion };
 
 struct Arguments {
     Command command = Command::List;
     std::optional<std::string> store;
     bool verbose = false;
+    bool json = false; // what is printed is for a program
 
     std::vector<std::string> documents; // add
-    std::string document;               // list; empty for all
+    std::string document;               // list: empty for all; restore
     std::vector<std::string> names;     // remove
-    std::string name;                   // copy
+    std::string name;                   // copy, show, restore, diff, set
     std::string destination;            // copy
     std::optional<std::string> newName; // add
     bool move = false;                  // add
     bool yes = false;                   // destroy
+
+    bool longList = false;                     // list
+    std::optional<std::string> client;         // list
+    std::optional<std::string> withOptions;    // list
+    std::optional<std::string> withoutOptions; // list
+
+    bool latest = false;               // restore
+    std::optional<std::string> at;     // restore
+    std::optional<std::string> backup; // restore
+    bool noBackup = false;             // restore
+
+    std::string other; // diff: a document or a generation
+
+    std::vector<std::string> assignments;   // set
+    std::vector<std::string> unset;         // set
+    std::optional<std::string> displayName; // set
+    std::optional<std::string> options;     // set
+
+    std::optional<std::string> checked; // check: the store
+    bool repair = false;                // check
+
+    std::string shell; // completion
 };
 
 // Fills `arguments`. Or shows help or what is wrong with them, and returns the exit code.

@@ -4,7 +4,9 @@
 #include "copy_watch.h"
 #include "document.h"
 #include "failure.h"
+#include "generation.h"
 #include "interrupt.h"
+#include "json.h"
 #include "naming.h"
 #include "space.h"
 #include "store.h"
@@ -59,12 +61,6 @@ static std::string _FreeDestination(const Store &store, const std::string &given
     return destination;
 }
 
-static CommandFailure _NoSuchGeneration(const Store &store, const std::string &name)
-{
-    return CommandFailure(kExitNoSuchGeneration,
-                          "there is no generation " + Quoted(name) + " in the store " + Quoted(store.path()));
-}
-
 static void _Copy(const Store &store, const std::string &name, const std::string &destination)
 {
     // Asks for the store's lock, so before signals are caught: until then a signal has nothing to clean up.
@@ -93,19 +89,18 @@ static void _Copy(const Store &store, const std::string &name, const std::string
 
 int RunCopy(const Arguments &arguments)
 {
-    const std::string path = LocateStore(arguments.store);
-    const std::optional<Store> store = Store::OpenExisting(path);
-    if (!store) throw CommandFailure(kExitNoSuchGeneration, "there is no store at " + Quoted(path));
-    const std::string &name = arguments.name;
-    try {
-        const std::string destination = _FreeDestination(*store, _DestinationPath(*store, name, arguments.destination));
-        _Copy(*store, name, destination);
-        const std::string shown = isatty(STDOUT_FILENO) ? Printable(destination) : destination;
-        puts(shown.c_str());
-    } catch (const CommandFailure &failure) {
-        if (failure.exitCode() == kExitFailure && !InterruptGuard::Came() && store->Lacks(name))
-            throw _NoSuchGeneration(*store, name);
-        throw;
+    const Store store = Store::Require(LocateStore(arguments.store));
+    const std::string name = ResolveGeneration(store, arguments.name);
+    const std::string destination = _FreeDestination(store, _DestinationPath(store, name, arguments.destination));
+    _Copy(store, name, destination);
+    if (arguments.json) {
+        Json object;
+        PutBytes(object, "generation", name);
+        PutBytes(object, "destination", destination);
+        PrintLine(object);
+        return kExitSuccess;
     }
+    const std::string shown = isatty(STDOUT_FILENO) ? Printable(destination) : destination;
+    puts(shown.c_str());
     return kExitSuccess;
 }

@@ -3,25 +3,70 @@
 #include "commands.h"
 #include "document.h"
 #include "failure.h"
+#include "json.h"
 #include "store.h"
 #include "text.h"
 
 #include <vaultry/archive.h>
 
 #include <algorithm>
+#include <cerrno>
+
+// The bit by which info queries tell the two groups of clients apart.
+static constexpr uint64_t kSecondClientBit = 0x4;
 
 struct Entry {
     std::string name;
     GenerationInfo info;
+    uint64_t options;
+    std::string displayName;
     int64_t size; // -1 if it can't be told
 };
 
-// Reads one generation; none if it went meanwhile or is not the one looked for.
-static std::optional<Entry> _ReadEntry(const Store &store, const std::string &name, const std::string &document)
+// What the user asked for, beside the document.
+class Filter {
+public:
+    explicit Filter(const Arguments &arguments)
+        : client_(arguments.client), with_(Word(arguments.withOptions)), without_(Word(arguments.withoutOptions))
+    {
+    }
+
+    bool Admits(uint64_t options) const
+    {
+        const bool second = (options & kSecondClientBit) != 0;
+        return (!client_ || second == (*client_ == "nimbusync")) && (with_ == 0 || (options & with_) != 0) &&
+               (options & without_) == 0;
+    }
+
+private:
+    static uint64_t Word(const std::optional<std::string> &text)
+    {
+        if (!text) return 0;
+        char *end = nullptr;
+        errno = 0;
+        const uint64_t word = strtoull(text->c_str(), &end, 0);
+        if (text->empty() || text->front() == '-' || *end != '\0' || errno != 0)
+            throw CommandFailure(kExitUsage, Quoted(*text) + " is no number of 64 bits");
+        return word;
+    }
+
+    const std::optional<std::string> client_;
+    const uint64_t with_, without_;
+};
+
+// Reads one generation; none if it went meanwhile or is not one of those looked for. One at a time, so that a
+// damaged one does not hide the others.
+static std::optional<Entry> _ReadEntry(const Store &store, const std::string &name, const std::string &document,
+                                       const Filter &filter)
 {
     try {
-        Entry entry{name, store.InfoOf(name), -1};
+        Entry entry{name, store.InfoOf(name), 0, "", -1};
         if (!document.empty() && entry.info.document != document) return std::nullopt;
+        entry.options = TQClientManagedStorageGetGenerationOptions(store.handle(), name.c_str(), nullptr);
+        if (!filter.Admits(entry.options)) return std::nullopt;
+        const Owned<TQString> displayName(
+            TQClientManagedStorageCopyGenerationOriginalDisplayName(store.handle(), name.c_str(), nullptr));
+        entry.displayName = ToText(displayName.get());
         entry.size = TQComputeTreeSize(store.PathOf(name).c_str(), nullptr);
         return entry;
     } catch (const CommandFailure &) {
@@ -30,9 +75,46 @@ static std::optional<Entry> _ReadEntry(const Store &store, const std::string &na
     }
 }
 
+static void _PrintJson(const std::vector<Entry> &entries)
+{
+    for (const Entry &entry : entries) {
+        Json object;
+        PutBytes(object, "name", entry.name);
+        if (entry.info.document) PutBytes(object, "document", *entry.info.document);
+        if (entry.info.time) object["kept"] = IsoTime(*entry.info.time);
+        if (entry.size >= 0) object["size"] = entry.size;
+        object["options"] = entry.options;
+        if (!entry.displayName.empty()) PutBytes(object, "display_name", entry.displayName);
+        PrintLine(object);
+    }
+}
+
+static void _PrintTable(const std::vector<Entry> &entries, bool isLong)
+{
+    using Align = Table::Align;
+    std::vector<Table::Column> columns = {{"NAME", Align::Left}, {"TIME", Align::Left}, {"SIZE", Align::Right}};
+    if (isLong) columns.insert(columns.end(), {{"OPTIONS", Align::Right}, {"SHOWN AS", Align::Left}});
+    columns.push_back({"DOCUMENT", Align::Left});
+    Table table(columns);
+    for (const Entry &entry : entries) {
+        char options[32];
+        snprintf(options, sizeof options, "0x%llx", static_cast<unsigned long long>(entry.options));
+        std::vector<std::string> cells = {Printable(entry.name), entry.info.time ? HumanTime(*entry.info.time) : "-",
+                                          entry.size < 0 ? "?" : HumanSize(static_cast<uint64_t>(entry.size))};
+        if (isLong) {
+            cells.push_back(options);
+            cells.push_back(entry.displayName.empty() ? "-" : Printable(entry.displayName));
+        }
+        cells.push_back(entry.info.document ? Printable(*entry.info.document) : "-");
+        table.AddRow(std::move(cells));
+    }
+    table.Print(stdout);
+}
+
 int RunList(const Arguments &arguments)
 {
     const std::string path = LocateStore(arguments.store);
+    const Filter filter(arguments);
     const std::optional<Store> store = Store::OpenExisting(path);
     if (!store) {
         Say("there is no store at " + Quoted(path) + " yet: add or init makes one");
@@ -44,7 +126,7 @@ int RunList(const Arguments &arguments)
     int exitCode = kExitSuccess;
     for (const std::string &name : store->Names()) {
         try {
-            if (auto entry = _ReadEntry(*store, name, document)) entries.push_back(std::move(*entry));
+            if (auto entry = _ReadEntry(*store, name, document, filter)) entries.push_back(std::move(*entry));
         } catch (const CommandFailure &failure) {
             Say(failure.what());
             exitCode = failure.exitCode();
@@ -52,14 +134,11 @@ int RunList(const Arguments &arguments)
     }
     std::stable_sort(entries.begin(), entries.end(),
                      [](const Entry &a, const Entry &b) { return a.info.time.value_or(0) < b.info.time.value_or(0); });
-
-    using Align = Table::Align;
-    Table table({{"NAME", Align::Left}, {"TIME", Align::Left}, {"SIZE", Align::Right}, {"DOCUMENT", Align::Left}});
-    for (const Entry &entry : entries)
-        table.AddRow({Printable(entry.name), entry.info.time ? HumanTime(*entry.info.time) : "-",
-                      entry.size < 0 ? "?" : HumanSize(static_cast<uint64_t>(entry.size)),
-                      entry.info.document ? Printable(*entry.info.document) : "-"});
-    table.Print(stdout);
+    if (arguments.json) {
+        _PrintJson(entries);
+        return exitCode;
+    }
+    _PrintTable(entries, arguments.longList);
     if (entries.empty() && exitCode == kExitSuccess)
         Say(document.empty() ? "the store " + Quoted(path) + " holds no generations"
                              : "the store " + Quoted(path) + " holds no generations of " + Quoted(document));

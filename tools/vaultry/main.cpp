@@ -35,12 +35,24 @@ static int _Run(const Arguments &arguments)
         return RunAdd(arguments);
     case Command::List:
         return RunList(arguments);
+    case Command::Show:
+        return RunShow(arguments);
     case Command::Copy:
         return RunCopy(arguments);
+    case Command::Restore:
+        return RunRestore(arguments);
+    case Command::Diff:
+        return RunDiff(arguments);
+    case Command::Set:
+        return RunSet(arguments);
     case Command::Remove:
         return RunRemove(arguments);
+    case Command::Check:
+        return RunCheck(arguments);
     case Command::Destroy:
         return RunDestroy(arguments);
+    case Command::Completion: // printed where the command line is defined
+        return kExitSuccess;
     }
     return kExitUsage;
 }

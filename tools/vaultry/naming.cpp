@@ -78,7 +78,7 @@ std::string DefaultGenerationName(const std::string &documentPath, time_t now, u
     struct tm utc {};
     char time[32];
     gmtime_r(&now, &utc);
-    strftime(time, sizeof time, " %Y-%m-%dT%H.%M.%SZ", &utc);
+    strftime(time, sizeof time, "-%Y-%m-%dT%H.%M.%SZ", &utc);
     std::string suffix = time;
     if (attempt > 0) suffix.append("-").append(std::to_string(attempt + 1));
     suffix += extension;

@@ -49,6 +49,13 @@ std::optional<Store> Store::OpenExisting(const std::string &path)
     return Store(path);
 }
 
+Store Store::Require(const std::string &path)
+{
+    std::optional<Store> store = OpenExisting(path);
+    if (!store) throw CommandFailure(kExitNoSuchGeneration, "there is no store at " + Quoted(path));
+    return std::move(*store);
+}
+
 std::set<std::string> Store::Names() const
 {
     Owned<TQError> error;

@@ -25,6 +25,8 @@ public:
     static Store OpenOrMake(const std::string &path);
     // Opens the store; none if there is nothing yet, and refuses what is no store.
     static std::optional<Store> OpenExisting(const std::string &path);
+    // The same, where a generation is asked for: without a store there is none.
+    static Store Require(const std::string &path);
 
     const std::string &path() const { return path_; }
     const TQClientManagedStorage *handle() const { return handle_.get(); }

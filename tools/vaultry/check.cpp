@@ -1,0 +1,53 @@
+// vaultry check: whether a store is as it should be, and what to do where it is not.
+
+#include "commands.h"
+#include "failure.h"
+#include "json.h"
+#include "location.h"
+#include "text.h"
+
+#include <vaultry/number.h>
+#include <vaultry/storage.h>
+
+static const TQValue *_Entry(const TQDictionary *finding, const char *key)
+{
+    return TQDictionaryGetValue(finding, MakeString(key).get());
+}
+
+static std::string _Text(const TQDictionary *finding, const char *key)
+{
+    return ToText(static_cast<const TQString *>(_Entry(finding, key)));
+}
+
+static void _Print(const TQDictionary *finding, bool json)
+{
+    const auto *path = static_cast<const TQData *>(_Entry(finding, "path"));
+    const std::string_view bytes(static_cast<const char *>(TQDataGetBytes(path)), TQDataGetLength(path));
+    const bool mended = TQNumberGetTruth(_Entry(finding, "mended"));
+    if (!json) {
+        printf("%s: %s%s\n", Printable(bytes).c_str(), _Text(finding, "meaning").c_str(), mended ? " (mended)" : "");
+        return;
+    }
+    Json object;
+    PutBytes(object, "path", bytes);
+    object["kind"] = _Text(finding, "kind");
+    object["meaning"] = _Text(finding, "meaning");
+    object["mended"] = mended;
+    PrintLine(object);
+}
+
+int RunCheck(const Arguments &arguments)
+{
+    const std::string path = LocateStore(arguments.checked ? arguments.checked : arguments.store);
+    if (LookAtPlace(path) == PlaceKind::Missing)
+        throw CommandFailure(kExitFailure, "there is no store at " + Quoted(path));
+    Owned<TQError> error;
+    const Owned<TQArray> findings(TQClientManagedStorageCopyFindings(path.c_str(), arguments.repair, error.out()));
+    if (!findings) throw CommandFailure::Library("can't check the store " + Quoted(path), error.get());
+
+    const size_t count = TQArrayGetCount(findings.get());
+    for (size_t i = 0; i < count; ++i)
+        _Print(static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(findings.get(), i)), arguments.json);
+    if (count == 0 && !arguments.json) printf("the store %s is well\n", Quoted(path).c_str());
+    return count == 0 ? kExitSuccess : kExitFailure;
+}

@@ -1,0 +1,47 @@
+// See generation.h.
+
+#include "generation.h"
+
+#include "failure.h"
+#include "text.h"
+
+static constexpr size_t kShownCandidates = 5;
+
+std::string ResolveGeneration(const Store &store, const std::string &given)
+{
+    return ResolveAmong(store.Names(), store, given);
+}
+
+std::string ResolveAmong(const std::set<std::string> &names, const Store &store, const std::string &given)
+{
+    if (names.count(given) != 0) return given;
+    std::vector<std::string> candidates;
+    if (!given.empty())
+        for (auto name = names.lower_bound(given); name != names.end() && name->rfind(given, 0) == 0; ++name)
+            candidates.push_back(*name);
+    if (candidates.size() == 1) return candidates.front();
+    if (candidates.empty())
+        throw CommandFailure(kExitNoSuchGeneration,
+                             "there is no generation " + Quoted(given) + " in the store " + Quoted(store.path()));
+
+    std::string message = Quoted(given) + " is the beginning of " + std::to_string(candidates.size()) + " generations:";
+    for (size_t i = 0; i < candidates.size() && i < kShownCandidates; ++i) message += "\n  " + Printable(candidates[i]);
+    if (candidates.size() > kShownCandidates) message += "\n  ...";
+    throw CommandFailure(kExitFailure, message);
+}
+
+std::string NewestGenerationOf(const Store &store, const std::string &document, std::optional<double> time)
+{
+    std::string newest;
+    double newestTime = 0;
+    for (const std::string &name : store.Names()) {
+        const GenerationInfo info = store.InfoOf(name);
+        if (info.document != document || !info.time || (time && *info.time > *time)) continue;
+        if (!newest.empty() && *info.time < newestTime) continue;
+        newest = name;
+        newestTime = *info.time;
+    }
+    if (!newest.empty()) return newest;
+    throw CommandFailure(kExitNoSuchGeneration, "the store " + Quoted(store.path()) + " holds no generation of " +
+                                                    Quoted(document) + (time ? " from that time or before" : ""));
+}

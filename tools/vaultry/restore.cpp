@@ -1,0 +1,121 @@
+// vaultry restore: brings a document back in place, and keeps what it was.
+
+#include "add_progress.h"
+#include "commands.h"
+#include "document.h"
+#include "failure.h"
+#include "generation.h"
+#include "interrupt.h"
+#include "json.h"
+#include "naming.h"
+#include "text.h"
+
+#include <vaultry/filesystem.h>
+#include <vaultry/library.h>
+#include <vaultry/path.h>
+
+#include <cerrno>
+#include <ctime>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static constexpr unsigned kMaximumAttempts = 1000;
+
+static std::string _Generation(const Store &store, const Arguments &arguments, const std::string &document)
+{
+    if (!arguments.latest && !arguments.at) return ResolveGeneration(store, arguments.name);
+    std::optional<double> time;
+    if (arguments.at) {
+        time = ParseTime(*arguments.at, /*endOfDay=*/true);
+        if (!time) throw CommandFailure(kExitUsage, "--at " + Quoted(*arguments.at) + " is no time");
+    }
+    return NewestGenerationOf(store, document, time);
+}
+
+// The name under which the document's present state is kept; none if it is not to be.
+static std::optional<std::string> _BackupName(const Store &store, const Arguments &arguments,
+                                              const std::string &document)
+{
+    if (arguments.noBackup) return std::nullopt;
+    if (arguments.backup) {
+        CheckGenerationName(*arguments.backup);
+        return arguments.backup;
+    }
+    const std::set<std::string> names = store.Names();
+    for (unsigned attempt = 0; attempt < kMaximumAttempts; ++attempt)
+        if (std::string name = DefaultGenerationName(document, time(nullptr), attempt); names.count(name) == 0)
+            return name;
+    throw CommandFailure(kExitExists, "there is no free name for the backup of " + Quoted(document));
+}
+
+// So that the backup shows in the document's history. The restore has succeeded, so a failure is only said.
+static void _RecordBackup(const Store &store, const std::string &backup, const std::string &document)
+{
+    const Owned<TQData> path(TQDataCreate(document.data(), document.size()));
+    const Owned<TQDate> now(TQDateCreate(static_cast<double>(time(nullptr))));
+    const auto set = [&](const char *key, TQValue *value) {
+        return TQClientManagedStorageSetGenerationInfoValueForKey(store.handle(), backup.c_str(), MakeString(key).get(),
+                                                                  value, nullptr);
+    };
+    if (!set(kDocumentKey, path.get()) || !set(kTimeKey, now.get()))
+        Say("list may not show " + Quoted(backup) + " with its document: that could not be written");
+}
+
+// Where the restored document lies: its extension is that of the generation, if both have one.
+static std::string _RestoredPath(const std::string &document, const std::string &name)
+{
+    const char *wanted = TQGetFileNameExtensionForPath(name.c_str());
+    const char *own = TQGetFileNameExtensionForPath(document.c_str());
+    return wanted && own ? document.substr(0, document.size() - std::string_view(own).size()) + wanted : document;
+}
+
+static void _Restore(const Store &store, const std::string &name, const std::string &document,
+                     const std::optional<std::string> &backup)
+{
+    Owned<TQError> error;
+    const Owned<TQURL> root(TQURLCreateWithFileSystemPath(store.path().c_str(), true));
+    const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
+    const Owned<TQLibrary> library(TQLibraryCreateClientManaged(nullptr, root.get(), error.out()));
+    if (!library) throw CommandFailure::Library("can't open the store " + Quoted(store.path()), error.get());
+
+    bool restored = false;
+    {
+        // The backup reports and can be cancelled; the exchange itself is over at once, and is never cut short.
+        AddProgress progress(Printable(BaseName(document)));
+        const InterruptGuard interrupts(progress.get());
+        restored = TQLibraryRestoreGeneration(library.get(), MakeString(name).get(), url.get(),
+                                              backup ? MakeString(*backup).get() : nullptr, error.out());
+        progress.bar().Clear();
+    }
+    if (restored) return;
+    if (InterruptGuard::Came())
+        throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(document) + " is as it was");
+    throw CommandFailure::Library("can't restore " + Quoted(document) + " from " + Quoted(name), error.get());
+}
+
+int RunRestore(const Arguments &arguments)
+{
+    const Store store = Store::Require(LocateStore(arguments.store));
+    const std::string document = DocumentPath(arguments.document);
+    const std::string name = _Generation(store, arguments, document);
+    struct stat status {};
+    const bool isThere = stat(document.c_str(), &status) == 0;
+    const std::optional<std::string> backup =
+        isThere ? _BackupName(store, arguments, document) : std::optional<std::string>();
+    if (!isThere && arguments.backup) Say(Quoted(document) + " is not there, so there is nothing to back up");
+
+    _Restore(store, name, document, backup);
+    if (backup) _RecordBackup(store, *backup, document);
+    const std::string restored = isThere ? _RestoredPath(document, name) : document;
+    if (arguments.json) {
+        Json object;
+        PutBytes(object, "document", restored);
+        PutBytes(object, "generation", name);
+        if (backup) PutBytes(object, "backup", *backup);
+        PrintLine(object);
+        return kExitSuccess;
+    }
+    printf("%s is restored from %s\n", Quoted(restored).c_str(), Quoted(name).c_str());
+    if (backup) printf("what it was is kept as %s\n", Quoted(*backup).c_str());
+    return kExitSuccess;
+}

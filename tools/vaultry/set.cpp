@@ -1,0 +1,96 @@
+// vaultry set: changes what is known of a generation, never what it holds.
+
+#include "commands.h"
+#include "failure.h"
+#include "generation.h"
+#include "json.h"
+#include "space.h"
+#include "text.h"
+
+#include <cerrno>
+
+struct Change {
+    std::string key;
+    Owned<TQValue> value; // null removes the key
+};
+
+// "key=text", or "key:=json" for what is no text.
+static Change _ParseAssignment(const std::string &assignment)
+{
+    const size_t equals = assignment.find('=');
+    const bool typed = equals != std::string::npos && equals > 0 && assignment[equals - 1] == ':';
+    const size_t end = typed ? equals - 1 : equals;
+    if (equals == std::string::npos || end == 0)
+        throw CommandFailure(kExitUsage, Quoted(assignment) + " is neither key=text nor key:=json");
+
+    const std::string text = assignment.substr(equals + 1);
+    Change change{assignment.substr(0, end), {}};
+    if (typed) {
+        const Json json = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+        if (json.is_discarded()) throw CommandFailure(kExitUsage, Quoted(text) + " is not JSON");
+        change.value = FromJson(json);
+    } else {
+        change.value = Owned<TQValue>(TQStringCreateWithBytes(text.data(), text.size()));
+    }
+    if (!change.value || !MakeString(change.key))
+        throw CommandFailure(kExitUsage, Quoted(assignment) + ": keys and texts have to be UTF-8");
+    return change;
+}
+
+static std::vector<Change> _ParseChanges(const Arguments &arguments)
+{
+    std::vector<Change> changes;
+    for (const std::string &assignment : arguments.assignments) changes.push_back(_ParseAssignment(assignment));
+    for (const std::string &key : arguments.unset) changes.push_back({key, {}});
+    return changes;
+}
+
+static uint64_t _ParseOptions(const std::string &text)
+{
+    char *end = nullptr;
+    errno = 0;
+    const uint64_t options = strtoull(text.c_str(), &end, 0);
+    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0)
+        throw CommandFailure(kExitUsage, "--options " + Quoted(text) + " is no number of 64 bits");
+    return options;
+}
+
+// The write itself gives no error object; its errno is all that tells why.
+static void _Apply(const Store &store, const std::string &name, const Change &change)
+{
+    Owned<TQError> error;
+    errno = 0;
+    if (TQClientManagedStorageSetGenerationInfoValueForKey(store.handle(), name.c_str(), MakeString(change.key).get(),
+                                                           change.value.get(), error.out()))
+        return;
+    const int reason = errno;
+    const std::string what =
+        "can't " + std::string(change.value ? "set " : "remove ") + Quoted(change.key) + " of " + Quoted(name);
+    if (error) throw CommandFailure::Library(what, error.get());
+    if (!change.value && reason == 0) throw CommandFailure(kExitFailure, what + ": there is no such key");
+    const CommandFailure failure = CommandFailure::Errno(what, reason);
+    const bool isAttributeSpace = reason == ENOSPC && HasFreeSpace(store.path(), 1 << 20, 16);
+    throw CommandFailure(failure.exitCode(),
+                         failure.what() + (isAttributeSpace ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
+}
+
+int RunSet(const Arguments &arguments)
+{
+    const std::vector<Change> changes = _ParseChanges(arguments);
+    const std::optional<uint64_t> options =
+        arguments.options ? std::optional(_ParseOptions(*arguments.options)) : std::nullopt;
+    if (changes.empty() && !options && !arguments.displayName)
+        throw CommandFailure(kExitUsage, "there is nothing to set; \"vaultry set --help\" tells what can be");
+
+    const Store store = Store::Require(LocateStore(arguments.store));
+    const std::string name = ResolveGeneration(store, arguments.name);
+    for (const Change &change : changes) _Apply(store, name, change);
+    Owned<TQError> error;
+    if (arguments.displayName &&
+        !TQClientManagedStorageSetGenerationOriginalDisplayName(store.handle(), name.c_str(),
+                                                                MakeString(*arguments.displayName).get(), error.out()))
+        throw CommandFailure::Library("can't set the display name of " + Quoted(name), error.get());
+    if (options && !TQClientManagedStorageSetGenerationOptions(store.handle(), name.c_str(), *options, error.out()))
+        throw CommandFailure::Library("can't set the options of " + Quoted(name), error.get());
+    return kExitSuccess;
+}
