@@ -32,6 +32,7 @@ public:
     bool Remove(const std::vector<std::string> &names, TQError **error = nullptr) const;
     std::vector<std::string> List() const;
 
+    const Snapshot &contents() const { return contents_; }
     void RememberDocument(); // as what every generation contains, after a change to it
 
     // What holds after any operation, failed or not: every listed generation is whole and write-protected, with its
