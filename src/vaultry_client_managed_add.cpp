@@ -21,7 +21,6 @@
 namespace {
 
 constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
-constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
 
 // Whether the store lies in the tree at `source`, whatever the names in between.
 bool ContainsStore(const char *source, const char *root)

@@ -46,7 +46,8 @@ const char *ShownFileName(const char *path)
 }
 
 // A message of any length is logged whole; only when there is no memory for it is it cut, and says so.
-void LogFormatted(int level, const char *path, int line, const char *format, va_list arguments)
+[[gnu::format(printf, 4, 0)]] void LogFormatted(int level, const char *path, int line, const char *format,
+                                                va_list arguments)
 {
     char local[kMessageCapacity];
     va_list again;

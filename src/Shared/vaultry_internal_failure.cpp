@@ -15,7 +15,10 @@
 struct Failure::Message {
     char text[1024];
 
-    void Format(const char *format, va_list arguments) { Finish(0, vsnprintf(text, sizeof text, format, arguments)); }
+    [[gnu::format(printf, 2, 0)]] void Format(const char *format, va_list arguments)
+    {
+        Finish(0, vsnprintf(text, sizeof text, format, arguments));
+    }
 
     void AppendErrno(int errorNumber)
     {
