@@ -126,7 +126,7 @@ TEST_F(VaultryCommand, KeepsAPackageAndBringsItBack)
     const Snapshot before = Snapshot::Of(package);
     const Result added = Run({"add", package});
     ASSERT_EQ(added.exitCode, 0) << added.err;
-    EXPECT_THAT(added.out, MatchesRegex("Notes [0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}.[0-9]{2}.[0-9]{2}Z.pack\n"));
+    EXPECT_THAT(added.out, MatchesRegex("Notes-[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}.[0-9]{2}.[0-9]{2}Z.pack\n"));
     EXPECT_EQ(disk::Mode(store), 0500u);
 
     const std::string name = added.out.substr(0, added.out.size() - 1);
@@ -206,7 +206,7 @@ TEST_F(VaultryCommand, RefusesWithItsExitCodeAndAReason)
 
 TEST_F(VaultryCommand, MakesANameOfAnyDocumentName)
 {
-    const std::string time = " 20[0-9-]*T[0-9.]*Z";
+    const std::string time = "-20[0-9-]*T[0-9.]*Z";
     std::string accents;
     for (int i = 0; i < 127; ++i) accents += "\u00e4";
     const struct {
