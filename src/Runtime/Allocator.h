@@ -9,7 +9,7 @@ struct TQAllocator : Object {
 
     explicit TQAllocator(const TQAllocatorContext &given) noexcept;
     // A constant, which retains nothing.
-    constexpr TQAllocator(const Kind *ofKind, const TQAllocatorContext &given)
+    constexpr TQAllocator(const Kind *ofKind, const TQAllocatorContext &given) noexcept
         : Object(ofKind, kImmortal), context(given)
     {
     }

@@ -11,7 +11,7 @@ struct TQError : Object {
 
     TQError(TQString *ofDomain, intptr_t ofCode, TQDictionary *info) noexcept; // takes both references over
     // A constant.
-    constexpr TQError(const Kind *ofKind, TQString *ofDomain, intptr_t ofCode, TQString *text)
+    constexpr TQError(const Kind *ofKind, TQString *ofDomain, intptr_t ofCode, TQString *text) noexcept
         : Object(ofKind, kImmortal), domain(ofDomain), code(ofCode), userInfo(nullptr), constantText(text)
     {
     }

@@ -25,7 +25,7 @@ struct TQNumber : Object {
 struct TQBoolean : Object {
     static constexpr Type kType = kTypeBoolean;
 
-    constexpr TQBoolean(const Kind *ofKind, bool truth) : Object(ofKind, kImmortal), value(truth) {}
+    constexpr TQBoolean(const Kind *ofKind, bool truth) noexcept : Object(ofKind, kImmortal), value(truth) {}
     ~TQBoolean() = default;
 
     bool value;

@@ -58,7 +58,7 @@ struct Object {
     static constexpr uint32_t kFreedMagic = 0xdeadf1ee;
     static constexpr uintptr_t kImmortal = UINTPTR_MAX;
 
-    explicit constexpr Object(const Kind *ofKind, uintptr_t count = 1) : kind(ofKind), references(count) {}
+    explicit constexpr Object(const Kind *ofKind, uintptr_t count = 1) noexcept : kind(ofKind), references(count) {}
     Object(const Object &) = delete;
     Object &operator=(const Object &) = delete;
 

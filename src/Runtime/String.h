@@ -13,7 +13,7 @@ struct TQString : Object {
 
     TQString(size_t ofLength, size_t ofUnits) noexcept;
     // A constant, of ASCII.
-    constexpr TQString(const Kind *ofKind, std::string_view text)
+    constexpr TQString(const Kind *ofKind, std::string_view text) noexcept
         : Object(ofKind, kImmortal), bytes(text.data()), length(text.size()), units(text.size())
     {
     }

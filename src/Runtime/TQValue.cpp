@@ -6,6 +6,7 @@
 #include <vaultry/string.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -38,13 +39,13 @@ void _DestroyOne(Object *object)
 
 void _DestroyWithMembers(Object *object)
 {
-    object->references.store(reinterpret_cast<uintptr_t>(waiting), std::memory_order_relaxed);
+    object->references.store(std::bit_cast<uintptr_t>(waiting), std::memory_order_relaxed);
     waiting = object;
     if (destroying) return;
 
     destroying = true;
     while (Object *next = waiting) {
-        waiting = reinterpret_cast<Object *>(next->references.load(std::memory_order_relaxed));
+        waiting = std::bit_cast<Object *>(next->references.load(std::memory_order_relaxed));
         _DestroyOne(next);
     }
     destroying = false;

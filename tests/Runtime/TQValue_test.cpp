@@ -5,8 +5,6 @@
 #include <atomic>
 #include <thread>
 
-using testing::HasSubstr;
-
 namespace {
 
 // What clients do before main.
