@@ -48,7 +48,7 @@ TEST(StoreInCpp, DoesWhatTheFunctionsDo)
     ASSERT_TRUE(store.add("1.txt", document, 6) && same.add("2", document) && store.set_display_name("1.txt", "One") &&
                 store.set_info("1.txt", document_key, Data(document)) && store.set_info("1.txt", "x", 0) &&
                 store.remove_info("1.txt", "x") && store.set_options("1.txt", 0x8000'0000'0000'0006));
-    const auto found = store.query({.clients = {{"com.corvane.nimbusync"}}}).value();
+    const auto found = store.query({{}, 1ULL << 63, 8, {{"com.corvane.nimbusync"}}}).value();
     for (const Record &record : {found.at(0), *store.record("1.txt")})
         EXPECT_TRUE(record.name == "1.txt" && record.options == 0x8000'0000'0000'0006 && record.info.size() == 1 &&
                     record.path == *store.path_of("1.txt") && record.display_name == "One" &&

@@ -56,10 +56,15 @@ def use(bin, where):
     out = run(bin / "sync_agent", store, home, other, where=where)[0]
     expect("sync", out, rf"(?s)kept letter.txt, 15 bytes\n.*updated {re.escape(str(copy))}\n")
     expect("updated", copy.read_text(), "first\n")
-    os.utime(copy, (10**8, 10**8))
-    os.symlink(copy, where / "store link")
-    said = run(bin / "sync_agent", where / "store link", home, other, where=where, code=1)[1]
-    expect("no store", said, "sync_agent: .*store link.*\n")
+    long = "a." + "x" * 240  # as an extension, too long for the name of a generation
+    (other / long).write_text("stays")
+    (home / long).write_text("comes")
+    os.utime(other / long, (10**8, 10**8))
+    said = run(bin / "sync_agent", store, home, other, where=where, code=1)[1]
+    expect("what can't be kept", said, f"sync_agent: .*{long}: not updated, since it can't be kept: .+\n")
+    expect("and is not overwritten", (other / long).read_text(), "stays")
+    said = run(bin / "sync_agent", where / "missing", home, other, where=where, code=1)[1]
+    expect("no store", said, "sync_agent: .*missing.* does not exist\n")
 
     line = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d +"
     out = run(bin / "history", store, "home/letter.txt", where=where)[0]
