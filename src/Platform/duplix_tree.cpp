@@ -90,7 +90,8 @@ bool DestinationTree::EnterNewDirectory()
     if (!made || GetStatusOfFd(made.get(), &status) != 0) return false;
     GiveOwnerRights(made.get(), &status);
     if (isRoot_) {
-        (void)fremovexattr(made.get(), "system.posix_acl_default");
+        if (fremovexattr(made.get(), "system.posix_acl_default") != 0 && errno != ENODATA && errno != ENOTSUP)
+            return false;
         if (SetFlagsOfKnown(made.get(), status, 0) == 0) status.flags = 0;
         rootMade_ = true;
         root_ = status;

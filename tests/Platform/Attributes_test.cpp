@@ -1,6 +1,5 @@
 #include "Platform/Attributes.h"
 
-#include "Platform/FileStatus.h"
 #include "Platform/UniqueFd.h"
 #include "support/Identity.h"
 #include "support/Volumes.h"
@@ -40,47 +39,40 @@ int RunOnAnOldKernel(unsigned error, const char *tests)
     return status;
 }
 
-// Everything an item can answer, by path and by directory.
-void ExpectAttributesWork(const TempDirectory &directory)
-{
-    const UniqueFd open(::open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const std::string file = disk::Write(directory / "file", "", 0644);
-    (void)symlink("file", (directory / "link").c_str());
-    const std::string link = directory / "link";
-    const Item items[][2] = {{Item::AtPath(file.c_str()), Item::AtPath(link.c_str())},
-                             {{open.get(), "file", ""}, {open.get(), "link", ""}}};
-    for (const auto &[plain, linked] : items) {
-        char buffer[8] = "";
-        errno = E2BIG;
-        EXPECT_EQ(platform::SetAttribute(linked, Links::Follow, "com.example.a", "value", 5), 0);
-        EXPECT_EQ(platform::GetAttribute(plain, Links::NoFollow, "com.example.a", buffer, sizeof buffer), 5);
-        EXPECT_EQ(platform::GetAttribute(plain, Links::NoFollow, "com.example.a", nullptr, 0), 5);
-        EXPECT_EQ(errno, E2BIG) << "touched on success";
-        EXPECT_STREQ(buffer, "value");
-        EXPECT_EQ(disk::Attribute(file, "com.example.a"), "value");
-        EXPECT_EQ(platform::GetAttribute(plain, Links::NoFollow, "com.example.a", buffer, 2), -1);
-        EXPECT_EQ(errno, ERANGE);
-        // The link's own; what it points to has the attribute.
-        EXPECT_EQ(platform::GetAttribute(linked, Links::NoFollow, "com.example.a", buffer, sizeof buffer), -1);
-        EXPECT_EQ(errno, ENODATA);
-        EXPECT_EQ(platform::SetAttribute(linked, Links::NoFollow, "com.example.a", "x", 1), -1);
-        EXPECT_EQ(errno, EPERM);
-        EXPECT_EQ(platform::RemoveAttribute(plain, Links::NoFollow, "com.example.a"), 0);
-        EXPECT_EQ(platform::RemoveAttribute(linked, Links::Follow, "com.example.a"), -1);
-        EXPECT_EQ(errno, ENODATA);
-        EXPECT_EQ(platform::SetAttribute(plain, Links::NoFollow, std::string(251, 'n').c_str(), "x", 1), -1);
-        EXPECT_EQ(errno, ERANGE);
-    }
-    (void)unlink(link.c_str());
-}
-
 } // namespace
 
 TEST_P(Attributes, ReadTheSameByPathAndByDirectory)
 {
-    ExpectAttributesWork(directory);
+    ASSERT_TRUE(Shell(directory.path(), "echo x > file; ln -s file link"));
+    const UniqueFd open(::open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::string paths[] = {directory / "file", directory / "link"};
+    char buffer[8];
+    const auto get = [&](const Item &item, Links links, size_t size) {
+        return platform::GetAttribute(item, links, "com.example.a", buffer, size);
+    };
+    const auto set = [&](const Item &item, Links links) {
+        return platform::SetAttribute(item, links, "com.example.a", "value", 5);
+    };
+    for (const auto &[file, link] : {std::pair{Item::AtPath(paths[0].c_str()), Item::AtPath(paths[1].c_str())},
+                                     {Item{open.get(), "file", ""}, Item{open.get(), "link", ""}}}) {
+        errno = E2BIG;
+        EXPECT_EQ(set(link, Links::Follow), 0);
+        EXPECT_EQ(disk::Attribute(paths[0], "com.example.a"), "value");
+        EXPECT_EQ(get(file, Links::NoFollow, sizeof buffer), 5);
+        EXPECT_EQ(platform::GetAttribute(file, Links::NoFollow, "com.example.a", nullptr, 0), 5);
+        EXPECT_EQ(errno, E2BIG) << "touched on success";
+        EXPECT_EQ(std::string(buffer, 5), "value");
+        EXPECT_TRUE(get(file, Links::NoFollow, 2) == -1 && errno == ERANGE);
+        // The link's own; what it points to has the attribute.
+        EXPECT_TRUE(get(link, Links::NoFollow, sizeof buffer) == -1 && errno == ENODATA);
+        EXPECT_TRUE(set(link, Links::NoFollow) == -1 && errno == EPERM);
+        EXPECT_EQ(platform::RemoveAttribute(file, Links::NoFollow, "com.example.a"), 0);
+        EXPECT_TRUE(platform::RemoveAttribute(link, Links::Follow, "com.example.a") == -1 && errno == ENODATA);
+    }
+    // One byte more than fits behind the prefix.
+    EXPECT_TRUE(platform::SetAttributeOfFd(open.get(), std::string(251, 'n').c_str(), "", 0) == -1 && errno == ERANGE);
+    EXPECT_EQ(platform::SetAttributeOfFd(open.get(), std::string(250, 'n').c_str(), "", 0), 0);
 }
-
 INSTANTIATE_AS_EACH(Attributes);
 
 // A sandbox that does not know a number answers EPERM, as if the item had refused.

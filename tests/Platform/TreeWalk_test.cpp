@@ -6,15 +6,14 @@
 #include "support/Volumes.h"
 
 #include <functional>
-#include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 namespace {
 
 using Kind = TreeWalk::Kind;
+using Words = std::vector<std::string>;
 using Act = std::function<void(const TreeWalk::Entry &)>;
 
 std::string Word(const TreeWalk::Entry &entry)
@@ -25,9 +24,9 @@ std::string Word(const TreeWalk::Entry &entry)
 }
 
 // What a walk reports, as "kind path-below-the-root", in order; `act` sees each before the walk goes on.
-std::vector<std::string> Walk(const std::string &root, const Act &act = {}, TreeWalk::Volumes volumes = {})
+Words Walk(const std::string &root, const Act &act = {}, TreeWalk::Volumes volumes = {})
 {
-    std::vector<std::string> reported;
+    Words reported;
     TreeWalk walk;
     errno = E2BIG;
     EXPECT_TRUE(walk.Open(root.c_str(), volumes));
@@ -90,80 +89,58 @@ struct WalksOfVolumes : OnEachVolume {};
 
 TEST_P(Walks, ReportEachEntryOnceByItsKind)
 {
-    disk::MakeDirectory(directory / "only");
-    ASSERT_EQ(symlink("nowhere", (directory / "only/l").c_str()), 0);
-    disk::Write(directory / "one", "");
-    ASSERT_EQ(mkfifo((directory / "pipe").c_str(), 0600), 0);
+    ASSERT_TRUE(Shell(directory.path(), "mkdir only; ln -s nowhere only/l; echo x > one; mkfifo pipe"));
     const struct {
-        std::string root;
-        std::vector<std::string> reported;
+        const char *root;
+        Words reported;
     } rows[] = {
         {"only", {"D ", "SL /l", "DP "}},
         {"only/l", {"SL "}},
+        {"only/", {"D ", "SL l", "DP "}},
         {"one", {"F "}},
         {"pipe", {"O "}},
         {"none", {"NS:ENOENT "}},
         {"one/below", {"NS:ENOTDIR "}},
-        {"only/", {"D ", "SL l", "DP "}},
     };
     for (const auto &row : rows) EXPECT_EQ(Walk(directory / row.root), row.reported) << row.root;
 
     TreeWalk walk;
-    EXPECT_FALSE(walk.Open(""));
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_FALSE(walk.Open(std::string(4096, 'x').c_str()));
-    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_TRUE(!walk.Open("") && errno == ENOENT);
+    EXPECT_TRUE(!walk.Open(std::string(4096, 'x').c_str()) && errno == ENAMETOOLONG);
 }
 
-// What is done to a directory when it is reported, and what the walk then finds.
+// What is done to a directory of mode 0000 when it is reported, and what the walk then finds.
 TEST_P(Walks, NeverLeaveTheirTree)
 {
     const bool root = GetParam() == As::Root;
-    using Words = std::vector<std::string>;
+    const Words whole = {"D", "F", "DP"};
     const struct {
-        const char *what;
-        std::function<void(const std::string &path)> act;
+        const char *act;
         Words reported; // of the directory and its one file
     } rows[] = {
-        {"rights added in time", [](auto &path) { chmod(path.c_str(), 0700); }, {"D", "F", "DP"}},
-        {"not readable", [](auto &path) { chmod(path.c_str(), 0300); },
-         root ? Words{"D", "F", "DP"} : Words{"D", "DNR:EACCES"}},
-        {"not searchable", [](auto &path) { chmod(path.c_str(), 0600); },
-         root ? Words{"D", "F", "DP"} : Words{"D", "NS:EACCES", "DP"}},
-        {"renamed", [](auto &path) { rename(path.c_str(), (path + "2").c_str()); }, {"D", "DNR:ENOENT"}},
-        {"swapped for a link",
-         [](auto &path) {
-             rename(path.c_str(), (path + "2").c_str());
-             (void)symlink((path + "2").c_str(), path.c_str());
-         },
-         {"D", "ERR:ESTALE"}},
-        {"swapped for another",
-         [](auto &path) {
-             rename(path.c_str(), (path + "2").c_str());
-             disk::Write(disk::MakeDirectory(path) + "/other", "");
-         },
-         {"D", "ERR:ESTALE"}},
+        {"chmod 0700 sub", whole}, // rights added in time
+        {"chmod 0300 sub", root ? whole : Words{"D", "DNR:EACCES"}},
+        {"chmod 0600 sub", root ? whole : Words{"D", "NS:EACCES", "DP"}},
+        {"chmod 0700 sub; mv sub ../away", {"D", "DNR:ENOENT"}},
+        {"chmod 0700 sub; mv sub ../away; ln -s ../away sub", {"D", "ERR:ESTALE"}},
+        {"chmod 0700 sub; mv sub ../away; mkdir sub; echo x > sub/other", {"D", "ERR:ESTALE"}},
     };
-    int nth = 0;
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
-        const std::string tree = disk::MakeDirectory(directory / ("tree" + std::to_string(nth++)));
-        disk::Write(disk::MakeDirectory(tree + "/sub") + "/file", "");
-        ASSERT_EQ(chmod((tree + "/sub").c_str(), 0), 0);
+        SCOPED_TRACE(row.act);
+        ASSERT_TRUE(Shell(directory.path(), "mkdir -p tree/sub; echo x > tree/sub/file; chmod 0 tree/sub"));
         Words reported;
-        Walk(tree, [&](const TreeWalk::Entry &entry) {
+        Walk(directory / "tree", [&](const TreeWalk::Entry &entry) {
             if (entry.level > 0) reported.push_back(Word(entry));
-            if (IsAt(entry, Kind::Directory, "/sub")) row.act(entry.item.path);
+            EXPECT_TRUE(!IsAt(entry, Kind::Directory, "/sub") || Shell(directory / "tree", row.act));
         });
-        // What the renamed directory is called now may be met as well.
-        if (reported.size() > row.reported.size()) reported.resize(row.reported.size());
         EXPECT_EQ(reported, row.reported);
+        ASSERT_TRUE(Shell(directory.path(), "chmod -R u+rwx .; rm -rf tree away"));
     }
 }
 
 TEST_P(Walks, KnowTheDirectoryAbove)
 {
-    disk::Write(disk::MakeDirectory(disk::MakeDirectory(directory / "tree") + "/sub") + "/file", "");
+    ASSERT_TRUE(Shell(directory.path(), "mkdir -p tree/sub; echo x > tree/sub/file"));
     struct stat above {};
     Walk(directory / "tree", [&](const TreeWalk::Entry &entry) {
         const std::string path(entry.item.path, entry.parentPathLength);
@@ -178,9 +155,9 @@ INSTANTIATE_AS_EACH(Walks);
 // A folder larger than any buffer, and a way down longer than there are descriptors, both removed under the walk.
 TEST_P(WalksOfVolumes, RemoveWideAndDeepTrees)
 {
-    const std::string wide = disk::MakeDirectory(directory() / "wide");
-    for (int i = 0; i < 3000; ++i) disk::Write(wide + "/a rather long name " + std::to_string(i), "");
-    EXPECT_EQ(Walk(wide, Remove).size(), 3002U);
+    ASSERT_TRUE(Shell(directory().path(),
+                      "mkdir wide; cd wide; seq -f 'a name that fills buffers %g' 3000 | xargs -d '\\n' touch"));
+    EXPECT_EQ(Walk(directory() / "wide", Remove).size(), 3002U);
 
     const std::string deep = disk::MakeDirectory(directory() / "deep");
     MakeDeep(deep, 1000);
@@ -193,31 +170,29 @@ TEST_P(WalksOfVolumes, RemoveWideAndDeepTrees)
 // beginning stands for the one that was left.
 TEST_P(WalksOfVolumes, FindTheirPlaceByName)
 {
-    const auto rest = [](platform::DirectoryReader &reader, int fd) {
-        std::vector<std::string> names;
-        int error = 0;
-        while (const char *name = reader.Next(fd, &error)) names.emplace_back(name);
-        EXPECT_EQ(error, 0);
-        return names;
-    };
-    for (const char *name : {"full", "thinned"}) disk::MakeDirectory(directory() / name);
-    for (int i = 0; i < 20; ++i) disk::Write(directory() / "full/" + std::to_string(i), "");
-    for (int i = 7; i < 20; ++i) disk::Write(directory() / "thinned/" + std::to_string(i), "");
+    ASSERT_TRUE(Shell(directory().path(), "mkdir full thinned; touch full/$(seq -s ' full/' 20)"
+                                          "; touch thinned/$(seq -s ' thinned/' 8 20)"));
     const UniqueFd full(open((directory() / "full").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const UniqueFd thinned(open((directory() / "thinned").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const auto rest = [&](platform::DirectoryReader &reader) {
+        Words names;
+        int error = 0;
+        while (const char *name = reader.Next(thinned.get(), &error)) names.emplace_back(name);
+        return names;
+    };
     platform::DirectoryReader plain;
-    const auto order = rest(plain, thinned.get());
+    Words order = rest(plain);
     ASSERT_EQ(order.size(), 13U);
-    for (size_t i = 0; i < order.size(); ++i) {
-        SCOPED_TRACE(order[i]);
+    while (!order.empty()) {
+        const std::string left = order.front();
+        order.erase(order.begin());
         ASSERT_EQ(lseek(full.get(), 0, SEEK_SET), 0);
         platform::DirectoryReader reader;
         int error = 0;
-        const char *name = "";
-        while (name && name != order[i]) name = reader.Next(full.get(), &error);
+        for (const char *name = ""; name && name != left;) name = reader.Next(full.get(), &error);
         reader.Suspend();
-        EXPECT_EQ(reader.Resume(thinned.get(), order[i].c_str()), 0);
-        EXPECT_EQ(rest(reader, thinned.get()), std::vector(order.begin() + static_cast<long>(i) + 1, order.end()));
+        EXPECT_EQ(reader.Resume(thinned.get(), left.c_str()), 0);
+        EXPECT_EQ(rest(reader), order) << left;
     }
 }
 
@@ -234,8 +209,7 @@ TEST_P(WalksOfVolumes, SayWhereAPathIsTooLong)
     });
     EXPECT_EQ(tooLong, 3) << "the three entries of the last directory that fits";
     EXPECT_EQ(done, (4095 - static_cast<int>(deep.size())) / 2 + 1);
-    const std::string remove = "rm -rf " + deep;
-    EXPECT_EQ(std::system(remove.c_str()), 0);
+    EXPECT_TRUE(Shell(deep, "rm -rf d"));
 }
 
 // The way back is through the directory that was reached, which is somewhere else by then.
@@ -254,14 +228,11 @@ TEST_P(WalksOfVolumes, EndWhereTheWayBackIsLost)
 
 TEST_P(WalksOfVolumes, EnterOtherVolumesOnlyWhenAsked)
 {
-    TempDirectory outside;
-    const std::string mount = disk::MakeDirectory(outside / "volume");
-    disk::Write(directory() / "file", "");
-    ASSERT_EQ(::mount(directory().path().c_str(), mount.c_str(), nullptr, MS_BIND, nullptr), 0);
-    using Words = std::vector<std::string>;
-    EXPECT_EQ(Walk(outside.path()), (Words{"D ", "D /volume", "DP /volume", "DP "}));
-    EXPECT_EQ(Walk(outside.path(), {}, TreeWalk::Volumes::All),
-              (Words{"D ", "D /volume", "F /volume/file", "DP /volume", "DP "}));
-    ASSERT_EQ(umount2(mount.c_str(), MNT_DETACH), 0);
+    const TempDirectory outside;
+    ASSERT_TRUE(
+        Shell(outside.path(), "mkdir v; touch " + (directory() / "f") + "; mount --bind " + directory().path() + " v"));
+    EXPECT_EQ(Walk(outside.path()), (Words{"D ", "D /v", "DP /v", "DP "}));
+    EXPECT_EQ(Walk(outside.path(), {}, TreeWalk::Volumes::All), (Words{"D ", "D /v", "F /v/f", "DP /v", "DP "}));
+    ASSERT_TRUE(Shell(outside.path(), "umount v"));
 }
 INSTANTIATE_ON_EACH_VOLUME(WalksOfVolumes);

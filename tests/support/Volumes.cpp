@@ -25,11 +25,6 @@ const std::string &WhyNoMounts()
     return why;
 }
 
-bool Run(const std::string &command)
-{
-    return std::system(("PATH=$PATH:/usr/sbin:/sbin; { " + command + "; } >/dev/null 2>&1").c_str()) == 0;
-}
-
 class Mounted {
 public:
     explicit Mounted(const std::string &type)
@@ -65,11 +60,11 @@ private:
         disk::Write(image, "");
         if (truncate(image.c_str(), kImageSize) != 0)
             volume.whyNot = strerror(errno);
-        else if (!Run("command -v mkfs." + type))
+        else if (!Shell("/", "command -v mkfs." + type))
             volume.whyNot = "there is no mkfs." + type;
-        else if (!Run("mkfs." + type + " -q " + image))
+        else if (!Shell("/", "mkfs." + type + " -q " + image))
             volume.whyNot = "mkfs." + type + " failed";
-        else if (!Run("mount -o loop " + image + " " + point_))
+        else if (!Shell("/", "mount -o loop " + image + " " + point_))
             volume.whyNot = "it can't be mounted";
         unlink(image.c_str()); // the mount keeps the bytes
         return volume.whyNot.empty();
@@ -79,6 +74,13 @@ private:
 };
 
 } // namespace
+
+bool Shell(const std::string &directory, const std::string &command)
+{
+    const std::string line =
+        "PATH=$PATH:/usr/sbin:/sbin; cd '" + directory + "' && set -e && { " + command + "; } >/dev/null 2>&1";
+    return std::system(line.c_str()) == 0;
+}
 
 const TestVolume &VolumeOfType(const std::string &type)
 {
