@@ -23,13 +23,13 @@ static vaultry::Result<void> Keep(const vaultry::Store &store, const fs::path &d
     // Unique, and with the extension that a restored document is to have.
     const std::string name = "sync " + std::to_string(now.time_since_epoch().count()) + document.extension().native();
 
-    vaultry::Progress progress; // for large documents; draw a bar here, or cancel() from another thread
-    progress.observe([&](std::int64_t done, std::int64_t total) {
-        if (done == total) std::cout << "kept " << document.filename().native() << ", " << total << " bytes\n";
-    });
+    std::int64_t bytes = 0;
+    vaultry::Progress progress; // of large documents; draw a bar here, or call cancel() from another thread
+    progress.observe([&](std::int64_t done, std::int64_t) { bytes = done; });
     const auto scope = progress.make_current();
 
     if (auto kept = store.add(name, document); !kept) return kept;
+    std::cout << "kept " << document.native() << ", " << bytes << " bytes\n";
     if (auto set = store.set_info(name, vaultry::document_key, vaultry::Data(document.native())); !set) return set;
     return store.set_info(name, vaultry::time_key, now);
 }
