@@ -37,24 +37,19 @@
 #else
 #define OLDER(...)
 #endif
-const Calls kEveryCall{{}, true};
 const Calls kMemory{{SYS_brk, SYS_mmap, SYS_munmap, SYS_mremap, SYS_mprotect, SYS_madvise, SYS_futex, SYS_getrandom}};
 const Calls kAllButMemory{kMemory.numbers, true};
 const Calls kRename{{OLDER(SYS_rename, ) SYS_renameat, SYS_renameat2}};
 const Calls kMode{{OLDER(SYS_chmod, ) SYS_fchmod, SYS_fchmodat, SYS_fchmodat2}};
 const Calls kStatus{{OLDER(SYS_stat, SYS_lstat, ) SYS_newfstatat, SYS_fstat, SYS_statx}};
 const Calls kOpen{{OLDER(SYS_open, ) SYS_openat, SYS_openat2}};
+const Calls kSetAttribute{{SYS_setxattr, SYS_lsetxattr, SYS_fsetxattr}};
 const Calls kMakeDirectory{{OLDER(SYS_mkdir, ) SYS_mkdirat}};
 const Calls kRemove{{OLDER(SYS_unlink, SYS_rmdir, ) SYS_unlinkat}};
-const Calls kAccess{{OLDER(SYS_access, ) SYS_faccessat, SYS_faccessat2}};
 const Calls kGetAttribute{{SYS_getxattr, SYS_lgetxattr, SYS_fgetxattr}};
-const Calls kSetAttribute{{SYS_setxattr, SYS_lsetxattr, SYS_fsetxattr}};
-const Calls kRemoveAttribute{{SYS_removexattr, SYS_lremovexattr, SYS_fremovexattr}};
 const Calls kFlags{{SYS_ioctl, SYS_file_setattr}};
 const Calls kLock{{SYS_flock}};
 const Calls kReadDirectory{{SYS_getdents64}};
-const Calls kReadWrite{{SYS_read, SYS_write, SYS_pread64, SYS_pwrite64, SYS_copy_file_range, SYS_sendfile}};
-const Calls kVolume{{SYS_statfs, SYS_fstatfs}};
 
 bool Calls::Contain(int number) const
 {
@@ -119,6 +114,14 @@ void Keep(int level, const char *line)
     _exit(0);
 }
 
+// A message of one byte and one descriptor.
+struct Passed {
+    char byte = 0;
+    iovec data{&byte, 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message{nullptr, 0, &data, 1, control, sizeof control, 0};
+};
+
 // From here on every call of the child waits for its parent's answer, but for those that end a process or, like
 // sendmsg below, hand the listener over.
 void ListenAndPass(int socket)
@@ -136,36 +139,20 @@ void ListenAndPass(int socket)
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) _exit(2);
     const long listener = syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter);
     if (listener < 0) _exit(3);
+    Passed passed;
+    cmsghdr *header = CMSG_FIRSTHDR(&passed.message);
+    *header = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
     const int fd = static_cast<int>(listener);
-    char byte = 0;
-    iovec data = {&byte, 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof fd)] = {};
-    msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    cmsghdr *header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof fd);
     std::memcpy(CMSG_DATA(header), &fd, sizeof fd);
-    if (sendmsg(socket, &message, 0) != 1) _exit(4);
+    if (sendmsg(socket, &passed.message, 0) != 1) _exit(4);
 }
 
 int ReceiveListener(int socket)
 {
-    char byte = 0;
-    iovec data = {&byte, 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    if (recvmsg(socket, &message, MSG_CMSG_CLOEXEC) != 1) return -1;
+    Passed passed;
     int fd = -1;
-    std::memcpy(&fd, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof fd);
+    if (recvmsg(socket, &passed.message, MSG_CMSG_CLOEXEC) == 1)
+        std::memcpy(&fd, CMSG_DATA(CMSG_FIRSTHDR(&passed.message)), sizeof fd);
     return fd;
 }
 

@@ -19,8 +19,8 @@ struct Calls {
     bool except = false;
     bool Contain(int number) const;
 };
-extern const Calls kEveryCall, kMemory, kAllButMemory, kRename, kMode, kStatus, kOpen, kMakeDirectory, kRemove, kAccess,
-    kGetAttribute, kSetAttribute, kRemoveAttribute, kFlags, kLock, kReadDirectory, kReadWrite, kVolume;
+extern const Calls kMemory, kAllButMemory, kRename, kMode, kStatus, kOpen, kSetAttribute, kMakeDirectory, kRemove,
+    kGetAttribute, kFlags, kLock, kReadDirectory;
 
 struct Fault {
     enum class Act { None, Fail, FailFromThere, KillBefore, KillAfter, FailAllocation };
@@ -29,21 +29,21 @@ struct Fault {
     int error = 0;
     Calls calls = kAllButMemory;
 };
-inline Fault FailCall(int nth, int error, Calls calls = kAllButMemory)
+inline Fault FailCall(int nth, int error, const Calls &calls = kAllButMemory)
 {
-    return {Fault::Act::Fail, nth, error, std::move(calls)};
+    return {Fault::Act::Fail, nth, error, calls};
 }
-inline Fault KillBefore(int nth, Calls calls = kAllButMemory)
+inline Fault KillBefore(int nth, const Calls &calls = kAllButMemory)
 {
-    return {Fault::Act::KillBefore, nth, 0, std::move(calls)};
+    return {Fault::Act::KillBefore, nth, 0, calls};
 }
-inline Fault KillAfter(int nth, Calls calls = kAllButMemory)
+inline Fault KillAfter(int nth, const Calls &calls = kAllButMemory)
 {
-    return {Fault::Act::KillAfter, nth, 0, std::move(calls)};
+    return {Fault::Act::KillAfter, nth, 0, calls};
 }
-inline Fault CountCalls(Calls calls)
+inline Fault CountCalls(const Calls &calls)
 {
-    return {Fault::Act::Fail, 0, 0, std::move(calls)};
+    return {Fault::Act::Fail, 0, 0, calls};
 }
 extern const bool kCanFailAllocations; // false under a sanitizer
 inline Fault FailAllocation(int nth)

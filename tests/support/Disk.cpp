@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -199,25 +200,26 @@ std::string MakePackage(const std::string &path)
 {
     const auto at = [&](const char *name) { return path + "/" + name; };
     MakeDirectory(path);
-    for (const auto &[name, mode] : std::initializer_list<std::pair<const char *, mode_t>>{
-             {"Data", 0750}, {"Data/Nested", 0755}, {"Data/Nested/Deep", 0700}, {"Data/Group", 02775}})
+    for (const auto &[name, mode] :
+         {std::pair{"Data", 0750U}, {"Data/Nested", 0755U}, {"Data/Nested/Deep", 0700U}, {"Data/Group", 02775U}})
         MakeDirectory(at(name), mode);
-    Write(at("Info"), "what it is");
-    Write(at("empty"), "");
-    Write(at("run"), "#!/bin/sh\n", 0755);
-    Write(at("read only"), "kept", 0444);
-    Write(at("Data/everyone"), "mine and yours", 0666);
-    Write(at("Data/Nested/Deep/leaf"), std::string(100000, 'x'), 0600);
-    Write(at("Data/listed"), "for some", 0640);
+    const std::tuple<const char *, std::string, mode_t> files[] = {
+        {"Info", "what it is", 0644},
+        {"empty", "", 0644},
+        {"run", "#!/bin/sh\n", 0755},
+        {"read only", "kept", 0444},
+        {"Data/listed", "for some", 0640},
+        {"Data/everyone", "mine and yours", 0666},
+        {"Data/Nested/Deep/leaf", std::string(100000, 'x'), 0600}};
+    for (const auto &[name, bytes, mode] : files) Write(at(name), bytes, mode);
     Require(link(at("Data/everyone").c_str(), at("Data/twin").c_str()) == 0, "link");
     const int sparse = open(Write(at("Data/sparse"), "").c_str(), O_WRONLY | O_CLOEXEC);
     Require(pwrite(sparse, "far", 3, 2 << 20) == 3 && ftruncate(sparse, 4 << 20) == 0 && close(sparse) == 0, "sparse");
     SetAttribute(path, "com.example.kind", "package");
     SetAttribute(at("Data/listed"), "com.example.long", std::string(600, 'a'));
-    // Version 2; owner rw-, user 4242 r--, group r--, mask r--, others none.
-    const unsigned char acl[] = {2, 0,    0,    0,    1,    0,    6,    0, 0xff, 0xff, 0xff, 0xff, 2,    0,    4,
-                                 0, 0x92, 0x10, 0,    0,    4,    0,    4, 0,    0xff, 0xff, 0xff, 0xff, 0x10, 0,
-                                 4, 0,    0xff, 0xff, 0xff, 0xff, 0x20, 0, 0,    0,    0xff, 0xff, 0xff, 0xff};
+    // Version 2; then tag, rights and id of: owner rw-, user 4242 r--, group r--, mask r--, others none.
+    const uint16_t acl[] = {2, 0,      1,      6,  0xffff, 0xffff, 2,      4,  4242, 0,      4,
+                            4, 0xffff, 0xffff, 16, 4,      0xffff, 0xffff, 32, 0,    0xffff, 0xffff};
     Require(lsetxattr(at("Data/listed").c_str(), "system.posix_acl_access", acl, sizeof acl, 0) == 0, "ACL");
     (void)SetFlags(at("Info"), FS_NODUMP_FL);
     const timespec times[] = {{1000000000, 1}, {1234567890, 987654321}};
