@@ -1,4 +1,4 @@
-"""The installed library serves its clients: README.md's C program, found by pkg-config and by CMake, and the examples."""
+"""The installed library serves the client that README.md shows, found by pkg-config and by CMake."""
 import os
 import pathlib
 import re
@@ -59,8 +59,5 @@ with tempfile.TemporaryDirectory(prefix="vaultry-installed-") as temporary:
     run(cmake, "--build", where / "build", where=where)
     keeps_a_letter(where / "build/shared", where)
     keeps_a_letter(where / "build/static", where)
-
-    run(cmake, "-G", "Ninja", "-S", root / "examples", "-B", where / "examples", where=where, env=environment)
-    run(cmake, "--build", where / "examples", where=where)
 
     run(prefix / "bin/vaultry", "--help", where=where, env={})
