@@ -184,12 +184,13 @@ bool Restore::GiveDocumentsRights()
 {
     TQFSSetFileNameExtensionHiding(restoredPath, extensionHidden);
 
+    // A link that somebody put into the store has no rights of its own, and its target is not ours to change.
     const Item item = Item::AtPath(restoredPath);
-    if (platform::SetMode(item, Links::Follow, _RestoredMode(stagedMode, before.mode)) != 0) {
+    if (platform::SetMode(item, Links::NoFollow, _RestoredMode(stagedMode, before.mode)) != 0) {
         Failure(error).Errno("failed to set final mode on \"%s\"", restoredPath);
         return DiscardRestored();
     }
-    if (platform::SetFlags(item, Links::Follow, before.flags) != 0 && errno != ENOTSUP) {
+    if (platform::SetFlags(item, Links::NoFollow, before.flags) != 0 && errno != ENOTSUP) {
         Failure(error).Errno("failed to set final flags on \"%s\"", restoredPath);
         return DiscardRestored();
     }

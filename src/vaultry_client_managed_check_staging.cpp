@@ -14,6 +14,7 @@
 #include <vaultry/filesystem.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <ctime>
@@ -60,10 +61,17 @@ void CheckUnique(const char *unique, Findings &findings)
     if (!staged.Format("%s/staged", unique)) return;
     TQFileStatus status;
     const bool holdsItem = platform::GetStatus(Item::AtPath(staged.c_str()), Links::NoFollow, &status) == 0;
+    const bool itemUnknown = !holdsItem && errno != ENOENT;
 
     char home[PATH_MAX] = "";
     const ssize_t length =
         platform::GetAttribute(Item::AtPath(unique), Links::NoFollow, kMovedFromAttribute, home, sizeof home - 1);
+    const bool noteUnknown = length < 0 && errno != ENODATA;
+    // What can't be read may be somebody's only copy: only what is surely absent counts as absent.
+    if (itemUnknown || (noteUnknown && holdsItem)) {
+        findings.Add(unique, "unreadable", "What lies here can't be read, so nothing can be said of it.");
+        return;
+    }
     if (length > 0 && holdsItem) {
         home[length] = '\0';
         findings.AddMendable(staged.c_str(), "document-in-staging",

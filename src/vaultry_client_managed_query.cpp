@@ -81,11 +81,11 @@ struct Query {
     }
 };
 
-bool GetMask(const TQDictionary *spec, const char *key, int64_t absent, uint64_t *mask, TQError **error)
+bool GetMask(const TQDictionary *spec, const char *key, const char *complaint, int64_t absent, uint64_t *mask,
+             TQError **error)
 {
     const TQValue *value = Lookup(spec, key);
-    if (value && !TQIsNumber(value))
-        return Failure(error).Refused(kTQStatusInvalidType, "invalid type for spec.%s", key);
+    if (value && !TQIsNumber(value)) return Failure(error).Refused(kTQStatusInvalidType, "%s", complaint);
     *mask = static_cast<uint64_t>(value ? TQNumberGetInt64(value) : absent);
     return true;
 }
@@ -110,8 +110,10 @@ bool GetClients(const TQDictionary *spec, Query *query, TQError **error)
 bool GetQuery(const TQDictionary *spec, Query *query, TQError **error)
 {
     return _genInfosFieldsGet(Lookup(spec, "fields"), &query->fields, &query->keys, error) &&
-           GetMask(spec, "withOptions", kDefaultWithOptions, &query->withOptions, error) &&
-           GetMask(spec, "withoutOptions", 0, &query->withoutOptions, error) && GetClients(spec, query, error);
+           GetMask(spec, "withOptions", "invalid type for spec.withOptions", kDefaultWithOptions, &query->withOptions,
+                   error) &&
+           GetMask(spec, "withoutOptions", "invalid type for spec.withoutOptions", 0, &query->withoutOptions, error) &&
+           GetClients(spec, query, error);
 }
 
 // Formatted here rather than by _GetPathToGeneration: a query neither validates names nor looks for them.

@@ -5,12 +5,13 @@
 #include "Platform/FileStatus.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_storage.h"
 
-#include <vaultry/archive.h>
 #include <vaultry/filesystem.h>
 #include <vaultry/metadata.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <sys/stat.h>
 
@@ -39,6 +40,17 @@ private:
     PathBuffer path_;
 };
 
+// A URL of a directory ends in "/", which the path of a file must not.
+bool WithoutTrailingSlashes(const char *path, char (&result)[PATH_MAX])
+{
+    size_t length = strlen(path);
+    while (length > 1 && path[length - 1] == '/') --length;
+    if (length >= sizeof result) return false;
+    memcpy(result, path, length);
+    result[length] = '\0';
+    return true;
+}
+
 bool ApplyFinalRights(const char *destination, uint16_t mode, uint32_t flags, TQError **error)
 {
     const Item item = Item::AtPath(destination);
@@ -56,7 +68,8 @@ TQURL *TQClientManagedStorageCopyURLForGeneration(const TQClientManagedStorage *
 {
     LockedGeneration generation;
     if (!generation.ForReading(store, name, error)) return nullptr;
-    return TQURLCreateWithFileSystemPath(generation.path(), /*isDirectory=*/false);
+    TQURL *url = TQURLCreateWithFileSystemPath(generation.path(), /*isDirectory=*/false);
+    return url ? url : Failure(error).Status(kTQStatusFailed, "malloc failed");
 }
 
 uint64_t TQClientManagedStorageGetGenerationOptions(const TQClientManagedStorage *store, const char *name,
@@ -79,7 +92,9 @@ TQDictionary *TQClientManagedStorageCopyGenerationInfoDictionary(const TQClientM
     LockedGeneration generation;
     if (!generation.ForReading(store, name, error)) return nullptr;
     const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(generation.path(), error));
-    return info ? TQDictionaryCreateCopy(info.get()) : nullptr;
+    if (!info) return nullptr;
+    TQDictionary *copy = TQDictionaryCreateCopy(info.get());
+    return copy ? copy : Failure(error).Status(kTQStatusFailed, "malloc failed");
 }
 
 TQValue *TQClientManagedStorageCopyGenerationInfoValueForKey(const TQClientManagedStorage *store, const char *name,
@@ -146,19 +161,18 @@ bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, c
     if (!generation.ForReading(store, name, error)) return false;
     if (!destination || destination[0] == '\0')
         return Failure(error).Refused(kTQStatusBadPath, "no destination path was supplied");
-    if (_PathExists(destination))
-        return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", destination);
+    char target[PATH_MAX];
+    if (!WithoutTrailingSlashes(destination, target))
+        return Failure(error).Refused(kTQStatusBadPath, "the destination path is too long");
+    if (_PathExists(target)) return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", target);
 
     uint16_t mode = 0;
     uint32_t flags = 0;
-    ScopeExit removeDestination([destination] { (void)_RemoveTree(destination, 0, nullptr); });
-    errno = 0;
-    if (!TQCopyOutGeneration(generation.path(), destination, &mode, &flags, error)) {
-        // What somebody put there since we looked, or a dangling link, is not ours to remove.
-        if (errno == EEXIST) removeDestination.Dismiss();
-        return false;
-    }
-    if (!ApplyFinalRights(destination, mode, flags, error)) return false;
-    removeDestination.Dismiss();
-    return true;
+    // What somebody put there since we looked, or a link to nothing, is not ours to remove.
+    bool made = false;
+    if (_CopyOutGeneration(generation.path(), target, &mode, &flags, &made, error) &&
+        ApplyFinalRights(target, mode, flags, error))
+        return true;
+    if (made) (void)_RemoveTree(target, 0, nullptr);
+    return false;
 }

@@ -108,5 +108,6 @@ TQArray *TQClientManagedStorageCopyGenerationNames(const TQClientManagedStorage 
     // A read that fails ends the list like the end of the directory does.
     while (const dirent *entry = readdir(directory.get()))
         if (entry->d_name[0] != '.' && !AppendName(names.get(), entry->d_name, error)) return nullptr;
-    return TQArrayCreateCopy(names.get());
+    TQArray *copy = TQArrayCreateCopy(names.get());
+    return copy ? copy : Failure(error).Status(kTQStatusFailed, "malloc failed");
 }

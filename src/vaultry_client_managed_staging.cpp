@@ -51,12 +51,17 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
         return Failure(error).Status(kTQStatusFailed, "Staging path provided to remove was not in staging directory");
     if (path[prefixLength] == '\0') return true;
 
-    const char *slash = strchr(path + prefixLength, '/');
-    if (!slash) return _RemoveTree(path, 0, error);
-    const size_t length = static_cast<size_t>(slash - path);
+    // Such names lead back to the staging area or out of it, and with it everything would go.
+    const char *unique = path + prefixLength;
+    const size_t uniqueLength = strcspn(unique, "/");
+    if (uniqueLength == 0 || strncmp(unique, "..", uniqueLength) == 0)
+        return Failure(error).Status(kTQStatusFailed, "Staging path provided to remove was not in staging directory");
+    if (unique[uniqueLength] == '\0') return _RemoveTree(path, 0, error);
+
+    const size_t length = prefixLength + uniqueLength;
     if (length >= PathBuffer::kCapacity)
         return Failure(error).Status(kTQStatusBadPath, "staging path to remove is too long");
-    PathBuffer unique;
-    (void)unique.Format("%.*s", static_cast<int>(length), path);
-    return _RemoveTree(unique.c_str(), 0, error);
+    PathBuffer directory;
+    (void)directory.Format("%.*s", static_cast<int>(length), path);
+    return _RemoveTree(directory.c_str(), 0, error);
 }

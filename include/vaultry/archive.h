@@ -23,7 +23,8 @@ TQ_BEGIN_DECLS
 ///                      cancelled (kTQStatusFailed, ECANCELED underneath); else moves by rename, and archives then.
 /// @param makeReadable  Whether archived items get read rights (and directories search rights) for all.
 /// @param archive       Whether to archive every item.
-/// @return false on failure, with what was copied or moved so far at `destination`.
+/// @return false on failure. What was copied so far, or a moved tree that could not be archived, is then at
+///         `destination`; one whose own mode or flags could not be put back is at `source` again.
 TQ_EXPORT bool TQAddPathAsGeneration(const char *source, const char *destination, bool copy, bool makeReadable,
                                      bool archive, TQError **error);
 

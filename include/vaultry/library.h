@@ -103,7 +103,7 @@ TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, con
 /// Puts a generation in the place of a document, which keeps its own permissions, flags and hidden extension.
 ///
 /// The document is moved aside, the generation moved into its place, and only then is the old document
-/// removed; any failure in between puts it back. If the extensions of `name` and of the document differ, the
+/// removed; a failure before that puts it back. If the extensions of `name` and of the document differ, the
 /// restored document gets the generation's, and nothing may stand at that path (kTQStatusExists). Where there is no
 /// document, the generation is copied to its path.
 ///
@@ -111,7 +111,10 @@ TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, con
 /// @param backupName  May be null; else the document is first kept under this name, with options 1, and that
 ///                    generation is removed again if the restore fails.
 /// @return true if the document now holds the generation and its previous state is gone from beside it. Otherwise
-///         the document is as it was, for a reason in TQErrorGetStatus:
+///         the document is as it was, unless its previous state could not be removed whole at the end: what is
+///         left of that is then under a name with "-tmp.nosync." beside it, or back at its path, and
+///         the backup is gone. The same name holds it if a copy from another volume was cut short.
+///         Reasons in TQErrorGetStatus:
 ///         kTQStatusInvalidArgument  the name is not a generation name, or there is no such generation
 ///         kTQStatusBadPath          not a file URL, or the document's path has 1,006 bytes or more
 ///         kTQStatusExists           the backup's name, or the path with the new extension, is taken

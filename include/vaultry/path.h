@@ -29,7 +29,8 @@ TQ_EXPORT bool validateTQName(const TQString *name, TQError **error);
 /// the caller: it lives until the innermost deferred-release scope ends. Null for a null or empty path.
 TQ_EXPORT TQURL *tq_fileURLWithFileSystemRepresentation(const char *path);
 
-/// The path of `url` as it was given, which lives as long as the URL. Null if it has none.
+/// The path of `url`, a relative one of a file URL resolved against its base or else the current directory. Lives as
+/// long as the URL and the innermost deferred-release scope. Null if it has none, or one of 4,096 bytes or more.
 TQ_EXPORT const char *tq_fileSystemRepresentation(const TQURL *url);
 
 /// Writes the absolute path of a file URL, resolved against its base.

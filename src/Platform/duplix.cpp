@@ -22,6 +22,7 @@ public:
     TreeCopy(DuplixCallback callback, void *context) : reports_(callback, context) {}
 
     bool Run(const char *source, const char *destination);
+    bool madeSomething() const { return madeSomething_; }
 
 private:
     bool RefusedFromTheStart(const char *source, const char *destination);
@@ -48,6 +49,7 @@ private:
     DataCopier data_;
     AttributeCopier attributes_;
     size_t sourceLength_ = 0;
+    bool madeSomething_ = false;
 };
 
 bool TreeCopy::Run(const char *source, const char *destination)
@@ -128,7 +130,9 @@ Copied TreeCopy::EnterDirectory(const Entry &entry)
         errno = EINVAL; // met through another mount: it would be copied into itself for ever
         return Copied::No;
     }
-    return tree_.EnterNewDirectory() ? Copied::Yes : Copied::No;
+    const bool entered = tree_.EnterNewDirectory();
+    madeSomething_ = madeSomething_ || tree_.isMade();
+    return entered ? Copied::Yes : Copied::No;
 }
 
 bool TreeCopy::FinishDirectory(const Entry &entry)
@@ -216,6 +220,7 @@ Copied TreeCopy::CopyFile(const Entry &entry)
     const Item &item = tree_.item();
     const UniqueFd to(openat(item.directory, item.name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     TQFileStatus made;
+    madeSomething_ = madeSomething_ || to;
     if (!to || GetStatusOfFd(to.get(), &made) != 0) return Copied::No;
     const Copied result =
         _CopyOpenFile(from.get(), source, to.get(), made, tree_.isRoot(), data_, attributes_, reports_);
@@ -234,6 +239,7 @@ Copied TreeCopy::CopyLink(const Entry &entry)
 
     const Item &item = tree_.item();
     if (symlinkat(target, item.directory, item.name) != 0) return Copied::No;
+    madeSomething_ = true;
     if (const Copied result = CopyLinkMetadata(entry.status, item); result != Copied::Yes) return result;
     return reports_.Finish(duplix_what::File, -1) ? Copied::Yes : Copied::Stopped;
 }
@@ -256,11 +262,13 @@ bool TreeCopy::ReportWalk(const Entry &entry)
     return reached;
 }
 
-int duplix(const char *source, const char *destination, DuplixCallback callback, void *context)
+int duplix(const char *source, const char *destination, DuplixCallback callback, void *context, bool *made)
 {
     const int before = errno;
     TreeCopy copy(callback, context);
-    if (!copy.Run(source, destination)) return -1;
+    const bool copied = copy.Run(source, destination);
+    if (made) *made = copy.madeSomething();
+    if (!copied) return -1;
     errno = before;
     return 0;
 }

@@ -60,8 +60,9 @@ namespace platform {
 
 // 0 if the end was reached; -1 with errno when the callback quit (ECANCELED if it left none) or, with no callback, at
 // the first error. EINVAL if the destination lies inside the source. Both paths, and those of every item, have at most
-// 4,095 bytes. Nothing is removed on failure. errno is untouched on success.
-int duplix(const char *source, const char *destination, DuplixCallback callback, void *context);
+// 4,095 bytes. Nothing is removed on failure; `made`, unless null, then says whether there is something at the
+// destination that was made here. errno is untouched on success.
+int duplix(const char *source, const char *destination, DuplixCallback callback, void *context, bool *made = nullptr);
 
 // The same of one open regular file's data, attributes, lists, owner, mode, times and flags. What the destination
 // holds goes first; attributes that only it has stay. Moves the position of `source`. A failure leaves part of a copy.

@@ -80,7 +80,8 @@ bool DestinationTree::NameItem(const char *name, const char *below)
 
 bool DestinationTree::EnterNewDirectory()
 {
-    if (mkdirat(item_.directory, item_.name, S_IRWXU) != 0) return false;
+    isMade_ = mkdirat(item_.directory, item_.name, S_IRWXU) == 0;
+    if (!isMade_) return false;
     constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     UniqueFd made(openat(item_.directory, item_.name, kFlags));
     // A strict umask can make a directory that its maker can't read.

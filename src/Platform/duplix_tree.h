@@ -31,6 +31,8 @@ public:
     // Makes the item named last and goes down into it. What the directory above hands down, a default list or flags,
     // is taken from the root at once, so that it reaches nothing below. False with errno.
     bool EnterNewDirectory();
+    // Whether it was at least made.
+    bool isMade() const { return isMade_; }
     // Whether `directory` is the root that was made: a copy met in its own source.
     bool IsRootMade(const TQFileStatus &directory) const;
 
@@ -46,6 +48,7 @@ private:
     DirectoryStack directories_;
     Item item_{};
     bool isRoot_ = false;
+    bool isMade_ = false;
     bool rootMade_ = false;
     TQFileStatus root_{};
     const char *rootName_ = nullptr;

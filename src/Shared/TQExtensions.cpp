@@ -3,6 +3,7 @@
 
 #include <vaultry/path.h>
 
+#include <vaultry/data.h>
 #include <vaultry/filesystem.h>
 #include <vaultry/status.h>
 
@@ -10,6 +11,7 @@
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
 
+#include <climits>
 #include <cstring>
 #include <memory>
 
@@ -56,9 +58,16 @@ TQURL *tq_fileURLWithFileSystemRepresentation(const char *path)
     return static_cast<TQURL *>(TQDefer(TQURLCreateWithFileSystemPath(path, /*isDirectory=*/false)));
 }
 
+// What is relative means something only together with its base; below, the path would be taken for one
+// relative to the current directory.
 const char *tq_fileSystemRepresentation(const TQURL *url)
 {
-    return TQURLGetPath(url);
+    const char *path = TQURLGetPath(url);
+    if (!path || path[0] == '/' || !TQURLIsFileURL(url)) return path;
+    char absolute[PATH_MAX];
+    if (!TQURLGetFileSystemRepresentation(url, absolute, sizeof absolute)) return nullptr;
+    return static_cast<const char *>(
+        TQDataGetBytes(static_cast<TQData *>(TQDefer(TQDataCreate(absolute, strlen(absolute) + 1)))));
 }
 
 bool TQURLGetAbsPath(const TQURL *url, char *buffer, size_t size, TQError **error)

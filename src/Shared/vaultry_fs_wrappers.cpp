@@ -55,6 +55,10 @@ const char *OrEmpty(const char *path)
 
 int _SafeStatFS(const char *path, TQVolumeStatus *out)
 {
+    if (!out) {
+        errno = EFAULT;
+        return -1;
+    }
     return platform::GetVolumeStatus(OrEmpty(path), out);
 }
 
@@ -80,12 +84,12 @@ bool _IsDirectory(const char *path, const TQFileStatus *status)
 
 bool _HasAttribute(const char *path, const char *name)
 {
-    return platform::GetAttribute(Item::AtPath(OrEmpty(path)), Links::NoFollow, name, nullptr, 0) >= 0;
+    return platform::GetAttribute(Item::AtPath(OrEmpty(path)), Links::NoFollow, OrEmpty(name), nullptr, 0) >= 0;
 }
 
 bool _FDHasAttribute(int fd, const char *name)
 {
-    return platform::GetAttributeOfFd(fd, name, nullptr, 0) >= 0;
+    return platform::GetAttributeOfFd(fd, OrEmpty(name), nullptr, 0) >= 0;
 }
 
 bool _SetCopyOnWrite(const char *path)

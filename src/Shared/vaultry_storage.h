@@ -53,6 +53,10 @@ bool IsItemFinished(int what, int stage);
 int QuitOnCopyError(TQError **error, int what, int stage, const char *source, const char *destination);
 bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status);
 
+// TQCopyOutGeneration that also says whether there is something at the destination that was made here.
+bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, bool *made,
+                        TQError **error);
+
 // Archives one item. `status` may be null; it is then asked for.
 bool _ArchiveItem(const char *path, const TQFileStatus *status, bool makeReadable, TQError **error);
 

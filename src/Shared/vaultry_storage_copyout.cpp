@@ -78,36 +78,37 @@ bool Unarchive(int fd, const char *path, const TQFileStatus &status, TQError **e
     return true;
 }
 
-void LogErrno(const char *call, const char *path)
-{
-    const int errorNumber = errno;
-    char text[256];
-    Log(kLogError).Line("%s on path \"%s\" returned error %d (%s)\n", call, path, errorNumber,
-                        strerror_r(errorNumber, text, sizeof text));
-}
-
 // The caller may still want to move the copy, and applies its final mode and flags itself.
 void LeaveChangeable(const char *path, const TQFileStatus &status)
 {
     const Item item = Item::AtPath(path);
+    char text[256];
     if ((status.flags & kBlockingFlags) != 0 &&
         platform::SetFlags(item, Links::NoFollow, status.flags & ~kBlockingFlags) != 0 && errno != ENOTSUP)
-        LogErrno("chflags", path);
+        Log(kLogError).Line("chflags on path \"%s\" returned error %d (%s)\n", path, errno,
+                            strerror_r(errno, text, sizeof text));
     if (S_ISDIR(status.mode) && (status.mode & kWriteBits) != kWriteBits &&
         platform::SetMode(item, Links::NoFollow, (status.mode | kWriteBits) & 07777) != 0)
-        LogErrno("chmod", path);
+        Log(kLogError).Line("chmod on path \"%s\" returned error %d (%s)\n", path, errno,
+                            strerror_r(errno, text, sizeof text));
 }
 
 } // namespace
 
 bool TQCopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, TQError **error)
 {
+    return _CopyOutGeneration(path, destination, mode, flags, /*made=*/nullptr, error);
+}
+
+bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, bool *made,
+                        TQError **error)
+{
     if (error) *error = nullptr;
     if (mode) *mode = 0;
     if (flags) *flags = 0;
     if (!path || !destination || !mode || !flags)
         return Failure(error).Refused(kTQStatusBadPath, "no path was supplied");
-    if (platform::duplix(path, destination, _DuplixUnarchiveCallback, error) != 0) return false;
+    if (platform::duplix(path, destination, _DuplixUnarchiveCallback, error, made) != 0) return false;
 
     TQFileStatus status;
     if (platform::GetStatus(Item::AtPath(destination), Links::Follow, &status) != 0)

@@ -58,18 +58,24 @@ bool _GiveDocumentBack(const char *moved, const char *source)
     const ErrnoKeeper keeper;
     const Item home = Item::AtPath(source);
     TQFileStatus status;
-    if (platform::GetStatus(Item::AtPath(moved), Links::NoFollow, &status) != 0 && errno == ENOENT) return true;
+    const bool known = platform::GetStatus(Item::AtPath(moved), Links::NoFollow, &status) == 0;
+    if (!known && errno == ENOENT) return true;
 
-    (void)_MakeMovable(moved, status); // the rename tells whether it was enough
+    if (known) (void)_MakeMovable(moved, status); // the rename tells whether it was enough
     if (platform::RenameIntoNothing(moved, source) != 0) {
         Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", source, moved);
         return false;
     }
-    (void)platform::SetMode(home, Links::NoFollow, status.mode & 07777);
-    (void)platform::SetFlags(home, Links::NoFollow, status.flags);
+    if (known) {
+        (void)platform::SetMode(home, Links::NoFollow, status.mode & 07777);
+        (void)platform::SetFlags(home, Links::NoFollow, status.flags);
+    }
 
     TreeWalk walk;
-    if (!walk.Open(source)) return true;
+    if (!walk.Open(source)) {
+        Failure(nullptr).Errno("Failed to give the document at \"%s\" its permissions back", source);
+        return true;
+    }
     while (const TreeWalk::Entry *entry = walk.Next())
         if (entry->kind == Kind::File || entry->kind == Kind::Other || entry->kind == Kind::DirectoryDone)
             UndoArchiving(*entry);

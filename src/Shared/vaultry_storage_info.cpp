@@ -69,8 +69,8 @@ bool WriteInfoDictionary(const char *path, TQDictionary *info, TQError **error)
 
     const ErrnoKeeper keeper;
     if (LogAdmits(kLogError)) {
-        const auto format = Ref<TQString>::Adopt(TQStringCreateWithFormat(
-            "Failed to create property list for new info dictionary for path \"%%s\"; error %%@\n"));
+        const auto format = Ref<TQString>::Adopt(
+            TQStringCreate("Failed to create property list for new info dictionary for path \"%s\"; error %@\n"));
         _TQLogMsg(kLogError, __builtin_FILE(), __builtin_LINE(), format.get(), path, why.get());
     }
     if (error) *error = why.Detach();

@@ -367,3 +367,86 @@ TEST_F(VaultryCommand, ExplainsItself)
     EXPECT_THAT(Run({"--version"}).out, MatchesRegex("vaultry [0-9.]+\n"));
     EXPECT_THAT(Run({"-v", "add", "--name", "x", home / "."}).err, HasSubstr(".cpp:"));
 }
+
+TEST_F(VaultryCommand, RestoresInPlaceAndKeepsWhatWasThere)
+{
+    const std::string document = disk::Write(home / "report.txt", "first\n", 0640);
+    ASSERT_EQ(Run({"add", "--name", "draft-1.txt", document}).exitCode, 0);
+    disk::Write(document, "second\n", 0640);
+    const struct {
+        Words words;
+        std::string wanted, says;
+        int exitCode = 0;
+        size_t kept; // generations afterwards
+    } rows[] = {
+        {{"restore", "draft", document}, "first\n", "kept as \"report-20", 0, 2},
+        {{"restore", "--no-backup", "--at", "2999-01-01", document}, "second\n", "restored from \"report-20", 0, 2},
+        {{"restore", "--backup", "mine", "draft-1.txt", document}, "first\n", "kept as \"mine\"", 0, 3},
+        {{"restore", "--backup", "mine", "draft-1.txt", document}, "first\n", "already exists", 4, 3},
+        {{"restore", "--at", "1999-01-01", document}, "first\n", "no generation", 3, 3},
+        {{"restore", "--at", "soon", document}, "first\n", "is no time", 2, 3},
+        {{"restore", "--latest", document, "draft"}, "first\n", "DOCUMENT alone", 2, 3},
+        {{"restore", document}, "first\n", "wants a NAME", 2, 3},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.words));
+        const Result result = Run(row.words);
+        EXPECT_EQ(result.exitCode, row.exitCode);
+        EXPECT_THAT(result.out + result.err, HasSubstr(row.says));
+        EXPECT_EQ(disk::Read(document), row.wanted);
+        EXPECT_EQ(disk::Mode(document), 0640u);
+        EXPECT_EQ(Kept().size(), row.kept);
+        EXPECT_EQ(disk::List(home.path()), Words({".local", "report.txt"}));
+    }
+    // The backup is one of the document's generations like any other; a document that is gone is copied back.
+    EXPECT_THAT(Run({"list", document}).out, HasSubstr("mine"));
+    ASSERT_EQ(unlink(document.c_str()), 0);
+    EXPECT_EQ(Run({"restore", "draft-1.txt", document}).exitCode, 0);
+    EXPECT_EQ(disk::Read(document), "first\n");
+    EXPECT_EQ(Kept().size(), 3u);
+}
+
+TEST_F(VaultryCommand, ShowsAndSetsWhatIsKnownOfAGeneration)
+{
+    const std::string document = disk::Write(home / "caf\xe9.txt", "one\n", 0604);
+    ASSERT_EQ(Run({"add", "--name", "kept", document}).exitCode, 0);
+    ASSERT_EQ(Run({"add", "--name", "kelp", Document("report.txt")}).exitCode, 0);
+    const std::string value = "{\"list\":[1,-2.5,true,\"x\"],\"when\":{\"$date\":\"2026-03-01T10:15:30.25Z\"},"
+                              "\"raw\":{\"$data\":\"AP8=\"}}";
+    const struct {
+        Words words;
+        int exitCode;
+        std::string says;
+    } rows[] = {
+        {{"set", "kep", "author=Ada", "all:=" + value, "--display-name", "Brief", "--options", "0x6"}, 0, ""},
+        {{"show", "--json", "kep"}, 0, "\"all\":" + value},
+        {{"show", "--json", "kept"}, 0, "\"mode\":\"0604\""},
+        {{"show", "--json", "kept"}, 0, "\"document_base64\":\""},
+        {{"show", "kept"}, 0, "display_name: Brief"},
+        {{"list", "--json", "--client", "nimbusync"}, 0, "\"options\":6,\"display_name\":\"Brief\""},
+        {{"list", "--client", "draftline", "--long"}, 0, "kelp"},
+        {{"list", "--json", "--without-options", "2"}, 0, "{\"name\":\"kelp\""},
+        {{"set", "kept", "--unset", "author"}, 0, ""},
+        {{"set", "kept", "--unset", "author"}, 1, "there is no such key"},
+        {{"set", "kept", "x:=null"}, 2, "can't be null"},
+        {{"set", "kept", "x:={"}, 2, "is not JSON"},
+        {{"set", "kept", "=x"}, 2, "neither key=text"},
+        {{"set", "kept", "--options", "-1"}, 2, "no number"},
+        {{"show", "ke"}, 1, "the beginning of 2"},
+        {{"show", "other"}, 3, "no generation"},
+        {{"diff", "kept"}, 0, ""},
+        {{"diff", "kept", "kelp"}, 1, "-one\n+words\n"},
+        {{"diff", "--json", "kept", "kelp"}, 1, "{\"path\":\"\",\"change\":\"content\"}"},
+        {{"check"}, 0, "is well"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.words));
+        const Result result = Run(row.words);
+        EXPECT_EQ(result.exitCode, row.exitCode);
+        EXPECT_THAT(result.out + result.err, HasSubstr(row.says));
+    }
+    ASSERT_EQ(chmod((store + "/kept").c_str(), 0644), 0);
+    EXPECT_THAT(Run({"check", store}).out, HasSubstr("kept: The item may be written to."));
+    EXPECT_THAT(Run({"check", "--repair", "--json"}).out, HasSubstr("\"kind\":\"unprotected\",\"meaning\":\"The item"));
+    EXPECT_EQ(Run({"check"}).exitCode, 0);
+}

@@ -18,20 +18,11 @@
 #include <vaultry/status.h>
 
 #include <cerrno>
-#include <ctime>
 #include <sys/stat.h>
 #include <unistd.h>
 
 // Names of documents added in one second differ by a number; more than this many are not to be expected.
 static constexpr unsigned kMaximumAttempts = 1000;
-
-// With its fraction, so that what is added within a second is listed in its order.
-static double _Now()
-{
-    struct timespec now {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
 
 class Addition {
 public:
@@ -61,7 +52,7 @@ private:
     const std::optional<std::string> givenName_;
     const bool isMove_;
     ProgressBar &bar_;
-    const double now_ = _Now();
+    const double now_ = PresentTime();
 
     std::string name_;
     Owned<TQError> error_;      // of the last try

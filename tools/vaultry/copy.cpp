@@ -63,10 +63,7 @@ static std::string _FreeDestination(const Store &store, const std::string &given
 
 static void _Copy(const Store &store, const std::string &name, const std::string &destination)
 {
-    // Asks for the store's lock, so before signals are caught: until then a signal has nothing to clean up.
     const std::string source = ProgressBar::AreShown() ? store.PathOf(name) : "";
-    const InterruptGuard interrupts("\nvaultry: stopping: the copy is removed as soon as it is through; "
-                                    "once more ends at once and leaves what is there\n");
     Owned<TQError> error;
     bool isCopied = false;
     {
@@ -76,8 +73,7 @@ static void _Copy(const Store &store, const std::string &name, const std::string
     if (InterruptGuard::Came()) {
         Owned<TQError> removal;
         if (isCopied && !_RemoveTree(destination.c_str(), 0, removal.out()))
-            throw CommandFailure::Library("stopped, but can't remove " + Quoted(destination), removal.get());
-        throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
+            Say(CommandFailure::Library("can't remove " + Quoted(destination), removal.get()).what());
     }
     if (isCopied) return;
     const CommandFailure failure =
@@ -87,12 +83,26 @@ static void _Copy(const Store &store, const std::string &name, const std::string
     throw CommandFailure(failure.exitCode(), std::string(failure.what()) + "\n  " + kAttributeSpaceIsFull);
 }
 
-int RunCopy(const Arguments &arguments)
+static std::string _CopyTo(const Arguments &arguments, std::string &name)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
-    const std::string name = ResolveGeneration(store, arguments.name);
+    name = ResolveGeneration(store, arguments.name);
     const std::string destination = _FreeDestination(store, _DestinationPath(store, name, arguments.destination));
     _Copy(store, name, destination);
+    return destination;
+}
+
+int RunCopy(const Arguments &arguments)
+{
+    const InterruptGuard interrupts("\nvaultry: stopping: the copy is removed as soon as it is through; "
+                                    "once more ends at once and leaves what is there\n");
+    std::string name, destination;
+    try {
+        destination = _CopyTo(arguments, name);
+    } catch (const CommandFailure &) {
+        if (!InterruptGuard::Came()) throw; // else it failed because it was stopped
+    }
+    if (InterruptGuard::Came()) throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
     if (arguments.json) {
         Json object;
         PutBytes(object, "generation", name);

@@ -52,7 +52,7 @@ static std::optional<std::string> _BackupName(const Store &store, const Argument
 static void _RecordBackup(const Store &store, const std::string &backup, const std::string &document)
 {
     const Owned<TQData> path(TQDataCreate(document.data(), document.size()));
-    const Owned<TQDate> now(TQDateCreate(static_cast<double>(time(nullptr))));
+    const Owned<TQDate> now(TQDateCreate(PresentTime()));
     const auto set = [&](const char *key, TQValue *value) {
         return TQClientManagedStorageSetGenerationInfoValueForKey(store.handle(), backup.c_str(), MakeString(key).get(),
                                                                   value, nullptr);

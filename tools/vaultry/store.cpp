@@ -7,6 +7,8 @@
 
 #include <vaultry/url.h>
 
+#include <ctime>
+
 static CommandFailure _NoStore(const std::string &path)
 {
     return CommandFailure(kExitFailure,
@@ -113,4 +115,11 @@ GenerationInfo Store::InfoOf(const std::string &name) const
     const TQValue *time = TQDictionaryGetValue(dictionary.get(), MakeString(kTimeKey).get());
     if (TQGetTypeID(time) == TQDateGetTypeID()) info.time = TQDateGetSeconds(static_cast<const TQDate *>(time));
     return info;
+}
+
+double PresentTime()
+{
+    struct timespec now {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
