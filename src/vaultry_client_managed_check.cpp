@@ -144,6 +144,14 @@ void Findings::Add(const char *path, const char *kind, const char *meaning, bool
                 TQArrayAppendValue(list_.get(), finding.get());
 }
 
+bool Findings::IsNewDocument(const char *path)
+{
+    const auto document = Ref<TQData>::Adopt(TQDataCreate(path, strlen(path)));
+    if (TQSetContainsValue(documents_.get(), document.get())) return false;
+    complete_ = complete_ && TQSetAddValue(documents_.get(), document.get());
+    return true;
+}
+
 TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, TQError **error)
 {
     if (!_IsDirectory(rootPath, /*status=*/nullptr))

@@ -21,6 +21,9 @@ public:
         Add(path, kind, meaning, repair_ && mend());
     }
 
+    // Whether a document is looked at for the first time: many generations are of one document.
+    bool IsNewDocument(const char *path);
+
     // Null if memory ran out on the way: a list with gaps would say that all is well.
     TQArray *Detach() { return complete_ ? list_.Detach() : nullptr; }
 
@@ -28,6 +31,7 @@ private:
     bool repair_;
     bool complete_ = true;
     Ref<TQArray> list_;
+    Ref<TQSet> documents_ = Ref<TQSet>::Adopt(TQSetCreateMutable());
 };
 
 void _CheckGeneration(const char *path, Findings &findings);

@@ -154,7 +154,7 @@ void _CheckGeneration(const char *path, Findings &findings)
 void _CheckPlaceholders(const char *generationPath, Findings &findings)
 {
     PathBuffer document;
-    if (!GetRecordedDocument(generationPath, document)) return;
+    if (!GetRecordedDocument(generationPath, document) || !findings.IsNewDocument(document.c_str())) return;
     PathBuffer parent;
     const char *name = separate_path_parent_child(document.c_str(), parent.data());
     const char *directoryPath = parent.c_str()[0] == '\0' ? "/" : parent.c_str();
