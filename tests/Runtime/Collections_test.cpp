@@ -56,17 +56,6 @@ TEST(Dictionary, KeepsEveryPairInOrderThroughManyChanges)
     EXPECT_EQ(TQDictionaryGetValue(dictionary, Number(1000).get()), nullptr);
 }
 
-TEST(Dictionary, HoldsTensOfThousands)
-{
-    const auto dictionary = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutable());
-    for (int i = 0; i < 50000; ++i)
-        TQDictionarySetValue(dictionary.get(), Text("key " + std::to_string(i)).get(), Number(i).get());
-    for (int i = 0; i < 50000; i += 2)
-        EXPECT_TRUE(TQDictionaryRemoveValue(dictionary.get(), Text("key " + std::to_string(i)).get()));
-    EXPECT_EQ(TQDictionaryGetCount(dictionary.get()), 25000u);
-    EXPECT_EQ(TQNumberGetInt64(TQDictionaryGetValue(dictionary.get(), Text("key 49999").get())), 49999);
-}
-
 TEST(Set, HoldsEachValueOnce)
 {
     const auto set = Ref<TQSet>::Adopt(TQSetCreateMutable());

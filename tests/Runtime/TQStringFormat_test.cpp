@@ -34,7 +34,7 @@ TEST(StringFormat, ConvertsAsPrintfDoes)
 {
     for (const char *flags : {"",  "-",   "+",   " ",  "0",  "#",   "-+",   "+0",    " 0",  "#0", "'",
                               "5", "-12", "012", ".0", ".3", "8.3", "-8.3", "+08.3", "#.4", "."}) {
-        const auto with = [&](const char *rest) { return "%" + std::string(flags) + rest; };
+        const auto with = [&](const char *rest) { return std::string(1, '%').append(flags).append(rest); };
         for (const int value : {0, 1, -1, 300, -70000, INT_MIN, INT_MAX})
             for (const char *kind : {"d", "i", "u", "o", "x", "X", "hd", "hhd", "hu", "hhx"})
                 ExpectAsPrintf(with(kind), value);
