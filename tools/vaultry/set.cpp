@@ -77,9 +77,8 @@ static void _Apply(const Store &store, const std::string &name, const Change &ch
 int RunSet(const Arguments &arguments)
 {
     const std::vector<Change> changes = _ParseChanges(arguments);
-    const std::optional<uint64_t> options =
-        arguments.options ? std::optional(_ParseOptions(*arguments.options)) : std::nullopt;
-    if (changes.empty() && !options && !arguments.displayName)
+    const uint64_t options = arguments.options ? _ParseOptions(*arguments.options) : 0;
+    if (changes.empty() && !arguments.options && !arguments.displayName)
         throw CommandFailure(kExitUsage, "there is nothing to set; \"vaultry set --help\" tells what can be");
 
     const Store store = Store::Require(LocateStore(arguments.store));
@@ -90,7 +89,8 @@ int RunSet(const Arguments &arguments)
         !TQClientManagedStorageSetGenerationOriginalDisplayName(store.handle(), name.c_str(),
                                                                 MakeString(*arguments.displayName).get(), error.out()))
         throw CommandFailure::Library("can't set the display name of " + Quoted(name), error.get());
-    if (options && !TQClientManagedStorageSetGenerationOptions(store.handle(), name.c_str(), *options, error.out()))
+    if (arguments.options &&
+        !TQClientManagedStorageSetGenerationOptions(store.handle(), name.c_str(), options, error.out()))
         throw CommandFailure::Library("can't set the options of " + Quoted(name), error.get());
     return kExitSuccess;
 }
