@@ -212,10 +212,12 @@ TEST(StoreQueryConcurrency, AQueryConcurrentWithAddsAndRemovalsSeesOneMoment)
 {
     TestStore store(TestStore::Document::File);
     const pid_t writer = fork();
-    for (int i = 0; writer == 0; ++i) {
-        const bool good = store.Add("first", nullptr, true, 2) && store.Add("second", nullptr, true, 6) &&
-                          store.Remove({"first", "second"});
-        if (!good || i == 20) _exit(good ? 0 : 1);
+    if (writer == 0) {
+        bool good = true;
+        for (int i = 0; i < 20; ++i)
+            good = good && store.Add("first", nullptr, true, 2) && store.Add("second", nullptr, true, 6) &&
+                   store.Remove({"first", "second"});
+        _exit(good ? 0 : 1);
     }
     std::atomic<int> seen = 0;
     const auto read = [&] {
