@@ -246,10 +246,10 @@ TEST_P(LibraryRestore, ARefusalLeavesTheDocumentAndTheStoreAsTheyWere)
 TEST_P(LibraryRestore, AnyFailureLeavesTheDocumentWhole)
 {
     ASSERT_TRUE(Keep("g.txt", kFile) && Keep("f", kFolder));
-    Calls calls{{SYS_openat}};
-    for (const Calls &more : {kRename, kMode, kFlags, kMakeDirectory, kRemove})
-        calls.numbers.insert(calls.numbers.end(), more.numbers.begin(), more.numbers.end());
     for (const bool folder : {kFile, kFolder}) {
+        Calls calls{{folder ? SYS_mkdirat : SYS_openat}}; // makes the placeholder
+        for (const Calls &more : {kRename, kMode, kFlags, kMakeDirectory, kRemove})
+            calls.numbers.insert(calls.numbers.end(), more.numbers.begin(), more.numbers.end());
         const auto round = [&](const Fault &fault, std::string *) {
             const std::string document = Make("c.txt", folder, folder ? 0555 : 0640);
             disk::SetFlags(document, FS_NODUMP_FL);
