@@ -76,7 +76,7 @@ struct Report {
 Report *report;
 int allocationsLeft = -1;
 
-bool AllocationFails()
+[[maybe_unused]] bool AllocationFails()
 {
     if (allocationsLeft <= 0 || --allocationsLeft > 0) return false;
     report->allocationFailed = true;
