@@ -20,6 +20,7 @@
 
 namespace {
 
+constexpr size_t kMaximumNameLength = 254; // bytes
 constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
 
 // Whether the store lies in the tree at `source`, whatever the names in between.
@@ -124,6 +125,9 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
 
     PathBuffer generation;
     if (!_GetPathToGeneration(root, name, /*mustExist=*/false, generation, error)) return false;
+    // Such a name could be added, and then never removed.
+    if (strlen(name) > kMaximumNameLength)
+        return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name is too long");
     if (_PathExists(generation.c_str()))
         return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", generation.c_str());
     if (!source || source[0] == '\0') return Failure(error).Refused(kTQStatusBadPath, "no source path was supplied");
