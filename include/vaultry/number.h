@@ -21,6 +21,7 @@ TQ_EXPORT extern TQBoolean *const kTQBooleanFalse;
 TQ_EXPORT TQTypeID TQNumberGetTypeID(void);
 TQ_EXPORT TQTypeID TQBooleanGetTypeID(void);
 
+/// Numbers that the caller releases.
 TQ_EXPORT TQNumber *TQNumberCreateInt64(int64_t value);
 /// Kept as an int64_t where one holds it.
 TQ_EXPORT TQNumber *TQNumberCreateUInt64(uint64_t value);

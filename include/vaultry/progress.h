@@ -41,6 +41,7 @@ TQ_EXPORT void TQProgressBecomeCurrent(TQProgress *progress);
 /// Gives the place back to what was current before. Does nothing if `progress` is not current here.
 TQ_EXPORT void TQProgressResignCurrent(TQProgress *progress);
 
+/// How much there is to do, and how much of it is done; the library counts in bytes.
 TQ_EXPORT int64_t TQProgressGetTotalUnits(const TQProgress *progress);
 TQ_EXPORT void TQProgressSetTotalUnits(TQProgress *progress, int64_t units);
 TQ_EXPORT int64_t TQProgressGetCompletedUnits(const TQProgress *progress);

@@ -34,7 +34,7 @@ TestStore::TestStore(Document kind, const std::string &volume)
         disk::MakeDirectory(document_);
         disk::MakeDirectory(document_ + "/folder", 0775);
         disk::Write(document_ + "/folder/leaf", "in the folder", 0664);
-        link((document_ + "/folder/leaf").c_str(), (document_ + "/twin").c_str());
+        if (link((document_ + "/folder/leaf").c_str(), (document_ + "/twin").c_str()) != 0) abort();
         disk::SetAttribute(document_, "com.example.kind", "folder");
     }
     RememberDocument();
