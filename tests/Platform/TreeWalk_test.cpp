@@ -8,7 +8,6 @@
 #include <functional>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 namespace {
 
@@ -65,21 +64,6 @@ void MakeDeep(const std::string &root, int depth)
     }
 }
 
-// In a child that may have 16 descriptors.
-int WithFewDescriptors(const std::function<void()> &body)
-{
-    const pid_t child = fork();
-    if (child == 0) {
-        const rlimit few{16, 16};
-        if (setrlimit(RLIMIT_NOFILE, &few) != 0) _exit(127);
-        body();
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status;
-}
-
 struct Walks : AsEach {
     TempDirectory directory;
 };
@@ -89,20 +73,22 @@ struct WalksOfVolumes : OnEachVolume {};
 
 TEST_P(Walks, ReportEachEntryOnceByItsKind)
 {
-    ASSERT_TRUE(Shell(directory.path(), "mkdir only; ln -s nowhere only/l; echo x > one; mkfifo pipe"));
-    const struct {
-        const char *root;
-        Words reported;
-    } rows[] = {
-        {"only", {"D ", "SL /l", "DP "}},
-        {"only/l", {"SL "}},
-        {"only/", {"D ", "SL l", "DP "}},
+    ASSERT_TRUE(Shell(directory.path(), "mkdir -p only/s; ln -s nowhere only/s/l; echo x > one; mkfifo pipe"));
+    const std::pair<const char *, Words> rows[] = {
+        {"only", {"D ", "D /s", "SL /s/l", "DP /s", "DP "}},
+        {"only/s/l", {"SL "}},
+        {"only/", {"D ", "D s", "SL s/l", "DP s", "DP "}},
         {"one", {"F "}},
         {"pipe", {"O "}},
         {"none", {"NS:ENOENT "}},
         {"one/below", {"NS:ENOTDIR "}},
     };
-    for (const auto &row : rows) EXPECT_EQ(Walk(directory / row.root), row.reported) << row.root;
+    const Act knowsAbove = [](const TreeWalk::Entry &entry) {
+        struct stat above {};
+        EXPECT_EQ(stat(std::string(entry.item.path, entry.parentPathLength).c_str(), &above), 0);
+        EXPECT_EQ(entry.parentStatus->inode, above.st_ino) << entry.item.path;
+    };
+    for (const auto &[root, reported] : rows) EXPECT_EQ(Walk(directory / root, knowsAbove), reported) << root;
 
     TreeWalk walk;
     EXPECT_TRUE(!walk.Open("") && errno == ENOENT);
@@ -114,10 +100,8 @@ TEST_P(Walks, NeverLeaveTheirTree)
 {
     const bool root = GetParam() == As::Root;
     const Words whole = {"D", "F", "DP"};
-    const struct {
-        const char *act;
-        Words reported; // of the directory and its one file
-    } rows[] = {
+    const std::pair<const char *, Words> rows[] = {
+        // of the directory and its one file
         {"chmod 0700 sub", whole}, // rights added in time
         {"chmod 0300 sub", root ? whole : Words{"D", "DNR:EACCES"}},
         {"chmod 0600 sub", root ? whole : Words{"D", "NS:EACCES", "DP"}},
@@ -125,31 +109,19 @@ TEST_P(Walks, NeverLeaveTheirTree)
         {"chmod 0700 sub; mv sub ../away; ln -s ../away sub", {"D", "ERR:ESTALE"}},
         {"chmod 0700 sub; mv sub ../away; mkdir sub; echo x > sub/other", {"D", "ERR:ESTALE"}},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.act);
+    for (const auto &[act, wanted] : rows) {
+        SCOPED_TRACE(act);
         ASSERT_TRUE(Shell(directory.path(), "mkdir -p tree/sub; echo x > tree/sub/file; chmod 0 tree/sub"));
         Words reported;
-        Walk(directory / "tree", [&](const TreeWalk::Entry &entry) {
+        Walk(directory / "tree", [&, act = act](const TreeWalk::Entry &entry) {
             if (entry.level > 0) reported.push_back(Word(entry));
-            EXPECT_TRUE(!IsAt(entry, Kind::Directory, "/sub") || Shell(directory / "tree", row.act));
+            EXPECT_TRUE(!IsAt(entry, Kind::Directory, "/sub") || Shell(directory / "tree", act));
         });
-        EXPECT_EQ(reported, row.reported);
+        EXPECT_EQ(reported, wanted);
         ASSERT_TRUE(Shell(directory.path(), "chmod -R u+rwx .; rm -rf tree away"));
     }
 }
 
-TEST_P(Walks, KnowTheDirectoryAbove)
-{
-    ASSERT_TRUE(Shell(directory.path(), "mkdir -p tree/sub; echo x > tree/sub/file"));
-    struct stat above {};
-    Walk(directory / "tree", [&](const TreeWalk::Entry &entry) {
-        const std::string path(entry.item.path, entry.parentPathLength);
-        ASSERT_EQ(stat(path.c_str(), &above), 0);
-        ASSERT_NE(entry.parentStatus, nullptr);
-        EXPECT_EQ(entry.parentStatus->inode, above.st_ino) << entry.item.path;
-        EXPECT_EQ(path + "/" + (entry.level == 0 ? "tree" : entry.item.name), entry.item.path);
-    });
-}
 INSTANTIATE_AS_EACH(Walks);
 
 // A folder larger than any buffer, and a way down longer than there are descriptors, both removed under the walk.
@@ -161,8 +133,13 @@ TEST_P(WalksOfVolumes, RemoveWideAndDeepTrees)
 
     const std::string deep = disk::MakeDirectory(directory() / "deep");
     MakeDeep(deep, 1000);
-    EXPECT_EQ(WithFewDescriptors([&] { EXPECT_EQ(Walk(deep).size(), 4002U); }), 0);
-    EXPECT_EQ(WithFewDescriptors([&] { EXPECT_EQ(Walk(deep, Remove).size(), 4002U); }), 0);
+    const auto withFewDescriptors = [&] {
+        const rlimit few{16, 16};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+        for (const Act &act : {Act(), Act(Remove)}) EXPECT_EQ(Walk(deep, act).size(), 4002U);
+        _exit(HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(withFewDescriptors(), testing::ExitedWithCode(0), "");
     EXPECT_FALSE(disk::Exists(deep));
 }
 
@@ -200,8 +177,7 @@ TEST_P(WalksOfVolumes, SayWhereAPathIsTooLong)
 {
     const std::string deep = disk::MakeDirectory(directory() / "deep");
     MakeDeep(deep, 2040);
-    int tooLong = 0;
-    int done = 0;
+    int tooLong = 0, done = 0;
     Walk(deep, [&](const TreeWalk::Entry &entry) {
         EXPECT_LT(strlen(entry.item.path), 4096U);
         tooLong += entry.kind == Kind::Error && entry.error == ENAMETOOLONG;

@@ -3,8 +3,6 @@
 #include "support/Identity.h"
 #include "support/Volumes.h"
 
-#include <sys/stat.h>
-
 namespace {
 
 struct Volumes : OnEachVolume {};
@@ -40,13 +38,4 @@ TEST_P(Paths, AreMadeAsFarAsTheyAreMissing)
     EXPECT_EQ(platform::MakePath(std::string(5000, 'x').c_str(), 0700), ENAMETOOLONG);
 }
 
-// Asking about a pipe must not wait for somebody to write into it, nor about a link reach what it points to.
-TEST_P(Paths, AreAskedAboutWithoutWaiting)
-{
-    ASSERT_TRUE(Shell(directory.path(), "mkfifo pipe; ln -s . link"));
-    TQVolumeStatus status{};
-    EXPECT_EQ(platform::GetVolumeStatus((directory / "pipe").c_str(), &status), 0);
-    EXPECT_EQ(platform::GetVolumeStatus((directory / "link").c_str(), &status), -1);
-    EXPECT_EQ(errno, ELOOP);
-}
 INSTANTIATE_AS_EACH(Paths);

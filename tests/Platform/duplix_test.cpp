@@ -34,8 +34,8 @@ struct Client {
             self->longestStep = std::max(self->longestStep, state->bytesCopied - self->lastProgress);
             self->lastProgress = state->bytesCopied;
         }
-        struct stat at {};
-        struct stat open {};
+        struct stat at {
+        }, open{};
         if (stage == stage::Finish && what != what::Directory && !S_ISLNK(state->source->mode)) {
             EXPECT_EQ(fstatat(state->destination.directory, state->destination.name, &at, AT_SYMLINK_NOFOLLOW), 0);
             EXPECT_EQ(fstat(state->destinationFd, &open), 0);
@@ -105,10 +105,7 @@ TEST_P(CopiesOnVolumes, ATreeIsTheSameTree)
 // Data of every shape; where it can't be cloned the client still hears of each 4 MiB.
 TEST_P(CopiesOnVolumes, DataAndHolesStayAsTheyAre)
 {
-    const struct {
-        const char *name, *make;
-        int steps;
-    } rows[] = {
+    const std::tuple<const char *, const char *, int> rows[] = {
         {"one hole", "truncate -s 3M f", 1},
         {"one byte", "printf x > f", 1},
         {"two steps", "head -c 5M /dev/zero > f", 2},
@@ -116,17 +113,17 @@ TEST_P(CopiesOnVolumes, DataAndHolesStayAsTheyAre)
         {"ends in data", "truncate -s 2M f; echo x >> f", 1},
         {"small with a hole", "truncate -s 60000 f; printf x | dd", 2},
     };
-    for (const auto &row : rows)
+    for (const auto &[what, make, steps] : rows)
         for (const bool compressed : {false, true}) {
-            SCOPED_TRACE(row.name + std::string(compressed ? ", compressed" : ""));
+            SCOPED_TRACE(what + std::string(compressed ? ", compressed" : ""));
             ASSERT_TRUE(Shell(directory().path(),
-                              "dd() { command dd of=f conv=notrunc \"$@\"; }; " + (": > f; " + std::string(row.make))));
+                              "dd() { command dd of=f conv=notrunc \"$@\"; }; : > f; " + std::string(make)));
             const std::string source = directory() / "f";
             if (compressed && !disk::SetFlags(source, FS_COMPR_FL)) continue;
             Client client;
             EXPECT_EQ(Copy(source, directory() / "copy", &client), 0);
             ExpectCopied(source, directory() / "copy");
-            EXPECT_EQ(client.steps, !compressed && (Is("xfs") || Is("btrfs")) ? 1 : row.steps);
+            EXPECT_EQ(client.steps, !compressed && (Is("xfs") || Is("btrfs")) ? 1 : steps);
             EXPECT_LE(client.steps == 1 ? 0 : client.longestStep, 4U << 20);
 
             const UniqueFd from(open(source.c_str(), O_RDONLY | O_CLOEXEC));
@@ -157,11 +154,7 @@ INSTANTIATE_ON_EACH_VOLUME(CopiesOnVolumes);
 TEST_P(Copies, TellTheClientInOrder)
 {
     ASSERT_TRUE(Shell(directory.path(), "mkdir -p source/s; echo bytes > source/s/f"));
-    const struct {
-        const char *at;
-        int answer, error;
-        const char *heard;
-    } rows[] = {
+    const std::tuple<const char *, int, int, const char *> rows[] = {
         {"", 0, 0, "2.1 2.2 2.1/s 2.2/s 1.1/s/f 4.4/s/f 1.2/s/f 3.1/s 3.2/s 3.1 3.2"},
         {"1.1/s/f", duplix_answer::Skip, 0, "2.1 2.2 2.1/s 2.2/s 1.1/s/f 3.1/s 3.2/s 3.1 3.2"},
         {"2.1/s", duplix_answer::Skip, 0, "2.1 2.2 2.1/s 3.1 3.2"},
@@ -170,10 +163,10 @@ TEST_P(Copies, TellTheClientInOrder)
         {"4.4/s/f", duplix_answer::Quit, ECANCELED, "2.1 2.2 2.1/s 2.2/s 1.1/s/f 4.4/s/f"},
         {"3.2/s", duplix_answer::Quit, ECANCELED, "2.1 2.2 2.1/s 2.2/s 1.1/s/f 4.4/s/f 1.2/s/f 3.1/s 3.2/s"},
     };
-    for (const auto &row : rows) {
-        Client client{[&](const std::string &heard) { return heard == row.at ? row.answer : 0; }};
-        EXPECT_EQ(Copy(directory / "source", directory / "copy", &client), row.error);
-        EXPECT_EQ(client.heard, row.heard);
+    for (const auto &[at, answer, error, heard] : rows) {
+        Client client{[at = at, answer = answer](const std::string &now) { return now == at ? answer : 0; }};
+        EXPECT_EQ(Copy(directory / "source", directory / "copy", &client), error);
+        EXPECT_EQ(client.heard, heard);
         ASSERT_TRUE(Shell(directory.path(), "rm -rf copy"));
     }
 }
@@ -186,8 +179,7 @@ TEST_P(Copies, RefusalsLeaveTheRestAlone)
     const std::string victim = disk::Write(directory / "victim", "old", 0600);
     const Snapshot before = Snapshot::Of(victim);
     const struct {
-        const char *what, *make, *meddle; // the second at the item's start
-        const char *heard;
+        const char *what, *make, *meddle, *heard; // meddled with at the item's start
     } rows[] = {
         {"pipe", "mkfifo it", ":", "1.3/it:EOPNOTSUPP"},
         {"unreadable file", "echo x > it; chmod 0200 it", ":", root ? "1.2/it" : "1.3/it:EACCES"},
@@ -217,10 +209,7 @@ TEST_P(Copies, NeverBeginWhereTheyCouldNotEnd)
 {
     const std::string at = directory.path() + "/";
     ASSERT_TRUE(Shell(at, "mkdir -p tree/a/b; echo x > file"));
-    const struct {
-        std::string from, to;
-        int error;
-    } rows[] = {
+    const std::tuple<std::string, std::string, int> rows[] = {
         {at + "tree", at + "tree/copy", EINVAL},
         {at + "tree", at + "tree/a/b/copy", EINVAL},
         {at + "tree", at + "tree", EEXIST},
@@ -233,7 +222,7 @@ TEST_P(Copies, NeverBeginWhereTheyCouldNotEnd)
         {at + "file", std::string(4096, 'x'), ENAMETOOLONG},
     };
     const Snapshot before = Snapshot::Of(at);
-    for (const auto &row : rows) EXPECT_EQ(Copy(row.from, row.to), row.error) << row.from << " -> " << row.to;
+    for (const auto &[from, to, error] : rows) EXPECT_EQ(Copy(from, to), error) << from << " -> " << to;
     EXPECT_TRUE(Same(before, Snapshot::Of(at)));
     EXPECT_EQ(Copy(at + "tree/a", at + "tree/sibling/"), 0);
 }
