@@ -5,6 +5,7 @@
 //     save_hook STORE DOCUMENT restore NAME           keeps what it replaces, too
 // The store is any existing directory, and the document an existing file.
 
+#define _XOPEN_SOURCE 700 // realpath
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -64,13 +65,11 @@ int main(int argc, char **argv)
                                   : TQLibraryAddGenerationWithOptionsByCopyingFile(library, kept, document, 1, &error));
     if (isKept) error = NULL; // not to be read after a success
     TQString *why = TQErrorCopyDescription(error);
-    const char *failed = NULL;
+    const char *failed = isKept ? NULL : restores ? "can't restore" : "can't keep what is there, so nothing is saved";
     if (isKept) printf("%s\n", TQStringGetUTF8(kept));
-    if (!isKept)
-        failed = restores ? "can't restore" : "can't keep what is there, and so nothing is saved";
-    else if (!Describe(library, kept, path, now))
+    if (isKept && !Describe(library, kept, path, now))
         failed = "can't note whose generation that is; the system log tells why";
-    else if (!restores && !Write(path, stdin))
+    else if (isKept && !restores && !Write(path, stdin))
         failed = "can't save; restore what was kept";
     if (failed) fprintf(stderr, "save_hook: %s%s%s\n", failed, why ? ": " : "", why ? TQStringGetUTF8(why) : "");
     TQValue *owned[] = {why, error, library, wanted, kept, document, store};
