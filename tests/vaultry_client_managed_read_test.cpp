@@ -59,10 +59,11 @@ TEST_P(StoreRead, EveryOperationFindsItsGenerationOrSaysWhyNot)
     // What lies in staging belongs to the caller until it is given back.
     EXPECT_TRUE(Same(Snapshot::Of(store.document(), Snapshot::kContents), Snapshot::Of(staged, Snapshot::kContents)));
     EXPECT_TRUE((mode & 07777U) == disk::Mode(store.document()) && flags == 0);
-    Expect({{Failed(101, "Staging path provided to remove was not in staging directory"),
-             CALL(TQClientManagedStorageCopyOutDone(handle, out.c_str(), why))},
-            {System(ENOSPC, "mkdtemp(\"$/store/.vaultry_staging/XXXXXXX\") failed"), operations[8],
-             FailCall(1, ENOSPC, kMakeDirectory)}});
+    for (const std::string &other : {out, store.Staging(), store.Staging() + "/../g", store.Staging() + "//x",
+                                     store.Staging() + "/./x", store.Staging() + "/.."})
+        Expect({{Failed(101, "Staging path provided to remove was not in staging directory"),
+                 CALL(TQClientManagedStorageCopyOutDone(handle, other.c_str(), why))}});
+    EXPECT_TRUE(disk::Exists(out) && disk::Exists(staged) && disk::Exists(store.Generation("g")));
     EXPECT_TRUE(TQClientManagedStorageCopyOutDone(handle, staged, nullptr) && !disk::Exists(staged));
     store.CheckInvariants();
 }
@@ -74,11 +75,9 @@ TEST_P(StoreRead, ACopyNeverReplacesAndIsTheDocumentAgain)
     };
     disk::Write(store / "there", "theirs");
     ASSERT_EQ(symlink("nowhere", (store / "dangling").c_str()), 0);
-    const std::string service = "duplix callback got an error what=", from = " stage=3 src=$/store/g dst=$/";
     Expect({{Refused(106, "path \"$/there\" already exists"), copyTo(store / "there")},
-            {Refused(106, "path \"$/document\" already exists"), copyTo(store.document())},
-            {System(EEXIST, service + "2" + from + "dangling"), copyTo(store / "dangling")},
-            {System(ENOENT, service + "0" + from + "none/out"), copyTo(store / "none/out")}});
+            {System(EEXIST, "duplix callback got an error what=2 stage=3 src=$/store/g dst=$/dangling"),
+             copyTo(store / "dangling")}});
     EXPECT_EQ(disk::Read(store / "there"), "theirs");
     EXPECT_TRUE(disk::Exists(store / "dangling")) << "what was there is nobody's to remove";
     EXPECT_EQ(InChild(copyTo("")).status, 104);

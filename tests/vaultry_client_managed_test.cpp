@@ -45,43 +45,22 @@ TEST_P(StoreLife, WhatCannotBeAStoreIsRefused)
     const std::string plain = Folder("plain"), blocked = Folder("blocked"), missing = At("missing");
     Folder("blocked/.vaultry_lockfile");
     const std::string longLock = disk::MakeDirectoryOfLength(directory.path(), 1006), not_ = "The supplied path \"$/";
-    const std::string longStaging = disk::MakeDirectoryOfLength(directory.path(), 1007),
-                      unprotect = "failed to unprotect store at \"$/";
+    const std::string longStaging = disk::MakeDirectoryOfLength(directory.path(), 1007);
     const Snapshot before = (File("file"), Link("link", plain), Now());
-    Expect(
-        {{Failed(104, not_ + "missing\" does not exist"), Create(missing)},
-         {Failed(104, not_ + "file\" does not exist"), Create(At("file"))},
-         {Failed(104, not_ + "link\" does not exist"), Create(At("link"))},
-         {Failed(104, "The supplied path \"\" does not exist"), CALL(TQClientManagedStorageCreate(nullptr, why))},
-         {Refused(104, "failed to get staging dir path"), Create(longStaging)},
-         {Refused(104, "The path to the store lock was too long"), Create(longLock)},
-         {System(EPERM, unprotect + "plain\", chomd(0755) failed"), Create(plain), FailCall(1, EPERM, kMode)},
-         {System(ENOENT, unprotect + "missing\", stat failed"), CALL(_UnprotectGenerationStore(missing.c_str(), why))},
-         {Logs(ENOENT, "failed to protect store at \"$/missing\", stat failed"),
-          CALL((_ProtectGenerationStore(missing.c_str()), why))},
-         {Logs(EPERM, "failed to protect store at \"$/plain\", chomd(0555) failed"),
-          CALL((_ProtectGenerationStore(plain.c_str()), why)), FailCall(1, EPERM, kMode)}});
+    Expect({{Failed(104, not_ + "missing\" does not exist"), Create(missing)},
+            {Failed(104, not_ + "file\" does not exist"), Create(At("file"))},
+            {Failed(104, not_ + "link\" does not exist"), Create(At("link"))},
+            {Failed(104, "The supplied path \"\" does not exist"), CALL(TQClientManagedStorageCreate(nullptr, why))},
+            {Refused(104, "failed to get staging dir path"), Create(longStaging)},
+            {Refused(104, "The path to the store lock was too long"), Create(longLock)},
+            {System(EPERM, "failed to unprotect store at \"$/plain\", chomd(0755) failed"), Create(plain),
+             FailCall(1, EPERM, kMode)}});
     EXPECT_TRUE(Same(before, Now()));
     Expect({{Refused(104, "mkdir \"$/plain/.vaultry_staging\" failed"), Create(plain),
              FailCall(1, ENOSPC, kMakeDirectory)},
             {Refused(104, "Failed to create lock file at path \"$/blocked/.vaultry_lockfile\""), Create(blocked)}});
-    for (const auto &root : {plain, blocked})
-        EXPECT_EQ(disk::Mode(root), 0755U) << "what is missing can then be put right";
+    EXPECT_EQ(disk::Mode(plain), 0755U) << "what is missing can then be put right";
     EXPECT_TRUE(Create(plain)(nullptr));
-    if (kCanFailAllocations) Expect({{Failed(101, "malloc failed"), Create(plain), FailAllocation(1)}});
-}
-
-TEST_P(StoreLife, ProtectionIsLiftedForTheOwnerAloneAndTakenFromAll)
-{
-    const std::string root = Folder("root", 0577);
-    const Operation lift = CALL(_UnprotectGenerationStore(root.c_str(), why)),
-                    protect = CALL((_ProtectGenerationStore(root.c_str()), why));
-    for (const mode_t mode : {0777U, 0777U}) {
-        EXPECT_EQ(InChild(CountCalls(kMode), lift).count, 1) << "also when it is writable";
-        EXPECT_EQ(disk::Mode(root), mode);
-    }
-    for (const int calls : {1, 0}) EXPECT_EQ(InChild(CountCalls(kMode), protect).count, calls);
-    EXPECT_EQ(disk::Mode(root), 0555U);
 }
 
 TEST_P(StoreLife, DestroyingTakesEverythingAndWaitsForNoLock)
@@ -111,22 +90,6 @@ TEST(StoreOnAReadOnlyMount, IsReadAndNothingElse)
     ExpectRows({{System(EROFS, "mkdtemp(\"$/store/.vaultry_staging/XXXXXXX\") failed"), CALL(store.Add("h", why))}},
                store.path());
     EXPECT_EQ(umount(root), 0);
-}
-
-TEST(StoreOfAnotherUser, IsRefusedToAnOrdinaryOne)
-{
-    if (!CanBe(As::Root)) GTEST_SKIP() << "only root can be two users";
-    std::optional<Impersonate> user(std::in_place, As::User, kOtherUser);
-    TestStore store;
-    chmod(store.path().c_str(), 0755);
-    user.reset();
-    user.emplace(As::User);
-    ExpectRows({{System(EACCES, "Failed to open generation path \"$/store/.vaultry_lockfile\" for locking"),
-                 CALL(store.Add("g", why))},
-                {System(EPERM, "failed to unprotect store at \"$/store\", chomd(0755) failed"), Create(store.root())}},
-               store.path());
-    user.reset();
-    store.CheckInvariants();
 }
 
 } // namespace

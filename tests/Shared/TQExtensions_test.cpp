@@ -11,41 +11,30 @@ std::string Wide(size_t count) // characters of two UTF-16 units and four bytes
 
 TEST(GenerationName, AsAString)
 {
-    const std::pair<std::string, const char *> rows[] = {
-        {std::string(254, 'n'), nullptr},
-        {Wide(127), nullptr},
-        {"a.b", nullptr},
-        {"", nullptr},
-        {std::string(255, 'n'), "too long"},
+    const std::pair<std::string, std::string> rows[] = {
+        {Wide(127), ""},
         {Wide(127) + "n", "too long"},
         {"." + std::string(254, 'n'), "too long"}, // the length is looked at first
         {"./a", "begins with a `.'"},              // then the dot
-        {"a/b", "contains a `/'"},
         {"a/", "contains a `/'"},
     };
-    for (const auto &row : rows) {
-        const std::string &name = row.first;
-        const char *const refusal = row.second;
+    for (const auto &[name, refusal] : rows) {
         const Outcome outcome = InChild(CALL(validateTQName(String(name).get(), why)));
-        EXPECT_EQ(outcome.succeeded, refusal == nullptr) << name;
-        if (refusal == nullptr) continue;
-        const std::string message = "Invalid Name: " + std::string(refusal) + " [" + name + "]";
-        ExpectSays(outcome, Refused(105, message), "");
-        EXPECT_THAT(outcome.log[0].text, testing::HasSubstr(message + "; status 105 (on"));
+        EXPECT_EQ(outcome.succeeded, refusal.empty()) << name;
+        if (!refusal.empty()) ExpectSays(outcome, Refused(105, "Invalid Name: " + refusal + " [" + name + "]"), "");
     }
     EXPECT_FALSE(validateTQName(String(".x").get(), nullptr) || validateTQName(nullptr, nullptr));
 }
 
 TEST(GenerationName, InFileSystemForm)
 {
-    for (const char *name : {"", "a.b", "a", "a b"}) EXPECT_TRUE(TQValidateGenerationName(name)) << name;
-    for (const char *name : {"..", ".a", "a/b", "/"}) EXPECT_FALSE(TQValidateGenerationName(name)) << name;
+    for (const char *name : {"", "a.b"}) EXPECT_TRUE(TQValidateGenerationName(name)) << name;
+    for (const char *name : {".a", "a/b"}) EXPECT_FALSE(TQValidateGenerationName(name)) << name;
     EXPECT_FALSE(TQValidateGenerationName(nullptr));
     char buffer[255];
-    for (const std::string &name : {std::string(254, 'n'), std::string("\xC3\xA9")}) {
-        EXPECT_TRUE(TQStringGetGenName(String(name).get(), buffer, nullptr));
-        EXPECT_EQ(buffer, name) << "bytes are kept as they are";
-    }
+    const std::string longest(252, 'n'), kept = longest + "\xC3\xA9";
+    EXPECT_TRUE(TQStringGetGenName(String(kept).get(), buffer, nullptr));
+    EXPECT_EQ(buffer, kept) << "bytes are kept as they are";
     for (const std::string &name : {std::string(255, 'n'), Wide(64), std::string("a\0b", 3)})
         ExpectSays(InChild(CALL(TQStringGetGenName(String(name).get(), buffer, why))),
                    Refused(105, "The supplied generation name was invalid"), "");
@@ -54,14 +43,14 @@ TEST(GenerationName, InFileSystemForm)
 TEST(FileURL, IsMadeFromAPathWithoutALookAtTheDisk)
 {
     const DeferredScope scope;
-    for (const char *path : {"/a b/\xC3\xA9%", "/tmp", "/.vol/1/2"}) {
+    for (const char *path : {"/a b/\xC3\xA9%", "/tmp"}) {
         const TQURL *url = tq_fileURLWithFileSystemRepresentation(path);
         EXPECT_TRUE(TQURLIsFileURL(url) && !TQURLHasDirectoryPath(url));
         EXPECT_STREQ(tq_fileSystemRepresentation(url), path);
         EXPECT_EQ(Text(tq_stringWithFileSystemRepresentation(path)), path);
     }
-    EXPECT_FALSE(tq_fileURLWithFileSystemRepresentation("") || tq_fileURLWithFileSystemRepresentation(nullptr));
-    EXPECT_FALSE(tq_fileSystemRepresentation(nullptr) || tq_stringWithFileSystemRepresentation("/\xff") ||
+    EXPECT_FALSE(tq_fileURLWithFileSystemRepresentation("") || tq_fileURLWithFileSystemRepresentation(nullptr) ||
+                 tq_fileSystemRepresentation(nullptr) || tq_stringWithFileSystemRepresentation("/\xff") ||
                  tq_stringWithFileSystemRepresentation(nullptr));
 }
 

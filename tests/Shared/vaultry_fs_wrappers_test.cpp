@@ -9,16 +9,14 @@ INSTANTIATE_AS_EACH(FileSystemWrappers);
 TEST_P(FileSystemWrappers, TellWhatIsThereFromWhatCannotBeTold)
 {
     File("file");
-    Folder("folder");
     disk::Write(Folder("closed") + "/child", "");
     chmod(At("closed").c_str(), 0);
-    Link("link", "folder");
+    Link("link", "closed");
     Link("dangling", "nowhere");
     const struct {
         const char *name;
         bool exists, surelyNot, isDirectory;
-    } rows[] = {{"file", true, false, false},           {"folder", true, false, true},
-                {"missing", false, true, false},        {"file/x", false, false, false},
+    } rows[] = {{"closed", true, false, true},          {"file/x", false, false, false},
                 {"link", true, false, false},           {"dangling", false, true, false},
                 {"closed/child", isRoot, false, false}, {"closed/x", false, isRoot, false}};
     for (const auto &row : rows) {
@@ -31,7 +29,7 @@ TEST_P(FileSystemWrappers, TellWhatIsThereFromWhatCannotBeTold)
     TQFileStatus status{};
     status.mode = S_IFDIR | 0755;
     EXPECT_TRUE(_IsDirectory(At("file").c_str(), &status)) << "a status that is given is believed";
-    EXPECT_FALSE(_PathExists(nullptr) || _IsDirectory(nullptr, nullptr) || _PathExists(""));
+    EXPECT_FALSE(_PathExists(nullptr) || _IsDirectory(nullptr, nullptr));
 }
 
 TEST_P(FileSystemWrappers, NeverFollowAFinalLinkNorWaitForAWriter)
@@ -42,11 +40,12 @@ TEST_P(FileSystemWrappers, NeverFollowAFinalLinkNorWaitForAWriter)
     const Snapshot before = Now();
     const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_TRUE(_HasAttribute(file.c_str(), "a") && _FDHasAttribute(fd, "a"));
-    EXPECT_FALSE(_HasAttribute(file.c_str(), "b") || _HasAttribute(link.c_str(), "a") || _FDHasAttribute(fd, "b"));
+    EXPECT_FALSE(_HasAttribute(file.c_str(), "b") || _HasAttribute(link.c_str(), "a") || _FDHasAttribute(fd, "b") ||
+                 _HasAttribute(file.c_str(), nullptr) || _FDHasAttribute(fd, nullptr));
     close(fd);
     TQVolumeStatus volume{};
-    EXPECT_EQ(_SafeStatFS(file.c_str(), &volume) + _SafeStatFS(fifo.c_str(), &volume), 0);
-    EXPECT_GT(volume.blockCount, 0U);
+    EXPECT_TRUE(_SafeStatFS(fifo.c_str(), &volume) == 0 && volume.blockCount > 0);
+    EXPECT_EQ(_SafeStatFS(file.c_str(), nullptr), -1);
     for (const auto &[path, error] : {std::pair{link, ELOOP}, {missing, ENOENT}}) {
         EXPECT_TRUE(_SafeStatFS(path.c_str(), &volume) == -1 && errno == error) << path;
         EXPECT_TRUE(!_SetCopyOnWrite(path.c_str()) && errno == error) << path;
@@ -67,11 +66,8 @@ TEST_P(FileSystemWrappers, ExtensionMarkIsOneBitOfTheFileManagersAttribute)
         std::optional<std::string> after;
     } rows[] = {{std::nullopt, false, false, std::nullopt},
                 {std::nullopt, false, true, with(zeros, 0x10)},
-                {zeros, false, true, with(zeros, 0x10)},
                 {ones, true, false, with(ones, '\xef')},
-                {ones, true, true, ones},
                 {ones + "longer", false, false, ones + "longer"},
-                {"short", false, false, "short"},
                 {"short", false, true, with("short" + zeros.substr(5), 0x10)}};
     for (const auto &row : rows) {
         if (row.before) disk::SetAttribute(file, name, *row.before);
@@ -90,8 +86,7 @@ TEST_P(FileSystemWrappers, BirthTimesCannotBeWrittenAndThatIsSaidQuietly)
              CALL(why && _TransferBirthTime(file.c_str(), file.c_str()))},
             {Logs(0, "gettmetavec failed (errno 2) for $/missing", 7),
              CALL(why && _TransferBirthTime(missing.c_str(), file.c_str()))},
-            {Logs(0, "fsetmetavec failed (errno 95) for 0", 7), CALL(why && _SetBirthTimeSpecForFD(0, 1, 2))},
-            {Logs(0, "fsetmetavec failed (errno 95) for 0", 7), CALL(why && _SetBirthTimeSecondsForFD(0, 1))}});
+            {Logs(0, "fsetmetavec failed (errno 95) for 0", 7), CALL(why && _SetBirthTimeSpecForFD(0, 1, 2))}});
     EXPECT_FALSE(_TransferBirthTime(file.c_str(), file.c_str()) || _SetBirthTimeSecondsForFD(0, 1));
     EXPECT_TRUE(_TransferACL());
     attachSandboxExtension(FileURL(file).get(), String("token").get());
@@ -102,27 +97,24 @@ TEST(SystemManagedStorage, NeedsANativeVolumeOfMoreThan512MiB)
     const struct {
         TQVolumeStatus volume;
         int refusedWith;
-    } rows[] = {{{"ext4", 4096, 131072}, ENOSPC},       {{"ext4", 4096, 131073}, 0},
-                {{"xfs", 4096, 1ULL << 40}, 0},         {{"btrfs", 1U << 31, 1 << 30}, 0},
-                {{"tmpfs", 4096, 1ULL << 40}, ENOSYS},  {{"overlay", 4096, 1}, ENOSYS},
-                {{"unknown", 4096, 1ULL << 40}, ENOSYS}};
+    } rows[] = {{{"ext4", 4096, 131072}, ENOSPC},
+                {{"xfs", 4096, 131073}, 0},
+                {{"btrfs", 1U << 31, 1 << 30}, 0},
+                {{"tmpfs", 4096, 1ULL << 40}, ENOSYS}};
     for (const auto &row : rows) {
         const Outcome outcome = InChild(CALL(TQSystemManagedStorageIsSupportedForStatFSInfo(&row.volume, why)));
         EXPECT_EQ(outcome.succeeded, row.refusedWith == 0) << row.volume.typeName;
-        if (outcome.succeeded) continue;
         EXPECT_EQ(outcome.underlying, row.refusedWith);
-        EXPECT_EQ(outcome.status, 107);
-        EXPECT_EQ(outcome.message, "This volume doesn't support system managed vaultry");
-        EXPECT_EQ(outcome.log[0].level, 7);
-        EXPECT_THAT(outcome.log[0].text, testing::HasSubstr(outcome.message + "; status 107 (on"));
+        EXPECT_EQ(outcome.status, row.refusedWith == 0 ? 0 : 107);
+        EXPECT_EQ(outcome.message, row.refusedWith == 0 ? "" : "This volume doesn't support system managed vaultry");
     }
 }
 
 TEST(SetDifference, TakesEveryMemberOfTheOther)
 {
     const auto set = Ref<TQSet>::Adopt(TQSetCreateMutable()), others = Ref<TQSet>::Adopt(TQSetCreateMutable());
-    for (const char *member : {"a", "b", "c"}) TQSetAddValue(set.get(), String(member).get());
-    for (const char *member : {"b", "c", "x"}) TQSetAddValue(others.get(), String(member).get());
+    for (const char *member : {"a", "b"}) TQSetAddValue(set.get(), String(member).get());
+    for (const char *member : {"b", "x"}) TQSetAddValue(others.get(), String(member).get());
     TQSetRemoveValues(set.get(), others.get());
     EXPECT_TRUE(TQSetGetCount(set.get()) == 1 && TQSetContainsValue(set.get(), String("a").get()));
     _RemoveValueCB(String("a").get(), set.get());

