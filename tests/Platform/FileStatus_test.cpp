@@ -1,10 +1,9 @@
 #include "Platform/FileStatus.h"
 
 #include "Platform/UniqueFd.h"
-#include "support/Identity.h"
+#include "support/Tests.h"
 #include "support/Volumes.h"
 
-#include <linux/fs.h>
 #include <sys/ioctl.h>
 
 namespace {
@@ -19,12 +18,11 @@ uint32_t FlagsOf(const std::string &path)
 {
     TQFileStatus status{};
     EXPECT_EQ(platform::GetStatus(Item::AtPath(path.c_str()), Links::NoFollow, &status), 0) << path;
+    EXPECT_TRUE(status.hasBirthTime);
     return status.flags;
 }
 
-struct FileFlags : AsEach {
-    TempDirectory directory;
-};
+struct FileFlags : InDirectory {};
 struct VolumeFlags : OnEachVolume {};
 
 } // namespace
@@ -50,7 +48,7 @@ TEST_P(FileFlags, OnlyTheWantedBitsChange)
 {
     for (const mode_t mode : {0644U, 0400U, 0000U}) {
         SCOPED_TRACE(mode);
-        const std::string path = disk::Write(directory / "file" + std::to_string(mode), "", 0644);
+        const std::string path = File("file" + std::to_string(mode));
         const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
         int noAccessTime = 0, after = 0;
         ASSERT_EQ(ioctl(fd.get(), FS_IOC_GETFLAGS, &noAccessTime), 0);
@@ -62,10 +60,9 @@ TEST_P(FileFlags, OnlyTheWantedBitsChange)
         EXPECT_EQ(ioctl(fd.get(), FS_IOC_GETFLAGS, &after), 0);
         EXPECT_EQ(after, noAccessTime | FS_NODUMP_FL);
 
-        const bool may = directory.CanSetImmutable();
-        const uint32_t both = kTQFlagNoDump | kTQFlagImmutable;
-        EXPECT_EQ(Set(path, both), may ? 0 : EPERM);
-        EXPECT_EQ(FlagsOf(path), may ? both : uint32_t{kTQFlagNoDump});
+        constexpr uint32_t one = kTQFlagNoDump, both = one | kTQFlagImmutable;
+        EXPECT_EQ(Set(path, both), canFlag ? 0 : EPERM);
+        EXPECT_EQ(FlagsOf(path), canFlag ? both : one);
         EXPECT_EQ(Set(path, 0), 0);
         EXPECT_EQ(FlagsOf(path), 0U);
     }
@@ -73,9 +70,8 @@ TEST_P(FileFlags, OnlyTheWantedBitsChange)
 
 TEST_P(FileFlags, AModeIsNeverSetThroughALink)
 {
-    const std::string target = disk::Write(directory / "target", "", 0600);
-    ASSERT_EQ(symlink("target", (directory / "link").c_str()), 0);
-    EXPECT_EQ(platform::SetMode(Item::AtPath((directory / "link").c_str()), Links::NoFollow, 0777), -1);
+    const std::string target = File("target", "", 0600), link = Link("link", "target");
+    EXPECT_EQ(platform::SetMode(Item::AtPath(link.c_str()), Links::NoFollow, 0777), -1);
     EXPECT_EQ(errno, EOPNOTSUPP);
     EXPECT_EQ(disk::Mode(target), 0600U);
     EXPECT_EQ(platform::SetMode(Item::AtPath(target.c_str()), Links::NoFollow, 0), 0);
@@ -90,8 +86,5 @@ TEST_P(VolumeFlags, EachTypeHoldsWhatItCan)
     EXPECT_EQ(Set(path, kTQFlagCompressed), compresses ? 0 : ENOTSUP);
     EXPECT_EQ(FlagsOf(path), compresses ? uint32_t{kTQFlagCompressed} : 0U);
     EXPECT_EQ(Set(path, kTQFlagAppend | kTQFlagNoDump), directory().CanSetImmutable() ? 0 : EPERM);
-    TQFileStatus status{};
-    ASSERT_EQ(platform::GetStatus(Item::AtPath(path.c_str()), Links::NoFollow, &status), 0);
-    EXPECT_TRUE(status.hasBirthTime);
 }
 INSTANTIATE_ON_EACH_VOLUME(VolumeFlags);

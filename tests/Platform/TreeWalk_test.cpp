@@ -2,12 +2,11 @@
 
 #include "Platform/DirectoryReader.h"
 #include "Platform/UniqueFd.h"
-#include "support/Identity.h"
+#include "support/Tests.h"
 #include "support/Volumes.h"
 
 #include <functional>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 namespace {
 
@@ -17,9 +16,9 @@ using Act = std::function<void(const TreeWalk::Entry &)>;
 
 std::string Word(const TreeWalk::Entry &entry)
 {
-    static const char *const words[] = {"D", "DP", "DNR", "F", "SL", "O", "NS", "ERR"};
-    return words[static_cast<int>(entry.kind)] +
-           (entry.error != 0 ? ":" + std::string(strerrorname_np(entry.error)) : "");
+    static const std::string words[] = {"D", "DP", "DNR", "F", "SL", "O", "NS", "ERR"};
+    const std::string &word = words[static_cast<int>(entry.kind)];
+    return entry.error == 0 ? word : word + ":" + strerrorname_np(entry.error);
 }
 
 // What a walk reports, as "kind path-below-the-root", in order; `act` sees each before the walk goes on.
@@ -36,11 +35,6 @@ Words Walk(const std::string &root, const Act &act = {}, TreeWalk::Volumes volum
         errno = E2BIG;
     }
     return reported;
-}
-
-bool IsAt(const TreeWalk::Entry &entry, Kind kind, std::string_view end)
-{
-    return entry.kind == kind && std::string_view(entry.item.path).ends_with(end);
 }
 
 // Removes what is reported the way a removal does: by directory and name.
@@ -64,9 +58,7 @@ void MakeDeep(const std::string &root, int depth)
     }
 }
 
-struct Walks : AsEach {
-    TempDirectory directory;
-};
+struct Walks : InDirectory {};
 struct WalksOfVolumes : OnEachVolume {};
 
 } // namespace
@@ -98,13 +90,12 @@ TEST_P(Walks, ReportEachEntryOnceByItsKind)
 // What is done to a directory of mode 0000 when it is reported, and what the walk then finds.
 TEST_P(Walks, NeverLeaveTheirTree)
 {
-    const bool root = GetParam() == As::Root;
     const Words whole = {"D", "F", "DP"};
     const std::pair<const char *, Words> rows[] = {
         // of the directory and its one file
         {"chmod 0700 sub", whole}, // rights added in time
-        {"chmod 0300 sub", root ? whole : Words{"D", "DNR:EACCES"}},
-        {"chmod 0600 sub", root ? whole : Words{"D", "NS:EACCES", "DP"}},
+        {"chmod 0300 sub", isRoot ? whole : Words{"D", "DNR:EACCES"}},
+        {"chmod 0600 sub", isRoot ? whole : Words{"D", "NS:EACCES", "DP"}},
         {"chmod 0700 sub; mv sub ../away", {"D", "DNR:ENOENT"}},
         {"chmod 0700 sub; mv sub ../away; ln -s ../away sub", {"D", "ERR:ESTALE"}},
         {"chmod 0700 sub; mv sub ../away; mkdir sub; echo x > sub/other", {"D", "ERR:ESTALE"}},
@@ -115,13 +106,12 @@ TEST_P(Walks, NeverLeaveTheirTree)
         Words reported;
         Walk(directory / "tree", [&, act = act](const TreeWalk::Entry &entry) {
             if (entry.level > 0) reported.push_back(Word(entry));
-            EXPECT_TRUE(!IsAt(entry, Kind::Directory, "/sub") || Shell(directory / "tree", act));
+            EXPECT_TRUE(entry.level == 0 || entry.kind != Kind::Directory || Shell(At("tree"), act));
         });
         EXPECT_EQ(reported, wanted);
         ASSERT_TRUE(Shell(directory.path(), "chmod -R u+rwx .; rm -rf tree away"));
     }
 }
-
 INSTANTIATE_AS_EACH(Walks);
 
 // A folder larger than any buffer, and a way down longer than there are descriptors, both removed under the walk.
@@ -151,25 +141,23 @@ TEST_P(WalksOfVolumes, FindTheirPlaceByName)
                                           "; touch thinned/$(seq -s ' thinned/' 8 20)"));
     const UniqueFd full(open((directory() / "full").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const UniqueFd thinned(open((directory() / "thinned").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    int error = 0;
     const auto rest = [&](platform::DirectoryReader &reader) {
         Words names;
-        int error = 0;
         while (const char *name = reader.Next(thinned.get(), &error)) names.emplace_back(name);
         return names;
     };
     platform::DirectoryReader plain;
     Words order = rest(plain);
     ASSERT_EQ(order.size(), 13U);
-    while (!order.empty()) {
+    for (; !order.empty(); order.erase(order.begin())) {
         const std::string left = order.front();
-        order.erase(order.begin());
         ASSERT_EQ(lseek(full.get(), 0, SEEK_SET), 0);
         platform::DirectoryReader reader;
-        int error = 0;
         for (const char *name = ""; name && name != left;) name = reader.Next(full.get(), &error);
         reader.Suspend();
         EXPECT_EQ(reader.Resume(thinned.get(), left.c_str()), 0);
-        EXPECT_EQ(rest(reader), order) << left;
+        EXPECT_EQ(rest(reader), Words(order.begin() + 1, order.end())) << left;
     }
 }
 
@@ -192,11 +180,9 @@ TEST_P(WalksOfVolumes, SayWhereAPathIsTooLong)
 TEST_P(WalksOfVolumes, EndWhereTheWayBackIsLost)
 {
     const std::string tree = disk::MakeDirectory(directory() / "tree");
-    const std::string elsewhere = disk::MakeDirectory(directory() / "elsewhere");
     MakeDeep(tree, 10);
     const auto reported = Walk(tree, [&](const TreeWalk::Entry &entry) {
-        if (IsAt(entry, Kind::Directory, "/d/d/d/d/d/d/d"))
-            (void)rename((tree + "/d/d").c_str(), (elsewhere + "/moved").c_str());
+        EXPECT_TRUE(entry.level != 7 || entry.kind != Kind::Directory || Shell(tree, "mv d/d ../elsewhere"));
         EXPECT_TRUE(entry.kind != Kind::DirectoryDone || entry.level > 2);
     });
     EXPECT_EQ(reported.back(), "ERR:ESTALE /d/d");

@@ -1,14 +1,12 @@
 #include "Platform/Volume.h"
 
-#include "support/Identity.h"
+#include "support/Tests.h"
 #include "support/Volumes.h"
 
 namespace {
 
 struct Volumes : OnEachVolume {};
-struct Paths : AsEach {
-    TempDirectory directory;
-};
+struct Paths : InDirectory {};
 
 } // namespace
 
@@ -27,15 +25,17 @@ INSTANTIATE_ON_EACH_VOLUME(Volumes);
 TEST_P(Paths, AreMadeAsFarAsTheyAreMissing)
 {
     ASSERT_TRUE(Shell(directory.path(), "echo x > file; ln -s . link"));
-    const std::pair<const char *, int> rows[] = {{"one", 0},       {"one", 0},          {"a/b//c/", 0},
-                                                 {"a/b/c", 0},     {"link/through", 0}, {"link", 0},
-                                                 {"file", EEXIST}, {"file/x", ENOTDIR}};
-    for (const auto &[path, error] : rows)
+    for (const auto &[path, error] : {std::pair{"one", 0},
+                                      {"one", 0},
+                                      {"a/b//c/", 0},
+                                      {"link/through", 0},
+                                      {"link", 0},
+                                      {"file", EEXIST},
+                                      {"file/x", ENOTDIR}})
         EXPECT_EQ(platform::MakePath((directory / path).c_str(), 0500), error) << path;
     EXPECT_EQ(disk::Mode(directory / "a/b"), 0700U);
     EXPECT_EQ(disk::Mode(directory / "a/b/c"), 0500U);
     EXPECT_EQ(platform::MakePath("", 0700), ENOENT);
     EXPECT_EQ(platform::MakePath(std::string(5000, 'x').c_str(), 0700), ENAMETOOLONG);
 }
-
 INSTANTIATE_AS_EACH(Paths);

@@ -1,15 +1,11 @@
 #include "Platform/duplix.h"
 
 #include "Platform/UniqueFd.h"
-#include "support/Identity.h"
+#include "support/Tests.h"
 #include "support/Volumes.h"
 
-#include <gmock/gmock.h>
-
 #include <functional>
-#include <linux/fs.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 
 namespace {
 
@@ -33,13 +29,6 @@ struct Client {
             ++self->steps;
             self->longestStep = std::max(self->longestStep, state->bytesCopied - self->lastProgress);
             self->lastProgress = state->bytesCopied;
-        }
-        struct stat at {
-        }, open{};
-        if (stage == stage::Finish && what != what::Directory && !S_ISLNK(state->source->mode)) {
-            EXPECT_EQ(fstatat(state->destination.directory, state->destination.name, &at, AT_SYMLINK_NOFOLLOW), 0);
-            EXPECT_EQ(fstat(state->destinationFd, &open), 0);
-            EXPECT_EQ(at.st_ino, open.st_ino) << word;
         }
         errno = stage == stage::Error ? EIO : 0; // a client may leave anything here
         return self->answer ? self->answer(word) : 0;
@@ -73,9 +62,7 @@ std::string MakeNasty(const std::string &path)
     return path;
 }
 
-struct Copies : AsEach {
-    TempDirectory directory;
-};
+struct Copies : InDirectory {};
 struct CopiesOnVolumes : OnEachVolume {};
 
 } // namespace
@@ -86,11 +73,9 @@ TEST_P(CopiesOnVolumes, ATreeIsTheSameTree)
     const std::string source = MakeNasty(directory() / "source");
     const std::string shared = disk::MakeDirectory(directory() / "shared");
     ASSERT_TRUE(Shell(shared, "setfacl -d -m u:777:rwx . && chattr +d ."));
-    for (const char *name : {"", "/Data/sparse"}) {
-        EXPECT_EQ(Copy(source + name, shared + "/copy"), 0);
-        ExpectCopied(source + name, shared + "/copy");
-        ASSERT_EQ(rename((shared + "/copy").c_str(), (shared + "/tree").c_str()) == 0, *name == '\0');
-        unlink((shared + "/copy").c_str());
+    for (const auto &[from, to] : {std::pair{source, shared + "/tree"}, {source + "/Data/sparse", shared + "/file"}}) {
+        EXPECT_EQ(Copy(from, to), 0);
+        ExpectCopied(from, to);
     }
     EXPECT_TRUE(Shell(shared, "cd tree && test $(readlink link) = run && test $(readlink dangling) = no/such/place"));
 
@@ -174,16 +159,14 @@ TEST_P(Copies, TellTheClientInOrder)
 // What is in the way or can't be copied is said, is never opened or changed, and stops nothing that the client wants.
 TEST_P(Copies, RefusalsLeaveTheRestAlone)
 {
-    const bool root = GetParam() == As::Root;
-    const std::string source = disk::MakeDirectory(directory / "source");
-    const std::string victim = disk::Write(directory / "victim", "old", 0600);
+    const std::string source = Folder("source"), victim = File("victim", "old", 0600);
     const Snapshot before = Snapshot::Of(victim);
     const struct {
         const char *what, *make, *meddle, *heard; // meddled with at the item's start
     } rows[] = {
         {"pipe", "mkfifo it", ":", "1.3/it:EOPNOTSUPP"},
-        {"unreadable file", "echo x > it; chmod 0200 it", ":", root ? "1.2/it" : "1.3/it:EACCES"},
-        {"unreadable directory", "mkdir -m 0300 it", ":", root ? "3.2/it" : "0.3/it:EACCES"},
+        {"unreadable file", "echo x > it; chmod 0200 it", ":", isRoot ? "1.2/it" : "1.3/it:EACCES"},
+        {"unreadable directory", "mkdir -m 0300 it", ":", isRoot ? "3.2/it" : "0.3/it:EACCES"},
         {"name taken by a link", "echo x > it", "ln -s ../victim ../copy/it", "1.3/it:EEXIST"},
         {"file swapped for a link", "echo x > it", "ln -sf ../victim it", "1.3/it:ESTALE"},
         {"file swapped for another", "echo x > it; echo y > ../other", "mv ../other it", "1.3/it:ESTALE"},
@@ -212,10 +195,8 @@ TEST_P(Copies, NeverBeginWhereTheyCouldNotEnd)
     const std::tuple<std::string, std::string, int> rows[] = {
         {at + "tree", at + "tree/copy", EINVAL},
         {at + "tree", at + "tree/a/b/copy", EINVAL},
-        {at + "tree", at + "tree", EEXIST},
         {at + "tree", at + "none/copy", ENOENT},
         {at + "tree", at + "file", EEXIST},
-        {at + "file", at + "file", EEXIST},
         {at + "none", at + "copy", ENOENT},
         {"", at + "copy", ENOENT},
         {at + "file", "/", EEXIST},
@@ -237,7 +218,7 @@ TEST_P(Copies, AStrictUmaskAndForeignFilesStopNobody)
     ExpectCopied(source, directory / "copy");
 
     const char *foreign = "/bin/su"; // root's, and set-user-id
-    if (GetParam() == As::Root || access(foreign, R_OK) != 0) return;
+    if (isRoot || access(foreign, R_OK) != 0) return;
     EXPECT_EQ(Copy(foreign, directory / "su"), 0);
     EXPECT_EQ(disk::Mode(directory / "su"), disk::Mode(foreign) & ~06000U);
 }
