@@ -18,7 +18,8 @@ TEST(GenerationName, AsAString)
         {"./a", "begins with a `.'"},              // then the dot
         {"a/", "contains a `/'"},
     };
-    for (const auto &[name, refusal] : rows) {
+    for (const auto &row : rows) {
+        const std::string &name = row.first, &refusal = row.second;
         const Outcome outcome = InChild(CALL(validateTQName(String(name).get(), why)));
         EXPECT_EQ(outcome.succeeded, refusal.empty()) << name;
         if (!refusal.empty()) ExpectSays(outcome, Refused(105, "Invalid Name: " + refusal + " [" + name + "]"), "");
