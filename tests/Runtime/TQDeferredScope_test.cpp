@@ -6,20 +6,13 @@ namespace {
 
 std::string released; // in which order
 
-void NoteRelease(void *name, void *)
+// Defers a value that notes its release under `name`.
+void Defer(const char *name)
 {
-    released += static_cast<char *>(name);
-}
-
-// A value that notes its release under `name`.
-TQValue *Noting(const char *name)
-{
-    static TQAllocator *const notes = [] {
-        TQAllocatorContext context{};
-        context.deallocate = NoteRelease;
-        return TQAllocatorCreate(nullptr, &context);
-    }();
-    return TQDataCreateNoCopy(nullptr, const_cast<char *>(name), 1, notes);
+    TQAllocatorContext context{};
+    context.deallocate = [](void *noted, void *) { released += static_cast<char *>(noted); };
+    static TQAllocator *const notes = TQAllocatorCreate(nullptr, &context);
+    TQDefer(TQDataCreateNoCopy(nullptr, const_cast<char *>(name), 1, notes));
 }
 
 } // namespace
@@ -28,13 +21,12 @@ TEST(DeferredScope, ReleasesItsOwnNewestFirst)
 {
     released.clear();
     const size_t outer = TQDeferredScopePush();
-    TQDefer(Noting("a"));
+    Defer("a");
     {
         const DeferredScope inner;
-        TQDefer(Noting("b"));
-        TQDefer(Noting("c"));
+        for (const char *name : {"b", "c"}) Defer(name);
         (void)TQDeferredScopePush(); // left open
-        TQDefer(Noting("d"));
+        Defer("d");
     }
     EXPECT_EQ(released, "dcb");
     TQDeferredScopePop(outer);
@@ -45,9 +37,9 @@ TEST(DeferredScope, ThreadsEndReleasesWhatIsLeft)
 {
     released.clear();
     std::thread([] {
-        for (int i = 0; i < 100; ++i) TQDefer(Noting("x"));
+        for (int i = 0; i < 100; ++i) Defer("x");
         const DeferredScope scope;
-        TQDefer(Noting("y"));
+        Defer("y");
     }).join();
     EXPECT_EQ(released, "y" + std::string(100, 'x'));
 }

@@ -10,7 +10,6 @@
 #include <vaultry/number.h>
 #include <vaultry/string.h>
 
-#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,34 +19,27 @@
 
 using Value = Ref<TQValue>;
 
-template <class T> Value Own(T *value)
-{
-    return Value::Adopt(value);
-}
-inline Value Text(std::string_view text)
+// Hands a value to a call as the kind that it takes.
+struct Cast {
+    const Value &value;
+    template <class T> operator T *() const { return static_cast<T *>(value.get()); }
+};
+
+inline constexpr auto Own = [](auto *value) { return Value::Adopt(value); };
+inline constexpr auto Truth = [](bool value) { return Value::Retain(TQBooleanGet(value)); };
+inline constexpr auto Bytes = [](std::string_view bytes) { return Own(TQDataCreate(bytes.data(), bytes.size())); };
+inline constexpr auto Date = [](double seconds) { return Own(TQDateCreate(seconds)); };
+
+inline Value Text(std::string_view text) // a function: support/Library.h has another of the name
 {
     return Own(TQStringCreateWithBytes(text.data(), text.size()));
 }
+
 template <class T> Value Number(T value)
 {
-    if constexpr (std::is_floating_point_v<T>)
-        return Own(TQNumberCreateDouble(value));
-    else if constexpr (std::is_signed_v<T>)
-        return Own(TQNumberCreateInt64(value));
-    else
-        return Own(TQNumberCreateUInt64(value));
-}
-inline Value Truth(bool value)
-{
-    return Value::Retain(TQBooleanGet(value));
-}
-inline Value Bytes(std::string_view bytes)
-{
-    return Own(TQDataCreate(bytes.data(), bytes.size()));
-}
-inline Value Date(double seconds)
-{
-    return Own(TQDateCreate(seconds));
+    if constexpr (std::is_floating_point_v<T>) return Own(TQNumberCreateDouble(value));
+    return Own(std::is_signed_v<T> ? TQNumberCreateInt64(static_cast<int64_t>(value))
+                                   : TQNumberCreateUInt64(static_cast<uint64_t>(value)));
 }
 
 inline Value Array(const std::vector<Value> &members)
@@ -77,11 +69,7 @@ inline Value Nested(size_t depth)
 
 inline std::string UTF8(const Value &string)
 {
-    const auto *text = static_cast<const TQString *>(string.get());
-    return text ? std::string(TQStringGetUTF8(text), TQStringGetUTF8Length(text)) : "(no string)";
+    return string ? std::string(TQStringGetUTF8(Cast{string}), TQStringGetUTF8Length(Cast{string})) : "(no string)";
 }
 
-inline std::string Describe(const TQValue *value)
-{
-    return UTF8(Own(TQCopyDescription(value)));
-}
+inline constexpr auto Describe = [](const TQValue *value) { return UTF8(Own(TQCopyDescription(value))); };
