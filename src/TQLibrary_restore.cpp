@@ -7,6 +7,7 @@
 #include "TQLibrary.h"
 
 #include "TQLibrary_restore.h"
+#include "vaultry_client_managed.h"
 
 #include "Platform/FileStatus.h"
 #include "Platform/ScopeExit.h"
@@ -14,6 +15,7 @@
 #include "Platform/duplix.h"
 #include "Runtime/Ref.h"
 #include "Shared/PathBuffer.h"
+#include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
 
 #include <vaultry/filesystem.h>
@@ -47,15 +49,20 @@ struct Restore {
     PathBuffer temporaryPath{};
     bool backupAdded = false;
     bool movedAside = false;
+    TreeFlush stagedFlush{};
+    TreeFlush restoredFlush{};
+    bool copiedAcross = false; // from another volume
 
     bool NameRestored();
     bool CopyOut();
     bool KeepBackup();
+    bool FlushCopy();
     bool MakePlaceholder();
     bool AnnounceExchange();
     bool MoveDocumentAside();
     bool InstallCopy();
     bool GiveDocumentsRights();
+    bool FlushRestored();
     bool RemoveOldDocument();
     void CleanUp(bool succeeded);
 
@@ -96,6 +103,7 @@ bool Restore::ReplaceExtension(const char *documentExtension, const char *genera
 
 bool Restore::CopyOut()
 {
+    if (store()) stagedFlush = TreeFlush::Within(store()->rootPath);
     uint32_t flags = 0; // the document's own count in the end
     return TQClientManagedStorageCopyOut(store(), generationName, stagedPath, &stagedMode, &flags, error);
 }
@@ -105,6 +113,12 @@ bool Restore::KeepBackup()
     if (!backupName) return true;
     backupAdded = _AddGenerationInternal(library, backupName, document, kBackupOptions, error, /*copy=*/true);
     return backupAdded;
+}
+
+// The document is not touched before what replaces it is on disk.
+bool Restore::FlushCopy()
+{
+    return stagedFlush.Flush(stagedPath, error);
 }
 
 // An empty item beside the document, under a name that is nobody else's, which the document then replaces. In the
@@ -172,6 +186,8 @@ bool Restore::InstallCopy()
 
 bool Restore::CopyAcrossVolumes()
 {
+    copiedAcross = true;
+    restoredFlush = TreeFlush::At(restoredPath);
     if (platform::duplix(stagedPath, restoredPath, /*callback=*/nullptr, /*context=*/nullptr) != 0)
         return Failure(error).Errno("duplix from \"%s\" to \"%s\" failed", stagedPath, restoredPath);
     // To the document's own path, not to the restored one: clients know the birth time of a document whose
@@ -195,6 +211,13 @@ bool Restore::GiveDocumentsRights()
         return DiscardRestored();
     }
     return true;
+}
+
+// What is restored is on disk under its name before what it replaces is deleted.
+bool Restore::FlushRestored()
+{
+    if ((!copiedAcross || restoredFlush.Flush(restoredPath, error)) && _FlushEntry(restoredPath, error)) return true;
+    return DiscardRestored();
 }
 
 bool Restore::DiscardRestored()
@@ -238,6 +261,17 @@ mode_t _RestoredMode(mode_t staged, mode_t document)
     return mode;
 }
 
+// There is no document to be replaced.
+static bool CopyToItsPath(TQLibrary *library, const TQString *name, const TQURL *document, TQError **error)
+{
+    const TrimmedPath path(tq_fileSystemRepresentation(document));
+    const auto flush = TreeFlush::At(path.c_str());
+    if (!TQLibraryCopyGeneration(library, name, document, error)) return false;
+    if (flush.Flush(path.c_str(), error) && _FlushEntry(path.c_str(), error)) return true;
+    (void)_RemoveTree(path.c_str(), 0, nullptr);
+    return false;
+}
+
 bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const TQURL *document,
                                 const TQString *backupName, TQError **error)
 {
@@ -248,14 +282,14 @@ bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const 
     restore.documentPath = tq_fileSystemRepresentation(document);
     if (!restore.documentPath) return Failure(error).Status(kTQStatusBadPath, "not a file URL");
     if (platform::GetStatus(Item::AtPath(restore.documentPath), Links::Follow, &restore.before) != 0) {
-        if (errno == ENOENT) return TQLibraryCopyGeneration(library, name, document, error);
+        if (errno == ENOENT) return CopyToItsPath(library, name, document, error);
         return Failure(error).Errno("Failed to determine if \"%s\" exists", restore.documentPath);
     }
     if (!restore.NameRestored() || !restore.CopyOut()) return false;
 
-    const bool restored = restore.KeepBackup() && restore.MakePlaceholder() && restore.AnnounceExchange() &&
-                          restore.MoveDocumentAside() && restore.InstallCopy() && restore.GiveDocumentsRights() &&
-                          restore.RemoveOldDocument();
+    const bool restored = restore.KeepBackup() && restore.FlushCopy() && restore.MakePlaceholder() &&
+                          restore.AnnounceExchange() && restore.MoveDocumentAside() && restore.InstallCopy() &&
+                          restore.GiveDocumentsRights() && restore.FlushRestored() && restore.RemoveOldDocument();
     restore.CleanUp(restored);
     return restored;
 }

@@ -6,6 +6,7 @@
 #include "Platform/FileStatus.h"
 #include "Platform/Rename.h"
 #include "Platform/UniqueFd.h"
+#include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
 #include "Shared/vaultry_storage.h"
 
@@ -93,12 +94,13 @@ bool FinishInstalled(const char *generation, const TQFileStatus &status, TQError
 
 enum class Installed { No, WithoutOptions, Whole };
 
-// From staging to its name. The root is writable from the unprotect to the end of this function.
+// From staging to its name, which it gets only when its content is on disk. The root is writable from the unprotect to
+// the end of this function.
 Installed InstallStaged(const char *root, const char *staged, const char *generation, uint64_t options, bool copied,
-                        TQError **error)
+                        const TreeFlush &flush, TQError **error)
 {
     TQFileStatus status;
-    if (!MakeStagedMovable(staged, &status, error)) return Installed::No;
+    if (!MakeStagedMovable(staged, &status, error) || !flush.Flush(staged, error)) return Installed::No;
     if (!_UnprotectGenerationStore(root, error)) return Installed::No;
     const ScopeExit protect([root] { _ProtectGenerationStore(root); });
 
@@ -111,7 +113,14 @@ Installed InstallStaged(const char *root, const char *staged, const char *genera
         TakeBack(generation, staged, status, copied);
         return Installed::No;
     }
-    return TQSetGenerationOptions(generation, options, error) ? Installed::Whole : Installed::WithoutOptions;
+    return _WriteGenerationOptions(generation, options, error) ? Installed::Whole : Installed::WithoutOptions;
+}
+
+// The name, the options and the protection. The item goes first: where the disk keeps a journal that takes all of them
+// with it, and the rest costs nothing.
+bool FlushInstalled(const char *root, const char *generation, const char *source, bool copied, TQError **error)
+{
+    return _FlushItem(generation, error) && _FlushItem(root, error) && (copied || _FlushEntry(source, error));
 }
 
 } // namespace
@@ -137,11 +146,14 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
     PathBuffer staged;
     if (!_GetUniqueStagingPath(root, staged, error)) return false;
     ScopeExit removeStaging([&] { (void)_RemoveStagingPath(root, staged.c_str(), nullptr); });
+    const auto flush = TreeFlush::Within(root);
 
     if (!copy && !NoteWhereFrom(staged.c_str(), source, error)) return false;
     if (TQAddPathAsGeneration(source, staged.c_str(), copy, /*makeReadable=*/false, /*archive=*/true, error)) {
-        const Installed installed = InstallStaged(root, staged.c_str(), generation.c_str(), options, copy, error);
-        if (installed != Installed::No) return installed == Installed::Whole;
+        const Installed installed =
+            InstallStaged(root, staged.c_str(), generation.c_str(), options, copy, flush, error);
+        if (installed != Installed::No)
+            return installed == Installed::Whole && FlushInstalled(root, generation.c_str(), source, copy, error);
     }
 
     // A moved document is somebody's only copy: it goes home first. If it can't, staging stays.

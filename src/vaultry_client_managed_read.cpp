@@ -4,6 +4,7 @@
 
 #include "Platform/FileStatus.h"
 #include "Runtime/Ref.h"
+#include "Shared/PathBuffer.h"
 #include "Shared/vaultry_internal_failure.h"
 #include "Shared/vaultry_storage.h"
 
@@ -11,7 +12,6 @@
 #include <vaultry/metadata.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <sys/stat.h>
 
@@ -39,17 +39,6 @@ private:
     HeldLock lock_;
     PathBuffer path_;
 };
-
-// A URL of a directory ends in "/", which the path of a file must not.
-bool WithoutTrailingSlashes(const char *path, char (&result)[PATH_MAX])
-{
-    size_t length = strlen(path);
-    while (length > 1 && path[length - 1] == '/') --length;
-    if (length >= sizeof result) return false;
-    memcpy(result, path, length);
-    result[length] = '\0';
-    return true;
-}
 
 bool ApplyFinalRights(const char *destination, uint16_t mode, uint32_t flags, TQError **error)
 {
@@ -161,9 +150,9 @@ bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, c
     if (!generation.ForReading(store, name, error)) return false;
     if (!destination || destination[0] == '\0')
         return Failure(error).Refused(kTQStatusBadPath, "no destination path was supplied");
-    char target[PATH_MAX];
-    if (!WithoutTrailingSlashes(destination, target))
-        return Failure(error).Refused(kTQStatusBadPath, "the destination path is too long");
+    const TrimmedPath trimmed(destination);
+    if (!trimmed) return Failure(error).Refused(kTQStatusBadPath, "the destination path is too long");
+    const char *target = trimmed.c_str();
     if (_PathExists(target)) return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", target);
 
     uint16_t mode = 0;

@@ -7,6 +7,7 @@
 
 #include "Platform/FileStatus.h"
 #include "Runtime/Ref.h"
+#include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
 
 #include <vaultry/filesystem.h>
@@ -94,7 +95,7 @@ bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store
     const size_t count = TQArrayGetCount(names);
     for (size_t i = 0; i < count; ++i)
         if (!RemoveOne(store->rootPath, TQArrayGetValueAtIndex(names, i), error)) return false;
-    return true;
+    return _FlushItem(store->rootPath, error);
 }
 
 TQArray *TQClientManagedStorageCopyGenerationNames(const TQClientManagedStorage *store, TQError **error)

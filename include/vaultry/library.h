@@ -59,7 +59,7 @@ TQ_EXPORT uint64_t TQLibraryGetGenerationOptions(TQLibrary *library, const TQStr
 /// Where a generation lies, for reading; owned by the caller. Null on failure.
 TQ_EXPORT TQURL *TQLibraryCopyURLForGeneration(TQLibrary *library, const TQString *name);
 
-/// Copies a generation to `destination`, where nothing may be (kTQStatusExists).
+/// Copies a generation to `destination`, where nothing may be (kTQStatusExists). Not flushed to disk.
 ///
 /// @return false with kTQStatusBadPath if `destination` is not a file URL; otherwise as
 ///         TQClientManagedStorageCopyGeneration.
@@ -103,7 +103,8 @@ TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, con
 /// Puts a generation in the place of a document, which keeps its own permissions, flags and hidden extension.
 ///
 /// The document is moved aside, the generation moved into its place, and only then is the old document
-/// removed; a failure before that puts it back. If the extensions of `name` and of the document differ, the
+/// removed; a failure before that puts it back. What was restored is flushed to disk before anything is given up for
+/// it, so a power cut costs neither of the two. If the extensions of `name` and of the document differ, the
 /// restored document gets the generation's, and nothing may stand at that path (kTQStatusExists). Where there is no
 /// document, the generation is copied to its path.
 ///

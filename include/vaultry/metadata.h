@@ -18,7 +18,8 @@
 TQ_BEGIN_DECLS
 
 /// Sets an attribute of a generation's top item, or removes it when `value` is null or `size` 0. An absent
-/// attribute is removed successfully. A failed change leaves the old value.
+/// attribute is removed successfully. A failed change leaves the old value, unless only flushing the new one to disk
+/// failed. What the functions below set is on disk in the same way when they return true.
 TQ_EXPORT bool _SetEAOnGeneration(const char *path, const char *name, const void *value, size_t size, TQError **error);
 
 /// A mutable dictionary that the caller owns; empty when the item has none. On failure null: bytes that are

@@ -47,9 +47,9 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 /// @param source   Absolute path of a file or a directory tree.
 /// @param options  Stored with the generation; read back as 1 if none of the bits 0x1e is set.
 /// @param copy     true leaves `source` alone; false moves it, and on failure it is back
-///                 where it was, unless only the options could not be stored.
-/// @return true on success. If only the options could not be stored, false, and the
-///         generation stays. Otherwise nothing was added:
+///                 where it was, unless the generation stays.
+/// @return true once the generation is on disk, and would survive a power cut. If only the options could not be stored,
+///         or not all of it be flushed in the end, false, and the generation stays. Otherwise nothing was added:
 ///         kTQStatusExists           the store has a generation of that name
 ///         kTQStatusInvalidArgument  also: `source` contains the store
 ///         kTQStatusNotSupported     the tree holds a FIFO, a socket or a device
@@ -67,7 +67,7 @@ TQ_EXPORT TQURL *TQClientManagedStorageCopyURLForGeneration(const TQClientManage
 TQ_EXPORT uint64_t TQClientManagedStorageGetGenerationOptions(const TQClientManagedStorage *store, const char *name,
                                                               TQError **error);
 
-/// Stores the options word; one without any of the bits 0x1e reads back as 1. Exclusive lock.
+/// Stores the options word, on disk on return; one without any of the bits 0x1e reads back as 1. Exclusive lock.
 TQ_EXPORT bool TQClientManagedStorageSetGenerationOptions(const TQClientManagedStorage *store, const char *name,
                                                           uint64_t options, TQError **error);
 
@@ -81,7 +81,7 @@ TQ_EXPORT TQValue *TQClientManagedStorageCopyGenerationInfoValueForKey(const TQC
                                                                        const char *name, const TQString *key,
                                                                        TQError **error);
 
-/// Sets one value of the info dictionary, or removes the key when `value` is null. Exclusive lock.
+/// Sets one value of the info dictionary, or removes the key when `value` is null. On disk on return. Exclusive lock.
 ///
 /// @param error  Set when the name is wrong or the lock can't be had; a write that fails returns false and
 ///               leaves it as it was, with the reason in the log.
@@ -92,12 +92,13 @@ TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValueForKey(const TQClient
 TQ_EXPORT TQString *TQClientManagedStorageCopyGenerationOriginalDisplayName(const TQClientManagedStorage *store,
                                                                             const char *name, TQError **error);
 
-/// Sets the original display name, of at most 767 bytes; null or "" removes it. Exclusive lock.
+/// Sets the original display name, of at most 767 bytes; null or "" removes it. On disk on return. Exclusive lock.
 TQ_EXPORT bool TQClientManagedStorageSetGenerationOriginalDisplayName(const TQClientManagedStorage *store,
                                                                       const char *name, const TQString *displayName,
                                                                       TQError **error);
 
-/// Copies a generation into the store's staging area, for a client that puts it somewhere by rename.
+/// Copies a generation into the store's staging area, for a client that puts it somewhere by rename. Not flushed to
+/// disk: a client that gives up something for it flushes it first.
 ///
 /// @param stagedPath  Buffer of 1,024 bytes; gets the path of the copy. The copy belongs to the caller until
 ///                    TQClientManagedStorageCopyOutDone is called with this path.
@@ -119,7 +120,7 @@ TQ_EXPORT bool TQClientManagedStorageCopyOutDone(const TQClientManagedStorage *s
 TQ_EXPORT bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, const char *name,
                                                     const char *destination, TQError **error);
 
-/// Removes generations by name, in order; a name that has no generation is passed over.
+/// Removes generations by name, in order; a name that has no generation is passed over. On disk on return.
 ///
 /// @param names  Strings.
 /// @return false at the first failure; those before it stay removed, those after it are not looked at.

@@ -1,11 +1,13 @@
-// A path of at most 1,023 bytes. One that does not fit is refused, never cut.
+// Paths in fixed buffers. One that does not fit is refused, never cut.
 
 #pragma once
 
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
+// A path of at most 1,023 bytes, as the store keeps them.
 class PathBuffer {
 public:
     static constexpr size_t kCapacity = 1024;
@@ -39,4 +41,24 @@ public:
 
 private:
     char text_[kCapacity] = "";
+};
+
+// A caller's path without the slashes that it may end in: the URL of a directory does, and the path of a file must not.
+class TrimmedPath {
+public:
+    explicit TrimmedPath(const char *path)
+    {
+        size_t length = strlen(path);
+        while (length > 1 && path[length - 1] == '/') --length;
+        if (length >= sizeof text_) return;
+        memcpy(text_, path, length);
+        text_[length] = '\0';
+    }
+
+    // False if the kernel would not take it either.
+    explicit operator bool() const { return text_[0] != '\0'; }
+    const char *c_str() const { return text_; }
+
+private:
+    char text_[PATH_MAX] = "";
 };

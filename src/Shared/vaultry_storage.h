@@ -33,6 +33,9 @@ mode_t SavedWriteBits(uint8_t saved);
 // Files that the file manager of another system puts beside a file to hold its attributes.
 bool IsSidecarName(const char *name);
 
+// TQSetGenerationOptions for a generation that its caller flushes.
+bool _WriteGenerationOptions(const char *path, uint64_t options, TQError **error);
+
 // What the copy service's callback carries while adding.
 struct TQAddContext {
     uint8_t makeReadable;

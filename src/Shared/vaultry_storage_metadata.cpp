@@ -6,6 +6,7 @@
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
 #include "Platform/ScopeExit.h"
+#include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
 
 #include <cerrno>
@@ -69,16 +70,22 @@ bool WriteAttribute(const char *path, const char *name, const void *value, size_
     return Failure(error).Errno("setxattr(\"%s\") failed", path);
 }
 
-} // namespace
-
-bool _SetEAOnGeneration(const char *path, const char *name, const void *value, size_t size, TQError **error)
+// Attribute and protection; the caller flushes them.
+bool WriteProtectedAttribute(const char *path, const char *name, const void *value, size_t size, TQError **error)
 {
-    if (!path) path = "";
     if (!name) return Failure(error).Refused(kTQStatusInvalidArgument, "no attribute name was supplied");
     if (geteuid() == 0) return WriteAttribute(path, name, value, size, error); // modes do not stop root
 
     LiftedProtection lifted(path);
     return lifted.Lift(error) && WriteAttribute(path, name, value, size, error);
+}
+
+} // namespace
+
+bool _SetEAOnGeneration(const char *path, const char *name, const void *value, size_t size, TQError **error)
+{
+    if (!path) path = "";
+    return WriteProtectedAttribute(path, name, value, size, error) && _FlushItem(path, error);
 }
 
 bool TQSetOriginalDisplayName(const char *path, const TQString *name, TQError **error)
@@ -109,10 +116,16 @@ TQString *TQCopyOriginalDisplayName(const char *path, TQError **error)
     return name;
 }
 
+bool _WriteGenerationOptions(const char *path, uint64_t options, TQError **error)
+{
+    if ((options & kStoredOptionBits) == 0) return WriteProtectedAttribute(path, kOptionsAttribute, nullptr, 0, error);
+    return WriteProtectedAttribute(path, kOptionsAttribute, &options, sizeof options, error);
+}
+
 bool TQSetGenerationOptions(const char *path, uint64_t options, TQError **error)
 {
-    if ((options & kStoredOptionBits) == 0) return _SetEAOnGeneration(path, kOptionsAttribute, nullptr, 0, error);
-    return _SetEAOnGeneration(path, kOptionsAttribute, &options, sizeof options, error);
+    if (!path) path = "";
+    return _WriteGenerationOptions(path, options, error) && _FlushItem(path, error);
 }
 
 uint64_t TQGetGenerationOptions(const char *path)

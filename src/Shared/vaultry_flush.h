@@ -1,0 +1,37 @@
+// Success is durable: what an operation did is on disk before it returns true.
+//
+// False with "Failed to flush …" from errno. A failed flush is final; the caller undoes what it still can.
+
+#pragma once
+
+#include "Platform/UniqueFd.h"
+
+#include <vaultry/error.h>
+
+// The content and attributes of one item, or the entries of a directory. A link is flushed itself, not its target.
+bool _FlushItem(const char *path, TQError **error);
+
+// The entry of `path` in the directory that holds it: that it is there, or that it is not.
+bool _FlushEntry(const char *path, TQError **error);
+
+// A whole tree, with one call for its volume however many items it has: content, attributes and entries.
+//
+//     const auto flush = TreeFlush::Within(directory);   // before the first byte is written
+//     ...
+//     if (!flush.Flush(tree, error)) return false;
+//
+// Opened first, it hears of every write that fails in the meantime, also of one that the kernel has tried already.
+class TreeFlush {
+public:
+    TreeFlush() = default;
+
+    // For a tree that will lie somewhere below `directory`, or at `path`.
+    static TreeFlush Within(const char *directory);
+    static TreeFlush At(const char *path);
+
+    // Just the item, if it is no directory.
+    bool Flush(const char *path, TQError **error) const;
+
+private:
+    UniqueFd volume_;
+};
