@@ -32,7 +32,9 @@ struct Parent {
     {
         const TrimmedPath trimmed(item);
         const char *slash = strrchr(trimmed.c_str(), '/');
-        if (slash) (void)snprintf(path, sizeof path, "%.*s", static_cast<int>(slash + 1 - trimmed.c_str()), item);
+        if (!slash) return;
+        const auto length = slash - trimmed.c_str();
+        (void)snprintf(path, sizeof path, "%.*s", static_cast<int>(length > 0 ? length : 1), trimmed.c_str());
     }
 };
 

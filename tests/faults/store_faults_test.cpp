@@ -122,7 +122,7 @@ TEST_P(StoreFaults, AddingByMovingGivesTheDocumentBack)
         });
     const std::string &s = kStaged;
     Messages errors = {"rename(\"$/document\", \"" + s + "\") failed", "fts_read() failed for path '" + s + "'\n",
-                       "failed to open generation item \"" + s + "/folder\"", "Failed to flush \"$/\" to disk"},
+                       "failed to open generation item \"" + s + "/folder\"", "Failed to flush \"$\" to disk"},
              lines;
     const Messages breaking = {"failed to make temp file at \"" + s + "/twin_XXXXXX\"",
                                "failed open source file at \"" + s + "/twin\"",
