@@ -8,6 +8,7 @@
 #include "Platform/ScopeExit.h"
 #include "Platform/TreeWalk.h"
 #include "Shared/PathBuffer.h"
+#include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_storage.h"
 
 #include <vaultry/data.h>
@@ -122,9 +123,10 @@ void CheckPlaceholder(const char *placeholder, const char *document, Findings &f
                      "A restore that was interrupted left this empty item; it may go.");
         return;
     }
-    findings.AddMendable(placeholder, "document-aside",
-                         "A restore that was interrupted left the document, or its old state, under this name.",
-                         [=] { return platform::RenameIntoNothing(placeholder, document) == 0; });
+    findings.AddMendable(
+        placeholder, "document-aside",
+        "A restore that was interrupted left the document, or its old state, under this name.",
+        [=] { return platform::RenameIntoNothing(placeholder, document) == 0 && _FlushEntry(document, nullptr); });
 }
 
 // The path of the document that a generation was made from, as a client recorded it.

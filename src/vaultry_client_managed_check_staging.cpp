@@ -9,6 +9,7 @@
 
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
+#include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_storage.h"
 
 #include <vaultry/filesystem.h>
@@ -44,10 +45,10 @@ int64_t LastUse(const char *unique, const char *staged)
     return last;
 }
 
-// The document goes home, and the directory that held it goes with its note.
+// The document goes home, and the directory that held it goes with its note once that is on disk.
 bool GiveBack(const char *unique, const char *staged, const char *home)
 {
-    return _GiveDocumentBack(staged, home) && _RemoveTree(unique, 0, nullptr);
+    return _GiveDocumentBack(staged, home) && _FlushEntry(home, nullptr) && _RemoveTree(unique, 0, nullptr);
 }
 
 bool IsUniqueName(const char *name)
