@@ -33,7 +33,7 @@ private:
     bool ReportWalk(const Entry &entry);
 
     Copied EnterDirectory(const Entry &entry);
-    Copied CopyDirectoryMetadata(const Entry &entry);
+    Copied CopyDirectoryMetadata(const Entry &entry, TQFileStatus &made);
     Copied CopyFile(const Entry &entry);
     Copied CopyLink(const Entry &entry);
 
@@ -119,7 +119,7 @@ bool TreeCopy::BeginDirectory(const Entry &entry)
     }
     if (!fits) errno = tooLong;
     const Copied result = fits ? EnterDirectory(entry) : Copied::No;
-    if (result == Copied::Yes) return reports_.Finish(duplix_what::Directory, -1);
+    if (result == Copied::Yes) return reports_.Finish(duplix_what::Directory, nullptr);
     walk_.SkipContents();
     return GoOn(result, duplix_what::Directory);
 }
@@ -150,17 +150,18 @@ bool TreeCopy::FinishDirectory(const Entry &entry)
     }
     bool goOn = true;
     if (answer == Answer::Continue) {
-        const Copied result = CopyDirectoryMetadata(entry);
-        goOn = result == Copied::Yes ? reports_.Finish(duplix_what::DirectoryDone, tree_.directory())
+        TQFileStatus made;
+        const DuplixFinished finished{entry.fd, tree_.directory(), made};
+        const Copied result = CopyDirectoryMetadata(entry, made);
+        goOn = result == Copied::Yes ? reports_.Finish(duplix_what::DirectoryDone, &finished)
                                      : GoOn(result, duplix_what::DirectoryDone);
     }
     tree_.Leave();
     return goOn;
 }
 
-Copied TreeCopy::CopyDirectoryMetadata(const Entry &entry)
+Copied TreeCopy::CopyDirectoryMetadata(const Entry &entry, TQFileStatus &made)
 {
-    TQFileStatus made;
     if (GetStatusOfFd(tree_.directory(), &made) != 0) return Copied::No;
     return CopyMetadata({entry.fd, entry.status, tree_.directory(), made, tree_.isRoot()}, attributes_, reports_);
 }
@@ -225,7 +226,8 @@ Copied TreeCopy::CopyFile(const Entry &entry)
     const Copied result =
         _CopyOpenFile(from.get(), source, to.get(), made, tree_.isRoot(), data_, attributes_, reports_);
     if (result != Copied::Yes) return result;
-    return reports_.Finish(duplix_what::File, to.get()) ? Copied::Yes : Copied::Stopped;
+    const DuplixFinished finished{from.get(), to.get(), made};
+    return reports_.Finish(duplix_what::File, &finished) ? Copied::Yes : Copied::Stopped;
 }
 
 Copied TreeCopy::CopyLink(const Entry &entry)
@@ -241,7 +243,7 @@ Copied TreeCopy::CopyLink(const Entry &entry)
     if (symlinkat(target, item.directory, item.name) != 0) return Copied::No;
     madeSomething_ = true;
     if (const Copied result = CopyLinkMetadata(entry.status, item); result != Copied::Yes) return result;
-    return reports_.Finish(duplix_what::File, -1) ? Copied::Yes : Copied::Stopped;
+    return reports_.Finish(duplix_what::File, nullptr) ? Copied::Yes : Copied::Stopped;
 }
 
 // What the walk could not read. A directory that was made for it stays as it is, for its owner only.

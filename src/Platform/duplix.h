@@ -18,8 +18,8 @@
 // The callback sees, for each file, link or refused item: (File, Start), then (Data, Progress) at least every
 // 4 MiB while data goes over, then (File, Finish), all attributes done. For each directory: (Directory, Start),
 // (Directory, Finish) when it is made, its contents, (DirectoryDone, Start), (DirectoryDone, Finish) when all is
-// done. Skip is heeded at a start: the item, or the directory with its contents, is not made; at (DirectoryDone, Start)
-// the directory is left with owner-only rights.
+// done. For each `user.` attribute of either: (Attribute, Start). Skip is heeded at a start: the item, the directory with
+// its contents, or the attribute, is not made; at (DirectoryDone, Start) the directory is left with owner-only rights.
 //
 // Whatever fails is reported as (what, Error) with errno set, and has no Finish. what is Walk for a directory that
 // can't be read, an item that has no status, and a copy that can't begin; Attribute for one attribute or list. Continue
@@ -44,13 +44,20 @@ namespace duplix_answer {
 enum : int { Continue = 0, Skip = 1, Quit = 2 };
 }
 
+// A file or directory that is finished, still open.
+struct DuplixFinished {
+    int source;                 // for reading
+    int copy;                   // a file for writing, a directory for reading
+    const TQFileStatus &status; // the copy's; of kind, owner, mode and flags what it has now, the rest as it was made
+};
+
 // What the service tells its callback about the item at hand.
 struct DuplixState {
-    uint64_t bytesCopied = 0;             // of the current file
-    const TQFileStatus *source = nullptr; // the source item's status; null if it has none
-    Item destination{};                   // by descriptor; in every call
-    int destinationFd = -1;               // the finished item, open (a file for writing, a directory for reading),
-                                          // in (File, Finish) and (DirectoryDone, Finish); -1 for a link
+    uint64_t bytesCopied = 0;                 // of the current file
+    const TQFileStatus *source = nullptr;     // the source item's status; null if it has none
+    Item destination{};                       // by descriptor; in every call
+    const char *attribute = nullptr;          // in (Attribute, Start), without "user."
+    const DuplixFinished *finished = nullptr; // in (File, Finish) and (DirectoryDone, Finish); null for a link
 };
 
 using DuplixCallback = int (*)(int what, int stage, DuplixState *state, const char *source, const char *destination,

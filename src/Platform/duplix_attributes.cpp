@@ -14,6 +14,7 @@ namespace platform {
 static constexpr char kAccessList[] = "system.posix_acl_access";
 static constexpr char kDefaultList[] = "system.posix_acl_default";
 static constexpr char kCapability[] = "security.capability";
+static constexpr char kUserPrefix[] = "user.";
 
 // Neither the names of an item nor one value can be longer.
 static_assert(XATTR_LIST_MAX == 65536 && XATTR_SIZE_MAX == 65536);
@@ -74,7 +75,11 @@ Copied AttributeCopier::CopyUserAttributes(const CopiedItem &item, DuplixReports
     for (size_t at = 0; at < namesLength_;) {
         const char *name = names_.get() + at;
         at += strlen(name) + 1;
-        if (strncmp(name, "user.", 5) != 0) continue; // other namespaces belong to the system, or are copied below
+        // Other namespaces belong to the system, or are copied below.
+        if (strncmp(name, kUserPrefix, strlen(kUserPrefix)) != 0) continue;
+        const DuplixReports::Answer answer = reports.StartAttribute(name + strlen(kUserPrefix));
+        if (answer == DuplixReports::Answer::Quit) return Copied::Stopped;
+        if (answer == DuplixReports::Answer::Skip) continue;
         size_t size = 0;
         if (!CopyOne(item, name, &size) && _Report(reports) == Copied::Stopped) return Copied::Stopped;
     }

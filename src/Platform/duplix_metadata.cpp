@@ -38,7 +38,7 @@ static bool _IsRefusedToUser(int error)
 }
 
 // An ordinary user can't give files away, but may give them to a group of their own.
-static Ownership _CopyOwner(int to, const TQFileStatus &source, const TQFileStatus &made)
+static Ownership _CopyOwner(int to, const TQFileStatus &source, TQFileStatus &made)
 {
     Ownership result;
     result.complete = source.owner == made.owner && source.group == made.group;
@@ -46,11 +46,17 @@ static Ownership _CopyOwner(int to, const TQFileStatus &source, const TQFileStat
 
     result.changed = true;
     result.complete = fchownat(to, "", source.owner, source.group, AT_EMPTY_PATH) == 0;
-    if (result.complete) return result;
+    if (result.complete) {
+        made.owner = source.owner;
+        made.group = source.group;
+        return result;
+    }
     result.failed = !_IsRefusedToUser(errno);
     if (result.failed || source.group == made.group) return result;
-    result.complete =
-        fchownat(to, "", static_cast<uid_t>(-1), source.group, AT_EMPTY_PATH) == 0 && source.owner == made.owner;
+    if (fchownat(to, "", static_cast<uid_t>(-1), source.group, AT_EMPTY_PATH) == 0) {
+        made.group = source.group;
+        result.complete = source.owner == made.owner;
+    }
     return result;
 }
 
@@ -60,7 +66,9 @@ static bool _CopyMode(const CopiedItem &item, const Ownership &owner, const Copi
     if (!owner.complete) mode &= ~kSetIdBits; // else they would lend the rights of somebody else
     mode &= ~static_cast<mode_t>(070) | (lists.groupRights << 3);
     if (!owner.changed && !lists.touched && mode == (item.made.mode & 07777)) return true;
-    return fchmod(item.to, mode) == 0;
+    if (fchmod(item.to, mode) != 0) return false;
+    item.made.mode = (item.made.mode & S_IFMT) | mode;
+    return true;
 }
 
 static bool _CopyTimes(const CopiedItem &item)
@@ -81,6 +89,7 @@ static bool _CopyFlags(const CopiedItem &item)
         if (refused == 0) return true;
         flags &= ~refused;
     }
+    item.made.flags = flags;
     return true;
 }
 

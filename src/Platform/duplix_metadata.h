@@ -17,8 +17,8 @@ struct CopiedItem {
     int from;
     const TQFileStatus &source;
     int to;
-    const TQFileStatus &made; // the copy as it stands
-    bool mayHaveInherited;    // the directory above may have handed lists down
+    TQFileStatus &made;    // the copy as it stands
+    bool mayHaveInherited; // the directory above may have handed lists down
 };
 
 // What the extended attributes of the source were, as far as the mode depends on it.
@@ -55,6 +55,7 @@ void GiveOwnerRights(int fd, TQFileStatus *made);
 // Takes away a compressed flag that the directory above has handed down, before there is data, and notes it.
 void StorePlain(int fd, TQFileStatus *made);
 
+// Notes owner, mode and flags in `item.made`.
 Copied CopyMetadata(const CopiedItem &item, AttributeCopier &attributes, DuplixReports &reports);
 
 // The same of a symbolic link, which has neither attributes nor a mode or flags.

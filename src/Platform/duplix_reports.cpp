@@ -28,13 +28,21 @@ DuplixReports::Answer DuplixReports::Start(int what)
     return answer == duplix_answer::Skip ? Answer::Skip : Answer::Continue;
 }
 
-bool DuplixReports::Finish(int what, int destinationFd)
+DuplixReports::Answer DuplixReports::StartAttribute(const char *name)
+{
+    state_.attribute = name;
+    const Answer answer = Start(duplix_what::Attribute);
+    state_.attribute = nullptr;
+    return answer;
+}
+
+bool DuplixReports::Finish(int what, const DuplixFinished *finished)
 {
     if (!callback_) return true;
-    state_.destinationFd = destinationFd;
+    state_.finished = finished;
     errno = 0;
     const bool goOn = Ask(what, duplix_stage::Finish) != duplix_answer::Quit;
-    state_.destinationFd = -1;
+    state_.finished = nullptr;
     return goOn;
 }
 

@@ -26,8 +26,9 @@ public:
     void SetSubject(const char *source, const TQFileStatus *status, const Item &destination);
 
     Answer Start(int what);
+    Answer StartAttribute(const char *name);
     // The others answer whether to go on.
-    bool Finish(int what, int destinationFd);
+    bool Finish(int what, const DuplixFinished *finished);
     bool Progress(uint64_t bytesCopied);
     bool Error(int what); // errno says what failed
 

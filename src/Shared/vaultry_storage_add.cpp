@@ -175,14 +175,14 @@ int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *sour
     (void)_TransferBirthTimeTo(state->destination, source, *state->source);
 
     // A link is archived as what it is, not as its target.
-    const TQFileStatus &item = S_ISLNK(state->source->mode) ? *state->source : status;
-    if (context->archive &&
-        !_ArchiveItemAt(state->destination, state->destinationFd, item, context->makeReadable, context->error))
+    const TQFileStatus &item = state->finished ? status : *state->source;
+    const int fd = state->finished ? state->finished->copy : -1;
+    if (context->archive && !_ArchiveItemAt(state->destination, fd, item, context->makeReadable, context->error))
         return duplix_answer::Quit;
     if (S_ISDIR(status.mode)) return duplix_answer::Continue;
 
     // Data that could be shared was cloned when it was copied, so there is nobody to be told.
-    context->bytesCompleted += status.size;
+    context->bytesCompleted += state->finished ? state->bytesCopied : status.size;
     ReportCompleted(context->progress, context->bytesCompleted);
     return duplix_answer::Continue;
 }
@@ -207,8 +207,9 @@ int QuitOnCopyError(TQError **error, int what, int stage, const char *source, co
 
 bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status)
 {
-    if (state.destinationFd >= 0) return platform::GetStatusOfFd(state.destinationFd, status) == 0;
-    return platform::GetStatus(state.destination, Links::Follow, status) == 0;
+    if (!state.finished) return platform::GetStatus(state.destination, Links::Follow, status) == 0;
+    *status = state.finished->status; // what the copy service has just set needs no look
+    return true;
 }
 
 int64_t TQComputeTreeSize(const char *path, TQError **error)

@@ -56,9 +56,12 @@ bool StoreUncompressed(int fd, const Item &item, const TQFileStatus &status, TQE
 // An item that was archived before keeps the byte of that time: it says what the document had.
 bool RecordPermissions(int fd, const Item &item, const TQFileStatus &status, TQError **error)
 {
-    if (_FDHasAttribute(fd, kSavedPermissionsAttribute)) return true;
     const uint8_t saved = SavedPermissionsOf(status.mode, status.flags);
-    if (platform::SetAttributeOfFd(fd, kSavedPermissionsAttribute, &saved, sizeof saved) == 0) return true;
+    if (platform::AddAttributeOfFd(fd, kSavedPermissionsAttribute, &saved, sizeof saved) == 0) return true;
+    // Refused for the byte that is there, or, on a full volume, for want of room before the byte was looked for.
+    const int refused = errno;
+    if (_FDHasAttribute(fd, kSavedPermissionsAttribute)) return true;
+    errno = refused;
     return Failure(error).Errno("failed to save original permissions for \"%s\"", item.path);
 }
 

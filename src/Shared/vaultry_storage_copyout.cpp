@@ -1,4 +1,4 @@
-// Copying a generation out: the copy gets back the rights that archiving recorded, and loses the store's attributes.
+// Copying a generation out: the copy gets back the rights that archiving recorded, and none of the store's attributes.
 //
 // Uneven on purpose: only write bits and the two recorded flags come back, and an item without a record
 // gets owner write.
@@ -10,8 +10,10 @@
 #include "Shared/vaultry_fs_wrappers.h"
 #include "Shared/vaultry_internal_failure.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <sys/stat.h>
 
 namespace {
@@ -19,61 +21,59 @@ namespace {
 constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
 constexpr mode_t kWriteBits = 0222;
 
+// What a copy never gets, so that nothing has to be taken from it again.
+bool IsStoreAttribute(const char *name)
+{
+    constexpr const char *kOwn[] = {kSavedPermissionsAttribute, kInfoAttribute, kDisplayNameAttribute,
+                                    kOptionsAttribute};
+    return std::any_of(std::begin(kOwn), std::end(kOwn), [name](const char *own) { return strcmp(name, own) == 0; });
+}
+
 struct RestoredRights {
     mode_t mode;
     uint32_t flags;
-    bool recorded;
 };
 
-// What the item is to have, from its own status and its saved-permissions byte.
-bool ReadRestoredRights(int fd, const TQFileStatus &status, RestoredRights *rights)
+// What the copy is to have, from its own status and the byte of the generation's item.
+bool ReadRestoredRights(const DuplixFinished &item, RestoredRights *rights)
 {
     uint8_t saved = 0;
-    const ssize_t length = platform::GetAttributeOfFd(fd, kSavedPermissionsAttribute, &saved, sizeof saved);
-    const mode_t mode = status.mode & 07777;
-    const uint32_t flags = status.flags & ~uint32_t{kTQFlagImmutable};
+    const ssize_t length = platform::GetAttributeOfFd(item.source, kSavedPermissionsAttribute, &saved, sizeof saved);
+    const mode_t mode = item.status.mode & 07777;
+    const uint32_t flags = item.status.flags & ~uint32_t{kTQFlagImmutable};
     if (length == 1) {
         const uint32_t immutable = (saved & kSavedImmutable) ? kTQFlagImmutable : 0;
         const uint32_t append = (saved & kSavedAppend) ? kTQFlagAppend : 0;
-        *rights = {mode | SavedWriteBits(saved), flags | immutable | append, true};
+        *rights = {mode | SavedWriteBits(saved), flags | immutable | append};
         return true;
     }
-    *rights = {mode | 0200, flags, false};
+    *rights = {mode | 0200, flags};
     return length < 0 && errno == ENODATA;
 }
 
-void RemoveStoreAttributes(int fd, bool recorded)
-{
-    (void)platform::RemoveAttributeOfFd(fd, kDisplayNameAttribute);
-    (void)platform::RemoveAttributeOfFd(fd, kInfoAttribute);
-    (void)platform::RemoveAttributeOfFd(fd, kOptionsAttribute);
-    if (recorded) (void)platform::RemoveAttributeOfFd(fd, kSavedPermissionsAttribute);
-}
-
-bool Unarchive(int fd, const char *path, const TQFileStatus &status, TQError **error)
+bool Unarchive(const DuplixFinished &item, const char *path, TQError **error)
 {
     RestoredRights rights;
-    if (!ReadRestoredRights(fd, status, &rights))
+    if (!ReadRestoredRights(item, &rights))
         return Failure(error).Errno("Failed to retrieve original perms from xattr on item \"%s\"", path);
 
-    // An immutable item refuses everything below, and removing an attribute takes write permission.
-    uint32_t flags = status.flags;
+    // An immutable item refuses chmod, and a directory without owner write could not even be removed if this goes wrong.
+    uint32_t flags = item.status.flags;
     if ((flags & kTQFlagImmutable) != 0) {
         flags &= ~uint32_t{kTQFlagImmutable};
-        if (platform::SetFlagsOfFd(fd, flags) != 0)
+        if (platform::SetFlagsOfFd(item.copy, flags) != 0)
             return Failure(error).Errno("Failed to temporarily unset UF_IMMUTABLE for \"%s\"", path);
     }
-    mode_t mode = status.mode & 07777;
+    mode_t mode = item.status.mode & 07777;
     if ((mode & 0200) == 0) {
         mode |= 0200;
-        if (fchmod(fd, mode) != 0) return Failure(error).Errno("Failed to temporarily make \"%s\" writable", path);
+        if (fchmod(item.copy, mode) != 0)
+            return Failure(error).Errno("Failed to temporarily make \"%s\" writable", path);
     }
-    RemoveStoreAttributes(fd, rights.recorded);
-
     // Neither call would change anything where the value already stands.
-    if (rights.mode != mode && fchmod(fd, rights.mode) != 0)
+    if (rights.mode != mode && fchmod(item.copy, rights.mode) != 0)
         return Failure(error).Errno("chmod(%s, %04o) failed", path, rights.mode);
-    if (rights.flags != flags && platform::SetFlagsOfFd(fd, rights.flags) != 0 && errno != ENOTSUP)
+    if (rights.flags != flags && platform::SetFlagsOfFd(item.copy, rights.flags) != 0 && errno != ENOTSUP)
         return Failure(error).Errno("chflags(%s) failed", path);
     return true;
 }
@@ -126,6 +126,7 @@ int _DuplixUnarchiveCallback(int what, int stage, DuplixState *state, const char
     if (what == duplix_what::Walk || stage == duplix_stage::Error)
         return QuitOnCopyError(error, what, stage, source, destination);
     if (IsSidecarStart(what, stage, source)) return duplix_answer::Skip;
+    if (state->attribute && IsStoreAttribute(state->attribute)) return duplix_answer::Skip;
     if (!IsItemFinished(what, stage)) return duplix_answer::Continue;
 
     TQFileStatus status;
@@ -136,6 +137,6 @@ int _DuplixUnarchiveCallback(int what, int stage, DuplixState *state, const char
     (void)_TransferBirthTimeTo(state->destination, source, *state->source);
 
     // A link that somebody put into the store comes out as a link; its target is not ours to change.
-    if (S_ISLNK(state->source->mode)) return duplix_answer::Continue;
-    return Unarchive(state->destinationFd, destination, status, error) ? duplix_answer::Continue : duplix_answer::Quit;
+    if (!state->finished) return duplix_answer::Continue;
+    return Unarchive(*state->finished, destination, error) ? duplix_answer::Continue : duplix_answer::Quit;
 }

@@ -59,8 +59,9 @@ TEST_P(Attributes, ReadTheSameByPathAndByDirectory)
         EXPECT_TRUE(platform::RemoveAttribute(link, Links::Follow, "com.example.a") == -1 && errno == ENODATA);
     }
     // One byte more than fits behind the prefix.
-    EXPECT_TRUE(platform::SetAttributeOfFd(open.get(), std::string(251, 'n').c_str(), "", 0) == -1 && errno == ERANGE);
-    EXPECT_EQ(platform::SetAttributeOfFd(open.get(), std::string(250, 'n').c_str(), "", 0), 0);
+    EXPECT_TRUE(platform::AddAttributeOfFd(open.get(), std::string(251, 'n').c_str(), "", 0) == -1 && errno == ERANGE);
+    EXPECT_EQ(platform::AddAttributeOfFd(open.get(), std::string(250, 'n').c_str(), "", 0), 0);
+    EXPECT_TRUE(platform::AddAttributeOfFd(open.get(), std::string(250, 'n').c_str(), "x", 1) == -1 && errno == EEXIST);
 }
 INSTANTIATE_AS_EACH(Attributes);
 

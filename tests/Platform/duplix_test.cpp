@@ -129,7 +129,10 @@ TEST_P(CopiesOnVolumes, NoAttributeIsLostSilently)
     EXPECT_EQ(Copy(directory() / "with", plain / "copy"), ENOTSUP);
     Client client;
     EXPECT_EQ(Copy(directory() / "with", plain / "second", &client), 0);
-    EXPECT_EQ(client.heard, "1.1 4.4 5.3:EOPNOTSUPP 1.2");
+    EXPECT_EQ(client.heard, "1.1 4.4 5.1 5.3:EOPNOTSUPP 1.2");
+    client = Client{[](const std::string &heard) { return heard == "5.1" ? int{duplix_answer::Skip} : 0; }};
+    EXPECT_EQ(Copy(directory() / "with", plain / "third", &client), 0);
+    EXPECT_EQ(client.heard, "1.1 4.4 5.1 1.2") << "tried what the client does not want";
     EXPECT_EQ(Copy(directory() / "listed", plain / "listed"), 0);
     EXPECT_EQ(disk::Mode(plain / "listed"), 0600U);
     ASSERT_EQ(umount2(plain.path().c_str(), MNT_DETACH), 0);
