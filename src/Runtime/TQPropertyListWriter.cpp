@@ -176,21 +176,18 @@ bool Writer::VisitMembers(const TQArray *array, size_t first, size_t depth)
     return true;
 }
 
-// All keys, then all values.
+// All keys, then all values, as other writers number them too.
 bool Writer::VisitMembers(const TQDictionary *dictionary, size_t first, size_t depth)
 {
-    const size_t count = dictionary->table.count();
+    const auto visit = [&](const TQValue *member) {
+        const size_t number = Visit(member, depth);
+        members_[first++] = number;
+        return number != kRefused;
+    };
     return dictionary->table.Every([&](const OrderedTable::Entry &entry) {
-        if (!IsKind(entry.key, kTypeString))
-            return Refuse("a key of the kind %s can't be in a property list", AsObject(entry.key)->kind->name) !=
-                   kRefused;
-        const size_t key = Visit(entry.key, depth);
-        const size_t value = Visit(entry.value, depth);
-        if (key == kRefused || value == kRefused) return false;
-        members_[first] = key;
-        members_[first++ + count] = value;
-        return true;
-    });
+        if (IsKind(entry.key, kTypeString)) return visit(entry.key);
+        return Refuse("a key of the kind %s can't be in a property list", AsObject(entry.key)->kind->name) != kRefused;
+    }) && dictionary->table.Every([&](const OrderedTable::Entry &entry) { return visit(entry.value); });
 }
 
 bool Writer::Encode(const Object *scalar)

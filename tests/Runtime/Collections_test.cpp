@@ -29,69 +29,41 @@ TEST(Dictionary, KeepsEveryPairInOrderThroughManyChanges)
         }
         ASSERT_EQ(Describe(Own(TQDictionaryCreateCopy(dictionary.get())).get()), "{" + text + "}");
     }
-    EXPECT_EQ(TQDictionaryGetValue(dictionary.get(), Number(1000).get()), nullptr);
 }
 
-TEST(Set, HoldsEachValueOnce)
+TEST(Set, HoldsEachValueOnceAndVisitsThemInOrder)
 {
     const auto set = Ref<TQSet>::Adopt(TQSetCreateMutable());
     for (const int i : {3, 1, 3, 2, 1}) EXPECT_TRUE(TQSetAddValue(set.get(), Number(i).get()));
     EXPECT_TRUE(TQSetRemoveValue(set.get(), Number(1.0).get()));
     EXPECT_FALSE(TQSetRemoveValue(set.get(), Number(1).get()));
-    EXPECT_EQ(Describe(set.get()), "(3, 2)");
     TQValue *values[2];
     TQSetGetValues(set.get(), values);
-    std::swap(values[0], values[1]);
-    EXPECT_TRUE(TQEqual(set.get(), Own(TQSetCreate(values, TQSetGetCount(set.get()))).get())); // in any order
-    const auto takeNext = [](TQValue *value, void *next) { EXPECT_EQ(value, *--*static_cast<TQValue ***>(next)); };
-    TQValue **next = std::end(values);
+    const auto takeNext = [](TQValue *value, void *next) { EXPECT_EQ(value, *(*static_cast<TQValue ***>(next))++); };
+    TQValue **next = values;
     TQSetApply(set.get(), takeNext, &next);
-    EXPECT_EQ(next, values);
-}
-
-TEST(Collections, CompareByTheirMembers)
-{
-    const Value a = Text("a"), b = Text("b");
-    const std::tuple<Value, Value, bool> rows[] = {
-        {Array({a, Number(1)}), Array({Text("a"), Number(1.0)}), true},
-        {Dictionary({{a, b}, {b, a}}), Dictionary({{b, a}, {a, b}}), true},
-        {Dictionary({{a, a}, {a, b}}), Dictionary({{a, b}}), true}, // the last value of a key stands
-        {Dictionary({{Array({a}), Dictionary({})}}), Dictionary({{Array({Text("a")}), Dictionary({})}}), true},
-        {Array({a, b}), Array({b, a}), false},
-        {Array({a}), Array({a, a}), false},
-        {Dictionary({{a, a}}), Dictionary({{b, a}}), false},
-        {Dictionary({{a, a}}), Dictionary({{a, b}}), false},
-        {Array({}), Dictionary({}), false},
-        {Array({Truth(true)}), Array({Number(1)}), false},
-    };
-    for (const auto &[one, other, equal] : rows) {
-        EXPECT_EQ(TQEqual(one.get(), other.get()), equal) << Describe(one.get());
-        EXPECT_TRUE(!equal || TQHash(one.get()) == TQHash(other.get())) << Describe(one.get());
-    }
+    EXPECT_EQ(next, std::end(values));
+    EXPECT_EQ(Describe(set.get()), "(3, 2)");
 }
 
 TEST(Collections, OnlyMutableOnesChange)
 {
     const Value a = Text("a"), fixed = Array({a}), pairs = Dictionary({{a, a}});
-    EXPECT_FALSE(TQArrayAppendValue(Cast{fixed}, a.get()));
-    EXPECT_FALSE(TQDictionarySetValue(Cast{pairs}, a.get(), a.get()) || TQDictionaryRemoveValue(Cast{pairs}, a.get()));
-
-    const Value list = Own(TQArrayCreateMutable());
-    EXPECT_FALSE(TQArrayAppendValue(Cast{list}, nullptr));
+    const Value list = Own(TQArrayCreateMutable()), thawed = Own(TQDictionaryCreateMutableCopy(Cast{pairs}));
     EXPECT_TRUE(TQArrayAppendValue(Cast{list}, a.get()));
     const Value frozen = Own(TQArrayCreateCopy(Cast{list}));
-    EXPECT_TRUE(TQArrayAppendValue(Cast{list}, a.get()));
-    EXPECT_FALSE(TQArrayAppendValue(Cast{frozen}, a.get()));
-    EXPECT_EQ(Describe(frozen.get()), "[\"a\"]");
-    EXPECT_EQ(TQArrayGetValueAtIndex(Cast{list}, 2), nullptr);
-    EXPECT_TRUE(TQArrayContainsValue(Cast{list}, Text("a").get()));
+    EXPECT_TRUE(TQArrayAppendValue(Cast{list}, a.get()) && TQDictionaryRemoveValue(Cast{thawed}, a.get()));
+    for (const Value &array : {fixed, frozen}) {
+        EXPECT_FALSE(TQArrayAppendValue(Cast{array}, a.get()));
+        EXPECT_EQ(Describe(array.get()), "[\"a\"]");
+    }
+    EXPECT_FALSE(TQDictionarySetValue(Cast{pairs}, a.get(), a.get()) || TQDictionaryRemoveValue(Cast{pairs}, a.get()));
+    EXPECT_EQ(Describe(pairs.get()), "{\"a\": \"a\"}");
+    EXPECT_TRUE(TQArrayContainsValue(Cast{list}, Text("a").get()) && !TQArrayGetValueAtIndex(Cast{list}, 2));
 
-    const Value thawed = Own(TQDictionaryCreateMutableCopy(Cast{pairs}));
-    EXPECT_TRUE(TQDictionaryRemoveValue(Cast{thawed}, a.get()));
-    EXPECT_FALSE(TQDictionarySetValue(Cast{thawed}, nullptr, a.get()) ||
+    // None holds null.
+    TQValue *values[] = {a.get(), nullptr};
+    EXPECT_FALSE(TQArrayAppendValue(Cast{list}, nullptr) || TQDictionarySetValue(Cast{thawed}, nullptr, a.get()) ||
                  TQDictionarySetValue(Cast{thawed}, a.get(), nullptr));
-    EXPECT_EQ(TQDictionaryGetCount(Cast{pairs}), 1u);
-
-    TQValue *withNull[] = {a.get(), nullptr};
-    EXPECT_FALSE(TQArrayCreate(withNull, 2) || TQSetCreate(withNull, 2) || TQDictionaryCreate(withNull, withNull, 2));
+    EXPECT_FALSE(TQArrayCreate(values, 2) || TQSetCreate(values, 2) || TQDictionaryCreate(values, values, 2));
 }

@@ -2,31 +2,16 @@
 
 #include <thread>
 
-namespace {
-
-std::string released; // in which order
-
-// Defers a value that notes its release under `name`.
-void Defer(const char *name)
-{
-    TQAllocatorContext context{};
-    context.deallocate = [](void *noted, void *) { released += static_cast<char *>(noted); };
-    static TQAllocator *const notes = TQAllocatorCreate(nullptr, &context);
-    TQDefer(TQDataCreateNoCopy(nullptr, const_cast<char *>(name), 1, notes));
-}
-
-} // namespace
-
 TEST(DeferredScope, ReleasesItsOwnNewestFirst)
 {
     released.clear();
     const size_t outer = TQDeferredScopePush();
-    Defer("a");
+    TQDefer(Noted("a"));
     {
         const DeferredScope inner;
-        for (const char *name : {"b", "c"}) Defer(name);
+        for (const char *name : {"b", "c"}) TQDefer(Noted(name));
         (void)TQDeferredScopePush(); // left open
-        Defer("d");
+        TQDefer(Noted("d"));
     }
     EXPECT_EQ(released, "dcb");
     TQDeferredScopePop(outer);
@@ -37,9 +22,9 @@ TEST(DeferredScope, ThreadsEndReleasesWhatIsLeft)
 {
     released.clear();
     std::thread([] {
-        for (int i = 0; i < 100; ++i) Defer("x");
+        for (int i = 0; i < 100; ++i) TQDefer(Noted("x"));
         const DeferredScope scope;
-        Defer("y");
+        TQDefer(Noted("y"));
     }).join();
     EXPECT_EQ(released, "y" + std::string(100, 'x'));
 }

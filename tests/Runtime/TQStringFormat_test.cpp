@@ -56,21 +56,19 @@ TEST(StringFormat, ConvertsAsPrintfDoes)
     ExpectAsPrintf("%700d|%.600f", 5, 1.0 / 3);
 }
 
-TEST(StringFormat, DescribesValues)
+TEST(StringFormat, DescribesValuesAndNeverCutsACharacter)
 {
     TQValue *const word = kTQBooleanTrue, *const none = nullptr;
-    EXPECT_EQ(Format("%@ and %@%d", Array({Text("a"), Number(1)}).get(), word, 3), "[\"a\", 1] and true3");
-    EXPECT_EQ(Format("%7@|%-7@|%.2@", word, word, word), "   true|true   |tr");
-    EXPECT_EQ(Format("%@ %s %ls", none, none, none), "(null) (null) (null)");
-}
-
-TEST(StringFormat, NeverCutsACharacter)
-{
-    const char unterminated[3] = {'a', '\xc3', '\xa9'};
-    EXPECT_EQ(Format("%.3s|%.2s|%.1s|%.0s", unterminated, unterminated, unterminated, unterminated), "a\xc3\xa9|a|a|");
-    EXPECT_EQ(Format("%.5s|", "\xf0\x9f\x98\x80\xf0\x9f\x98\x80"), "\xf0\x9f\x98\x80|");
-    EXPECT_EQ(Format("%.4ls|%lc|%S|%C", L"\u00e9\u20ac", wint_t{0x1f600}, L"\u00e9", wint_t{0xe9}),
-              "\xc3\xa9|\xf0\x9f\x98\x80|\xc3\xa9|\xc3\xa9");
+    const char open[3] = {'a', '\xc3', '\xa9'}; // no zero behind it
+    const std::pair<std::string, const char *> rows[] = {
+        {Format("%@ and %@%d", Array({Text("a"), Number(1)}).get(), word, 3), "[\"a\", 1] and true3"},
+        {Format("%7@|%-7@|%.2@", word, word, word), "   true|true   |tr"},
+        {Format("%@ %s %ls", none, none, none), "(null) (null) (null)"},
+        {Format("%.3s|%.2s|%.1s|%.0s", open, open, open, open), "aé|a|a|"},
+        {Format("%.5s|", "😀😀"), "😀|"},
+        {Format("%.4ls|%lc|%S|%C", L"é€", wint_t{U'😀'}, L"é", wint_t{U'é'}), "é|😀|é|é"},
+    };
+    for (const auto &[formatted, text] : rows) EXPECT_EQ(formatted, text);
 }
 
 TEST(StringFormat, RefusesWhatPrintfDoesNotKnow)
