@@ -4,6 +4,7 @@
 
 #include "Platform/ScopeExit.h"
 #include "Runtime/Ref.h"
+#include "Runtime/UTF8.h"
 #include "Shared/tq_log.h"
 
 #include <vaultry/collections.h>
@@ -67,6 +68,14 @@ TQError *Deferred(TQError *error)
 
 } // namespace
 
+const char *_TQSystemText(int errorNumber, char *buffer, size_t size)
+{
+    const char *text = strerror_r(errorNumber, buffer, size);
+    if (UTF16LengthOfUTF8(text, strlen(text))) return text;
+    const char *untranslated = strerrordesc_np(errorNumber);
+    return untranslated ? untranslated : "unknown error";
+}
+
 intptr_t _TQErrorCodeAndDomainForStatus(int32_t status, TQString **domain)
 {
     for (const StatusRow &row : kStatusTable) {
@@ -106,7 +115,7 @@ bool _TQCreateErrorUseErrno(TQError **error, int errorNumber, const char *descri
     const ErrnoKeeper keeper;
     char text[256];
     const auto underlying = Ref<TQError>::Adopt(_TQCreateError(
-        kTQPOSIXErrorDomain, errorNumber, strerror_r(errorNumber, text, sizeof text), /*underlying=*/nullptr));
+        kTQPOSIXErrorDomain, errorNumber, _TQSystemText(errorNumber, text, sizeof text), /*underlying=*/nullptr));
     return _TQCreateErrorForStatus(error, TQGetStatusForErrno(errorNumber), description, underlying.get());
 }
 
@@ -131,7 +140,7 @@ TQError *_TQErrorForErrno(int errorNumber, TQString *description)
 {
     const ErrnoKeeper keeper;
     char text[256];
-    TQString *systemText = tq_stringWithFileSystemRepresentation(strerror_r(errorNumber, text, sizeof text));
+    TQString *systemText = tq_stringWithFileSystemRepresentation(_TQSystemText(errorNumber, text, sizeof text));
     const Ref<TQDictionary> info = MakeUserInfo(systemText, /*underlying=*/nullptr);
     const auto underlying = Ref<TQError>::Adopt(TQErrorCreate(kTQPOSIXErrorDomain, errorNumber, info.get()));
     return _TQErrorForStatus(TQGetStatusForErrno(errorNumber), description, underlying.get());

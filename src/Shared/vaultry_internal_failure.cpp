@@ -25,7 +25,7 @@ struct Failure::Message {
         char buffer[256];
         const size_t length = strlen(text);
         Finish(length, snprintf(text + length, sizeof text - length, "; error %d (%s)", errorNumber,
-                                strerror_r(errorNumber, buffer, sizeof buffer)));
+                                _TQSystemText(errorNumber, buffer, sizeof buffer)));
     }
 
 private:

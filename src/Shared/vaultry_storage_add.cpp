@@ -34,6 +34,7 @@ bool MakeProgress(const char *source, Ref<TQProgress> *progress, TQError **error
         return false;
     }
     *progress = Ref<TQProgress>::Adopt(TQProgressCreateChild(current, size));
+    if (!*progress) return Failure(error).Status(kTQStatusFailed, "malloc failed"); // it could not be cancelled
     const auto url = Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPath(source, /*isDirectory=*/false));
     TQProgressSetUserInfo(progress->get(), kTQProgressFileOperationKindKey, kTQProgressFileOperationKindCopying);
     TQProgressSetUserInfo(progress->get(), kTQProgressFileURLKey, url.get());
@@ -95,8 +96,8 @@ struct MovedItem {
     void PutBack(const char *source) const
     {
         const ErrnoKeeper keeper;
-        (void)RestoreMode(source);
-        (void)RestoreFlags(source);
+        if (!RestoreMode(source)) Failure(nullptr).Errno("Failed to put the mode of \"%s\" back", source);
+        if (!RestoreFlags(source)) Failure(nullptr).Errno("Failed to put the flags of \"%s\" back", source);
     }
 };
 

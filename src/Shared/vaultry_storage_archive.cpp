@@ -104,8 +104,10 @@ void PutBackModeAndFlags(const TreeWalk::Entry &entry)
 {
     if (!entry.hasStatus || entry.kind == Kind::Link) return;
     const ErrnoKeeper keeper;
-    (void)platform::SetMode(entry.item, Links::NoFollow, entry.status.mode & 07777);
-    (void)platform::SetFlags(entry.item, Links::NoFollow, entry.status.flags);
+    if (platform::SetMode(entry.item, Links::NoFollow, entry.status.mode & 07777) != 0)
+        Failure(nullptr).Errno("Failed to put the mode of \"%s\" back", entry.item.path);
+    if (platform::SetFlags(entry.item, Links::NoFollow, entry.status.flags) != 0 && errno != ENOTSUP)
+        Failure(nullptr).Errno("Failed to put the flags of \"%s\" back", entry.item.path);
 }
 
 bool ArchiveTree(const char *path, bool makeReadable, uint64_t *totalSize, void (*failedAt)(const TreeWalk::Entry &),

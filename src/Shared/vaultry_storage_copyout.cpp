@@ -48,6 +48,7 @@ bool ReadRestoredRights(const DuplixFinished &item, RestoredRights *rights)
         return true;
     }
     *rights = {mode | 0200, flags};
+    if (length == 0) errno = EINVAL; // nothing failed, and yet there must be a reason
     return length < 0 && errno == ENODATA;
 }
 

@@ -41,6 +41,15 @@ void UndoArchiving(const TreeWalk::Entry &entry)
     if (flags != others) (void)platform::SetFlags(entry.item, Links::NoFollow, flags);
 }
 
+// What the rename needed lifted.
+void PutBackRights(const Item &item, const TQFileStatus &status)
+{
+    if (platform::SetMode(item, Links::NoFollow, status.mode & 07777) != 0 && errno != ENOTSUP)
+        Failure(nullptr).Errno("Failed to put the mode of \"%s\" back", item.path);
+    if (platform::SetFlags(item, Links::NoFollow, status.flags) != 0 && errno != ENOTSUP)
+        Failure(nullptr).Errno("Failed to put the flags of \"%s\" back", item.path);
+}
+
 } // namespace
 
 bool _MakeMovable(const char *path, const TQFileStatus &status)
@@ -56,7 +65,6 @@ bool _MakeMovable(const char *path, const TQFileStatus &status)
 bool _GiveDocumentBack(const char *moved, const char *source)
 {
     const ErrnoKeeper keeper;
-    const Item home = Item::AtPath(source);
     TQFileStatus status;
     const bool known = platform::GetStatus(Item::AtPath(moved), Links::NoFollow, &status) == 0;
     if (!known && errno == ENOENT) return true;
@@ -64,12 +72,11 @@ bool _GiveDocumentBack(const char *moved, const char *source)
     if (known) (void)_MakeMovable(moved, status); // the rename tells whether it was enough
     if (platform::RenameIntoNothing(moved, source) != 0) {
         Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", source, moved);
+        // Whoever gives it back later takes its rights from what it has, and from the record if there is one yet.
+        if (known) PutBackRights(Item::AtPath(moved), status);
         return false;
     }
-    if (known) {
-        (void)platform::SetMode(home, Links::NoFollow, status.mode & 07777);
-        (void)platform::SetFlags(home, Links::NoFollow, status.flags);
-    }
+    if (known) PutBackRights(Item::AtPath(source), status);
 
     TreeWalk walk;
     if (!walk.Open(source)) {

@@ -116,7 +116,8 @@ private:
 
 Item ParentOf(const HardLinkedFile &file, const char *parentPath)
 {
-    return file.item.directory == AT_FDCWD ? Item::AtPath(parentPath) : Item{file.item.directory, ".", parentPath};
+    if (file.item.directory != AT_FDCWD) return {file.item.directory, ".", parentPath};
+    return Item::AtPath(parentPath[0] != '\0' ? parentPath : ".");
 }
 
 } // namespace
