@@ -140,6 +140,9 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
     if (_PathExists(generation.c_str()))
         return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", generation.c_str());
     if (!source || source[0] == '\0') return Failure(error).Refused(kTQStatusBadPath, "no source path was supplied");
+    // Whoever gives a moved document back stands in a directory of its own.
+    if (!copy && source[0] != '/')
+        return Failure(error).Refused(kTQStatusBadPath, "path \"%s\" is not absolute", source);
     if (ContainsStore(source, root))
         return Failure(error).Refused(kTQStatusInvalidArgument, "path \"%s\" contains the store", source);
 

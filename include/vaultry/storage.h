@@ -75,8 +75,8 @@ TQ_EXPORT bool TQClientManagedStorageSetGenerationOptions(const TQClientManagedS
 TQ_EXPORT TQDictionary *TQClientManagedStorageCopyGenerationInfoDictionary(const TQClientManagedStorage *store,
                                                                            const char *name, TQError **error);
 
-/// One value of the info dictionary, owned by the caller; null with kTQStatusNoSuchAttribute when there is none.
-/// Shared lock.
+/// One value of the info dictionary, owned by the caller; null with kTQStatusNoSuchAttribute (which reads back as
+/// kTQStatusInvalidArgument) when there is none. Shared lock.
 TQ_EXPORT TQValue *TQClientManagedStorageCopyGenerationInfoValueForKey(const TQClientManagedStorage *store,
                                                                        const char *name, const TQString *key,
                                                                        TQError **error);
@@ -88,7 +88,8 @@ TQ_EXPORT TQValue *TQClientManagedStorageCopyGenerationInfoValueForKey(const TQC
 TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValueForKey(const TQClientManagedStorage *store, const char *name,
                                                                   TQString *key, TQValue *value, TQError **error);
 
-/// The original display name, owned by the caller; null with kTQStatusNoSuchAttribute when there is none. Shared lock.
+/// The original display name, owned by the caller; null with kTQStatusNoSuchAttribute (which reads back as
+/// kTQStatusInvalidArgument) when there is none. Shared lock.
 TQ_EXPORT TQString *TQClientManagedStorageCopyGenerationOriginalDisplayName(const TQClientManagedStorage *store,
                                                                             const char *name, TQError **error);
 

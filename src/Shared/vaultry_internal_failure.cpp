@@ -4,6 +4,7 @@
 
 #include "Platform/ScopeExit.h"
 #include "Runtime/Ref.h"
+#include "Runtime/UTF8.h"
 
 #include <vaultry/string.h>
 
@@ -29,16 +30,32 @@ struct Failure::Message {
     }
 
 private:
-    // A message that was cut may end inside a character, and would then be no text at all.
+    // Text that is not UTF-8 would cost the caller the whole error object.
     void Finish(size_t start, int written)
     {
-        if (written < 0) {
+        if (written < 0)
             text[start] = '\0';
-            return;
+        else if (start + static_cast<size_t>(written) >= sizeof text)
+            DropHalfCharacter();
+        MarkOtherBytes(text + start);
+    }
+
+    // A name on disk may be any bytes; those that are no characters are shown as "?".
+    static void MarkOtherBytes(char *at)
+    {
+        while (*at != '\0') {
+            const unsigned char first = static_cast<unsigned char>(*at);
+            const size_t wanted = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : first >= 0xc0 ? 2 : 1;
+            const bool isCharacter = strnlen(at, wanted) == wanted && UTF16LengthOfUTF8(at, wanted);
+            if (!isCharacter) *at = '?';
+            at += isCharacter ? wanted : 1;
         }
-        size_t end = start + static_cast<size_t>(written);
-        if (end < sizeof text) return;
-        end = sizeof text - 1;
+    }
+
+    // Where a message was cut.
+    void DropHalfCharacter()
+    {
+        const size_t end = sizeof text - 1;
         size_t lead = end;
         while (lead > 0 && end - lead < 4 && (static_cast<unsigned char>(text[lead - 1]) & 0xc0) == 0x80) --lead;
         if (lead == 0) return;

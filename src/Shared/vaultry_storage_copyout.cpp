@@ -111,8 +111,9 @@ bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mod
         return Failure(error).Refused(kTQStatusBadPath, "no path was supplied");
     if (platform::duplix(path, destination, _DuplixUnarchiveCallback, error, made) != 0) return false;
 
+    // Its own, if somebody put a link into the store: what it points to gets no mode from us.
     TQFileStatus status;
-    if (platform::GetStatus(Item::AtPath(destination), Links::Follow, &status) != 0)
+    if (platform::GetStatus(Item::AtPath(destination), Links::NoFollow, &status) != 0)
         return Failure(error).Errno("stat(\"%s\") failed", destination);
     *mode = static_cast<uint16_t>(status.mode);
     *flags = status.flags;

@@ -97,7 +97,7 @@ TEST(ErrorStatus, OfAnErrorThatIsNotOursIsZeroAndSaid)
 }
 
 // A path may be longer than a message: what is cut there must not cost the caller the error.
-TEST(ErrorDescription, IsCutBetweenCharactersAndMissesOnlyForWhatIsNotUTF8)
+TEST(ErrorDescription, IsCutBetweenCharactersAndShowsOtherBytesAsMarks)
 {
     EXPECT_EQ(_TQCreateError(kTQLibraryErrorDomain, 1, "\xff", nullptr), nullptr);
     const TempDirectory directory;
@@ -113,7 +113,8 @@ TEST(ErrorDescription, IsCutBetweenCharactersAndMissesOnlyForWhatIsNotUTF8)
     }
     OwnedError error;
     EXPECT_FALSE(_RemoveTree((file + "\xff").c_str(), 0, error.out()));
-    EXPECT_EQ(error.get(), nullptr) << "there is no text that could say it";
+    EXPECT_EQ(error.status(), kTQStatusBadPath);
+    EXPECT_NE(error.description().find("file/?\""), std::string::npos) << error.description();
 }
 
 } // namespace
