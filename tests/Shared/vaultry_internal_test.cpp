@@ -114,7 +114,7 @@ TEST(ErrorDescription, IsCutBetweenCharactersAndShowsOtherBytesAsMarks)
     OwnedError error;
     EXPECT_FALSE(_RemoveTree((file + "\xff").c_str(), 0, error.out()));
     EXPECT_EQ(error.status(), kTQStatusBadPath);
-    EXPECT_NE(error.description().find("file/?\""), std::string::npos) << error.description();
+    EXPECT_NE(error.description().find("file/?'"), std::string::npos) << error.description();
 }
 
 } // namespace
