@@ -68,8 +68,6 @@ struct Restore {
 
     const TQClientManagedStorage *store() const { return _StorageOf(library); }
     bool documentIsDirectory() const { return S_ISDIR(before.mode); }
-    // Such a directory can't be moved to another name by its owner before it may be written.
-    bool documentIsReadOnlyDirectory() const { return documentIsDirectory() && (before.mode & 0200) == 0; }
 
 private:
     bool ReplaceExtension(const char *documentExtension, const char *generationExtension);
@@ -157,10 +155,16 @@ bool Restore::AnnounceExchange()
     return true;
 }
 
+// A directory can't be moved to another name by its owner before it may be written. A link in the document's place can;
+// the rights of its target are not ours to change, and a slash at the end would lead there.
 bool Restore::MoveDocumentAside()
 {
-    const Item item = Item::AtPath(documentPath);
-    if (documentIsReadOnlyDirectory() && platform::SetMode(item, Links::Follow, (before.mode | 0200) & 07777) != 0)
+    const TrimmedPath path(documentPath);
+    const Item item = Item::AtPath(path.c_str());
+    TQFileStatus own;
+    const bool lift = documentIsDirectory() && (before.mode & 0200) == 0 &&
+                      !(platform::GetStatus(item, Links::NoFollow, &own) == 0 && S_ISLNK(own.mode));
+    if (lift && platform::SetMode(item, Links::NoFollow, (before.mode | 0200) & 07777) != 0)
         return Failure(error).Errno("Failed to make \"%s\" writable before moving it out of the way", documentPath);
 
     if (rename(documentPath, temporaryPath.c_str()) != 0) {
@@ -171,8 +175,7 @@ bool Restore::MoveDocumentAside()
     }
     movedAside = true;
 
-    if (documentIsReadOnlyDirectory() &&
-        platform::SetMode(Item::AtPath(temporaryPath.c_str()), Links::Follow, before.mode & 07777) != 0)
+    if (lift && platform::SetMode(Item::AtPath(temporaryPath.c_str()), Links::NoFollow, before.mode & 07777) != 0)
         return Failure(error).Errno("Failed to make restore permissions to \"%s\"", temporaryPath.c_str());
     return true;
 }

@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -63,15 +64,18 @@ struct MovedItem {
     {
         if (geteuid() == 0) return true; // modes do not stop root
         const Item item = Item::AtPath(source);
-        if (platform::GetStatus(item, Links::Follow, &before) != 0)
+        if (platform::GetStatus(item, Links::Follow, &before) != 0 ||
+            platform::GetStatus(item, Links::NoFollow, &before) != 0)
             return Failure(error).Errno("stat(\"%s\") failed", source);
+        // A link moves whatever its target's rights are, and archiving then refuses it.
+        if (S_ISLNK(before.mode)) return true;
         if ((before.flags & kBlockingFlags) != 0) {
-            if (platform::SetFlags(item, Links::Follow, before.flags & ~kBlockingFlags) != 0)
+            if (platform::SetFlags(item, Links::NoFollow, before.flags & ~kBlockingFlags) != 0)
                 return Failure(error).Errno("Failed to make staged item (\"%s\") writable before rename", source);
             changed = true;
         }
         if ((before.mode & 0200) == 0) {
-            if (platform::SetMode(item, Links::Follow, (before.mode | 0200) & 07777) != 0) {
+            if (platform::SetMode(item, Links::NoFollow, (before.mode | 0200) & 07777) != 0) {
                 Failure(error).Errno("Failed to make staged item (\"%s\") writable before rename", source);
                 PutBack(source);
                 return false;
@@ -83,13 +87,13 @@ struct MovedItem {
 
     bool RestoreMode(const char *path) const
     {
-        return !changed || platform::SetMode(Item::AtPath(path), Links::Follow, before.mode & 07777) == 0;
+        return !changed || platform::SetMode(Item::AtPath(path), Links::NoFollow, before.mode & 07777) == 0;
     }
 
     bool RestoreFlags(const char *path) const
     {
         return !changed || before.flags == 0 ||
-               platform::SetFlags(Item::AtPath(path), Links::Follow, before.flags) == 0 || errno == ENOTSUP;
+               platform::SetFlags(Item::AtPath(path), Links::NoFollow, before.flags) == 0 || errno == ENOTSUP;
     }
 
     // For a source that stays, or comes home.

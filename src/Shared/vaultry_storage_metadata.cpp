@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -29,16 +30,19 @@ public:
 
     bool Lift(TQError **error)
     {
-        if (platform::GetStatus(item_, Links::Follow, &before_) != 0)
+        if (platform::GetStatus(item_, Links::Follow, &before_) != 0 ||
+            platform::GetStatus(item_, Links::NoFollow, &before_) != 0)
             return Failure(error).Errno("Failed to stat generation root at \"%s\"", item_.path);
+        // A link that somebody put into the store takes no attribute, and its target is not ours to lift.
+        if (S_ISLNK(before_.mode)) return true;
 
         // An immutable item refuses chmod even to its owner: the flag goes first and comes back last.
         const uint32_t flags = before_.flags & ~uint32_t{kTQFlagImmutable};
-        if (flags != before_.flags && platform::SetFlags(item_, Links::Follow, flags) != 0)
+        if (flags != before_.flags && platform::SetFlags(item_, Links::NoFollow, flags) != 0)
             return Failure(error).Errno("Failed to remove UF_IMMUTABLE from generation root at \"%s\"", item_.path);
         lifted_ = true;
 
-        if (platform::SetMode(item_, Links::Follow, (before_.mode | 0200) & 07777) != 0)
+        if (platform::SetMode(item_, Links::NoFollow, (before_.mode | 0200) & 07777) != 0)
             return Failure(error).Errno("Failed to make generation root at \"%s\" writable", item_.path);
         return true;
     }
@@ -47,9 +51,9 @@ public:
     {
         if (!lifted_) return;
         const ErrnoKeeper keeper;
-        if (platform::SetMode(item_, Links::Follow, before_.mode & 07777) != 0)
+        if (platform::SetMode(item_, Links::NoFollow, before_.mode & 07777) != 0)
             Failure(nullptr).Errno("Failed to revert permissions on generation root at \"%s\"", item_.path);
-        if ((before_.flags & kTQFlagImmutable) != 0 && platform::SetFlags(item_, Links::Follow, before_.flags) != 0)
+        if ((before_.flags & kTQFlagImmutable) != 0 && platform::SetFlags(item_, Links::NoFollow, before_.flags) != 0)
             Failure(nullptr).Errno("Failed to revert flags on generation root at \"%s\"", item_.path);
     }
 
