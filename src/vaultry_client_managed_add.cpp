@@ -6,6 +6,7 @@
 #include "Platform/FileStatus.h"
 #include "Platform/Rename.h"
 #include "Platform/UniqueFd.h"
+#include "Runtime/UTF8.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
 #include "Shared/vaultry_storage.h"
@@ -134,9 +135,11 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
 
     PathBuffer generation;
     if (!_GetPathToGeneration(root, name, /*mustExist=*/false, generation, error)) return false;
-    // Such a name could be added, and then never removed.
+    // Such names could be added, and then never removed; one that no text holds would stop every listing, too.
     if (strlen(name) > kMaximumNameLength)
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name is too long");
+    if (!UTF16LengthOfUTF8(name, strlen(name)))
+        return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
     if (_PathExists(generation.c_str()))
         return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", generation.c_str());
     if (!source || source[0] == '\0') return Failure(error).Refused(kTQStatusBadPath, "no source path was supplied");

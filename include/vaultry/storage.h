@@ -2,8 +2,8 @@
 /// One store: a directory that holds one entry per generation.
 ///
 /// This is the library's own floor beneath library.h, for clients that work with paths and want every
-/// error object. Names are generation names in file-system form (one path component, not beginning with ".", at most
-/// 254 bytes), paths absolute and at most 1,023 bytes. A handle only names the store; it may be used by any
+/// error object. Names are generation names in file-system form (one path component of UTF-8, not beginning with ".", at
+/// most 254 bytes), paths absolute and at most 1,023 bytes. A handle only names the store; it may be used by any
 /// number of threads at once. Each operation takes the store's lock for its own span, in this process
 /// and all others: readers share it, a writer waits until it is alone, nothing ever times out.
 ///
