@@ -2,6 +2,7 @@
 
 #include "vaultry_client_managed.h"
 
+#include "Platform/FileStatus.h"
 #include "Platform/UniqueNames.h"
 #include "Shared/vaultry_internal_failure.h"
 
@@ -10,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 bool _GetPathToGeneration(const char *rootPath, const char *name, bool mustExist, PathBuffer &path, TQError **error)
@@ -24,10 +26,23 @@ bool _GetPathToGeneration(const char *rootPath, const char *name, bool mustExist
     return true;
 }
 
+// A link that somebody planted there would lead the work, and the removal at its end, out of the store.
+static bool _StagingIsLink(const char *rootPath)
+{
+    PathBuffer staging;
+    TQFileStatus status;
+    return staging.Format("%s/%s", rootPath, kStagingName) &&
+           platform::GetStatus(Item::AtPath(staging.c_str()), Links::NoFollow, &status) == 0 && S_ISLNK(status.mode);
+}
+
 bool _GetUniqueStagingPath(const char *rootPath, PathBuffer &path, TQError **error)
 {
     if (!path.Format("%s/%s/%s", rootPath, kStagingName, "XXXXXXX"))
         return Failure(error).Status(kTQStatusBadPath, "staging path is too long");
+    if (_StagingIsLink(rootPath)) {
+        errno = ELOOP;
+        return Failure(error).Errno("mkdtemp(\"%s\") failed", path.c_str());
+    }
     if (platform::MakeUniqueDirectory(path.data()) != 0)
         return Failure(error).Errno("mkdtemp(\"%s\") failed", path.c_str());
 
@@ -47,7 +62,7 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
     if (!prefix.Format("%s/%s/", rootPath, kStagingName))
         return Failure(error).Status(kTQStatusBadPath, "path to staging is too long");
     const size_t prefixLength = strlen(prefix.c_str());
-    if (!path || strncmp(path, prefix.c_str(), prefixLength) != 0)
+    if (!path || strncmp(path, prefix.c_str(), prefixLength) != 0 || _StagingIsLink(rootPath))
         return Failure(error).Status(kTQStatusFailed, "Staging path provided to remove was not in staging directory");
     if (path[prefixLength] == '\0') return true;
 
