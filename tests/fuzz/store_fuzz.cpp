@@ -1,0 +1,148 @@
+// Whole stores made by somebody else: any kind of item at any place of a store, with any mode and any attributes. Every
+// operation answers, leaks no descriptor, and touches nothing outside the store but what a note says belongs there.
+
+#include "fuzz/Fuzz.h"
+#include "support/Identity.h"
+#include "support/Store.h"
+
+#include <vaultry/vaultry.h>
+
+#include <fcntl.h>
+#include <iterator>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace {
+
+// What a fuzzer's bytes are taken for: numbers, and texts with their length in front.
+class Recipe {
+public:
+    Recipe(const uint8_t *bytes, size_t size) : at_(bytes), end_(bytes + size) {}
+    bool more() const { return at_ < end_; }
+    unsigned Number() { return more() ? *at_++ : 0U; }
+    std::string Text()
+    {
+        const size_t length = std::min<size_t>(Number(), static_cast<size_t>(end_ - at_));
+        at_ += length;
+        return {reinterpret_cast<const char *>(at_ - length), length};
+    }
+
+private:
+    const uint8_t *at_, *end_;
+};
+
+const std::vector<std::string> kItems = [] {
+    std::istringstream words("file folder folder/in folder/deep folder/._side \xff .vaultry_lockfile .vaultry_staging "
+                             ".vaultry_staging/AAAAAAA .vaultry_staging/AAAAAAA/staged .vaultry_staging/BBBBBBB .hid");
+    return std::vector<std::string>(std::istream_iterator<std::string>(words), {});
+}();
+const std::string kAttributes[] = {"orig_perms_v1", "info", "origdisplayname", "gen_options", "moved_from"};
+
+class HostileStore {
+public:
+    explicit HostileStore(Recipe recipe)
+    {
+        for (const auto &directory : {outside, outside + "/tree", home, root}) disk::MakeDirectory(directory);
+        for (const char *file : {"/target", "/tree/leaf"}) disk::Write(outside + file, "not yours", 0444);
+        (void)chmod((outside + "/tree").c_str(), 0555);
+        disk::Write(document, "new");
+        for (const size_t folder : {1U, 7U, 8U}) MakeItem(kItems[folder], 1);
+        for (const size_t file : {0U, 2U, 6U}) MakeItem(kItems[file], 0);
+        const mode_t rootMode = recipe.Number() % 2 == 0 ? 0555 : 0755;
+        while (recipe.more()) {
+            const std::string &item = kItems[recipe.Number() % kItems.size()];
+            const unsigned act = recipe.Number();
+            Change(item, act, recipe.Text());
+        }
+        (void)chmod(root.c_str(), rootMode);
+    }
+
+    const TempDirectory place{QuickVolume()};
+    const std::string root = place / "store", document = place / "document", outside = place / "outside",
+                      home = place / "home";
+
+private:
+    void MakeItem(const std::string &item, unsigned kind) const
+    {
+        const std::string path = root + "/" + item,
+                          targets[] = {outside + "/target", outside + "/tree", "nowhere", "folder", "..", root};
+        (void)rename(path.c_str(), (place / "replaced " + std::to_string(kind)).c_str());
+        if (kind == 0) (void)close(open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+        if (kind == 1) (void)mkdir(path.c_str(), 0755);
+        if (kind == 2) (void)mkfifo(path.c_str(), 0644);
+        if (kind > 2) (void)!symlink(targets[kind % std::size(targets)].c_str(), path.c_str());
+    }
+    void Change(const std::string &item, unsigned act, std::string text) const
+    {
+        const std::string path = root + "/" + item;
+        const size_t attribute = act % 8;
+        if (attribute == 4) text = home + "/" + text; // a note may name any place, and is believed
+        if (attribute == 4 && text.find("..") != std::string::npos) return;
+        if (attribute == 5)
+            (void)fchmodat(AT_FDCWD, path.c_str(), act * 73 & 07777, AT_SYMLINK_NOFOLLOW);
+        else if (attribute > 5)
+            MakeItem(item, act / 8 % 9);
+        else
+            (void)lsetxattr(path.c_str(), ("user.com.corvane.vaultry." + kAttributes[attribute]).c_str(), text.data(),
+                            text.size(), 0);
+    }
+};
+
+// Everything that a client can ask of a generation. Most of it is refused; what is done must be so.
+void UseGeneration(const TQClientManagedStorage *store, const char *name, const HostileStore &hostile)
+{
+    const DeferredScope scope;
+    const auto key = String("key");
+    const std::string path = hostile.root + "/" + name, out = hostile.place / "out " + name;
+    char staged[1024];
+    uint16_t mode = 0;
+    uint32_t flags = 0;
+    (void)TQDefer(TQClientManagedStorageCopyGenerationInfos(store, String(name).get(), nullptr, nullptr));
+    Require(!TQClientManagedStorageCopyGeneration(store, name, out.c_str(), nullptr) || disk::Exists(out), "a copy");
+    if (TQClientManagedStorageCopyOut(store, name, staged, &mode, &flags, nullptr))
+        (void)TQClientManagedStorageCopyOutDone(store, staged, nullptr);
+    (void)TQClientManagedStorageSetGenerationInfoValueForKey(store, name, key.get(), key.get(), nullptr);
+    (void)TQClientManagedStorageSetGenerationOriginalDisplayName(store, name, key.get(), nullptr);
+    if (TQClientManagedStorageSetGenerationOptions(store, name, 6, nullptr) && access(path.c_str(), R_OK) == 0)
+        Require(TQClientManagedStorageGetGenerationOptions(store, name, nullptr) == 6, "options that were stored");
+}
+
+void UseStore(const HostileStore &hostile)
+{
+    const DeferredScope scope;
+    const char *const root = hostile.root.c_str(), *const document = hostile.document.c_str();
+    OwnedError error;
+    TQClientManagedStorage *const store = TQClientManagedStorageCreate(root, error.out());
+    Require(store || error.get(), "neither a store nor an error");
+    (void)TQDefer(TQClientManagedStorageCopyGenerationNames(store, nullptr));
+    (void)TQDefer(TQClientManagedStorageCopyAllGenerationsInfos(store, nullptr, nullptr));
+    for (const char *name : {"file", "folder", "\xff"}) UseGeneration(store, name, hostile);
+    if (TQClientManagedStorageAdd(store, "new", document, 0, nullptr, /*copy=*/true))
+        Require(disk::Read(hostile.root + "/new") == "new", "a generation that was added");
+    for (const bool repair : {false, true, false})
+        (void)TQDefer(TQClientManagedStorageCopyFindings(root, repair, nullptr));
+    (void)TQClientManagedStorageAdd(store, "moved", document, 0, nullptr, /*copy=*/false);
+    Require(disk::Read(disk::Exists(document) ? document : hostile.root + "/moved") == "new", "a moved document");
+    if (TQClientManagedStorageRemoveGenerations(store, Names({"file", "folder", "new"}).get(), nullptr))
+        Require(!disk::Exists(hostile.root + "/new"), "a generation that was removed");
+    TQClientManagedStorageFree(store);
+    (void)TQClientManagedStorageDestroy(root, nullptr);
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
+{
+    Recipe recipe(bytes, size);
+    const Impersonate somebody(recipe.Number() % 2 == 0 && CanBe(As::Root) ? As::Root : As::User);
+    const HostileStore hostile(recipe);
+    const Snapshot before = Snapshot::Of(hostile.outside, Snapshot::kUntouched);
+    const size_t open = disk::List("/proc/self/fd").size();
+    UseStore(hostile);
+    const auto same = Same(before, Snapshot::Of(hostile.outside, Snapshot::kUntouched));
+    Require(same, same.message());
+    Require(disk::List("/proc/self/fd").size() == open, "a descriptor was left open");
+    return 0;
+}
