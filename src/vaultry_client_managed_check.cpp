@@ -13,21 +13,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <sys/file.h>
 #include <unistd.h>
 
 namespace {
-
-struct CloseDirectory {
-    void operator()(DIR *directory) const
-    {
-        const ErrnoKeeper keeper;
-        (void)closedir(directory);
-    }
-};
 
 // The lock, if there is a lock file; a store without one is looked at all the same.
 class CheckLock {
@@ -62,14 +52,16 @@ void CheckLockFile(const char *path, Findings &findings)
 {
     const Item item = Item::AtPath(path);
     TQFileStatus status;
-    if (platform::GetStatus(item, Links::NoFollow, &status) != 0)
-        findings.AddMendable(path, "lock-file-missing", "The store has no lock file; opening the store makes one.",
+    if (platform::GetStatus(item, Links::NoFollow, &status) != 0) {
+        if (errno != ENOENT) return findings.AddUnreadable(path);
+        findings.AddMendable(path, "lock-file-missing", "The store has no lock file.",
                              [path] { return MakeLockFile(path); });
-    else if (!S_ISREG(status.mode))
+    } else if (!S_ISREG(status.mode)) {
         findings.Add(path, "lock-file-foreign", "What stands in the place of the lock file is no file.");
-    else if ((status.mode & 07777) != 0400)
+    } else if ((status.mode & 07777) != 0400) {
         findings.AddMendable(path, "lock-file-mode", "The lock file does not have the mode 0400.",
                              [&item] { return platform::SetMode(item, Links::NoFollow, 0400) == 0; });
+    }
 }
 
 void CheckStagingDirectory(const char *path, Findings &findings)
@@ -77,8 +69,8 @@ void CheckStagingDirectory(const char *path, Findings &findings)
     const Item item = Item::AtPath(path);
     TQFileStatus status;
     if (platform::GetStatus(item, Links::NoFollow, &status) != 0) {
-        findings.AddMendable(path, "staging-missing",
-                             "The store has no staging directory; opening the store makes one.",
+        if (errno != ENOENT) return findings.AddUnreadable(path);
+        findings.AddMendable(path, "staging-missing", "The store has no staging directory.",
                              [path] { return mkdir(path, 0700) == 0; });
         return;
     }
@@ -94,32 +86,25 @@ void CheckStagingDirectory(const char *path, Findings &findings)
 
 bool CheckGenerations(const char *root, Findings &findings, TQError **error)
 {
-    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(root));
-    if (!directory) return Failure(error).Errno("unable to opendir(%s)", root);
-    while (const dirent *entry = readdir(directory.get())) {
-        if (entry->d_name[0] == '.') continue;
+    Names names(root);
+    while (const char *name = names.Next()) {
+        if (name[0] == '.') continue;
         PathBuffer path;
-        if (!path.Format("%s/%s", root, entry->d_name))
+        if (!path.Format("%s/%s", root, name))
             return Failure(error).Refused(kTQStatusBadPath, "Path to generation is too long");
-        if (!Ref<TQString>::Adopt(TQStringCreateWithFileSystemRepresentation(entry->d_name)))
+        if (!Ref<TQString>::Adopt(TQStringCreateWithFileSystemRepresentation(name)))
             findings.Add(path.c_str(), "name-not-utf8",
                          "The name is not UTF-8, so that the store's generations can't be listed.");
         _CheckGeneration(path.c_str(), findings);
-        _CheckPlaceholders(path.c_str(), findings);
     }
-    return true;
+    errno = names.error();
+    return errno == 0 || Failure(error).Errno("unable to read the directory \"%s\"", root);
 }
 
 // The files of the store can only be mended while its root is writable.
-bool CheckStore(const char *root, const PathBuffer &lockFile, const PathBuffer &staging, Findings &findings,
-                TQError **error)
+bool CheckContents(const char *root, const PathBuffer &lockFile, const PathBuffer &staging, Findings &findings,
+                   TQError **error)
 {
-    TQFileStatus status;
-    if (platform::GetStatus(Item::AtPath(root), Links::Follow, &status) != 0)
-        return Failure(error).Errno("stat(\"%s\") failed", root);
-    if ((status.mode & 0222) != 0)
-        findings.Add(root, "root-unprotected", "The store's directory may be written to.", findings.repair());
-
     if (findings.repair() && !_UnprotectGenerationStore(root, error)) return false;
     const ScopeExit protect([&] {
         if (findings.repair()) _ProtectGenerationStore(root);
@@ -127,6 +112,38 @@ bool CheckStore(const char *root, const PathBuffer &lockFile, const PathBuffer &
     CheckLockFile(lockFile.c_str(), findings);
     CheckStagingDirectory(staging.c_str(), findings);
     return CheckGenerations(root, findings, error);
+}
+
+bool GetIsOpen(const char *root, bool *isOpen, TQError **error)
+{
+    TQFileStatus status;
+    if (platform::GetStatus(Item::AtPath(root), Links::Follow, &status) != 0)
+        return Failure(error).Errno("stat(\"%s\") failed", root);
+    *isOpen = (status.mode & 0222) != 0;
+    return true;
+}
+
+// Whether the root is protected is looked at twice, since repairing lifts its protection and puts it back.
+bool CheckStore(const char *root, const PathBuffer &lockFile, const PathBuffer &staging, Findings &findings,
+                TQError **error)
+{
+    bool wasOpen = false;
+    bool isOpen = false;
+    if (!GetIsOpen(root, &wasOpen, error) || !CheckContents(root, lockFile, staging, findings, error) ||
+        !GetIsOpen(root, &isOpen, error))
+        return false;
+    if (wasOpen || isOpen)
+        findings.Add(root, "root-unprotected", "The store's directory may be written to.",
+                     findings.repair() && !isOpen);
+    return true;
+}
+
+// Any other directory is somebody's own: repairing it would take its write bits and call its files generations.
+bool IsStore(const char *root, const PathBuffer &lockFile, const PathBuffer &staging, TQError **error)
+{
+    if (!_PathNotExists(lockFile.c_str()) || !_PathNotExists(staging.c_str())) return true;
+    return Failure(error).Refused(kTQStatusBadPath,
+                                  "\"%s\" is no store: it has neither a lock file nor a staging directory", root);
 }
 
 } // namespace
@@ -162,6 +179,7 @@ TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, T
     if (!staging.Format("%s/%s", rootPath, kStagingName))
         return Failure(error).Refused(kTQStatusBadPath, "failed to get staging dir path");
     if (!_GetPathToLockFile(rootPath, lockFile, error)) return nullptr;
+    if (!IsStore(rootPath, lockFile, staging, error)) return nullptr;
 
     CheckLock lock;
     if (!lock.Take(lockFile.c_str(), repair, error)) return nullptr;

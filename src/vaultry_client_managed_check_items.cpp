@@ -18,8 +18,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
-#include <memory>
 #include <sys/stat.h>
 
 namespace {
@@ -31,10 +29,6 @@ constexpr char kDocumentKey[] = "vaultry.document"; // absolute path, as data
 constexpr char kPlaceholderMark[] = "-tmp.nosync.";
 constexpr size_t kPlaceholderUnique = 6;
 
-struct CloseDirectory {
-    void operator()(DIR *directory) const { (void)closedir(directory); }
-};
-
 // Takes the write bits of an item, so that only the record of its permissions says what it had.
 void CheckProtection(const TreeWalk::Entry &entry, Findings &findings)
 {
@@ -43,8 +37,8 @@ void CheckProtection(const TreeWalk::Entry &entry, Findings &findings)
     uint8_t saved = 0;
     const ssize_t length =
         platform::GetAttribute(entry.item, Links::NoFollow, kSavedPermissionsAttribute, &saved, sizeof saved);
-    if (length < 0 && errno == EACCES)
-        findings.Add(path, "unreadable", "The item can't be read by its owner, so nothing can be said of it.");
+    if (length < 0 && errno != ENODATA && errno != ERANGE) // a longer one than can be
+        findings.AddUnreadable(path);
     else if (length < 0 && errno == ENODATA)
         findings.Add(path, "not-archived",
                      "The item lacks the record of its permissions; the library did not make it.");
@@ -74,7 +68,7 @@ void CheckItem(const TreeWalk::Entry &entry, Findings &findings)
     case Kind::Unreadable:
     case Kind::NoStatus:
     case Kind::Error:
-        findings.Add(entry.item.path, "unreadable", "The item can't be read, so nothing can be said of it.");
+        findings.AddUnreadable(entry.item.path);
         break;
     }
 }
@@ -83,13 +77,14 @@ void CheckItem(const TreeWalk::Entry &entry, Findings &findings)
 void CheckAttributes(const char *path, Findings &findings)
 {
     const Item item = Item::AtPath(path);
-    if (!Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(path, nullptr)))
-        findings.Add(path, "info-malformed", "The generation's info dictionary can't be read.");
-    const bool named = platform::GetAttribute(item, Links::NoFollow, kDisplayNameAttribute, nullptr, 0) >= 0;
-    if (named && !Ref<TQString>::Adopt(TQCopyOriginalDisplayName(path, nullptr)))
+    const bool unnamed =
+        platform::GetAttribute(item, Links::NoFollow, kDisplayNameAttribute, nullptr, 0) < 0 && errno == ENODATA;
+    if (!unnamed && !Ref<TQString>::Adopt(TQCopyOriginalDisplayName(path, nullptr)))
         findings.Add(path, "display-name-malformed", "The generation's display name can't be read.");
     const ssize_t options = platform::GetAttribute(item, Links::NoFollow, kOptionsAttribute, nullptr, 0);
-    if (options >= 0 && options != sizeof(uint64_t))
+    if (options < 0 && errno != ENODATA)
+        findings.AddUnreadable(path);
+    else if (options >= 0 && options != sizeof(uint64_t))
         findings.Add(path, "options-malformed", "The generation's options word has a wrong size, and reads as 0.");
 }
 
@@ -103,38 +98,44 @@ bool IsPlaceholderName(const char *name, const char *stem, size_t stemLength, co
            strcmp(name + length - strlen(extension), extension) == 0;
 }
 
-bool IsEmpty(const char *path, const TQFileStatus &status)
+enum class Filling { Empty, Full, Unknown };
+
+Filling FillingOf(const char *path)
 {
-    if (!S_ISDIR(status.mode)) return status.size == 0;
-    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(path));
-    if (!directory) return true; // not known, so nothing is done with it
-    while (const dirent *entry = readdir(directory.get()))
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) return false;
-    return true;
+    TQFileStatus status;
+    if (platform::GetStatus(Item::AtPath(path), Links::NoFollow, &status) != 0) return Filling::Unknown;
+    if (!S_ISDIR(status.mode)) return status.size == 0 ? Filling::Empty : Filling::Full;
+    Names names(path);
+    if (names.Next()) return Filling::Full;
+    return names.error() == 0 ? Filling::Empty : Filling::Unknown;
 }
 
 // An empty placeholder is one that no document was moved to yet; a full one is the document itself.
 void CheckPlaceholder(const char *placeholder, const char *document, Findings &findings)
 {
-    TQFileStatus status;
-    if (platform::GetStatus(Item::AtPath(placeholder), Links::NoFollow, &status) != 0) return;
-    if (IsEmpty(placeholder, status)) {
+    switch (FillingOf(placeholder)) {
+    case Filling::Empty:
         findings.Add(placeholder, "placeholder-empty",
                      "A restore that was interrupted left this empty item; it may go.");
-        return;
+        break;
+    case Filling::Full:
+        findings.AddMendable(
+            placeholder, "document-aside",
+            "A restore that was interrupted left the document, or its old state, under this name.",
+            [=] { return platform::RenameIntoNothing(placeholder, document) == 0 && _FlushEntry(document, nullptr); });
+        break;
+    case Filling::Unknown:
+        findings.Add(placeholder, "placeholder-unreadable",
+                     "A restore that was interrupted left this, and it can't be read: it may be the document.");
+        break;
     }
-    findings.AddMendable(
-        placeholder, "document-aside",
-        "A restore that was interrupted left the document, or its old state, under this name.",
-        [=] { return platform::RenameIntoNothing(placeholder, document) == 0 && _FlushEntry(document, nullptr); });
 }
 
 // The path of the document that a generation was made from, as a client recorded it.
-bool GetRecordedDocument(const char *generation, PathBuffer &document)
+bool GetRecordedDocument(const TQDictionary *info, PathBuffer &document)
 {
-    const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(generation, nullptr));
     const auto key = Ref<TQString>::Adopt(TQStringCreate(kDocumentKey));
-    const TQValue *value = TQDictionaryGetValue(info.get(), key.get());
+    const TQValue *value = TQDictionaryGetValue(info, key.get());
     if (TQGetTypeID(value) != TQDataGetTypeID()) return false;
     const auto *data = static_cast<const TQData *>(value);
     const auto *bytes = static_cast<const char *>(TQDataGetBytes(data));
@@ -143,36 +144,45 @@ bool GetRecordedDocument(const char *generation, PathBuffer &document)
     return length < PathBuffer::kCapacity && document.Format("%.*s", static_cast<int>(length), bytes);
 }
 
+// What restores of the recorded document left beside it.
+void CheckPlaceholders(const TQDictionary *info, Findings &findings)
+{
+    PathBuffer document;
+    if (!GetRecordedDocument(info, document) || !findings.IsNewDocument(document.c_str())) return;
+    PathBuffer parent;
+    const char *name = separate_path_parent_child(document.c_str(), parent.data());
+    const char *directoryPath = parent.c_str()[0] == '\0' ? "/" : parent.c_str();
+    if (!name || !name[0]) return;
+
+    const char *extension = TQGetFileNameExtensionForPath(name);
+    if (!extension) extension = name + strlen(name);
+    const size_t stemLength = static_cast<size_t>(extension - name);
+    Names names(directoryPath);
+    while (const char *candidate = names.Next()) {
+        // A directory's placeholder has no extension; its name is the whole name and the mark.
+        if (!IsPlaceholderName(candidate, name, stemLength, extension) &&
+            !IsPlaceholderName(candidate, name, strlen(name), ""))
+            continue;
+        PathBuffer placeholder;
+        if (placeholder.Format("%s/%s", strcmp(directoryPath, "/") == 0 ? "" : directoryPath, candidate))
+            CheckPlaceholder(placeholder.c_str(), document.c_str(), findings);
+    }
+    const bool isGone = names.error() == ENOENT || names.error() == ENOTDIR; // the document's folder
+    if (names.error() != 0 && !isGone)
+        findings.Add(document.c_str(), "folder-unreadable",
+                     "The document's folder can't be read: an interrupted restore may have left something there.");
+}
+
 } // namespace
 
 void _CheckGeneration(const char *path, Findings &findings)
 {
     TreeWalk walk;
-    if (!walk.Open(path)) return;
+    if (!walk.Open(path)) return findings.AddUnreadable(path);
     while (const TreeWalk::Entry *entry = walk.Next()) CheckItem(*entry, findings);
     CheckAttributes(path, findings);
-}
-
-void _CheckPlaceholders(const char *generationPath, Findings &findings)
-{
-    PathBuffer document;
-    if (!GetRecordedDocument(generationPath, document) || !findings.IsNewDocument(document.c_str())) return;
-    PathBuffer parent;
-    const char *name = separate_path_parent_child(document.c_str(), parent.data());
-    const char *directoryPath = parent.c_str()[0] == '\0' ? "/" : parent.c_str();
-    const std::unique_ptr<DIR, CloseDirectory> directory(name && name[0] ? opendir(directoryPath) : nullptr);
-    if (!directory) return;
-
-    const char *extension = TQGetFileNameExtensionForPath(name);
-    if (!extension) extension = name + strlen(name);
-    const size_t stemLength = static_cast<size_t>(extension - name);
-    while (const dirent *entry = readdir(directory.get())) {
-        // A directory's placeholder has no extension; its name is the whole name and the mark.
-        if (!IsPlaceholderName(entry->d_name, name, stemLength, extension) &&
-            !IsPlaceholderName(entry->d_name, name, strlen(name), ""))
-            continue;
-        PathBuffer placeholder;
-        if (placeholder.Format("%s/%s", strcmp(directoryPath, "/") == 0 ? "" : directoryPath, entry->d_name))
-            CheckPlaceholder(placeholder.c_str(), document.c_str(), findings);
-    }
+    if (const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(path, nullptr)))
+        CheckPlaceholders(info.get(), findings);
+    else
+        findings.Add(path, "info-malformed", "The generation's info dictionary can't be read.");
 }

@@ -19,8 +19,6 @@
 #include <climits>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
-#include <memory>
 #include <sys/stat.h>
 
 namespace {
@@ -29,10 +27,6 @@ constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
 constexpr size_t kUniqueLength = 7;
 constexpr char kUniqueAlphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 constexpr int64_t kLitterAge = 3600; // seconds
-
-struct CloseDirectory {
-    void operator()(DIR *directory) const { (void)closedir(directory); }
-};
 
 // The youngest of the times that tell when somebody worked here last.
 int64_t LastUse(const char *unique, const char *staged)
@@ -70,7 +64,7 @@ void CheckUnique(const char *unique, Findings &findings)
     const bool noteUnknown = length < 0 && errno != ENODATA;
     // What can't be read may be somebody's only copy: only what is surely absent counts as absent.
     if (itemUnknown || (noteUnknown && holdsItem)) {
-        findings.Add(unique, "unreadable", "What lies here can't be read, so nothing can be said of it.");
+        findings.AddUnreadable(unique);
         return;
     }
     if (length > 0 && holdsItem) {
@@ -92,19 +86,15 @@ void CheckUnique(const char *unique, Findings &findings)
 
 void _CheckStagingArea(const char *stagingPath, Findings &findings)
 {
-    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(stagingPath));
-    if (!directory) {
-        findings.Add(stagingPath, "unreadable", "The staging directory can't be read.");
-        return;
-    }
-    while (const dirent *entry = readdir(directory.get())) {
-        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+    Names names(stagingPath);
+    while (const char *name = names.Next()) {
         PathBuffer unique;
-        if (!unique.Format("%s/%s", stagingPath, entry->d_name)) continue;
-        if (IsUniqueName(entry->d_name) && _IsDirectory(unique.c_str(), /*status=*/nullptr))
+        if (!unique.Format("%s/%s", stagingPath, name)) continue;
+        if (IsUniqueName(name) && _IsDirectory(unique.c_str(), /*status=*/nullptr))
             CheckUnique(unique.c_str(), findings);
         else
             findings.Add(unique.c_str(), "staging-foreign",
                          "The library did not make this; a person should look at it.");
     }
+    if (names.error() != 0) findings.AddUnreadable(stagingPath);
 }

@@ -2,6 +2,7 @@
 #include "support/Tests.h"
 
 #include <ctime>
+#include <sys/syscall.h>
 
 // The library's clock, which a change time can be compared with: nobody can set those.
 static time_t ahead;
@@ -105,6 +106,8 @@ TEST_P(StoreCheck, DamageIsNamedAndMendedWhereThatIsSafe)
         {"mkdir " + aside, {"placeholder-empty $/" + aside}},
         {"mkdir " + aside + "; mv document away", {"placeholder-empty $/" + aside}},
         {"mkdir " + aside + "; touch " + aside + "/in", {"document-aside $/" + aside}},
+        {"mkdir " + aside + "; touch " + aside + "/in; chmod 300 " + aside,
+         {(isRoot ? "document-aside $/" : "placeholder-unreadable $/") + aside}},
         {"mv document " + aside, {"document-aside $/" + aside + " mended"}},
         {"touch document-tmp.nosync.ABC adocument-tmp.nosync.ABCDEF", {}}, // names that no restore makes
     };
@@ -175,8 +178,31 @@ TEST_P(StoreCheck, AKilledRestoreIsTakenBack)
     const std::string file = disk::Write(store / "file", ""), missing = store / "missing";
     ExpectRows({{Failed(104, "The supplied path \"$/file\" does not exist"), check(file.c_str())},
                 {Failed(104, "The supplied path \"$/missing\" does not exist"), check(missing.c_str())},
-                {Failed(104, "The supplied path \"\" does not exist"), check(nullptr)}},
+                {Failed(104, "The supplied path \"\" does not exist"), check(nullptr)},
+                {Refused(104, "\"$/document\" is no store: it has neither a lock file nor a staging directory"),
+                 check(store.document().c_str())}},
                store.path());
+    EXPECT_TRUE(Same(before, Snapshot::Of(store.document()))) << "somebody's own folder stays as it is";
+}
+
+TEST_P(StoreCheck, WhatCannotBeReadIsNeverWell)
+{
+    TestStore store(TestStore::Document::Folder, QuickVolume());
+    Keep(store, "g");
+    Calls reading{{SYS_statx}};
+    for (const Calls &more : {kOpen, kReadDirectory, kGetAttribute})
+        reading.numbers.insert(reading.numbers.end(), more.numbers.begin(), more.numbers.end());
+    int well = 0;
+    for (int nth = 1;; ++nth) {
+        const Outcome outcome = InChild(FailCall(nth, EIO, reading), [&](TQError **why) {
+            const auto list = Ref<TQArray>::Adopt(TQClientManagedStorageCopyFindings(store.root().c_str(), false, why));
+            return list && TQArrayGetCount(list.get()) == 0;
+        });
+        well += outcome.succeeded;
+        if (!outcome.faultFired) break;
+    }
+    // Undisturbed; without the status of the lock file, which is opened next; without that of the root above a walk.
+    EXPECT_EQ(well, 3);
 }
 
 } // namespace

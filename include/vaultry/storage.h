@@ -175,7 +175,8 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQCl
 ///                Content is never touched, and nothing is deleted that the library did not make.
 /// @return an array that the caller owns, empty when all is well, of dictionaries: "path" (data: the bytes of the path),
 ///         "kind" (a string of lower-case words that a program can tell apart), "meaning" (a string for
-///         people), "mended" (a boolean). Null with an error: kTQStatusBadPath for what is not a directory.
+///         people), "mended" (a boolean). Null with an error: kTQStatusBadPath for what is not a directory, or has
+///         neither a lock file nor a staging directory and so is no store.
 ///
 /// Shared lock, exclusive with `repair`; none if there is no lock file.
 TQ_EXPORT TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, TQError **error);

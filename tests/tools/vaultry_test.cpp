@@ -187,6 +187,8 @@ TEST_F(VaultryCommand, RefusesWithItsExitCodeAndAReason)
         {{"--store", folder, "destroy", "--yes"}, 1, "no store"},
         {{"--store", nothing, "destroy", "--yes"}, 1, "no store"},
         {{"--store", document, "list"}, 1, "no store"},
+        {{"check", "--repair", document}, 1, "report.txt\" is no store"},
+        {{"check", "--repair", folder}, 1, "no store"},
     };
     const Snapshot before = Snapshot::Of(home.path(), Snapshot::kContents);
     for (const auto &row : rows) {

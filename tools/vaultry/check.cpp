@@ -39,11 +39,19 @@ static void _Print(const TQDictionary *finding, bool json)
 int RunCheck(const Arguments &arguments)
 {
     const std::string path = LocateStore(arguments.checked ? arguments.checked : arguments.store);
-    if (LookAtPlace(path) == PlaceKind::Missing)
+    switch (LookAtPlace(path)) {
+    case PlaceKind::Missing:
         throw CommandFailure(kExitFailure, "there is no store at " + Quoted(path));
+    case PlaceKind::Other:
+        throw CommandFailure(kExitFailure, Quoted(path) + " is no store");
+    case PlaceKind::Free: // may hold one of a store's own two files; the library tells
+    case PlaceKind::Damaged:
+    case PlaceKind::Store:
+        break;
+    }
     Owned<TQError> error;
     const Owned<TQArray> findings(TQClientManagedStorageCopyFindings(path.c_str(), arguments.repair, error.out()));
-    if (!findings) throw CommandFailure::Library("can't check the store " + Quoted(path), error.get());
+    if (!findings) throw CommandFailure::Library("can't check " + Quoted(path), error.get());
 
     const size_t count = TQArrayGetCount(findings.get());
     for (size_t i = 0; i < count; ++i)

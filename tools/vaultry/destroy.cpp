@@ -4,6 +4,7 @@
 #include "failure.h"
 #include "location.h"
 #include "owned.h"
+#include "store.h"
 #include "text.h"
 
 #include <vaultry/storage.h>
@@ -28,6 +29,8 @@ int RunDestroy(const Arguments &arguments)
     switch (LookAtPlace(path)) {
     case PlaceKind::Missing:
         throw CommandFailure(kExitFailure, "there is no store at " + Quoted(path));
+    case PlaceKind::Damaged:
+        throw NoStore(path, PlaceKind::Damaged);
     case PlaceKind::Free:
     case PlaceKind::Other:
         throw CommandFailure(kExitFailure, Quoted(path) + " is no store; nothing was removed");

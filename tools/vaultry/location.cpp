@@ -79,12 +79,14 @@ PlaceKind LookAtPlace(const std::string &path)
         throw CommandFailure::Errno("can't look at the store " + Quoted(path), errno);
     }
     if (!S_ISDIR(status.st_mode)) return PlaceKind::Other;
-    if (exists(kLockFileName) && S_ISREG(status.st_mode) && exists(kStagingName) && S_ISDIR(status.st_mode))
-        return PlaceKind::Store;
+    const bool hasLockFile = exists(kLockFileName), isLockFile = hasLockFile && S_ISREG(status.st_mode);
+    const bool hasStaging = exists(kStagingName), isStaging = hasStaging && S_ISDIR(status.st_mode);
+    if (isLockFile && isStaging) return PlaceKind::Store;
 
     bool isFree = true;
     _EachName(path, [&](std::string_view name) { return isFree = name == kLockFileName || name == kStagingName; });
-    return isFree ? PlaceKind::Free : PlaceKind::Other;
+    if (isFree) return PlaceKind::Free;
+    return hasLockFile || hasStaging ? PlaceKind::Damaged : PlaceKind::Other;
 }
 
 void MakePlace(const std::string &path)

@@ -12,9 +12,10 @@ std::string LocateStore(const std::optional<std::string> &given);
 
 enum class PlaceKind {
     Missing,
-    Free,  // an empty directory, or one in which making a store was cut short
-    Store, // has the store's lock file and its staging area
-    Other, // anything else: never to be touched
+    Free,    // an empty directory, or one in which making a store was cut short
+    Store,   // has the store's lock file and its staging area
+    Damaged, // has one of the two, and generations
+    Other,   // anything else: never to be touched
 };
 
 PlaceKind LookAtPlace(const std::string &path);

@@ -9,8 +9,11 @@
 
 #include <ctime>
 
-static CommandFailure _NoStore(const std::string &path)
+CommandFailure NoStore(const std::string &path, PlaceKind kind)
 {
+    if (kind == PlaceKind::Damaged)
+        return CommandFailure(kExitFailure, "the store " + Quoted(path) + " lacks its lock file or its staging area: " +
+                                                "check --repair makes them");
     return CommandFailure(kExitFailure,
                           Quoted(path) + " is no store, and not an empty directory that could become one");
 }
@@ -24,9 +27,11 @@ Store::Store(const std::string &path) : path_(path), handle_(nullptr, TQClientMa
 
 Store Store::OpenOrMake(const std::string &path)
 {
-    switch (LookAtPlace(path)) {
+    const PlaceKind kind = LookAtPlace(path);
+    switch (kind) {
+    case PlaceKind::Damaged:
     case PlaceKind::Other:
-        throw _NoStore(path);
+        throw NoStore(path, kind);
     case PlaceKind::Missing:
         MakePlace(path);
         break;
@@ -39,9 +44,11 @@ Store Store::OpenOrMake(const std::string &path)
 
 std::optional<Store> Store::OpenExisting(const std::string &path)
 {
-    switch (LookAtPlace(path)) {
+    const PlaceKind kind = LookAtPlace(path);
+    switch (kind) {
+    case PlaceKind::Damaged:
     case PlaceKind::Other:
-        throw _NoStore(path);
+        throw NoStore(path, kind);
     case PlaceKind::Missing:
     case PlaceKind::Free:
         return std::nullopt;

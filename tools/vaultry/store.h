@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "failure.h"
 #include "location.h"
 #include "owned.h"
 
@@ -47,6 +48,9 @@ private:
     std::string path_;
     std::unique_ptr<TQClientManagedStorage, void (*)(TQClientManagedStorage *)> handle_;
 };
+
+// Why what is at `path` can't be used as a store.
+CommandFailure NoStore(const std::string &path, PlaceKind kind);
 
 // Seconds since 1970 with their fraction, so that what is kept within a second is listed in its order.
 double PresentTime();
