@@ -217,6 +217,9 @@ static int _AddDocument(const Store &store, const std::string &given, const Argu
     const InterruptGuard interrupts(progress.get());
     Addition addition(store, document, arguments, progress.bar());
     const int exitCode = addition.Run();
+    if (const std::string restored = RestoredPath(document.path, addition.name()); restored != document.path)
+        Say("a restore from " + Quoted(addition.name()) + " will turn " + Quoted(document.path) + " into " +
+            Quoted(BaseName(restored)) + ", since it gives a document the extension of the generation");
     if (arguments.json) {
         Json object;
         PutBytes(object, "generation", addition.name());
@@ -233,7 +236,7 @@ static int _AddDocument(const Store &store, const std::string &given, const Argu
 
 int RunAdd(const Arguments &arguments)
 {
-    if (arguments.newName) CheckGenerationName(*arguments.newName);
+    if (arguments.newName) CheckGenerationName("--name", *arguments.newName);
     const Store store = Store::OpenOrMake(LocateStore(arguments.store));
     int exitCode = kExitSuccess;
     for (const std::string &document : arguments.documents) {

@@ -41,7 +41,7 @@ A document that is itself a link is resolved first. Ctrl-C leaves nothing
 behind.
 
 Examples:
-  vaultry add report.txt Photos/         as report-2026-03-01T10.15.30Z.txt, ...
+  vaultry add report.txt Photos/         as report-2026-03-01T10-15-30Z.txt, ...
   vaultry add --name before-review report.txt
   vaultry add --move old-draft.txt       into the store, and away from here)";
 
@@ -115,7 +115,7 @@ ends at once and leaves what has been written.
 
 Examples:
   vaultry copy before-review report-old.txt
-  vaultry copy report-2026-03-01T10.15.30Z.txt /tmp    to /tmp/report.txt)";
+  vaultry copy report-2026-03-01T10-15-30Z.txt /tmp    to /tmp/report.txt)";
 
 static constexpr char kRemoveFooter[] = R"(
 Names that the store doesn't hold are reported; the others are removed.

@@ -34,14 +34,17 @@ static std::string _Escaped(std::string_view bytes)
     return text;
 }
 
-// Where the extension begins, its dot included; the end of the name if it has none.
-static size_t _ExtensionStart(const std::string &name)
+// From its dot on, as the library sees it; empty if there is none.
+static std::string_view _ExtensionOf(const std::string &path)
 {
-    const char *extension = TQGetFileNameExtensionForPath(name.c_str());
-    if (!extension) return name.size();
-    const std::string_view text = extension;
-    if (text.size() < 2 || text.find(' ') != text.npos) return name.size();
-    return name.size() - text.size();
+    const char *extension = TQGetFileNameExtensionForPath(path.c_str());
+    return extension ? extension : "";
+}
+
+static bool _IsKindOfFile(std::string_view extension)
+{
+    return extension.size() >= 2 && extension.size() <= kMaximumExtensionLength &&
+           extension.find(' ') == extension.npos && _Escaped(extension) == extension;
 }
 
 static void _CutBetweenCharacters(std::string &text, size_t limit)
@@ -65,20 +68,18 @@ std::string WithoutTrailingSlashes(std::string path)
 std::string DefaultGenerationName(const std::string &documentPath, time_t now, unsigned attempt)
 {
     const std::string name = BaseName(documentPath);
-    size_t split = _ExtensionStart(name);
-    std::string extension = _Escaped(std::string_view(name).substr(split));
-    if (extension.size() > kMaximumExtensionLength) {
-        split = name.size();
-        extension.clear();
-    }
-    std::string stem = _Escaped(std::string_view(name).substr(0, split));
+    std::string_view extension = _ExtensionOf(name);
+    const bool endsInIt = _IsKindOfFile(extension);
+    if (!endsInIt) extension = {};
+    std::string stem = _Escaped(std::string_view(name).substr(0, name.size() - extension.size()));
+    if (!endsInIt) std::replace(stem.begin(), stem.end(), '.', '_');
     // The store keeps names that begin with a dot for itself.
     if (!stem.empty() && stem.front() == '.') stem.front() = '_';
 
     struct tm utc {};
     char time[32];
     gmtime_r(&now, &utc);
-    strftime(time, sizeof time, "-%Y-%m-%dT%H.%M.%SZ", &utc);
+    strftime(time, sizeof time, "-%Y-%m-%dT%H-%M-%SZ", &utc);
     std::string suffix = time;
     if (attempt > 0) suffix.append("-").append(std::to_string(attempt + 1));
     suffix += extension;
@@ -87,9 +88,16 @@ std::string DefaultGenerationName(const std::string &documentPath, time_t now, u
     return stem + suffix;
 }
 
-void CheckGenerationName(const std::string &name)
+std::string RestoredPath(const std::string &document, const std::string &name)
 {
-    const std::string what = "--name " + Quoted(name);
+    const std::string_view own = _ExtensionOf(document), wanted = _ExtensionOf(name);
+    if (own.empty() || wanted.empty()) return document;
+    return document.substr(0, document.size() - own.size()).append(wanted);
+}
+
+void CheckGenerationName(const std::string &option, const std::string &name)
+{
+    const std::string what = option + " " + Quoted(name);
     const Owned<TQString> string = MakeString(name);
     if (!string) throw CommandFailure(kExitUsage, what + ": a name has to be UTF-8");
     if (name.empty()) throw CommandFailure(kExitUsage, what + ": a name has to have at least one character");

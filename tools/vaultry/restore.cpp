@@ -12,7 +12,6 @@
 
 #include <vaultry/filesystem.h>
 #include <vaultry/library.h>
-#include <vaultry/path.h>
 
 #include <cerrno>
 #include <ctime>
@@ -34,39 +33,32 @@ static std::string _Generation(const Store &store, const Arguments &arguments, c
 
 // The name under which the document's present state is kept; none if it is not to be.
 static std::optional<std::string> _BackupName(const Store &store, const Arguments &arguments,
-                                              const std::string &document)
+                                              const std::string &document, double now)
 {
     if (arguments.noBackup) return std::nullopt;
     if (arguments.backup) {
-        CheckGenerationName(*arguments.backup);
+        CheckGenerationName("--backup", *arguments.backup);
         return arguments.backup;
     }
     const std::set<std::string> names = store.Names();
     for (unsigned attempt = 0; attempt < kMaximumAttempts; ++attempt)
-        if (std::string name = DefaultGenerationName(document, time(nullptr), attempt); names.count(name) == 0)
+        if (std::string name = DefaultGenerationName(document, static_cast<time_t>(now), attempt);
+            names.count(name) == 0)
             return name;
     throw CommandFailure(kExitExists, "there is no free name for the backup of " + Quoted(document));
 }
 
 // So that the backup shows in the document's history. The restore has succeeded, so a failure is only said.
-static void _RecordBackup(const Store &store, const std::string &backup, const std::string &document)
+static void _RecordBackup(const Store &store, const std::string &backup, const std::string &document, double now)
 {
     const Owned<TQData> path(TQDataCreate(document.data(), document.size()));
-    const Owned<TQDate> now(TQDateCreate(PresentTime()));
+    const Owned<TQDate> time(TQDateCreate(now));
     const auto set = [&](const char *key, TQValue *value) {
         return TQClientManagedStorageSetGenerationInfoValueForKey(store.handle(), backup.c_str(), MakeString(key).get(),
                                                                   value, nullptr);
     };
-    if (!set(kDocumentKey, path.get()) || !set(kTimeKey, now.get()))
+    if (!set(kDocumentKey, path.get()) || !set(kTimeKey, time.get()))
         Say("list may not show " + Quoted(backup) + " with its document: that could not be written");
-}
-
-// Where the restored document lies: its extension is that of the generation, if both have one.
-static std::string _RestoredPath(const std::string &document, const std::string &name)
-{
-    const char *wanted = TQGetFileNameExtensionForPath(name.c_str());
-    const char *own = TQGetFileNameExtensionForPath(document.c_str());
-    return wanted && own ? document.substr(0, document.size() - std::string_view(own).size()) + wanted : document;
 }
 
 static void _Restore(const Store &store, const std::string &name, const std::string &document,
@@ -99,14 +91,15 @@ int RunRestore(const Arguments &arguments)
     const std::string document = DocumentPath(arguments.document);
     const std::string name = _Generation(store, arguments, document);
     struct stat status {};
+    const double now = PresentTime(); // before anything is done: it is the moment of what the document was
     const bool isThere = stat(document.c_str(), &status) == 0;
     const std::optional<std::string> backup =
-        isThere ? _BackupName(store, arguments, document) : std::optional<std::string>();
+        isThere ? _BackupName(store, arguments, document, now) : std::optional<std::string>();
     if (!isThere && arguments.backup) Say(Quoted(document) + " is not there, so there is nothing to back up");
 
     _Restore(store, name, document, backup);
-    if (backup) _RecordBackup(store, *backup, document);
-    const std::string restored = isThere ? _RestoredPath(document, name) : document;
+    if (backup) _RecordBackup(store, *backup, document, now);
+    const std::string restored = isThere ? RestoredPath(document, name) : document;
     if (arguments.json) {
         Json object;
         PutBytes(object, "document", restored);
