@@ -32,22 +32,32 @@ struct CloseDirectory {
     }
 };
 
-TQValue *Lookup(const TQDictionary *dictionary, const char *key)
+// A query without memory gives nothing: a fact that is left out would pass for one that is not there.
+bool Allocated(bool done, TQError **error)
 {
-    const auto string = Ref<TQString>::Adopt(TQStringCreate(key));
-    return TQDictionaryGetValue(dictionary, string.get());
+    return done || Failure(error).Status(kTQStatusFailed, "malloc failed");
 }
 
-bool Set(const Ref<TQDictionary> &dictionary, const char *key, TQValue *value)
+// What the dictionary has under `key`, lent; null if it has nothing.
+bool Get(const TQDictionary *dictionary, const char *key, TQValue **value, TQError **error)
 {
     const auto string = Ref<TQString>::Adopt(TQStringCreate(key));
-    return TQDictionarySetValue(dictionary.get(), string.get(), value);
+    *value = TQDictionaryGetValue(dictionary, string.get());
+    return Allocated(static_cast<bool>(string), error);
+}
+
+// False too if there was no memory for the value itself, which then is null.
+bool Set(const Ref<TQDictionary> &dictionary, const char *key, TQValue *value, TQError **error)
+{
+    const auto string = Ref<TQString>::Adopt(TQStringCreate(key));
+    return Allocated(TQDictionarySetValue(dictionary.get(), string.get(), value), error);
 }
 
 // A switch among the fields: absent is off.
 bool GetSwitch(const TQDictionary *fields, const char *key, const char *complaint, bool *on, TQError **error)
 {
-    const TQValue *value = Lookup(fields, key);
+    TQValue *value = nullptr;
+    if (!Get(fields, key, &value, error)) return false;
     if (value && !TQIsNumber(value)) return Failure(error).Refused(kTQStatusInvalidType, "%s", complaint);
     *on = value && TQNumberGetTruth(value);
     return true;
@@ -55,7 +65,8 @@ bool GetSwitch(const TQDictionary *fields, const char *key, const char *complain
 
 bool GetInfoSelector(const TQDictionary *fields, FieldSelection *selection, const TQArray **keys, TQError **error)
 {
-    const TQValue *value = Lookup(fields, "ODN");
+    TQValue *value = nullptr;
+    if (!Get(fields, "ODN", &value, error)) return false;
     if (value && TQGetTypeID(value) == TQArrayGetTypeID()) {
         selection->info = true;
         *keys = static_cast<const TQArray *>(value);
@@ -84,32 +95,40 @@ struct Query {
 bool GetMask(const TQDictionary *spec, const char *key, const char *complaint, int64_t absent, uint64_t *mask,
              TQError **error)
 {
-    const TQValue *value = Lookup(spec, key);
+    TQValue *value = nullptr;
+    if (!Get(spec, key, &value, error)) return false;
     if (value && !TQIsNumber(value)) return Failure(error).Refused(kTQStatusInvalidType, "%s", complaint);
     *mask = static_cast<uint64_t>(value ? TQNumberGetInt64(value) : absent);
     return true;
 }
 
-bool Lists(const TQArray *clients, const char *group)
+bool Lists(const TQArray *clients, const char *group, bool *listed, TQError **error)
 {
     const auto string = Ref<TQString>::Adopt(TQStringCreate(group));
-    return TQArrayContainsValue(clients, string.get());
+    *listed = !clients || TQArrayContainsValue(clients, string.get());
+    return Allocated(static_cast<bool>(string), error);
 }
 
 bool GetClients(const TQDictionary *spec, Query *query, TQError **error)
 {
-    const TQValue *value = Lookup(spec, "clients");
+    TQValue *value = nullptr;
+    if (!Get(spec, "clients", &value, error)) return false;
     if (value && TQGetTypeID(value) != TQArrayGetTypeID())
         return Failure(error).Refused(kTQStatusInvalidType, "invalid type for spec.clients");
     const auto *clients = static_cast<const TQArray *>(value);
-    query->firstGroup = !clients || Lists(clients, kFirstGroup);
-    query->secondGroup = !clients || Lists(clients, kSecondGroup);
-    return true;
+    return Lists(clients, kFirstGroup, &query->firstGroup, error) &&
+           Lists(clients, kSecondGroup, &query->secondGroup, error);
+}
+
+bool GetFields(const TQDictionary *spec, FieldSelection *fields, const TQArray **keys, TQError **error)
+{
+    TQValue *value = nullptr;
+    return Get(spec, "fields", &value, error) && _genInfosFieldsGet(value, fields, keys, error);
 }
 
 bool GetQuery(const TQDictionary *spec, Query *query, TQError **error)
 {
-    return _genInfosFieldsGet(Lookup(spec, "fields"), &query->fields, &query->keys, error) &&
+    return GetFields(spec, &query->fields, &query->keys, error) &&
            GetMask(spec, "withOptions", "invalid type for spec.withOptions", kDefaultWithOptions, &query->withOptions,
                    error) &&
            GetMask(spec, "withoutOptions", "invalid type for spec.withoutOptions", 0, &query->withoutOptions, error) &&
@@ -129,7 +148,7 @@ bool AddDisplayName(const Ref<TQDictionary> &record, const char *path, TQError *
     Ref<TQError> why;
     errno = 0; // not every failure of the read sets it, and an older one must not pass for a missing name
     const auto displayName = Ref<TQString>::Adopt(TQCopyOriginalDisplayName(path, why.out()));
-    if (displayName) return Set(record, "ODN", displayName.get());
+    if (displayName) return Set(record, "ODN", displayName.get(), error);
     const bool none = errno == ENODATA;
     if (error) *error = none ? nullptr : why.Detach();
     return none;
@@ -139,15 +158,15 @@ bool AddInfo(const Ref<TQDictionary> &record, const char *path, const TQArray *k
 {
     const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(path, error));
     if (!info) return false;
-    if (!keys) return Set(record, "info", info.get());
+    if (!keys) return Set(record, "info", info.get(), error);
 
     const auto chosen = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutable());
     for (size_t i = 0; i < TQArrayGetCount(keys); ++i) {
         TQValue *key = TQArrayGetValueAtIndex(keys, i);
-        if (TQValue *value = TQDictionaryGetValue(info.get(), key))
-            (void)TQDictionarySetValue(chosen.get(), key, value);
+        TQValue *value = TQDictionaryGetValue(info.get(), key);
+        if (value && !Allocated(TQDictionarySetValue(chosen.get(), key, value), error)) return false;
     }
-    return Set(record, "info", chosen.get());
+    return Set(record, "info", chosen.get(), error);
 }
 
 bool AddToGroup(const Query &query, const char *root, const char *name, TQArray *first, TQArray *second,
@@ -159,7 +178,8 @@ bool AddToGroup(const Query &query, const char *root, const char *name, TQArray 
     if (!query.Admits(options)) return true;
     const auto record =
         Ref<TQDictionary>::Adopt(_genInfosCreate(query.fields, query.keys, name, options, path.c_str(), error));
-    return record && TQArrayAppendValue((options & kSecondGroupBit) != 0 ? second : first, record.get());
+    return record &&
+           Allocated(TQArrayAppendValue((options & kSecondGroupBit) != 0 ? second : first, record.get()), error);
 }
 
 } // namespace
@@ -183,15 +203,16 @@ TQDictionary *_genInfosCreate(const FieldSelection &selection, const TQArray *ke
 {
     auto record = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutable());
     const auto nameString = Ref<TQString>::Adopt(TQStringCreateWithFileSystemRepresentation(name));
-    if (!nameString || !Set(record, "name", nameString.get()))
+    if (!nameString)
         return Failure(error).Status(kTQStatusFailed, "Failed to create string from file system name \"%s\"", name);
+    if (!Set(record, "name", nameString.get(), error)) return nullptr;
     if (selection.options) {
         const auto number = Ref<TQNumber>::Adopt(TQNumberCreateInt64(static_cast<int64_t>(options)));
-        (void)Set(record, "options", number.get());
+        if (!Set(record, "options", number.get(), error)) return nullptr;
     }
     if (selection.url) {
         const auto url = Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPath(path, /*isDirectory=*/false));
-        (void)Set(record, "URL", url.get());
+        if (!Set(record, "URL", url.get(), error)) return nullptr;
     }
     if (selection.displayName && !AddDisplayName(record, path, error)) return nullptr;
     if (selection.info && !AddInfo(record, path, keys, error)) return nullptr;
@@ -207,7 +228,7 @@ TQDictionary *TQClientManagedStorageCopyGenerationInfos(const TQClientManagedSto
         return Failure(error).Refused(kTQStatusBadPath, "Path to generation is too long");
     FieldSelection fields;
     const TQArray *keys = nullptr;
-    if (!_genInfosFieldsGet(Lookup(spec, "fields"), &fields, &keys, error)) return nullptr;
+    if (!GetFields(spec, &fields, &keys, error)) return nullptr;
 
     HeldLock lock;
     PathBuffer path;
@@ -236,7 +257,8 @@ TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQClientManage
     }
 
     auto result = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutable());
-    if (TQArrayGetCount(first.get()) > 0) (void)Set(result, kFirstGroup, first.get());
-    if (TQArrayGetCount(second.get()) > 0) (void)Set(result, kSecondGroup, second.get());
+    if (!Allocated(static_cast<bool>(result), error)) return nullptr;
+    if (TQArrayGetCount(first.get()) > 0 && !Set(result, kFirstGroup, first.get(), error)) return nullptr;
+    if (TQArrayGetCount(second.get()) > 0 && !Set(result, kSecondGroup, second.get(), error)) return nullptr;
     return result.Detach();
 }

@@ -287,6 +287,23 @@ TEST(LibraryFaults, NoMemoryMakesNoObjectAndHarmsNoStore)
     ExpectReported(sweep, 0, {"malloc failed", "TQLibraryAllocate failed"},
                    {"3 The allocator of library objects could not be created"});
     store.CheckInvariants();
+
+    // A query tells all or nothing.
+    for (const char *name : {"a", "b"}) ASSERT_TRUE(store.Add(name, nullptr, true, name[0] == 'a' ? 1 : 4));
+    ASSERT_TRUE(
+        TQClientManagedStorageSetGenerationOriginalDisplayName(store.handle(), "b", String("B").get(), nullptr));
+    const auto all = [&](TQError **why) {
+        return Ref<TQDictionary>::Adopt(TQClientManagedStorageCopyAllGenerationsInfos(store.handle(), nullptr, why));
+    };
+    const auto whole = all(nullptr);
+    for (const auto &[text, outcome] : Sweep(FailAllocation, [&](const Fault &fault, std::string *) {
+             return InChild(fault, [&](TQError **why) {
+                 const auto infos = all(why);
+                 if (infos && !TQEqual(infos.get(), whole.get())) abort();
+                 return static_cast<bool>(infos);
+             });
+         }))
+        EXPECT_TRUE(!outcome.hasError || outcome.status == kTQStatusFailed) << text << " " << outcome.status;
 }
 
 } // namespace
