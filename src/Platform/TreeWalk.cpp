@@ -34,8 +34,6 @@ struct TreeWalk::State {
     Entry entry{};
     Due due = Due::Root;
     Volumes volumes = Volumes::One;
-    bool hasRootParent = false;
-    TQFileStatus rootParent{};
     uint64_t rootDevice = 0;
     size_t rootParentPathLength = 0;
     size_t rootPathLength = 0;
@@ -43,7 +41,6 @@ struct TreeWalk::State {
     std::vector<Level> levels; // one for each in `directories`
     char path[PATH_MAX];       // of `entry`
 
-    void LookAboveRoot();
     const Entry *Root();
     const Entry *Enter();
     const Entry *Contents();
@@ -56,6 +53,15 @@ struct TreeWalk::State {
     const Entry *Report(Kind kind, int error = 0);
     const Entry *ReportByStatus();
 };
+
+// Where the path of the directory above ends: "/a" of "/a/b" and of "/a/b/", "/" of "/b", nothing of "b".
+static size_t _ParentPathLength(const char *path, size_t length)
+{
+    while (length > 1 && path[length - 1] == '/') --length;
+    while (length > 0 && path[length - 1] != '/') --length;
+    while (length > 1 && path[length - 1] == '/') --length;
+    return length;
+}
 
 TreeWalk::TreeWalk() = default;
 TreeWalk::~TreeWalk() = default;
@@ -76,7 +82,7 @@ bool TreeWalk::Open(const char *rootPath, Volumes volumes)
     state_->volumes = volumes;
     state_->rootPathLength = length;
     memcpy(state_->path, rootPath, length + 1);
-    state_->LookAboveRoot();
+    state_->rootParentPathLength = _ParentPathLength(rootPath, length);
     return true;
 }
 
@@ -110,23 +116,6 @@ void TreeWalk::SkipContents()
     state_->due = state_->levels.empty() ? State::Due::Nothing : State::Due::Contents;
 }
 
-// Finds the end of the path of the directory above: "/a" of "/a/b" and of "/a/b/", "/" of "/b", nothing of "b".
-void TreeWalk::State::LookAboveRoot()
-{
-    size_t length = rootPathLength;
-    while (length > 1 && path[length - 1] == '/') --length;
-    while (length > 0 && path[length - 1] != '/') --length;
-    while (length > 1 && path[length - 1] == '/') --length;
-    rootParentPathLength = length;
-
-    char parent[PATH_MAX] = ".";
-    if (length > 0) {
-        memcpy(parent, path, length);
-        parent[length] = '\0';
-    }
-    hasRootParent = platform::GetStatus(Item::AtPath(parent), Links::Follow, &rootParent) == 0;
-}
-
 const TreeWalk::Entry *TreeWalk::State::Report(Kind kind, int error)
 {
     entry.kind = kind;
@@ -153,7 +142,6 @@ const TreeWalk::Entry *TreeWalk::State::Root()
     entry.level = 0;
     entry.fd = -1;
     entry.parentPathLength = rootParentPathLength;
-    entry.parentStatus = hasRootParent ? &rootParent : nullptr;
     if (platform::GetStatus(entry.item, Links::NoFollow, &entry.status) != 0) return Report(Kind::NoStatus, errno);
     rootDevice = entry.status.device;
     return ReportByStatus();
@@ -208,7 +196,6 @@ const TreeWalk::Entry *TreeWalk::State::Child(const char *name)
     entry.fd = -1;
     entry.hasStatus = false;
     entry.parentPathLength = level.pathLength;
-    entry.parentStatus = &level.status;
     path[level.pathLength] = '\0';
 
     const size_t slash = level.pathLength > 0 && path[level.pathLength - 1] == '/' ? 0 : 1;
@@ -249,13 +236,11 @@ const TreeWalk::Entry *TreeWalk::State::Done(Kind kind, int error)
     due = Due::Leave;
     if (levels.size() == 1) {
         entry.item = Item::AtPath(path);
-        entry.parentStatus = hasRootParent ? &rootParent : nullptr;
         return Report(kind, error);
     }
 
     const char *const name = path + above + (path[above] == '/' ? 1 : 0);
     entry.item = {-1, name, path};
-    entry.parentStatus = &levels[levels.size() - 2].status;
     if (!OpenAbove()) {
         // There is no other safe way back, so this is where the walk ends.
         due = Due::Nothing;

@@ -43,11 +43,9 @@ public:
         int level;           // 0 for the root
         int fd;              // the directory itself, in DirectoryDone of one that was entered; else -1
 
-        // The directory that holds the entry: its path's length within item.path and its status as
-        // read when it was met. For the root the directory above it, looked at when the walk began; the length is
-        // 0 where the root's path is a single relative name.
+        // How much of item.path is that of the directory that holds the entry; 0 for a root whose path is a single
+        // relative name.
         size_t parentPathLength;
-        const TQFileStatus *parentStatus; // null if it could not be read
     };
 
     TreeWalk();

@@ -73,8 +73,7 @@ bool _ArchiveMovedTree(const char *path, bool makeReadable, TQError **error);
 struct HardLinkedFile {
     Item item;
     const TQFileStatus &status;
-    size_t parentPathLength;
-    const TQFileStatus *parentStatus; // may be null
+    size_t parentPathLength; // of item.path
 };
 bool _BreakHardLink(const HardLinkedFile &file, TQError **error);
 

@@ -85,8 +85,7 @@ bool ArchiveEntry(const TreeWalk::Entry &entry, bool makeReadable, uint64_t *tot
         return true;
     case Kind::File:
         if (IsSidecarName(entry.item.name)) return true;
-        if (entry.status.linkCount >= 2 &&
-            !_BreakHardLink({entry.item, entry.status, entry.parentPathLength, entry.parentStatus}, error))
+        if (entry.status.linkCount >= 2 && !_BreakHardLink({entry.item, entry.status, entry.parentPathLength}, error))
             return false;
         if (totalSize) *totalSize += entry.status.size;
         break;

@@ -25,19 +25,20 @@ constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
 // The directory of the file, made writable for the span of the exchange and then as it was.
 class WritableParent {
 public:
-    WritableParent(const Item &parent, const TQFileStatus *before) : parent_(parent), before_(before) {}
+    explicit WritableParent(const Item &parent) : parent_(parent) {}
     WritableParent(const WritableParent &) = delete;
     WritableParent &operator=(const WritableParent &) = delete;
 
     bool MakeWritable(TQError **error)
     {
-        if (geteuid() == 0 || !before_) return true; // modes do not stop root
-        if ((before_->mode & 0222) == 0) {
-            if (platform::SetMode(parent_, Links::Follow, (before_->mode | 0222) & 07777) != 0) return Fail(error);
+        if (geteuid() == 0) return true; // modes do not stop root
+        if (platform::GetStatus(parent_, Links::Follow, &before_) != 0) return Fail(error);
+        if ((before_.mode & 0222) == 0) {
+            if (platform::SetMode(parent_, Links::Follow, (before_.mode | 0222) & 07777) != 0) return Fail(error);
             modeChanged_ = true;
         }
-        if ((before_->flags & kBlockingFlags) != 0) {
-            if (platform::SetFlags(parent_, Links::Follow, before_->flags & ~kBlockingFlags) != 0) return Fail(error);
+        if ((before_.flags & kBlockingFlags) != 0) {
+            if (platform::SetFlags(parent_, Links::Follow, before_.flags & ~kBlockingFlags) != 0) return Fail(error);
             flagsChanged_ = true;
         }
         return true;
@@ -46,9 +47,9 @@ public:
     ~WritableParent()
     {
         const ErrnoKeeper keeper;
-        if (modeChanged_ && platform::SetMode(parent_, Links::Follow, before_->mode & 07777) != 0)
+        if (modeChanged_ && platform::SetMode(parent_, Links::Follow, before_.mode & 07777) != 0)
             Failure(nullptr).Errno("failed to restore parent path \"%s\" mode", parent_.path);
-        if (flagsChanged_ && platform::SetFlags(parent_, Links::Follow, before_->flags) != 0)
+        if (flagsChanged_ && platform::SetFlags(parent_, Links::Follow, before_.flags) != 0)
             Failure(nullptr).Errno("failed to restore parent path \"%s\" flags", parent_.path);
     }
 
@@ -59,7 +60,7 @@ private:
     }
 
     Item parent_;
-    const TQFileStatus *before_;
+    TQFileStatus before_{};
     bool modeChanged_ = false;
     bool flagsChanged_ = false;
 };
@@ -130,7 +131,7 @@ bool _BreakHardLink(const HardLinkedFile &file, TQError **error)
 
     char parentPath[4096];
     (void)snprintf(parentPath, sizeof parentPath, "%.*s", static_cast<int>(file.parentPathLength), item.path);
-    WritableParent parent(ParentOf(file, parentPath), file.parentStatus);
+    WritableParent parent(ParentOf(file, parentPath));
     TemporaryFile temporary(item.directory);
     UniqueFd source;
 
