@@ -169,6 +169,7 @@ TEST_F(VaultryCommand, RefusesWithItsExitCodeAndAReason)
         {{"copy", "../store", nothing}, 3, "no generation"},
         {{"remove", "none"}, 3, "no generation \"none\""},
         {{"remove", ".vaultry_staging"}, 3, "no generation"},
+        {{"remove", "take"}, 3, "named whole, as \"taken\""},
         {{"--store", nothing, "remove", "taken"}, 3, "no store"},
         {{"add", "--name", "taken", document}, 4, "already exists"},
         {{"copy", "taken", document}, 4, "report.txt"},
@@ -392,7 +393,10 @@ TEST_F(VaultryCommand, RestoresInPlaceAndKeepsWhatWasThere)
         {{"restore", "--no-backup", "--at", "2999-01-01", document}, "second\n", "restored from \"report-20", 0, 2},
         {{"restore", "--backup", "mine", "draft-1.txt", document}, "first\n", "kept as \"mine\"", 0, 3},
         {{"restore", "--backup", "mine", "draft-1.txt", document}, "first\n", "already exists", 4, 3},
-        {{"restore", "--at", "1999-01-01", document}, "first\n", "no generation", 3, 3},
+        {{"set", "draft-1.txt", R"(vaultry.time:={"$date":"2026-03-01T10:15:30.25Z"})"}, "first\n", "", 0, 3},
+        {{"restore", "--no-backup", "--at", "2026-03-01 10:15:30Z", document}, "first\n", "from \"draft-1.txt", 0, 3},
+        {{"restore", "--no-backup", "--at", "2026-03-01T10-15Z", document}, "first\n", "from \"draft-1.txt", 0, 3},
+        {{"restore", "--at", "2026-03-01T10:15:29Z", document}, "first\n", "no generation", 3, 3},
         {{"restore", "--at", "soon", document}, "first\n", "is no time", 2, 3},
         {{"restore", "--latest", document, "draft"}, "first\n", "DOCUMENT alone", 2, 3},
         {{"restore", document}, "first\n", "wants a NAME", 2, 3},
@@ -407,6 +411,11 @@ TEST_F(VaultryCommand, RestoresInPlaceAndKeepsWhatWasThere)
         EXPECT_EQ(Kept().size(), row.kept);
         EXPECT_EQ(disk::List(home.path()), Words({".local", "report.txt"}));
     }
+    ASSERT_EQ(
+        system(("f=" + store + "/draft-1.txt; chmod u+w $f && setfattr -n user.com.corvane.vaultry.info $f").c_str()),
+        0);
+    const Result latest = Run({"restore", "--no-backup", "--latest", document});
+    EXPECT_THAT(latest.out + latest.err, testing::AllOf(HasSubstr("\"draft-1.txt\": "), HasSubstr("from \"mine\"")));
     // The backup is one of the document's generations like any other; a document that is gone is copied back.
     EXPECT_THAT(Run({"list", document}).out, HasSubstr("mine"));
     ASSERT_EQ(unlink(document.c_str()), 0);
@@ -439,6 +448,10 @@ TEST_F(VaultryCommand, ShowsAndSetsWhatIsKnownOfAGeneration)
         {{"set", "kept", "--unset", "author"}, 1, "there is no such key"},
         {{"set", "kept", "x:=null"}, 2, "can't be null"},
         {{"set", "kept", "x:={"}, 2, "is not JSON"},
+        {{"set", "kept", "x:=" + std::string(60000, '[')}, 2, "256 deep"},
+        {{"set", "kept", "x:={\"$date\":\"2026-02-31\"}"}, 2, "is no date"},
+        {{"set", "kept", "--display-name", "\xff"}, 2, "has to be UTF-8"},
+        {{"set", "kept", "x=1", "--unset", "none"}, 1, "changed before that: \"x\""},
         {{"set", "kept", "=x"}, 2, "neither key=text"},
         {{"set", "kept", "--options", "-1"}, 2, "no number"},
         {{"show", "ke"}, 1, "the beginning of 2"},

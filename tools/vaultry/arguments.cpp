@@ -68,8 +68,8 @@ a generation of its own, and its name is printed; nothing is lost by restoring
 the wrong one. If the generation's name ends in another extension, the document
 gets that extension. A document that is gone is copied back.
 
-A TIME is local, 2026-03-01 or "2026-03-01 10:15", or UTC with a Z at its end; a
-date alone stands for its last moment.
+A TIME is local, 2026-03-01 or "2026-03-01 10:15:30", or UTC with a Z at its
+end. It stands for the last moment of the day, minute or second that it names.
 
 Examples:
   vaultry restore --latest report.txt
@@ -118,7 +118,9 @@ Examples:
   vaultry copy report-2026-03-01T10-15-30Z.txt /tmp    to /tmp/report.txt)";
 
 static constexpr char kRemoveFooter[] = R"(
-Names that the store doesn't hold are reported; the others are removed.
+A generation is named whole here: a beginning that is typed once too often
+would remove the next one. Names that the store doesn't hold are reported; the
+others are removed.
 
 Example:
   vaultry remove before-review)";

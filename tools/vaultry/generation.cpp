@@ -9,11 +9,7 @@ static constexpr size_t kShownCandidates = 5;
 
 std::string ResolveGeneration(const Store &store, const std::string &given)
 {
-    return ResolveAmong(store.Names(), store, given);
-}
-
-std::string ResolveAmong(const std::set<std::string> &names, const Store &store, const std::string &given)
-{
+    const std::set<std::string> names = store.Names();
     if (names.count(given) != 0) return given;
     std::vector<std::string> candidates;
     if (!given.empty())
@@ -35,7 +31,14 @@ std::string NewestGenerationOf(const Store &store, const std::string &document, 
     std::string newest;
     double newestTime = 0;
     for (const std::string &name : store.Names()) {
-        const GenerationInfo info = store.InfoOf(name);
+        GenerationInfo info;
+        try {
+            info = store.InfoOf(name);
+        } catch (const CommandFailure &failure) {
+            // One that is damaged does not keep the others from being found; one that went meanwhile is not missed.
+            if (!store.Lacks(name)) Say(failure.what());
+            continue;
+        }
         if (info.document != document || !info.time || (time && *info.time > *time)) continue;
         if (!newest.empty() && *info.time < newestTime) continue;
         newest = name;

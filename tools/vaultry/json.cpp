@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <regex>
 
 static constexpr char kBase64Digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
@@ -61,43 +62,48 @@ std::string IsoTime(double secondsSince1970)
     return result + "Z";
 }
 
-std::optional<double> ParseTime(const std::string &text, bool endOfDay)
+static double _Seconds(struct tm parts, bool utc)
 {
-    struct tm parts {};
-    int used = 0;
-    double second = 0;
-    if (sscanf(text.c_str(), "%4d-%2d-%2d%n", &parts.tm_year, &parts.tm_mon, &parts.tm_mday, &used) != 3)
-        return std::nullopt;
-    std::string_view rest = std::string_view(text).substr(static_cast<size_t>(used));
-    const bool dateAlone = rest.empty() || rest == "Z";
-    if (!rest.empty() && (rest.front() == 'T' || rest.front() == ' ')) {
-        // Names of generations have dots where times have colons.
-        char separator = 0, second_separator = 0;
-        const std::string clock(rest.substr(1));
-        if (sscanf(clock.c_str(), "%2d%c%2d%n", &parts.tm_hour, &separator, &parts.tm_min, &used) != 3)
-            return std::nullopt;
-        rest.remove_prefix(1 + static_cast<size_t>(used));
-        int more = 0;
-        if (!rest.empty() && rest.front() != 'Z' &&
-            sscanf(std::string(rest).c_str(), "%c%lf%n", &second_separator, &second, &more) != 2)
-            return std::nullopt;
-        rest.remove_prefix(static_cast<size_t>(more));
-        if ((separator != ':' && separator != '.') || (more > 0 && second_separator != separator)) return std::nullopt;
-    }
-    const bool utc = rest == "Z";
-    if (!utc && !rest.empty()) return std::nullopt;
-    if (parts.tm_mon < 1 || parts.tm_mon > 12 || parts.tm_mday < 1 || parts.tm_mday > 31 || parts.tm_hour < 0 ||
-        parts.tm_hour > 23 || parts.tm_min < 0 || parts.tm_min > 59 || !(second >= 0 && second < 61))
-        return std::nullopt;
-    if (dateAlone && endOfDay) {
-        parts.tm_hour = 23;
-        parts.tm_min = 59;
-        second = 59.999999;
-    }
-    parts.tm_year -= 1900;
-    parts.tm_mon -= 1;
     parts.tm_isdst = -1;
-    return static_cast<double>(utc ? timegm(&parts) : mktime(&parts)) + second;
+    return static_cast<double>(utc ? timegm(&parts) : mktime(&parts));
+}
+
+// The calendar would make a day in March of February 31.
+static bool _IsDay(const struct tm &given)
+{
+    struct tm parts = given;
+    (void)timegm(&parts);
+    return parts.tm_mon == given.tm_mon && parts.tm_mday == given.tm_mday;
+}
+
+std::optional<double> ParseTime(const std::string &text, Moment moment)
+{
+    // Names of generations have "-" where times have ":".
+    static const std::regex form("(\\d{4})-(\\d\\d?)-(\\d\\d?)"
+                                 "(?:[T ](\\d\\d?)([:.-])(\\d\\d)(?:\\5(\\d\\d)(\\.\\d{1,9})?)?)?(Z?)");
+    std::smatch match;
+    if (!std::regex_match(text, match, form)) return std::nullopt;
+    const auto number = [&](size_t group) { return match[group].matched ? std::stoi(match[group]) : 0; };
+    struct tm day {};
+    day.tm_year = number(1) - 1900;
+    day.tm_mon = number(2) - 1;
+    day.tm_mday = number(3);
+    struct tm minute = day;
+    minute.tm_hour = number(4);
+    minute.tm_min = number(6);
+    const int second = number(7); // 60 in a leap second
+    if (!_IsDay(day) || minute.tm_hour > 23 || minute.tm_min > 59 || second > 60) return std::nullopt;
+
+    const bool utc = match[9].length() > 0;
+    const double fraction = match[8].matched ? std::stod("0" + match[8].str()) : 0;
+    const double first = _Seconds(minute, utc) + second + fraction;
+    if (moment == Moment::First) return first;
+    ++day.tm_mday; // a day may have 23 hours, or 25
+    const double next = match[8].matched   ? first + std::pow(10, 1 - static_cast<double>(match[8].length()))
+                        : match[7].matched ? first + 1
+                        : match[4].matched ? first + 60
+                                           : _Seconds(day, utc);
+    return std::nextafter(next, first);
 }
 
 static Json _NumberToJson(const TQNumber *number)
@@ -153,7 +159,7 @@ static Owned<TQValue> _Tagged(const Json &object)
     if (object.size() != 1 || !object.begin().value().is_string()) return Owned<TQValue>();
     const std::string text = object.begin().value();
     if (object.contains("$date")) {
-        const auto time = ParseTime(text, /*endOfDay=*/false);
+        const auto time = ParseTime(text, Moment::First);
         if (!time) throw CommandFailure(kExitUsage, Quoted(text) + " is no date");
         return Owned<TQValue>(TQDateCreate(*time));
     }
@@ -163,17 +169,19 @@ static Owned<TQValue> _Tagged(const Json &object)
     return Owned<TQValue>(TQDataCreate(bytes->data(), bytes->size()));
 }
 
+static Owned<TQValue> _FromJson(const Json &json);
+
 static Owned<TQValue> _FromObject(const Json &object)
 {
     if (Owned<TQValue> tagged = _Tagged(object)) return tagged;
     TQDictionary *dictionary = TQDictionaryCreateMutable();
     Owned<TQValue> result(dictionary);
     for (const auto &[key, member] : object.items())
-        (void)TQDictionarySetValue(dictionary, MakeString(key).get(), FromJson(member).get());
+        (void)TQDictionarySetValue(dictionary, MakeString(key).get(), _FromJson(member).get());
     return result;
 }
 
-Owned<TQValue> FromJson(const Json &json)
+static Owned<TQValue> _FromJson(const Json &json)
 {
     if (json.is_boolean()) return Owned<TQValue>(TQRetain(TQBooleanGet(json.get<bool>())));
     if (json.is_number_unsigned()) return Owned<TQValue>(TQNumberCreateUInt64(json.get<uint64_t>()));
@@ -187,8 +195,22 @@ Owned<TQValue> FromJson(const Json &json)
     if (!json.is_array()) throw CommandFailure(kExitUsage, "a value can't be null");
     TQArray *array = TQArrayCreateMutable();
     Owned<TQValue> result(array);
-    for (const Json &member : json) (void)TQArrayAppendValue(array, FromJson(member).get());
+    for (const Json &member : json) (void)TQArrayAppendValue(array, _FromJson(member).get());
     return result;
+}
+
+Owned<TQValue> ParseValue(const std::string &text)
+{
+    // Every level takes a piece of the stack here and in the library, whose own limit is higher.
+    static constexpr int kMaximumDepth = 256;
+    const auto limit = [](int depth, Json::parse_event_t, const Json &) {
+        if (depth <= kMaximumDepth) return true;
+        throw CommandFailure(kExitUsage,
+                             "a value can't be nested more than " + std::to_string(kMaximumDepth) + " deep");
+    };
+    const Json json = Json::parse(text, limit, /*allow_exceptions=*/false);
+    if (json.is_discarded()) throw CommandFailure(kExitUsage, Quoted(text) + " is not JSON");
+    return _FromJson(json);
 }
 
 void PutBytes(Json &object, const char *key, std::string_view bytes)

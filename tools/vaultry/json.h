@@ -17,8 +17,9 @@ using Json = nlohmann::ordered_json;
 
 Json ToJson(const TQValue *value);
 
-// Throws CommandFailure for what can be no property-list value (null, or a "$date" or "$data" that is none).
-Owned<TQValue> FromJson(const Json &json);
+// Throws CommandFailure for what is no JSON, or can be no property-list value (null, a "$date" or "$data" that is none,
+// containers in containers without end).
+Owned<TQValue> ParseValue(const std::string &text);
 
 void PutBytes(Json &object, const char *key, std::string_view bytes);
 
@@ -28,6 +29,9 @@ void PrintLine(const Json &json);
 // UTC, with as many digits of the second as it needs.
 std::string IsoTime(double secondsSince1970);
 
-// "2026-03-01", "2026-03-01 10:15", "2026-03-01T10:15:30.25Z": local time unless it ends in "Z". A date alone is
-// its last moment with `endOfDay`, else its first. None if it can't be read.
-std::optional<double> ParseTime(const std::string &text, bool endOfDay);
+// What a time stands for that was given no more exactly than to the day, the minute, the second, or a part of it.
+enum class Moment { First, Last };
+
+// "2026-03-01", "2026-03-01 10:15", "2026-03-01T10:15:30.25Z": local time unless it ends in "Z". None if it can't
+// be read, or the calendar has no such day.
+std::optional<double> ParseTime(const std::string &text, Moment moment);

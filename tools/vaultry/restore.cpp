@@ -25,7 +25,7 @@ static std::string _Generation(const Store &store, const Arguments &arguments, c
     if (!arguments.latest && !arguments.at) return ResolveGeneration(store, arguments.name);
     std::optional<double> time;
     if (arguments.at) {
-        time = ParseTime(*arguments.at, /*endOfDay=*/true);
+        time = ParseTime(*arguments.at, Moment::Last);
         if (!time) throw CommandFailure(kExitUsage, "--at " + Quoted(*arguments.at) + " is no time");
     }
     return NewestGenerationOf(store, document, time);

@@ -8,6 +8,7 @@
 #include "text.h"
 
 #include <cerrno>
+#include <functional>
 
 struct Change {
     std::string key;
@@ -26,9 +27,7 @@ static Change _ParseAssignment(const std::string &assignment)
     const std::string text = assignment.substr(equals + 1);
     Change change{assignment.substr(0, end), {}};
     if (typed) {
-        const Json json = Json::parse(text, nullptr, /*allow_exceptions=*/false);
-        if (json.is_discarded()) throw CommandFailure(kExitUsage, Quoted(text) + " is not JSON");
-        change.value = FromJson(json);
+        change.value = ParseValue(text);
     } else {
         change.value = Owned<TQValue>(TQStringCreateWithBytes(text.data(), text.size()));
     }
@@ -74,23 +73,57 @@ static void _Apply(const Store &store, const std::string &name, const Change &ch
                          failure.what() + (isAttributeSpace ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
 }
 
+static void _SetDisplayName(const Store &store, const std::string &name, const TQString *displayName)
+{
+    Owned<TQError> error;
+    if (!TQClientManagedStorageSetGenerationOriginalDisplayName(store.handle(), name.c_str(), displayName, error.out()))
+        throw CommandFailure::Library("can't set the display name of " + Quoted(name), error.get());
+}
+
+static void _SetOptions(const Store &store, const std::string &name, uint64_t options)
+{
+    Owned<TQError> error;
+    if (!TQClientManagedStorageSetGenerationOptions(store.handle(), name.c_str(), options, error.out()))
+        throw CommandFailure::Library("can't set the options of " + Quoted(name), error.get());
+}
+
+struct Step {
+    std::string what;
+    std::function<void()> take;
+};
+
+// There is no way back from a change, so a failure says which were made before it.
+static void _Take(const std::vector<Step> &steps)
+{
+    std::string done;
+    for (const Step &step : steps) {
+        try {
+            step.take();
+        } catch (const CommandFailure &failure) {
+            if (done.empty()) throw;
+            throw CommandFailure(failure.exitCode(), failure.what() + ("\n  changed before that: " + done));
+        }
+        done += (done.empty() ? "" : ", ") + step.what;
+    }
+}
+
 int RunSet(const Arguments &arguments)
 {
     const std::vector<Change> changes = _ParseChanges(arguments);
     const uint64_t options = arguments.options ? _ParseOptions(*arguments.options) : 0;
+    const Owned<TQString> displayName = MakeString(arguments.displayName.value_or(""));
+    if (!displayName)
+        throw CommandFailure(kExitUsage, "--display-name " + Quoted(*arguments.displayName) + ": it has to be UTF-8");
     if (changes.empty() && !arguments.options && !arguments.displayName)
         throw CommandFailure(kExitUsage, "there is nothing to set; \"vaultry set --help\" tells what can be");
 
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string name = ResolveGeneration(store, arguments.name);
-    for (const Change &change : changes) _Apply(store, name, change);
-    Owned<TQError> error;
-    if (arguments.displayName &&
-        !TQClientManagedStorageSetGenerationOriginalDisplayName(store.handle(), name.c_str(),
-                                                                MakeString(*arguments.displayName).get(), error.out()))
-        throw CommandFailure::Library("can't set the display name of " + Quoted(name), error.get());
-    if (arguments.options &&
-        !TQClientManagedStorageSetGenerationOptions(store.handle(), name.c_str(), options, error.out()))
-        throw CommandFailure::Library("can't set the options of " + Quoted(name), error.get());
+    std::vector<Step> steps;
+    for (const Change &change : changes) steps.push_back({Quoted(change.key), [&] { _Apply(store, name, change); }});
+    if (arguments.displayName)
+        steps.push_back({"the display name", [&] { _SetDisplayName(store, name, displayName.get()); }});
+    if (arguments.options) steps.push_back({"the options", [&] { _SetOptions(store, name, options); }});
+    _Take(steps);
     return kExitSuccess;
 }

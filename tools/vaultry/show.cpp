@@ -85,7 +85,7 @@ static void _PrintForPeople(const Json &object)
         std::string text = value.is_string() ? Printable(value.get<std::string>())
                            : key == "size"   ? HumanSize(value.get<uint64_t>())
                                              : Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace));
-        if (key == "kept" || key == "modified") text = HumanTime(ParseTime(value, false).value_or(0));
+        if (key == "kept" || key == "modified") text = HumanTime(ParseTime(value, Moment::First).value_or(0));
         if (key != "info") printf("%-13s %s\n", (key + ":").c_str(), text.c_str());
     }
     for (const auto &[key, value] : object["info"].items())
