@@ -1,0 +1,262 @@
+// The library's functions as words of the shell, for transcripts: `probe archive-item FILE`.
+//
+// A function that succeeds says what it gives, or nothing. A failure is said as it reaches a client and the log:
+// "error 104 ENOENT: …", or "refused 105: …" for what is logged as the caller's fault. What else is logged, quiet lines
+// only for `probe -v`, is said as "logged 3: …".
+
+#include "Platform/SystemLog.h"
+#include "Shared/vaultry_fs_wrappers.h"
+#include "Shared/vaultry_internal.h"
+#include "Shared/vaultry_storage.h"
+#include "support/Disk.h"
+#include "support/Library.h"
+
+#include <vaultry/vaultry.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <iomanip>
+#include <iostream>
+#include <linux/fs.h>
+#include <map>
+#include <sstream>
+#include <sys/stat.h>
+
+namespace {
+
+struct Words {
+    std::vector<std::string> words;
+    const char *operator[](size_t i) const { return i < words.size() ? words[i].c_str() : nullptr; }
+    bool Say(const char *word) const { return std::find(words.begin(), words.end(), word) != words.end(); }
+};
+
+bool Say(const auto &...said)
+{
+    (std::cout << ... << said) << '\n';
+    return true;
+}
+
+std::string Description(const TQValue *value)
+{
+    return Text(Ref<TQString>::Adopt(TQCopyDescription(value)).get());
+}
+
+// Says a value that was made for this, if it was.
+bool SayMade(TQValue *made)
+{
+    const auto value = Ref<TQValue>::Adopt(made);
+    return value && Say(Description(value.get()));
+}
+
+// Text that a line can hold.
+std::string Shown(const std::string &bytes)
+{
+    const bool isText = std::all_of(bytes.begin(), bytes.end(), [](char c) { return c >= ' ' && c < '\x7f'; });
+    if (bytes.size() > 60) return "(" + std::to_string(bytes.size()) + " bytes)";
+    if (isText) return '"' + bytes + '"';
+    std::ostringstream hex;
+    for (const char byte : bytes) hex << std::hex << std::setw(2) << std::setfill('0') << (byte & 0xff);
+    return hex.str();
+}
+
+// An item and what is below it: mode, flags, the library's attributes and others of an application, contents.
+void Show(const std::string &path)
+{
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) return void(Say(path, ": ", strerror(errno)));
+    std::cout << path << (S_ISDIR(status.st_mode) ? "/ " : " ") << std::oct << (status.st_mode & 07777U) << std::dec;
+    const std::pair<int, char> letters[] = {
+        {FS_IMMUTABLE_FL, 'i'}, {FS_APPEND_FL, 'a'}, {FS_COMPR_FL, 'c'}, {FS_NODUMP_FL, 'd'}};
+    std::string flags = " +";
+    for (const auto &[flag, letter] : letters)
+        if ((disk::Flags(path) & flag) != 0) flags.push_back(letter);
+    std::cout << (flags.size() > 2 ? flags : "");
+    for (const char *name : {"com.corvane.vaultry.orig_perms_v1", "com.corvane.vaultry.info",
+                             "com.corvane.vaultry.origdisplayname", "com.corvane.vaultry.gen_options", "own"})
+        if (const auto value = disk::Attribute(path, name))
+            std::cout << ' ' << name + (strrchr(name, '.') ? strrchr(name, '.') - name + 1 : 0) << '=' << Shown(*value);
+    if (S_ISREG(status.st_mode) && status.st_size > 0) std::cout << " holds " << Shown(disk::Read(path));
+    std::cout << '\n';
+    if (!S_ISDIR(status.st_mode)) return;
+    for (const std::string &name : disk::List(path)) Show(path + "/" + name);
+}
+
+using Function = std::function<bool(const Words &, TQError **)>;
+
+const std::map<std::string, Function> kFunctions = {
+    {"show",
+     [](const Words &w, TQError **) {
+         for (const std::string &path : w.words) Show(path);
+         return true;
+     }},
+    // --- words
+    {"parts",
+     [](const Words &w, TQError **) {
+         const auto shown = [](const char *text) { return text ? text : "-"; };
+         char apart[1024], within[2048];
+         const char *const child = separate_path_parent_child(w[0], apart);
+         const char *const again = separate_path_parent_child(strcpy(within, w[0]), within);
+         if (!child != !again || (child && (strcmp(child, again) != 0 || strcmp(apart, within) != 0)))
+             Say("not the same in place");
+         Say("parent ", child ? apart : "-", " child ", shown(child));
+         char *const above = _CopyParentDirectoryPath(w[0]);
+         Say("above ", shown(above), " name ", shown(TQGetFileNameForPath(w[0])), " extension ",
+             shown(TQGetFileNameExtensionForPath(w[0])));
+         return free(above), true;
+     }},
+    {"validate-name", [](const Words &w, TQError **error) { return validateTQName(String(w[0]).get(), error); }},
+    {"generation-name",
+     [](const Words &w, TQError **error) {
+         char buffer[255];
+         const bool done = TQStringGetGenName(String(w[0]).get(), buffer, error);
+         return Say(TQValidateGenerationName(w[0]) ? "valid " : "invalid ", done ? buffer : "-") && done;
+     }},
+    {"absolute-path", // of a path, below another one, or of a URL
+     [](const Words &w, TQError **error) {
+         const DeferredScope scope;
+         TQURL *const base = w[1] ? tq_fileURLWithFileSystemRepresentation(w[1]) : nullptr;
+         const auto url = Ref<TQURL>::Adopt(
+             strchr(w[0], ':') ? TQURLCreateWithString(String(w[0]).get(), nullptr)
+                               : TQURLCreateWithFileSystemPathRelativeToBase(w[0], false, base));
+         char path[1024];
+         return TQURLGetAbsPath(url.get(), path, sizeof path, error) && Say(path);
+     }},
+    {"status", // what a status becomes as an error, and what that tells again
+     [](const Words &w, TQError **) {
+         const DeferredScope scope;
+         const int32_t status = std::stoi(w[0]);
+         OwnedError below, made;
+         *below.out() = _TQCreateError(kTQPOSIXErrorDomain, EIO, nullptr, nullptr);
+         if (_TQCreateErrorForStatus(made.out(), status, "why", below.get()) || !made.get()) return Say("none");
+         TQError *const other = _TQErrorForStatus(status, String("why").get(), below.get());
+         return Say(Description(TQErrorGetDomain(made.get())), ' ', TQErrorGetCode(made.get()), " -> ", made.status(),
+                    TQEqual(made.get(), other) ? " " : " differs ", made.description(), " ", made.underlying());
+     }},
+    {"errors", // the status of every error number, but for the many that have 101
+     [](const Words &, TQError **) {
+         const DeferredScope scope;
+         for (int number = -1; number < 140; ++number) {
+             OwnedError made;
+             const int32_t status = TQGetStatusForErrno(number);
+             const bool none = !_TQCreateErrorUseErrno(made.out(), number, "why");
+             const TQError *const other = _TQErrorForErrno(number, String("why").get());
+             if (!none || !TQEqual(made.get(), other) || made.underlying() != number ||
+                 Description(TQErrorGetUnderlying(other)) != strerror(number))
+                 Say(number, " makes a wrong error");
+             if (status != 101 || made.status() != 101) Say(strerrorname_np(number), ' ', status, ' ', made.status());
+         }
+         return true;
+     }},
+    // --- a path
+    {"make-directories",
+     [](const Words &w, TQError **) { return TQRecursiveMkdir(w[0], 0750) == 0 || !Say(strerrorname_np(errno)); }},
+    {"tell",
+     [](const Words &w, TQError **) {
+         TQVolumeStatus volume{};
+         return Say(w[0], _PathExists(w[0]) ? " exists" : "", _PathNotExists(w[0]) ? " is not there" : "",
+                    _IsDirectory(w[0], nullptr) ? " directory" : "", _HasAttribute(w[0], "own") ? " has own" : "",
+                    TQFSFilenameExtensionIsHidden(w[0]) ? " hides its extension" : "",
+                    _SafeStatFS(w[0], &volume) == 0 && volume.blockCount > 0 ? "" : " on no volume");
+     }},
+    {"hide-extension",
+     [](const Words &w, TQError **) { return TQFSSetFileNameExtensionHiding(w[0], !w.Say("not")), true; }},
+    {"birth-time", [](const Words &w, TQError **) { return _TransferBirthTime(w[0], w[1]); }},
+    {"copy-on-write", [](const Words &w, TQError **) { return _SetCopyOnWrite(w[0]) || !Say(strerrorname_np(errno)); }},
+    {"no-copy-on-write",
+     [](const Words &w, TQError **) { return _UnsetCopyOnWrite(w[0]) || !Say(strerrorname_np(errno)); }},
+    // --- a tree
+    {"remove-tree", [](const Words &w, TQError **error) { return _RemoveTree(w[0], 0, error); }},
+    {"remove-below", [](const Words &w, TQError **error) { return _RemoveSubTrees(w[0], 0, error); }},
+    {"tree-size",
+     [](const Words &w, TQError **error) {
+         const int64_t size = TQComputeTreeSize(w[0], error);
+         return size >= 0 && Say(size);
+     }},
+    // --- archiving; words behind the paths: move, readable, as-it-is
+    {"add",
+     [](const Words &w, TQError **error) {
+         return TQAddPathAsGeneration(w[0], w[1], !w.Say("move"), w.Say("readable"), !w.Say("as-it-is"), error);
+     }},
+    {"archive-item",
+     [](const Words &w, TQError **error) { return _ArchiveItem(w[0], nullptr, w.Say("readable"), error); }},
+    {"archive-tree",
+     [](const Words &w, TQError **error) {
+         uint64_t size = 2; // is added to
+         return TQArchiveTree(w[0], w.Say("readable"), &size, error) && Say(size - 2);
+     }},
+    {"copy-out",
+     [](const Words &w, TQError **error) {
+         uint16_t mode = 0xffff;
+         uint32_t flags = 0xffffffff;
+         const bool done = TQCopyOutGeneration(w[0], w[1], &mode, &flags, error);
+         std::cout << std::oct << "mode " << mode << " flags " << flags << std::dec << '\n';
+         return done;
+     }},
+    // --- what is known of a generation
+    {"set-attribute",
+     [](const Words &w, TQError **error) {
+         return _SetEAOnGeneration(w[0], w[1], w[2], w[2] ? strlen(w[2]) : 5, error);
+     }},
+    {"options", [](const Words &w, TQError **) { return Say(TQGetGenerationOptions(w[0])); }},
+    {"set-options", [](const Words &w,
+                       TQError **error) { return TQSetGenerationOptions(w[0], std::stoull(w[1], nullptr, 0), error); }},
+    {"name",
+     [](const Words &w, TQError **error) {
+         errno = EDOM; // what stands there when nothing fails below
+         return SayMade(TQCopyOriginalDisplayName(w[0], error));
+     }},
+    {"set-name",
+     [](const Words &w, TQError **error) {
+         return TQSetOriginalDisplayName(w[0], w[1] ? String(w[1]).get() : nullptr, error);
+     }},
+    {"info",
+     [](const Words &w, TQError **error) {
+         return SayMade(w[1] ? TQCopyInfoValue(w[0], String(w[1]).get(), error)
+                             : TQCopyMutableInfoDictionary(w[0], error));
+     }},
+    {"set-info",
+     [](const Words &w, TQError **error) {
+         const auto set = Ref<TQValue>::Adopt(TQSetCreateMutable()); // what no property list can hold
+         const auto text = w[2] ? String(w[2]) : Ref<TQString>();
+         return TQSetInfoValue(w[0], String(w[1]).get(), w.Say("(set)") ? set.get() : text.get(), error);
+     }},
+};
+
+std::vector<std::pair<int, std::string>> lines; // logged
+
+} // namespace
+
+int main(int count, char **arguments)
+{
+    Words words{{arguments + 1, arguments + count}};
+    const bool verbose = words.Say("-v");
+    std::erase(words.words, "-v");
+    const auto function = kFunctions.find(words.words.empty() ? "" : words.words.front());
+    if (function == kFunctions.end()) return Say("probe: no such function"), 2;
+    words.words.erase(words.words.begin());
+    (void)tq_log_set_level(7);
+    platform::SetLogSink([](int level, const char *line) {
+        const std::string text = strchr(line, ' ') + 1; // behind the place in the source
+        lines.emplace_back(level, text.substr(0, text.rfind(" (on ")));
+    });
+
+    OwnedError error;
+    const bool done = function->second(words, error.out());
+    const std::string reason = done || !error.get() ? "" : error.description();
+    int level = 0;
+    for (const auto &[at, text] : lines)
+        if (!reason.empty() && (reason.starts_with(text) || text.starts_with(reason)))
+            level = at;
+        else if (at < 7 || verbose)
+            Say("logged ", at, ": ", text);
+    if (done || !error.get()) return done ? 0 : 1;
+    const int below = static_cast<int>(error.underlying());
+    const std::string suffix = "; error " + std::to_string(below) + " (" + strerror(below) + ")";
+    Say(level == 7   ? "refused "
+        : level == 0 ? "unlogged "
+                     : "error ",
+        error.status(), below ? " " : "", below ? strerrorname_np(below) : "", ": ",
+        below && reason.ends_with(suffix) ? reason.substr(0, reason.size() - suffix.size()) : reason);
+    return 1;
+}
