@@ -116,7 +116,7 @@ bool Restore::KeepBackup()
 // The document is not touched before what replaces it is on disk.
 bool Restore::FlushCopy()
 {
-    return stagedFlush.Flush(stagedPath, error);
+    return stagedFlush.Flush(stagedPath, stagedMode, error);
 }
 
 // An empty item beside the document, under a name that is nobody else's, which the document then replaces. In the
@@ -219,7 +219,8 @@ bool Restore::GiveDocumentsRights()
 // What is restored is on disk under its name before what it replaces is deleted.
 bool Restore::FlushRestored()
 {
-    if ((!copiedAcross || restoredFlush.Flush(restoredPath, error)) && _FlushEntry(restoredPath, error)) return true;
+    if ((!copiedAcross || restoredFlush.Flush(restoredPath, stagedMode, error)) && _FlushEntry(restoredPath, error))
+        return true;
     return DiscardRestored();
 }
 
@@ -270,7 +271,8 @@ static bool CopyToItsPath(TQLibrary *library, const TQString *name, const TQURL 
     const TrimmedPath path(tq_fileSystemRepresentation(document));
     const auto flush = TreeFlush::At(path.c_str());
     if (!TQLibraryCopyGeneration(library, name, document, error)) return false;
-    if (flush.Flush(path.c_str(), error) && _FlushEntry(path.c_str(), error)) return true;
+    const uint32_t mode = _IsDirectory(path.c_str(), /*status=*/nullptr) ? S_IFDIR : S_IFREG;
+    if (flush.Flush(path.c_str(), mode, error) && _FlushEntry(path.c_str(), error)) return true;
     (void)_RemoveTree(path.c_str(), 0, nullptr);
     return false;
 }

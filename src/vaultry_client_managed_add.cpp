@@ -101,7 +101,7 @@ Installed InstallStaged(const char *root, const char *staged, const char *genera
                         const TreeFlush &flush, TQError **error)
 {
     TQFileStatus status;
-    if (!MakeStagedMovable(staged, &status, error) || !flush.Flush(staged, error)) return Installed::No;
+    if (!MakeStagedMovable(staged, &status, error) || !flush.Flush(staged, status.mode, error)) return Installed::No;
     if (!_UnprotectGenerationStore(root, error)) return Installed::No;
     const ScopeExit protect([root] { _ProtectGenerationStore(root); });
 

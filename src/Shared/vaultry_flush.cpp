@@ -1,6 +1,5 @@
 #include "Shared/vaultry_flush.h"
 
-#include "Platform/FileStatus.h"
 #include "Platform/Flush.h"
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_internal_failure.h"
@@ -10,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -87,10 +87,8 @@ TreeFlush TreeFlush::At(const char *path)
     return Within(Parent(path).path);
 }
 
-bool TreeFlush::Flush(const char *path, TQError **error) const
+bool TreeFlush::Flush(const char *path, uint32_t mode, TQError **error) const
 {
-    TQFileStatus status;
-    if (platform::GetStatus(Item::AtPath(path), Links::NoFollow, &status) != 0) return Report(-1, path, error);
-    if (!S_ISDIR(status.mode)) return _FlushItem(path, error);
+    if (!S_ISDIR(mode)) return _FlushItem(path, error);
     return Report(volume_ ? platform::FlushVolumeOfFd(volume_.get()) : FlushVolume(path), path, error);
 }

@@ -8,6 +8,8 @@
 
 #include <vaultry/error.h>
 
+#include <cstdint>
+
 // The content and attributes of one item, or the entries of a directory. A link is flushed itself, not its target.
 bool _FlushItem(const char *path, TQError **error);
 
@@ -18,7 +20,7 @@ bool _FlushEntry(const char *path, TQError **error);
 //
 //     const auto flush = TreeFlush::Within(directory);   // before the first byte is written
 //     ...
-//     if (!flush.Flush(tree, error)) return false;
+//     if (!flush.Flush(tree, mode, error)) return false;
 //
 // Opened first, it hears of every write that fails in the meantime, also of one that the kernel has tried already.
 class TreeFlush {
@@ -29,8 +31,8 @@ public:
     static TreeFlush Within(const char *directory);
     static TreeFlush At(const char *path);
 
-    // Just the item, if it is no directory.
-    bool Flush(const char *path, TQError **error) const;
+    // `mode` is the item's: one that is no directory is flushed alone.
+    bool Flush(const char *path, uint32_t mode, TQError **error) const;
 
 private:
     UniqueFd volume_;
