@@ -471,4 +471,9 @@ TEST_F(VaultryCommand, ShowsAndSetsWhatIsKnownOfAGeneration)
     EXPECT_THAT(Run({"check", store}).out, HasSubstr("kept: The item may be written to."));
     EXPECT_THAT(Run({"check", "--repair", "--json"}).out, HasSubstr("\"kind\":\"unprotected\",\"meaning\":\"The item"));
     EXPECT_EQ(Run({"check"}).exitCode, 0);
+
+    ASSERT_EQ(chmod((store + "/kept").c_str(), 0644), 0);
+    disk::SetAttribute(store + "/kept", "com.corvane.vaultry.info", "x");
+    const Result listed = Run({"list"});
+    EXPECT_TRUE(listed.exitCode == 1 && listed.out.find("kelp") != std::string::npos) << "hidden by a damaged one";
 }

@@ -8,12 +8,18 @@
 #include "text.h"
 
 #include <vaultry/archive.h>
+#include <vaultry/number.h>
+#include <vaultry/url.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <tuple>
 
-// The bit by which info queries tell the two groups of clients apart.
+// The two groups of clients, which info queries tell apart by a bit of the options word.
 static constexpr uint64_t kSecondClientBit = 0x4;
+static constexpr char kFirstClient[] = "draftline";
+static constexpr char kSecondClient[] = "nimbusync";
+static const std::string kGroupPrefix = "com.corvane.";
 
 struct Entry {
     std::string name;
@@ -34,8 +40,23 @@ public:
     bool Admits(uint64_t options) const
     {
         const bool second = (options & kSecondClientBit) != 0;
-        return (!client_ || second == (*client_ == "nimbusync")) && (with_ == 0 || (options & with_) != 0) &&
+        return (!client_ || second == (*client_ == kSecondClient)) && (with_ == 0 || (options & with_) != 0) &&
                (options & without_) == 0;
+    }
+
+    // The same for a query over all generations.
+    Owned<TQDictionary> ToSpec() const
+    {
+        Owned<TQDictionary> spec(TQDictionaryCreateMutable());
+        const std::pair<const char *, uint64_t> words[] = {{"withOptions", with_}, {"withoutOptions", without_}};
+        for (const auto &[key, word] : words)
+            TQDictionarySetValue(spec.get(), MakeString(key).get(),
+                                 Owned<TQNumber>(TQNumberCreateInt64(static_cast<int64_t>(word))).get());
+        if (!client_) return spec;
+        const Owned<TQString> group = MakeString(kGroupPrefix + *client_);
+        TQValue *groups[] = {group.get()};
+        TQDictionarySetValue(spec.get(), MakeString("clients").get(), Owned<TQArray>(TQArrayCreate(groups, 1)).get());
+        return spec;
     }
 
 private:
@@ -54,8 +75,36 @@ private:
     const uint64_t with_, without_;
 };
 
-// Reads one generation; none if it went meanwhile or is not one of those looked for. One at a time, so that a
-// damaged one does not hide the others.
+static const TQValue *_Lookup(const TQDictionary *dictionary, const std::string &key)
+{
+    return TQDictionaryGetValue(dictionary, MakeString(key).get());
+}
+
+static Entry _ToEntry(const TQDictionary *record)
+{
+    const char *path = TQURLGetPath(static_cast<const TQURL *>(_Lookup(record, "URL")));
+    return {ToText(static_cast<const TQString *>(_Lookup(record, "name"))),
+            ToGenerationInfo(static_cast<const TQDictionary *>(_Lookup(record, "info"))),
+            static_cast<uint64_t>(TQNumberGetInt64(_Lookup(record, "options"))),
+            ToText(static_cast<const TQString *>(_Lookup(record, "ODN"))), TQComputeTreeSize(path, nullptr)};
+}
+
+// Reads all that are looked for in one go. False if that can't be done, as for a single one that is damaged.
+static bool _ReadAll(const Store &store, const std::string &document, const Filter &filter, std::vector<Entry> &entries)
+{
+    const Owned<TQDictionary> groups(
+        TQClientManagedStorageCopyAllGenerationsInfos(store.handle(), filter.ToSpec().get(), nullptr));
+    for (const char *client : {kFirstClient, kSecondClient}) {
+        const auto *records = static_cast<const TQArray *>(_Lookup(groups.get(), kGroupPrefix + client));
+        for (size_t i = 0; i < TQArrayGetCount(records); ++i) {
+            Entry entry = _ToEntry(static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(records, i)));
+            if (document.empty() || entry.info.document == document) entries.push_back(std::move(entry));
+        }
+    }
+    return static_cast<bool>(groups);
+}
+
+// Reads one generation; none if it went meanwhile or is not one of those looked for.
 static std::optional<Entry> _ReadEntry(const Store &store, const std::string &name, const std::string &document,
                                        const Filter &filter)
 {
@@ -73,6 +122,22 @@ static std::optional<Entry> _ReadEntry(const Store &store, const std::string &na
         if (store.Lacks(name)) return std::nullopt;
         throw;
     }
+}
+
+// Says of each damaged one what is wrong with it, so that it does not hide the others.
+static int _ReadOneByOne(const Store &store, const std::string &document, const Filter &filter,
+                         std::vector<Entry> &entries)
+{
+    int exitCode = kExitSuccess;
+    for (const std::string &name : store.Names()) {
+        try {
+            if (auto entry = _ReadEntry(store, name, document, filter)) entries.push_back(std::move(*entry));
+        } catch (const CommandFailure &failure) {
+            Say(failure.what());
+            exitCode = failure.exitCode();
+        }
+    }
+    return exitCode;
 }
 
 static void _PrintJson(const std::vector<Entry> &entries)
@@ -124,16 +189,10 @@ int RunList(const Arguments &arguments)
     const std::string document = arguments.document.empty() ? "" : DocumentPath(arguments.document);
     std::vector<Entry> entries;
     int exitCode = kExitSuccess;
-    for (const std::string &name : store->Names()) {
-        try {
-            if (auto entry = _ReadEntry(*store, name, document, filter)) entries.push_back(std::move(*entry));
-        } catch (const CommandFailure &failure) {
-            Say(failure.what());
-            exitCode = failure.exitCode();
-        }
-    }
-    std::stable_sort(entries.begin(), entries.end(),
-                     [](const Entry &a, const Entry &b) { return a.info.time.value_or(0) < b.info.time.value_or(0); });
+    if (!_ReadAll(*store, document, filter, entries)) exitCode = _ReadOneByOne(*store, document, filter, entries);
+    std::sort(entries.begin(), entries.end(), [](const Entry &a, const Entry &b) {
+        return std::tuple(a.info.time.value_or(0), a.name) < std::tuple(b.info.time.value_or(0), b.name);
+    });
     if (arguments.json) {
         _PrintJson(entries);
         return exitCode;

@@ -112,14 +112,18 @@ GenerationInfo Store::InfoOf(const std::string &name) const
     if (!dictionary)
         throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get());
 
-    // Any client may have written these keys: a value of another kind counts as none.
+    return ToGenerationInfo(dictionary.get());
+}
+
+GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
+{
     GenerationInfo info;
-    const TQValue *document = TQDictionaryGetValue(dictionary.get(), MakeString(kDocumentKey).get());
+    const TQValue *document = TQDictionaryGetValue(dictionary, MakeString(kDocumentKey).get());
     if (TQGetTypeID(document) == TQDataGetTypeID()) {
         const auto *data = static_cast<const TQData *>(document);
         info.document.emplace(static_cast<const char *>(TQDataGetBytes(data)), TQDataGetLength(data));
     }
-    const TQValue *time = TQDictionaryGetValue(dictionary.get(), MakeString(kTimeKey).get());
+    const TQValue *time = TQDictionaryGetValue(dictionary, MakeString(kTimeKey).get());
     if (TQGetTypeID(time) == TQDateGetTypeID()) info.time = TQDateGetSeconds(static_cast<const TQDate *>(time));
     return info;
 }

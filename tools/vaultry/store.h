@@ -20,6 +20,9 @@ struct GenerationInfo {
     std::optional<double> time;          // seconds since 1970
 };
 
+// Any client may have written those keys: a value of another kind counts as none.
+GenerationInfo ToGenerationInfo(const TQDictionary *info);
+
 class Store {
 public:
     // Opens the store; makes it first where there is nothing or an empty directory.
