@@ -6,6 +6,7 @@
 #include "vaultry_client_managed.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/UniqueNames.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
@@ -63,6 +64,34 @@ bool MoveToStaging(const char *root, const char *generation, const char *staged,
     return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged);
 }
 
+bool RemoveByStaging(const char *root, const char *generation, TQError **error)
+{
+    PathBuffer staged;
+    if (!_GetUniqueStagingPath(root, staged, error)) return false;
+    // From here on the generation is gone for everybody; what can't be deleted is not reported.
+    const ScopeExit removeStaging([&] { (void)_RemoveStagingPath(root, staged.c_str(), nullptr); });
+    return MakeRemovable(generation, error) && MoveToStaging(root, generation, staged.c_str(), error);
+}
+
+// For a disk without room for one more directory, on which a removal is what its owner needs most. A file goes at once. A
+// tree still leaves the root by one rename; where even a name takes room it is deleted as it stands, and only
+// there a kill leaves part of it, to be removed again.
+bool RemoveWithoutRoom(const char *root, const char *generation, TQError **error)
+{
+    if (!MakeRemovable(generation, error) || !_UnprotectGenerationStore(root, error)) return false;
+    const ScopeExit protect([root] { _ProtectGenerationStore(root); });
+    PathBuffer staged;
+    if (_IsDirectory(generation, /*status=*/nullptr) && staged.Format("%s/%s/XXXXXXX", root, kStagingName)) {
+        if (platform::RenameToUnique(generation, staged.data()) == 0) {
+            (void)_RemoveStagingPath(root, staged.c_str(), nullptr);
+            return true;
+        }
+        if (errno != ENOSPC && errno != EDQUOT)
+            return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged.c_str());
+    }
+    return _RemoveTree(generation, 0, error);
+}
+
 bool RemoveOne(const char *root, TQValue *nameValue, TQError **error)
 {
     char name[kNameCapacity];
@@ -71,11 +100,12 @@ bool RemoveOne(const char *root, TQValue *nameValue, TQError **error)
         return false;
     if (_PathNotExists(generation.c_str())) return true;
 
-    PathBuffer staged;
-    if (!_GetUniqueStagingPath(root, staged, error)) return false;
-    // From here on the generation is gone for everybody; what can't be deleted is not reported.
-    const ScopeExit removeStaging([&] { (void)_RemoveStagingPath(root, staged.c_str(), nullptr); });
-    return MakeRemovable(generation.c_str(), error) && MoveToStaging(root, generation.c_str(), staged.c_str(), error);
+    Ref<TQError> why;
+    if (RemoveByStaging(root, generation.c_str(), why.out())) return true;
+    if (why && TQErrorGetStatus(why.get()) == kTQStatusNoSpace)
+        return RemoveWithoutRoom(root, generation.c_str(), error);
+    if (error) *error = why.Detach();
+    return false;
 }
 
 bool AppendName(TQArray *names, const char *entryName, TQError **error)

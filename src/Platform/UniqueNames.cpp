@@ -1,5 +1,6 @@
 #include "Platform/UniqueNames.h"
 
+#include "Platform/Rename.h"
 #include "Platform/ScopeExit.h"
 
 #include <cerrno>
@@ -77,6 +78,11 @@ template <class Make> static int _MakeUnique(char *pathTemplate, int suffixLengt
 int MakeUniqueDirectory(char *pathTemplate)
 {
     return _MakeUnique(pathTemplate, 0, [](const char *path) { return mkdir(path, 0700); });
+}
+
+int RenameToUnique(const char *from, char *pathTemplate)
+{
+    return _MakeUnique(pathTemplate, 0, [from](const char *path) { return RenameIntoNothing(from, path); });
 }
 
 int MakeUniqueFileAt(int directory, char *nameTemplate, int suffixLength)

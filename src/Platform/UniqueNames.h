@@ -16,4 +16,7 @@ int MakeUniqueDirectory(char *pathTemplate);
 int MakeUniqueFile(char *pathTemplate, int suffixLength);
 int MakeUniqueFileAt(int directory, char *nameTemplate, int suffixLength);
 
+// Moves an item to such a name. 0, or -1 with errno.
+int RenameToUnique(const char *from, char *pathTemplate);
+
 } // namespace platform
