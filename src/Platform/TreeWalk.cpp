@@ -38,8 +38,8 @@ struct TreeWalk::State {
     size_t rootParentPathLength = 0;
     size_t rootPathLength = 0;
     DirectoryStack directories;
-    std::vector<Level> levels; // one for each in `directories`
-    char path[PATH_MAX];       // of `entry`
+    std::vector<Level> levels;       // one for each in `directories`
+    char path[TreeWalk::kPathLimit]; // of `entry`
 
     const Entry *Root();
     const Entry *Enter();

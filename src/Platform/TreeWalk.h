@@ -15,10 +15,15 @@
 
 #include <vaultry/file_status.h>
 
+#include <climits>
 #include <memory>
 
 class TreeWalk {
 public:
+    // One name more than the kernel takes in a path, since the walk gives it none: a tree that was made within the kernel's
+    // limit and then renamed, as a generation is, can still be read and removed whole.
+    static constexpr size_t kPathLimit = PATH_MAX + NAME_MAX + 1;
+
     enum class Kind {
         Directory,     // before its contents
         DirectoryDone, // after its contents
@@ -27,14 +32,14 @@ public:
         Link,          // symbolic
         Other,         // FIFO, socket, device
         NoStatus,      // statx failed
-        Error,         // the walk itself failed here (memory, a path over 4,095 bytes, a swapped directory)
+        Error,         // the walk itself failed here (memory, a path beyond the limit, a swapped directory)
     };
 
     enum class Volumes { One, All };
 
     struct Entry {
         Kind kind;
-        // Valid until the next call of Next. Where a path would pass 4,095 bytes (an Error with ENAMETOOLONG), `path`
+        // Valid until the next call of Next. Where a path would reach the limit (an Error with ENAMETOOLONG), `path`
         // is that of the directory. Where the walk lost the directory above (an Error, ESTALE), `directory` is -1.
         Item item;
         bool hasStatus;

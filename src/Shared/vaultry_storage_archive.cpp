@@ -10,6 +10,7 @@
 #include "Shared/vaultry_internal_failure.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -97,6 +98,14 @@ bool ArchiveEntry(const TreeWalk::Entry &entry, bool makeReadable, uint64_t *tot
     return _ArchiveItemAt(entry.item, /*fd=*/-1, entry.status, makeReadable, error);
 }
 
+// A copy is made within the kernel's limit for paths; what is moved has to keep it, too, so that it can be copied out.
+bool IsWithinReach(const TreeWalk::Entry &entry, TQError **error)
+{
+    if (strlen(entry.item.path) < PATH_MAX) return true;
+    errno = ENAMETOOLONG;
+    return Failure(error).Errno("fts_read() failed for path '%s'\n", entry.item.path);
+}
+
 void LeaveAsItIs(const TreeWalk::Entry &) {}
 
 void PutBackModeAndFlags(const TreeWalk::Entry &entry)
@@ -116,7 +125,7 @@ bool ArchiveTree(const char *path, bool makeReadable, uint64_t *totalSize, void 
     const char *root = path ? path : "";
     if (!walk.Open(root)) return Failure(error).Errno("fts_open(\"%s\") failed", root);
     while (const TreeWalk::Entry *entry = walk.Next()) {
-        if (ArchiveEntry(*entry, makeReadable, totalSize, error)) continue;
+        if (IsWithinReach(*entry, error) && ArchiveEntry(*entry, makeReadable, totalSize, error)) continue;
         failedAt(*entry);
         return false;
     }

@@ -165,15 +165,15 @@ TEST_P(WalksOfVolumes, FindTheirPlaceByName)
 TEST_P(WalksOfVolumes, SayWhereAPathIsTooLong)
 {
     const std::string deep = disk::MakeDirectory(directory() / "deep");
-    MakeDeep(deep, 2040);
+    MakeDeep(deep, 2180);
     int tooLong = 0, done = 0;
     Walk(deep, [&](const TreeWalk::Entry &entry) {
-        EXPECT_LT(strlen(entry.item.path), 4096U);
+        EXPECT_LT(strlen(entry.item.path), TreeWalk::kPathLimit);
         tooLong += entry.kind == Kind::Error && entry.error == ENAMETOOLONG;
         done += entry.kind == Kind::DirectoryDone;
     });
     EXPECT_EQ(tooLong, 3) << "the three entries of the last directory that fits";
-    EXPECT_EQ(done, (4095 - static_cast<int>(deep.size())) / 2 + 1);
+    EXPECT_EQ(done, (static_cast<int>(TreeWalk::kPathLimit - 1 - deep.size())) / 2 + 1);
     EXPECT_TRUE(Shell(deep, "rm -rf d"));
 }
 
