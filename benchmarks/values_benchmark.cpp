@@ -1,4 +1,7 @@
-// What needs no disk: names, error objects, property lists.
+// What needs no disk: names, formatted strings, failures and the log, property lists.
+
+#include "Shared/tq_log.h"
+#include "Shared/vaultry_internal_failure.h"
 
 #include <vaultry/collections.h>
 #include <vaultry/data.h>
@@ -36,6 +39,32 @@ void MakeErrorObject(benchmark::State &state)
 }
 BENCHMARK(MakeErrorObject);
 
+// What a refusal costs beyond its error object: the message, and a line of the log that the threshold holds back.
+void RefuseWithoutLogging(benchmark::State &state)
+{
+    for ([[maybe_unused]] auto _ : state) {
+        TQError *error = nullptr;
+        (void)Failure(&error).Refused(kTQStatusExists, "path \"%s\" already exists", "/home/ann/store/Report.txt");
+        TQRelease(error);
+    }
+}
+BENCHMARK(RefuseWithoutLogging);
+
+void LogWhatIsSuppressed(benchmark::State &state)
+{
+    for ([[maybe_unused]] auto _ : state) Log(kLogDebug).Line("failed to open \"%s\"", "/home/ann/Report.txt");
+}
+BENCHMARK(LogWhatIsSuppressed);
+
+void FormatString(benchmark::State &state)
+{
+    TQString *name = TQStringCreate("Report.txt");
+    for ([[maybe_unused]] auto _ : state)
+        TQRelease(TQStringCreateWithFormat("%@: %s, generation %d", name, "kept", 12345));
+    TQRelease(name);
+}
+BENCHMARK(FormatString);
+
 // An info dictionary with `count` entries of every kind that one usually holds.
 TQDictionary *MakeInfo(int64_t count)
 {
@@ -52,13 +81,25 @@ TQDictionary *MakeInfo(int64_t count)
     return info;
 }
 
+// In entries, of which 25 come to about a KiB.
+void FromOneKiBToOneMiB(benchmark::internal::Benchmark *family)
+{
+    for (const int64_t kibibytes : {1, 32, 1024}) family->Arg(25 * kibibytes);
+}
+
 void WritePropertyList(benchmark::State &state)
 {
     TQDictionary *info = MakeInfo(state.range(0));
-    for ([[maybe_unused]] auto _ : state) TQRelease(TQPropertyListCreateData(info, nullptr));
+    size_t size = 0;
+    for ([[maybe_unused]] auto _ : state) {
+        TQData *data = TQPropertyListCreateData(info, nullptr);
+        size = TQDataGetLength(data);
+        TQRelease(data);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(size));
     TQRelease(info);
 }
-BENCHMARK(WritePropertyList)->Arg(4)->Arg(64);
+BENCHMARK(WritePropertyList)->Apply(FromOneKiBToOneMiB);
 
 void ReadPropertyList(benchmark::State &state)
 {
@@ -66,9 +107,10 @@ void ReadPropertyList(benchmark::State &state)
     TQData *data = TQPropertyListCreateData(info, nullptr);
     for ([[maybe_unused]] auto _ : state)
         TQRelease(TQPropertyListCreateWithData(data, /*mutableContainers=*/false, nullptr));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(TQDataGetLength(data)));
     TQRelease(data);
     TQRelease(info);
 }
-BENCHMARK(ReadPropertyList)->Arg(4)->Arg(64);
+BENCHMARK(ReadPropertyList)->Apply(FromOneKiBToOneMiB);
 
 } // namespace
