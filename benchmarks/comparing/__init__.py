@@ -1,0 +1,1 @@
+"""What benchmarks/compare is made of."""

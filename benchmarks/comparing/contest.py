@@ -1,0 +1,116 @@
+"""The rows of the comparison, and how one is measured: everybody in turns, or call by call."""
+import contextlib
+import dataclasses
+import statistics
+
+from . import jobs, places, ways
+
+
+@dataclasses.dataclass
+class Row:
+    """One job against its goals. `counted` are two sizes: what lies between them tells what one more item costs."""
+
+    key: str
+    title: str
+    job: type
+    size: object
+    counted: tuple
+    item: str = "item"
+    calls: float = None
+    wall: float = None  # a ratio
+    excess: float = None  # or milliseconds more
+    kinds: tuple = ("ext4",)
+
+
+TREE = (400, 800)
+PACKAGE = (200, 2 << 20)
+SMALL_PACKAGES = ((40, 64 << 10), (80, 64 << 10))
+ROWS = [
+    Row("add-tree", "add 10,000 files of 4 KiB", jobs.Add, 10000, TREE, calls=15, wall=1.0),
+    Row("add-package", "add a package, 200 files to 2 MiB", jobs.AddPackage, PACKAGE, SMALL_PACKAGES, calls=24,
+        wall=1.0),
+    Row("add-file", "add a file of 1 GiB", jobs.AddFile, 1024, (16, 32), item="MiB", calls=0, wall=1.02),
+    Row("add-clone", "add a file of 1 GiB by clone", jobs.AddFile, 1024, (16, 32), item="MiB", calls=0, excess=2,
+        kinds=("xfs", "btrfs")),
+    Row("add-move", "add the 10,000 by moving", jobs.AddByMoving, 10000, TREE, calls=6.5),
+    Row("copy-tree", "copy out the 10,000", jobs.CopyOut, 10000, TREE, calls=20, wall=1.15),
+    Row("copy-package", "copy out the package", jobs.CopyOutPackage, PACKAGE, SMALL_PACKAGES, calls=30, wall=1.15),
+    Row("restore-tree", "restore the 10,000 in place", jobs.Restore, 10000, TREE, calls=23, wall=1.15),
+    Row("remove-tree", "remove the 10,000", jobs.Remove, 10000, TREE, calls=2.2, wall=1.2),
+    Row("remove-half", "remove 5,000 of 10,000 generations", jobs.RemoveHalf, 10000, TREE, item="generation"),
+    Row("query", "query 10,000 generations, every field", jobs.Query, 10000, TREE, item="record", calls=5, wall=2.0),
+    Row("list", "list --json of 10,000 generations", jobs.List, 10000, TREE, item="record"),
+    Row("keep", "keep 20 KiB, in process, on disk", jobs.Keep, 20, (20, 40), item="add", calls=60, wall=1.3),
+    Row("keep-many", "the same among 100,000 generations", jobs.KeepAmongMany, 100000, TREE, item="generation there",
+        calls=0, wall=1.1),
+    Row("ask-many", "query by name among 100,000", jobs.AskAmongMany, 100000, TREE, item="generation there",
+        calls=0, wall=1.1),
+]
+GROWTH = [
+    ("files of 4 KiB in a document, added", jobs.Add, (1, 10, 100, 1000, 10000)),
+    ("MiB in a file, added", jobs.AddFile, (1, 4, 16, 64, 256, 1024)),
+    ("attributes on each of 1,000 files, added", jobs.AddAttributed, (0, 1, 3, 10)),
+    ("generations in the store, all queried", jobs.Query, (10, 100, 1000, 10000, 100000)),
+    ("generations in the store, 20 KiB kept", jobs.KeepAmongMany, (10, 100, 1000, 10000, 100000)),
+]
+
+
+@contextlib.contextmanager
+def opened(job, tools, place, size):
+    with places.directory(place) as home:
+        yield job(tools, home, size)
+
+
+def take_turns(job, rounds):
+    """Samples of every way, in turns, the order changed each round; slow peers sit out after the third."""
+    samples = {name: {"wall": [], "cpu": []} for name in job.ways()}
+    for name, way in job.ways().items():
+        # Not timed: it brings programs, libraries and directories into the cache.
+        samples[name]["peak"] = ways.peak_memory(way())
+        job.undo()
+    for number in range(rounds):
+        names = [name for name in samples if number < 3 or name not in job.peers]
+        for name in names if number % 2 == 0 else reversed(names):
+            steps = job.ways()[name]()
+            places.sync_file_system(job.home)
+            wall, cpu = ways.measure(steps, job.inside)
+            samples[name]["wall"].append(wall)
+            samples[name]["cpu"].append(cpu)
+            job.undo()
+    return samples
+
+
+def calls_of_one_more(row, tools, place, name):
+    """What one more item costs, by system call: two sizes apart, so that starting up and an empty job cancel out."""
+    totals = []
+    for size in row.counted:
+        with opened(row.job, tools, place, size) as job:
+            totals.append((ways.count_calls(job.ways()[name]()), job.items))
+    (few, fewer_items), (many, more_items) = totals
+    return {call: (many[call] - few[call]) / (more_items - fewer_items) for call in many | few}
+
+
+def measure(row, tools, place, options):
+    """One row of the table on one file system."""
+    with opened(row.job, tools, place, row.size) as job:
+        samples = take_turns(job, options.rounds * 3 if job.inside else options.rounds)
+        by_hand = job.by_hand
+    for name in () if options.no_calls else samples:
+        samples[name]["calls"] = sum(calls_of_one_more(row, tools, place, name).values())
+    return {"by hand": by_hand, "ways": samples}
+
+
+def grow(tools, place, rounds):
+    """How long vaultry takes for more and more of what a job is made of: {what: {number: seconds}}."""
+    series = {}
+    for what, job, sizes in GROWTH:
+        for size in sizes:
+            with opened(job, tools, place, size) as one:
+                walls = []
+                for _ in range(rounds):
+                    steps = one.ours()
+                    places.sync_file_system(place)
+                    walls.append(ways.measure(steps, one.inside)[0])
+                    one.undo()
+            series.setdefault(what, {})[str(size)] = statistics.median(walls)
+    return series
