@@ -90,6 +90,13 @@ const std::map<std::string, Function> kFunctions = {
          for (const std::string &path : w.words) Show(path);
          return true;
      }},
+    {"make-package", [](const Words &w, TQError **) { return !disk::MakePackage(w[0]).empty(); }},
+    {"same", // in everything, or what is named: contents
+     [](const Words &w, TQError **) {
+         const unsigned what = w.Say("contents") ? Snapshot::kContents : Snapshot::kWhole;
+         const auto same = Same(Snapshot::Of(w[0], what), Snapshot::Of(w[1], what));
+         return Say(same ? "the same" : same.message());
+     }},
     // --- words
     {"parts",
      [](const Words &w, TQError **) {

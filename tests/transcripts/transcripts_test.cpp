@@ -2,12 +2,13 @@
 //
 //     == A title                    a fresh directory and a fresh shell, with vaultry and probe at hand
 //     $ command                     goes on in the next line behind "> "
-//     answer                        both of its streams, the directory's name as "$", a time as "TIME"
+//     answer                        both of its streams, the directory's name as "$", a time of this century as "TIME"
 //     [1]                           its exit status, unless it is 0
 //
 // Empty lines and those behind "#" are for the reader. "[root]" before a line, or behind "==", is a condition of that
 // line, command or section, "[!root]" its contrary: root, user and capable tell who plays; flags, whether it may set
-// a file immutable; compression, whether files can be compressed here; mount, whether something can be mounted.
+// a file immutable; compression, whether files can be compressed here; mount, whether something can be mounted;
+// inode, whether all attributes of an item have to fit beside its inode.
 
 #include "support/Tests.h"
 #include "support/Volumes.h"
@@ -20,6 +21,7 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 
 namespace {
 
@@ -40,7 +42,7 @@ using Conditions = std::set<std::string>;
 // Whether a line is for us; takes the condition from its front.
 bool IsMet(const Conditions &met, std::string &line)
 {
-    static const std::regex condition(R"(^\[(!?)(root|user|capable|flags|compression|mount)\] (.*)$)");
+    static const std::regex condition(R"(^\[(!?)(root|user|capable|flags|compression|mount|inode)\] (.*)$)");
     std::smatch parts;
     if (!std::regex_match(line, parts, condition)) return true;
     const bool wanted = parts[1].length() == 0, found = met.count(parts[2]) != 0;
@@ -101,13 +103,14 @@ std::vector<std::string> Play(const std::vector<Step> &steps, const std::string 
         setenv("PATH", (VAULTRY_COMMANDS ":" + std::string(getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
         setenv("HOME", directory.c_str(), 1);
         setenv("LC_ALL", "C.UTF-8", 1);
+        setenv("TZ", "UTC", 1);
         execl("/bin/sh", "sh", file.c_str(), nullptr);
         _exit(127);
     }
     waitpid(shell, nullptr, 0);
     std::vector<std::string> answers;
     std::istringstream said(disk::Read(apart / "said"));
-    static const std::regex emptyLines("\n\n+"), time("20[0-9]{2}-[0-9]{2}-[0-9]{2}T[0-9]{2}[.][0-9]{2}[.][0-9]{2}Z");
+    static const std::regex emptyLines("\n\n+"), time("20[0-9-]{8}[T ][0-9:-]{8}([.][0-9]+)?Z?");
     for (std::string answer; std::getline(said, answer, kEnd);) {
         if (!answer.empty() && answer.back() != '\n') answer += '\n';
         answers.push_back(
@@ -142,6 +145,8 @@ TEST_P(Transcripts, Hold)
         const TempDirectory probe;
         if (probe.CanSetImmutable()) met.insert("flags");
         if (disk::SetFlags(disk::Write(probe / "file", ""), FS_COMPR_FL)) met.insert("compression");
+        const std::string large(5000, 'x');
+        if (setxattr(probe.path().c_str(), "user.large", large.data(), large.size(), 0) != 0) met.insert("inode");
         if (who == As::Root && !VolumeOfType("tmpfs").path.empty()) met.insert("mount");
     }
     for (const Section &section : ReadSections(file, met)) {
@@ -154,7 +159,7 @@ TEST_P(Transcripts, Hold)
                 << section.steps[i].answer << "but answers:\n"
                 << answers[i];
     }
-    for (const char *condition : {"flags", "compression", "mount"})
+    for (const char *condition : {"flags", "compression", "mount", "inode"})
         if (who == As::Root && met.count(condition) == 0) GTEST_SKIP() << "not played without: " << condition;
 }
 INSTANTIATE_TEST_SUITE_P(Of, Transcripts,
