@@ -22,7 +22,6 @@
 #include <vaultry/path.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
@@ -31,7 +30,6 @@
 namespace {
 
 constexpr char kPlaceholderSuffix[] = "-tmp.nosync.XXXXXX";
-constexpr char kCopySuffix[] = "-new.nosync.XXXXXX"; // as long, so that it fits where the placeholder did
 constexpr uint64_t kBackupOptions = 1;
 
 struct Restore {
@@ -52,6 +50,7 @@ struct Restore {
     bool backupAdded = false;
     bool movedAside = false;
     TreeFlush stagedFlush{};
+    TreeFlush restoredFlush{};
     bool copiedAcross = false; // from another volume
 
     bool NameRestored();
@@ -188,30 +187,12 @@ bool Restore::InstallCopy()
     return Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", stagedPath, restoredPath);
 }
 
-// In a directory beside the document first, so that nobody ever finds half of it at its path. This takes its time, for
-// which the document is at home.
 bool Restore::CopyAcrossVolumes()
 {
     copiedAcross = true;
-    if (rename(temporaryPath.c_str(), documentPath) != 0)
-        return Failure(error).Errno("Failed to rename temp path to old file (\"%s\" -> \"%s\")", temporaryPath.c_str(),
-                                    documentPath);
-    movedAside = false;
-
-    PathBuffer box;
-    (void)box.Format("%s%s", TrimmedPath(documentPath).c_str(), kCopySuffix);
-    if (platform::MakeUniqueDirectory(box.data()) != 0)
-        return Failure(error).Errno("mkdtemp(\"%s\") failed", box.c_str());
-    const ScopeExit removeBox([&] { (void)_RemoveTree(box.c_str(), 0, nullptr); });
-
-    char copy[PATH_MAX];
-    (void)snprintf(copy, sizeof copy, "%s/staged", box.c_str());
-    const auto flush = TreeFlush::At(copy);
-    if (platform::duplix(stagedPath, copy, /*callback=*/nullptr, /*context=*/nullptr) != 0)
+    restoredFlush = TreeFlush::At(restoredPath);
+    if (platform::duplix(stagedPath, restoredPath, /*callback=*/nullptr, /*context=*/nullptr) != 0)
         return Failure(error).Errno("duplix from \"%s\" to \"%s\" failed", stagedPath, restoredPath);
-    if (!flush.Flush(copy, stagedMode, error) || !MoveDocumentAside()) return false;
-    if (rename(copy, restoredPath) != 0)
-        return Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", copy, restoredPath);
     // To the document's own path, not to the restored one: clients know the birth time of a document whose
     // extension changed as that of a new file.
     (void)_TransferBirthTime(stagedPath, documentPath);
@@ -238,7 +219,8 @@ bool Restore::GiveDocumentsRights()
 // What is restored is on disk under its name before what it replaces is deleted.
 bool Restore::FlushRestored()
 {
-    if ((!copiedAcross || _FlushItem(restoredPath, error)) && _FlushEntry(restoredPath, error)) return true;
+    if ((!copiedAcross || restoredFlush.Flush(restoredPath, stagedMode, error)) && _FlushEntry(restoredPath, error))
+        return true;
     return DiscardRestored();
 }
 

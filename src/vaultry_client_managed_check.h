@@ -61,10 +61,6 @@ private:
     int error_;
 };
 
-// Whether somebody may still be working in a directory of an operation's own, on the item `staged` in it: something
-// changed there less than an hour ago.
-bool _IsInUse(const char *unique, const char *staged);
-
 // Its items, its attributes, and what restores of its document left beside that.
 void _CheckGeneration(const char *path, Findings &findings);
 void _CheckStagingArea(const char *stagingPath, Findings &findings);

@@ -12,7 +12,6 @@
 #include "Shared/vaultry_storage.h"
 
 #include <vaultry/data.h>
-#include <vaultry/filesystem.h>
 #include <vaultry/metadata.h>
 #include <vaultry/path.h>
 
@@ -28,7 +27,6 @@ using Kind = TreeWalk::Kind;
 constexpr mode_t kWriteBits = 0222;
 constexpr char kDocumentKey[] = "vaultry.document"; // absolute path, as data
 constexpr char kPlaceholderMark[] = "-tmp.nosync.";
-constexpr char kCopyMark[] = "-new.nosync.";
 constexpr size_t kPlaceholderUnique = 6;
 
 // Takes the write bits of an item, so that only the record of its permissions says what it had.
@@ -90,13 +88,13 @@ void CheckAttributes(const char *path, Findings &findings)
         findings.Add(path, "options-malformed", "The generation's options word has a wrong size, and reads as 0.");
 }
 
-// Whether `name` is `stem`, `mark`, six characters, and `extension`.
-bool IsUniqueBeside(const char *name, const char *mark, const char *stem, size_t stemLength, const char *extension)
+// Whether `name` is `stem`, the mark, six characters, and `extension`.
+bool IsPlaceholderName(const char *name, const char *stem, size_t stemLength, const char *extension)
 {
-    const size_t markLength = strlen(mark);
+    const size_t markLength = sizeof kPlaceholderMark - 1;
     const size_t length = strlen(name);
     return length == stemLength + markLength + kPlaceholderUnique + strlen(extension) &&
-           memcmp(name, stem, stemLength) == 0 && memcmp(name + stemLength, mark, markLength) == 0 &&
+           memcmp(name, stem, stemLength) == 0 && memcmp(name + stemLength, kPlaceholderMark, markLength) == 0 &&
            strcmp(name + length - strlen(extension), extension) == 0;
 }
 
@@ -133,19 +131,6 @@ void CheckPlaceholder(const char *placeholder, const char *document, Findings &f
     }
 }
 
-// What a restore from another volume was copying when it was interrupted; a young one may be under way.
-void CheckCopy(const char *box, Findings &findings)
-{
-    PathBuffer copy;
-    if (!_IsDirectory(box, /*status=*/nullptr) || !copy.Format("%s/staged", box)) return;
-    if (_IsInUse(box, copy.c_str()))
-        findings.Add(box, "copy-recent",
-                     "A restore made this copy less than an hour ago: it is under way, or was interrupted.");
-    else
-        findings.AddMendable(box, "copy-litter", "A restore that was interrupted left this unfinished copy; it may go.",
-                             [box] { return _RemoveTree(box, 0, nullptr); });
-}
-
 // The path of the document that a generation was made from, as a client recorded it.
 bool GetRecordedDocument(const TQDictionary *info, PathBuffer &document)
 {
@@ -175,15 +160,12 @@ void CheckPlaceholders(const TQDictionary *info, Findings &findings)
     Names names(directoryPath);
     while (const char *candidate = names.Next()) {
         // A directory's placeholder has no extension; its name is the whole name and the mark.
-        const bool isPlaceholder = IsUniqueBeside(candidate, kPlaceholderMark, name, stemLength, extension) ||
-                                   IsUniqueBeside(candidate, kPlaceholderMark, name, strlen(name), "");
-        if (!isPlaceholder && !IsUniqueBeside(candidate, kCopyMark, name, strlen(name), "")) continue;
-        PathBuffer path;
-        if (!path.Format("%s/%s", strcmp(directoryPath, "/") == 0 ? "" : directoryPath, candidate)) continue;
-        if (isPlaceholder)
-            CheckPlaceholder(path.c_str(), document.c_str(), findings);
-        else
-            CheckCopy(path.c_str(), findings);
+        if (!IsPlaceholderName(candidate, name, stemLength, extension) &&
+            !IsPlaceholderName(candidate, name, strlen(name), ""))
+            continue;
+        PathBuffer placeholder;
+        if (placeholder.Format("%s/%s", strcmp(directoryPath, "/") == 0 ? "" : directoryPath, candidate))
+            CheckPlaceholder(placeholder.c_str(), document.c_str(), findings);
     }
     const bool isGone = names.error() == ENOENT || names.error() == ENOTDIR; // the document's folder
     if (names.error() != 0 && !isGone)

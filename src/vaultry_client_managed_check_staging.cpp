@@ -25,8 +25,19 @@ namespace {
 
 constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
 constexpr size_t kUniqueLength = 7;
-constexpr int64_t kLitterAge = 3600; // seconds
 constexpr char kUniqueAlphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+constexpr int64_t kLitterAge = 3600; // seconds
+
+// The youngest of the times that tell when somebody worked here last.
+int64_t LastUse(const char *unique, const char *staged)
+{
+    TQFileStatus status;
+    int64_t last = INT64_MIN;
+    for (const char *path : {unique, staged})
+        if (platform::GetStatus(Item::AtPath(path), Links::NoFollow, &status) == 0)
+            last = std::max<int64_t>(last, status.changeTime.tv_sec);
+    return last;
+}
 
 // The document goes home, and the directory that held it goes with its note once that is on disk.
 bool GiveBack(const char *unique, const char *staged, const char *home)
@@ -63,7 +74,7 @@ void CheckUnique(const char *unique, Findings &findings)
                              [&] { return GiveBack(unique, staged.c_str(), home); });
         return;
     }
-    if (_IsInUse(unique, staged.c_str()))
+    if (LastUse(unique, staged.c_str()) > time(nullptr) - kLitterAge)
         findings.Add(unique, "staging-recent",
                      "Something was staged here less than an hour ago: a copy in use, or one that was interrupted.");
     else
@@ -72,16 +83,6 @@ void CheckUnique(const char *unique, Findings &findings)
 }
 
 } // namespace
-
-bool _IsInUse(const char *unique, const char *staged)
-{
-    TQFileStatus status;
-    int64_t last = INT64_MIN;
-    for (const char *path : {unique, staged})
-        if (platform::GetStatus(Item::AtPath(path), Links::NoFollow, &status) == 0)
-            last = std::max<int64_t>(last, status.changeTime.tv_sec);
-    return last > time(nullptr) - kLitterAge;
-}
 
 void _CheckStagingArea(const char *stagingPath, Findings &findings)
 {

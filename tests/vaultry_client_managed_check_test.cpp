@@ -109,9 +109,6 @@ TEST_P(StoreCheck, DamageIsNamedAndMendedWhereThatIsSafe)
         {"mkdir " + aside + "; touch " + aside + "/in; chmod 300 " + aside,
          {(isRoot ? "document-aside $/" : "placeholder-unreadable $/") + aside}},
         {"mv document " + aside, {"document-aside $/" + aside + " mended"}},
-        {"mkdir -p document-new.nosync.ABCDEF/staged", {"copy-recent $/document-new.nosync.ABCDEF"}},
-        {"mkdir -p document-new.nosync.ABCDEF/staged", {"copy-litter $/document-new.nosync.ABCDEF mended"}, 3700},
-        {"touch document-new.nosync.ABCDEF", {}},
         {"touch document-tmp.nosync.ABC adocument-tmp.nosync.ABCDEF", {}}, // names that no restore makes
     };
     for (const auto &row : rows) {

@@ -165,12 +165,12 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQCl
 ///
 /// Looked at: the root's protection, the lock file, the staging area and what killed operations left in it, every item of
 /// every generation (write-protected, with a well-formed record of its permissions; "._" files are exempt), the
-/// attributes of generations, and what killed restores left beside the documents that generations name in their info
+/// attributes of generations, and placeholders beside the documents that generations name in their info
 /// dictionaries under "vaultry.document".
 ///
 /// @param repair  Also mends what is safe to mend: protection is put back on the root and on items that carry the record of
-///                their permissions, a missing lock file or staging directory is made, what copying or removing left
-///                unfinished more than an hour ago is removed, and a document that a killed move left in staging, or
+///                their permissions, a missing lock file or staging directory is made, what copying or removing left in
+///                staging more than an hour ago is removed, and a document that a killed move left in staging, or
 ///                a killed restore under its placeholder name, is put back where it belongs if nothing is there.
 ///                Content is never touched, and nothing is deleted that the library did not make.
 /// @return an array that the caller owns, empty when all is well, of dictionaries: "path" (data: the bytes of the path),
