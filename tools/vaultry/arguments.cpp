@@ -102,8 +102,12 @@ Example:
   vaultry check --repair)";
 
 static constexpr char kCompletionFooter[] = R"(
-Example:
-  source <(vaultry completion bash)      in ~/.bashrc)";
+Commands, options, their values and the names of generations are completed.
+
+Examples:
+  source <(vaultry completion bash)      in ~/.bashrc
+  source <(vaultry completion zsh)       in ~/.zshrc, behind compinit
+  vaultry completion fish | source       in ~/.config/fish/config.fish)";
 
 static constexpr char kCopyFooter[] = R"(
 What is copied is an ordinary document again, with the permissions that it had.
@@ -272,6 +276,10 @@ std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)
     });
     _AddCommonOptions(&app, arguments);
     _DefineCommands(app, arguments);
+    if (argc > 1 && argv[1] == std::string_view(kCompleteWord)) {
+        PrintCandidates(app, std::vector<std::string>(argv + 2, argv + argc));
+        return kExitSuccess;
+    }
     try {
         app.parse(argc, argv);
         if (arguments.newName && arguments.documents.size() > 1)
@@ -281,6 +289,6 @@ std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)
         return app.exit(error) == 0 ? kExitSuccess : kExitUsage;
     }
     if (arguments.command != Command::Completion) return std::nullopt;
-    PrintCompletion(app, arguments.shell);
+    PrintCompletion(arguments.shell);
     return kExitSuccess;
 }

@@ -1,110 +1,156 @@
-// See completion.h.
+// What a shell offers. See completion.h.
 
 #include "completion.h"
+
+#include "failure.h"
+#include "location.h"
+#include "text.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
 
-struct Choice {
-    std::string words; // a subcommand, or the names of an option
-    std::string help;
+enum class Values { None, Generations, Files, GenerationsAndFiles, Directories };
+
+// By the names that the definition gives to options and arguments.
+static Values _ValuesOf(const std::string &name)
+{
+    static const std::map<std::string, Values> values = {
+        {"--store", Values::Directories},
+        {"STORE", Values::Directories},
+        {"DOCUMENT", Values::Files},
+        {"DESTINATION", Values::Files},
+        {"NAME", Values::Generations},
+        {"[NAME] DOCUMENT", Values::GenerationsAndFiles},
+        {"OTHER", Values::GenerationsAndFiles},
+    };
+    const auto found = values.find(name);
+    return found == values.end() ? Values::None : found->second;
+}
+
+// The words that alone are allowed; a type's name ends in them, "TEXT:{bash,zsh,fish}".
+static std::vector<std::string> _Choices(const CLI::Option &option)
+{
+    const std::string type = option.get_type_name();
+    const size_t open = type.find('{'), close = type.find('}');
+    if (open == type.npos || close == type.npos) return {};
+    return CLI::detail::split(type.substr(open + 1, close - open - 1), ',');
+}
+
+static bool _TakesValue(const CLI::Option &option)
+{
+    return option.get_items_expected_max() > 0;
+}
+
+// What the words before the cursor have come to.
+class Line {
+public:
+    explicit Line(const CLI::App &app) : command_(&app) {}
+
+    void Read(const std::string &word)
+    {
+        if (awaiting_) {
+            Take(*std::exchange(awaiting_, nullptr), word);
+        } else if (optionsMayCome_ && word == "--") {
+            optionsMayCome_ = false;
+        } else if (IsOption(word)) {
+            const size_t equals = word.find('=');
+            const CLI::Option *option = command_->get_option_no_throw(word.substr(0, equals));
+            if (!option || !_TakesValue(*option)) return;
+            if (equals == word.npos)
+                awaiting_ = option;
+            else
+                Take(*option, word.substr(equals + 1));
+        } else if (command_->get_parent()) {
+            ++arguments_;
+        } else {
+            for (const CLI::App *command : command_->get_subcommands({}))
+                if (command->check_name(word)) command_ = command;
+        }
+    }
+
+    void Complete(const std::string &word)
+    {
+        const size_t equals = word.find('=');
+        if (awaiting_) {
+            OfferValues(*awaiting_, "--" + awaiting_->get_lnames().front(), "", word);
+        } else if (IsOption(word) && equals != word.npos) {
+            const std::string name = word.substr(0, equals);
+            const CLI::Option *option = command_->get_option_no_throw(name);
+            if (option) OfferValues(*option, name, name + "=", word);
+        } else if (optionsMayCome_ && word.rfind('-', 0) == 0) {
+            for (const CLI::Option *option : command_->get_options())
+                for (const std::string &name : option->get_lnames())
+                    Offer("--" + name, word, option->get_description());
+        } else if (command_->get_parent()) {
+            if (const CLI::Option *argument = Argument()) OfferValues(*argument, argument->get_name(true), "", word);
+        } else {
+            for (const CLI::App *command : command_->get_subcommands({}))
+                Offer(command->get_name(), word, command->get_description());
+        }
+    }
+
+    void Print() const
+    {
+        puts(also_);
+        for (const std::string &candidate : candidates_) puts(candidate.c_str());
+    }
+
+private:
+    bool IsOption(const std::string &word) const { return optionsMayCome_ && word.size() > 1 && word[0] == '-'; }
+
+    void Take(const CLI::Option &option, const std::string &value)
+    {
+        if (option.check_name("--store")) store_ = value;
+    }
+
+    // The argument that comes next; null if there are no more.
+    const CLI::Option *Argument() const
+    {
+        int before = 0;
+        for (const CLI::Option *option : command_->get_options()) {
+            if (!option->get_positional()) continue;
+            before += option->get_items_expected_max();
+            if (arguments_ < before) return option;
+        }
+        return nullptr;
+    }
+
+    void OfferValues(const CLI::Option &option, const std::string &name, const std::string &prefix,
+                     const std::string &word)
+    {
+        const Values values = _ValuesOf(name);
+        if (values == Values::Files || values == Values::GenerationsAndFiles) also_ = "files";
+        if (values == Values::Directories) also_ = "directories";
+        for (const std::string &choice : _Choices(option)) Offer(prefix + choice, word);
+        // Without the store's lock, which may be held as long as somebody adds a big document.
+        if (values == Values::Generations || values == Values::GenerationsAndFiles)
+            for (const std::string &generation : PeekAtNames(LocateStore(store_))) Offer(prefix + generation, word);
+    }
+
+    // What could not be typed as it stands is left out.
+    void Offer(const std::string &candidate, const std::string &word, const std::string &meaning = "")
+    {
+        if (candidate.rfind(word, 0) != 0 || Printable(candidate) != candidate) return;
+        candidates_.push_back(candidate + (meaning.empty() ? "" : "\t" + meaning));
+    }
+
+    const CLI::App *command_;
+    const CLI::Option *awaiting_ = nullptr; // whose value comes next
+    int arguments_ = 0;                     // of the command, so far
+    bool optionsMayCome_ = true;
+    std::optional<std::string> store_;
+    const char *also_ = "words";
+    std::vector<std::string> candidates_;
 };
 
-static std::vector<Choice> _Subcommands(CLI::App &app)
+void PrintCandidates(const CLI::App &app, const std::vector<std::string> &words)
 {
-    std::vector<Choice> choices;
-    for (const CLI::App *command : app.get_subcommands({}))
-        choices.push_back({command->get_name(), command->get_description()});
-    return choices;
-}
-
-static std::vector<Choice> _Options(const CLI::App &app)
-{
-    std::vector<Choice> choices;
-    for (const CLI::Option *option : app.get_options())
-        for (const std::string &name : option->get_lnames())
-            if (!option->get_positional() || option->nonpositional())
-                choices.push_back({"--" + name, option->get_description()});
-    return choices;
-}
-
-static std::string _Words(const std::vector<Choice> &choices)
-{
-    std::string words;
-    for (const Choice &choice : choices) words += (words.empty() ? "" : " ") + choice.words;
-    return words;
-}
-
-// In single quotes of a shell.
-static std::string _Quoted(const std::string &text)
-{
-    std::string quoted = "'";
-    for (const char character : text) {
-        if (character == '\'')
-            quoted += "'\\''";
-        else
-            quoted += character;
+    Line line(app);
+    for (size_t i = 0; i + 1 < words.size(); ++i) line.Read(words[i]);
+    try {
+        line.Complete(words.empty() ? "" : words.back());
+    } catch (const CommandFailure &) { // no store that could be read, so no generations
     }
-    return quoted + "'";
-}
-
-static constexpr char kTakesGenerations[] = "show|copy|restore|diff|set|remove";
-
-static void _PrintBash(CLI::App &app)
-{
-    printf("_vaultry()\n{\n    local word=${COMP_WORDS[COMP_CWORD]} command='' options='' choices=''\n"
-           "    local i\n    for ((i = 1; i < COMP_CWORD; ++i)); do\n"
-           "        case ${COMP_WORDS[i]} in\n        --store) ((++i)) ;;\n        -*) ;;\n"
-           "        *) command=${COMP_WORDS[i]}; break ;;\n        esac\n    done\n"
-           "    case $command in\n    '') choices=%s; options=%s ;;\n",
-           _Quoted(_Words(_Subcommands(app))).c_str(), _Quoted(_Words(_Options(app))).c_str());
-    for (const CLI::App *command : app.get_subcommands({}))
-        printf("    %s) options=%s ;;\n", command->get_name().c_str(), _Quoted(_Words(_Options(*command))).c_str());
-    printf(
-        "    esac\n    local IFS=$'\\n'\n    case $command in\n    %s)\n"
-        "        choices=$(vaultry list --json 2>/dev/null | sed -n 's/^{\"name\":\"\\([^\"\\\\]*\\)\".*/\\1/p') ;;\n"
-        "    '') choices=${choices// /$'\\n'} ;;\n    esac\n"
-        "    if [[ $word == -* ]]; then choices=${options// /$'\\n'}; fi\n"
-        "    local reply\n    COMPREPLY=()\n"
-        "    while read -r reply; do COMPREPLY+=(\"$(printf %%q \"$reply\")\"); done "
-        "< <(compgen -W \"$choices\" -- \"$word\")\n"
-        "}\ncomplete -o default -F _vaultry vaultry\n",
-        kTakesGenerations);
-}
-
-static void _PrintZsh(CLI::App &app)
-{
-    printf("#compdef vaultry\n_vaultry()\n{\n    local -a commands\n    commands=(\n");
-    for (const Choice &choice : _Subcommands(app))
-        printf("        %s\n", _Quoted(choice.words + ":" + choice.help).c_str());
-    printf("    )\n    if (( CURRENT == 2 )); then _describe command commands; return; fi\n    case $words[2] in\n");
-    for (const CLI::App *command : app.get_subcommands({})) {
-        printf("    %s) _arguments", command->get_name().c_str());
-        for (const Choice &choice : _Options(*command))
-            printf(" \\\n        %s", _Quoted(choice.words + "[" + choice.help + "]").c_str());
-        printf(" \\\n        '*:file:_files' ;;\n");
-    }
-    printf("    esac\n}\nif [ \"$funcstack[1]\" = _vaultry ]; then _vaultry; else compdef _vaultry vaultry; fi\n");
-}
-
-static void _PrintFish(CLI::App &app)
-{
-    for (const Choice &choice : _Subcommands(app))
-        printf("complete -c vaultry -n __fish_use_subcommand -a %s -d %s\n", choice.words.c_str(),
-               _Quoted(choice.help).c_str());
-    for (const CLI::App *command : app.get_subcommands({}))
-        for (const Choice &choice : _Options(*command))
-            printf("complete -c vaultry -n '__fish_seen_subcommand_from %s' -l %s -d %s\n", command->get_name().c_str(),
-                   choice.words.c_str() + 2, _Quoted(choice.help).c_str());
-}
-
-void PrintCompletion(CLI::App &app, const std::string &shell)
-{
-    if (shell == "bash")
-        _PrintBash(app);
-    else if (shell == "zsh")
-        _PrintZsh(app);
-    else
-        _PrintFish(app);
+    line.Print();
 }

@@ -38,7 +38,7 @@ int RunDestroy(const Arguments &arguments)
         break;
     }
 
-    const uint64_t count = CountGenerations(path);
+    const size_t count = PeekAtNames(path).size();
     const std::string what =
         "the store " + Quoted(path) + " with " + std::to_string(count) + (count == 1 ? " generation" : " generations");
     if (!arguments.yes) {

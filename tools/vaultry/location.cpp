@@ -95,12 +95,12 @@ void MakePlace(const std::string &path)
         throw CommandFailure::Errno("can't make the directory " + Quoted(path) + " for the store", errno);
 }
 
-uint64_t CountGenerations(const std::string &path)
+std::set<std::string> PeekAtNames(const std::string &path)
 {
-    uint64_t count = 0;
+    std::set<std::string> names;
     _EachName(path, [&](std::string_view name) {
-        count += name.front() != '.';
+        if (name.front() != '.') names.emplace(name);
         return true;
     });
-    return count;
+    return names;
 }

@@ -2,8 +2,8 @@
 
 #pragma once
 
-#include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 
 // The absolute path of the store: what --store said, else $VAULTRY_STORE, else the user's data directory. With links
@@ -23,8 +23,8 @@ PlaceKind LookAtPlace(const std::string &path);
 // Makes the directory of a store, which nobody else may look into, and its parents.
 void MakePlace(const std::string &path);
 
-// How many generations a store directory holds, as far as its directory can be read.
-uint64_t CountGenerations(const std::string &path);
+// The names of the generations in a store's directory as they are at the moment, without the store's lock.
+std::set<std::string> PeekAtNames(const std::string &path);
 
 // The absolute path, without touching the last component.
 std::string AbsolutePath(const std::string &path);
