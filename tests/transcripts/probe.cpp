@@ -4,6 +4,7 @@
 // "error 104 ENOENT: …", or "refused 105: …" for what is logged as the caller's fault. What else is logged, quiet lines
 // only for `probe -v`, is said as "logged 3: …".
 
+#include "Platform/ScopeExit.h"
 #include "Platform/SystemLog.h"
 #include "Shared/vaultry_fs_wrappers.h"
 #include "Shared/vaultry_internal.h"
@@ -20,8 +21,19 @@
 #include <iostream>
 #include <linux/fs.h>
 #include <map>
+#include <set>
 #include <sstream>
 #include <sys/stat.h>
+#include <time.h>
+
+// The library's clock, set ahead by $AHEAD seconds: change times, which it is compared with, nobody can set.
+extern "C" time_t time(time_t *) noexcept
+{
+    const char *const ahead = getenv("AHEAD");
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec + (ahead ? atol(ahead) : 0);
+}
 
 namespace {
 
@@ -83,6 +95,57 @@ void Show(const std::string &path)
 }
 
 using Function = std::function<bool(const Words &, TQError **)>;
+
+// A function of a store that is opened first; its words begin behind the store's path.
+Function OnStore(bool (*function)(const TQClientManagedStorage *, const Words &, TQError **))
+{
+    return [function](const Words &w, TQError **error) {
+        TQClientManagedStorage *const store = TQClientManagedStorageCreate(w[0], error);
+        const ScopeExit free([&] { TQClientManagedStorageFree(store); });
+        return store && function(store, {{w.words.begin() + 1, w.words.end()}}, error);
+    };
+}
+
+// What a query tells: the record of one generation, or the client and the record of each, in order.
+bool SayRecords(const TQClientManagedStorage *store, const Words &w, TQError **error)
+{
+    const std::string bytes = disk::Read(w[0]);
+    const auto data = Ref<TQData>::Adopt(TQDataCreate(bytes.data(), bytes.size()));
+    const auto spec = Ref<TQValue>::Adopt(TQPropertyListCreateWithData(data.get(), false, nullptr));
+    const auto *asked = static_cast<const TQDictionary *>(spec.get());
+    if (w[1]) return SayMade(TQClientManagedStorageCopyGenerationInfos(store, String(w[1]).get(), asked, error));
+
+    const auto all = Ref<TQDictionary>::Adopt(TQClientManagedStorageCopyAllGenerationsInfos(store, asked, error));
+    std::set<std::string> records;
+    for (const char *client : {"draftline", "nimbusync"}) {
+        const auto group = String(std::string("com.corvane.") + client);
+        const auto *list = static_cast<const TQArray *>(TQDictionaryGetValue(all.get(), group.get()));
+        for (size_t i = 0; i < TQArrayGetCount(list); ++i)
+            records.insert(client + (" " + Description(TQArrayGetValueAtIndex(list, i))));
+        if (list && TQArrayGetCount(list) == 0) records.insert(client + std::string(" empty"));
+    }
+    for (const std::string &record : records) Say(record);
+    return static_cast<bool>(all);
+}
+
+// Each finding as "kind path", and "mended" behind if it was; in order.
+bool SayFindings(const Words &w, TQError **error)
+{
+    const auto list = Ref<TQArray>::Adopt(TQClientManagedStorageCopyFindings(w[0], w.Say("repair"), error));
+    std::set<std::string> findings;
+    for (size_t i = 0; i < TQArrayGetCount(list.get()); ++i) {
+        const auto *finding = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(list.get(), i));
+        const auto entry = [&](const char *key) { return TQDictionaryGetValue(finding, String(key).get()); };
+        const auto *path = static_cast<const TQData *>(entry("path"));
+        findings.insert(
+            Description(entry("kind")) + " " +
+            std::string(static_cast<const char *>(TQDataGetBytes(path)), TQDataGetLength(path)) +
+            (TQNumberGetTruth(entry("mended")) ? " mended" : "") +
+            (TQStringGetLength(static_cast<const TQString *>(entry("meaning"))) > 20 ? "" : " unexplained"));
+    }
+    for (const std::string &finding : findings) Say(finding);
+    return static_cast<bool>(list);
+}
 
 const std::map<std::string, Function> kFunctions = {
     {"show",
@@ -200,6 +263,37 @@ const std::map<std::string, Function> kFunctions = {
          std::cout << std::oct << "mode " << mode << " flags " << flags << std::dec << '\n';
          return done;
      }},
+    // --- a store
+    {"make-store", OnStore([](const TQClientManagedStorage *, const Words &, TQError **) { return true; })},
+    {"keep", // NAME DOCUMENT [OPTIONS] [move]
+     OnStore([](const TQClientManagedStorage *store, const Words &w, TQError **error) {
+         const uint64_t options = w[2] && !w.Say("move") ? std::stoull(w[2], nullptr, 0) : 0;
+         return TQClientManagedStorageAdd(store, w[0], w[1], options, error, !w.Say("move"));
+     })},
+    {"remove", // NAME...
+     OnStore([](const TQClientManagedStorage *store, const Words &w, TQError **error) {
+         return TQClientManagedStorageRemoveGenerations(store, Names(w.words).get(), error);
+     })},
+    {"list",
+     OnStore([](const TQClientManagedStorage *store, const Words &, TQError **error) {
+         const auto names = Ref<TQArray>::Adopt(TQClientManagedStorageCopyGenerationNames(store, error));
+         for (const std::string &name : Texts(names.get())) Say(name);
+         return static_cast<bool>(names);
+     })},
+    {"take-out", // NAME DESTINATION
+     OnStore([](const TQClientManagedStorage *store, const Words &w, TQError **error) {
+         return TQClientManagedStorageCopyGeneration(store, w[0], w[1], error);
+     })},
+    {"destroy", [](const Words &w, TQError **error) { return TQClientManagedStorageDestroy(w[0], error); }},
+    {"restore", // NAME DOCUMENT [BACKUP], by the library
+     [](const Words &w, TQError **error) {
+         const auto library =
+             Ref<TQLibrary>::Adopt(TQLibraryCreateClientManaged(nullptr, FileURL(w[0]).get(), error));
+         return library && TQLibraryRestoreGeneration(library.get(), String(w[1]).get(), FileURL(w[2]).get(),
+                                                      w[3] ? String(w[3]).get() : nullptr, error);
+     }},
+    {"findings", SayFindings}, // [repair]
+    {"query", OnStore(SayRecords)}, // SPEC, a property list's file, [NAME]
     // --- what is known of a generation
     {"set-attribute",
      [](const Words &w, TQError **error) {
@@ -221,6 +315,11 @@ const std::map<std::string, Function> kFunctions = {
      [](const Words &w, TQError **error) {
          return SayMade(w[1] ? TQCopyInfoValue(w[0], String(w[1]).get(), error)
                              : TQCopyMutableInfoDictionary(w[0], error));
+     }},
+    {"set-document", // what the command notes
+     [](const Words &w, TQError **error) {
+         const auto path = Ref<TQData>::Adopt(TQDataCreate(w[1], strlen(w[1])));
+         return TQSetInfoValue(w[0], String("vaultry.document").get(), path.get(), error);
      }},
     {"set-info",
      [](const Words &w, TQError **error) {

@@ -1,6 +1,7 @@
 // Plays the transcripts: what is typed at a shell, and what it answers.
 //
-//     == A title                    a fresh directory and a fresh shell, with vaultry and probe at hand
+//     == A title                    a fresh directory and a fresh shell, with vaultry and probe at hand; the commands
+//                                   before the first title begin every section
 //     $ command                     goes on in the next line behind "> "
 //     answer                        both of its streams, the directory's name as "$", a time of this century as "TIME"
 //     [1]                           its exit status, unless it is 0
@@ -52,15 +53,15 @@ bool IsMet(const Conditions &met, std::string &line)
 
 std::vector<Section> ReadSections(const std::string &file, const Conditions &met)
 {
-    std::vector<Section> sections;
+    std::vector<Section> sections = {{"", {}}}; // the first is the beginning of all
     std::ifstream in(file);
-    bool sectionIsForUs = false, stepIsForUs = false;
+    bool sectionIsForUs = true, stepIsForUs = false;
     int number = 1;
     for (std::string line; std::getline(in, line); ++number) {
         const bool isTitle = line.starts_with("== ");
         const bool isForUs = IsMet(met, isTitle ? line.erase(0, 3) : line);
         if (isTitle) {
-            if (isForUs) sections.push_back({line, {}});
+            if (isForUs) sections.push_back({line, sections.front().steps});
             sectionIsForUs = isForUs;
             stepIsForUs = false;
         } else if (line.starts_with("$ ")) {
@@ -71,6 +72,7 @@ std::vector<Section> ReadSections(const std::string &file, const Conditions &met
             line.starts_with("> ") ? step.command += "\n" + line.substr(2) : step.answer += line + "\n";
         }
     }
+    sections.erase(sections.begin());
     return sections;
 }
 
@@ -115,6 +117,7 @@ std::vector<std::string> Play(const std::vector<Step> &steps, const std::string 
         if (!answer.empty() && answer.back() != '\n') answer += '\n';
         answers.push_back(
             std::regex_replace(std::regex_replace(Plain(answer, directory), time, "TIME"), emptyLines, "\n"));
+        if (answers.back().starts_with('\n')) answers.back().erase(0, 1);
     }
     answers.resize(steps.size());
     return answers;
