@@ -158,7 +158,7 @@ void Addition::Refuse() const
 void Addition::EndWhereInterrupted()
 {
     if (!InterruptGuard::Came() || !copied_) return;
-    store_.Remove(name_);
+    store_.Remove({name_});
     throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(path_) + " was not kept");
 }
 

@@ -22,17 +22,29 @@ int RunRemove(const Arguments &arguments)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
     int exitCode = kExitSuccess;
-    const std::set<std::string> present = store.Names();
-    for (const std::string &name : arguments.names) {
+    const auto attempt = [&exitCode](const auto &step) {
         try {
-            // The library passes over a name without a generation; somebody who mistyped one has to know.
-            _Require(present, name);
-            // One name a call: when one can't be removed, the others still are, and the user hears which it was.
-            store.Remove(name);
+            step();
         } catch (const CommandFailure &failure) {
             Say(failure.what());
             if (exitCode == kExitSuccess) exitCode = failure.exitCode();
         }
+    };
+
+    // The library passes over a name without a generation; somebody who mistyped one has to know.
+    const std::set<std::string> present = store.Names();
+    std::vector<std::string> names;
+    for (const std::string &name : arguments.names) {
+        attempt([&] {
+            _Require(present, name);
+            names.push_back(name);
+        });
+    }
+    try {
+        store.Remove(names);
+    } catch (const CommandFailure &) {
+        // One by one: the others still go, and the user hears which can't. Those that went are passed over.
+        for (const std::string &name : names) attempt([&] { store.Remove({name}); });
     }
     return exitCode;
 }

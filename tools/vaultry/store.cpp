@@ -85,14 +85,15 @@ bool Store::Lacks(const std::string &name) const noexcept
     }
 }
 
-void Store::Remove(const std::string &name) const
+void Store::Remove(const std::vector<std::string> &names) const
 {
-    const Owned<TQString> string = MakeString(name);
-    TQValue *value = string.get();
-    const Owned<TQArray> names(TQArrayCreate(&value, 1));
+    const Owned<TQArray> array(TQArrayCreateMutable());
+    for (const std::string &name : names) (void)TQArrayAppendValue(array.get(), MakeString(name).get());
     Owned<TQError> error;
-    if (!TQClientManagedStorageRemoveGenerations(handle(), names.get(), error.out()))
-        throw CommandFailure::Library("can't remove " + Quoted(name) + " from the store " + Quoted(path_), error.get());
+    if (!TQClientManagedStorageRemoveGenerations(handle(), array.get(), error.out()))
+        throw CommandFailure::Library("can't remove " + (names.size() == 1 ? Quoted(names[0]) : "all of them") +
+                                          " from the store " + Quoted(path_),
+                                      error.get());
 }
 
 std::string Store::PathOf(const std::string &name) const

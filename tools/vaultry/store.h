@@ -13,6 +13,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 // What the command wrote beside a generation when it kept it; absent where another client did.
 struct GenerationInfo {
@@ -42,8 +43,9 @@ public:
     // Where a generation lies.
     std::string PathOf(const std::string &name) const;
     GenerationInfo InfoOf(const std::string &name) const;
-    // Passes over a name without a generation.
-    void Remove(const std::string &name) const;
+    // Removes them in order, up to the first that can't be; passes over a name without a generation. Under one lock
+    // and with one flush, however many.
+    void Remove(const std::vector<std::string> &names) const;
 
 private:
     Store(const std::string &path);
