@@ -131,20 +131,7 @@ void Addition::Refuse() const
             ? CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(path_) + " was not kept")
             : CommandFailure::Library(what + " as " + Quoted(name_) + " in the store " + Quoted(store_.path()),
                                       error_.get());
-    std::string message = failure.what();
-
-    if (IsAttributeSpace(error_.get(), store_.path(), path_)) message += std::string("\n  ") + kAttributeSpaceIsFull;
-    switch (UnderlyingErrno(error_.get())) {
-    case ELOOP:
-    case ENOENT:
-    case ENOTSUP:
-    case ENXIO:
-    case EPERM: // what the tree walk finds of these is the reason
-        if (const std::string item = FindWhatCannotBeKept(path_); !item.empty()) message += "\n  " + item;
-        break;
-    default:
-        break;
-    }
+    std::string message = failure.what() + ExplainRefusal(error_.get(), store_.path(), path_);
     // Giving a moved document back can fail too; the library then leaves it where it is and touches it no more.
     struct stat status {};
     if (isMove_ && lstat(path_.c_str(), &status) != 0 && errno == ENOENT)

@@ -7,10 +7,15 @@
 
 #include <vaultry/progress.h>
 
+#include <functional>
+#include <utility>
+
 // Current on its thread as long as it lives.
 class AddProgress {
 public:
-    explicit AddProgress(const std::string &label) : bar_(label), progress_(TQProgressCreate(0))
+    // `atTheBeginning` is called when the add, which may wait for something else, begins.
+    explicit AddProgress(const std::string &label, std::function<void()> atTheBeginning = {})
+        : bar_(label), atTheBeginning_(std::move(atTheBeginning)), progress_(TQProgressCreate(0))
     {
         TQProgressSetObserver(progress_.get(), &AddProgress::Changed, this);
         TQProgressBecomeCurrent(progress_.get());
@@ -30,10 +35,16 @@ private:
     // The library counts bytes in a child of this progress.
     static void Changed(TQProgress *changed, void *self)
     {
-        static_cast<AddProgress *>(self)->bar_.Update(TQProgressGetCompletedUnits(changed),
-                                                      TQProgressGetTotalUnits(changed));
+        auto &add = *static_cast<AddProgress *>(self);
+        if (!std::exchange(add.hasBegun_, true)) {
+            if (add.atTheBeginning_) add.atTheBeginning_();
+            add.bar_.Restart();
+        }
+        add.bar_.Update(TQProgressGetCompletedUnits(changed), TQProgressGetTotalUnits(changed));
     }
 
     ProgressBar bar_;
+    const std::function<void()> atTheBeginning_;
+    bool hasBegun_ = false;
     Owned<TQProgress> progress_;
 };

@@ -78,7 +78,8 @@ Examples:
 
 static constexpr char kDiffFooter[] = R"(
 Compares with the document that the generation was made of, or with another
-document or generation. Exit status 0 if nothing differs, 1 if something does.
+document or generation. Exit status 0 if nothing differs, 1 if something does,
+2 or more if that can't be told.
 
 Examples:
   vaultry diff before-review

@@ -1,19 +1,15 @@
 // vaultry copy: brings a generation back as an ordinary, writable document.
 
 #include "commands.h"
-#include "copy_watch.h"
+#include "copying_out.h"
 #include "document.h"
 #include "failure.h"
 #include "generation.h"
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
-#include "space.h"
 #include "store.h"
 #include "text.h"
-
-#include <vaultry/filesystem.h>
-#include <vaultry/status.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -61,41 +57,21 @@ static std::string _FreeDestination(const Store &store, const std::string &given
     return destination;
 }
 
-static void _Copy(const Store &store, const std::string &name, const std::string &destination)
-{
-    const std::string source = ProgressBar::AreShown() ? store.PathOf(name) : "";
-    Owned<TQError> error;
-    bool isCopied = false;
-    {
-        const CopyWatch watch(source, destination);
-        isCopied = TQClientManagedStorageCopyGeneration(store.handle(), name.c_str(), destination.c_str(), error.out());
-    }
-    if (InterruptGuard::Came()) {
-        Owned<TQError> removal;
-        if (isCopied && !_RemoveTree(destination.c_str(), 0, removal.out()))
-            Say(CommandFailure::Library("can't remove " + Quoted(destination), removal.get()).what());
-    }
-    if (isCopied) return;
-    const CommandFailure failure =
-        CommandFailure::Library("can't copy " + Quoted(name) + " to " + Quoted(destination), error.get());
-    const std::string parent = destination.substr(0, destination.rfind('/') + 1);
-    if (!IsAttributeSpace(error.get(), parent, store.PathOf(name))) throw failure;
-    throw CommandFailure(failure.exitCode(), std::string(failure.what()) + "\n  " + kAttributeSpaceIsFull);
-}
-
 static std::string _CopyTo(const Arguments &arguments, std::string &name)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
     name = ResolveGeneration(store, arguments.name);
     const std::string destination = _FreeDestination(store, _DestinationPath(store, name, arguments.destination));
-    _Copy(store, name, destination);
+    CopyOut(store, name, destination, "can't copy " + Quoted(name) + " to " + Quoted(destination),
+            [&](TQError **error) {
+                return TQClientManagedStorageCopyGeneration(store.handle(), name.c_str(), destination.c_str(), error);
+            });
     return destination;
 }
 
 int RunCopy(const Arguments &arguments)
 {
-    const InterruptGuard interrupts("\nvaultry: stopping: the copy is removed as soon as it is through; "
-                                    "once more ends at once and leaves what is there\n");
+    const InterruptGuard interrupts(kCopyIsRemoved);
     std::string name, destination;
     try {
         destination = _CopyTo(arguments, name);

@@ -2,9 +2,6 @@
 
 #include "copy_watch.h"
 
-#include "naming.h"
-#include "text.h"
-
 #include <vaultry/archive.h>
 
 #include <algorithm>
@@ -34,8 +31,8 @@ static int64_t _WrittenTree(const std::string &path)
     return bytes;
 }
 
-CopyWatch::CopyWatch(std::string source, std::string destination)
-    : source_(std::move(source)), destination_(std::move(destination))
+CopyWatch::CopyWatch(std::string source, std::string label, Places places)
+    : source_(std::move(source)), label_(std::move(label)), places_(std::move(places))
 {
     if (!ProgressBar::AreShown()) return;
     // Signals are for the thread that copies: it may be waiting for the store's lock, which a signal ends.
@@ -64,13 +61,15 @@ bool CopyWatch::Wait(Clock::duration time)
 
 void CopyWatch::Watch()
 {
-    ProgressBar bar(Printable(BaseName(destination_)));
+    ProgressBar bar(label_);
     if (!Wait(std::chrono::milliseconds(500))) return;
     const int64_t total = TQComputeTreeSize(source_.c_str(), nullptr);
     Clock::duration pause = std::chrono::milliseconds(200);
     do {
         const auto start = Clock::now();
-        bar.Update(_WrittenTree(destination_), total);
+        int64_t written = 0;
+        for (const std::string &place : places_()) written += _WrittenTree(place);
+        bar.Update(written, total);
         // Looking at a big tree takes time from copying it: never more than a tenth.
         pause = std::max<Clock::duration>(std::chrono::milliseconds(200), 10 * (Clock::now() - start));
     } while (Wait(pause));

@@ -5,14 +5,19 @@
 #include "progress_bar.h"
 
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 // Watches on a thread of its own as long as it lives; no thread where nobody would see it.
 class CopyWatch {
 public:
-    CopyWatch(std::string source, std::string destination);
+    // Where what is written lies; asked each time.
+    using Places = std::function<std::vector<std::string>()>;
+
+    CopyWatch(std::string source, std::string label, Places places);
     ~CopyWatch();
     CopyWatch(const CopyWatch &) = delete;
     CopyWatch &operator=(const CopyWatch &) = delete;
@@ -23,7 +28,8 @@ private:
     bool Wait(std::chrono::steady_clock::duration time);
 
     const std::string source_;
-    const std::string destination_;
+    const std::string label_;
+    const Places places_;
     std::mutex mutex_;
     std::condition_variable wake_;
     bool isOver_ = false;

@@ -10,49 +10,85 @@
 #include "json.h"
 #include "text.h"
 
-#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
+#include <memory>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
 
+// As diff(1) has it: what can't be compared is not said to differ. A failure of a kind of its own keeps its code.
+static constexpr int kExitDiffers = 1;
+static constexpr int kExitTrouble = 2;
+
 struct Side {
     std::string path;
     std::string label;
 };
 
-// Every item below `root` by its relative path; "" is the root itself.
-static std::map<std::string, fs::file_status> _ItemsOf(const std::string &root)
-{
-    std::map<std::string, fs::file_status> items{{"", fs::symlink_status(root)}};
-    if (!fs::is_directory(items[""])) return items;
-    for (const auto &entry : fs::recursive_directory_iterator(root)) {
-        const fs::file_status status = entry.symlink_status();
-        if (!IsSidecar(entry.path())) items[entry.path().native().substr(root.size() + 1)] = status;
-    }
-    return items;
-}
-
-static bool _SameBytes(const std::string &a, const std::string &b)
-{
-    if (fs::file_size(a) != fs::file_size(b)) return false;
-    std::ifstream first(a, std::ios::binary), second(b, std::ios::binary);
-    char one[65536], other[65536];
-    while (first && second) {
-        first.read(one, sizeof one);
-        second.read(other, sizeof other);
-        if (first.gcount() != second.gcount() || !std::equal(one, one + first.gcount(), other)) return false;
-    }
-    return first.eof() && second.eof();
-}
+struct CloseFile {
+    void operator()(FILE *file) const { (void)fclose(file); }
+};
+using UniqueFile = std::unique_ptr<FILE, CloseFile>;
 
 static std::string _Join(const std::string &root, const std::string &below)
 {
     return below.empty() ? root : root + "/" + below;
+}
+
+// Every item below a root by its relative path; "" is the root itself.
+using Items = std::map<std::string, fs::file_type>;
+
+static void _Collect(const std::string &root, const std::string &below, Items &items)
+{
+    const std::string path = _Join(root, below);
+    std::error_code error;
+    const fs::file_type type = fs::symlink_status(path, error).type();
+    if (error) throw CommandFailure::Errno("can't look at " + Quoted(path), error.value());
+    items[below] = type;
+    if (type != fs::file_type::directory) return;
+    fs::directory_iterator item(path, error);
+    for (const fs::directory_iterator end; !error && item != end; item.increment(error)) {
+        const std::string name = item->path().filename().native();
+        if (!IsSidecar(item->path())) _Collect(root, below.empty() ? name : below + "/" + name, items);
+    }
+    if (error) throw CommandFailure::Errno("can't read the directory " + Quoted(path), error.value());
+}
+
+static Items _ItemsOf(const std::string &root)
+{
+    Items items;
+    _Collect(root, "", items);
+    return items;
+}
+
+static UniqueFile _Open(const std::string &path)
+{
+    UniqueFile file(fopen(path.c_str(), "rbe"));
+    if (!file) throw CommandFailure::Errno("can't read " + Quoted(path), errno);
+    return file;
+}
+
+static size_t _Read(FILE *file, const std::string &path, char *buffer, size_t size)
+{
+    const size_t count = fread(buffer, 1, size, file);
+    if (ferror(file)) throw CommandFailure::Errno("can't read " + Quoted(path), errno);
+    return count;
+}
+
+static bool _SameBytes(const std::string &a, const std::string &b)
+{
+    const UniqueFile first = _Open(a), second = _Open(b);
+    char one[65536], other[65536];
+    for (;;) {
+        const size_t count = _Read(first.get(), a, one, sizeof one);
+        if (_Read(second.get(), b, other, sizeof other) != count || memcmp(one, other, count) != 0) return false;
+        if (count == 0) return true;
+    }
 }
 
 // The system's diff says what it can: the lines of a text, or that binary files differ.
@@ -67,7 +103,10 @@ static void _ShowContents(const Side &a, const Side &b, const std::string &below
     pid_t child = -1;
     const int error = posix_spawnp(&child, "diff", nullptr, nullptr, const_cast<char **>(arguments), environ);
     if (error != 0) throw CommandFailure::Errno("can't run diff", error);
-    (void)waitpid(child, nullptr, 0);
+    int status = 0;
+    (void)waitpid(child, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) > 1)
+        throw CommandFailure(kExitFailure, "diff could not compare " + Quoted(first) + " with " + Quoted(second));
 }
 
 class Comparison {
@@ -76,24 +115,24 @@ public:
 
     bool Differs()
     {
-        const auto first = _ItemsOf(a_.path), second = _ItemsOf(b_.path);
-        for (const auto &[below, status] : first) {
+        const Items first = _ItemsOf(a_.path), second = _ItemsOf(b_.path);
+        for (const auto &[below, type] : first) {
             const auto other = second.find(below);
             if (other == second.end())
                 Report(below, "removed", "only in " + Printable(a_.label));
             else
-                CompareItem(below, status, other->second);
+                CompareItem(below, type, other->second);
         }
-        for (const auto &[below, status] : second)
+        for (const auto &[below, type] : second)
             if (first.count(below) == 0) Report(below, "added", "only in " + Printable(b_.label));
         return differs_;
     }
 
 private:
-    void CompareItem(const std::string &below, const fs::file_status &first, const fs::file_status &second)
+    void CompareItem(const std::string &below, fs::file_type first, fs::file_type second)
     {
-        if (first.type() != second.type()) return Report(below, "kind", "another kind of item");
-        if (!fs::is_regular_file(first) || _SameBytes(_Join(a_.path, below), _Join(b_.path, below))) return;
+        if (first != second) return Report(below, "kind", "another kind of item");
+        if (first != fs::file_type::regular || _SameBytes(_Join(a_.path, below), _Join(b_.path, below))) return;
         if (json_) return Report(below, "content", "");
         differs_ = true;
         _ShowContents(a_, b_, below);
@@ -130,10 +169,20 @@ static Side _OtherSide(const Store &store, const std::string &name, const std::s
     return {store.PathOf(other), other};
 }
 
-int RunDiff(const Arguments &arguments)
+static bool _Differs(const Arguments &arguments)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string name = ResolveGeneration(store, arguments.name);
     Comparison comparison({store.PathOf(name), name}, _OtherSide(store, name, arguments.other), arguments.json);
-    return comparison.Differs() ? kExitFailure : kExitSuccess;
+    return comparison.Differs();
+}
+
+int RunDiff(const Arguments &arguments)
+{
+    try {
+        return _Differs(arguments) ? kExitDiffers : kExitSuccess;
+    } catch (const CommandFailure &failure) {
+        if (failure.exitCode() != kExitDiffers) throw;
+        throw CommandFailure(kExitTrouble, failure.what());
+    }
 }

@@ -5,6 +5,7 @@
 #include "failure.h"
 #include "location.h"
 #include "naming.h"
+#include "space.h"
 #include "text.h"
 
 #include <cerrno>
@@ -83,7 +84,8 @@ static const char *_WhyNotKept(fs::file_type type)
     }
 }
 
-std::string FindWhatCannotBeKept(const std::string &path)
+// The first item, as part of a sentence.
+static std::string _FindWhatCannotBeKept(const std::string &path)
 {
     std::error_code error;
     const fs::file_status top = fs::symlink_status(path, error);
@@ -96,6 +98,23 @@ std::string FindWhatCannotBeKept(const std::string &path)
         const char *why = _WhyNotKept(item->symlink_status(ignored).type());
         if (why && BaseName(item->path()).rfind("._", 0) != 0)
             return Quoted(item->path().native()) + " " + why + ": a document that holds one can't be kept";
+    }
+    return "";
+}
+
+std::string ExplainRefusal(const TQError *error, const std::string &store, const std::string &document)
+{
+    if (IsAttributeSpace(error, store, document)) return std::string("\n  ") + kAttributeSpaceIsFull;
+    switch (UnderlyingErrno(error)) {
+    case ELOOP:
+    case ENOENT:
+    case ENOTSUP:
+    case ENXIO:
+    case EPERM: // what the tree walk finds of these is the reason
+        if (const std::string item = _FindWhatCannotBeKept(document); !item.empty()) return "\n  " + item;
+        break;
+    default:
+        break;
     }
     return "";
 }

@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <vaultry/error.h>
+
 #include <cstdint>
 #include <string>
 
@@ -22,9 +24,9 @@ bool IsSidecar(const std::string &path);
 // How many such files a tree holds.
 uint64_t CountSidecars(const std::string &path);
 
-// Where and what the first item is that can't be kept, as part of a sentence; empty if there is none. Links alone,
-// or FIFOs, sockets and devices too.
-std::string FindWhatCannotBeKept(const std::string &path);
+// What a person should know beside `error`, for which the store has not kept the document: which item can't be kept, or
+// what has no space. A line of its own, or nothing.
+std::string ExplainRefusal(const TQError *error, const std::string &store, const std::string &document);
 
 // Stands for the whole tree as it is now: two that are equal were taken of an unchanged tree. Names, inodes, sizes
 // and times of every item; not contents, since writing them changes the times. Throws if part can't be read.

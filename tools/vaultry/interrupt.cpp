@@ -21,10 +21,7 @@ extern "C" {
 static void _OnSignal(int number)
 {
     const int before = gSignal.exchange(number);
-    if (TQProgress *progress = gProgress) {
-        TQProgressCancel(progress);
-        return;
-    }
+    if (TQProgress *progress = gProgress) TQProgressCancel(progress);
     const char *message = gMessage;
     if (!message) return;
     if (before == 0) {
@@ -48,10 +45,6 @@ InterruptGuard::InterruptGuard(TQProgress *progress, const char *message)
         if (gPrevious[i].sa_handler != SIG_IGN) sigaction(kSignals[i], &action, nullptr);
     }
 }
-
-InterruptGuard::InterruptGuard(TQProgress *progress) : InterruptGuard(progress, nullptr) {}
-
-InterruptGuard::InterruptGuard(const char *message) : InterruptGuard(nullptr, message) {}
 
 InterruptGuard::~InterruptGuard()
 {

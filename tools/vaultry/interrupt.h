@@ -12,9 +12,11 @@
 class InterruptGuard {
 public:
     // Cancels `progress`, as often as a signal comes.
-    explicit InterruptGuard(TQProgress *progress);
+    explicit InterruptGuard(TQProgress *progress) : InterruptGuard(progress, nullptr) {}
     // Writes `message` at the first signal. The second ends the process as if nobody had caught it.
-    explicit InterruptGuard(const char *message);
+    explicit InterruptGuard(const char *message) : InterruptGuard(nullptr, message) {}
+    // Both.
+    InterruptGuard(TQProgress *progress, const char *message);
     ~InterruptGuard();
     InterruptGuard(const InterruptGuard &) = delete;
     InterruptGuard &operator=(const InterruptGuard &) = delete;
@@ -22,7 +24,4 @@ public:
     // Whether a signal came, and the exit code for it.
     static bool Came();
     static int ExitCode();
-
-private:
-    InterruptGuard(TQProgress *progress, const char *message);
 };

@@ -18,7 +18,16 @@ static size_t _TerminalWidth()
     return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
 }
 
-ProgressBar::ProgressBar(std::string label) : label_(std::move(label)), enabled_(AreShown()) {}
+ProgressBar::ProgressBar(std::string label) : label_(std::move(label)), enabled_(AreShown())
+{
+    Restart();
+}
+
+void ProgressBar::Restart()
+{
+    start_ = Clock::now();
+    next_ = start_ + std::chrono::milliseconds(500);
+}
 
 bool ProgressBar::AreShown()
 {

@@ -18,6 +18,8 @@ public:
     ProgressBar(const ProgressBar &) = delete;
     ProgressBar &operator=(const ProgressBar &) = delete;
 
+    // What took its time until now was something else.
+    void Restart();
     // Draws, if it is time to. A total of 0 or less is unknown.
     void Update(int64_t done, int64_t total);
     void Clear();
@@ -32,6 +34,5 @@ private:
     std::string label_;
     bool enabled_;
     bool shown_ = false;
-    Clock::time_point start_ = Clock::now();
-    Clock::time_point next_ = start_ + std::chrono::milliseconds(500);
+    Clock::time_point start_, next_;
 };

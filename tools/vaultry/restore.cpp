@@ -2,6 +2,8 @@
 
 #include "add_progress.h"
 #include "commands.h"
+#include "copy_watch.h"
+#include "copying_out.h"
 #include "document.h"
 #include "failure.h"
 #include "generation.h"
@@ -10,13 +12,15 @@
 #include "naming.h"
 #include "text.h"
 
-#include <vaultry/filesystem.h>
 #include <vaultry/library.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <ctime>
+#include <filesystem>
+#include <iterator>
 #include <sys/stat.h>
-#include <unistd.h>
+
+namespace fs = std::filesystem;
 
 static constexpr unsigned kMaximumAttempts = 1000;
 
@@ -61,28 +65,74 @@ static void _RecordBackup(const Store &store, const std::string &backup, const s
         Say("list may not show " + Quoted(backup) + " with its document: that could not be written");
 }
 
-static void _Restore(const Store &store, const std::string &name, const std::string &document,
-                     const std::optional<std::string> &backup)
+// What Ctrl-C does: the backup can be cancelled, and then the document is not touched. Without one nothing is asked
+// before the exchange, which is over at once and is not cut short by the first.
+static constexpr char kStopsAtBackup[] = "\nvaultry: stopping, unless the document is being replaced already; "
+                                         "once more ends at once\n";
+static constexpr char kReplacesFirst[] = "\nvaultry: the document is replaced as soon as the generation is copied out; "
+                                         "once more ends at once\n";
+
+static Owned<TQLibrary> _OpenLibrary(const Store &store)
 {
     Owned<TQError> error;
     const Owned<TQURL> root(TQURLCreateWithFileSystemPath(store.path().c_str(), true));
-    const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
-    const Owned<TQLibrary> library(TQLibraryCreateClientManaged(nullptr, root.get(), error.out()));
+    Owned<TQLibrary> library(TQLibraryCreateClientManaged(nullptr, root.get(), error.out()));
     if (!library) throw CommandFailure::Library("can't open the store " + Quoted(store.path()), error.get());
+    return library;
+}
 
+// The copies in the staging area that were not there when this was called.
+static CopyWatch::Places _StagedFromNowOn(const Store &store)
+{
+    const auto list = [staging = store.path() + "/.vaultry_staging"] {
+        std::set<std::string> places;
+        std::error_code error;
+        for (fs::directory_iterator item(staging, error), end; !error && item != end; item.increment(error))
+            places.insert(item->path().native() + "/staged");
+        return places;
+    };
+    return [list, before = list()] {
+        const std::set<std::string> now = list();
+        std::vector<std::string> places;
+        std::set_difference(now.begin(), now.end(), before.begin(), before.end(), std::back_inserter(places));
+        return places;
+    };
+}
+
+static void _Replace(const Store &store, const std::string &name, const std::string &document,
+                     const std::optional<std::string> &backup)
+{
+    const Owned<TQLibrary> library = _OpenLibrary(store);
+    const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
+    const std::string label = Printable(BaseName(document)), source = ProgressBar::AreShown() ? store.PathOf(name) : "";
+    Owned<TQError> error;
     bool restored = false;
     {
-        // The backup reports and can be cancelled; the exchange itself is over at once, and is never cut short.
-        AddProgress progress(Printable(BaseName(document)));
-        const InterruptGuard interrupts(progress.get());
+        std::optional<CopyWatch> watch(std::in_place, source, label, _StagedFromNowOn(store));
+        AddProgress progress(label, [&] { watch.reset(); });
+        const InterruptGuard interrupts(progress.get(), backup ? kStopsAtBackup : kReplacesFirst);
         restored = TQLibraryRestoreGeneration(library.get(), MakeString(name).get(), url.get(),
                                               backup ? MakeString(*backup).get() : nullptr, error.out());
         progress.bar().Clear();
     }
     if (restored) return;
-    if (InterruptGuard::Came())
+    const int reason = UnderlyingErrno(error.get());
+    if (InterruptGuard::Came() && (reason == ECANCELED || reason == EINTR)) // EINTR: while waiting for the lock
         throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(document) + " is as it was");
-    throw CommandFailure::Library("can't restore " + Quoted(document) + " from " + Quoted(name), error.get());
+    const CommandFailure failure =
+        CommandFailure::Library("can't restore " + Quoted(document) + " from " + Quoted(name), error.get());
+    throw CommandFailure(failure.exitCode(),
+                         failure.what() + (backup ? ExplainRefusal(error.get(), store.path(), document) : ""));
+}
+
+static void _CopyBack(const Store &store, const std::string &name, const std::string &document)
+{
+    const Owned<TQLibrary> library = _OpenLibrary(store);
+    const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
+    const InterruptGuard interrupts(kCopyIsRemoved);
+    CopyOut(store, name, document, "can't restore " + Quoted(document) + " from " + Quoted(name), [&](TQError **error) {
+        return TQLibraryRestoreGeneration(library.get(), MakeString(name).get(), url.get(), nullptr, error);
+    });
 }
 
 int RunRestore(const Arguments &arguments)
@@ -97,7 +147,10 @@ int RunRestore(const Arguments &arguments)
         isThere ? _BackupName(store, arguments, document, now) : std::optional<std::string>();
     if (!isThere && arguments.backup) Say(Quoted(document) + " is not there, so there is nothing to back up");
 
-    _Restore(store, name, document, backup);
+    if (isThere)
+        _Replace(store, name, document, backup);
+    else
+        _CopyBack(store, name, document);
     if (backup) _RecordBackup(store, *backup, document, now);
     const std::string restored = isThere ? RestoredPath(document, name) : document;
     if (arguments.json) {

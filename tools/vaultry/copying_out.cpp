@@ -1,0 +1,41 @@
+// See copying_out.h.
+
+#include "copying_out.h"
+
+#include "copy_watch.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "naming.h"
+#include "space.h"
+#include "text.h"
+
+#include <vaultry/filesystem.h>
+
+static void _TakeBack(const std::string &destination)
+{
+    Owned<TQError> error;
+    if (!_RemoveTree(destination.c_str(), 0, error.out()))
+        Say(CommandFailure::Library("can't remove " + Quoted(destination), error.get()).what());
+}
+
+void CopyOut(const Store &store, const std::string &name, const std::string &destination, const std::string &what,
+             const std::function<bool(TQError **error)> &copy)
+{
+    const std::string source = ProgressBar::AreShown() ? store.PathOf(name) : "";
+    Owned<TQError> error;
+    bool isCopied = false;
+    {
+        const CopyWatch watch(source, Printable(BaseName(destination)),
+                              [&] { return std::vector<std::string>{destination}; });
+        isCopied = copy(error.out());
+    }
+    if (InterruptGuard::Came()) {
+        if (isCopied) _TakeBack(destination);
+        throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
+    }
+    if (isCopied) return;
+    const CommandFailure failure = CommandFailure::Library(what, error.get());
+    const std::string parent = destination.substr(0, destination.rfind('/') + 1);
+    if (!IsAttributeSpace(error.get(), parent, store.PathOf(name))) throw failure;
+    throw CommandFailure(failure.exitCode(), std::string(failure.what()) + "\n  " + kAttributeSpaceIsFull);
+}
