@@ -40,21 +40,50 @@ bool GetName(TQValue *name, char *buffer, TQError **error)
     return true;
 }
 
-// Unlike an item that is being added, one that is removed keeps its append-only flag; it then can't be moved.
-bool MakeRemovable(const char *generation, TQError **error)
-{
+// What stands in the way of moving a generation, taken away; and put back if the generation stays.
+class LiftedForMove {
+public:
     // A link that somebody put into the store is itself what goes; its target is left alone.
-    const Item item = Item::AtPath(generation);
-    TQFileStatus status;
-    if (platform::GetStatus(item, Links::NoFollow, &status) != 0)
-        return Failure(error).Errno("failed to stat source path %s", generation);
-    if ((status.flags & kTQFlagImmutable) != 0 &&
-        platform::SetFlags(item, Links::NoFollow, status.flags & ~uint32_t{kTQFlagImmutable}) != 0)
-        return Failure(error).Errno("failed to remove UF_IMMUTABLE on path %s", generation);
-    if (S_ISDIR(status.mode) && platform::SetMode(item, Links::NoFollow, (status.mode | 0200) & 07777) != 0)
-        return Failure(error).Errno("failed to make directory writable prior to moving; path: %s", generation);
-    return true;
-}
+    explicit LiftedForMove(const char *generation) : item_(Item::AtPath(generation)) {}
+    LiftedForMove(const LiftedForMove &) = delete;
+    LiftedForMove &operator=(const LiftedForMove &) = delete;
+
+    // Unlike an item that is being added, one that is removed keeps its append-only flag; it then can't be moved.
+    bool Lift(TQError **error)
+    {
+        if (platform::GetStatus(item_, Links::NoFollow, &before_) != 0)
+            return Failure(error).Errno("failed to stat source path %s", item_.path);
+        if (isImmutable() &&
+            platform::SetFlags(item_, Links::NoFollow, before_.flags & ~uint32_t{kTQFlagImmutable}) != 0)
+            return Failure(error).Errno("failed to remove UF_IMMUTABLE on path %s", item_.path);
+        lifted_ = true;
+        if (S_ISDIR(before_.mode) && platform::SetMode(item_, Links::NoFollow, (before_.mode | 0200) & 07777) != 0)
+            return Failure(error).Errno("failed to make directory writable prior to moving; path: %s", item_.path);
+        return true;
+    }
+
+    // Says that the generation is gone, or hands on that it is not.
+    bool Gone(bool gone)
+    {
+        lifted_ = lifted_ && !gone;
+        return gone;
+    }
+
+    ~LiftedForMove()
+    {
+        if (!lifted_) return;
+        const ErrnoKeeper keeper;
+        if (S_ISDIR(before_.mode)) (void)platform::SetMode(item_, Links::NoFollow, before_.mode & 07777);
+        if (isImmutable()) (void)platform::SetFlags(item_, Links::NoFollow, before_.flags);
+    }
+
+private:
+    bool isImmutable() const { return (before_.flags & kTQFlagImmutable) != 0; }
+
+    Item item_;
+    TQFileStatus before_{};
+    bool lifted_ = false;
+};
 
 bool MoveToStaging(const char *root, const char *generation, const char *staged, TQError **error)
 {
@@ -70,7 +99,8 @@ bool RemoveByStaging(const char *root, const char *generation, TQError **error)
     if (!_GetUniqueStagingPath(root, staged, error)) return false;
     // From here on the generation is gone for everybody; what can't be deleted is not reported.
     const ScopeExit removeStaging([&] { (void)_RemoveStagingPath(root, staged.c_str(), nullptr); });
-    return MakeRemovable(generation, error) && MoveToStaging(root, generation, staged.c_str(), error);
+    LiftedForMove lifted(generation);
+    return lifted.Lift(error) && lifted.Gone(MoveToStaging(root, generation, staged.c_str(), error));
 }
 
 // For a disk without room for one more directory, on which a removal is what its owner needs most. A file goes at once. A
@@ -78,18 +108,19 @@ bool RemoveByStaging(const char *root, const char *generation, TQError **error)
 // there a kill leaves part of it, to be removed again.
 bool RemoveWithoutRoom(const char *root, const char *generation, TQError **error)
 {
-    if (!MakeRemovable(generation, error) || !_UnprotectGenerationStore(root, error)) return false;
+    LiftedForMove lifted(generation);
+    if (!lifted.Lift(error) || !_UnprotectGenerationStore(root, error)) return false;
     const ScopeExit protect([root] { _ProtectGenerationStore(root); });
     PathBuffer staged;
     if (_IsDirectory(generation, /*status=*/nullptr) && staged.Format("%s/%s/XXXXXXX", root, kStagingName)) {
         if (platform::RenameToUnique(generation, staged.data()) == 0) {
             (void)_RemoveStagingPath(root, staged.c_str(), nullptr);
-            return true;
+            return lifted.Gone(true);
         }
         if (errno != ENOSPC && errno != EDQUOT)
             return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged.c_str());
     }
-    return _RemoveTree(generation, 0, error);
+    return lifted.Gone(_RemoveTree(generation, 0, error));
 }
 
 bool RemoveOne(const char *root, TQValue *nameValue, TQError **error)
