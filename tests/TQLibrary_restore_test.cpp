@@ -32,16 +32,14 @@ struct Restoring {
         chmod(path.c_str(), mode);
         return path;
     }
-    // With "$" for the directories of the documents and of the store, and "*" for what is unique.
-    Outcome Restore(const std::string &name, const std::string &document, const char *backup = nullptr,
-                    const Fault &fault = {}) const
+    // With "$" for the directories of the documents and of the store.
+    Outcome Restore(const std::string &name, const std::string &document, const char *backup = nullptr) const
     {
         const auto kept = backup ? String(backup) : Ref<TQString>();
-        Outcome outcome = InChild(fault, CALL(TQLibraryRestoreGeneration(library.get(), String(name).get(),
-                                                                         FileURL(document).get(), kept.get(), why)));
-        static const std::regex unique("(-tmp\\.nosync\\.)(?!XXXXXX)[A-Za-z0-9]{6}");
+        Outcome outcome = InChild(CALL(
+            TQLibraryRestoreGeneration(library.get(), String(name).get(), FileURL(document).get(), kept.get(), why)));
         const auto plain = [&](const std::string &text) {
-            return std::regex_replace(Plain(Plain(text, documents.path()), store.path() + "/store"), unique, "$1*");
+            return Plain(Plain(text, documents.path()), store.path() + "/store");
         };
         outcome.message = plain(outcome.message);
         for (auto &line : outcome.log) line.text = plain(line.text);
@@ -237,68 +235,6 @@ TEST_P(LibraryRestore, ARefusalLeavesTheDocumentAndTheStoreAsTheyWere)
                "");
     EXPECT_TRUE(Restore("g", of1005, "b").succeeded);
     EXPECT_THAT(disk::List(deep), testing::ElementsAre("1.rtf", "12.rtf"));
-}
-
-// Calls that fail one by one, and allocations. What is in the folder then follows from the message.
-TEST_P(LibraryRestore, AnyFailureLeavesTheDocumentWhole)
-{
-    ASSERT_TRUE(Keep("g.txt", kFile) && Keep("f", kFolder));
-    for (const bool folder : {kFile, kFolder}) {
-        // Makes the placeholder, and flushes.
-        Calls calls{{folder ? SYS_mkdirat : SYS_openat, SYS_fsync, SYS_syncfs}};
-        for (const Calls &more : {kRename, kMode, kFlags, kMakeDirectory, kRemove})
-            calls.numbers.insert(calls.numbers.end(), more.numbers.begin(), more.numbers.end());
-        const auto round = [&](const Fault &fault, std::string *) {
-            const std::string document = Make("c.txt", folder, folder ? 0555 : 0640);
-            disk::SetFlags(document, FS_NODUMP_FL);
-            int placeholders = 0;
-            const Snapshot before = Documents(&placeholders);
-            const Outcome outcome = Restore(folder ? "f" : "g.txt", document, "backup", fault);
-            SCOPED_TRACE(outcome.message);
-            const auto says = [&](const char *text) { return outcome.message.find(text) != std::string::npos; };
-            std::vector<std::string> generations = {"f", "g.txt"};
-            // A generation whose options can't be stored or that can't be flushed stays, a backup too.
-            if (says("generation root at \"$/backup\"") || says("flush \"$/backup\"") || says("flush \"$\""))
-                generations.push_back("backup");
-            if (!outcome.succeeded) ExpectStoreHolds(generations);
-            // What a placeholder folder and the write bit are left by.
-            const bool aside = folder && says("Failed to rename old");
-            if (aside || says("make restore permissions")) {
-                EXPECT_EQ(disk::Mode(document), 0755U);
-                chmod(document.c_str(), 0555);
-            }
-            const Snapshot after = Documents(&placeholders);
-            const bool removing = says("Failed to remove \"$/d/") || (says("delet") && says("$/d/"));
-            if (outcome.succeeded || (removing && folder)) { // no way back over a folder that isn't empty
-                EXPECT_TRUE(Same(Snapshot::Of(Source(folder), Snapshot::kContents),
-                                 Snapshot::Of(document, Snapshot::kContents)));
-                EXPECT_EQ(placeholders, outcome.succeeded ? 0 : 1);
-            } else if (outcome.hasError) {
-                EXPECT_TRUE(Same(before, after));
-                EXPECT_EQ(placeholders, aside || says("writable before moving") || says("create file URL") ? 1 : 0);
-            }
-            EXPECT_TRUE(store.Remove({"backup"}));
-            chmod(store.root().c_str(), 0555); // the fault may have struck its protection
-            EXPECT_EQ(system(("cd '" + d + "' && chmod -R u+w . && rm -rf * '" + store.Staging() + "'/*").c_str()), 0);
-            return outcome;
-        };
-        const std::string aside = folder ? "$/d/c.txt-tmp.nosync.*" : "$/d/c-tmp.nosync.*.txt";
-        std::vector<std::string> messages = {
-            folder ? "mkdtemp(\"$/d/c.txt-tmp.nosync.XXXXXX\") failed"
-                   : "mkstemps(\"$/d/c-tmp.nosync.XXXXXX.txt\") failed",
-            "Failed to rename old file to temp path (\"$/d/c.txt\" -> \"" + aside + "\")",
-            "Failed to rename file from staging (\"$/.vaultry_staging/*/staged\" -> \"$/d/c.txt\")",
-            "failed to set final mode on \"$/d/c.txt\"",
-            "failed to set final flags on \"$/d/c.txt\"",
-            "Failed to flush \"$/.vaultry_staging/*/staged\" to disk",
-            "Failed to flush \"$/d\" to disk",
-            "Failed to remove \"" + aside + "\""};
-        if (folder) messages.push_back("Failed to make \"$/d/c.txt\" writable before moving it out of the way");
-        if (folder) messages.push_back("Failed to make restore permissions to \"" + aside + "\"");
-        ExpectReported(Sweep([&](int nth) { return FailCall(nth, EIO, calls); }, round), EIO, messages);
-        if (folder || !kCanFailAllocations) continue;
-        EXPECT_EQ(Sweep(FailAllocation, round).count("3 Failed to create file URL for path \"$/d/c.txt\""), 1U);
-    }
 }
 
 class RestoreAcrossVolumes : public OnEachVolume {};

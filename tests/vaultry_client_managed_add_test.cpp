@@ -116,8 +116,7 @@ TEST_P(StoreAdd, AFailedMoveGivesTheDocumentBackWithAllItHad)
 
 TEST_P(StoreAdd, ADocumentThatCannotComeHomeStaysInStagingWithANote)
 {
-    const Outcome outcome =
-        InChild({Fault::Act::FailFromThere, 2, EIO, kRename}, CALL(store.Add("g", why, /*copy=*/false)));
+    const Outcome outcome = InChild(FailFromCallOn(2, EIO, kRename), CALL(store.Add("g", why, /*copy=*/false)));
     EXPECT_EQ(outcome.fate, Outcome::Fate::Failed);
     ExpectSays(outcome,
                Logs(EIO, "Failed to give the document back to \"$/document\"; it lies at "

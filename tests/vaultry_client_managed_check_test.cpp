@@ -103,9 +103,7 @@ TEST_P(StoreCheck, WhatCannotBeReadIsNeverWell)
 {
     TestStore store(TestStore::Document::Folder, QuickVolume());
     Keep(store, "g");
-    Calls reading = kOpen;
-    for (const Calls &more : {kReadDirectory, kGetAttribute})
-        reading.numbers.insert(reading.numbers.end(), more.numbers.begin(), more.numbers.end());
+    const Calls reading{SYS_openat, SYS_getdents64, SYS_getxattr, SYS_lgetxattr, SYS_fgetxattr};
     int well = 0;
     for (int nth = 1;; ++nth) {
         const Outcome outcome = InChild(FailCall(nth, EIO, reading), [&](TQError **why) {

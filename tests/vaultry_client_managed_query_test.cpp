@@ -25,7 +25,7 @@ INSTANTIATE_AS_EACH(StoreQuery);
 
 TEST_P(StoreQuery, ADirectoryThatCannotBeReadFailsIt)
 {
-    const Fault second = FailCall(2, EIO, {{SYS_openat}}); // the first is the lock file
+    const Fault second = FailCall(2, EIO, {SYS_openat}); // the first is the lock file
     Expect({{System(EIO, "unable to opendir($/store)", 7),
              CALL(TQClientManagedStorageCopyAllGenerationsInfos(handle, nullptr, why)), second},
             {System(EIO, "unable to opendir($/store)", 3), CALL(TQClientManagedStorageCopyGenerationNames(handle, why)),

@@ -5,7 +5,6 @@
 
 #include <vaultry/log.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -37,28 +36,20 @@
 #else
 #define OLDER(...)
 #endif
-const Calls kMemory{{SYS_brk, SYS_mmap, SYS_munmap, SYS_mremap, SYS_mprotect, SYS_madvise, SYS_futex, SYS_getrandom}};
-const Calls kAllButMemory{kMemory.numbers, true};
-const Calls kRename{{OLDER(SYS_rename, ) SYS_renameat, SYS_renameat2}};
-const Calls kMode{{OLDER(SYS_chmod, ) SYS_fchmod, SYS_fchmodat, SYS_fchmodat2}};
-const Calls kStatus{{OLDER(SYS_stat, SYS_lstat, ) SYS_newfstatat, SYS_fstat, SYS_statx}};
-const Calls kOpen{{OLDER(SYS_open, ) SYS_openat, SYS_openat2}};
-const Calls kSetAttribute{{SYS_setxattr, SYS_lsetxattr, SYS_fsetxattr}};
-const Calls kMakeDirectory{{OLDER(SYS_mkdir, ) SYS_mkdirat}};
-const Calls kRemove{{OLDER(SYS_unlink, SYS_rmdir, ) SYS_unlinkat}};
-const Calls kGetAttribute{{SYS_getxattr, SYS_lgetxattr, SYS_fgetxattr}};
-const Calls kFlags{{SYS_ioctl, SYS_file_setattr}};
-const Calls kLock{{SYS_flock}};
-const Calls kReadDirectory{{SYS_getdents64}};
-
-bool Calls::Contain(int number) const
-{
-    return (std::find(numbers.begin(), numbers.end(), number) != numbers.end()) != except;
-}
+const Calls kRename{OLDER(SYS_rename, ) SYS_renameat, SYS_renameat2};
+const Calls kMode{OLDER(SYS_chmod, ) SYS_fchmod, SYS_fchmodat, SYS_fchmodat2};
+const Calls kMakeDirectory{OLDER(SYS_mkdir, ) SYS_mkdirat};
+const Calls kFlags{SYS_ioctl, SYS_file_setattr};
+const Calls kLock{SYS_flock};
 
 namespace {
 
-constexpr size_t kLines = 200, kText = 1200;
+// Never heard of by the parent: memory, whose failures are the allocator's to tell; what ends a process; and
+// sendmsg, which hands the listener over.
+constexpr int kUnheard[] = {SYS_brk,     SYS_mmap,    SYS_munmap,         SYS_mremap,       SYS_mprotect,
+                            SYS_madvise, SYS_futex,   SYS_exit_group,     SYS_tgkill,       SYS_gettid,
+                            SYS_getpid,  SYS_sendmsg, SYS_rt_sigprocmask, SYS_rt_sigaction, SYS_rt_sigreturn};
+constexpr int kEndless = 100000; // calls that no operation of a test comes near
 
 // What the child leaves for its parent, in memory that both see.
 struct Report {
@@ -66,50 +57,48 @@ struct Report {
     bool succeeded, hasError, allocationFailed;
     int32_t status;
     intptr_t underlying;
-    char message[kText];
-    size_t lineCount;
-    struct {
-        int level;
-        char text[kText];
-    } lines[kLines];
+    int leaked;
+    size_t used;
+    char texts[256 << 10]; // each behind its kind and with its zero: 'E'rror, 'A'nswer, or the level of a line
 };
 Report *report;
-int allocationsLeft = -1;
+int allocationsLeft; // until one fails, if above 0
+bool tracking;       // allocations,
+int live;            // those that were not given back
 
-[[maybe_unused]] bool AllocationFails()
+void Keep(char kind, const char *text)
 {
-    if (allocationsLeft <= 0 || --allocationsLeft > 0) return false;
-    report->allocationFailed = true;
-    errno = ENOMEM;
-    return true;
+    const size_t size = std::strlen(text) + 2;
+    if (report->used + size > sizeof report->texts) return;
+    report->texts[report->used] = kind;
+    std::memcpy(report->texts + report->used + 1, text, size - 1);
+    report->used += size;
 }
 
-void Keep(int level, const char *line)
+void StopCounting()
 {
-    if (report->lineCount == kLines) return;
-    auto &slot = report->lines[report->lineCount++];
-    slot.level = level;
-    (void)snprintf(slot.text, kText, "%s", line);
+    report->counting = false;
+    allocationsLeft = 0;
 }
 
 [[noreturn]] void RunChild(const Fault &fault, const Operation &operation)
 {
-    platform::SetLogSink(Keep);
+    platform::SetLogSink([](int level, const char *line) { Keep(static_cast<char>('0' + level), line); });
     (void)tq_log_set_level(7);
     OwnedError error;
     TQError **const out = error.out();
-    allocationsLeft = fault.act == Fault::Act::FailAllocation ? fault.nth : -1;
-    report->counting = true;
-    const bool succeeded = operation(out);
-    report->counting = false;
-    allocationsLeft = -1;
-    report->succeeded = succeeded;
-    report->hasError = !succeeded && error.get() != nullptr;
+    allocationsLeft = fault.act == Fault::Act::FailAllocation ? fault.nth : 0;
+    report->counting = tracking = true;
+    report->succeeded = operation(out);
+    StopCounting();
+    report->hasError = !report->succeeded && error.get() != nullptr;
     if (report->hasError) {
         report->status = error.status();
         report->underlying = error.underlying();
-        (void)snprintf(report->message, kText, "%s", error.description().c_str());
+        Keep('E', error.description().c_str());
     }
+    (void)error.out(); // lets go of what it holds
+    report->leaked = live;
     report->finished = true;
     _exit(0);
 }
@@ -122,19 +111,16 @@ struct Passed {
     msghdr message{nullptr, 0, &data, 1, control, sizeof control, 0};
 };
 
-// From here on every call of the child waits for its parent's answer, but for those that end a process or, like
-// sendmsg below, hand the listener over.
+// From here on every call of the child waits for its parent's answer.
 void ListenAndPass(int socket)
 {
-    sock_filter program[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sendmsg, 3, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 2, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_rt_sigreturn, 1, 0),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog filter = {static_cast<unsigned short>(std::size(program)), program};
+    std::vector<sock_filter> program{BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+    for (const int unheard : kUnheard) {
+        program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(unheard), 0, 1));
+        program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+    }
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF));
+    const sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
     // An ordinary user may filter only what can't gain privileges any more.
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) _exit(2);
     const long listener = syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter);
@@ -156,23 +142,26 @@ int ReceiveListener(int socket)
     return fd;
 }
 
-// Answers the child's calls until it has ended.
-void Supervise(pid_t child, int listener, const Fault &fault, Outcome &outcome)
+// Answers the child's calls until it has ended. False if it had to be ended here, by no fault.
+bool Supervise(pid_t child, int listener, const Fault &fault, Outcome &outcome)
 {
-    bool killNext = false;
-    for (;;) {
+    for (bool killNext = false;;) {
         pollfd ready = {listener, POLLIN, 0};
-        if (poll(&ready, 1, -1) < 0 || (ready.revents & POLLIN) == 0) return; // nobody is left behind the filter
+        if (poll(&ready, 1, -1) < 0 || (ready.revents & POLLIN) == 0) return true; // nobody is left behind the filter
         seccomp_notif call{};
         if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) continue;
-        const bool counted = report->counting && fault.calls.Contain(call.data.nr);
+        const auto &calls = fault.calls;
+        const bool counted =
+            report->counting && (calls.empty() || std::find(calls.begin(), calls.end(), call.data.nr) != calls.end());
         outcome.count += counted ? 1 : 0;
-        const bool here = counted && (outcome.count == fault.nth ||
-                                      (fault.act == Fault::Act::FailFromThere && outcome.count > fault.nth));
+        const bool first = counted && outcome.count == fault.nth,
+                   here = first || (counted && fault.fromThereOn && outcome.count > fault.nth);
         outcome.faultFired |= here;
-        if (killNext || (here && fault.act == Fault::Act::KillBefore)) {
+        if (first) outcome.call = call.data.nr;
+        const bool endless = outcome.count > kEndless;
+        if (killNext || endless || (here && fault.act == Fault::Act::KillBefore)) {
             (void)kill(child, SIGKILL);
-            return;
+            return !endless;
         }
         // What a call did is done when the next one begins.
         killNext = here && fault.act == Fault::Act::KillAfter;
@@ -182,6 +171,24 @@ void Supervise(pid_t child, int listener, const Fault &fault, Outcome &outcome)
         answer.error = fail ? -fault.error : 0;
         answer.flags = fail ? 0 : SECCOMP_USER_NOTIF_FLAG_CONTINUE;
         (void)ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &answer);
+    }
+}
+
+void ReadReport(Outcome &outcome)
+{
+    outcome.succeeded = report->finished && report->succeeded;
+    outcome.faultFired |= report->allocationFailed;
+    outcome.hasError = report->hasError;
+    outcome.status = report->status;
+    outcome.underlying = report->underlying;
+    outcome.leaked = report->leaked;
+    for (size_t at = 0; at < report->used;) {
+        const std::string text = report->texts + at;
+        at += text.size() + 1;
+        if (text[0] == 'E' || text[0] == 'A')
+            (text[0] == 'E' ? outcome.message : outcome.answer) = text.substr(1);
+        else
+            outcome.log.push_back({text[0] - '0', text.substr(1)});
     }
 }
 
@@ -205,32 +212,35 @@ Outcome InChild(const Fault &fault, const Operation &operation)
     }
     (void)close(sockets[1]);
     Outcome outcome;
+    bool ends = true;
     if (const int listener = listens ? ReceiveListener(sockets[0]) : -1; listener >= 0) {
-        Supervise(child, listener, fault, outcome);
+        ends = Supervise(child, listener, fault, outcome);
         (void)close(listener);
     }
     (void)close(sockets[0]);
     int ended = 0;
     (void)waitpid(child, &ended, 0);
-
+    ReadReport(outcome);
+    outcome.signal = WIFSIGNALED(ended) ? WTERMSIG(ended) : 0;
     using Fate = Outcome::Fate;
-    outcome.succeeded = report->finished && report->succeeded;
-    outcome.fate = outcome.succeeded                                  ? Fate::Succeeded
-                   : report->finished                                 ? Fate::Failed
-                   : WIFSIGNALED(ended) && WTERMSIG(ended) == SIGKILL ? Fate::Killed
-                                                                      : Fate::Crashed;
-    outcome.faultFired |= report->allocationFailed;
-    outcome.hasError = report->hasError;
-    outcome.status = report->status;
-    outcome.underlying = report->underlying;
-    outcome.message = report->message;
-    for (size_t i = 0; i < report->lineCount; ++i)
-        outcome.log.push_back({report->lines[i].level, report->lines[i].text});
+    outcome.fate = outcome.succeeded                   ? Fate::Succeeded
+                   : report->finished                  ? Fate::Failed
+                   : ends && outcome.signal == SIGKILL ? Fate::Killed
+                                                       : Fate::Crashed;
     (void)munmap(report, sizeof(Report));
+    report = nullptr;
     return outcome;
 }
 
-// The C library's own allocator, made to fail on demand. The sanitizers bring theirs, which is left alone.
+void Answer(const std::function<std::string()> &text)
+{
+    if (!report) return; // no child's
+    StopCounting();
+    Keep('A', text().c_str());
+}
+
+// The C library's own allocator, counted in a child and made to fail on demand. The sanitizers bring theirs, which is
+// left alone.
 #if defined(__has_feature)
 #define HAS_FEATURE(feature) __has_feature(feature)
 #else
@@ -241,21 +251,42 @@ Outcome InChild(const Fault &fault, const Operation &operation)
 const bool kCanFailAllocations = false;
 #else
 const bool kCanFailAllocations = true;
+
 extern "C" {
 void *__libc_malloc(size_t size);
 void *__libc_calloc(size_t count, size_t size);
 void *__libc_realloc(void *pointer, size_t size);
+void __libc_free(void *pointer);
+
+static bool _Fails()
+{
+    if (allocationsLeft <= 0 || --allocationsLeft > 0) return false;
+    report->allocationFailed = true;
+    errno = ENOMEM;
+    return true;
+}
+static void *_Tracked(void *pointer)
+{
+    if (tracking && pointer) ++live;
+    return pointer;
+}
 void *malloc(size_t size)
 {
-    return AllocationFails() ? nullptr : __libc_malloc(size);
+    return _Fails() ? nullptr : _Tracked(__libc_malloc(size));
 }
 void *calloc(size_t count, size_t size)
 {
-    return AllocationFails() ? nullptr : __libc_calloc(count, size);
+    return _Fails() ? nullptr : _Tracked(__libc_calloc(count, size));
 }
 void *realloc(void *pointer, size_t size)
 {
-    return AllocationFails() ? nullptr : __libc_realloc(pointer, size);
+    if (_Fails()) return nullptr;
+    return pointer ? __libc_realloc(pointer, size) : _Tracked(__libc_malloc(size));
+}
+void free(void *pointer)
+{
+    if (tracking && pointer) --live;
+    __libc_free(pointer);
 }
 }
 #endif

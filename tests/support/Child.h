@@ -3,7 +3,7 @@
 // The fault lies at the Nth system call of the operation, those made inside the C library counted too. The child
 // hands a seccomp notification of every call to its parent, which counts it and lets it through, answers with an
 // errno, or kills the child there; the library has no part in this. Or it is the Nth allocation that gets
-// nothing. What is counted begins with the operation and ends with its return.
+// nothing. What is counted begins with the operation and ends with its return, or with its Answer.
 
 #pragma once
 
@@ -13,42 +13,42 @@
 
 #include <vaultry/error.h>
 
-// A set of system calls by number, or everything but such a set.
-struct Calls {
-    std::vector<int> numbers;
-    bool except = false;
-    bool Contain(int number) const;
-};
-extern const Calls kMemory, kAllButMemory, kRename, kMode, kStatus, kOpen, kSetAttribute, kMakeDirectory, kRemove,
-    kGetAttribute, kFlags, kLock, kReadDirectory;
+using Calls = std::vector<int>; // system calls by number; none of them stands for all
+extern const Calls kRename, kMode, kMakeDirectory, kFlags, kLock;
+inline const Calls kAllButMemory; // whose failures are the allocator's to tell
 
 struct Fault {
-    enum class Act { None, Fail, FailFromThere, KillBefore, KillAfter, FailAllocation };
+    enum class Act { None, Fail, KillBefore, KillAfter, FailAllocation };
     Act act = Act::None;
     int nth = 0; // from 1
     int error = 0;
-    Calls calls = kAllButMemory;
+    Calls calls = {};
+    bool fromThereOn = false;
 };
-inline Fault FailCall(int nth, int error, const Calls &calls = kAllButMemory)
+inline Fault FailCall(int nth, int error, const Calls &calls = {})
 {
     return {Fault::Act::Fail, nth, error, calls};
 }
-inline Fault KillBefore(int nth, const Calls &calls = kAllButMemory)
+inline Fault FailFromCallOn(int nth, int error, const Calls &calls = {})
+{
+    return {Fault::Act::Fail, nth, error, calls, true};
+}
+inline Fault KillBefore(int nth, const Calls &calls = {})
 {
     return {Fault::Act::KillBefore, nth, 0, calls};
 }
-inline Fault KillAfter(int nth, const Calls &calls = kAllButMemory)
+inline Fault KillAfter(int nth, const Calls &calls = {})
 {
     return {Fault::Act::KillAfter, nth, 0, calls};
 }
-inline Fault CountCalls(const Calls &calls)
+inline Fault CountCalls(const Calls &calls = {})
 {
     return {Fault::Act::Fail, 0, 0, calls};
 }
-extern const bool kCanFailAllocations; // false under a sanitizer
+extern const bool kCanFailAllocations; // false under a sanitizer, which brings its own
 inline Fault FailAllocation(int nth)
 {
-    return {Fault::Act::FailAllocation, nth, 0, {}};
+    return {Fault::Act::FailAllocation, nth};
 }
 
 struct LogLine {
@@ -57,16 +57,19 @@ struct LogLine {
 };
 
 struct Outcome {
-    enum class Fate { Succeeded, Failed, Killed, Crashed }; // Crashed: it ended itself, by a signal or a report
+    enum class Fate { Succeeded, Failed, Killed, Crashed }; // Crashed: it ended itself, or never would have
     Fate fate = Fate::Crashed;
     bool succeeded = false; // by its own result
     bool hasError = false;
     int32_t status = 0;
     intptr_t underlying = 0; // the POSIX error underneath
-    std::string message;
+    std::string message, answer;
     std::vector<LogLine> log; // lines of every level
     bool faultFired = false;
-    int count = 0; // calls that the fault's set contains
+    int call = 0;   // that the fault struck, by number
+    int signal = 0; // that ended it
+    int count = 0;  // calls that the fault's set contains
+    int leaked = 0; // allocations that outlived the operation and its error
 };
 
 using Operation = std::function<bool(TQError **)>;
@@ -75,3 +78,7 @@ inline Outcome InChild(const Operation &operation)
 {
     return InChild(Fault{}, operation);
 }
+
+// Called by an operation when its work is done: ends the fault, and hands what it was given, as `text` describes it, to
+// the parent.
+void Answer(const std::function<std::string()> &text);

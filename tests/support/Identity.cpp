@@ -35,11 +35,12 @@ std::string NameOf(As who)
     return who == As::Root ? "Root" : who == As::User ? "User" : "UserWithImmutableCapability";
 }
 
-Impersonate::Impersonate(As who, uid_t user) : wasRoot_(geteuid() == 0)
+Impersonate::Impersonate(As who) : wasRoot_(geteuid() == 0)
 {
     if (who == As::Root) return;
     // The saved id stays 0: it keeps the permitted capabilities, and the way back.
-    if (wasRoot_ && (setgroups(0, nullptr) != 0 || setresgid(user, user, 0) != 0 || setresuid(user, user, 0) != 0))
+    if (wasRoot_ && (setgroups(0, nullptr) != 0 || setresgid(kTestUser, kTestUser, 0) != 0 ||
+                     setresuid(kTestUser, kTestUser, 0) != 0))
         abort();
     Capabilities capabilities;
     capabilities.data[0].effective = who == As::Capable ? kImmutableBit : 0;

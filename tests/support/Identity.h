@@ -13,8 +13,7 @@
 
 enum class As { Root, User, Capable };
 
-// Whom root becomes: ids that own nothing else.
-constexpr uid_t kTestUser = 12345, kOtherUser = 23456;
+constexpr uid_t kTestUser = 12345; // whom root becomes: an id that owns nothing else
 
 bool CanBe(As who);
 std::string NameOf(As who);
@@ -22,7 +21,7 @@ std::string NameOf(As who);
 // The effective and real user for the span of a scope; also what a child forked in it is.
 class Impersonate {
 public:
-    explicit Impersonate(As who, uid_t user = kTestUser);
+    explicit Impersonate(As who);
     ~Impersonate();
     Impersonate(const Impersonate &) = delete;
     Impersonate &operator=(const Impersonate &) = delete;

@@ -40,9 +40,9 @@ inline Ref<TQString> String(const std::string &text)
     return Ref<TQString>::Adopt(TQStringCreateWithBytes(text.data(), text.size()));
 }
 
-inline Ref<TQURL> FileURL(const std::string &path)
+inline Ref<TQURL> FileURL(std::string_view path)
 {
-    return Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPath(path.c_str(), false));
+    return Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPath(path.data(), false));
 }
 
 inline Ref<TQArray> Names(const std::vector<std::string> &names)

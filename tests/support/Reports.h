@@ -6,8 +6,6 @@
 #include "support/Disk.h"
 #include "support/Library.h"
 
-#include <map>
-
 struct Says {
     std::string text; // "$" is the test's directory, "*" a unique name
     int level;
@@ -34,17 +32,9 @@ inline Says Logs(int error, const std::string &text, int level = 3)
 }
 
 struct Row {
-    Row(Says says_, Operation run_, Fault fault_ = {}) : Row("", std::move(says_), std::move(run_), std::move(fault_))
-    {
-    }
-    Row(const char *what_, Says says_, Operation run_, Fault fault_ = {})
-        : what(what_), says(std::move(says_)), run(std::move(run_)), fault(std::move(fault_))
-    {
-    }
-    std::string what; // where the message alone does not tell
     Says says;
     Operation run;
-    Fault fault;
+    Fault fault = {};
 };
 
 // "$" and "*" put where they belong, so that a message compares whole.
@@ -52,14 +42,3 @@ std::string Plain(std::string text, const std::string &directory);
 
 void ExpectSays(const Outcome &outcome, const Says &says, const std::string &directory);
 void ExpectRows(const std::vector<Row> &rows, const std::string &directory);
-
-// A fault at every call of an operation in turn, until one lies past the last: `round` makes everything afresh, runs the
-// operation with that fault, and checks what it left behind. The answer has one outcome for each message: the error's
-// as it is, a line's with its level in front, both without "; error …".
-std::map<std::string, Outcome> Sweep(const std::function<Fault(int nth)> &fault,
-                                     const std::function<Outcome(const Fault &, std::string *directory)> &round);
-
-// The messages are among those of a sweep that failed every call with `error`: error objects with the status of that
-// error and a line at level 3, or lines alone.
-void ExpectReported(const std::map<std::string, Outcome> &sweep, int error, const std::vector<std::string> &errors,
-                    const std::vector<std::string> &lines = {});

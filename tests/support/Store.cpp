@@ -43,9 +43,9 @@ TestStore::TestStore(Document kind, const std::string &volume)
     EXPECT_NE(handle_, nullptr) << error.description();
 }
 
-void TestStore::RememberDocument()
+void TestStore::Remember(const std::string &document, const std::string &name)
 {
-    contents_ = Contents(document_);
+    contents_[name] = Contents(document);
 }
 
 bool TestStore::Add(const std::string &name, TQError **error, bool copy, uint64_t options) const
@@ -73,7 +73,7 @@ void TestStore::CheckInvariants(const std::string &lifted, bool killed)
     for (const auto &name : List()) {
         SCOPED_TRACE("generation " + name);
         const std::string generation = Generation(name);
-        EXPECT_TRUE(Same(contents_, Contents(generation)));
+        EXPECT_TRUE(Same(contents_[contents_.count(name) ? name : ""], Contents(generation)));
         if (name != lifted) ExpectProtected(generation);
     }
     if (!killed) {

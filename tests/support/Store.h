@@ -32,8 +32,10 @@ public:
     bool Remove(const std::vector<std::string> &names, TQError **error = nullptr) const;
     std::vector<std::string> List() const;
 
-    const Snapshot &contents() const { return contents_; }
-    void RememberDocument(); // as what every generation contains, after a change to it
+    const Snapshot &contents() const { return contents_.at(""); }
+    // What generations contain: all of them, or the one of that name.
+    void Remember(const std::string &document, const std::string &name = "");
+    void RememberDocument() { Remember(document_); }
 
     // What holds after any operation, failed or not: every listed generation is whole and write-protected, with its
     // record of permissions; the root is protected; staging is empty; the lock is free; the next operations work.
@@ -43,6 +45,6 @@ public:
 private:
     TempDirectory directory_;
     std::string root_, document_;
-    Snapshot contents_; // of every generation
+    std::map<std::string, Snapshot> contents_; // of the generations of that name; "" is all others
     TQClientManagedStorage *handle_ = nullptr;
 };

@@ -1,0 +1,297 @@
+#include "faults/Sweep.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <sys/syscall.h>
+
+namespace {
+
+using Fate = Outcome::Fate;
+using Act = Fault::Act;
+constexpr unsigned kLasting = Snapshot::kContents | Snapshot::kRights;
+
+// EIO first: it is never taken for an answer.
+constexpr int kErrors[] = {EIO, ENOSPC, EACCES, EPERM, EMFILE, ENOMEM, EINTR, EDQUOT, EROFS, EXDEV, EINVAL, ENOTSUP};
+// From some call on: a disk that broke, is full, or was made read-only.
+constexpr int kLastingErrors[] = {EIO, ENOSPC, EROFS};
+
+// What one failing call leaves because it struck the clean-up, which said so in the log.
+const struct {
+    std::regex said, left;
+} kResidue[] = {
+    {std::regex("failed to protect store"), std::regex("/store|/out")},
+    {std::regex("deletable|Failed to remove|fts_"), std::regex("/store/\\.vaultry_staging/.*|/out.*|.*nosync.*")},
+    {std::regex("Failed to revert"), std::regex("/store/[a-z]+")},
+    {std::regex("create file URL|writable before moving it|rename old file to temp"), std::regex(".*nosync\\.\\*")},
+    {std::regex("rename old file to temp|make restore permissions"),
+     std::regex("/d|/d.rtf|/other volume/d")}, // writable
+    {std::regex("duplix from"), std::regex("/other volume/.*")},
+};
+
+bool IsLong()
+{
+    return std::getenv("VAULTRY_LONG") != nullptr;
+}
+
+// Under a sanitizer, which makes them slow, a few of the calls.
+const int kStep = kCanFailAllocations ? 1 : 7;
+
+int failingCalls, kills, allocations, violations;
+
+class Figures : public testing::Environment {
+    void TearDown() override
+    {
+        std::printf("figures: %d failing calls, %d kills, %d failing allocations, %d violations\n", failingCalls, kills,
+                    allocations, violations);
+    }
+};
+const auto *const figures = testing::AddGlobalTestEnvironment(new Figures);
+
+int Failures()
+{
+    return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
+}
+
+// A copy that was to take the place of a hard link may lie beside it.
+Snapshot ContentsOf(const std::string &path)
+{
+    Snapshot contents = Snapshot::Of(path, Snapshot::kContents);
+    std::erase_if(contents.items, [](const auto &item) { return item.first.find('_') != std::string::npos; });
+    return contents;
+}
+
+// What is left out of a comparison because a call that is allowed to fail did.
+std::string MayLack(int call, int error)
+{
+    // The store's attributes stay on a copy that can't lose them.
+    if (call == SYS_fremovexattr) return " user\\.com\\.corvane\\.vaultry\\.\\w+=\\S+";
+    // A file system without attributes, and one without flags, or a user without the right to them.
+    if (error == ENOTSUP && call == SYS_flistxattr) return " (user|system)\\.\\S+=\\S+";
+    return error == ENOTSUP || error == EPERM ? " flags \\d+" : "";
+}
+
+std::string Without(const std::string &what, const std::string &item)
+{
+    return what.empty() ? item : std::regex_replace(item, std::regex(what), "");
+}
+
+std::string Show(const Fault &fault)
+{
+    const char *const acts[] = {"nothing", "failing", "kill before", "kill after", "failing allocation"};
+    return std::string(acts[static_cast<int>(fault.act)]) + " " + std::to_string(fault.nth) +
+           (fault.error != 0 ? std::string(" ") + strerrorname_np(fault.error) : "") +
+           (fault.fromThereOn ? " from there on" : "");
+}
+
+} // namespace
+
+Scene::Scene(TestStore::Document kind, bool lifts)
+    : store(kind, QuickVolume()), document(store.document()),
+      library(Ref<TQLibrary>::Adopt(TQLibraryCreateClientManaged(nullptr, FileURL(store.root()).get(), nullptr)))
+{
+    EXPECT_TRUE(store.Add("kept", nullptr, true, 6));
+    store.Remember(document, "kept");
+    const std::string kept = store.Generation("kept");
+    EXPECT_TRUE(TQSetOriginalDisplayName(kept.c_str(), String("shown").get(), nullptr));
+    EXPECT_TRUE(TQSetInfoValue(kept.c_str(), String("key").get(), String("value").get(), nullptr));
+    if (kind == TestStore::Document::File) {
+        disk::Write(document, "changed");
+        EXPECT_EQ(truncate(document.c_str(), 96 << 10), 0);
+        disk::SetAttribute(document, "com.example.kind", "file");
+        disk::SetFlags(document, FS_NODUMP_FL);
+    } else {
+        // Everything that archiving has to lift: no write bits, and flags where they are lifted; and hard links.
+        const std::string flagged = disk::MakeDirectory(document + "/flagged");
+        for (const std::string &name : {flagged + "/link", store / "outside"})
+            EXPECT_EQ(link((document + "/twin").c_str(), name.c_str()), 0);
+        chmod((document + "/folder").c_str(), 0555);
+        chmod(document.c_str(), lifts ? 0775 : 0555); // a flag would not let it be made writable again
+        disk::SetFlags(flagged, lifts ? FS_APPEND_FL : 0);
+        disk::SetFlags(document, lifts ? FS_NODUMP_FL | FS_IMMUTABLE_FL : FS_NODUMP_FL);
+    }
+    store.RememberDocument();
+}
+
+void Scene::WorkOn(const std::string &path, bool folder)
+{
+    document = restored = path;
+    disk::Write(folder ? disk::MakeDirectory(path) + "/in" : path, "now");
+    chmod(path.c_str(), folder ? 0555 : 0640);
+    disk::SetFlags(path, FS_NODUMP_FL);
+    store.Remember(path, "backup");
+}
+
+Snapshot Scene::Now() const
+{
+    Snapshot now;
+    const auto add = [&](const std::string &root, const std::string &as) {
+        for (const auto &[path, item] : Snapshot::Of(root, kLasting).items) now.items[Plain(as + path, "")] = item;
+    };
+    add(store.path(), "");
+    if (otherVolume) add(otherVolume->path(), "/other volume");
+    return now;
+}
+
+bool Scene::HoldsDocument(const Snapshot &contents) const
+{
+    std::vector<std::string> places = {document, store.Generation("g")};
+    const std::string directory = document.substr(0, document.rfind('/'));
+    for (const auto &name : disk::List(directory))
+        if (name.find("-tmp.nosync.") != std::string::npos) places.push_back(directory + "/" + name);
+    for (const auto &name : disk::List(store.Staging())) {
+        const std::string unique = store.Staging() + "/" + name;
+        if (disk::Attribute(unique, "com.corvane.vaultry.moved_from") == document) places.push_back(unique + "/staged");
+    }
+    return std::any_of(places.begin(), places.end(), [&](const auto &place) { return ContentsOf(place) == contents; });
+}
+
+Sweeper::Sweeper(const Swept &swept, As who) : swept_(swept), who_(who)
+{
+    // Twice, and once in this process: what is made once and kept is then no leak.
+    for (const bool here : {true, false}) {
+        Scene scene(swept_.kind, who == As::Capable);
+        swept_.prepare(scene);
+        before_ = scene.Now();
+        documentBefore_ = ContentsOf(scene.document);
+        if (here) {
+            EXPECT_TRUE(swept_.run(scene, nullptr));
+            continue;
+        }
+        const Outcome undisturbed = Run({}, scene);
+        EXPECT_TRUE(undisturbed.succeeded) << undisturbed.message;
+        answer_ = undisturbed.answer;
+        after_ = scene.Now();
+        restored_ = ContentsOf(scene.restored);
+    }
+}
+
+Outcome Sweeper::Run(const Fault &fault, Scene &scene) const
+{
+    return InChild(fault, [&](TQError **why) { return swept_.run(scene, why); });
+}
+
+void Sweeper::Walk()
+{
+    constexpr size_t count = std::size(kErrors);
+    const auto in_turn = [](int nth) { return kErrors[1 + static_cast<size_t>(nth) % (count - 1)]; };
+    Walk(failingCalls, [](int nth) { return FailCall(nth, EIO); });
+    Walk(failingCalls, [&](int nth) { return FailCall(nth, in_turn(nth)); });
+    Walk(failingCalls, [](int nth) {
+        return FailFromCallOn(nth, kLastingErrors[static_cast<size_t>(nth) % std::size(kLastingErrors)]);
+    });
+    Walk(kills, [](int nth) { return KillBefore(nth); });
+    if (IsLong()) {
+        Walk(kills, [](int nth) { return KillAfter(nth); });
+        for (const int error : kErrors) {
+            Walk(failingCalls, [error](int nth) { return FailCall(nth, error); });
+            // A call that is interrupted is made again, for as long as that takes.
+            if (error != EINTR) Walk(failingCalls, [error](int nth) { return FailFromCallOn(nth, error); });
+        }
+    }
+    if (kCanFailAllocations) Walk(allocations, FailAllocation);
+
+    for (std::string text : swept_.says) {
+        if (kStep > 1) break;
+        if (text.rfind("user: ", 0) == 0 && who_ == As::Root) continue;
+        if (text.rfind("cap: ", 0) == 0 && who_ != As::Capable) continue;
+        if (const size_t prefix = text.find(": "); prefix == 4 || prefix == 3) text.erase(0, prefix + 2);
+        EXPECT_TRUE(said_.count(text)) << "no fault gives: " << text
+                                       << "\nthose given: " << testing::PrintToString(said_);
+    }
+}
+
+void Sweeper::Walk(int &points, const Faults &faults)
+{
+    for (int nth = 1;; nth += kStep) {
+        const Fault fault = faults(nth);
+        SCOPED_TRACE(Show(fault));
+        Scene scene(swept_.kind, who_ == As::Capable);
+        swept_.prepare(scene);
+        const Outcome outcome = Run(fault, scene);
+        const int failures = Failures();
+        Judge(fault, outcome, scene);
+        swept_.then(scene);
+        if (disk::Exists(scene.store.root())) scene.store.CheckInvariants(swept_.subject, /*killed=*/true);
+        violations += Failures() > failures ? 1 : 0;
+        if (!outcome.faultFired) {
+            EXPECT_TRUE(outcome.succeeded) << outcome.message;
+            return;
+        }
+        ++points;
+    }
+}
+
+void Sweeper::Judge(const Fault &fault, const Outcome &outcome, Scene &scene)
+{
+    // A process that can't release its lock stops, on purpose.
+    const bool stopped = outcome.fate == Fate::Crashed;
+    const bool mayStop =
+        outcome.signal == SIGABRT && fault.act == Act::Fail && (fault.fromThereOn || outcome.call == SYS_flock);
+    EXPECT_TRUE(!stopped || mayStop) << "it ended itself, by signal " << outcome.signal;
+    const bool broken = stopped || fault.fromThereOn || outcome.fate == Fate::Killed;
+    std::string told = outcome.message;
+    for (const auto &line : outcome.log) told += swept_.silent ? line.text : "";
+    const bool stays = std::regex_search(told, std::regex(swept_.stays));
+
+    std::set<std::string> paths;
+    const Snapshot found = scene.Now();
+    for (const Snapshot *snapshot : {&std::as_const(before_), &std::as_const(after_), &found})
+        for (const auto &[path, item] : snapshot->items) paths.insert(path);
+    const std::regex unfinished(swept_.unfinished + "|/store|/store/\\.vaultry_staging/.*");
+    const std::string lacking = fault.act == Act::Fail ? MayLack(outcome.call, fault.error) : "";
+    std::string wrong;
+    for (const auto &path : paths) {
+        const auto item = [&](const Snapshot &snapshot) {
+            const auto place = snapshot.items.find(path);
+            return place == snapshot.items.end() ? "nothing" : Without(lacking, place->second);
+        };
+        const bool isBefore = item(found) == item(before_), isAfter = item(found) == item(after_);
+        if (outcome.succeeded ? isAfter : isBefore || ((broken || stays) && isAfter)) continue;
+        if ((broken || stays) && std::regex_match(path, unfinished)) continue;
+        const bool said = std::any_of(std::begin(kResidue), std::end(kResidue), [&](const auto &residue) {
+            return std::regex_match(path, residue.left) &&
+                   std::any_of(outcome.log.begin(), outcome.log.end(),
+                               [&](const LogLine &line) { return std::regex_search(line.text, residue.said); });
+        });
+        if (!said)
+            wrong += "\n'" + path + "' before: " + item(before_) + "\n    after success: " + item(after_) +
+                     "\n    found: " + item(found);
+    }
+    EXPECT_TRUE(wrong.empty()) << (outcome.succeeded ? "it succeeded" : "it failed: ") << outcome.message << wrong;
+    EXPECT_TRUE(scene.HoldsDocument(documentBefore_) ||
+                (!scene.restored.empty() && ContentsOf(scene.restored) == restored_))
+        << "the document is lost";
+    EXPECT_TRUE(!outcome.succeeded || outcome.answer == answer_ ||
+                (fault.act == Act::Fail && std::regex_match(outcome.answer, std::regex(swept_.lesser))))
+        << outcome.answer;
+    EXPECT_TRUE(fault.act != Act::FailAllocation || outcome.leaked == 0) << outcome.leaked << " leaked";
+    if (!broken) JudgeReport(fault, outcome, scene);
+}
+
+void Sweeper::JudgeReport(const Fault &fault, const Outcome &outcome, const Scene &scene)
+{
+    const auto plain = [&](const std::string &text) {
+        const std::string other = scene.otherVolume ? scene.otherVolume->path() : "";
+        return Plain(Plain(text, scene.store.path()), other);
+    };
+    const auto bare = [](const std::string &text) { return text.substr(0, text.find("; error ")); };
+    for (const auto &line : outcome.log) {
+        // "file.cpp:12 message (on label)"
+        const std::string text = plain(line.text.substr(0, line.text.rfind(" (on ")));
+        said_.insert(std::to_string(line.level) + " " + bare(text.substr(text.find(' ') + 1)));
+    }
+    if (outcome.succeeded || swept_.silent) return;
+    EXPECT_TRUE(outcome.hasError) << "no error object";
+    const std::string text = bare(plain(outcome.message)),
+                      logged = outcome.message.substr(0, outcome.message.find_last_not_of('\n') + 1);
+    // A property list that can't be read says why in words of its own.
+    EXPECT_TRUE(std::any_of(outcome.log.begin(), outcome.log.end(),
+                            [&](const LogLine &line) {
+                                return line.text.find(logged) != std::string::npos ||
+                                       line.text.find("property list") != std::string::npos;
+                            }))
+        << "not logged: " << outcome.message;
+    if (outcome.underlying == 0) return;
+    EXPECT_EQ(outcome.status, TQGetStatusForErrno(static_cast<int>(outcome.underlying))) << outcome.message;
+    if (outcome.underlying == fault.error) said_.insert(text);
+}
