@@ -6,19 +6,17 @@
 #pragma once
 
 #include "Platform/UniqueFd.h"
-#include "support/Volumes.h"
+
+#include <string>
 
 class PoweredVolume {
 public:
-    // Of VolumeOfType("ext4") or "xfs", which must be there.
-    explicit PoweredVolume(const std::string &type);
+    explicit PoweredVolume(const std::string &type); // ext4 or xfs, a VolumeOfType that is there
 
-    enum class Journal { Lost, Written }; // with what it held of the last seconds
+    enum class Journal { Lost, Written }; // with what it holds of the last seconds
 
-    // Nobody has anything open there.
-    void CutPower(Journal journal);
+    void CutPower(Journal journal); // nobody has anything open there
     void FlushAll() const;
-    const std::string &path() const { return path_; }
 
 private:
     std::string type_, path_, device_;

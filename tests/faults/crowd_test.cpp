@@ -1,0 +1,147 @@
+// A crowd in one store: processes that add, remove and set, killed at any moment; threads that read, query, copy out and
+// write beside them. Every reader sees whole generations and moments that were, and in the end the store is well.
+
+#include "Platform/SystemLog.h"
+#include "support/Tests.h"
+
+#include <vaultry/vaultry.hpp>
+
+#include <atomic>
+#include <cstdlib>
+#include <random>
+#include <set>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <thread>
+
+namespace {
+
+// What all processes see.
+struct Tally {
+    std::atomic<bool> stop;
+    std::atomic<long> writes, kills, reads;
+};
+
+// One process. Everything that is kept has one content, that of "base", which nobody removes.
+[[noreturn]] void Write(const TestStore &at, Tally &tally, unsigned seed)
+{
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::mt19937 random(seed);
+    const vaultry::Store store = *vaultry::Store::open(at.root());
+    const std::string home = at / "home-" + std::to_string(seed), part = at / "part-" + std::to_string(seed);
+    for (;; ++tally.writes) {
+        const std::string name = "g" + std::to_string(random() % 8),
+                          letters(300, static_cast<char>('a' + random() % 26));
+        const auto what = random() % 6;
+        if (what == 0) (void)store.add(name, at.document(), random() % 2 * 6);
+        if (what == 1) (void)store.remove({name});
+        if (what == 2) (void)store.set_options(random() % 2 == 0 ? name : "base", 6);
+        if (what == 3) (void)store.set_display_name("base", vaultry::String(letters));
+        if (what == 4) (void)store.set_info("base", "letters", vaultry::String(letters));
+        if (what != 5) continue;
+        // Made and removed under another name, so that what stands at `home` is whole.
+        if (store.copy("base", part) && rename(part.c_str(), home.c_str()) == 0) (void)store.add_by_moving(name, home);
+        if (rename(home.c_str(), part.c_str()) == 0) (void)vaultry::Store::destroy(part);
+    }
+}
+
+// Keeps three writers going: kills one after the other, and puts another in its place.
+[[noreturn]] void Herd(const TestStore &at, Tally &tally)
+{
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL); // and theirs follow
+    std::mt19937 random(1);
+    pid_t writers[3] = {};
+    for (unsigned seed = 0; !tally.stop; ++seed) {
+        pid_t &writer = writers[seed < std::size(writers) ? seed : random() % std::size(writers)];
+        if (writer != 0) {
+            usleep(static_cast<useconds_t>(random() % 20000));
+            (void)kill(writer, SIGKILL);
+            (void)waitpid(writer, nullptr, 0);
+            ++tally.kills;
+        }
+        writer = fork();
+        if (writer == 0) Write(at, tally, seed);
+    }
+    for (const pid_t writer : writers) (void)kill(writer, SIGKILL), (void)waitpid(writer, nullptr, 0);
+    _exit(0);
+}
+
+// One moment: "b" is added after "a", and both are removed at once.
+template <class Names> void ExpectMoment(const Names &names)
+{
+    const auto count = [&](const char *name) { return std::count(names.begin(), names.end(), name); };
+    EXPECT_EQ(count("base"), 1);
+    EXPECT_GE(count("a"), count("b"));
+}
+
+void Read(const TestStore &at, Tally &tally, unsigned seed)
+{
+    std::mt19937 random(seed);
+    const vaultry::Store store = *vaultry::Store::open(at.root());
+    const auto isWhole = [](const std::string &letters) {
+        return letters.find_first_not_of(letters.substr(0, 1)) == std::string::npos;
+    };
+    for (const std::string out = at / "out-" + std::to_string(seed); !tally.stop; ++tally.reads) {
+        usleep(static_cast<useconds_t>(random() % 2000)); // readers without a pause would leave writers none
+        const auto names = store.names();
+        const auto records = store.query();
+        ASSERT_TRUE(names && records);
+        ExpectMoment(*names);
+        std::vector<std::string> recorded;
+        for (const auto &record : *records) {
+            recorded.push_back(record.name);
+            const auto letters = record.info["letters"].as<vaultry::String>();
+            EXPECT_TRUE(isWhole(letters ? letters.str() : "") && isWhole(record.display_name.value_or("")));
+        }
+        ExpectMoment(recorded);
+        const std::string &name = recorded[random() % recorded.size()];
+        const auto copied = store.copy(name, out);
+        EXPECT_TRUE(copied || (name != "base" && !disk::Exists(out))) << copied.error().description();
+        if (!copied) continue;
+        EXPECT_TRUE(Same(at.contents(), Snapshot::Of(out, Snapshot::kContents))) << name;
+        EXPECT_TRUE(vaultry::Store::destroy(out));
+    }
+}
+
+TEST(Crowd, ConcurrentReadersSeeWholeGenerationsWhileWritersAreKilled)
+{
+    const unsigned seconds = std::getenv("VAULTRY_LONG") != nullptr ? 600 : 10;
+    auto &tally =
+        *static_cast<Tally *>(mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    platform::SetLogSink([](int, const char *) {});
+    TestStore at(TestStore::Document::Folder, QuickVolume());
+    ASSERT_TRUE(at.Add("base"));
+    const pid_t herder = fork(); // before any thread is started
+    if (herder == 0) Herd(at, tally);
+    std::vector<std::thread> threads;
+    for (unsigned seed = 0; seed < 3; ++seed) threads.emplace_back([&, seed] { Read(at, tally, seed); });
+    threads.emplace_back([&] {
+        const vaultry::Store store = *vaultry::Store::open(at.root());
+        for (; !tally.stop; ++tally.writes)
+            EXPECT_TRUE(store.add("a", at.document()) && store.add("b", at.document()) && store.remove({"a", "b"}));
+    });
+    sleep(seconds);
+    tally.stop = true;
+    for (auto &thread : threads) thread.join();
+    EXPECT_EQ(waitpid(herder, nullptr, 0), herder);
+
+    EXPECT_TRUE(vaultry::Store::findings(at.root(), /*repair=*/true));
+    for (const auto &finding : *vaultry::Store::findings(at.root()))
+        EXPECT_EQ(finding.kind, "staging-recent") << finding.path;
+    at.CheckInvariants("", /*killed=*/true);
+    for (const auto &name : disk::List(at.path())) {
+        Snapshot home = Snapshot::Of(at / name, Snapshot::kContents);
+        // A copy that was to take the place of a hard link may lie beside it.
+        std::erase_if(home.items, [](const auto &item) { return item.first.find('_') != std::string::npos; });
+        EXPECT_TRUE(!name.starts_with("home-") || Same(at.contents(), home)) << name;
+    }
+    platform::SetLogSink(nullptr);
+    std::printf("figures: %ld reads and %ld writes of a crowd in %u s, %ld writers killed, %d violations\n",
+                tally.reads.load(), tally.writes.load(), seconds, tally.kills.load(),
+                testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count());
+    (void)munmap(&tally, sizeof tally);
+}
+
+} // namespace
