@@ -67,7 +67,7 @@ std::string MayLack(int call, int error)
     if (call == SYS_fremovexattr) return " user\\.com\\.corvane\\.vaultry\\.\\w+=\\S+";
     // A file system without attributes, and one without flags, or a user without the right to them.
     if (error == ENOTSUP && call == SYS_flistxattr) return " (user|system)\\.\\S+=\\S+";
-    return error == ENOTSUP || error == EPERM ? " flags \\d+" : "";
+    return error == ENOTSUP || error == EPERM ? " flags \\d+| \\S*orig_perms_v1=\\d+" : ""; // which records flags too
 }
 
 std::string Without(const std::string &what, const std::string &item)
