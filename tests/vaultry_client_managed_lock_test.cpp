@@ -97,37 +97,4 @@ TEST_F(StoreLockTest, MisuseAndFailureAreReported)
     store.CheckInvariants();
 }
 
-TEST_F(StoreLockTest, ConcurrentThreadsAndProcessesWorkOnOneStore)
-{
-    const auto work = [this](const std::string &me) {
-        bool all = true;
-        TQClientManagedStorage *handle = TQClientManagedStorageCreate(store.root().c_str(), nullptr);
-        for (int i = 0; i < 5; ++i) {
-            const std::string name = me + std::to_string(i), out = store / ("out " + name);
-            all &= TQClientManagedStorageAdd(handle, name.c_str(), store.document().c_str(), 0, nullptr, true);
-            all &= store.CopyOut(name, out) && TQClientManagedStorageDestroy(out.c_str(), nullptr);
-            const auto listed = store.List();
-            all &= std::find(listed.begin(), listed.end(), name) != listed.end();
-            if (i % 2 == 1) all &= store.Remove({name});
-        }
-        TQClientManagedStorageFree(handle);
-        return all;
-    };
-    pid_t children[2];
-    for (pid_t &child : children)
-        if ((child = fork()) == 0) _exit(work("process" + std::to_string(getpid())) ? 0 : 1);
-    std::vector<std::thread> threads;
-    std::atomic<int> good = 0;
-    for (const char *me : {"one", "two", "three"}) threads.emplace_back([&, me] { good += work(me) ? 1 : 0; });
-    for (auto &thread : threads) thread.join();
-    EXPECT_EQ(good, 3);
-    for (const pid_t child : children) {
-        int ended = -1;
-        waitpid(child, &ended, 0);
-        EXPECT_EQ(ended, 0);
-    }
-    EXPECT_EQ(store.List().size(), 5U * 3);
-    store.CheckInvariants();
-}
-
 } // namespace

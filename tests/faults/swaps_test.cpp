@@ -1,5 +1,6 @@
 // Another process puts links to a place outside where files and directories were, and back, at every level and as fast
 // as it can, while the library works there. An operation may fail; it never reads, changes or removes what lies outside.
+// The store's own directories stay: only who may do anything with the store can swap those.
 
 #include "Platform/UniqueFd.h"
 #include "support/Tests.h"
