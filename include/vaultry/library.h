@@ -114,7 +114,9 @@ TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, con
 /// @return true if the document now holds the generation and its previous state is gone from beside it. Otherwise
 ///         the document is as it was, unless its previous state could not be removed whole at the end: what is
 ///         left of that is then under a name with "-tmp.nosync." beside it, or back at its path, and
-///         the backup is gone. The same name holds it if a copy from another volume was cut short.
+///         the backup is gone. The same name holds it if a copy from another volume was cut short. Where the
+///         document could not be moved aside, an empty item of such a name may stay, and a folder have its owner's
+///         write bit.
 ///         Reasons in TQErrorGetStatus:
 ///         kTQStatusInvalidArgument  the name is not a generation name, or there is no such generation
 ///         kTQStatusBadPath          not a file URL, or the document's path has 1,006 bytes or more
