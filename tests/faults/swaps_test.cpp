@@ -85,7 +85,7 @@ INSTANTIATE_AS_EACH(Swaps);
 TEST_P(Swaps, NothingLeadsOutOfTheTree)
 {
     const bool isLong = std::getenv("VAULTRY_LONG") != nullptr;
-    const long wanted = (isLong ? 100000 : 5000) / 3, operations = isLong ? 10000 : 150;
+    const long wanted = (isLong ? 100000 : 5000) / 3, operations = isLong ? 10000 : 210;
     auto &shared = *static_cast<Shared *>(
         mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     const TempDirectory elsewhere(QuickVolume());
@@ -112,6 +112,13 @@ TEST_P(Swaps, NothingLeadsOutOfTheTree)
          {"/store/old", staged, "/desk/*"},
          [](const auto &store, const auto &at) { return store.restore("old", at + "/desk/draft", "backup"); }},
         {"remove", {"/store/old", staged}, [](const auto &store, const auto &) { return store.remove({"old"}); }},
+        {"set options", {"/store/old"}, [](const auto &store, const auto &) { return store.set_options("old", 6); }},
+        {"repair",
+         {"/store/old", "/store/.vaultry_staging/Moved00/staged", "/home"},
+         [](const auto &store, const auto &) {
+             const auto findings = store.findings(store.path(), /*repair=*/true);
+             return findings ? vaultry::Result<void>() : findings.error();
+         }},
     };
     long done = 0, succeeded = 0, escapes = 0;
     for (unsigned seed = 0; escapes < 10 && (shared.swaps < wanted || done < operations); ++seed)
@@ -123,6 +130,10 @@ TEST_P(Swaps, NothingLeadsOutOfTheTree)
             for (const auto &path : {store.document(), store / "desk/draft"})
                 MakeTree(path, "inside", "com.example.kind", seed % 2 == 0 ? 0 : 0222);
             EXPECT_TRUE(store.Add("old"));
+            const std::string moved = disk::MakeDirectory(store.Staging() + "/Moved00");
+            disk::SetAttribute(moved, "com.corvane.vaultry.moved_from", store / "home");
+            MakeTree(moved + "/staged", "\4", "com.corvane.vaultry.orig_perms_v1", 0222);             // had owner write
+            for (const auto &level : kLevels) chmod((store.Generation("old") + level).c_str(), 0755); // to be mended
             shared.began = shared.stop = false;
             const pid_t swapper = fork();
             if (swapper == 0) Swap(store.path(), work.trees, outside, seed, shared);
