@@ -135,7 +135,9 @@ TEST_P(PowerCuts, WhatReturnedTrueStaysAndNothingIsTorn)
         Scene scene(kind, work.generation, work.across ? "" : where.path, where.path);
         const auto old = scene.State();
         identity.reset();
-        volume.FlushAll();
+        // What the library did flushes itself; what the user did has to be there only where it is looked for.
+        const bool flushed = nth != 0 || kind == Document::File;
+        if (flushed) volume.FlushAll();
         identity.emplace(who);
         const Outcome outcome = InChild(nth == 0 ? CountCalls(kAllButMemory) : KillBefore(nth), [&](TQError **why) {
             const auto result = work.run(scene);
@@ -155,6 +157,7 @@ TEST_P(PowerCuts, WhatReturnedTrueStaysAndNothingIsTorn)
         EXPECT_TRUE(found.size() == done.size() || !outcome.succeeded);
         for (const auto &[part, snapshot] : outcome.succeeded ? done : old) {
             if (!outcome.succeeded && part.starts_with(work.changes)) continue;
+            if (!flushed && !part.starts_with("store/") && !part.starts_with(work.changes)) continue;
             EXPECT_TRUE(found.count(part) && Same(snapshot, found.at(part))) << part;
         }
         scene.ExpectLitterIsNamed();
