@@ -95,6 +95,7 @@ TEST_P(Library, RefusesNamesAndURLsBeforeTheStoreIsAsked)
          {invalid, CALL(TQLibraryCopyGeneration(library, tooLong.get(), out.get(), why))},
          {Failed(104, "not a file URL"),
           CALL(TQLibraryCopyGeneration(library, tooLong.get(), web.get(), why))}, // whatever the name
+         {Failed(104, "not a file URL"), CALL(TQLibraryRestoreGeneration(library, nullptr, web.get(), nullptr, why))},
          {Refused(105, "The supplied generation name doesn't exist"),
           CALL(TQLibraryCopyGeneration(library, g.get(), out.get(), why))}});
     for (const auto &name : {tooLong, g, Ref<TQString>()})

@@ -68,29 +68,6 @@ TEST_P(StoreRead, EveryOperationFindsItsGenerationOrSaysWhyNot)
     store.CheckInvariants();
 }
 
-TEST_P(StoreRead, ACopyNeverReplacesAndIsTheDocumentAgain)
-{
-    const auto copyTo = [&](const std::string &path) {
-        return [this, path](TQError **error) { return store.CopyOut("g", path, error); };
-    };
-    disk::Write(store / "there", "theirs");
-    ASSERT_EQ(symlink("nowhere", (store / "dangling").c_str()), 0);
-    Expect({{Refused(106, "path \"$/there\" already exists"), copyTo(store / "there")},
-            {System(EEXIST, "duplix callback got an error what=2 stage=3 src=$/store/g dst=$/dangling"),
-             copyTo(store / "dangling")}});
-    EXPECT_EQ(disk::Read(store / "there"), "theirs");
-    EXPECT_TRUE(disk::Exists(store / "dangling")) << "what was there is nobody's to remove";
-    EXPECT_EQ(InChild(copyTo("")).status, 104);
-    EXPECT_FALSE(TQClientManagedStorageCopyGeneration(handle, "g", nullptr, nullptr));
-
-    disk::SetFlags(store.document(), FS_NODUMP_FL);
-    chmod(store.document().c_str(), 0575);
-    OwnedError error;
-    EXPECT_TRUE(store.Add("again") && store.CopyOut("again", store / "out", error.out())) << error.description();
-    EXPECT_TRUE(Same(Snapshot::Of(store.document()), Snapshot::Of(store / "out")));
-    store.CheckInvariants();
-}
-
 TEST_P(StoreRead, AWriteThatFailsLeavesTheCallersErrorAsItWas)
 {
     TQError *const untouched = reinterpret_cast<TQError *>(&store), *error = untouched;
