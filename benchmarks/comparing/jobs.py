@@ -91,6 +91,8 @@ class AddFile(Add):
     """One file; its calls are counted by the MiB."""
 
     def prepare(self, size):
+        os.mkdir(self.source)
+        self.source += "/film"
         workloads.make_file(self.source, size << 20)
         workloads.read_everything(self.source)
         self.items = size

@@ -33,7 +33,8 @@ def git(job):
 
 def ostree(job):
     repository = prepared(job, "ostree", "--repo={}", "init", "--mode=bare")
-    return [["ostree", f"--repo={repository}", "commit", "-b", "kept", f"--tree=dir={job.source}"], job.flush()]
+    folder = job.source if os.path.isdir(job.source) else os.path.dirname(job.source)  # it takes no file alone
+    return [["ostree", f"--repo={repository}", "commit", "-b", "kept", f"--tree=dir={folder}"], job.flush()]
 
 
 def borg(job):

@@ -51,8 +51,8 @@ def ratios(rows):
               text(20, TOP - 12, "further left is faster", colour="#777")]
     used = [name for name in COLOURS if any(name in dots for _, _, dots in rows)]
     for number, name in enumerate(used):
-        shapes += [dot(LEFT + 90 * number, 46, COLOURS[name], 6 if name == "vaultry" else 4),
-                   text(LEFT + 10 + 90 * number, 50, name)]
+        shapes += [dot(LEFT + 80 * number, 46, COLOURS[name], 6 if name == "vaultry" else 4),
+                   text(LEFT + 10 + 80 * number, 50, name)]
     shapes += [stroke(WIDTH - 118, 40, WIDTH - 118, 52, "#0b6e4f", 2), text(WIDTH - 110, 50, "goal")]
     for tick in (0.25, 0.5, 1, 2, 4, 8, 16, 32, 64):
         shapes += [stroke(place(tick), TOP - 6, place(tick), bottom, "#444" if tick == 1 else "#ddd"),

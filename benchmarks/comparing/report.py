@@ -49,7 +49,7 @@ def goals_table(rows, results):
         for kind, got in results.get(row.key, {}).items():
             ways, title = got["ways"], row.title + (f", {kind}" if kind != "ext4" else "")
             cells = [f"{title} (against `{got['by hand']}`)",
-                     calls_cell(row, ways, "vaultry") + ("" if row.item == "item" else f" a {row.item}"),
+                     calls_cell(row, ways, "vaultry") + ("" if row.item == "item" else f" per {row.item}"),
                      calls_cell(row, ways, got["by hand"]), wall_cell(row, got), duration(median(ways["vaultry"])),
                      duration(median(ways[got["by hand"]])), f"{ratio(got, what='cpu'):.2f}",
                      f"{ways['vaultry']['peak'] / 1024:.1f} MiB"]

@@ -25,7 +25,7 @@ def spawn(words, **more):
 
 
 def quietly(words):
-    spawn(words, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    spawn(words, stdout=subprocess.DEVNULL)
 
 
 def measure(steps, inside):
