@@ -15,11 +15,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
 namespace {
 
-// The lock, if there is a lock file; a store without one is looked at all the same.
 class CheckLock {
 public:
     ~CheckLock()
@@ -32,8 +30,6 @@ public:
 
     bool Take(const char *path, bool exclusive, TQError **error)
     {
-        TQFileStatus status;
-        if (platform::GetStatus(Item::AtPath(path), Links::NoFollow, &status) != 0 && errno == ENOENT) return true;
         return _TQLockGenerationInternal(path, &lock_, exclusive ? LOCK_EX : LOCK_SH, error);
     }
 
@@ -41,27 +37,42 @@ private:
     StoreLock lock_;
 };
 
-bool MakeLockFile(const char *path)
+// Before there is a lock to be held, so the root is as open afterwards as it was.
+bool MakeLockFile(const char *root, const char *path)
 {
-    const int fd = open(path, O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0400);
-    if (fd >= 0) (void)close(fd);
-    return fd >= 0;
+    TQFileStatus status;
+    const Item item = Item::AtPath(root);
+    if (platform::GetStatus(item, Links::Follow, &status) != 0 ||
+        platform::SetMode(item, Links::Follow, (status.mode | 0200) & 07777) != 0)
+        return false;
+    const ScopeExit protect([&] { (void)platform::SetMode(item, Links::Follow, status.mode & 07777); });
+    const UniqueFd fd(open(path, O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0400));
+    return static_cast<bool>(fd);
 }
 
-void CheckLockFile(const char *path, Findings &findings)
+// The lock file is looked at, and mended, before it is locked: nothing else is mended without the lock, so not where
+// something else stands in its place. Looking goes on without one.
+bool CheckAndTakeLock(const char *root, const char *path, Findings &findings, CheckLock &lock, TQError **error)
 {
     const Item item = Item::AtPath(path);
     TQFileStatus status;
     if (platform::GetStatus(item, Links::NoFollow, &status) != 0) {
-        if (errno != ENOENT) return findings.AddUnreadable(path);
+        if (errno != ENOENT) return Failure(error).Errno("stat(\"%s\") failed", path);
         findings.AddMendable(path, "lock-file-missing", "The store has no lock file.",
-                             [path] { return MakeLockFile(path); });
-    } else if (!S_ISREG(status.mode)) {
-        findings.Add(path, "lock-file-foreign", "What stands in the place of the lock file is no file.");
-    } else if ((status.mode & 07777) != 0400) {
+                             [&] { return MakeLockFile(root, path); });
+        return !findings.repair() || lock.Take(path, /*exclusive=*/true, error);
+    }
+    if (!S_ISREG(status.mode)) {
+        findings.Add(path, "lock-file-foreign",
+                     "What stands in the place of the lock file is no file; nothing can be mended before it goes.");
+        findings.MendNothing();
+        return true;
+    }
+    const bool isLockable = (status.mode & 0400) != 0;
+    if ((status.mode & 07777) != 0400)
         findings.AddMendable(path, "lock-file-mode", "The lock file does not have the mode 0400.",
                              [&item] { return platform::SetMode(item, Links::NoFollow, 0400) == 0; });
-    }
+    return (!isLockable && !findings.repair()) || lock.Take(path, findings.repair(), error);
 }
 
 void CheckStagingDirectory(const char *path, Findings &findings)
@@ -102,14 +113,12 @@ bool CheckGenerations(const char *root, Findings &findings, TQError **error)
 }
 
 // The files of the store can only be mended while its root is writable.
-bool CheckContents(const char *root, const PathBuffer &lockFile, const PathBuffer &staging, Findings &findings,
-                   TQError **error)
+bool CheckContents(const char *root, const PathBuffer &staging, Findings &findings, TQError **error)
 {
     if (findings.repair() && !_UnprotectGenerationStore(root, error)) return false;
     const ScopeExit protect([&] {
         if (findings.repair()) _ProtectGenerationStore(root);
     });
-    CheckLockFile(lockFile.c_str(), findings);
     CheckStagingDirectory(staging.c_str(), findings);
     return CheckGenerations(root, findings, error);
 }
@@ -127,9 +136,12 @@ bool GetIsOpen(const char *root, bool *isOpen, TQError **error)
 bool CheckStore(const char *root, const PathBuffer &lockFile, const PathBuffer &staging, Findings &findings,
                 TQError **error)
 {
+    CheckLock lock;
+    if (!CheckAndTakeLock(root, lockFile.c_str(), findings, lock, error)) return false;
+
     bool wasOpen = false;
     bool isOpen = false;
-    if (!GetIsOpen(root, &wasOpen, error) || !CheckContents(root, lockFile, staging, findings, error) ||
+    if (!GetIsOpen(root, &wasOpen, error) || !CheckContents(root, staging, findings, error) ||
         !GetIsOpen(root, &isOpen, error))
         return false;
     if (wasOpen || isOpen)
@@ -181,8 +193,6 @@ TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, T
     if (!_GetPathToLockFile(rootPath, lockFile, error)) return nullptr;
     if (!IsStore(rootPath, lockFile, staging, error)) return nullptr;
 
-    CheckLock lock;
-    if (!lock.Take(lockFile.c_str(), repair, error)) return nullptr;
     Findings findings(repair);
     if (!CheckStore(rootPath, lockFile, staging, findings, error)) return nullptr;
     TQArray *list = findings.Detach();

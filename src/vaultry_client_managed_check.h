@@ -17,6 +17,7 @@ public:
 
     // Whether what is found is to be mended where that is safe.
     bool repair() const { return repair_; }
+    void MendNothing() { repair_ = false; }
 
     void Add(const char *path, const char *kind, const char *meaning, bool mended = false);
 
@@ -24,6 +25,11 @@ public:
     void AddUnreadable(const char *path)
     {
         Add(path, "unreadable", "The item can't be read, so nothing can be said of it.");
+    }
+
+    void AddForeign(const char *path)
+    {
+        Add(path, "staging-foreign", "The library did not make all of this; a person should look at it.");
     }
 
     // What can be mended by one step: takes it if repairing, and says whether it worked.

@@ -25,6 +25,7 @@ namespace {
 using Kind = TreeWalk::Kind;
 
 constexpr mode_t kWriteBits = 0222;
+constexpr unsigned kSavedAll = kSavedImmutable | kSavedAppend | kSavedOwnerWrite | kSavedGroupWrite | kSavedOtherWrite;
 constexpr char kDocumentKey[] = "vaultry.document"; // absolute path, as data
 constexpr char kPlaceholderMark[] = "-tmp.nosync.";
 constexpr size_t kPlaceholderUnique = 6;
@@ -42,7 +43,7 @@ void CheckProtection(const TreeWalk::Entry &entry, Findings &findings)
     else if (length < 0 && errno == ENODATA)
         findings.Add(path, "not-archived",
                      "The item lacks the record of its permissions; the library did not make it.");
-    else if (length != 1)
+    else if (length != 1 || (saved & ~kSavedAll) != 0)
         findings.Add(path, "permissions-malformed",
                      "The record of the item's permissions is damaged; the generation can't be copied out.");
     else if ((mode & kWriteBits) != 0)
@@ -136,10 +137,15 @@ bool GetRecordedDocument(const TQDictionary *info, PathBuffer &document)
 {
     const auto key = Ref<TQString>::Adopt(TQStringCreate(kDocumentKey));
     const TQValue *value = TQDictionaryGetValue(info, key.get());
-    if (TQGetTypeID(value) != TQDataGetTypeID()) return false;
-    const auto *data = static_cast<const TQData *>(value);
-    const auto *bytes = static_cast<const char *>(TQDataGetBytes(data));
-    const size_t length = TQDataGetLength(data);
+    const char *bytes = "";
+    size_t length = 0;
+    if (TQGetTypeID(value) == TQDataGetTypeID()) {
+        bytes = static_cast<const char *>(TQDataGetBytes(static_cast<const TQData *>(value)));
+        length = TQDataGetLength(static_cast<const TQData *>(value));
+    } else if (TQGetTypeID(value) == TQStringGetTypeID()) {
+        bytes = TQStringGetUTF8(static_cast<const TQString *>(value));
+        length = TQStringGetUTF8Length(static_cast<const TQString *>(value));
+    }
     if (length == 0 || bytes[0] != '/' || memchr(bytes, '\0', length)) return false;
     return length < PathBuffer::kCapacity && document.Format("%.*s", static_cast<int>(length), bytes);
 }

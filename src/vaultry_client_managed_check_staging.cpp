@@ -26,6 +26,8 @@ namespace {
 constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
 constexpr size_t kUniqueLength = 7;
 constexpr char kUniqueAlphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+constexpr char kStagedItem[] = "staged";
+constexpr size_t kLinkUnique = 6;
 constexpr int64_t kLitterAge = 3600; // seconds
 
 // The youngest of the times that tell when somebody worked here last.
@@ -39,47 +41,85 @@ int64_t LastUse(const char *unique, const char *staged)
     return last;
 }
 
-// The document goes home, and the directory that held it goes with its note once that is on disk.
+bool HoldsOnly(const char *name, size_t length, const char *alphabet)
+{
+    return strlen(name) == length && strspn(name, alphabet) == length;
+}
+
+// The item in the making, and a copy that was to take the place of a hard link.
+bool IsOurs(const char *name)
+{
+    constexpr size_t length = sizeof kStagedItem - 1;
+    if (strncmp(name, kStagedItem, length) != 0) return false;
+    return name[length] == '\0' || (name[length] == '_' && HoldsOnly(name + length + 1, kLinkUnique, kUniqueAlphabet));
+}
+
+enum class Contents { Ours, Foreign, Unknown };
+
+Contents ContentsOf(const char *unique)
+{
+    Names names(unique);
+    while (const char *name = names.Next())
+        if (!IsOurs(name)) return Contents::Foreign;
+    return names.error() == 0 ? Contents::Ours : Contents::Unknown;
+}
+
+// The document goes home, and the directory that held it goes with its note once that is on disk; not if there is more
+// in it.
 bool GiveBack(const char *unique, const char *staged, const char *home)
 {
-    return _GiveDocumentBack(staged, home) && _FlushEntry(home, nullptr) && _RemoveTree(unique, 0, nullptr);
+    if (!_GiveDocumentBack(staged, home) || !_FlushEntry(home, nullptr)) return false;
+    if (ContentsOf(unique) == Contents::Ours) (void)_RemoveTree(unique, 0, nullptr);
+    return true;
 }
 
-bool IsUniqueName(const char *name)
-{
-    return strlen(name) == kUniqueLength && name[strspn(name, kUniqueAlphabet)] == '\0';
-}
+// Where the document belongs that is being moved, as it was noted; "" if there is no note.
+enum class Note { Absent, Path, Malformed, Unreadable };
 
-void CheckUnique(const char *unique, Findings &findings)
+Note GetNote(const char *unique, char (&home)[PATH_MAX])
 {
-    PathBuffer staged;
-    if (!staged.Format("%s/staged", unique)) return;
-    TQFileStatus status;
-    const bool holdsItem = platform::GetStatus(Item::AtPath(staged.c_str()), Links::NoFollow, &status) == 0;
-    const bool itemUnknown = !holdsItem && errno != ENOENT;
-
-    char home[PATH_MAX] = "";
     const ssize_t length =
         platform::GetAttribute(Item::AtPath(unique), Links::NoFollow, kMovedFromAttribute, home, sizeof home - 1);
-    const bool noteUnknown = length < 0 && errno != ENODATA;
-    // What can't be read may be somebody's only copy: only what is surely absent counts as absent.
-    if (itemUnknown || (noteUnknown && holdsItem)) {
-        findings.AddUnreadable(unique);
-        return;
-    }
-    if (length > 0 && holdsItem) {
-        home[length] = '\0';
-        findings.AddMendable(staged.c_str(), "document-in-staging",
-                             "A move into the store was interrupted: this is the document, and may be its only copy.",
-                             [&] { return GiveBack(unique, staged.c_str(), home); });
-        return;
-    }
-    if (LastUse(unique, staged.c_str()) > time(nullptr) - kLitterAge)
+    if (length < 0) return errno == ENODATA ? Note::Absent : errno == ERANGE ? Note::Malformed : Note::Unreadable;
+    home[length] = '\0';
+    return home[0] == '/' && strlen(home) == static_cast<size_t>(length) ? Note::Path : Note::Malformed;
+}
+
+void CheckLitter(const char *unique, const char *staged, Findings &findings)
+{
+    if (LastUse(unique, staged) > time(nullptr) - kLitterAge)
         findings.Add(unique, "staging-recent",
                      "Something was staged here less than an hour ago: a copy in use, or one that was interrupted.");
     else
         findings.AddMendable(unique, "staging-litter", "An interrupted operation left this in staging; it may go.",
                              [unique] { return _RemoveTree(unique, 0, nullptr); });
+}
+
+// What can't be read may be somebody's only copy: only what is surely absent counts as absent.
+void CheckUnique(const char *unique, Findings &findings)
+{
+    PathBuffer staged;
+    if (!staged.Format("%s/%s", unique, kStagedItem)) return;
+    TQFileStatus status;
+    const bool holdsItem = platform::GetStatus(Item::AtPath(staged.c_str()), Links::NoFollow, &status) == 0;
+    if (!holdsItem && errno != ENOENT) return findings.AddUnreadable(unique);
+
+    char home[PATH_MAX] = "";
+    const Note note = holdsItem ? GetNote(unique, home) : Note::Absent;
+    const Contents contents = ContentsOf(unique);
+    if (note == Note::Path)
+        findings.AddMendable(staged.c_str(), "document-in-staging",
+                             "A move into the store was interrupted: this is the document, and may be its only copy.",
+                             [&] { return GiveBack(unique, staged.c_str(), home); });
+    else if (note == Note::Malformed)
+        findings.Add(staged.c_str(), "note-malformed",
+                     "This is a document, maybe its only copy, and the note of where it belongs is damaged.");
+    else if (note == Note::Unreadable || contents == Contents::Unknown)
+        findings.AddUnreadable(unique);
+    else if (contents == Contents::Foreign)
+        findings.AddForeign(unique);
+    else
+        CheckLitter(unique, staged.c_str(), findings);
 }
 
 } // namespace
@@ -90,11 +130,10 @@ void _CheckStagingArea(const char *stagingPath, Findings &findings)
     while (const char *name = names.Next()) {
         PathBuffer unique;
         if (!unique.Format("%s/%s", stagingPath, name)) continue;
-        if (IsUniqueName(name) && _IsDirectory(unique.c_str(), /*status=*/nullptr))
+        if (HoldsOnly(name, kUniqueLength, kUniqueAlphabet) && _IsDirectory(unique.c_str(), /*status=*/nullptr))
             CheckUnique(unique.c_str(), findings);
         else
-            findings.Add(unique.c_str(), "staging-foreign",
-                         "The library did not make this; a person should look at it.");
+            findings.AddForeign(unique.c_str());
     }
     if (names.error() != 0) findings.AddUnreadable(stagingPath);
 }

@@ -178,7 +178,8 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQCl
 ///         people), "mended" (a boolean). Null with an error: kTQStatusBadPath for what is not a directory, or has
 ///         neither a lock file nor a staging directory and so is no store.
 ///
-/// Shared lock, exclusive with `repair`; none if there is no lock file.
+/// Shared lock, exclusive with `repair`. Looking goes on without one where the lock file is missing or can't be read;
+/// repairing makes or mends it first, and mends nothing where something else stands in its place.
 TQ_EXPORT TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, TQError **error);
 
 TQ_END_DECLS

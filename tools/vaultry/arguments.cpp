@@ -144,6 +144,16 @@ a directory that is a store already, and any other is refused.
 Example:
   vaultry init --store /srv/versions)";
 
+// An argument that names two things by itself is not counted as well.
+class Formatter : public CLI::Formatter {
+public:
+    std::string make_option_usage(const CLI::Option *option) const override
+    {
+        const bool isCounted = option->get_expected_max() == 2;
+        return isCounted ? make_option_name(option, /*is_positional=*/true) : CLI::Formatter::make_option_usage(option);
+    }
+};
+
 // Options may stand before the command or behind it.
 static void _AddCommonOptions(CLI::App *app, Arguments &arguments)
 {
@@ -177,10 +187,13 @@ static void _DefineRestore(CLI::App &app, Arguments &arguments)
         ->expected(1, 2)
         ->option_text(" ");
     CLI::Option *latest = restore->add_flag("--latest", arguments.latest, "The newest generation of DOCUMENT");
+    latest->option_text(" ");
     restore->add_option("--at", arguments.at, "The newest one at that time")->option_text("TIME")->excludes(latest);
     CLI::Option *backup = restore->add_option("--backup", arguments.backup, "What to keep its present state as");
     backup->option_text("NAME");
-    restore->add_flag("--no-backup", arguments.noBackup, "Don't keep its present state")->excludes(backup);
+    restore->add_flag("--no-backup", arguments.noBackup, "Don't keep its present state")
+        ->option_text(" ")
+        ->excludes(backup);
     _AddJson(restore, arguments);
 }
 
@@ -269,6 +282,7 @@ std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)
 {
     CLI::App app(kDescription, "vaultry");
     app.footer(kFooter + 1);
+    app.formatter(std::make_shared<Formatter>());
     app.get_formatter()->column_width(24);
     app.set_version_flag("--version", "vaultry " VAULTRY_VERSION, "Show the version and exit");
     app.require_subcommand(1);
