@@ -82,11 +82,10 @@ static const TQValue *_Lookup(const TQDictionary *dictionary, const std::string 
 
 static Entry _ToEntry(const TQDictionary *record)
 {
-    const char *path = TQURLGetPath(static_cast<const TQURL *>(_Lookup(record, "URL")));
     return {ToText(static_cast<const TQString *>(_Lookup(record, "name"))),
             ToGenerationInfo(static_cast<const TQDictionary *>(_Lookup(record, "info"))),
             static_cast<uint64_t>(TQNumberGetInt64(_Lookup(record, "options"))),
-            ToText(static_cast<const TQString *>(_Lookup(record, "ODN"))), TQComputeTreeSize(path, nullptr)};
+            ToText(static_cast<const TQString *>(_Lookup(record, "ODN"))), -1};
 }
 
 // Reads all that are looked for in one go. False if that can't be done, as for a single one that is damaged.
@@ -97,8 +96,11 @@ static bool _ReadAll(const Store &store, const std::string &document, const Filt
     for (const char *client : {kFirstClient, kSecondClient}) {
         const auto *records = static_cast<const TQArray *>(_Lookup(groups.get(), kGroupPrefix + client));
         for (size_t i = 0; i < TQArrayGetCount(records); ++i) {
-            Entry entry = _ToEntry(static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(records, i)));
-            if (document.empty() || entry.info.document == document) entries.push_back(std::move(entry));
+            const auto *record = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(records, i));
+            Entry entry = _ToEntry(record);
+            if (!document.empty() && entry.info.document != document) continue;
+            entry.size = TQComputeTreeSize(TQURLGetPath(static_cast<const TQURL *>(_Lookup(record, "URL"))), nullptr);
+            entries.push_back(std::move(entry));
         }
     }
     return static_cast<bool>(groups);
