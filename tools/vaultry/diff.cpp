@@ -160,7 +160,10 @@ private:
 static Side _OtherSide(const Store &store, const std::string &name, const std::string &given)
 {
     const std::string document = given.empty() ? store.InfoOf(name).document.value_or("") : DocumentPath(given);
-    if (!document.empty() && fs::exists(fs::symlink_status(document))) return {document, document};
+    std::error_code error;
+    const fs::file_type type = document.empty() ? fs::file_type::not_found : fs::symlink_status(document, error).type();
+    if (type == fs::file_type::none) throw CommandFailure::Errno("can't look at " + Quoted(document), error.value());
+    if (type != fs::file_type::not_found) return {document, document};
     if (given.empty())
         throw CommandFailure(kExitFailure,
                              "the document of " + Quoted(name) +
