@@ -94,6 +94,28 @@ void Show(const std::string &path)
     for (const std::string &name : disk::List(path)) Show(path + "/" + name);
 }
 
+// What the copy service tells its client, a line each; at the line that is the third word the fourth is done: "skip" and
+// "quit" are answers, anything else is a command of the shell.
+bool Copy(const Words &w, TQError **)
+{
+    const auto hear = [](int what, int stage, DuplixState *, const char *source, const char *, void *context) {
+        const Words &words = *static_cast<const Words *>(context);
+        constexpr const char *kinds[] = {"walk", "file", "folder", "folder-done", "data", "attribute"},
+                             *stages[] = {"", "start", "finish", "error", "progress"};
+        std::string line = std::string(kinds[what]) + " " + stages[stage] + (source + strlen(words[0]));
+        if (stage == duplix_stage::Error) line += std::string(" ") + strerrorname_np(errno);
+        Say(line);
+        errno = stage == duplix_stage::Error ? EIO : 0; // a client may leave anything here
+        const std::string act = words[3] && line == words[2] ? words[3] : "";
+        if (act == "skip") return int{duplix_answer::Skip};
+        if (act == "quit") return int{duplix_answer::Quit};
+        return act.empty() || system(act.c_str()) == 0 ? int{duplix_answer::Continue} : int{duplix_answer::Quit};
+    };
+    Words words = w;
+    const bool isTold = w.words.size() > 2;
+    return platform::duplix(w[0], w[1], isTold ? +hear : nullptr, &words) == 0 || !Say(strerrorname_np(errno));
+}
+
 using Function = std::function<bool(const Words &, TQError **)>;
 
 // A function of a store that is opened first; its words begin behind the store's path.
@@ -219,8 +241,11 @@ const std::map<std::string, Function> kFunctions = {
          return true;
      }},
     // --- a path
-    {"make-directories",
-     [](const Words &w, TQError **) { return TQRecursiveMkdir(w[0], 0750) == 0 || !Say(strerrorname_np(errno)); }},
+    {"make-directories", // PATH [MODE]
+     [](const Words &w, TQError **) {
+         const auto mode = static_cast<mode_t>(std::stoul(w[1] ? w[1] : "750", nullptr, 8));
+         return TQRecursiveMkdir(w[0], mode) == 0 || !Say(strerrorname_np(errno));
+     }},
     {"tell",
      [](const Words &w, TQError **) {
          TQVolumeStatus volume{};
@@ -236,6 +261,7 @@ const std::map<std::string, Function> kFunctions = {
     {"no-copy-on-write",
      [](const Words &w, TQError **) { return _UnsetCopyOnWrite(w[0]) || !Say(strerrorname_np(errno)); }},
     // --- a tree
+    {"copy", Copy}, // FROM TO [AT ACT]
     {"remove-tree", [](const Words &w, TQError **error) { return _RemoveTree(w[0], 0, error); }},
     {"remove-below", [](const Words &w, TQError **error) { return _RemoveSubTrees(w[0], 0, error); }},
     {"tree-size",
