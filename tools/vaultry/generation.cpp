@@ -10,7 +10,7 @@ static constexpr size_t kShownCandidates = 5;
 std::string ResolveGeneration(const Store &store, const std::string &given)
 {
     const std::set<std::string> names = store.Names();
-    if (names.count(given) != 0) return given;
+    if (names.contains(given)) return given;
     std::vector<std::string> candidates;
     if (!given.empty())
         for (auto name = names.lower_bound(given); name != names.end() && name->rfind(given, 0) == 0; ++name)

@@ -10,7 +10,7 @@
 
 static void _Require(const std::set<std::string> &present, const std::string &name)
 {
-    if (present.count(name) != 0) return;
+    if (present.contains(name)) return;
     const auto next = name.empty() ? present.end() : present.lower_bound(name);
     const bool isBeginning = next != present.end() && next->rfind(name, 0) == 0;
     throw CommandFailure(kExitNoSuchGeneration,

@@ -47,7 +47,7 @@ static std::optional<std::string> _BackupName(const Store &store, const Argument
     const std::set<std::string> names = store.Names();
     for (unsigned attempt = 0; attempt < kMaximumAttempts; ++attempt)
         if (std::string name = DefaultGenerationName(document, static_cast<time_t>(now), attempt);
-            names.count(name) == 0)
+            !names.contains(name))
             return name;
     throw CommandFailure(kExitExists, "there is no free name for the backup of " + Quoted(document));
 }
