@@ -98,15 +98,15 @@ bool ArchiveEntry(const TreeWalk::Entry &entry, bool makeReadable, uint64_t *tot
     return _ArchiveItemAt(entry.item, /*fd=*/-1, entry.status, makeReadable, error);
 }
 
-// A copy is made within the kernel's limit for paths; what is moved has to keep it, too, so that it can be copied out.
-bool IsWithinReach(const TreeWalk::Entry &entry, TQError **error)
+// What a moved tree has to be so that it stays whole and can be copied out: on one volume, since what is mounted inside
+// goes when it is unmounted, and within the kernel's limit for paths, which a copy keeps by itself.
+bool CanStay(const TreeWalk::Entry &entry, uint64_t device, TQError **error)
 {
-    if (strlen(entry.item.path) < PATH_MAX) return true;
-    errno = ENAMETOOLONG;
+    const bool elsewhere = entry.hasStatus && entry.status.device != device;
+    if (!elsewhere && strlen(entry.item.path) < PATH_MAX) return true;
+    errno = elsewhere ? EXDEV : ENAMETOOLONG;
     return Failure(error).Errno("fts_read() failed for path '%s'\n", entry.item.path);
 }
-
-void LeaveAsItIs(const TreeWalk::Entry &) {}
 
 void PutBackModeAndFlags(const TreeWalk::Entry &entry)
 {
@@ -118,15 +118,17 @@ void PutBackModeAndFlags(const TreeWalk::Entry &entry)
         Failure(nullptr).Errno("Failed to put the flags of \"%s\" back", entry.item.path);
 }
 
-bool ArchiveTree(const char *path, bool makeReadable, uint64_t *totalSize, void (*failedAt)(const TreeWalk::Entry &),
-                 TQError **error)
+bool ArchiveTree(const char *path, bool makeReadable, uint64_t *totalSize, bool moved, TQError **error)
 {
     TreeWalk walk;
     const char *root = path ? path : "";
     if (!walk.Open(root)) return Failure(error).Errno("fts_open(\"%s\") failed", root);
+    uint64_t device = 0;
     while (const TreeWalk::Entry *entry = walk.Next()) {
-        if (IsWithinReach(*entry, error) && ArchiveEntry(*entry, makeReadable, totalSize, error)) continue;
-        failedAt(*entry);
+        if (entry->level == 0) device = entry->status.device;
+        if ((!moved || CanStay(*entry, device, error)) && ArchiveEntry(*entry, makeReadable, totalSize, error))
+            continue;
+        if (moved) PutBackModeAndFlags(*entry);
         return false;
     }
     return true;
@@ -185,10 +187,10 @@ bool _ArchiveItem(const char *path, const TQFileStatus *status, bool makeReadabl
 
 bool TQArchiveTree(const char *path, bool makeReadable, uint64_t *totalSize, TQError **error)
 {
-    return ArchiveTree(path, makeReadable, totalSize, LeaveAsItIs, error);
+    return ArchiveTree(path, makeReadable, totalSize, /*moved=*/false, error);
 }
 
 bool _ArchiveMovedTree(const char *path, bool makeReadable, TQError **error)
 {
-    return ArchiveTree(path, makeReadable, /*totalSize=*/nullptr, PutBackModeAndFlags, error);
+    return ArchiveTree(path, makeReadable, /*totalSize=*/nullptr, /*moved=*/true, error);
 }
