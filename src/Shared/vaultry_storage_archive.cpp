@@ -13,6 +13,7 @@
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -39,7 +40,7 @@ bool LiftForArchiving(const Item &item, int fd, const TQFileStatus &status, TQEr
     return true;
 }
 
-// Never blocks, on a FIFO or a device either; those fail later, when the attribute is set.
+// Never blocks, on a FIFO either; that fails later, when the attribute is set.
 int OpenForArchiving(const Item &item, const TQFileStatus &status)
 {
     const int access = S_ISDIR(status.mode) ? O_RDONLY : O_RDWR;
@@ -159,6 +160,11 @@ bool _ArchiveItemAt(const Item &item, int fd, const TQFileStatus &status, bool m
 {
     if (!LiftForArchiving(item, fd, status, error)) return false;
 
+    // To open a device is to use it: some answer by rewinding a tape or by resetting the machine. None takes an attribute.
+    if (S_ISCHR(status.mode) || S_ISBLK(status.mode)) {
+        errno = EPERM;
+        return Failure(error).Errno("failed to save original permissions for \"%s\"", item.path);
+    }
     UniqueFd opened;
     if (fd < 0) {
         opened.Reset(OpenForArchiving(item, status));
