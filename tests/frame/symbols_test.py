@@ -1,4 +1,5 @@
-"""What the headers export, what the symbol map lists and what libvaultry.so really has are one set, and documented."""
+"""What the headers export, what the symbol map lists and what libvaultry.so really has are one set, and documented;
+and what it takes from others does nothing to its process."""
 import pathlib
 import re
 import runpy
@@ -33,6 +34,18 @@ problems += [f"{name}: not of VAULTRY_1.0" for name in real if not name.endswith
 # TQGetTypeID explains its siblings.
 problems += [f"include/vaultry/{header}:{line}: {name} has no doc comment"
              for header, line, name, documented in symbols if not documented and not name.endswith("GetTypeID")]
+
+# What would change the process that the library lives in, speak for it or end it. One is deliberate: a lock that can't be
+# released would stop every other process for good.
+FORBIDDEN = re.compile(r"f?chdir|chroot|umask|(set|use|new)locale|signal|sig(action|procmask|wait|suspend|altstack)|"
+                       r"pthread_(sigmask|create)|alarm|setitimer|timer_create|(un)?setenv|putenv|clearenv|(quick_)?_?exit|"
+                       r"_Exit|abort|raise|kill|v?[fd]?printf|f?puts|f?putc|putchar|p?write(64)?v?|f?write|perror|stdout|"
+                       r"stderr|_ZSt4(cout|cerr|clog)|v?fork|exec.*|posix_spawn.*|system|popen|set(re|res)?[ug]id|"
+                       r"setrlimit(64)?|nice|openlog|setlogmask|dlopen|atexit|srand(om)?|tzset")
+table = subprocess.run(["nm", "-D", "--undefined-only", library], check=True, capture_output=True, text=True).stdout
+imports = {line.split()[-1].partition("@")[0] for line in table.splitlines()}
+forbidden = {name for name in imports if FORBIDDEN.fullmatch(name)} - {"abort", "pwrite64"}
+problems += [f"libvaultry.so calls {name}" for name in sorted(forbidden)]
 
 dynamic = subprocess.run(["readelf", "-d", library], check=True, capture_output=True, text=True).stdout
 if "soname: [libvaultry.so.1]" not in dynamic:
