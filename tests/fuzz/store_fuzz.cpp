@@ -93,13 +93,11 @@ private:
 // Everything that a client can ask of a generation. Most of it is refused; what is done must be so.
 void UseGeneration(const TQClientManagedStorage *store, const char *name, const HostileStore &hostile)
 {
-    const DeferredScope scope;
     const auto key = String("key");
     const std::string path = hostile.root + "/" + name, out = hostile.place / "out " + name;
     char staged[1024];
     uint16_t mode = 0;
     uint32_t flags = 0;
-    (void)TQDefer(TQClientManagedStorageCopyGenerationInfos(store, String(name).get(), nullptr, nullptr));
     Require(!TQClientManagedStorageCopyGeneration(store, name, out.c_str(), nullptr) || disk::Exists(out), "a copy");
     if (TQClientManagedStorageCopyOut(store, name, staged, &mode, &flags, nullptr))
         (void)TQClientManagedStorageCopyOutDone(store, staged, nullptr);
@@ -113,9 +111,7 @@ void UseStore(const HostileStore &hostile)
 {
     const DeferredScope scope;
     const char *const root = hostile.root.c_str(), *const document = hostile.document.c_str();
-    OwnedError error;
-    TQClientManagedStorage *const store = TQClientManagedStorageCreate(root, error.out());
-    Require(store || error.get(), "neither a store nor an error");
+    TQClientManagedStorage *const store = TQClientManagedStorageCreate(root, nullptr);
     (void)TQDefer(TQClientManagedStorageCopyGenerationNames(store, nullptr));
     (void)TQDefer(TQClientManagedStorageCopyAllGenerationsInfos(store, nullptr, nullptr));
     for (const char *name : {"file", "folder", "\xff"}) UseGeneration(store, name, hostile);
