@@ -53,7 +53,8 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 ///         kTQStatusExists           the store has a generation of that name
 ///         kTQStatusInvalidArgument  also: `source` contains the store
 ///         kTQStatusNotSupported     the tree holds a FIFO, a socket or a device
-///         kTQStatusBadPath          the tree holds a symbolic link; or, when moving, lies on another volume
+///         kTQStatusBadPath          the tree holds a symbolic link, or paths beyond the kernel's limit; or, when moving,
+///                                   lies on another volume, or has one mounted inside
 ///
 /// Exclusive lock. Reports to the thread's current progress and can be cancelled through it, when copying.
 TQ_EXPORT bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *name, const char *source,
@@ -121,7 +122,8 @@ TQ_EXPORT bool TQClientManagedStorageCopyOutDone(const TQClientManagedStorage *s
 TQ_EXPORT bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, const char *name,
                                                     const char *destination, TQError **error);
 
-/// Removes generations by name, in order; a name that has no generation is passed over. On disk on return.
+/// Removes generations by name, in order; a name that has no generation is passed over. On disk on return. Works on a
+/// disk without room, too.
 ///
 /// @param names  Strings.
 /// @return false at the first failure; those before it stay removed, those after it are not looked at.
