@@ -109,37 +109,6 @@ TEST_P(Library, RefusesNamesAndURLsBeforeTheStoreIsAsked)
     store.CheckInvariants();
 }
 
-TEST_P(Library, StatusOfAStoredItemIsThatOfTheDocument)
-{
-    const std::string item = disk::Write(store / "item", ""), missing = store / "missing",
-                      byteName = "com.corvane.vaultry.orig_perms_v1";
-    const struct {
-        std::optional<std::string> byte;
-        mode_t stored, mode;
-        uint32_t flags;
-    } rows[] = {{std::nullopt, 0444, 0644, 0}, {"\x1c", 0444, 0666, 0}, {"\x03", 0464, 0464, 6}};
-    TQFileStatus status{};
-    for (const auto &row : rows) {
-        chmod(item.c_str(), 0666);
-        if (row.byte) disk::SetAttribute(item, byteName, *row.byte);
-        chmod(item.c_str(), row.stored);
-        errno = EDOM;
-        EXPECT_TRUE(TQLibraryInternalStatGeneration(item.c_str(), &status) == 0 && errno == EDOM);
-        EXPECT_EQ(status.mode, S_IFREG | row.mode);
-        EXPECT_EQ(status.flags, row.flags);
-    }
-    chmod(item.c_str(), 0600);
-    for (const char *bytes : {"two", ""}) {
-        disk::SetAttribute(item, byteName, bytes);
-        const std::string number = std::to_string(*bytes == '\0' ? 0 : ERANGE);
-        Expect({{Logs(0, "failed to retrieve original perms from xattr on item \"$/item\"; error " + number),
-                 CALL(!TQLibraryInternalStatGeneration(item.c_str(), &status) && why)}});
-        EXPECT_TRUE(TQLibraryInternalStatGeneration(item.c_str(), &status) == -1 && errno == EIO &&
-                    (status.mode & 0777U) == 0600);
-    }
-    EXPECT_TRUE(TQLibraryInternalStatGeneration(missing.c_str(), &status) == -1 && errno == ENOENT);
-}
-
 TEST(LibraryThreads, FirstObjectsAndOneObjectInManyThreads)
 {
     TestStore store;

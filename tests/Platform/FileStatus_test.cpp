@@ -1,10 +1,7 @@
 #include "Platform/FileStatus.h"
 
-#include "Platform/UniqueFd.h"
 #include "support/Tests.h"
 #include "support/Volumes.h"
-
-#include <sys/ioctl.h>
 
 namespace {
 
@@ -26,47 +23,6 @@ struct FileFlags : InDirectory {};
 struct VolumeFlags : OnEachVolume {};
 
 } // namespace
-
-// A pipe would block whoever opens it, and a link's target is somebody else's.
-TEST_P(FileFlags, WhatHoldsNoFlagsSaysSo)
-{
-    ASSERT_TRUE(Shell(directory.path(), "touch target; ln -s target link; mkfifo pipe"));
-    const std::tuple<const char *, uint32_t, int> rows[] = {
-        {"link", kTQFlagNoDump, ENOTSUP},
-        {"pipe", kTQFlagNoDump, ENOTSUP},
-        {"target", kTQFlagTracked, ENOTSUP},
-        {"target", 0x80000000, ENOTSUP},
-        {"none", kTQFlagNoDump, ENOENT},
-        // What stands already needs neither a right nor a file system.
-        {"link", 0, 0},
-    };
-    for (const auto &[name, flags, error] : rows) EXPECT_EQ(Set(directory / name, flags), error) << name;
-    EXPECT_EQ(FlagsOf(directory / "target"), 0U);
-}
-
-TEST_P(FileFlags, OnlyTheWantedBitsChange)
-{
-    for (const mode_t mode : {0644U, 0400U, 0000U}) {
-        SCOPED_TRACE(mode);
-        const std::string path = File("file" + std::to_string(mode));
-        const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        int noAccessTime = 0, after = 0;
-        ASSERT_EQ(ioctl(fd.get(), FS_IOC_GETFLAGS, &noAccessTime), 0);
-        noAccessTime |= FS_NOATIME_FL;
-        ASSERT_EQ(ioctl(fd.get(), FS_IOC_SETFLAGS, &noAccessTime), 0);
-        ASSERT_EQ(fchmod(fd.get(), mode), 0); // 0000: its owner can't open it any more
-
-        EXPECT_EQ(Set(path, kTQFlagNoDump), 0);
-        EXPECT_EQ(ioctl(fd.get(), FS_IOC_GETFLAGS, &after), 0);
-        EXPECT_EQ(after, noAccessTime | FS_NODUMP_FL);
-
-        constexpr uint32_t one = kTQFlagNoDump, both = one | kTQFlagImmutable;
-        EXPECT_EQ(Set(path, both), canFlag ? 0 : EPERM);
-        EXPECT_EQ(FlagsOf(path), canFlag ? both : one);
-        EXPECT_EQ(Set(path, 0), 0);
-        EXPECT_EQ(FlagsOf(path), 0U);
-    }
-}
 
 TEST_P(FileFlags, AModeIsNeverSetThroughALink)
 {

@@ -58,62 +58,9 @@ void MakeDeep(const std::string &root, int depth)
     }
 }
 
-struct Walks : InDirectory {};
 struct WalksOfVolumes : OnEachVolume {};
 
 } // namespace
-
-TEST_P(Walks, ReportEachEntryOnceByItsKind)
-{
-    ASSERT_TRUE(Shell(directory.path(), "mkdir -p only/s; ln -s nowhere only/s/l; echo x > one; mkfifo pipe"));
-    const std::pair<const char *, Words> rows[] = {
-        {"only", {"D ", "D /s", "SL /s/l", "DP /s", "DP "}},
-        {"only/s/l", {"SL "}},
-        {"only/", {"D ", "D s", "SL s/l", "DP s", "DP "}},
-        {"one", {"F "}},
-        {"pipe", {"O "}},
-        {"none", {"NS:ENOENT "}},
-        {"one/below", {"NS:ENOTDIR "}},
-    };
-    const Act knowsAbove = [](const TreeWalk::Entry &entry) {
-        struct stat above {
-        }, held{};
-        EXPECT_EQ(stat(std::string(entry.item.path, entry.parentPathLength).c_str(), &above), 0);
-        EXPECT_TRUE(fstat(entry.item.directory, &held) != 0 || held.st_ino == above.st_ino) << entry.item.path;
-    };
-    for (const auto &[root, reported] : rows) EXPECT_EQ(Walk(directory / root, knowsAbove), reported) << root;
-
-    TreeWalk walk;
-    EXPECT_TRUE(!walk.Open("") && errno == ENOENT);
-    EXPECT_TRUE(!walk.Open(std::string(4096, 'x').c_str()) && errno == ENAMETOOLONG);
-}
-
-// What is done to a directory of mode 0000 when it is reported, and what the walk then finds.
-TEST_P(Walks, NeverLeaveTheirTree)
-{
-    const Words whole = {"D", "F", "DP"};
-    const std::pair<const char *, Words> rows[] = {
-        // of the directory and its one file
-        {"chmod 0700 sub", whole}, // rights added in time
-        {"chmod 0300 sub", isRoot ? whole : Words{"D", "DNR:EACCES"}},
-        {"chmod 0600 sub", isRoot ? whole : Words{"D", "NS:EACCES", "DP"}},
-        {"chmod 0700 sub; mv sub ../away", {"D", "DNR:ENOENT"}},
-        {"chmod 0700 sub; mv sub ../away; ln -s ../away sub", {"D", "ERR:ESTALE"}},
-        {"chmod 0700 sub; mv sub ../away; mkdir sub; echo x > sub/other", {"D", "ERR:ESTALE"}},
-    };
-    for (const auto &[act, wanted] : rows) {
-        SCOPED_TRACE(act);
-        ASSERT_TRUE(Shell(directory.path(), "mkdir -p tree/sub; echo x > tree/sub/file; chmod 0 tree/sub"));
-        Words reported;
-        Walk(directory / "tree", [&, act = act](const TreeWalk::Entry &entry) {
-            if (entry.level > 0) reported.push_back(Word(entry));
-            EXPECT_TRUE(entry.level == 0 || entry.kind != Kind::Directory || Shell(At("tree"), act));
-        });
-        EXPECT_EQ(reported, wanted);
-        ASSERT_TRUE(Shell(directory.path(), "chmod -R u+rwx .; rm -rf tree away"));
-    }
-}
-INSTANTIATE_AS_EACH(Walks);
 
 // A folder larger than any buffer, and a way down longer than there are descriptors, both removed under the walk.
 TEST_P(WalksOfVolumes, RemoveWideAndDeepTrees)

@@ -4,11 +4,14 @@
 // "error 104 ENOENT: …", or "refused 105: …" for what is logged as the caller's fault. What else is logged, quiet lines
 // only for `probe -v`, is said as "logged 3: …".
 
+#include "Platform/FileStatus.h"
 #include "Platform/ScopeExit.h"
 #include "Platform/SystemLog.h"
+#include "Platform/TreeWalk.h"
 #include "Shared/vaultry_fs_wrappers.h"
 #include "Shared/vaultry_internal.h"
 #include "Shared/vaultry_storage.h"
+#include "TQLibrary.h"
 #include "support/Disk.h"
 #include "support/Library.h"
 
@@ -92,6 +95,27 @@ void Show(const std::string &path)
     std::cout << '\n';
     if (!S_ISDIR(status.st_mode)) return;
     for (const std::string &name : disk::List(path)) Show(path + "/" + name);
+}
+
+// What a walk reports, a line each; at the line that is the second word the third, a command of the shell, is done.
+bool Walk(const Words &w, TQError **)
+{
+    constexpr const char *kinds[] = {"folder", "folder-done", "unreadable", "file",
+                                     "link",   "other",       "no-status",  "error"};
+    TreeWalk walk;
+    if (!walk.Open(w[0])) return !Say(strerrorname_np(errno));
+    while (const TreeWalk::Entry *entry = walk.Next()) {
+        const std::string line = std::string(kinds[static_cast<int>(entry->kind)]) + " " + entry->item.path;
+        Say(line, entry->error ? " " : "", entry->error ? strerrorname_np(entry->error) : "");
+        struct stat above {
+        }, held{};
+        const std::string parent(entry->item.path, entry->parentPathLength);
+        if (fstat(entry->item.directory, &held) == 0 && stat(parent.c_str(), &above) == 0 &&
+            held.st_ino != above.st_ino)
+            Say(parent, " is not what is held");
+        if (w[1] && line == w[1] && system(w[2]) != 0) return !Say("the command failed");
+    }
+    return true;
 }
 
 // What the copy service tells its client, a line each; at the line that is the third word the fourth is done: "skip" and
@@ -260,7 +284,25 @@ const std::map<std::string, Function> kFunctions = {
     {"copy-on-write", [](const Words &w, TQError **) { return _SetCopyOnWrite(w[0]) || !Say(strerrorname_np(errno)); }},
     {"no-copy-on-write",
      [](const Words &w, TQError **) { return _UnsetCopyOnWrite(w[0]) || !Say(strerrorname_np(errno)); }},
+    {"flags", // what an item has, or is to have; and its birth time, which every file system here knows
+     [](const Words &w, TQError **) {
+         const Item item = Item::AtPath(w[0]);
+         errno = 0;
+         if (w[1] && platform::SetFlags(item, Links::NoFollow, static_cast<uint32_t>(std::stoul(w[1], nullptr, 0))) != 0)
+             return !Say(strerrorname_np(errno));
+         TQFileStatus status{};
+         const bool known = platform::GetStatus(item, Links::NoFollow, &status) == 0;
+         return known && Say("flags ", status.flags, status.hasBirthTime ? "" : ", not born");
+     }},
+    {"stored-status", // of the document that a stored item is of
+     [](const Words &w, TQError **) {
+         TQFileStatus status{};
+         errno = EDOM; // stays
+         const bool done = TQLibraryInternalStatGeneration(w[0], &status) == 0;
+         return Say(strerrorname_np(errno), std::oct, " mode ", status.mode, " flags ", status.flags, std::dec) && done;
+     }},
     // --- a tree
+    {"walk", Walk}, // ROOT [AT ACT]
     {"copy", Copy}, // FROM TO [AT ACT]
     {"remove-tree", [](const Words &w, TQError **error) { return _RemoveTree(w[0], 0, error); }},
     {"remove-below", [](const Words &w, TQError **error) { return _RemoveSubTrees(w[0], 0, error); }},
