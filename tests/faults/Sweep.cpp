@@ -1,5 +1,7 @@
 #include "faults/Sweep.h"
 
+#include "support/Table.h"
+
 #include <csignal>
 #include <cstdlib>
 #include <sys/syscall.h>
@@ -10,8 +12,8 @@ using Fate = Outcome::Fate;
 using Act = Fault::Act;
 constexpr unsigned kLasting = Snapshot::kContents | Snapshot::kRights;
 
-// EIO first: it is never taken for an answer.
-constexpr int kErrors[] = {EIO, ENOSPC, EACCES, EPERM, EMFILE, ENOMEM, EINTR, EDQUOT, EROFS, EXDEV, EINVAL, ENOTSUP};
+// Beside EIO, which is never taken for an answer.
+constexpr int kErrors[] = {ENOSPC, EACCES, EPERM, EMFILE, ENOMEM, EINTR, EDQUOT, EROFS, EXDEV, EINVAL, ENOTSUP};
 // From some call on: a disk that broke, is full, or was made read-only.
 constexpr int kLastingErrors[] = {EIO, ENOSPC, EROFS};
 
@@ -27,6 +29,11 @@ const struct {
      std::regex("/d|/d.rtf|/other volume/d")}, // writable
     {std::regex("duplix from"), std::regex("/other volume/.*")},
 };
+
+template <size_t count> int InTurn(const int (&errors)[count], int nth)
+{
+    return errors[static_cast<size_t>(nth) % count];
+}
 
 bool IsLong()
 {
@@ -172,37 +179,38 @@ Outcome Sweeper::Run(const Fault &fault, Scene &scene) const
 
 void Sweeper::Walk()
 {
-    constexpr size_t count = std::size(kErrors);
-    const auto in_turn = [](int nth) { return kErrors[1 + static_cast<size_t>(nth) % (count - 1)]; };
     Walk(failingCalls, [](int nth) { return FailCall(nth, EIO); });
-    Walk(failingCalls, [&](int nth) { return FailCall(nth, in_turn(nth)); });
-    Walk(failingCalls, [](int nth) {
-        return FailFromCallOn(nth, kLastingErrors[static_cast<size_t>(nth) % std::size(kLastingErrors)]);
-    });
     Walk(kills, [](int nth) { return KillBefore(nth); });
-    if (IsLong()) {
-        Walk(kills, [](int nth) { return KillAfter(nth); });
-        for (const int error : kErrors) {
-            Walk(failingCalls, [error](int nth) { return FailCall(nth, error); });
-            // A call that is interrupted is made again, for as long as that takes.
-            if (error != EINTR) Walk(failingCalls, [error](int nth) { return FailFromCallOn(nth, error); });
-        }
+    if (!kCanFailAllocations) return; // a sanitizer's own calls fail too
+    Walk(allocations, FailAllocation);
+    Walk(failingCalls, [](int nth) {
+        return nth % 2 == 0 ? FailCall(nth, InTurn(kErrors, nth / 2))
+                            : FailFromCallOn(nth, InTurn(kLastingErrors, nth / 2));
+    });
+    ExpectMessages();
+    if (!IsLong()) return;
+    Walk(kills, [](int nth) { return KillAfter(nth); });
+    for (const int error : kErrors) {
+        Walk(failingCalls, [error](int nth) { return FailCall(nth, error); });
+        // A call that is interrupted is made again, for as long as that takes.
+        if (error != EINTR) Walk(failingCalls, [error](int nth) { return FailFromCallOn(nth, error); });
     }
-    if (kCanFailAllocations) Walk(allocations, FailAllocation);
+}
 
-    for (std::string text : swept_.says) {
-        if (kStep > 1) break;
-        if (text.rfind("user: ", 0) == 0 && who_ == As::Root) continue;
-        if (text.rfind("cap: ", 0) == 0 && who_ != As::Capable) continue;
-        if (const size_t prefix = text.find(": "); prefix == 4 || prefix == 3) text.erase(0, prefix + 2);
-        EXPECT_TRUE(said_.count(text)) << "no fault gives: " << text
-                                       << "\nthose given: " << testing::PrintToString(said_);
+void Sweeper::ExpectMessages() const
+{
+    static const std::vector<TableRow> messages = ReadTable("faults/messages.txt");
+    for (const auto &row : messages) {
+        const bool concerned = row[1] == "all" || who_ == As::Capable || (who_ == As::User && row[1] == "user");
+        EXPECT_TRUE(row[0] != swept_.name || !concerned || said_.count(row[2]))
+            << "no fault gives: " << row[2] << "\nbut: " << testing::PrintToString(said_);
     }
 }
 
 void Sweeper::Walk(int &points, const Faults &faults)
 {
-    for (int nth = 1;; nth += kStep) {
+    const int step = kStep * (IsLong() ? 1 : swept_.step);
+    for (int nth = 1;; nth += step) {
         const Fault fault = faults(nth);
         SCOPED_TRACE(Show(fault));
         Scene scene(swept_.kind, who_ == As::Capable);
@@ -237,7 +245,8 @@ void Sweeper::Judge(const Fault &fault, const Outcome &outcome, Scene &scene)
     const Snapshot found = scene.Now();
     for (const Snapshot *snapshot : {&std::as_const(before_), &std::as_const(after_), &found})
         for (const auto &[path, item] : snapshot->items) paths.insert(path);
-    const std::regex unfinished(swept_.unfinished + "|/store|/store/\\.vaultry_staging/.*");
+    const std::regex unfinished(swept_.unfinished + "|/store|/store/" + swept_.subject +
+                                "|/store/\\.vaultry_staging/.*");
     const std::string lacking = fault.act == Act::Fail ? MayLack(outcome.call, fault.error) : "";
     std::string wrong;
     for (const auto &path : paths) {
@@ -265,22 +274,26 @@ void Sweeper::Judge(const Fault &fault, const Outcome &outcome, Scene &scene)
                 (fault.act == Act::Fail && std::regex_match(outcome.answer, std::regex(swept_.lesser))))
         << outcome.answer;
     EXPECT_TRUE(fault.act != Act::FailAllocation || outcome.leaked == 0) << outcome.leaked << " leaked";
-    if (!broken) JudgeReport(fault, outcome, scene);
+    JudgeReport(fault, outcome, scene, broken);
 }
 
-void Sweeper::JudgeReport(const Fault &fault, const Outcome &outcome, const Scene &scene)
+void Sweeper::JudgeReport(const Fault &fault, const Outcome &outcome, const Scene &scene, bool broken)
 {
     const auto plain = [&](const std::string &text) {
         const std::string other = scene.otherVolume ? scene.otherVolume->path() : "";
         return Plain(Plain(text, scene.store.path()), other);
     };
-    const auto bare = [](const std::string &text) { return text.substr(0, text.find("; error ")); };
+    const auto bare = [](const std::string &text) {
+        const size_t end = text.find("; error ");
+        return text.substr(0, end == std::string::npos ? text.find_last_not_of('\n') + 1
+                                                       : text.find_last_not_of('\n', end - 1) + 1);
+    };
     for (const auto &line : outcome.log) {
         // "file.cpp:12 message (on label)"
         const std::string text = plain(line.text.substr(0, line.text.rfind(" (on ")));
         said_.insert(std::to_string(line.level) + " " + bare(text.substr(text.find(' ') + 1)));
     }
-    if (outcome.succeeded || swept_.silent) return;
+    if (broken || outcome.succeeded || swept_.silent) return;
     EXPECT_TRUE(outcome.hasError) << "no error object";
     const std::string text = bare(plain(outcome.message)),
                       logged = outcome.message.substr(0, outcome.message.find_last_not_of('\n') + 1);

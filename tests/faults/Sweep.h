@@ -27,20 +27,22 @@ struct Scene {
     Ref<TQLibrary> library;
 };
 
-// An operation to be swept.
+// A failure that comes last, when what was done stays.
+inline const std::string kLastFlush = "Failed to flush (?!.*/staged\")";
+
+// An operation to be swept. Paths and words are regular expressions.
 struct Swept {
-    std::string name;
+    std::string name; // also in messages.txt
     TestStore::Document kind = TestStore::Document::File;
     std::function<void(Scene &)> prepare = [](Scene &) {};
     std::function<bool(Scene &, TQError **)> run = {};
-    std::string subject = "";    // the generation that it works on
-    std::string unfinished = ""; // paths that a kill may leave half done
-    // Failures that come last, when what was done stays.
-    std::string stays = "Failed to flush (?!.*/staged\")";
-    std::string lesser = "whole"; // what may be answered when a call fails, beside the whole answer
-    bool silent = false;          // its failures have no error object
+    std::string subject = "";         // the generation that it works on
+    std::string unfinished = "";      // what else a kill may leave half done
+    std::string stays = kLastFlush;   // failures that may leave what was done
+    std::string lesser = "the whole"; // what a failing call may reduce the answer to
+    int step = 1;                     // between the calls that the daily run meets
+    bool silent = false;              // its failures have no error object
     std::function<void(Scene &)> then = [](Scene &) {};
-    std::vector<std::string> says = {}; // what its failures say; with "user: " or "cap: " in front only as those
 };
 
 class Sweeper {
@@ -50,9 +52,10 @@ public:
 
 private:
     using Faults = std::function<Fault(int nth)>;
+    void ExpectMessages() const;
     void Walk(int &points, const Faults &faults);
     void Judge(const Fault &fault, const Outcome &outcome, Scene &scene);
-    void JudgeReport(const Fault &fault, const Outcome &outcome, const Scene &scene);
+    void JudgeReport(const Fault &fault, const Outcome &outcome, const Scene &scene, bool broken);
 
     Outcome Run(const Fault &fault, Scene &scene) const;
 
