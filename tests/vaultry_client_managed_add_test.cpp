@@ -6,22 +6,6 @@ namespace {
 struct StoreAdd : InStore {};
 INSTANTIATE_AS_EACH(StoreAdd);
 
-TEST_P(StoreAdd, ADocumentThatCannotComeHomeStaysInStagingWithANote)
-{
-    const Outcome outcome = InChild(FailFromCallOn(2, EIO, kRename), CALL(store.Add("g", why, /*copy=*/false)));
-    EXPECT_EQ(outcome.fate, Outcome::Fate::Failed);
-    ExpectSays(outcome,
-               Logs(EIO, "Failed to give the document back to \"$/document\"; it lies at "
-                         "\"$/store/.vaultry_staging/*/staged\""),
-               store.path());
-    const auto left = disk::List(store.Staging());
-    ASSERT_EQ(left.size(), 1U);
-    const std::string unique = store.Staging() + "/" + left[0];
-    EXPECT_EQ(disk::Attribute(unique, "com.corvane.vaultry.moved_from"), store.document());
-    EXPECT_TRUE(Same(store.contents(), Snapshot::Of(unique + "/staged", Snapshot::kContents)));
-    store.CheckInvariants("", /*killed=*/true);
-}
-
 TEST_P(StoreAdd, ADocumentThatChangesMeanwhileIsKeptWholeOrNotAtAll)
 {
     const std::string tree = disk::MakeDirectory(store / "changing");

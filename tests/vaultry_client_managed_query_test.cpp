@@ -23,16 +23,6 @@ std::string NamesIn(const Value &result)
 struct StoreQuery : InStore {};
 INSTANTIATE_AS_EACH(StoreQuery);
 
-TEST_P(StoreQuery, ADirectoryThatCannotBeReadFailsIt)
-{
-    const Fault second = FailCall(2, EIO, {SYS_openat}); // the first is the lock file
-    Expect({{System(EIO, "unable to opendir($/store)", 7),
-             CALL(TQClientManagedStorageCopyAllGenerationsInfos(handle, nullptr, why)), second},
-            {System(EIO, "unable to opendir($/store)", 3), CALL(TQClientManagedStorageCopyGenerationNames(handle, why)),
-             second}});
-    store.CheckInvariants();
-}
-
 // A list of keys reaches the building of records from inside alone.
 TEST_P(StoreQuery, OfAListOfKeysARecordHoldsThoseThatAreThere)
 {

@@ -2,28 +2,6 @@
 
 namespace {
 
-Operation Create(const std::string &root)
-{
-    return [root](TQError **error) {
-        TQClientManagedStorage *store = TQClientManagedStorageCreate(root.c_str(), error);
-        TQClientManagedStorageFree(store);
-        return store != nullptr;
-    };
-}
-
-TEST(StoreLife, WhatIsMissingAfterAFailureCanBePutRight)
-{
-    const TempDirectory directory;
-    const std::string root = disk::MakeDirectory(directory / "store");
-    ExpectRows({{System(EPERM, "failed to unprotect store at \"$/store\", chomd(0755) failed"), Create(root),
-                 FailCall(1, EPERM, kMode)},
-                {Refused(104, "mkdir \"$/store/.vaultry_staging\" failed"), Create(root),
-                 FailCall(1, ENOSPC, kMakeDirectory)}},
-               directory.path());
-    EXPECT_EQ(disk::Mode(root), 0755U);
-    EXPECT_TRUE(Create(root)(nullptr));
-}
-
 TEST(StoreLife, NullIsNoStoreNoNameAndNoDocument)
 {
     const TestStore store;

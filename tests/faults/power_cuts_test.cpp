@@ -136,7 +136,7 @@ TEST_P(PowerCuts, WhatReturnedTrueStaysAndNothingIsTorn)
         const bool flushed = nth != 0 || kind == Document::File;
         if (flushed) volume.FlushAll();
         identity.emplace(who);
-        const Outcome outcome = InChild(nth == 0 ? CountCalls(kAllButMemory) : KillBefore(nth), [&](TQError **why) {
+        const Outcome outcome = InChild(nth == 0 ? CountCalls() : KillBefore(nth), [&](TQError **why) {
             const auto result = work.run(scene);
             if (!result) *why = static_cast<TQError *>(TQRetain(result.error().get()));
             return static_cast<bool>(result);

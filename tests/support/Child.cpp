@@ -23,22 +23,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#ifndef SYS_fchmodat2
-#define SYS_fchmodat2 452
-#endif
 #ifndef SYS_file_setattr
 #define SYS_file_setattr 469
 #endif
 
-// Calls that newer machines never had are left out of the sets.
-#if defined(__x86_64__)
-#define OLDER(...) __VA_ARGS__
+#ifdef SYS_rename // newer machines never had it
+const Calls kRename{SYS_rename, SYS_renameat, SYS_renameat2};
 #else
-#define OLDER(...)
+const Calls kRename{SYS_renameat, SYS_renameat2};
 #endif
-const Calls kRename{OLDER(SYS_rename, ) SYS_renameat, SYS_renameat2};
-const Calls kMode{OLDER(SYS_chmod, ) SYS_fchmod, SYS_fchmodat, SYS_fchmodat2};
-const Calls kMakeDirectory{OLDER(SYS_mkdir, ) SYS_mkdirat};
 const Calls kFlags{SYS_ioctl, SYS_file_setattr};
 const Calls kLock{SYS_flock};
 

@@ -14,8 +14,7 @@
 #include <vaultry/error.h>
 
 using Calls = std::vector<int>; // system calls by number; none of them stands for all
-extern const Calls kRename, kMode, kMakeDirectory, kFlags, kLock;
-inline const Calls kAllButMemory; // whose failures are the allocator's to tell
+extern const Calls kRename, kFlags, kLock;
 
 struct Fault {
     enum class Act { None, Fail, KillBefore, KillAfter, FailAllocation };

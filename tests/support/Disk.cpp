@@ -4,11 +4,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <linux/fs.h>
 #include <linux/stat.h>
+#include <numeric>
+#include <set>
 #include <sstream>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -26,17 +28,22 @@ void Require(bool done, const std::string &what)
     std::abort();
 }
 
+struct statx StatusOf(const std::string &path)
+{
+    struct statx status {};
+    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) != 0) status.stx_mode = 0;
+    return status;
+}
+
 // Undoes every protection on the way down. What can't be removed is said; a later run is not to stumble over it.
 void RemoveAll(const std::string &path)
 {
-    struct stat status {};
-    if (lstat(path.c_str(), &status) != 0) return;
-    if (!S_ISLNK(status.st_mode)) {
-        if ((disk::Flags(path) & (FS_IMMUTABLE_FL | FS_APPEND_FL)) != 0) disk::SetFlags(path, 0);
-        if (S_ISDIR(status.st_mode)) {
-            (void)chmod(path.c_str(), 0700);
-            for (const auto &name : disk::List(path)) RemoveAll(path + "/" + name);
-        }
+    const unsigned type = StatusOf(path).stx_mode & S_IFMT;
+    if (type == 0) return;
+    if (type != S_IFLNK && (disk::Flags(path) & (FS_IMMUTABLE_FL | FS_APPEND_FL)) != 0) disk::SetFlags(path, 0);
+    if (type == S_IFDIR) {
+        (void)chmod(path.c_str(), 0700);
+        for (const auto &name : disk::List(path)) RemoveAll(path + "/" + name);
     }
     if (remove(path.c_str()) != 0) std::perror(("left behind: " + path).c_str());
 }
@@ -46,22 +53,25 @@ std::string Hashed(const std::string &bytes)
     return std::to_string(bytes.size()) + ":" + std::to_string(std::hash<std::string>()(bytes));
 }
 
+std::optional<std::string> ValueOf(const std::string &path, const std::string &name)
+{
+    std::string value(65536, '\0');
+    const ssize_t size = lgetxattr(path.c_str(), name.c_str(), value.data(), value.size());
+    value.resize(size < 0 ? 0 : static_cast<size_t>(size));
+    return size < 0 ? std::nullopt : std::optional(value);
+}
+
 std::string Attributes(const std::string &path)
 {
     char names[8192];
     const ssize_t length = llistxattr(path.c_str(), names, sizeof names);
-    std::map<std::string, std::string> found;
+    std::set<std::string> found;
     for (ssize_t at = 0; at < length; at += static_cast<ssize_t>(std::strlen(names + at)) + 1) {
-        const std::string name = names + at;
-        if (name.rfind("user.", 0) != 0 && name.rfind("system.posix_acl", 0) != 0) continue;
-        std::string value(65536, '\0');
-        const ssize_t size = lgetxattr(path.c_str(), name.c_str(), value.data(), value.size());
-        value.resize(size < 0 ? 0 : static_cast<size_t>(size));
-        found[name] = value.size() == 1 ? std::to_string(value[0]) : Hashed(value);
+        const std::string name = names + at, value = ValueOf(path, name).value_or("");
+        if (name.rfind("user.", 0) == 0 || name.rfind("system.posix_acl", 0) == 0)
+            found.insert(" " + name + "=" + (value.size() == 1 ? std::to_string(value[0]) : Hashed(value)));
     }
-    std::string text;
-    for (const auto &[name, value] : found) text += " " + name + "=" + value;
-    return text;
+    return std::accumulate(found.begin(), found.end(), std::string());
 }
 
 std::string Extents(const std::string &path)
@@ -70,8 +80,7 @@ std::string Extents(const std::string &path)
     std::string text = " data";
     for (off_t at = 0; (at = lseek(fd, at, SEEK_DATA)) >= 0;) {
         text += " " + std::to_string(at) + "-";
-        at = lseek(fd, at, SEEK_HOLE);
-        text += std::to_string(at);
+        text += std::to_string(at = lseek(fd, at, SEEK_HOLE));
     }
     close(fd);
     return text;
@@ -80,16 +89,16 @@ std::string Extents(const std::string &path)
 void Describe(const std::string &root, const std::string &below, unsigned what, Snapshot &into)
 {
     const std::string path = root + below;
-    struct statx status {};
-    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &status) != 0) {
-        into.items[below] = "nothing there";
-        return;
-    }
-    std::ostringstream text;
+    const struct statx status = StatusOf(path);
     const unsigned type = status.stx_mode & S_IFMT;
-    text << (type == S_IFDIR ? "directory" : type == S_IFREG ? "file" : type == S_IFLNK ? "link" : "other");
+    std::ostringstream text;
+    text << (type == 0         ? "nothing there"
+             : type == S_IFDIR ? "directory"
+             : type == S_IFREG ? "file"
+             : type == S_IFLNK ? "link"
+                               : "other");
     if ((what & Snapshot::kContents) != 0 && type == S_IFREG) text << " " << Hashed(disk::Read(path));
-    if ((what & Snapshot::kRights) != 0)
+    if ((what & Snapshot::kRights) != 0 && type != 0)
         text << " mode " << std::oct << (status.stx_mode & 07777U) << std::dec << " owner " << status.stx_uid << ":"
              << status.stx_gid << " flags "
              << (status.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND | STATX_ATTR_NODUMP))
@@ -101,6 +110,21 @@ void Describe(const std::string &root, const std::string &below, unsigned what, 
     into.items[below] = text.str();
     if (type != S_IFDIR) return;
     for (const auto &name : disk::List(path)) Describe(root, below + "/" + name, what, into);
+}
+
+// The flags that tests set or look at; changed first, if `change` says to what.
+constexpr int kOurFlags = FS_IMMUTABLE_FL | FS_APPEND_FL | FS_NODUMP_FL | FS_COMPR_FL;
+std::optional<int> FlagsOf(const std::string &path, std::optional<int> change = {})
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    int word = 0;
+    bool done = fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &word) == 0;
+    if (done && change) {
+        word = (word & ~kOurFlags) | *change;
+        done = ioctl(fd, FS_IOC_SETFLAGS, &word) == 0;
+    }
+    close(fd);
+    return done ? std::optional(word & kOurFlags) : std::nullopt;
 }
 
 } // namespace
@@ -124,8 +148,7 @@ std::string MakeDirectory(const std::string &path, mode_t mode)
 std::string MakeDirectoryOfLength(const std::string &in, size_t length)
 {
     const size_t missing = length - in.size() - 1;
-    const size_t name = missing > 200 ? 100 : missing;
-    const std::string path = in + "/" + std::string(name, 'd');
+    const std::string path = in + "/" + std::string(missing > 200 ? 100 : missing, 'd');
     if (!Exists(path)) MakeDirectory(path);
     return missing > 200 ? MakeDirectoryOfLength(path, length) : path;
 }
@@ -140,46 +163,32 @@ std::string Read(const std::string &path)
 std::vector<std::string> List(const std::string &directory)
 {
     std::vector<std::string> names;
-    DIR *stream = opendir(directory.c_str());
-    if (stream == nullptr) return names;
-    while (const dirent *entry = readdir(stream)) names.emplace_back(entry->d_name);
-    closedir(stream);
-    std::erase_if(names, [](const auto &name) { return name == "." || name == ".."; });
+    std::error_code ignored;
+    for (const auto &entry : std::filesystem::directory_iterator(directory, ignored))
+        names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     return names;
 }
 
 bool Exists(const std::string &path)
 {
-    struct stat status {};
-    return lstat(path.c_str(), &status) == 0;
+    return StatusOf(path).stx_mode != 0;
 }
 
 mode_t Mode(const std::string &path)
 {
-    struct stat status {};
-    return lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : static_cast<mode_t>(-1);
+    const unsigned mode = StatusOf(path).stx_mode;
+    return mode != 0 ? mode & 07777U : static_cast<mode_t>(-1);
 }
 
 bool SetFlags(const std::string &path, int flags)
 {
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-    int word = 0;
-    bool done = fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &word) == 0;
-    constexpr int ours = FS_IMMUTABLE_FL | FS_APPEND_FL | FS_NODUMP_FL | FS_COMPR_FL;
-    word = (word & ~ours) | flags;
-    done = done && ioctl(fd, FS_IOC_SETFLAGS, &word) == 0;
-    close(fd);
-    return done;
+    return FlagsOf(path, flags).has_value();
 }
 
 int Flags(const std::string &path)
 {
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-    int word = 0;
-    if (fd < 0 || ioctl(fd, FS_IOC_GETFLAGS, &word) != 0) word = 0;
-    close(fd);
-    return word & (FS_IMMUTABLE_FL | FS_APPEND_FL | FS_NODUMP_FL | FS_COMPR_FL);
+    return FlagsOf(path).value_or(0);
 }
 
 void SetAttribute(const std::string &path, const std::string &name, std::string_view value)
@@ -189,11 +198,7 @@ void SetAttribute(const std::string &path, const std::string &name, std::string_
 
 std::optional<std::string> Attribute(const std::string &path, const std::string &name)
 {
-    std::string value(65536, '\0');
-    const ssize_t size = lgetxattr(path.c_str(), ("user." + name).c_str(), value.data(), value.size());
-    if (size < 0) return std::nullopt;
-    value.resize(static_cast<size_t>(size));
-    return value;
+    return ValueOf(path, "user." + name);
 }
 
 std::string MakePackage(const std::string &path)
