@@ -1,5 +1,6 @@
-#include "Runtime/Values.h"
 #include "support/Tests.h"
+
+#include <vaultry/vaultry.hpp>
 
 #include <ctime>
 #include <sys/syscall.h>
@@ -20,20 +21,10 @@ using Lines = std::vector<std::string>;
 // Each finding as "kind path", and "mended" behind if it was; sorted.
 Lines Check(const TestStore &store, bool repair)
 {
-    OwnedError error;
-    const auto list =
-        Ref<TQArray>::Adopt(TQClientManagedStorageCopyFindings(store.root().c_str(), repair, error.out()));
-    EXPECT_TRUE(list) << error.description();
+    const auto found = vaultry::Store::findings(store.root(), repair).value();
     Lines lines;
-    for (size_t i = 0; i < TQArrayGetCount(list.get()); ++i) {
-        const auto *finding = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(list.get(), i));
-        const auto entry = [&](const char *key) { return TQDictionaryGetValue(finding, String(key).get()); };
-        const auto *path = static_cast<const TQData *>(entry("path"));
-        lines.push_back(Text(static_cast<const TQString *>(entry("kind"))) + " " +
-                        Plain({static_cast<const char *>(TQDataGetBytes(path)), TQDataGetLength(path)}, store.path()) +
-                        (TQNumberGetTruth(entry("mended")) ? " mended" : ""));
-        EXPECT_GT(TQStringGetLength(static_cast<const TQString *>(entry("meaning"))), 20U);
-    }
+    for (const auto &finding : found)
+        lines.push_back(finding.kind + " " + Plain(finding.path, store.path()) + (finding.mended ? " mended" : ""));
     std::sort(lines.begin(), lines.end());
     return lines;
 }
@@ -41,12 +32,12 @@ Lines Check(const TestStore &store, bool repair)
 class StoreCheck : public AsEach {
 protected:
     ~StoreCheck() override { ahead = 0; }
-    static void Keep(const TestStore &store, const char *name)
+    static vaultry::Store Keep(const TestStore &store)
     {
-        ASSERT_TRUE(store.Add(name, nullptr, true, 6));
-        const Value document = Bytes(store.document());
-        EXPECT_TRUE(TQClientManagedStorageSetGenerationInfoValueForKey(
-            store.handle(), name, String("vaultry.document").get(), document.get(), nullptr));
+        const auto kept = vaultry::Store::open(store.root()).value();
+        EXPECT_TRUE(kept.add("g", store.document(), 6) &&
+                    kept.set_info("g", vaultry::document_key, vaultry::Data(store.document())));
+        return kept;
     }
 };
 INSTANTIATE_AS_EACH(StoreCheck);
@@ -72,7 +63,7 @@ TEST_P(StoreCheck, AKilledMoveIsGivenBack)
             ahead = 0;
             if (taken) continue;
             EXPECT_TRUE(Same(before, Snapshot::Of(store.document(), what)));
-            Keep(store, "g");
+            Keep(store);
             EXPECT_EQ(Check(store, /*repair=*/false), Lines());
             store.CheckInvariants();
         }
@@ -81,15 +72,10 @@ TEST_P(StoreCheck, AKilledMoveIsGivenBack)
 TEST_P(StoreCheck, AKilledRestoreIsTakenBack)
 {
     TestStore store(TestStore::Document::Package, QuickVolume());
-    Keep(store, "g");
-    const auto library =
-        Ref<TQLibrary>::Adopt(TQLibraryCreateClientManaged(nullptr, FileURL(store.root()).get(), nullptr));
+    const vaultry::Store kept = Keep(store);
     const Snapshot before = Snapshot::Of(store.document());
-    EXPECT_EQ(
-        InChild(KillAfter(1, kRename), CALL(TQLibraryRestoreGeneration(library.get(), String("g").get(),
-                                                                       FileURL(store.document()).get(), nullptr, why)))
-            .fate,
-        Outcome::Fate::Killed);
+    const auto restore = [&](TQError **) { return bool(kept.restore("g", store.document())); };
+    EXPECT_EQ(InChild(KillAfter(1, kRename), restore).fate, Outcome::Fate::Killed);
     EXPECT_FALSE(disk::Exists(store.document()));
     EXPECT_EQ(Check(store, true).size(), 2U) << "the document and the copy";
     EXPECT_TRUE(Same(before, Snapshot::Of(store.document())));
@@ -102,13 +88,13 @@ TEST_P(StoreCheck, AKilledRestoreIsTakenBack)
 TEST_P(StoreCheck, WhatCannotBeReadIsNeverWell)
 {
     TestStore store(TestStore::Document::Folder, QuickVolume());
-    Keep(store, "g");
+    Keep(store);
     const Calls reading{SYS_openat, SYS_getdents64, SYS_getxattr, SYS_lgetxattr, SYS_fgetxattr};
     int well = 0;
     for (int nth = 1;; ++nth) {
-        const Outcome outcome = InChild(FailCall(nth, EIO, reading), [&](TQError **why) {
-            const auto list = Ref<TQArray>::Adopt(TQClientManagedStorageCopyFindings(store.root().c_str(), false, why));
-            return list && TQArrayGetCount(list.get()) == 0;
+        const Outcome outcome = InChild(FailCall(nth, EIO, reading), [&](TQError **) {
+            const auto found = vaultry::Store::findings(store.root());
+            return found && found->empty();
         });
         well += outcome.succeeded;
         if (!outcome.faultFired) break;

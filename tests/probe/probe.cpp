@@ -153,15 +153,18 @@ Function OnStore(bool (*function)(const TQClientManagedStorage *, const Words &,
 }
 
 // What a query tells: the record of one generation, or the client and the record of each, in order.
-bool SayRecords(const TQClientManagedStorage *store, const Words &w, TQError **error)
+bool SayRecords(const Words &w, TQError **error)
 {
-    const std::string bytes = disk::Read(w[0]);
+    const std::string bytes = disk::Read(w[1]);
     const auto data = Ref<TQData>::Adopt(TQDataCreate(bytes.data(), bytes.size()));
     const auto spec = Ref<TQValue>::Adopt(TQPropertyListCreateWithData(data.get(), false, nullptr));
     const auto *asked = static_cast<const TQDictionary *>(spec.get());
-    if (w[1]) return SayMade(TQClientManagedStorageCopyGenerationInfos(store, String(w[1]).get(), asked, error));
+    const auto library = Ref<TQLibrary>::Adopt(TQLibraryCreateClientManaged(nullptr, FileURL(w[0]).get(), error));
+    TQLibrary *const l = library.get();
+    const TQValue *const unread = asked ? asked : static_cast<const TQValue *>(library.get());
+    if (w[2]) return SayMade(TQLibraryCopyGenerationInfos(l, unread, unread, String(w[2]).get(), asked, error));
 
-    const auto all = Ref<TQDictionary>::Adopt(TQClientManagedStorageCopyAllGenerationsInfos(store, asked, error));
+    const auto all = Ref<TQDictionary>::Adopt(TQLibraryCopyAllGenerationsInfos(l, unread, asked, error));
     std::set<std::string> records;
     for (const char *client : {"draftline", "nimbusync"}) {
         const auto group = String(std::string("com.corvane.") + client);
@@ -361,7 +364,18 @@ const std::map<std::string, Function> kFunctions = {
                                                       w[3] ? String(w[3]).get() : nullptr, error);
      }},
     {"findings", SayFindings}, // [repair]
-    {"query", OnStore(SayRecords)}, // SPEC, a property list's file, [NAME]
+    {"query", SayRecords},       // SPEC, a property list's file, [NAME], by the library
+    {"safe-save", // two URLs, or "-" for none: always answered with no
+     [](const Words &w, TQError **) {
+         const auto url = [&](size_t i) {
+             return Ref<TQURL>::Adopt(*w[i] == '-' ? nullptr : TQURLCreateWithString(String(w[i]).get(), nullptr));
+         };
+         const auto document = url(0), replacement = url(1);
+         TQLibraryDocumentDidSafeSave(document.get(), replacement.get());
+         TQValue *generations = document.get();
+         return TQLibraryDocumentWillSafeSave(document.get(), replacement.get()) ||
+                TQLibraryHasGenerationsForPaths(nullptr, Names({w[0]}).get(), &generations) || generations;
+     }},
     // --- what is known of a generation
     {"set-attribute",
      [](const Words &w, TQError **error) {
