@@ -3,8 +3,6 @@
 #include "Runtime/Values.h"
 #include "support/Tests.h"
 
-#include <sys/syscall.h>
-
 namespace {
 
 struct StoreQuery : InStore {};
