@@ -1,12 +1,31 @@
-// Property lists from anybody: whatever the bytes, no crash, no endless work, and nothing lost on the way back.
+// Property lists from anybody: whatever the bytes, no crash and no endless work. They are refused with a reason, or they
+// are a value that can be written, read again and is still the same.
 
+#include "Runtime/Values.h"
 #include "fuzz/Fuzz.h"
-#include "fuzz/PlistRoundTrip.h"
+
+#include <vaultry/plist.h>
 
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
-    bool accepted = false;
-    const char *const fault = CheckPlistRoundTrip(bytes, size, accepted);
-    Require(fault == nullptr, fault ? fault : "");
+    Ref<TQError> error;
+    const Value data = Own(TQDataCreate(bytes, size));
+    const Value value = Own(TQPropertyListCreateWithData(Cast{data}, false, error.out()));
+    if (!value) {
+        Require(error && TQErrorGetCode(error.get()) == 1 && !Describe(error.get()).empty(),
+                "refused without a reason");
+        return 0;
+    }
+    const Value thawed = Own(TQPropertyListCreateWithData(Cast{data}, true, nullptr));
+    Require(TQEqual(value.get(), thawed.get()), "the mutable form differs");
+    Require(TQHash(value.get()) == TQHash(thawed.get()), "equal values have different hashes");
+
+    const Value written = Own(TQPropertyListCreateData(thawed.get(), nullptr));
+    Require(static_cast<bool>(written), "can't be written");
+    const Value again = Own(TQPropertyListCreateWithData(Cast{written}, false, nullptr));
+    Require(TQEqual(value.get(), again.get()), "comes back different");
+    const Value rewritten = Own(TQPropertyListCreateData(again.get(), nullptr));
+    Require(TQEqual(written.get(), rewritten.get()), "is written differently the second time");
+    Require(static_cast<bool>(Own(TQCopyDescription(value.get()))), "can't be described");
     return 0;
 }
