@@ -5,26 +5,18 @@
 TEST(DeferredScope, ReleasesItsOwnNewestFirst)
 {
     released.clear();
-    const size_t outer = TQDeferredScopePush();
-    TQDefer(Noted("a"));
-    {
-        const DeferredScope inner;
-        for (const char *name : {"b", "c"}) TQDefer(Noted(name));
-        (void)TQDeferredScopePush(); // left open
-        TQDefer(Noted("d"));
-    }
-    EXPECT_EQ(released, "dcb");
-    TQDeferredScopePop(outer);
-    EXPECT_EQ(released, "dcba");
-}
-
-TEST(DeferredScope, ThreadsEndReleasesWhatIsLeft)
-{
-    released.clear();
     std::thread([] {
+        TQDefer(Noted("a"));
+        {
+            const DeferredScope inner;
+            for (const char *name : {"b", "c"}) TQDefer(Noted(name));
+            (void)TQDeferredScopePush(); // left open
+            TQDefer(Noted("d"));
+        }
+        EXPECT_EQ(released, "dcb");
         for (int i = 0; i < 100; ++i) TQDefer(Noted("x"));
-        const DeferredScope scope;
+        (void)TQDeferredScopePush();
         TQDefer(Noted("y"));
-    }).join();
-    EXPECT_EQ(released, "y" + std::string(100, 'x'));
+    }).join(); // the thread's end releases what is left
+    EXPECT_EQ(released, "dcby" + std::string(100, 'x') + "a");
 }

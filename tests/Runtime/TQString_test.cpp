@@ -28,15 +28,3 @@ TEST(String, HoldsWhatTheCLibraryTakesForUTF8AndCountsAsItDoes)
     EXPECT_FALSE(TQStringCreate("\xff") || TQStringCreateWithFileSystemRepresentation("\xff"));
     EXPECT_FALSE(TQStringCreate(nullptr) || TQStringCreateWithBytes(nullptr, 1));
 }
-
-TEST(String, FileSystemFormIsTheBytesOrNothing)
-{
-    for (const std::string &text : {std::string("n\xc3\xa4me"), std::string(), std::string("a\0b", 3)})
-        for (size_t capacity = 0; capacity < 10; ++capacity) {
-            std::string buffer(10, 'x');
-            const bool fits = capacity > text.size() && text.find('\0') == std::string::npos;
-            EXPECT_EQ(TQStringGetFileSystemRepresentation(Cast{Text(text)}, buffer.data(), capacity), fits) << text;
-            EXPECT_TRUE(!fits || buffer.c_str() == text) << buffer;
-            EXPECT_EQ(buffer.substr(capacity), std::string(10 - capacity, 'x'));
-        }
-}

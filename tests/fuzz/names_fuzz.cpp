@@ -49,8 +49,12 @@ void CheckURL(const std::string &text)
     const std::string path = "/" + std::string(text.c_str());
     std::string back(path.size() + 1, '\xff'); // the sanitizer sees one byte more
     const auto url = FileURL(path);
-    Require(!TQURLGetAbsPath(url.get(), back.data(), back.size(), nullptr) || back.c_str() == path,
-            "a path by its URL");
+    const auto itsText = Ref<TQString>::Adopt(TQURLCopyString(url.get()));
+    for (const auto &same : {url, Ref<TQURL>::Adopt(TQURLCreateWithString(itsText.get(), nullptr))}) {
+        Require(!TQURLGetAbsPath(same.get(), back.data(), path.size(), nullptr), "a path that has no room");
+        Require(TQURLGetAbsPath(same.get(), back.data(), back.size(), nullptr) && back.c_str() == path,
+                "a path by its URL");
+    }
     const auto written = Ref<TQURL>::Adopt(TQURLCreateWithString(String(text).get(), url.get()));
     const auto address = Ref<TQString>::Adopt(TQURLCopyString(written.get()));
     Require(!address || Ref<TQURL>::Adopt(TQURLCreateWithString(address.get(), nullptr)), "a URL's own text");
