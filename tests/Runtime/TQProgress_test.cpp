@@ -13,29 +13,25 @@ constexpr auto Child = [](const Progress &parent) { return Progress::Adopt(TQPro
 
 } // namespace
 
-TEST(Progress, CancellingReachesEveryDescendantAndNobodyElse)
-{
-    const Progress root = Child({}), left = Child(root), right = Child(root), leaf = Child(left);
-    TQProgressCancel(left.get());
-    EXPECT_TRUE(TQProgressIsCancelled(left.get()) && TQProgressIsCancelled(leaf.get()));
-    EXPECT_FALSE(TQProgressIsCancelled(root.get()) || TQProgressIsCancelled(right.get()));
-}
-
-TEST(Progress, ObserversOfEveryAncestorHearOfAChange)
+TEST(Progress, TellsEveryAncestorOfAChangeAndEveryDescendantOfTheEnd)
 {
     static std::string log;
     log.clear();
-    const Progress root = Child({}), middle = Child(root), leaf = Child(middle);
+    const Progress root = Child({}), middle = Child(root), beside = Child(root), leaf = Child(middle);
     const TQProgressObserver observer = [](TQProgress *changed, void *name) {
         log += static_cast<char *>(name) + std::to_string(TQProgressGetCompletedUnits(changed)) + "/" +
                std::to_string(TQProgressGetTotalUnits(changed)) + ";";
         TQProgressSetObserver(changed, nullptr, nullptr); // allowed from within
     };
-    TQProgressSetObserver(root.get(), observer, const_cast<char *>("root "));
-    TQProgressSetObserver(leaf.get(), observer, const_cast<char *>("leaf "));
+    for (const auto &[observed, name] : {std::pair{root, "root "}, {leaf, "leaf "}, {beside, "beside "}})
+        TQProgressSetObserver(observed.get(), observer, const_cast<char *>(name));
     TQProgressSetCompletedUnits(leaf.get(), 3);
     TQProgressSetTotalUnits(leaf.get(), 20);
     EXPECT_EQ(log, "leaf 3/10;root 3/10;root 3/20;");
+
+    TQProgressCancel(middle.get());
+    EXPECT_TRUE(TQProgressIsCancelled(middle.get()) && TQProgressIsCancelled(leaf.get()));
+    EXPECT_FALSE(TQProgressIsCancelled(root.get()) || TQProgressIsCancelled(beside.get()));
 }
 
 TEST(Progress, IsCurrentPerThreadAndNests)

@@ -17,20 +17,16 @@
 namespace {
 
 // What a fuzzer's bytes are taken for: numbers, and texts with their length in front.
-class Recipe {
-public:
-    Recipe(const uint8_t *bytes, size_t size) : at_(bytes), end_(bytes + size) {}
-    bool more() const { return at_ < end_; }
-    unsigned Number() { return more() ? *at_++ : 0U; }
-    std::string Text()
+struct Recipe {
+    std::string_view rest;
+    unsigned Number() { return static_cast<unsigned char>(Take(1)[0]); }
+    std::string Text() { return Take(Number()); }
+    std::string Take(size_t length)
     {
-        const size_t length = std::min<size_t>(Number(), static_cast<size_t>(end_ - at_));
-        at_ += length;
-        return {reinterpret_cast<const char *>(at_ - length), length};
+        const std::string taken(rest.substr(0, length)); // whose end is a zero
+        rest.remove_prefix(taken.size());
+        return taken;
     }
-
-private:
-    const uint8_t *at_, *end_;
 };
 
 const std::vector<std::string> kItems = [] {
@@ -51,7 +47,7 @@ public:
         for (const size_t folder : {1U, 7U, 8U}) MakeItem(kItems[folder], 1);
         for (const size_t file : {0U, 2U, 6U}) MakeItem(kItems[file], 0);
         const mode_t rootMode = recipe.Number() % 2 == 0 ? 0555 : 0755;
-        while (recipe.more()) {
+        while (!recipe.rest.empty()) {
             const std::string &item = kItems[recipe.Number() % kItems.size()];
             const unsigned act = recipe.Number();
             Change(item, act, recipe.Text());
@@ -131,7 +127,7 @@ void UseStore(const HostileStore &hostile)
 
 int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
-    Recipe recipe(bytes, size);
+    Recipe recipe{{reinterpret_cast<const char *>(bytes), size}};
     const Impersonate somebody(recipe.Number() % 2 == 0 && CanBe(As::Root) ? As::Root : As::User);
     const HostileStore hostile(recipe);
     const Snapshot before = Snapshot::Of(hostile.outside, Snapshot::kUntouched);
