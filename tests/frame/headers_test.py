@@ -9,16 +9,9 @@ include = pathlib.Path(__file__).resolve().parents[2] / "include"
 HARSH = ["-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Wsign-conversion", "-Wshadow", "-Wundef", "-Wcast-qual",
          "-Wredundant-decls", "-Wdouble-promotion", "-Werror", "-fsyntax-only", f"-I{include}"]
 C = ["-std=c11", "-x", "c", "-Wstrict-prototypes", "-Wmissing-prototypes", "-Wold-style-definition", "-Wc++-compat"]
-CXX = ["-x", "c++", "-Wold-style-cast", "-Wzero-as-null-pointer-constant", "-Wnon-virtual-dtor", "-Wuseless-cast"]
-CLANG_CXX = [flag for flag in CXX if flag != "-Wuseless-cast"]
-COMPILERS = [
-    ("gcc", [*C], ".h"),
-    ("clang-14", [*C], ".h"),
-    ("g++", ["-std=c++17", *CXX], ".h"),
-    ("clang++-14", ["-std=c++17", *CLANG_CXX], ".h"),
-    ("g++", ["-std=c++17", *CXX], ".hpp"),
-    ("clang++-14", ["-std=c++17", *CLANG_CXX], ".hpp"),
-]
+CXX = ["-std=c++17", "-x", "c++", "-Wold-style-cast", "-Wzero-as-null-pointer-constant", "-Wnon-virtual-dtor"]
+COMPILERS = [("gcc", C, "*.h"), ("clang-14", C, "*.h"),
+             ("g++", [*CXX, "-Wuseless-cast"], "*.h*"), ("clang++-14", CXX, "*.h*")]
 
 
 def compile_alone(job):
@@ -28,8 +21,8 @@ def compile_alone(job):
     return None if run.returncode == 0 else f"{header.name} with {compiler} {flags[0]}:\n{run.stderr}"
 
 
-jobs = [(compiler, flags, header) for compiler, flags, suffix in COMPILERS if shutil.which(compiler)
-        for header in sorted((include / "vaultry").glob(f"*{suffix}"))]
+jobs = [(compiler, flags, header) for compiler, flags, names in COMPILERS if shutil.which(compiler)
+        for header in sorted((include / "vaultry").glob(names))]
 with concurrent.futures.ThreadPoolExecutor() as pool:
     problems = [problem for problem in pool.map(compile_alone, jobs) if problem]
 print(f"{len(jobs)} compilations")
