@@ -1,5 +1,6 @@
 #include "Runtime/Values.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -29,10 +30,8 @@ std::vector<Case> Numbers()
 
 template <class T> T Nearest(long double exact)
 {
-    if (std::isnan(exact)) return 0;
-    if (exact <= std::numeric_limits<T>::min()) return std::numeric_limits<T>::min();
-    return exact >= static_cast<long double>(std::numeric_limits<T>::max()) ? std::numeric_limits<T>::max()
-                                                                            : static_cast<T>(exact);
+    using Limits = std::numeric_limits<T>;
+    return std::isnan(exact) ? 0 : static_cast<T>(std::clamp<long double>(exact, Limits::min(), Limits::max()));
 }
 
 } // namespace
