@@ -24,16 +24,13 @@ static TQString *CreateName(const char *path, struct timespec now)
 // What other clients find the document's history by: its path, as bytes, and the time.
 static bool Describe(TQLibrary *library, const TQString *name, const char *path, struct timespec now)
 {
-    TQString *keys[] = {TQStringCreate("vaultry.document"), TQStringCreate("vaultry.time")};
+    TQValue *keys[] = {TQStringCreate("vaultry.document"), TQStringCreate("vaultry.time")};
     TQValue *values[] = {TQDataCreate(path, strlen(path)),
                          TQDateCreate((double)now.tv_sec + (double)now.tv_nsec / 1e9)};
-    bool done = true;
-    for (int i = 0; i < 2; ++i) {
-        // A null value would remove the key: running out of memory must not pass for that.
-        done = done && values[i] && TQLibrarySetGenerationInfoValueForKey(library, name, keys[i], values[i]);
-        TQRelease(keys[i]);
-        TQRelease(values[i]);
-    }
+    TQDictionary *info = TQDictionaryCreate(keys, values, 2); // null if one of them is
+    const bool done = TQLibrarySetGenerationInfoValues(library, name, info);
+    TQValue *owned[] = {info, keys[0], keys[1], values[0], values[1]};
+    for (size_t i = 0; i < sizeof owned / sizeof *owned; ++i) TQRelease(owned[i]);
     return done;
 }
 

@@ -89,6 +89,14 @@ bool TQLibrarySetGenerationInfoValueForKey(TQLibrary *library, const TQString *n
                                                                             key, value, nullptr);
 }
 
+bool TQLibrarySetGenerationInfoValues(TQLibrary *library, const TQString *name, const TQDictionary *values)
+{
+    const DeferredScope scope;
+    const GenerationName generation(name, nullptr);
+    return generation &&
+           TQClientManagedStorageSetGenerationInfoValues(_StorageOf(library), generation.c_str(), values, nullptr);
+}
+
 TQValue *TQLibraryCopyGenerationInfoValueForKey(TQLibrary *library, const TQString *name, const TQString *key)
 {
     const DeferredScope scope;

@@ -108,6 +108,13 @@ bool TQClientManagedStorageSetGenerationInfoValueForKey(const TQClientManagedSto
            TQSetInfoValue(generation.path(), key, value, /*error=*/nullptr);
 }
 
+bool TQClientManagedStorageSetGenerationInfoValues(const TQClientManagedStorage *store, const char *name,
+                                                   const TQDictionary *values, TQError **error)
+{
+    LockedGeneration generation;
+    return generation.ForWriting(store, name, error) && TQSetInfoValues(generation.path(), values, error);
+}
+
 TQString *TQClientManagedStorageCopyGenerationOriginalDisplayName(const TQClientManagedStorage *store, const char *name,
                                                                   TQError **error)
 {

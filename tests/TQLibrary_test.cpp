@@ -97,11 +97,14 @@ TEST_P(Library, RefusesNamesAndURLsBeforeTheStoreIsAsked)
          {Failed(104, "not a file URL"), CALL(TQLibraryRestoreGeneration(library, nullptr, web.get(), nullptr, why))},
          {Refused(105, "The supplied generation name doesn't exist"),
           CALL(TQLibraryCopyGeneration(library, g.get(), out.get(), why))}});
+    const auto info = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutable());
+    TQDictionarySetValue(info.get(), g.get(), g.get());
     for (const auto &name : {tooLong, g, Ref<TQString>()})
         EXPECT_FALSE(TQLibrarySetGenerationOptions(library, name.get(), 2) ||
                      TQLibraryGetGenerationOptions(library, name.get()) != 0 ||
                      TQLibraryCopyURLForGeneration(library, name.get()) ||
                      TQLibrarySetGenerationInfoValueForKey(library, name.get(), g.get(), g.get()) ||
+                     TQLibrarySetGenerationInfoValues(library, name.get(), info.get()) ||
                      TQLibraryCopyGenerationInfoValueForKey(library, name.get(), g.get()) ||
                      TQLibraryCopyGenerationInfoDictionary(library, name.get()) ||
                      TQLibrarySetGenerationOriginalDisplayName(library, name.get(), g.get()) ||

@@ -75,6 +75,8 @@ TEST_P(StoreRead, AWriteThatFailsLeavesTheCallersErrorAsItWas)
     EXPECT_EQ(error, untouched);
     Expect({{Refused(112, "key not found"),
              CALL(TQClientManagedStorageCopyGenerationInfoValueForKey(handle, "g", key.get(), why))},
+            {Refused(105, "no values were supplied"),
+             CALL(TQClientManagedStorageSetGenerationInfoValues(handle, "g", nullptr, why))},
             {System(ENODATA, "Failed to get original display name xattr"),
              CALL(TQClientManagedStorageCopyGenerationOriginalDisplayName(handle, "g", why))}});
     store.CheckInvariants();

@@ -46,7 +46,7 @@ TEST(StoreInCpp, DoesWhatTheFunctionsDo)
     const std::string document = test.document(), before = disk::Read(document);
     const Store store = *Store::open(test.root()), same = store;
     ASSERT_TRUE(store.add("1.txt", document, 6) && same.add("2", document) && store.set_display_name("1.txt", "One") &&
-                store.set_info("1.txt", document_key, Data(document)) && store.set_info("1.txt", "x", 0) &&
+                store.set_info("1.txt", Dictionary::of({{document_key, Data(document)}, {"x", 0}})) &&
                 store.remove_info("1.txt", "x") && store.set_options("1.txt", 0x8000'0000'0000'0006));
     const auto found = store.query({{}, 1ULL << 63, 8, {{"com.corvane.nimbusync"}}}).value();
     for (const Record &record : {found.at(0), *store.record("1.txt")})

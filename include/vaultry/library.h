@@ -76,6 +76,9 @@ TQ_EXPORT TQArray *TQLibraryCopyGenerationNames(TQLibrary *library);
 TQ_EXPORT bool TQLibrarySetGenerationInfoValueForKey(TQLibrary *library, const TQString *name, TQString *key,
                                                      TQValue *value);
 
+/// Sets several values of a generation's info dictionary at once, all or none of them.
+TQ_EXPORT bool TQLibrarySetGenerationInfoValues(TQLibrary *library, const TQString *name, const TQDictionary *values);
+
 /// One value of a generation's info dictionary, owned by the caller; null when there is none, and on failure.
 TQ_EXPORT TQValue *TQLibraryCopyGenerationInfoValueForKey(TQLibrary *library, const TQString *name,
                                                           const TQString *key);

@@ -32,6 +32,9 @@ TQ_EXPORT TQValue *TQCopyInfoValue(const char *path, const TQString *key, TQErro
 /// Adds or replaces a value; a null `value` removes the key (kTQStatusNoSuchAttribute when it isn't there).
 TQ_EXPORT bool TQSetInfoValue(const char *path, TQString *key, TQValue *value, TQError **error);
 
+/// Adds or replaces all of `values` in one write: whoever reads meanwhile, or after a kill, finds all of them or none.
+TQ_EXPORT bool TQSetInfoValues(const char *path, const TQDictionary *values, TQError **error);
+
 /// Sets the display name, of at most 767 bytes (else kTQStatusInvalidArgument, and the old one stays); a null or empty
 /// name removes it.
 TQ_EXPORT bool TQSetOriginalDisplayName(const char *path, const TQString *name, TQError **error);

@@ -89,6 +89,13 @@ TQ_EXPORT TQValue *TQClientManagedStorageCopyGenerationInfoValueForKey(const TQC
 TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValueForKey(const TQClientManagedStorage *store, const char *name,
                                                                   TQString *key, TQValue *value, TQError **error);
 
+/// Adds or replaces several values at once: readers find all of them or none, and so does whoever comes after a kill. On
+/// disk on return, for one flush. Exclusive lock.
+///
+/// @param values  Strings to values; kTQStatusInvalidArgument for none at all.
+TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValues(const TQClientManagedStorage *store, const char *name,
+                                                             const TQDictionary *values, TQError **error);
+
 /// The original display name, owned by the caller; null with kTQStatusNoSuchAttribute (which reads back as
 /// kTQStatusInvalidArgument) when there is none. Shared lock.
 TQ_EXPORT TQString *TQClientManagedStorageCopyGenerationOriginalDisplayName(const TQClientManagedStorage *store,

@@ -813,6 +813,12 @@ public:
         return attempt_(TQClientManagedStorageSetGenerationInfoValueForKey, name, key.get(), value.get());
     }
 
+    /// All of them or none.
+    Result<void> set_info(std::string_view name, const Dictionary &values) const
+    {
+        return attempt_(TQClientManagedStorageSetGenerationInfoValues, name, values.get());
+    }
+
     Result<void> remove_info(std::string_view name, const String &key) const
     {
         return attempt_(TQClientManagedStorageSetGenerationInfoValueForKey, name, key.get(), nullptr);

@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <new>
 
 namespace {
 
@@ -120,5 +121,21 @@ bool TQSetInfoValue(const char *path, TQString *key, TQValue *value, TQError **e
         return Failure(error).Refused(kTQStatusNoSuchAttribute, "property not found");
     if (value && !TQDictionarySetValue(info.get(), key, value))
         return Failure(error).Status(kTQStatusFailed, "malloc failed");
+    return WriteInfoDictionary(path ? path : "", info.get(), error);
+}
+
+bool TQSetInfoValues(const char *path, const TQDictionary *values, TQError **error)
+{
+    const size_t count = TQDictionaryGetCount(values);
+    if (count == 0) return Failure(error).Refused(kTQStatusInvalidArgument, "no values were supplied");
+    const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(path, error));
+    if (!info) return false;
+
+    const std::unique_ptr<TQValue *[]> entries(new (std::nothrow) TQValue *[2 * count]);
+    bool allSet = entries != nullptr;
+    if (allSet) TQDictionaryGetKeysAndValues(values, entries.get(), entries.get() + count);
+    for (size_t i = 0; allSet && i < count; ++i)
+        allSet = TQDictionarySetValue(info.get(), entries[i], entries[count + i]);
+    if (!allSet) return Failure(error).Status(kTQStatusFailed, "malloc failed");
     return WriteInfoDictionary(path ? path : "", info.get(), error);
 }

@@ -158,11 +158,13 @@ TEST_P(FaultsWhile, Reading)
 TEST_P(FaultsWhile, Setting)
 {
     const auto key = String("key"), text = String("new");
+    const Value values = Dictionary({{Text("key"), Text("new")}, {Text("other"), Text("too")}});
     const std::pair<const char *, std::function<bool(Scene &, TQError **)>> rows[] = {
         {"set the options", DO(TQClientManagedStorageSetGenerationOptions(store, "kept", 16, why))},
         {"remove the options", DO(TQClientManagedStorageSetGenerationOptions(store, "kept", 1, why))},
         {"set one value",
          DO(TQClientManagedStorageSetGenerationInfoValueForKey(store, "kept", key.get(), text.get(), why))},
+        {"set several values", DO(TQClientManagedStorageSetGenerationInfoValues(store, "kept", Cast{values}, why))},
         {"set the display name",
          DO(TQClientManagedStorageSetGenerationOriginalDisplayName(store, "kept", text.get(), why))}};
     for (const auto &[name, run] : rows)

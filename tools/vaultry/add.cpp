@@ -151,30 +151,16 @@ void Addition::EndWhereInterrupted()
 
 bool Addition::WriteInfo()
 {
-    const Owned<TQData> document(TQDataCreate(path_.data(), path_.size()));
-    const Owned<TQDate> time(TQDateCreate(now_));
-    const struct {
-        const char *key;
-        TQValue *value;
-    } entries[] = {{kDocumentKey, document.get()}, {kTimeKey, time.get()}};
-    for (const auto &entry : entries) {
-        Owned<TQError> error;
-        errno = 0;
-        if (TQClientManagedStorageSetGenerationInfoValueForKey(store_.handle(), name_.c_str(),
-                                                               MakeString(entry.key).get(), entry.value, error.out()))
-            continue;
-        // A write that fails gives no error object; its errno is all that tells why.
-        const int reason = errno;
-        const std::string what = Quoted(path_) + " is kept whole as " + Quoted(name_) + ", but " + Quoted(entry.key) +
-                                 " could not be written: list may not show it with its document";
-        const CommandFailure failure =
-            error ? CommandFailure::Library(what, error.get()) : CommandFailure::Errno(what, reason);
-        const bool isAttributeSpace = reason == ENOSPC && HasFreeSpace(store_.path(), 1 << 20, 16);
-        Complain(failure.exitCode(),
-                 failure.what() + (isAttributeSpace ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
-        return false;
-    }
-    return true;
+    Owned<TQError> error;
+    if (store_.SetInfoOf(name_, path_, now_, error.out())) return true;
+    const CommandFailure failure = CommandFailure::Library(
+        Quoted(path_) + " is kept whole as " + Quoted(name_) +
+            ", but its document and time could not be noted: list may not show it with its document",
+        error.get());
+    Complain(failure.exitCode(), failure.what() + (IsAttributeSpace(UnderlyingErrno(error.get()), store_.path())
+                                                       ? std::string("\n  ") + kAttributeSpaceIsFull
+                                                       : ""));
+    return false;
 }
 
 void Addition::RemoveSource()

@@ -55,13 +55,7 @@ static std::optional<std::string> _BackupName(const Store &store, const Argument
 // So that the backup shows in the document's history. The restore has succeeded, so a failure is only said.
 static void _RecordBackup(const Store &store, const std::string &backup, const std::string &document, double now)
 {
-    const Owned<TQData> path(TQDataCreate(document.data(), document.size()));
-    const Owned<TQDate> time(TQDateCreate(now));
-    const auto set = [&](const char *key, TQValue *value) {
-        return TQClientManagedStorageSetGenerationInfoValueForKey(store.handle(), backup.c_str(), MakeString(key).get(),
-                                                                  value, nullptr);
-    };
-    if (!set(kDocumentKey, path.get()) || !set(kTimeKey, time.get()))
+    if (!store.SetInfoOf(backup, document, now, nullptr))
         Say("list may not show " + Quoted(backup) + " with its document: that could not be written");
 }
 

@@ -68,9 +68,9 @@ static void _Apply(const Store &store, const std::string &name, const Change &ch
     if (error) throw CommandFailure::Library(what, error.get());
     if (!change.value && reason == 0) throw CommandFailure(kExitFailure, what + ": there is no such key");
     const CommandFailure failure = CommandFailure::Errno(what, reason);
-    const bool isAttributeSpace = reason == ENOSPC && HasFreeSpace(store.path(), 1 << 20, 16);
-    throw CommandFailure(failure.exitCode(),
-                         failure.what() + (isAttributeSpace ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
+    throw CommandFailure(
+        failure.exitCode(),
+        failure.what() + (IsAttributeSpace(reason, store.path()) ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
 }
 
 static void _SetDisplayName(const Store &store, const std::string &name, const TQString *displayName)

@@ -10,7 +10,10 @@
 
 namespace fs = std::filesystem;
 
-bool HasFreeSpace(const std::string &directory, uint64_t bytes, uint64_t items)
+static constexpr uint64_t kBytesToSpare = 1 << 20;
+static constexpr uint64_t kItemsToSpare = 16;
+
+static bool _HasFreeSpace(const std::string &directory, uint64_t bytes, uint64_t items)
 {
     struct statvfs volume {};
     if (statvfs(directory.c_str(), &volume) != 0) return false;
@@ -24,8 +27,8 @@ bool IsAttributeSpace(const TQError *error, const std::string &directory, const 
     if (UnderlyingErrno(error) != ENOSPC) return false;
     // What failed has been removed again: that there is room now says something only of what would have fitted.
     static constexpr uint64_t kOverheadOfAnItem = 4096;
-    uint64_t bytes = 1 << 20;
-    uint64_t items = 16;
+    uint64_t bytes = kBytesToSpare;
+    uint64_t items = kItemsToSpare;
     const auto include = [&](const fs::path &path, fs::file_type type) {
         std::error_code ignored;
         const uintmax_t size = type == fs::file_type::regular ? fs::file_size(path, ignored) : 0;
@@ -42,5 +45,10 @@ bool IsAttributeSpace(const TQError *error, const std::string &directory, const 
             std::error_code ignored;
             include(item->path(), item->symlink_status(ignored).type());
         }
-    return !failure && HasFreeSpace(directory, bytes, items);
+    return !failure && _HasFreeSpace(directory, bytes, items);
+}
+
+bool IsAttributeSpace(int reason, const std::string &directory)
+{
+    return reason == ENOSPC && _HasFreeSpace(directory, kBytesToSpare, kItemsToSpare);
 }

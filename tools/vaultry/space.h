@@ -13,8 +13,8 @@
 // at `needed`.
 bool IsAttributeSpace(const TQError *error, const std::string &directory, const std::string &needed);
 
-// Whether the file system at `directory` has blocks and inodes to spare.
-bool HasFreeSpace(const std::string &directory, uint64_t bytes, uint64_t items);
+// The same of the errno of a call that writes an attribute and nothing else.
+bool IsAttributeSpace(int reason, const std::string &directory);
 
 inline constexpr char kAttributeSpaceIsFull[] =
     "the disk is not full: it is the space for the item's own extended attributes (its access-control list among "

@@ -116,6 +116,16 @@ GenerationInfo Store::InfoOf(const std::string &name) const
     return ToGenerationInfo(dictionary.get());
 }
 
+bool Store::SetInfoOf(const std::string &name, const std::string &document, double time, TQError **error) const
+{
+    const Owned<TQString> documentKey = MakeString(kDocumentKey), timeKey = MakeString(kTimeKey);
+    const Owned<TQData> path(TQDataCreate(document.data(), document.size()));
+    const Owned<TQDate> date(TQDateCreate(time));
+    TQValue *const keys[] = {documentKey.get(), timeKey.get()}, *const values[] = {path.get(), date.get()};
+    const Owned<TQDictionary> info(TQDictionaryCreate(keys, values, 2));
+    return TQClientManagedStorageSetGenerationInfoValues(handle(), name.c_str(), info.get(), error);
+}
+
 GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
 {
     GenerationInfo info;

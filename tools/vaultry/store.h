@@ -43,6 +43,8 @@ public:
     // Where a generation lies.
     std::string PathOf(const std::string &name) const;
     GenerationInfo InfoOf(const std::string &name) const;
+    // Writes both, for the document's history; neither if that fails.
+    bool SetInfoOf(const std::string &name, const std::string &document, double time, TQError **error) const;
     // Removes them in order, up to the first that can't be; passes over a name without a generation. Under one lock
     // and with one flush, however many.
     void Remove(const std::vector<std::string> &names) const;
