@@ -121,7 +121,8 @@ Installed InstallStaged(const char *root, const char *staged, const char *genera
 // with it, and the rest costs nothing.
 bool FlushInstalled(const char *root, const char *generation, const char *source, bool copied, TQError **error)
 {
-    return _FlushItem(generation, error) && _FlushItem(root, error) && (copied || _FlushEntry(source, error));
+    return _FlushItem(generation, error) && _FlushItem(root, error) &&
+           (copied || _FlushFormerEntry(source, generation, error));
 }
 
 } // namespace

@@ -67,11 +67,16 @@ bool _FlushItem(const char *path, TQError **error)
 
 bool _FlushEntry(const char *path, TQError **error)
 {
+    return _FlushFormerEntry(path, path, error);
+}
+
+bool _FlushFormerEntry(const char *path, const char *now, TQError **error)
+{
     const Parent parent(path);
     const UniqueFd directory = OpenDirectory(parent.path);
     if (directory) return Report(platform::FlushFd(directory.get()), parent.path, error);
     // Who may make entries in a directory need not be allowed to read it; the item is on the same volume.
-    const UniqueFd item = CannotBeOpened() ? Open(path) : UniqueFd();
+    const UniqueFd item = CannotBeOpened() ? Open(now) : UniqueFd();
     return Report(item ? platform::FlushVolumeOfFd(item.get()) : -1, parent.path, error);
 }
 

@@ -13,8 +13,10 @@
 // The content and attributes of one item, or the entries of a directory. A link is flushed itself, not its target.
 bool _FlushItem(const char *path, TQError **error);
 
-// The entry of `path` in the directory that holds it: that it is there, or that it is not.
+// The entry of an item in the directory that holds it, wherever the links in its path lead; or, of one that was moved
+// to `now`, that it is there no more.
 bool _FlushEntry(const char *path, TQError **error);
+bool _FlushFormerEntry(const char *path, const char *now, TQError **error);
 
 // A whole tree, with one call for its volume however many items it has: content, attributes and entries.
 //
