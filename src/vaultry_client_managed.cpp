@@ -4,6 +4,7 @@
 
 #include "Platform/FileStatus.h"
 #include "Platform/UniqueFd.h"
+#include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
 
 #include <vaultry/filesystem.h>
@@ -134,4 +135,12 @@ void _ProtectGenerationStore(const char *rootPath)
     const mode_t mode = status.mode & 07777 & ~kWriteBits;
     if (platform::SetMode(root, Links::Follow, mode) != 0)
         Failure(nullptr).Errno("failed to protect store at \"%s\", chomd(%04o) failed", rootPath, mode);
+}
+
+// As the directory of an entry that is always there: the root may have become a link to where the store was moved, or
+// its owner may have taken the right to read it.
+bool _FlushGenerationStore(const char *rootPath, TQError **error)
+{
+    PathBuffer lockFile;
+    return _GetPathToLockFile(rootPath, lockFile, error) && _FlushEntry(lockFile.c_str(), error);
 }

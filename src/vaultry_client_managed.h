@@ -68,6 +68,9 @@ bool _UnprotectGenerationStore(const char *rootPath, TQError **error);
 // Takes all write permission. Failures are logged.
 void _ProtectGenerationStore(const char *rootPath);
 
+// Brings the names in the root and its protection to disk.
+bool _FlushGenerationStore(const char *rootPath, TQError **error);
+
 // --- paths
 
 // The path of a generation; with `mustExist`, of one that is there.

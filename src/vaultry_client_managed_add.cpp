@@ -121,7 +121,7 @@ Installed InstallStaged(const char *root, const char *staged, const char *genera
 // with it, and the rest costs nothing.
 bool FlushInstalled(const char *root, const char *generation, const char *source, bool copied, TQError **error)
 {
-    return _FlushItem(generation, error) && _FlushItem(root, error) &&
+    return _FlushItem(generation, error) && _FlushGenerationStore(root, error) &&
            (copied || _FlushFormerEntry(source, generation, error));
 }
 
@@ -153,7 +153,7 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
     PathBuffer staged;
     if (!_GetUniqueStagingPath(root, staged, error)) return false;
     ScopeExit removeStaging([&] { (void)_RemoveStagingPath(root, staged.c_str(), nullptr); });
-    const auto flush = TreeFlush::Within(root);
+    const auto flush = TreeFlush::At(staged.c_str());
 
     if (!copy && !NoteWhereFrom(staged.c_str(), source, error)) return false;
     if (TQAddPathAsGeneration(source, staged.c_str(), copy, /*makeReadable=*/false, /*archive=*/true, error)) {

@@ -8,7 +8,6 @@
 #include "Platform/FileStatus.h"
 #include "Platform/UniqueNames.h"
 #include "Runtime/Ref.h"
-#include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
 
 #include <vaultry/filesystem.h>
@@ -156,7 +155,7 @@ bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store
     const size_t count = TQArrayGetCount(names);
     for (size_t i = 0; i < count; ++i)
         if (!RemoveOne(store->rootPath, TQArrayGetValueAtIndex(names, i), error)) return false;
-    return _FlushItem(store->rootPath, error);
+    return _FlushGenerationStore(store->rootPath, error);
 }
 
 TQArray *TQClientManagedStorageCopyGenerationNames(const TQClientManagedStorage *store, TQError **error)
