@@ -216,12 +216,13 @@ bool Restore::GiveDocumentsRights()
     return true;
 }
 
-// What is restored is on disk under its name before what it replaces is deleted.
+// What is restored is on disk under its name, and with the document's rights, before what it replaces is deleted. Its
+// directory alone does not do: xfs and btrfs leave out what the item got since somebody else's flush.
 bool Restore::FlushRestored()
 {
-    if ((!copiedAcross || restoredFlush.Flush(restoredPath, stagedMode, error)) && _FlushEntry(restoredPath, error))
-        return true;
-    return DiscardRestored();
+    const bool flushed =
+        copiedAcross ? restoredFlush.Flush(restoredPath, stagedMode, error) : _FlushItem(restoredPath, error);
+    return (flushed && _FlushEntry(restoredPath, error)) || DiscardRestored();
 }
 
 bool Restore::DiscardRestored()
