@@ -68,6 +68,7 @@ struct Restore {
 
     const TQClientManagedStorage *store() const { return _StorageOf(library); }
     bool documentIsDirectory() const { return S_ISDIR(before.mode); }
+    mode_t finalMode() const { return _RestoredMode(stagedMode, before.mode); }
 
 private:
     bool ReplaceExtension(const char *documentExtension, const char *generationExtension);
@@ -113,9 +114,12 @@ bool Restore::KeepBackup()
     return backupAdded;
 }
 
-// The document is not touched before what replaces it is on disk.
+// The document is not touched before what replaces it is on disk, and open to nobody else than the document was: in its
+// place it stands like this until it gets its final mode, and for good if that never comes.
 bool Restore::FlushCopy()
 {
+    const mode_t owners = S_ISDIR(stagedMode) ? 0700 : 0600;
+    (void)platform::SetMode(Item::AtPath(stagedPath), Links::NoFollow, (finalMode() & 0077) | owners);
     return stagedFlush.Flush(stagedPath, stagedMode, error);
 }
 
@@ -205,7 +209,7 @@ bool Restore::GiveDocumentsRights()
 
     // A link that somebody put into the store has no rights of its own, and its target is not ours to change.
     const Item item = Item::AtPath(restoredPath);
-    if (platform::SetMode(item, Links::NoFollow, _RestoredMode(stagedMode, before.mode)) != 0) {
+    if (platform::SetMode(item, Links::NoFollow, finalMode()) != 0) {
         Failure(error).Errno("failed to set final mode on \"%s\"", restoredPath);
         return DiscardRestored();
     }
