@@ -56,7 +56,8 @@ bool IsItemFinished(int what, int stage);
 int QuitOnCopyError(TQError **error, int what, int stage, const char *source, const char *destination);
 bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status);
 
-// TQCopyOutGeneration that also says whether there is something at the destination that was made here.
+// TQCopyOutGeneration for a copy that stays where it is, and is never more open than it will be. Also says whether there
+// is something at the destination that was made here.
 bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, bool *made,
                         TQError **error);
 

@@ -79,17 +79,22 @@ bool Unarchive(const DuplixFinished &item, const char *path, TQError **error)
     return true;
 }
 
-// The caller may still want to move the copy, and applies its final mode and flags itself.
-void LeaveChangeable(const char *path, const TQFileStatus &status)
+// An item with these flags takes neither its final mode nor a new name.
+void TakeBlockingFlags(const char *path, uint32_t flags)
 {
-    const Item item = Item::AtPath(path);
     char text[256];
-    if ((status.flags & kBlockingFlags) != 0 &&
-        platform::SetFlags(item, Links::NoFollow, status.flags & ~kBlockingFlags) != 0 && errno != ENOTSUP)
+    if ((flags & kBlockingFlags) != 0 &&
+        platform::SetFlags(Item::AtPath(path), Links::NoFollow, flags & ~kBlockingFlags) != 0 && errno != ENOTSUP)
         Log(kLogError).Line("chflags on path \"%s\" returned error %d (%s)\n", path, errno,
                             strerror_r(errno, text, sizeof text));
-    if (S_ISDIR(status.mode) && (status.mode & kWriteBits) != kWriteBits &&
-        platform::SetMode(item, Links::NoFollow, (status.mode | kWriteBits) & 07777) != 0)
+}
+
+// The caller may still want to move the copy, and applies its final mode itself.
+void LeaveWritable(const char *path, mode_t mode)
+{
+    char text[256];
+    if (S_ISDIR(mode) && (mode & kWriteBits) != kWriteBits &&
+        platform::SetMode(Item::AtPath(path), Links::NoFollow, (mode | kWriteBits) & 07777) != 0)
         Log(kLogError).Line("chmod on path \"%s\" returned error %d (%s)\n", path, errno,
                             strerror_r(errno, text, sizeof text));
 }
@@ -98,7 +103,9 @@ void LeaveChangeable(const char *path, const TQFileStatus &status)
 
 bool TQCopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, TQError **error)
 {
-    return _CopyOutGeneration(path, destination, mode, flags, /*made=*/nullptr, error);
+    if (!_CopyOutGeneration(path, destination, mode, flags, /*made=*/nullptr, error)) return false;
+    LeaveWritable(destination, *mode);
+    return true;
 }
 
 bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, bool *made,
@@ -117,7 +124,7 @@ bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mod
         return Failure(error).Errno("stat(\"%s\") failed", destination);
     *mode = static_cast<uint16_t>(status.mode);
     *flags = status.flags;
-    LeaveChangeable(destination, status);
+    TakeBlockingFlags(destination, status.flags);
     return true;
 }
 
