@@ -64,11 +64,13 @@ Contents ContentsOf(const char *unique)
     return names.error() == 0 ? Contents::Ours : Contents::Unknown;
 }
 
-// The document goes home, and the directory that held it goes with its note once that is on disk; not if there is more
-// in it.
-bool GiveBack(const char *unique, const char *staged, const char *home)
+// The document goes home, and the directory that held it goes with its note once that is on disk, with the rights that
+// the document got back; not if there is more in it.
+bool GiveBack(const char *unique, const char *staged, uint32_t mode, const char *home)
 {
-    if (!_GiveDocumentBack(staged, home) || !_FlushEntry(home, nullptr)) return false;
+    const auto flush = TreeFlush::At(staged);
+    if (!_GiveDocumentBack(staged, home) || !flush.Flush(home, mode, nullptr) || !_FlushEntry(home, nullptr))
+        return false;
     if (ContentsOf(unique) == Contents::Ours) (void)_RemoveTree(unique, 0, nullptr);
     return true;
 }
@@ -110,7 +112,7 @@ void CheckUnique(const char *unique, Findings &findings)
     if (note == Note::Path)
         findings.AddMendable(staged.c_str(), "document-in-staging",
                              "A move into the store was interrupted: this is the document, and may be its only copy.",
-                             [&] { return GiveBack(unique, staged.c_str(), home); });
+                             [&] { return GiveBack(unique, staged.c_str(), status.mode, home); });
     else if (note == Note::Malformed)
         findings.Add(staged.c_str(), "note-malformed",
                      "This is a document, maybe its only copy, and the note of where it belongs is damaged.");

@@ -78,8 +78,8 @@ struct HardLinkedFile {
 };
 bool _BreakHardLink(const HardLinkedFile &file, TQError **error);
 
-// Moves what a by-moving add took back to where it came from and undoes its archiving. Nothing at `source` is
-// replaced. True also if there is nothing at `moved`. False if it can't be done: the item then lies where it was,
+// Undoes the archiving of what a by-moving add took, and moves it back to where it came from. Nothing at `source` is
+// replaced. True also if there is nothing at `moved`. False if it can't be moved: the item then lies where it was,
 // and a line at level 3 says where.
 bool _GiveDocumentBack(const char *moved, const char *source);
 

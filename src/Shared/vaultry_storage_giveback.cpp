@@ -1,7 +1,8 @@
-// A by-moving add that fails gives the document back: moved home, with the rights that archiving took.
+// A by-moving add that fails gives the document back: with the rights that archiving took, moved home.
 //
-// Once moved, the item may be somebody's only copy. It is renamed, never copied, and never over
-// anything that stands at its old path meanwhile.
+// Once moved, the item may be somebody's only copy. It is renamed, never copied, and never over anything that stands at
+// its old path meanwhile. The rights come first: if this is cut short, the document still lies where it is looked
+// for, and whoever gives it back next goes on. At home nobody would know that they are missing.
 
 #include "Shared/vaultry_storage.h"
 
@@ -41,6 +42,18 @@ void UndoArchiving(const TreeWalk::Entry &entry)
     if (flags != others) (void)platform::SetFlags(entry.item, Links::NoFollow, flags);
 }
 
+void UndoArchivingOfTree(const char *path)
+{
+    TreeWalk walk;
+    if (!walk.Open(path)) {
+        Failure(nullptr).Errno("Failed to give the document at \"%s\" its permissions back", path);
+        return;
+    }
+    while (const TreeWalk::Entry *entry = walk.Next())
+        if (entry->kind == Kind::File || entry->kind == Kind::Other || entry->kind == Kind::DirectoryDone)
+            UndoArchiving(*entry);
+}
+
 // What the rename needed lifted.
 void PutBackRights(const Item &item, const TQFileStatus &status)
 {
@@ -66,25 +79,13 @@ bool _GiveDocumentBack(const char *moved, const char *source)
 {
     const ErrnoKeeper keeper;
     TQFileStatus status;
+    if (platform::GetStatus(Item::AtPath(moved), Links::NoFollow, &status) != 0 && errno == ENOENT) return true;
+    UndoArchivingOfTree(moved);
+
     const bool known = platform::GetStatus(Item::AtPath(moved), Links::NoFollow, &status) == 0;
-    if (!known && errno == ENOENT) return true;
-
     if (known) (void)_MakeMovable(moved, status); // the rename tells whether it was enough
-    if (platform::RenameIntoNothing(moved, source) != 0) {
-        Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", source, moved);
-        // Whoever gives it back later takes its rights from what it has, and from the record if there is one yet.
-        if (known) PutBackRights(Item::AtPath(moved), status);
-        return false;
-    }
-    if (known) PutBackRights(Item::AtPath(source), status);
-
-    TreeWalk walk;
-    if (!walk.Open(source)) {
-        Failure(nullptr).Errno("Failed to give the document at \"%s\" its permissions back", source);
-        return true;
-    }
-    while (const TreeWalk::Entry *entry = walk.Next())
-        if (entry->kind == Kind::File || entry->kind == Kind::Other || entry->kind == Kind::DirectoryDone)
-            UndoArchiving(*entry);
-    return true;
+    const bool home = platform::RenameIntoNothing(moved, source) == 0;
+    if (!home) Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", source, moved);
+    if (known) PutBackRights(Item::AtPath(home ? source : moved), status);
+    return home;
 }
