@@ -9,6 +9,7 @@ TEST(StoreLife, NullIsNoStoreNoNameAndNoDocument)
     const char *const document = store.document().c_str();
     EXPECT_EQ(TQClientManagedStorageCreate(nullptr, nullptr), nullptr);
     TQClientManagedStorageFree(nullptr);
+    EXPECT_EQ(TQClientManagedStorageCopyFindings(nullptr, true, nullptr), nullptr);
     EXPECT_FALSE(TQClientManagedStorageAdd(nullptr, "g", document, 0, nullptr, true) ||
                  TQClientManagedStorageAdd(s, nullptr, document, 0, nullptr, true) ||
                  TQClientManagedStorageAdd(s, "g", nullptr, 0, nullptr, true) ||

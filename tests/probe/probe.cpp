@@ -8,6 +8,7 @@
 #include "Platform/ScopeExit.h"
 #include "Platform/SystemLog.h"
 #include "Platform/TreeWalk.h"
+#include "Platform/UniqueFd.h"
 #include "Shared/vaultry_fs_wrappers.h"
 #include "Shared/vaultry_internal.h"
 #include "Shared/vaultry_storage.h"
@@ -19,6 +20,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <functional>
 #include <iomanip>
 #include <iostream>
@@ -104,7 +106,8 @@ bool Walk(const Words &w, TQError **)
                                      "link",   "other",       "no-status",  "error"};
     TreeWalk walk;
     if (!walk.Open(w[0])) return !Say(strerrorname_np(errno));
-    while (const TreeWalk::Entry *entry = walk.Next()) {
+    for (const TreeWalk::Entry *entry; errno = 0, (entry = walk.Next());) {
+        if (errno != entry->error) Say(strerrorname_np(errno), " in errno");
         const std::string line = std::string(kinds[static_cast<int>(entry->kind)]) + " " + entry->item.path;
         Say(line, entry->error ? " " : "", entry->error ? strerrorname_np(entry->error) : "");
         struct stat above {
@@ -203,9 +206,9 @@ const std::map<std::string, Function> kFunctions = {
          return true;
      }},
     {"make-package", [](const Words &w, TQError **) { return !disk::MakePackage(w[0]).empty(); }},
-    {"same", // in everything, or what is named: contents
+    {"same", // in everything; "but-for-holes", which begin elsewhere on another type of volume
      [](const Words &w, TQError **) {
-         const unsigned what = w.Say("contents") ? Snapshot::kContents : Snapshot::kWhole;
+         const unsigned what = Snapshot::kWhole | (w.Say("but-for-holes") ? 0U : Snapshot::kHoles);
          const auto same = Same(Snapshot::Of(w[0], what), Snapshot::Of(w[1], what));
          return Say(same ? "the same" : same.message());
      }},
@@ -307,6 +310,11 @@ const std::map<std::string, Function> kFunctions = {
     // --- a tree
     {"walk", Walk}, // ROOT [AT ACT]
     {"copy", Copy}, // FROM TO [AT ACT]
+    {"copy-over",   // FROM TO, a file that is there
+     [](const Words &w, TQError **) {
+         const UniqueFd from(open(w[0], O_RDONLY | O_CLOEXEC)), to(open(w[1], O_RDWR | O_CLOEXEC));
+         return platform::fduplix(from.get(), to.get()) == 0 || !Say(strerrorname_np(errno));
+     }},
     {"remove-tree", [](const Words &w, TQError **error) { return _RemoveTree(w[0], 0, error); }},
     {"remove-below", [](const Words &w, TQError **error) { return _RemoveSubTrees(w[0], 0, error); }},
     {"tree-size",

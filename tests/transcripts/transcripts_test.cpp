@@ -8,8 +8,9 @@
 //
 // Empty lines and those behind "#" are for the reader. "[root]" before a line, or behind "==", is a condition of that
 // line, command or section, "[!root]" its contrary: root, user and capable tell who plays; flags, whether it may set
-// a file immutable; compression, whether files can be compressed here; mount, whether something can be mounted;
-// inode, whether all attributes of an item have to fit beside its inode.
+// a file immutable; compression and clones, whether files can be compressed and cloned here; mount, whether something
+// can be mounted; inode, whether all attributes of an item have to fit beside its inode. A section with "[volumes]"
+// behind "==" is played here, and once more on a volume of each type.
 
 #include "support/Tests.h"
 #include "support/Volumes.h"
@@ -34,34 +35,50 @@ struct Step {
 };
 
 struct Section {
-    std::string title;
+    std::string title, place;
     std::vector<Step> steps;
 };
 
 using Conditions = std::set<std::string>;
+constexpr const char *kTypes[] = {"ext4", "xfs", "btrfs", "tmpfs"},
+                     *kMeasured[] = {"flags", "compression", "mount", "inode"};
+
+// What this user meets in a directory there; "" is the usual place.
+Conditions ConditionsAt(const std::string &place, As who)
+{
+    Conditions met = {who == As::Root ? "root" : who == As::User ? "user" : "capable"};
+    const TempDirectory probe(place);
+    if (probe.CanSetImmutable()) met.insert("flags");
+    if (disk::SetFlags(disk::Write(probe / "file", "x"), FS_COMPR_FL)) met.insert("compression");
+    if (Shell(probe.path(), "cp --reflink=always file clone")) met.insert("clones");
+    const std::string large(5000, 'x');
+    if (setxattr(probe.path().c_str(), "user.large", large.data(), large.size(), 0) != 0) met.insert("inode");
+    if (who == As::Root && !VolumeOfType("tmpfs").path.empty()) met.insert("mount");
+    return met;
+}
 
 // Whether a line is for us; takes the conditions from its front.
 bool IsMet(const Conditions &met, std::string &line)
 {
-    static const std::regex condition(R"(^\[(!?)(root|user|capable|flags|compression|mount|inode)\] (.*)$)");
+    static const std::regex condition(R"(^\[(!?)(root|user|capable|flags|compression|clones|mount|inode)\] (.*)$)");
     bool isMet = true;
     for (std::smatch parts; std::regex_match(line, parts, condition); line = std::string(parts[3]))
         isMet &= (met.count(parts[2]) != 0) == (parts[1].length() == 0);
     return isMet;
 }
 
-std::vector<Section> ReadSections(const std::string &file, const Conditions &met)
+std::vector<Section> ReadSections(const std::string &file, const std::string &place, const Conditions &met)
 {
-    std::vector<Section> sections = {{"", {}}}; // the first is the beginning of all
+    std::vector<Section> sections = {{"", place, {}}}; // the first is the beginning of all
     std::ifstream in(file);
     bool sectionIsForUs = true, stepIsForUs = false;
     int number = 1;
     for (std::string line; std::getline(in, line); ++number) {
-        const bool isTitle = line.starts_with("== ");
-        const bool isForUs = IsMet(met, isTitle ? line.erase(0, 3) : line);
+        const bool isTitle = line.starts_with("== "), isOfVolumes = line.starts_with("== [volumes] ");
+        const bool isForUs = IsMet(met, line.erase(0, isOfVolumes ? 13 : isTitle ? 3 : 0));
         if (isTitle) {
-            if (isForUs) sections.push_back({line, sections.front().steps});
-            sectionIsForUs = isForUs;
+            sectionIsForUs = isForUs && (isOfVolumes || place.empty());
+            if (sectionIsForUs) sections.push_back({line, place, sections.front().steps});
             stepIsForUs = false;
         } else if (line.starts_with("$ ")) {
             stepIsForUs = sectionIsForUs && isForUs;
@@ -93,7 +110,7 @@ constexpr char kEnd = '\x1e'; // of an answer
 // A section in the making: one shell runs all its commands, and says where the answer to each ends.
 class Performance {
 public:
-    Performance(const Section &section, As who) : section_(section)
+    Performance(const Section &section, As who) : section_(section), directory_(section.place)
     {
         const std::string &directory = directory_.path();
         std::string script = "exec </dev/null >" + apart_.path() + "/said 2>&1; cd " + directory + "; umask 022\n";
@@ -119,10 +136,10 @@ public:
             std::string answer;
             std::getline(said, answer, kEnd);
             answer = Plainer(answer);
-            EXPECT_TRUE(answer == step.answer)
-                << file << ":" << step.line << ": " << section_.title << "\n$ " << step.command << "\nshould answer:\n"
-                << step.answer << "but answers:\n"
-                << answer;
+            EXPECT_TRUE(answer == step.answer) << file << ":" << step.line << ": " << section_.title << " "
+                                               << section_.place << "\n$ " << step.command << "\nshould answer:\n"
+                                               << step.answer << "but answers:\n"
+                                               << answer;
         }
     }
 
@@ -140,7 +157,7 @@ private:
         return answer;
     }
 
-    const Section &section_;
+    const Section section_;
     const TempDirectory directory_, apart_;
     pid_t shell_ = -1;
 };
@@ -163,28 +180,25 @@ TEST_P(Transcripts, Hold)
 {
     const auto &[name, who] = GetParam();
     if (!CanBe(who)) GTEST_SKIP() << "this process can't be " << NameOf(who);
+    std::map<std::string, std::string> places = {{"", ""}}; // by type
+    for (const char *type : kTypes)
+        if (const std::string place = VolumeOfType(type).path; !place.empty()) places[type] = place;
     const Impersonate identity(who);
     const std::string file = kFolder + "/" + name + ".txt";
-    Conditions met = {who == As::Root ? "root" : who == As::User ? "user" : "capable"};
-    {
-        const TempDirectory probe;
-        if (probe.CanSetImmutable()) met.insert("flags");
-        if (disk::SetFlags(disk::Write(probe / "file", ""), FS_COMPR_FL)) met.insert("compression");
-        const std::string large(5000, 'x');
-        if (setxattr(probe.path().c_str(), "user.large", large.data(), large.size(), 0) != 0) met.insert("inode");
-        if (who == As::Root && !VolumeOfType("tmpfs").path.empty()) met.insert("mount");
-    }
-    const std::vector<Section> sections = ReadSections(file, met);
     std::deque<Performance> playing; // a few at a time
-    for (const Section &section : sections) {
-        playing.emplace_back(section, who);
-        if (playing.size() < 4) continue;
-        playing.front().ExpectAnswers(file);
-        playing.pop_front();
-    }
+    for (const auto &[type, place] : places)
+        for (const Section &section : ReadSections(file, place, ConditionsAt(place, who))) {
+            playing.emplace_back(section, who);
+            if (playing.size() < 4) continue;
+            playing.front().ExpectAnswers(file);
+            playing.pop_front();
+        }
     for (const Performance &last : playing) last.ExpectAnswers(file);
-    for (const char *condition : {"flags", "compression", "mount", "inode"})
-        if (who == As::Root && met.count(condition) == 0) GTEST_SKIP() << "not played without: " << condition;
+    const Conditions here = ConditionsAt("", who);
+    for (const char *condition : kMeasured)
+        if (who == As::Root && here.count(condition) == 0) GTEST_SKIP() << "not played without: " << condition;
+    for (const char *type : kTypes)
+        if (who == As::Root && places.count(type) == 0) GTEST_SKIP() << "not played on: " << type;
 }
 INSTANTIATE_TEST_SUITE_P(Of, Transcripts,
                          testing::Combine(testing::ValuesIn(Files()), testing::Values(As::Root, As::User, As::Capable)),
