@@ -5,10 +5,10 @@
 
 #include "vaultry_client_managed.h"
 
-#include "Platform/FileStatus.h"
 #include "Platform/UniqueNames.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_storage_lift.h"
 
 #include <vaultry/filesystem.h>
 
@@ -39,50 +39,15 @@ bool GetName(TQValue *name, char *buffer, TQError **error)
     return true;
 }
 
-// What stands in the way of moving a generation, taken away; and put back if the generation stays.
-class LiftedForMove {
-public:
-    // A link that somebody put into the store is itself what goes; its target is left alone.
-    explicit LiftedForMove(const char *generation) : item_(Item::AtPath(generation)) {}
-    LiftedForMove(const LiftedForMove &) = delete;
-    LiftedForMove &operator=(const LiftedForMove &) = delete;
-
-    // Unlike an item that is being added, one that is removed keeps its append-only flag; it then can't be moved.
-    bool Lift(TQError **error)
-    {
-        if (platform::GetStatus(item_, Links::NoFollow, &before_) != 0)
-            return Failure(error).Errno("failed to stat source path %s", item_.path);
-        if (isImmutable() &&
-            platform::SetFlags(item_, Links::NoFollow, before_.flags & ~uint32_t{kTQFlagImmutable}) != 0)
-            return Failure(error).Errno("failed to remove UF_IMMUTABLE on path %s", item_.path);
-        lifted_ = true;
-        if (S_ISDIR(before_.mode) && platform::SetMode(item_, Links::NoFollow, (before_.mode | 0200) & 07777) != 0)
-            return Failure(error).Errno("failed to make directory writable prior to moving; path: %s", item_.path);
-        return true;
-    }
-
-    // Says that the generation is gone, or hands on that it is not.
-    bool Gone(bool gone)
-    {
-        lifted_ = lifted_ && !gone;
-        return gone;
-    }
-
-    ~LiftedForMove()
-    {
-        if (!lifted_) return;
-        const ErrnoKeeper keeper;
-        if (S_ISDIR(before_.mode)) (void)platform::SetMode(item_, Links::NoFollow, before_.mode & 07777);
-        if (isImmutable()) (void)platform::SetFlags(item_, Links::NoFollow, before_.flags);
-    }
-
-private:
-    bool isImmutable() const { return (before_.flags & kTQFlagImmutable) != 0; }
-
-    Item item_;
-    TQFileStatus before_{};
-    bool lifted_ = false;
-};
+// Unlike an item that is being added, one that is removed keeps its append-only flag; it then can't be moved.
+bool LiftForMove(LiftedGeneration &item, const char *generation, TQError **error)
+{
+    if (!item.Look()) return Failure(error).Errno("failed to stat source path %s", generation);
+    if (!item.TakeImmutableFlag()) return Failure(error).Errno("failed to remove UF_IMMUTABLE on path %s", generation);
+    if (S_ISDIR(item.before().mode) && !item.AddOwnerWrite())
+        return Failure(error).Errno("failed to make directory writable prior to moving; path: %s", generation);
+    return true;
+}
 
 bool MoveToStaging(const char *root, const char *generation, const char *staged, TQError **error)
 {
@@ -98,8 +63,9 @@ bool RemoveByStaging(const char *root, const char *generation, TQError **error)
     if (!_GetUniqueStagingPath(root, staged, error)) return false;
     // From here on the generation is gone for everybody; what can't be deleted is not reported.
     const ScopeExit removeStaging([&] { (void)_RemoveStagingPath(root, staged.c_str(), nullptr); });
-    LiftedForMove lifted(generation);
-    return lifted.Lift(error) && lifted.Gone(MoveToStaging(root, generation, staged.c_str(), error));
+    LiftedGeneration lifted(generation);
+    return LiftForMove(lifted, generation, error) &&
+           lifted.Gone(MoveToStaging(root, generation, staged.c_str(), error));
 }
 
 // For a disk without room for one more directory, on which a removal is what its owner needs most. A file goes at once. A
@@ -107,8 +73,8 @@ bool RemoveByStaging(const char *root, const char *generation, TQError **error)
 // there a kill leaves part of it, to be removed again.
 bool RemoveWithoutRoom(const char *root, const char *generation, TQError **error)
 {
-    LiftedForMove lifted(generation);
-    if (!lifted.Lift(error) || !_UnprotectGenerationStore(root, error)) return false;
+    LiftedGeneration lifted(generation);
+    if (!LiftForMove(lifted, generation, error) || !_UnprotectGenerationStore(root, error)) return false;
     const ScopeExit protect([root] { _ProtectGenerationStore(root); });
     PathBuffer staged;
     if (_IsDirectory(generation, /*status=*/nullptr) && staged.Format("%s/%s/XXXXXXX", root, kStagingName)) {

@@ -5,9 +5,9 @@
 
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
-#include "Platform/ScopeExit.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_storage_lift.h"
 
 #include <cerrno>
 #include <cstring>
@@ -20,48 +20,19 @@ constexpr size_t kDisplayNameCapacity = 768; // its zero included
 constexpr uint64_t kStoredOptionBits = 0x1e; // a word without any of them is not stored
 constexpr uint64_t kDefaultOptions = 1;
 
-// Lifts an item's write protection and puts it back when its scope ends. What can't be put back is only
-// logged: the change itself stands.
-class LiftedProtection {
-public:
-    explicit LiftedProtection(const char *path) : item_(Item::AtPath(path)) {}
-    LiftedProtection(const LiftedProtection &) = delete;
-    LiftedProtection &operator=(const LiftedProtection &) = delete;
-
-    bool Lift(TQError **error)
-    {
-        if (platform::GetStatus(item_, Links::Follow, &before_) != 0 ||
-            platform::GetStatus(item_, Links::NoFollow, &before_) != 0)
-            return Failure(error).Errno("Failed to stat generation root at \"%s\"", item_.path);
-        // A link that somebody put into the store takes no attribute, and its target is not ours to lift.
-        if (S_ISLNK(before_.mode)) return true;
-
-        // An immutable item refuses chmod even to its owner: the flag goes first and comes back last.
-        const uint32_t flags = before_.flags & ~uint32_t{kTQFlagImmutable};
-        if (flags != before_.flags && platform::SetFlags(item_, Links::NoFollow, flags) != 0)
-            return Failure(error).Errno("Failed to remove UF_IMMUTABLE from generation root at \"%s\"", item_.path);
-        lifted_ = true;
-
-        if (platform::SetMode(item_, Links::NoFollow, (before_.mode | 0200) & 07777) != 0)
-            return Failure(error).Errno("Failed to make generation root at \"%s\" writable", item_.path);
-        return true;
-    }
-
-    ~LiftedProtection()
-    {
-        if (!lifted_) return;
-        const ErrnoKeeper keeper;
-        if (platform::SetMode(item_, Links::NoFollow, before_.mode & 07777) != 0)
-            Failure(nullptr).Errno("Failed to revert permissions on generation root at \"%s\"", item_.path);
-        if ((before_.flags & kTQFlagImmutable) != 0 && platform::SetFlags(item_, Links::NoFollow, before_.flags) != 0)
-            Failure(nullptr).Errno("Failed to revert flags on generation root at \"%s\"", item_.path);
-    }
-
-private:
-    Item item_;
-    TQFileStatus before_{};
-    bool lifted_ = false;
-};
+// A link that somebody put into the store takes no attribute, and its target is not ours to lift.
+bool LiftForChange(LiftedGeneration &item, const char *path, TQError **error)
+{
+    TQFileStatus target;
+    const bool found = item.Look();
+    const bool isLink = found && S_ISLNK(item.before().mode);
+    if (!found || (isLink && platform::GetStatus(Item::AtPath(path), Links::Follow, &target) != 0))
+        return Failure(error).Errno("Failed to stat generation root at \"%s\"", path);
+    if (isLink) return true;
+    if (!item.TakeImmutableFlag())
+        return Failure(error).Errno("Failed to remove UF_IMMUTABLE from generation root at \"%s\"", path);
+    return item.AddOwnerWrite() || Failure(error).Errno("Failed to make generation root at \"%s\" writable", path);
+}
 
 bool WriteAttribute(const char *path, const char *name, const void *value, size_t size, TQError **error)
 {
@@ -80,8 +51,8 @@ bool WriteProtectedAttribute(const char *path, const char *name, const void *val
     if (!name) return Failure(error).Refused(kTQStatusInvalidArgument, "no attribute name was supplied");
     if (geteuid() == 0) return WriteAttribute(path, name, value, size, error); // modes do not stop root
 
-    LiftedProtection lifted(path);
-    return lifted.Lift(error) && WriteAttribute(path, name, value, size, error);
+    LiftedGeneration lifted(path);
+    return LiftForChange(lifted, path, error) && WriteAttribute(path, name, value, size, error);
 }
 
 } // namespace
