@@ -56,6 +56,9 @@ public:
     bool ForReading(const TQClientManagedStorage *store, TQError **error);
     bool ForWriting(const TQClientManagedStorage *store, TQError **error);
 
+    // By the path of the lock file, for who has no handle.
+    bool At(const char *lockFile, bool exclusive, TQError **error);
+
 private:
     StoreLock lock_;
 };

@@ -14,28 +14,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/file.h>
 
 namespace {
-
-class CheckLock {
-public:
-    ~CheckLock()
-    {
-        if (lock_.fd >= 0) _UnlockGenerationStore(&lock_);
-    }
-    CheckLock() = default;
-    CheckLock(const CheckLock &) = delete;
-    CheckLock &operator=(const CheckLock &) = delete;
-
-    bool Take(const char *path, bool exclusive, TQError **error)
-    {
-        return _TQLockGenerationInternal(path, &lock_, exclusive ? LOCK_EX : LOCK_SH, error);
-    }
-
-private:
-    StoreLock lock_;
-};
 
 // Before there is a lock to be held, so the root is as open afterwards as it was.
 bool MakeLockFile(const char *root, const char *path)
@@ -52,7 +32,7 @@ bool MakeLockFile(const char *root, const char *path)
 
 // The lock file is looked at, and mended, before it is locked: nothing else is mended without the lock, so not where
 // something else stands in its place. Looking goes on without one.
-bool CheckAndTakeLock(const char *root, const char *path, Findings &findings, CheckLock &lock, TQError **error)
+bool CheckAndTakeLock(const char *root, const char *path, Findings &findings, HeldLock &lock, TQError **error)
 {
     const Item item = Item::AtPath(path);
     TQFileStatus status;
@@ -60,7 +40,7 @@ bool CheckAndTakeLock(const char *root, const char *path, Findings &findings, Ch
         if (errno != ENOENT) return Failure(error).Errno("stat(\"%s\") failed", path);
         findings.AddMendable(path, "lock-file-missing", "The store has no lock file.",
                              [&] { return MakeLockFile(root, path); });
-        return !findings.repair() || lock.Take(path, /*exclusive=*/true, error);
+        return !findings.repair() || lock.At(path, /*exclusive=*/true, error);
     }
     if (!S_ISREG(status.mode)) {
         findings.Add(path, "lock-file-foreign",
@@ -72,7 +52,7 @@ bool CheckAndTakeLock(const char *root, const char *path, Findings &findings, Ch
     if ((status.mode & 07777) != 0400)
         findings.AddMendable(path, "lock-file-mode", "The lock file does not have the mode 0400.",
                              [&item] { return platform::SetMode(item, Links::NoFollow, 0400) == 0; });
-    return (!isLockable && !findings.repair()) || lock.Take(path, findings.repair(), error);
+    return (!isLockable && !findings.repair()) || lock.At(path, findings.repair(), error);
 }
 
 void CheckStagingDirectory(const char *path, Findings &findings)
@@ -136,7 +116,7 @@ bool GetIsOpen(const char *root, bool *isOpen, TQError **error)
 bool CheckStore(const char *root, const PathBuffer &lockFile, const PathBuffer &staging, Findings &findings,
                 TQError **error)
 {
-    CheckLock lock;
+    HeldLock lock;
     if (!CheckAndTakeLock(root, lockFile.c_str(), findings, lock, error)) return false;
 
     bool wasOpen = false;

@@ -76,3 +76,8 @@ bool HeldLock::ForWriting(const TQClientManagedStorage *store, TQError **error)
 {
     return _RequireStore(store, error) && _WriteLockGenerationStore(store->rootPath, &lock_, error);
 }
+
+bool HeldLock::At(const char *lockFile, bool exclusive, TQError **error)
+{
+    return _TQLockGenerationInternal(lockFile, &lock_, exclusive ? LOCK_EX : LOCK_SH, error);
+}
