@@ -132,11 +132,17 @@ void Addition::Refuse() const
             : CommandFailure::Library(what + " as " + Quoted(name_) + " in the store " + Quoted(store_.path()),
                                       error_.get());
     std::string message = failure.what() + ExplainRefusal(error_.get(), store_.path(), path_);
-    // Giving a moved document back can fail too; the library then leaves it where it is and touches it no more.
+    // A document that was moved whole stays in the store if the last flush fails. Giving one back can fail too; the
+    // library then leaves it where it is and touches it no more.
     struct stat status {};
-    if (isMove_ && lstat(path_.c_str(), &status) != 0 && errno == ENOENT)
-        message += "\n  the document could not be put back: it lies below " +
-                   Quoted(store_.path() + "/.vaultry_staging") + ", and nothing will remove it there";
+    const auto isGone = [&status](const std::string &path) {
+        return lstat(path.c_str(), &status) != 0 && errno == ENOENT;
+    };
+    if (isMove_ && isGone(path_))
+        message += !isGone(store_.path() + "/" + name_)
+                       ? "\n  the document was moved all the same: the store holds it as " + Quoted(name_)
+                       : "\n  the document could not be put back: it lies below " +
+                             Quoted(store_.path() + "/.vaultry_staging") + ", and nothing will remove it there";
     throw CommandFailure(failure.exitCode(), message);
 }
 
