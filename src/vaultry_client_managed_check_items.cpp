@@ -12,6 +12,7 @@
 #include "Shared/vaultry_storage.h"
 
 #include <vaultry/data.h>
+#include <vaultry/filesystem.h>
 #include <vaultry/metadata.h>
 #include <vaultry/path.h>
 
@@ -117,7 +118,9 @@ void CheckPlaceholder(const char *placeholder, const char *document, Findings &f
     switch (FillingOf(placeholder)) {
     case Filling::Empty:
         findings.Add(placeholder, "placeholder-empty",
-                     "A restore that was interrupted left this empty item; it may go.");
+                     _PathNotExists(document)
+                         ? "A restore that was interrupted left this empty item: the document, if that was empty."
+                         : "A restore that was interrupted left this empty item; it may go.");
         break;
     case Filling::Full:
         findings.AddMendable(
