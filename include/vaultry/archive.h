@@ -5,8 +5,8 @@
 /// "com.corvane.vaultry.orig_perms_v1", and then takes all write access away. Files named "._…" are neither
 /// copied, counted nor archived. Symbolic links can't be archived; FIFOs, sockets and devices neither.
 ///
-/// These functions take paths and no lock, and leave clean-up of a partly made destination to the caller: a client
-/// works through storage.h. Statuses are those of the failing system call unless said otherwise.
+/// These functions take paths and no lock, flush nothing to disk, and leave clean-up of a partly made destination to the
+/// caller: a client works through storage.h. Statuses are those of the failing system call unless said otherwise.
 
 #ifndef VAULTRY_ARCHIVE_H
 #define VAULTRY_ARCHIVE_H

@@ -46,7 +46,7 @@ TQ_EXPORT bool TQLibraryDestroyClientManaged(const TQURL *storeURL, TQError **er
 TQ_EXPORT bool TQLibraryAddGenerationWithOptionsByCopyingFile(TQLibrary *library, const TQString *name,
                                                               const TQURL *document, uint64_t options, TQError **error);
 
-/// The same, moving the document into the store. On failure it is back where it was.
+/// The same, moving the document into the store. On failure it is back where it was, unless the generation stays.
 TQ_EXPORT bool TQLibraryAddGenerationWithOptionsByMovingFile(TQLibrary *library, const TQString *name,
                                                              const TQURL *document, uint64_t options, TQError **error);
 
@@ -107,7 +107,8 @@ TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, con
 ///
 /// The document is moved aside, the generation moved into its place, and only then is the old document
 /// removed; a failure before that puts it back. What was restored is flushed to disk before anything is given up for
-/// it, so a power cut costs neither of the two. If the extensions of `name` and of the document differ, the
+/// it, so a power cut costs neither of the two; right after a success one can bring the old document back beside the new,
+/// under a name with "-tmp.nosync.". If the extensions of `name` and of the document differ, the
 /// restored document gets the generation's, and nothing may stand at that path (kTQStatusExists). Where there is no
 /// document, the generation is copied to its path.
 ///

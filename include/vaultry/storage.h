@@ -35,8 +35,8 @@ TQ_EXPORT TQClientManagedStorage *TQClientManagedStorageCreate(const char *rootP
 /// Frees a handle; null does nothing. The store on disk is not touched.
 TQ_EXPORT void TQClientManagedStorageFree(TQClientManagedStorage *store);
 
-/// Removes a whole store, its directory included, whatever its protection. Takes no lock. True also if there is
-/// nothing at the path.
+/// Removes a whole store, its directory included, whatever its protection. Takes no lock, and flushes nothing to disk.
+/// True also if there is nothing at the path.
 TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **error);
 
 /// Adds the item at `source` to the store as the generation `name`.
@@ -46,8 +46,9 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 ///
 /// @param source   Absolute path of a file or a directory tree.
 /// @param options  Stored with the generation; read back as 1 if none of the bits 0x1e is set.
-/// @param copy     true leaves `source` alone; false moves it, and on failure it is back
-///                 where it was, unless the generation stays.
+/// @param copy     true leaves `source` alone; false moves it, and on failure it is back where it was, unless the
+///                 generation stays. If it can't be given back, it waits in the staging area for the
+///                 repair of TQClientManagedStorageCopyFindings, and a line of the log at level 3 says where.
 /// @return true once the generation is on disk, and would survive a power cut. If only the options could not be stored,
 ///         or not all of it be flushed in the end, false, and the generation stays. Otherwise nothing was added:
 ///         kTQStatusExists           the store has a generation of that name

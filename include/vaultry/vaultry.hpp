@@ -725,7 +725,7 @@ public:
         return add_(name, document, options, /*copy=*/true);
     }
 
-    /// The same, moving the document into the store. On failure it is back where it was.
+    /// The same, moving the document into the store. On failure it is back where it was, unless the generation stays.
     Result<void> add_by_moving(std::string_view name, const std::filesystem::path &document,
                                std::uint64_t options = 1) const
     {
