@@ -1,5 +1,6 @@
 #include "TQLibrary.h"
 
+#include "Runtime/Values.h"
 #include "support/Tests.h"
 #include "vaultry_client_managed.h"
 
@@ -48,37 +49,41 @@ TEST_P(Library, IsADataValueThatHoldsTheStoresHandle)
     EXPECT_EQ(TQLibraryCopyGenerationNames(library), nullptr) << "still an object, over nothing";
 }
 
-TEST_P(Library, GenerationsFromAddingToRemoving)
+TEST_P(Library, HandsEverythingOnToItsStore)
 {
-    const auto name = String("g\xC3\xA9"), moved = String("moved");
+    const auto name = String("g\xC3\xA9"), moved = String("moved"), key = String("k"), text = String("shown");
+    // Named beside another file, not beside the current directory.
+    const auto beside = [&](const char *path) {
+        return Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPathRelativeToBase(path, false, document.get()));
+    };
     const Snapshot before = Snapshot::Of(store.document());
     OwnedError error;
-    EXPECT_TRUE(TQLibraryAddGenerationWithOptionsByCopyingFile(library, name.get(), document.get(), 4, error.out()))
-        << error.description();
-    EXPECT_TRUE(Same(before, Snapshot::Of(store.document())));
-    EXPECT_TRUE(TQLibraryAddGenerationWithOptionsByMovingFile(library, moved.get(), document.get(), 0, error.out()))
+    EXPECT_TRUE(
+        TQLibraryAddGenerationWithOptionsByCopyingFile(library, name.get(), beside("document").get(), 4, error.out()) &&
+        TQLibraryAddGenerationWithOptionsByMovingFile(library, moved.get(), document.get(), 0, error.out()) &&
+        TQLibraryCopyGeneration(library, name.get(), beside("out").get(), error.out()))
         << error.description();
     EXPECT_FALSE(disk::Exists(store.document()));
+    EXPECT_TRUE(Same(before, Snapshot::Of(store / "out")));
     EXPECT_THAT(Texts(Ref<TQArray>::Adopt(TQLibraryCopyGenerationNames(library)).get()),
                 testing::ElementsAre("g\xC3\xA9", "moved"));
+    EXPECT_EQ(Describe(Own(TQLibraryCopyURLForGeneration(library, moved.get())).get()),
+              "file://" + store.Generation("moved"));
     EXPECT_EQ(TQLibraryGetGenerationOptions(library, name.get()), 4U);
     EXPECT_TRUE(TQLibrarySetGenerationOptions(library, name.get(), 0) &&
                 TQLibraryGetGenerationOptions(library, name.get()) == 1);
-    EXPECT_EQ(TQURLGetPath(Ref<TQURL>::Adopt(TQLibraryCopyURLForGeneration(library, moved.get())).get()),
-              store.Generation("moved"));
-    EXPECT_TRUE(TQLibraryCopyGeneration(library, name.get(), out.get(), error.out())) << error.description();
-    EXPECT_TRUE(Same(before, Snapshot::Of(store / "out")));
-    // A document named beside another file, not beside the current directory.
-    const auto beside = Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPathRelativeToBase("out", false, document.get()));
-    const auto again = Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPathRelativeToBase("again", false, document.get()));
-    EXPECT_TRUE(
-        TQLibraryAddGenerationWithOptionsByCopyingFile(library, String("beside").get(), beside.get(), 0, error.out()))
-        << error.description();
-    EXPECT_TRUE(TQLibraryCopyGeneration(library, String("beside").get(), again.get(), error.out()))
-        << error.description();
-    EXPECT_TRUE(Same(before, Snapshot::Of(store / "again")));
-    EXPECT_TRUE(TQLibraryRemoveGenerations(library, Names({"beside", "g\xC3\xA9", "none"}).get()) &&
-                TQLibraryRemoveGenerations(library, Names({}).get()));
+
+    const auto set = [&](TQValue *value) {
+        return TQLibrarySetGenerationInfoValueForKey(library, name.get(), key.get(), value);
+    };
+    EXPECT_TRUE(set(text.get()));
+    EXPECT_EQ(Describe(Own(TQLibraryCopyGenerationInfoValueForKey(library, name.get(), key.get())).get()), "shown");
+    EXPECT_EQ(Describe(Own(TQLibraryCopyGenerationInfoDictionary(library, name.get())).get()), "{\"k\": \"shown\"}");
+    EXPECT_TRUE(set(nullptr) && !set(nullptr));
+    EXPECT_TRUE(TQLibrarySetGenerationOriginalDisplayName(library, name.get(), text.get()));
+    EXPECT_EQ(Describe(Own(TQLibraryCopyGenerationOriginalDisplayName(library, name.get())).get()), "shown");
+
+    EXPECT_TRUE(TQLibraryRemoveGenerations(library, Names({"g\xC3\xA9", "none"}).get()));
     EXPECT_THAT(store.List(), testing::ElementsAre("moved"));
     store.CheckInvariants();
 }
