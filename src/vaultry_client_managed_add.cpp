@@ -57,19 +57,18 @@ bool NoteWhereFrom(const char *staged, const char *source, TQError **error)
     return Failure(error).Errno("setxattr(\"%s\") failed", unique.c_str());
 }
 
-// An installed item that must go again. A copy is removed; a moved document goes back to staging first, and
-// from there home.
+// An installed item that must go again. It goes back to staging, from where a copy is removed and a document given back:
+// in the root it would be listed while half of it is gone.
 void TakeBack(const char *generation, const char *staged, const TQFileStatus &status, bool copied)
 {
     const ErrnoKeeper keeper;
-    if (copied) {
-        (void)_RemoveTree(generation, 0, nullptr);
-        return;
-    }
     TQFileStatus installed = status;
     (void)platform::GetStatus(Item::AtPath(generation), Links::NoFollow, &installed);
     (void)_MakeMovable(generation, installed);
-    if (rename(generation, staged) != 0)
+    if (rename(generation, staged) == 0) return;
+    if (copied)
+        (void)_RemoveTree(generation, 0, nullptr);
+    else
         Failure(nullptr).Errno("Failed to take the document back from \"%s\", where it stays", generation);
 }
 
