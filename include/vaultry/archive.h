@@ -39,7 +39,8 @@ TQ_EXPORT int64_t TQComputeTreeSize(const char *path, TQError **error);
 TQ_EXPORT bool TQArchiveTree(const char *path, bool makeReadable, uint64_t *totalSize, TQError **error);
 
 /// Copies the generation at `path` to `destination`, where nothing may be, and gives every item its recorded
-/// write bits and flags back. The copy's top item is left changeable; it is to get `mode` and `flags` from the caller.
+/// write bits and flags back. The copy's top item is left changeable, a directory for all who can reach it; it is to get
+/// `mode` and `flags` from the caller.
 TQ_EXPORT bool TQCopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags,
                                    TQError **error);
 

@@ -36,7 +36,7 @@ TQ_EXPORT TQClientManagedStorage *TQClientManagedStorageCreate(const char *rootP
 TQ_EXPORT void TQClientManagedStorageFree(TQClientManagedStorage *store);
 
 /// Removes a whole store, its directory included, whatever its protection. Takes no lock, and flushes nothing to disk.
-/// True also if there is nothing at the path.
+/// True also if there is nothing at the path. Cut short, it leaves parts of generations, which it takes when called again.
 TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **error);
 
 /// Adds the item at `source` to the store as the generation `name`.
@@ -113,7 +113,7 @@ TQ_EXPORT bool TQClientManagedStorageSetGenerationOriginalDisplayName(const TQCl
 /// @param stagedPath  Buffer of 1,024 bytes; gets the path of the copy. The copy belongs to the caller until
 ///                    TQClientManagedStorageCopyOutDone is called with this path.
 /// @param mode        What the copy's top item is to be given in the end,
-/// @param flags       and its flags; until then it is left changeable.
+/// @param flags       and its flags; until then it is left changeable, a directory for all who can reach it.
 ///
 /// Shared lock.
 TQ_EXPORT bool TQClientManagedStorageCopyOut(const TQClientManagedStorage *store, const char *name, char *stagedPath,
