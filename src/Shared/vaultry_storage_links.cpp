@@ -6,6 +6,7 @@
 #include "Shared/vaultry_storage.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/Flush.h"
 #include "Platform/UniqueFd.h"
 #include "Platform/UniqueNames.h"
 #include "Shared/PathBuffer.h"
@@ -97,6 +98,14 @@ public:
         (void)unlinkat(directory_, name_.c_str(), 0);
     }
 
+    // A journal may take the new name to disk before the bytes; should the power fail in between, a file that somebody
+    // has nowhere else would be as long as ever, and hold zeros.
+    bool Flush(TQError **error) const
+    {
+        return platform::FlushFd(fd_.get()) == 0 ||
+               Failure(error).Errno("Failed to flush \"%s\" to disk", path_.c_str());
+    }
+
     bool RenameOver(const Item &item, TQError **error)
     {
         if (renameat(directory_, name_.c_str(), item.directory, item.name) != 0)
@@ -145,5 +154,5 @@ bool _BreakHardLink(const HardLinkedFile &file, TQError **error)
 
     if (file.status.hasBirthTime)
         (void)_SetBirthTimeSpecForFD(temporary.fd(), file.status.birthTime.tv_sec, file.status.birthTime.tv_nsec);
-    return temporary.RenameOver(item, error);
+    return temporary.Flush(error) && temporary.RenameOver(item, error);
 }

@@ -28,7 +28,7 @@ struct Scene {
 };
 
 // A failure that comes last, when what was done stays.
-inline const std::string kLastFlush = "Failed to flush (?!.*/staged\")";
+inline const std::string kLastFlush = "Failed to flush (?!.*/staged[/\"])";
 
 // An operation to be swept. Paths and words are regular expressions.
 struct Swept {
