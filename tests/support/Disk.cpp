@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <gmock/gmock.h>
 #include <linux/fs.h>
 #include <linux/stat.h>
 #include <numeric>
@@ -16,7 +17,6 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
-#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -92,11 +92,7 @@ void Describe(const std::string &root, const std::string &below, unsigned what, 
     const struct statx status = StatusOf(path);
     const unsigned type = status.stx_mode & S_IFMT;
     std::ostringstream text;
-    text << (type == 0         ? "nothing there"
-             : type == S_IFDIR ? "directory"
-             : type == S_IFREG ? "file"
-             : type == S_IFLNK ? "link"
-                               : "other");
+    text << "?pc?d?b?-?l?s"[type >> 12]; // as ls says it
     if ((what & Snapshot::kContents) != 0 && type == S_IFREG) text << " " << Hashed(disk::Read(path));
     if ((what & Snapshot::kRights) != 0 && type != 0)
         text << " mode " << std::oct << (status.stx_mode & 07777U) << std::dec << " owner " << status.stx_uid << ":"
@@ -128,6 +124,13 @@ std::optional<int> FlagsOf(const std::string &path, std::optional<int> change = 
 }
 
 } // namespace
+
+bool Shell(const std::string &directory, const std::string &command)
+{
+    const std::string line =
+        "PATH=$PATH:/usr/sbin:/sbin; cd '" + directory + "' && set -e && { " + command + "; } >/dev/null 2>&1";
+    return std::system(line.c_str()) == 0;
+}
 
 namespace disk {
 
@@ -203,33 +206,16 @@ std::optional<std::string> Attribute(const std::string &path, const std::string 
 
 std::string MakePackage(const std::string &path)
 {
-    const auto at = [&](const char *name) { return path + "/" + name; };
-    MakeDirectory(path);
-    for (const auto &[name, mode] :
-         {std::pair{"Data", 0750U}, {"Data/Nested", 0755U}, {"Data/Nested/Deep", 0700U}, {"Data/Group", 02775U}})
-        MakeDirectory(at(name), mode);
-    const std::tuple<const char *, std::string, mode_t> files[] = {
-        {"Info", "what it is", 0644},
-        {"empty", "", 0644},
-        {"run", "#!/bin/sh\n", 0755},
-        {"read only", "kept", 0444},
-        {"Data/listed", "for some", 0640},
-        {"Data/everyone", "mine and yours", 0666},
-        {"Data/Nested/Deep/leaf", std::string(100000, 'x'), 0600}};
-    for (const auto &[name, bytes, mode] : files) Write(at(name), bytes, mode);
-    Require(link(at("Data/everyone").c_str(), at("Data/twin").c_str()) == 0, "link");
-    const int sparse = open(Write(at("Data/sparse"), "").c_str(), O_WRONLY | O_CLOEXEC);
-    Require(pwrite(sparse, "far", 3, 2 << 20) == 3 && ftruncate(sparse, 4 << 20) == 0 && close(sparse) == 0, "sparse");
-    SetAttribute(path, "com.example.kind", "package");
-    SetAttribute(at("Data/listed"), "com.example.long", std::string(600, 'a'));
-    // Version 2; then tag, rights and id of: owner rw-, user 4242 r--, group r--, mask r--, others none.
-    const uint16_t acl[] = {2, 0,      1,      6,  0xffff, 0xffff, 2,      4,  4242, 0,      4,
-                            4, 0xffff, 0xffff, 16, 4,      0xffff, 0xffff, 32, 0,    0xffff, 0xffff};
-    Require(lsetxattr(at("Data/listed").c_str(), "system.posix_acl_access", acl, sizeof acl, 0) == 0, "ACL");
-    (void)SetFlags(at("Info"), FS_NODUMP_FL);
-    const timespec times[] = {{1000000000, 1}, {1234567890, 987654321}};
-    for (const char *name : {"Info", "Data/listed", "Data/sparse", "Data/Nested/Deep", "Data/Nested", "Data", ""})
-        Require(utimensat(AT_FDCWD, at(name).c_str(), times, 0) == 0, at(name));
+    const bool made = Shell(MakeDirectory(path), R"sh(
+        umask 022; mkdir -p Data/Nested/Deep; mkdir -m 2775 Data/Group; chmod 750 Data; chmod 700 Data/Nested/Deep
+        printf 'what it is' >Info; touch empty; echo '#!/bin/sh' >run; printf kept >'read only'; chmod 755 run
+        chmod 444 'read only'; printf 'for some' >Data/listed; chmod 640 Data/listed; setfacl -m u:4242:r Data/listed
+        printf 'mine and yours' >Data/everyone; chmod 666 Data/everyone; ln Data/everyone Data/twin
+        head -c 100000 /dev/zero | tr '\0' x >Data/Nested/Deep/leaf; chmod 600 Data/Nested/Deep/leaf
+        truncate -s 2M Data/sparse; printf far >>Data/sparse; truncate -s 4M Data/sparse; chattr +d Info || :
+        setfattr -n user.com.example.kind -v package .; setfattr -n user.com.example.long -v $(printf %0600d) Data/listed
+        touch -d @1234567890.987654321 Info Data/listed Data/sparse Data/Nested/Deep Data/Nested Data .)sh");
+    Require(made, path);
     return path;
 }
 
@@ -277,13 +263,7 @@ Snapshot Snapshot::Of(const std::string &root, unsigned what)
 
 testing::AssertionResult Same(const Snapshot &wanted, const Snapshot &found)
 {
-    if (wanted == found) return testing::AssertionSuccess();
-    auto result = testing::AssertionFailure();
-    for (const auto &[path, item] : wanted.items)
-        if (const auto other = found.items.find(path); other == found.items.end() || other->second != item)
-            result << "\n'" << path << "' wanted: " << item
-                   << "\n    found: " << (other == found.items.end() ? "nothing there" : other->second);
-    for (const auto &[path, item] : found.items)
-        if (wanted.items.count(path) == 0) result << "\n'" << path << "' not wanted: " << item;
-    return result;
+    testing::StringMatchResultListener why;
+    const bool same = testing::ExplainMatchResult(testing::ContainerEq(wanted.items), found.items, &why);
+    return same ? testing::AssertionSuccess() : testing::AssertionFailure() << why.str();
 }

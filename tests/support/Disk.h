@@ -12,6 +12,9 @@
 
 #include <gtest/gtest.h>
 
+// Runs a command of the shell in a directory. Whether it succeeded; what it writes is thrown away.
+bool Shell(const std::string &directory, const std::string &command);
+
 namespace disk {
 
 std::string Write(const std::string &path, std::string_view bytes, mode_t mode = 0644); // gives `path` back

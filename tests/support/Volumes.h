@@ -17,9 +17,6 @@ struct TestVolume {
 // "ext4", "xfs", "btrfs" or "tmpfs". Made on first use and kept.
 const TestVolume &VolumeOfType(const std::string &type);
 
-// Runs a command of the shell in a directory. Whether it succeeded; what it writes is thrown away.
-bool Shell(const std::string &directory, const std::string &command);
-
 // A fixture of tests that run on each type, in a directory of their own.
 class OnEachVolume : public testing::TestWithParam<const char *> {
 protected:
