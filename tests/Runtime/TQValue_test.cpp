@@ -155,7 +155,7 @@ TEST(Allocator, GetsBackWhatItGave)
     EXPECT_EQ(contexts, 0);
 }
 
-#if !defined(NDEBUG) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(NDEBUG) && !defined(VAULTRY_SANITIZED)
 TEST(ValueDeathTest, AWrongOrFreedValueStopsADebugBuild)
 {
     EXPECT_DEATH(TQStringGetLength(reinterpret_cast<TQString *>(kTQBooleanTrue)), "");

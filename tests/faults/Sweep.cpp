@@ -60,14 +60,6 @@ int Failures()
     return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
 }
 
-// A copy that was to take the place of a hard link may lie beside it.
-Snapshot ContentsOf(const std::string &path)
-{
-    Snapshot contents = Snapshot::Of(path, Snapshot::kContents);
-    std::erase_if(contents.items, [](const auto &item) { return item.first.find('_') != std::string::npos; });
-    return contents;
-}
-
 // What is left out of a comparison because a call that is allowed to fail did.
 std::string MayLack(int call, int error)
 {
@@ -76,11 +68,6 @@ std::string MayLack(int call, int error)
     // A file system without attributes, and one without flags, or a user without the right to them.
     if (error == ENOTSUP && call == SYS_flistxattr) return " (user|system)\\.\\S+=\\S+";
     return error == ENOTSUP || error == EPERM ? " flags \\d+| \\S*orig_perms_v1=\\d+" : ""; // which records flags too
-}
-
-std::string Without(const std::string &what, const std::string &item)
-{
-    return what.empty() ? item : std::regex_replace(item, std::regex(what), "");
 }
 
 std::string Show(const Fault &fault)
@@ -150,7 +137,8 @@ bool Scene::HoldsDocument(const Snapshot &contents) const
         const std::string unique = store.Staging() + "/" + name;
         if (disk::Attribute(unique, "com.corvane.vaultry.moved_from") == document) places.push_back(unique + "/staged");
     }
-    return std::any_of(places.begin(), places.end(), [&](const auto &place) { return ContentsOf(place) == contents; });
+    return std::any_of(places.begin(), places.end(),
+                       [&](const auto &place) { return ContentsOfDocument(place) == contents; });
 }
 
 Sweeper::Sweeper(const Swept &swept, As who) : swept_(swept), who_(who)
@@ -160,7 +148,7 @@ Sweeper::Sweeper(const Swept &swept, As who) : swept_(swept), who_(who)
         Scene scene(swept_.kind, who == As::Capable);
         swept_.prepare(scene);
         before_ = scene.Now();
-        documentBefore_ = ContentsOf(scene.document);
+        documentBefore_ = ContentsOfDocument(scene.document);
         if (here) {
             EXPECT_TRUE(swept_.run(scene, nullptr));
             continue;
@@ -169,7 +157,7 @@ Sweeper::Sweeper(const Swept &swept, As who) : swept_(swept), who_(who)
         EXPECT_TRUE(undisturbed.succeeded) << undisturbed.message;
         answer_ = undisturbed.answer;
         after_ = scene.Now();
-        restored_ = ContentsOf(scene.restored);
+        restored_ = ContentsOfDocument(scene.restored);
     }
 }
 
@@ -248,12 +236,12 @@ void Sweeper::Judge(const Fault &fault, const Outcome &outcome, Scene &scene)
         for (const auto &[path, item] : snapshot->items) paths.insert(path);
     const std::regex unfinished(swept_.unfinished + "|/store|/store/" + swept_.subject +
                                 "|/store/\\.vaultry_staging/.*");
-    const std::string lacking = fault.act == Act::Fail ? MayLack(outcome.call, fault.error) : "";
+    const std::regex lacking(fault.act == Act::Fail ? MayLack(outcome.call, fault.error) : "");
     std::string wrong;
     for (const auto &path : paths) {
         const auto item = [&](const Snapshot &snapshot) {
             const auto place = snapshot.items.find(path);
-            return place == snapshot.items.end() ? "nothing" : Without(lacking, place->second);
+            return place == snapshot.items.end() ? "nothing" : std::regex_replace(place->second, lacking, "");
         };
         const bool isBefore = item(found) == item(before_), isAfter = item(found) == item(after_);
         if (outcome.succeeded ? isAfter : isBefore || ((broken || stays) && isAfter)) continue;
@@ -269,7 +257,7 @@ void Sweeper::Judge(const Fault &fault, const Outcome &outcome, Scene &scene)
     }
     EXPECT_TRUE(wrong.empty()) << (outcome.succeeded ? "it succeeded" : "it failed: ") << outcome.message << wrong;
     EXPECT_TRUE(scene.HoldsDocument(documentBefore_) ||
-                (!scene.restored.empty() && ContentsOf(scene.restored) == restored_))
+                (!scene.restored.empty() && ContentsOfDocument(scene.restored) == restored_))
         << "the document is lost";
     EXPECT_TRUE(!outcome.succeeded || outcome.answer == answer_ ||
                 (fault.act == Act::Fail && std::regex_match(outcome.answer, std::regex(swept_.lesser))))

@@ -28,14 +28,6 @@ bool IsAside(const std::string &name)
     return name.find("-tmp.nosync.") != std::string::npos;
 }
 
-bool Holds(const std::string &path, const Snapshot &contents)
-{
-    Snapshot found = Snapshot::Of(path, Snapshot::kContents);
-    // A copy that was to take the place of a hard link may lie beside it.
-    std::erase_if(found.items, [](const auto &item) { return item.first.find('_') != std::string::npos; });
-    return found == contents;
-}
-
 // A store with one generation, the document that it was made of, and on a desk another one that it may replace.
 struct Scene {
     Scene(Document kind, const std::string &generation, const std::string &storeVolume, const std::string &volume)
@@ -73,7 +65,7 @@ struct Scene {
     void CheckInterrupted(const std::string &unprotected, bool moves, bool across)
     {
         if (disk::Exists(store.Generation("backup"))) {
-            EXPECT_TRUE(Holds(store.Generation("backup"), draftContents));
+            EXPECT_TRUE(ContentsOfDocument(store.Generation("backup")) == draftContents);
             EXPECT_TRUE(handle.remove({"backup"}));
         }
         store.CheckInvariants(unprotected, /*killed=*/true);
@@ -82,12 +74,13 @@ struct Scene {
             EXPECT_TRUE(kind == "staging-recent" || kind == "placeholder-empty" ||
                         (kind == "document-aside" && disk::Exists(draft)))
                 << path << " is not mended: " << kind;
-        EXPECT_TRUE(Holds(store.document(), store.contents()) || (moves && disk::Exists(store.Generation("g"))));
-        bool whole = Holds(draft, draftContents) || Holds(draft, store.contents()) ||
-                     Holds(desk / "draft.txt", store.contents());
+        EXPECT_TRUE(ContentsOfDocument(store.document()) == store.contents() ||
+                    (moves && disk::Exists(store.Generation("g"))));
+        bool whole = ContentsOfDocument(draft) == draftContents || ContentsOfDocument(draft) == store.contents() ||
+                     ContentsOfDocument(desk / "draft.txt") == store.contents();
         // While a copy from another volume is made the draft is aside, and half a copy may be at its path.
         for (const auto &name : disk::List(desk.path()))
-            whole |= across && IsAside(name) && Holds(desk / name, draftContents);
+            whole |= across && IsAside(name) && ContentsOfDocument(desk / name) == draftContents;
         EXPECT_TRUE(whole);
     }
 

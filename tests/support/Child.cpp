@@ -234,13 +234,7 @@ void Answer(const std::function<std::string()> &text)
 
 // The C library's own allocator, counted in a child and made to fail on demand. The sanitizers bring theirs, which is
 // left alone.
-#if defined(__has_feature)
-#define HAS_FEATURE(feature) __has_feature(feature)
-#else
-#define HAS_FEATURE(feature) 0
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || HAS_FEATURE(address_sanitizer) ||                 \
-    HAS_FEATURE(thread_sanitizer)
+#ifdef VAULTRY_SANITIZED
 const bool kCanFailAllocations = false;
 #else
 const bool kCanFailAllocations = true;

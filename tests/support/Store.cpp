@@ -14,6 +14,13 @@ static Snapshot Contents(const std::string &path)
     return contents;
 }
 
+Snapshot ContentsOfDocument(const std::string &path)
+{
+    Snapshot contents = Snapshot::Of(path, Snapshot::kContents);
+    std::erase_if(contents.items, [](const auto &item) { return item.first.find('_') != std::string::npos; });
+    return contents;
+}
+
 static void ExpectProtected(const std::string &path)
 {
     SCOPED_TRACE(path);

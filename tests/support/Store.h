@@ -10,6 +10,9 @@
 
 #include <map>
 
+// The contents of a document, but for the copy that was to take the place of a hard link and may lie beside it.
+Snapshot ContentsOfDocument(const std::string &path);
+
 class TestStore {
 public:
     enum class Document { Folder, File, Package };

@@ -31,20 +31,14 @@ protected:
     {
         return disk::Write(At(name), bytes, mode);
     }
-    std::string Folder(const std::string &name, mode_t mode = 0755) const
-    {
-        return disk::MakeDirectory(At(name), mode);
-    }
     std::string Link(const std::string &name, const std::string &target) const
     {
         EXPECT_EQ(symlink(target.c_str(), At(name).c_str()), 0);
         return At(name);
     }
-    Snapshot Now(unsigned what = Snapshot::kUntouched) const { return Snapshot::Of(directory.path(), what); }
-    void Expect(const std::vector<Row> &rows) const { ExpectRows(rows, directory.path()); }
 
     TempDirectory directory;
-    const bool isRoot = GetParam() == As::Root, canFlag = directory.CanSetImmutable();
+    const bool isRoot = GetParam() == As::Root;
 };
 
 // A test on a store.
@@ -54,5 +48,4 @@ protected:
 
     TestStore store;
     const TQClientManagedStorage *const handle = store.handle();
-    const bool isRoot = GetParam() == As::Root, canFlag = store.directory().CanSetImmutable();
 };
