@@ -12,7 +12,7 @@ namespace {
 
 template <class... Arguments> std::string Format(const char *format, Arguments... arguments)
 {
-    return UTF8(Own(TQStringCreateWithFormat(format, arguments...)));
+    return Text(Cast{Own(TQStringCreateWithFormat(format, arguments...))});
 }
 
 // The C library is the judge of its own conversions. What stands behind them shows that each argument was taken

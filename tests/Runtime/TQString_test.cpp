@@ -19,7 +19,7 @@ TEST(String, HoldsWhatTheCLibraryTakesForUTF8AndCountsAsItDoes)
         const Value string = Text(text);
         ASSERT_EQ(static_cast<bool>(string), isUTF8) << testing::PrintToString(text);
         if (!isUTF8) continue;
-        ASSERT_EQ(UTF8(string), text);
+        ASSERT_EQ(Text(Cast{string}), text);
         ASSERT_EQ(TQStringGetLength(Cast{string}), units.size());
         for (size_t i = 0; i <= units.size(); ++i) // behind the last, zero
             ASSERT_EQ(TQStringGetCharacterAtIndex(Cast{string}, i), uint16_t{units.c_str()[i]});

@@ -26,7 +26,7 @@ Value URL(const std::string &madeOf)
 
 std::string TextOf(const Value &url)
 {
-    return url ? UTF8(Own(TQURLCopyString(Cast{url}))) : "-";
+    return url ? Text(Cast{Own(TQURLCopyString(Cast{url}))}) : "-";
 }
 
 std::string AbsolutePathOf(const Value &url)

@@ -2,17 +2,12 @@
 
 #pragma once
 
-#include "Runtime/Ref.h"
+#include "support/Library.h"
 
-#include <vaultry/collections.h>
 #include <vaultry/data.h>
-#include <vaultry/error.h>
 #include <vaultry/number.h>
-#include <vaultry/string.h>
 
-#include <string>
 #include <string_view>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,7 +25,7 @@ inline constexpr auto Truth = [](bool value) { return Value::Retain(TQBooleanGet
 inline constexpr auto Bytes = [](std::string_view bytes) { return Own(TQDataCreate(bytes.data(), bytes.size())); };
 inline constexpr auto Date = [](double seconds) { return Own(TQDateCreate(seconds)); };
 
-inline Value Text(std::string_view text) // a function: support/Library.h has another of the name
+inline Value Text(std::string_view text) // support/Library.h tells the text of a string by this name
 {
     return Own(TQStringCreateWithBytes(text.data(), text.size()));
 }
@@ -67,20 +62,4 @@ inline Value Nested(size_t depth)
     return nested;
 }
 
-inline std::string UTF8(const Value &string)
-{
-    return string ? std::string(TQStringGetUTF8(Cast{string}), TQStringGetUTF8Length(Cast{string})) : "(no string)";
-}
-
-inline constexpr auto Describe = [](const TQValue *value) { return UTF8(Own(TQCopyDescription(value))); };
-
-inline std::string released; // the names of noted values that are gone, in order
-
-// A value that notes its release.
-inline TQValue *Noted(const char *name)
-{
-    TQAllocatorContext context{};
-    context.deallocate = [](void *noted, void *) { released += static_cast<char *>(noted); };
-    static TQAllocator *const notes = TQAllocatorCreate(nullptr, &context);
-    return TQDataCreateNoCopy(nullptr, const_cast<char *>(name), 1, notes);
-}
+inline constexpr auto Describe = [](const TQValue *value) { return Text(Cast{Own(TQCopyDescription(value))}); };

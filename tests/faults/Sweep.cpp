@@ -174,7 +174,7 @@ void Sweeper::Walk()
     Walk(allocations, FailAllocation);
     Walk(failingCalls, [](int nth) {
         return nth % 2 == 0 ? FailCall(nth, InTurn(kErrors, nth / 2))
-                            : FailFromCallOn(nth, InTurn(kLastingErrors, nth / 2));
+                            : FailCall(nth, InTurn(kLastingErrors, nth / 2), {}, /*fromThereOn=*/true);
     });
     ExpectMessages();
     if (!IsLong()) return;
@@ -182,7 +182,8 @@ void Sweeper::Walk()
     for (const int error : kErrors) {
         Walk(failingCalls, [error](int nth) { return FailCall(nth, error); });
         // A call that is interrupted is made again, for as long as that takes.
-        if (error != EINTR) Walk(failingCalls, [error](int nth) { return FailFromCallOn(nth, error); });
+        if (error != EINTR)
+            Walk(failingCalls, [error](int nth) { return FailCall(nth, error, {}, /*fromThereOn=*/true); });
     }
 }
 

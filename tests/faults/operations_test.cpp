@@ -130,29 +130,20 @@ TEST_P(FaultsWhile, Reading)
                                    {Text("fields"), Dictionary({{Text("options"), Truth(true)}})},
                                    {Text("withOptions"), Number(4)}});
 #define READ(expression) DO(Told(scene, Own(expression)))
+    const auto read = [this](const char *name, const auto &run, const char *lesser = "the whole") {
+        Sweep({.name = name, .run = run, .lesser = lesser});
+    };
     // A list ends where it can't be read on, and a word that can't be read is 0.
-    Sweep({.name = "read the options",
-           .run = DO(Told(TQClientManagedStorageGetGenerationOptions(store, "kept", why), why)),
-           .lesser = "0"});
-    Sweep(
-        {.name = "read the info", .run = READ(TQClientManagedStorageCopyGenerationInfoDictionary(store, "kept", why))});
-    Sweep({.name = "read one value",
-           .run = READ(TQClientManagedStorageCopyGenerationInfoValueForKey(store, "kept", key.get(), why))});
-    Sweep({.name = "read the display name",
-           .run = READ(TQClientManagedStorageCopyGenerationOriginalDisplayName(store, "kept", why))});
-    Sweep({.name = "read the URL", .run = READ(TQClientManagedStorageCopyURLForGeneration(store, "kept", why))});
-    Sweep({.name = "list the names",
-           .run = READ(TQClientManagedStorageCopyGenerationNames(store, why)),
-           .lesser = "\\[\\]"});
-    Sweep({.name = "query one",
-           .run = READ(TQClientManagedStorageCopyGenerationInfos(store, kept.get(), nullptr, why)),
-           .lesser = ".*\"options\": 0.*"});
-    Sweep({.name = "query all",
-           .run = READ(TQClientManagedStorageCopyAllGenerationsInfos(store, nullptr, why)),
-           .lesser = "\\{\\}"});
-    Sweep({.name = "query some",
-           .run = READ(TQClientManagedStorageCopyAllGenerationsInfos(store, Cast{spec}, why)),
-           .lesser = "\\{\\}"});
+    read("read the options", DO(Told(TQClientManagedStorageGetGenerationOptions(store, "kept", why), why)), "0");
+    read("read the info", READ(TQClientManagedStorageCopyGenerationInfoDictionary(store, "kept", why)));
+    read("read one value", READ(TQClientManagedStorageCopyGenerationInfoValueForKey(store, "kept", key.get(), why)));
+    read("read the display name", READ(TQClientManagedStorageCopyGenerationOriginalDisplayName(store, "kept", why)));
+    read("read the URL", READ(TQClientManagedStorageCopyURLForGeneration(store, "kept", why)));
+    read("list the names", READ(TQClientManagedStorageCopyGenerationNames(store, why)), "\\[\\]");
+    read("query one", READ(TQClientManagedStorageCopyGenerationInfos(store, kept.get(), nullptr, why)),
+         ".*\"options\": 0.*");
+    read("query all", READ(TQClientManagedStorageCopyAllGenerationsInfos(store, nullptr, why)), "\\{\\}");
+    read("query some", READ(TQClientManagedStorageCopyAllGenerationsInfos(store, Cast{spec}, why)), "\\{\\}");
 }
 
 TEST_P(FaultsWhile, Setting)

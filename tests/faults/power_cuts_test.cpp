@@ -137,7 +137,7 @@ TEST_P(PowerCuts, WhatReturnedTrueStaysAndNothingIsTorn)
         const bool flushed = nth != 0 || kind == Document::File;
         ASSERT_TRUE(!flushed || Shell(where.path, "sync -f ."));
         identity.emplace(who);
-        const Outcome outcome = InChild(nth == 0 ? CountCalls() : KillBefore(nth), [&](TQError **why) {
+        const Outcome outcome = InChild(KillBefore(nth), [&](TQError **why) {
             const auto result = work.run(scene);
             if (!result) *why = static_cast<TQError *>(TQRetain(result.error().get()));
             return static_cast<bool>(result);

@@ -1,17 +1,9 @@
-// What every fuzzer shares: what does not hold ends the process, whoever runs it.
+// What every fuzzer and its replay share.
 
 #pragma once
 
+#include "support/Disk.h"
+
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size);
-
-inline void Require(bool holds, const std::string &what)
-{
-    if (holds) return;
-    (void)std::fprintf(stderr, "fuzzer: %s\n", what.c_str());
-    std::abort();
-}

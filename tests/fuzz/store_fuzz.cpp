@@ -1,5 +1,6 @@
-// Whole stores made by somebody else: any kind of item at any place of a store, with any mode and any attributes. Every
-// operation answers, leaks no descriptor, and touches nothing outside the store but what a note says belongs there.
+// Whole stores made by somebody else: any kind of item at any place of a store, with any mode and any attributes; and
+// queries by anybody. Every operation answers, leaks no descriptor, and touches nothing outside the store but what a note
+// says belongs there.
 
 #include "fuzz/Fuzz.h"
 #include "support/Identity.h"
@@ -103,13 +104,34 @@ void UseGeneration(const TQClientManagedStorage *store, const char *name, const 
         Require(TQClientManagedStorageGetGenerationOptions(store, name, nullptr) == 6, "options that were stored");
 }
 
+// The info of "file" taken for a spec. A record is the same whether one is asked for or all.
+void Query(const TQClientManagedStorage *store)
+{
+    OwnedError why;
+    const auto spec =
+        Ref<TQDictionary>::Adopt(TQClientManagedStorageCopyGenerationInfoDictionary(store, "file", nullptr));
+    const auto all =
+        Ref<TQDictionary>::Adopt(TQClientManagedStorageCopyAllGenerationsInfos(store, spec.get(), why.out()));
+    Require(all || why.get(), "an answer or an error");
+    for (const char *group : {"com.corvane.draftline", "com.corvane.nimbusync"}) {
+        const auto *records = static_cast<const TQArray *>(TQDictionaryGetValue(all.get(), String(group).get()));
+        for (size_t i = 0; i < TQArrayGetCount(records); ++i) {
+            const auto *record = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(records, i));
+            const auto *name = static_cast<const TQString *>(TQDictionaryGetValue(record, String("name").get()));
+            const auto same =
+                Ref<TQDictionary>::Adopt(TQClientManagedStorageCopyGenerationInfos(store, name, spec.get(), nullptr));
+            Require(TQEqual(record, same.get()), "one answer to one question");
+        }
+    }
+}
+
 void UseStore(const HostileStore &hostile)
 {
     const DeferredScope scope;
     const char *const root = hostile.root.c_str(), *const document = hostile.document.c_str();
     TQClientManagedStorage *const store = TQClientManagedStorageCreate(root, nullptr);
     (void)TQDefer(TQClientManagedStorageCopyGenerationNames(store, nullptr));
-    (void)TQDefer(TQClientManagedStorageCopyAllGenerationsInfos(store, nullptr, nullptr));
+    Query(store);
     for (const char *name : {"file", "folder", "\xff"}) UseGeneration(store, name, hostile);
     if (TQClientManagedStorageAdd(store, "new", document, 0, nullptr, /*copy=*/true))
         Require(disk::Read(hostile.root + "/new") == "new", "a generation that was added");

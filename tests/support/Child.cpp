@@ -47,10 +47,7 @@ constexpr int kEndless = 100000; // calls that no operation of a test comes near
 // What the child leaves for its parent, in memory that both see.
 struct Report {
     std::atomic<bool> counting, finished;
-    bool succeeded, hasError, allocationFailed;
-    int32_t status;
-    intptr_t underlying;
-    int leaked;
+    Result result;
     size_t used;
     char texts[256 << 10]; // each behind its kind and with its zero: 'E'rror, 'A'nswer, or the level of a line
 };
@@ -80,18 +77,19 @@ void StopCounting()
     (void)tq_log_set_level(7);
     OwnedError error;
     TQError **const out = error.out();
+    Result &result = report->result;
     allocationsLeft = fault.act == Fault::Act::FailAllocation ? fault.nth : 0;
     report->counting = tracking = true;
-    report->succeeded = operation(out);
+    result.succeeded = operation(out);
     StopCounting();
-    report->hasError = !report->succeeded && error.get() != nullptr;
-    if (report->hasError) {
-        report->status = error.status();
-        report->underlying = error.underlying();
+    result.hasError = !result.succeeded && error.get() != nullptr;
+    if (result.hasError) {
+        result.status = error.status();
+        result.underlying = error.underlying();
         Keep('E', error.description().c_str());
     }
     (void)error.out(); // lets go of what it holds
-    report->leaked = live;
+    result.leaked = live;
     report->finished = true;
     _exit(0);
 }
@@ -149,7 +147,7 @@ bool Supervise(pid_t child, int listener, const Fault &fault, Outcome &outcome)
         outcome.count += counted ? 1 : 0;
         const bool first = counted && outcome.count == fault.nth,
                    here = first || (counted && fault.fromThereOn && outcome.count > fault.nth);
-        outcome.faultFired |= here;
+        report->result.faultFired |= here;
         if (first) outcome.call = call.data.nr;
         const bool endless = outcome.count > kEndless;
         if (killNext || endless || (here && fault.act == Fault::Act::KillBefore)) {
@@ -169,12 +167,8 @@ bool Supervise(pid_t child, int listener, const Fault &fault, Outcome &outcome)
 
 void ReadReport(Outcome &outcome)
 {
-    outcome.succeeded = report->finished && report->succeeded;
-    outcome.faultFired |= report->allocationFailed;
-    outcome.hasError = report->hasError;
-    outcome.status = report->status;
-    outcome.underlying = report->underlying;
-    outcome.leaked = report->leaked;
+    static_cast<Result &>(outcome) = report->result;
+    outcome.succeeded &= report->finished;
     for (size_t at = 0; at < report->used;) {
         const std::string text = report->texts + at;
         at += text.size() + 1;
@@ -248,7 +242,7 @@ void __libc_free(void *pointer);
 static bool _Fails()
 {
     if (allocationsLeft <= 0 || --allocationsLeft > 0) return false;
-    report->allocationFailed = true;
+    report->result.faultFired = true;
     errno = ENOMEM;
     return true;
 }

@@ -19,18 +19,14 @@ extern const Calls kRename, kFlags, kLock;
 struct Fault {
     enum class Act { None, Fail, KillBefore, KillAfter, FailAllocation };
     Act act = Act::None;
-    int nth = 0; // from 1
+    int nth = 0; // from 1; of calls that are counted but not disturbed, 0
     int error = 0;
     Calls calls = {};
     bool fromThereOn = false;
 };
-inline Fault FailCall(int nth, int error, const Calls &calls = {})
+inline Fault FailCall(int nth, int error, const Calls &calls = {}, bool fromThereOn = false)
 {
-    return {Fault::Act::Fail, nth, error, calls};
-}
-inline Fault FailFromCallOn(int nth, int error, const Calls &calls = {})
-{
-    return {Fault::Act::Fail, nth, error, calls, true};
+    return {Fault::Act::Fail, nth, error, calls, fromThereOn};
 }
 inline Fault KillBefore(int nth, const Calls &calls = {})
 {
@@ -39,10 +35,6 @@ inline Fault KillBefore(int nth, const Calls &calls = {})
 inline Fault KillAfter(int nth, const Calls &calls = {})
 {
     return {Fault::Act::KillAfter, nth, 0, calls};
-}
-inline Fault CountCalls(const Calls &calls = {})
-{
-    return {Fault::Act::Fail, 0, 0, calls};
 }
 extern const bool kCanFailAllocations; // false under a sanitizer, which brings its own
 inline Fault FailAllocation(int nth)
@@ -55,20 +47,22 @@ struct LogLine {
     std::string text;
 };
 
-struct Outcome {
-    enum class Fate { Succeeded, Failed, Killed, Crashed }; // Crashed: it ended itself, or never would have
-    Fate fate = Fate::Crashed;
-    bool succeeded = false; // by its own result
-    bool hasError = false;
+struct Result {
+    bool succeeded = false, hasError = false;
     int32_t status = 0;
     intptr_t underlying = 0; // the POSIX error underneath
+    int leaked = 0;          // allocations that outlived the operation and its error
+    bool faultFired = false;
+};
+
+struct Outcome : Result {
+    enum class Fate { Succeeded, Failed, Killed, Crashed }; // Crashed: it ended itself, or never would have
+    Fate fate = Fate::Crashed;
     std::string message, answer;
     std::vector<LogLine> log; // lines of every level
-    bool faultFired = false;
-    int call = 0;   // that the fault struck, by number
-    int signal = 0; // that ended it
-    int count = 0;  // calls that the fault's set contains
-    int leaked = 0; // allocations that outlived the operation and its error
+    int call = 0;             // that the fault struck, by number
+    int signal = 0;           // that ended it
+    int count = 0;            // calls that the fault's set contains
 };
 
 using Operation = std::function<bool(TQError **)>;

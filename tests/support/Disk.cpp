@@ -9,24 +9,15 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <linux/fs.h>
-#include <linux/stat.h>
 #include <numeric>
 #include <set>
 #include <sstream>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 namespace {
-
-void Require(bool done, const std::string &what)
-{
-    if (done) return;
-    std::perror(what.c_str());
-    std::abort();
-}
 
 struct statx StatusOf(const std::string &path)
 {
@@ -132,13 +123,18 @@ bool Shell(const std::string &directory, const std::string &command)
     return std::system(line.c_str()) == 0;
 }
 
+void Require(bool holds, const std::string &what)
+{
+    if (holds) return;
+    std::perror(what.c_str());
+    std::abort();
+}
+
 namespace disk {
 
 std::string Write(const std::string &path, std::string_view bytes, mode_t mode)
 {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    Require(fd >= 0 && write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()), path);
-    Require(fchmod(fd, mode) == 0 && close(fd) == 0, path);
+    Require((std::ofstream(path) << bytes << std::flush).good() && chmod(path.c_str(), mode) == 0, path);
     return path;
 }
 
@@ -150,10 +146,11 @@ std::string MakeDirectory(const std::string &path, mode_t mode)
 
 std::string MakeDirectoryOfLength(const std::string &in, size_t length)
 {
-    const size_t missing = length - in.size() - 1;
-    const std::string path = in + "/" + std::string(missing > 200 ? 100 : missing, 'd');
-    if (!Exists(path)) MakeDirectory(path);
-    return missing > 200 ? MakeDirectoryOfLength(path, length) : path;
+    std::string path = in + "/";
+    path.resize(length, 'd');
+    for (size_t slash = in.size() + 101; slash + 1 < length; slash += 101) path[slash] = '/';
+    Require(std::filesystem::create_directories(path), path);
+    return path;
 }
 
 std::string Read(const std::string &path)

@@ -12,6 +12,9 @@
 
 #include <gtest/gtest.h>
 
+// What does not hold ends the process, whoever runs it.
+void Require(bool holds, const std::string &what);
+
 // Runs a command of the shell in a directory. Whether it succeeded; what it writes is thrown away.
 bool Shell(const std::string &directory, const std::string &command);
 

@@ -16,7 +16,7 @@
 
 inline std::string Text(const TQString *string)
 {
-    return string == nullptr ? "(null)" : std::string(TQStringGetUTF8(string), TQStringGetUTF8Length(string));
+    return string == nullptr ? "(no string)" : std::string(TQStringGetUTF8(string), TQStringGetUTF8Length(string));
 }
 
 class OwnedError {

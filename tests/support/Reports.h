@@ -14,31 +14,29 @@ struct Says {
     bool onlyLogs = false; // no error object, whatever the result
 };
 
-inline Says System(int error, const std::string &text, int level = 3)
+inline Says System(int error, const std::string &text)
 {
-    return {text, level, TQGetStatusForErrno(error), error};
+    return {text, 3, TQGetStatusForErrno(error), error};
 }
-inline Says Failed(int32_t status, const std::string &text, int level = 3)
+inline Says Failed(int32_t status, const std::string &text)
 {
-    return {text, level, status};
+    return {text, 3, status};
 }
 inline Says Refused(int32_t status, const std::string &text)
 {
     return {text, 7, status};
 }
-inline Says Logs(int error, const std::string &text, int level = 3)
+inline Says Logs(int error, const std::string &text)
 {
-    return {text, level, 0, error, true};
+    return {text, 3, 0, error, true};
 }
 
 struct Row {
     Says says;
     Operation run;
-    Fault fault = {};
 };
 
 // "$" and "*" put where they belong, so that a message compares whole.
 std::string Plain(std::string text, const std::string &directory);
 
-void ExpectSays(const Outcome &outcome, const Says &says, const std::string &directory);
 void ExpectRows(const std::vector<Row> &rows, const std::string &directory);

@@ -6,19 +6,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// The contents that a generation keeps: all but "._" files.
-static Snapshot Contents(const std::string &path)
+static Snapshot ContentsWithout(const char *part, const std::string &path)
 {
     Snapshot contents = Snapshot::Of(path, Snapshot::kContents);
-    std::erase_if(contents.items, [](const auto &item) { return item.first.find("/._") != std::string::npos; });
+    std::erase_if(contents.items, [part](const auto &item) { return item.first.find(part) != std::string::npos; });
     return contents;
+}
+
+// What a generation keeps: all but "._" files.
+static Snapshot Contents(const std::string &path)
+{
+    return ContentsWithout("/._", path);
 }
 
 Snapshot ContentsOfDocument(const std::string &path)
 {
-    Snapshot contents = Snapshot::Of(path, Snapshot::kContents);
-    std::erase_if(contents.items, [](const auto &item) { return item.first.find('_') != std::string::npos; });
-    return contents;
+    return ContentsWithout("_", path);
 }
 
 static void ExpectProtected(const std::string &path)

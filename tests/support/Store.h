@@ -25,7 +25,6 @@ public:
     const std::string &root() const { return root_; }
     const std::string &document() const { return document_; }
     const std::string &path() const { return directory_.path(); }
-    const TempDirectory &directory() const { return directory_; }
     std::string operator/(const std::string &name) const { return directory_ / name; }
     std::string Generation(const std::string &name) const { return root_ + "/" + name; }
     std::string Staging() const { return root_ + "/.vaultry_staging"; }
