@@ -160,7 +160,6 @@ TEST_P(Swaps, NothingLeadsOutOfTheTree)
         }
     std::printf("figures: %ld swaps for links during %ld operations, of which %ld succeeded; %ld escapes\n",
                 shared.swaps.load(), done, succeeded, escapes);
-    (void)munmap(&shared, sizeof shared);
 }
 
 } // namespace

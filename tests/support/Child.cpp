@@ -27,11 +27,6 @@
 #define SYS_file_setattr 469
 #endif
 
-#ifdef SYS_rename // newer machines never had it
-const Calls kRename{SYS_rename, SYS_renameat, SYS_renameat2};
-#else
-const Calls kRename{SYS_renameat, SYS_renameat2};
-#endif
 const Calls kFlags{SYS_ioctl, SYS_file_setattr};
 const Calls kLock{SYS_flock};
 

@@ -14,7 +14,7 @@
 #include <vaultry/error.h>
 
 using Calls = std::vector<int>; // system calls by number; none of them stands for all
-extern const Calls kRename, kFlags, kLock;
+extern const Calls kFlags, kLock;
 
 struct Fault {
     enum class Act { None, Fail, KillBefore, KillAfter, FailAllocation };
