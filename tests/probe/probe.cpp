@@ -16,7 +16,7 @@
 #include "support/Disk.h"
 #include "support/Library.h"
 
-#include <vaultry/vaultry.h>
+#include <vaultry/vaultry.hpp>
 
 #include <cerrno>
 #include <cstring>
@@ -158,23 +158,20 @@ Function OnStore(bool (*function)(const TQClientManagedStorage *, const Words &,
 // What a query tells: the record of one generation, or the client and the record of each, in order.
 bool SayRecords(const Words &w, TQError **error)
 {
-    const std::string bytes = disk::Read(w[1]);
-    const auto data = Ref<TQData>::Adopt(TQDataCreate(bytes.data(), bytes.size()));
-    const auto spec = Ref<TQValue>::Adopt(TQPropertyListCreateWithData(data.get(), false, nullptr));
+    const vaultry::Data bytes(disk::Read(w[1]));
+    const auto spec = vaultry::Value(TQPropertyListCreateWithData(bytes.get(), false, nullptr), vaultry::adopt);
     const auto *asked = static_cast<const TQDictionary *>(spec.get());
     const auto library = Ref<TQLibrary>::Adopt(TQLibraryCreateClientManaged(nullptr, FileURL(w[0]).get(), error));
     TQLibrary *const l = library.get();
-    const TQValue *const unread = asked ? asked : static_cast<const TQValue *>(library.get());
+    const TQValue *const unread = asked ? asked : static_cast<const TQValue *>(l);
     if (w[2]) return SayMade(TQLibraryCopyGenerationInfos(l, unread, unread, String(w[2]).get(), asked, error));
 
-    const auto all = Ref<TQDictionary>::Adopt(TQLibraryCopyAllGenerationsInfos(l, unread, asked, error));
+    const vaultry::Dictionary all(TQLibraryCopyAllGenerationsInfos(l, unread, asked, error), vaultry::adopt);
     std::set<std::string> records;
     for (const char *client : {"draftline", "nimbusync"}) {
-        const auto group = String(std::string("com.corvane.") + client);
-        const auto *list = static_cast<const TQArray *>(TQDictionaryGetValue(all.get(), group.get()));
-        for (size_t i = 0; i < TQArrayGetCount(list); ++i)
-            records.insert(client + (" " + Description(TQArrayGetValueAtIndex(list, i))));
-        if (list && TQArrayGetCount(list) == 0) records.insert(client + std::string(" empty"));
+        const auto list = all[std::string("com.corvane.") + client].as<vaultry::Array>();
+        for (const vaultry::Value &record : list) records.insert(client + (" " + record.description()));
+        if (list && list.empty()) records.insert(client + std::string(" empty"));
     }
     for (const std::string &record : records) Say(record);
     return static_cast<bool>(all);
@@ -183,20 +180,14 @@ bool SayRecords(const Words &w, TQError **error)
 // Each finding as "kind path", and "mended" behind if it was; in order.
 bool SayFindings(const Words &w, TQError **error)
 {
-    const auto list = Ref<TQArray>::Adopt(TQClientManagedStorageCopyFindings(w[0], w.Say("repair"), error));
-    std::set<std::string> findings;
-    for (size_t i = 0; i < TQArrayGetCount(list.get()); ++i) {
-        const auto *finding = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(list.get(), i));
-        const auto entry = [&](const char *key) { return TQDictionaryGetValue(finding, String(key).get()); };
-        const auto *path = static_cast<const TQData *>(entry("path"));
-        findings.insert(
-            Description(entry("kind")) + " " +
-            std::string(static_cast<const char *>(TQDataGetBytes(path)), TQDataGetLength(path)) +
-            (TQNumberGetTruth(entry("mended")) ? " mended" : "") +
-            (TQStringGetLength(static_cast<const TQString *>(entry("meaning"))) > 20 ? "" : " unexplained"));
-    }
-    for (const std::string &finding : findings) Say(finding);
-    return static_cast<bool>(list);
+    const auto found = vaultry::Store::findings(w[0], w.Say("repair"));
+    if (!found) return *error = vaultry::Error(found.error()).detach(), false;
+    std::set<std::string> lines;
+    for (const auto &[path, kind, meaning, mended] : *found)
+        lines.insert(kind + " " + path.native() + (mended ? " mended" : "") +
+                     (meaning.size() > 20 ? "" : " unexplained"));
+    for (const std::string &line : lines) Say(line);
+    return true;
 }
 
 const std::map<std::string, Function> kFunctions = {
