@@ -54,16 +54,11 @@ bool Say(const auto &...said)
     return true;
 }
 
-std::string Description(const TQValue *value)
-{
-    return Text(Ref<TQString>::Adopt(TQCopyDescription(value)).get());
-}
-
 // Says a value that was made for this, if it was.
 bool SayMade(TQValue *made)
 {
-    const auto value = Ref<TQValue>::Adopt(made);
-    return value && Say(Description(value.get()));
+    const vaultry::Value value(made, vaultry::adopt);
+    return value && Say(value.description());
 }
 
 // Text that a line can hold.
@@ -243,7 +238,7 @@ const std::map<std::string, Function> kFunctions = {
          *below.out() = _TQCreateError(kTQPOSIXErrorDomain, EIO, nullptr, nullptr);
          if (_TQCreateErrorForStatus(made.out(), status, "why", below.get()) || !made.get()) return Say("none");
          TQError *const other = _TQErrorForStatus(status, String("why").get(), below.get());
-         return Say(Description(TQErrorGetDomain(made.get())), ' ', TQErrorGetCode(made.get()), " -> ", made.status(),
+         return Say(Text(TQErrorGetDomain(made.get())), ' ', TQErrorGetCode(made.get()), " -> ", made.status(),
                     TQEqual(made.get(), other) ? " " : " differs ", made.description(), " ", made.underlying());
      }},
     {"errors", // the status of every error number, but for the many that have 101
@@ -255,7 +250,7 @@ const std::map<std::string, Function> kFunctions = {
              const bool none = !_TQCreateErrorUseErrno(made.out(), number, "why");
              const TQError *const other = _TQErrorForErrno(number, String("why").get());
              if (!none || !TQEqual(made.get(), other) || made.underlying() != number ||
-                 Description(TQErrorGetUnderlying(other)) != strerror(number))
+                 vaultry::Error(TQErrorGetUnderlying(other), vaultry::retain).description() != strerror(number))
                  Say(number, " makes a wrong error");
              if (status != 101 || made.status() != 101) Say(strerrorname_np(number), ' ', status, ' ', made.status());
          }
@@ -274,6 +269,11 @@ const std::map<std::string, Function> kFunctions = {
                     _IsDirectory(w[0], nullptr) ? " directory" : "", _HasAttribute(w[0], "own") ? " has own" : "",
                     TQFSFilenameExtensionIsHidden(w[0]) ? " hides its extension" : "",
                     _SafeStatFS(w[0], &volume) == 0 && volume.blockCount > 0 ? "" : " on no volume");
+     }},
+    {"volume", // that a path is on
+     [](const Words &w, TQError **) {
+         TQVolumeStatus volume{};
+         return _SafeStatFS(w[0], &volume) == 0 && Say(volume.typeName, ' ', volume.blockCount * volume.blockSize);
      }},
     {"hide-extension",
      [](const Words &w, TQError **) { return TQFSSetFileNameExtensionHiding(w[0], !w.Say("not")), true; }},
@@ -396,11 +396,6 @@ const std::map<std::string, Function> kFunctions = {
      [](const Words &w, TQError **error) {
          return SayMade(w[1] ? TQCopyInfoValue(w[0], String(w[1]).get(), error)
                              : TQCopyMutableInfoDictionary(w[0], error));
-     }},
-    {"set-document", // what the command notes
-     [](const Words &w, TQError **error) {
-         const auto path = Ref<TQData>::Adopt(TQDataCreate(w[1], strlen(w[1])));
-         return TQSetInfoValue(w[0], String("vaultry.document").get(), path.get(), error);
      }},
     {"set-info",
      [](const Words &w, TQError **error) {
