@@ -74,8 +74,10 @@ TEST_P(Library, HandsEverythingOnToItsStore)
     EXPECT_EQ(Describe(Own(TQLibraryCopyGenerationInfoValueForKey(library, name.get(), key.get())).get()), "shown");
     EXPECT_EQ(Describe(Own(TQLibraryCopyGenerationInfoDictionary(library, name.get())).get()),
               "{\"k\": \"shown\", \"l\": 1}");
-    EXPECT_TRUE(set(nullptr) && !set(nullptr));
-    EXPECT_TRUE(TQLibrarySetGenerationOriginalDisplayName(library, name.get(), text.get()));
+    EXPECT_TRUE(set(nullptr) && !set(nullptr) &&
+                !TQLibraryCopyGenerationInfoValueForKey(library, name.get(), key.get()));
+    EXPECT_TRUE(TQLibrarySetGenerationOriginalDisplayName(library, name.get(), text.get()) &&
+                !TQLibrarySetGenerationOriginalDisplayName(library, name.get(), String(std::string(768, 'd')).get()));
     EXPECT_EQ(Describe(Own(TQLibraryCopyGenerationOriginalDisplayName(library, name.get())).get()), "shown");
 
     EXPECT_TRUE(TQLibraryRemoveGenerations(library, Names({"g\xC3\xA9", "none"}).get()));

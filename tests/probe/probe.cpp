@@ -399,7 +399,7 @@ const std::map<std::string, Function> kFunctions = {
      }},
     {"set-info",
      [](const Words &w, TQError **error) {
-         const auto set = Ref<TQValue>::Adopt(TQSetCreateMutable()); // what no property list can hold
+         const auto set = Ref<TQValue>::Adopt(TQSetCreate(nullptr, 0)); // what no property list can hold
          const auto text = w[2] ? String(w[2]) : Ref<TQString>();
          return TQSetInfoValue(w[0], String(w[1]).get(), w.Say("(set)") ? set.get() : text.get(), error);
      }},
