@@ -2,23 +2,9 @@
 
 #include <thread>
 
-namespace {
-
-std::string released; // the names of noted values that are gone, in order
-
-// A value that notes its release.
-TQValue *Noted(const char *name)
-{
-    TQAllocatorContext context{};
-    context.deallocate = [](void *noted, void *) { released += static_cast<char *>(noted); };
-    static TQAllocator *const notes = TQAllocatorCreate(nullptr, &context);
-    return TQDataCreateNoCopy(nullptr, const_cast<char *>(name), 1, notes);
-}
-
-} // namespace
-
 TEST(DeferredScope, ReleasesItsOwnNewestFirst)
 {
+    released.clear();
     std::thread([] {
         TQDefer(Noted("a"));
         {

@@ -2,6 +2,8 @@
 
 #include <vaultry/url.h>
 
+#include <thread>
+
 namespace {
 
 // What clients do before main.
@@ -80,6 +82,19 @@ TEST(Value, ConstantsServeBeforeMainAndOutliveEveryRelease)
         for (int i = 0; i < 3; ++i) TQRelease(constant);
         EXPECT_NE(TQGetTypeID(constant), 0u);
     }
+}
+
+TEST(Value, AnyThreadMayRetainAndRelease)
+{
+    released.clear();
+    std::vector<std::thread> threads;
+    for (const Value shared = Own(Noted("once")); threads.size() < 4;)
+        threads.emplace_back([value = shared] {
+            for (int round = 0; round < 10000; ++round) Value copy = value;
+        });
+    for (std::thread &thread : threads) thread.join();
+    threads.clear();
+    EXPECT_EQ(released, "once");
 }
 
 TEST(Value, DeepValuesNeedNoStack)

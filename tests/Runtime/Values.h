@@ -63,3 +63,14 @@ inline Value Nested(size_t depth)
 }
 
 inline constexpr auto Describe = [](const TQValue *value) { return Text(Cast{Own(TQCopyDescription(value))}); };
+
+inline std::string released; // the names of noted values that are gone, in order
+
+// A value that notes its release.
+inline TQValue *Noted(const char *name)
+{
+    TQAllocatorContext context{};
+    context.deallocate = [](void *noted, void *) { released += static_cast<char *>(noted); };
+    static TQAllocator *const notes = TQAllocatorCreate(nullptr, &context);
+    return TQDataCreateNoCopy(nullptr, const_cast<char *>(name), 1, notes);
+}
