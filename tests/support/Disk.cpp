@@ -144,15 +144,6 @@ std::string MakeDirectory(const std::string &path, mode_t mode)
     return path;
 }
 
-std::string MakeDirectoryOfLength(const std::string &in, size_t length)
-{
-    std::string path = in + "/";
-    path.resize(length, 'd');
-    for (size_t slash = in.size() + 101; slash + 1 < length; slash += 101) path[slash] = '/';
-    Require(std::filesystem::create_directories(path), path);
-    return path;
-}
-
 std::string Read(const std::string &path)
 {
     std::ostringstream bytes;

@@ -22,7 +22,6 @@ namespace disk {
 
 std::string Write(const std::string &path, std::string_view bytes, mode_t mode = 0644); // gives `path` back
 std::string MakeDirectory(const std::string &path, mode_t mode = 0755);                 // so does this
-std::string MakeDirectoryOfLength(const std::string &in, size_t length);                // its path has `length` bytes
 std::string Read(const std::string &path);
 std::vector<std::string> List(const std::string &directory);
 bool Exists(const std::string &path);
