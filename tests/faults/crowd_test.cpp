@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <random>
-#include <set>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>

@@ -1,7 +1,6 @@
 // A fuzzer's corpus replayed: what seeds it, and what it once found. One program a fuzzer, in every build.
 
 #include "fuzz/Fuzz.h"
-#include "support/Disk.h"
 
 TEST(Corpus, Holds)
 {
