@@ -25,17 +25,24 @@ namespace {
 
 using Kind = TreeWalk::Kind;
 
-constexpr mode_t kWriteBits = 0222;
 constexpr unsigned kSavedAll = kSavedImmutable | kSavedAppend | kSavedOwnerWrite | kSavedGroupWrite | kSavedOtherWrite;
 constexpr char kDocumentKey[] = "vaultry.document"; // absolute path, as data
 constexpr char kPlaceholderMark[] = "-tmp.nosync.";
 constexpr size_t kPlaceholderUnique = 6;
 
-// Takes the write bits of an item, so that only the record of its permissions says what it had.
+// An item with one of these flags refuses chmod even to its owner: they go for the moment.
+bool TakeWriteBits(const TreeWalk::Entry &entry)
+{
+    const uint32_t flags = entry.status.flags, lifted = flags & ~kBlockingFlags;
+    if (lifted != flags && platform::SetFlags(entry.item, Links::NoFollow, lifted) != 0) return false;
+    const bool taken = platform::SetMode(entry.item, Links::NoFollow, entry.status.mode & 07777 & ~kWriteBits) == 0;
+    return (lifted == flags || platform::SetFlags(entry.item, Links::NoFollow, flags) == 0) && taken;
+}
+
+// Only the record of its permissions says what an item had.
 void CheckProtection(const TreeWalk::Entry &entry, Findings &findings)
 {
     const char *path = entry.item.path;
-    const mode_t mode = entry.status.mode & 07777;
     uint8_t saved = 0;
     const ssize_t length =
         platform::GetAttribute(entry.item, Links::NoFollow, kSavedPermissionsAttribute, &saved, sizeof saved);
@@ -47,9 +54,8 @@ void CheckProtection(const TreeWalk::Entry &entry, Findings &findings)
     else if (length != 1 || (saved & ~kSavedAll) != 0)
         findings.Add(path, "permissions-malformed",
                      "The record of the item's permissions is damaged; the generation can't be copied out.");
-    else if ((mode & kWriteBits) != 0)
-        findings.AddMendable(path, "unprotected", "The item may be written to.",
-                             [&] { return platform::SetMode(entry.item, Links::NoFollow, mode & ~kWriteBits) == 0; });
+    else if ((entry.status.mode & kWriteBits) != 0)
+        findings.AddMendable(path, "unprotected", "The item may be written to.", [&] { return TakeWriteBits(entry); });
 }
 
 void CheckItem(const TreeWalk::Entry &entry, Findings &findings)

@@ -27,6 +27,8 @@ enum : uint8_t {
     kSavedGroupWrite = 0x08,
     kSavedOtherWrite = 0x10,
 };
+inline constexpr mode_t kWriteBits = 0222;
+inline constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend; // neither chmod nor rename takes place
 uint8_t SavedPermissionsOf(uint32_t mode, uint32_t flags);
 mode_t SavedWriteBits(uint8_t saved);
 

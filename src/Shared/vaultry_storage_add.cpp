@@ -21,8 +21,6 @@ namespace {
 
 using Kind = TreeWalk::Kind;
 
-constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
-
 // A child of the thread's current progress, if there is one. False if the source can't be measured.
 bool MakeProgress(const char *source, Ref<TQProgress> *progress, TQError **error)
 {

@@ -21,7 +21,6 @@ namespace {
 using Kind = TreeWalk::Kind;
 
 constexpr uint32_t kProtectingFlags = kTQFlagImmutable | kTQFlagAppend;
-constexpr mode_t kWriteBits = 0222;
 
 // A link's rights are those of its target, which may lie outside the tree: it is left alone.
 bool LiftForArchiving(const Item &item, int fd, const TQFileStatus &status, TQError **error)

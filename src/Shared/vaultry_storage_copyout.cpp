@@ -18,9 +18,6 @@
 
 namespace {
 
-constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
-constexpr mode_t kWriteBits = 0222;
-
 // What a copy never gets, so that nothing has to be taken from it again.
 bool IsStoreAttribute(const char *name)
 {

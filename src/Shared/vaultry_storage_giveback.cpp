@@ -20,8 +20,6 @@ namespace {
 
 using Kind = TreeWalk::Kind;
 
-constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
-
 // Best effort, item by item: what can't be undone stays protected, and its byte still says what it had.
 void UndoArchiving(const TreeWalk::Entry &entry)
 {

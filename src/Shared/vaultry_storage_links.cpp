@@ -21,8 +21,6 @@
 
 namespace {
 
-constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
-
 // The directory of the file, made writable for the span of the exchange and then as it was.
 class WritableParent {
 public:

@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vaultry/vaultry.hpp>
 
 static Snapshot ContentsWithout(const char *part, const std::string &path)
 {
@@ -105,4 +106,10 @@ void TestStore::CheckInvariants(const std::string &lifted, bool killed)
     EXPECT_EQ(disk::Mode(root_) & 0222U, 0U);
     unlink(probe.c_str());
     unlink((directory_ / "probe out").c_str());
+    if (!killed) return;
+    // What lies about is mended, or is nobody's document and goes later.
+    EXPECT_TRUE(vaultry::Store::findings(root_, /*repair=*/true));
+    for (const auto &[path, kind, meaning, mended] : *vaultry::Store::findings(root_))
+        EXPECT_TRUE(kind == "staging-recent" || kind == "placeholder-empty" || kind == "document-aside")
+            << path << " is not mended: " << kind;
 }
