@@ -9,19 +9,17 @@
 // Empty lines and those behind "#" are for the reader. "[root]" before a line, or behind "==", is a condition of that
 // line, command or section, "[!root]" its contrary: root, user and capable tell who plays; flags, whether it may set
 // a file immutable; compression and clones, whether files can be compressed and cloned here; mount, whether something
-// can be mounted; inode, whether all attributes of an item have to fit beside its inode. A section with "[volumes]"
-// behind "==" is played here, and once more on a volume of each type.
+// can be mounted; inode, whether all attributes of an item have to fit beside its inode; tracing, whether a program can
+// be killed at a call of its. A section with "[volumes]" behind "==" is played here, and once more on a volume of each
+// type.
 
 #include "support/Tests.h"
 #include "support/Volumes.h"
 
 #include <deque>
 #include <fstream>
-#include <linux/capability.h>
 #include <regex>
 #include <set>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 
@@ -41,7 +39,7 @@ struct Section {
 
 using Conditions = std::set<std::string>;
 constexpr const char *kTypes[] = {"ext4", "xfs", "btrfs", "tmpfs"},
-                     *kMeasured[] = {"flags", "compression", "mount", "inode"};
+                     *kMeasured[] = {"flags", "compression", "mount", "inode", "tracing"};
 
 // What this user meets in a directory there; "" is the usual place.
 Conditions ConditionsAt(const std::string &place, As who)
@@ -51,6 +49,7 @@ Conditions ConditionsAt(const std::string &place, As who)
     if (probe.CanSetImmutable()) met.insert("flags");
     if (disk::SetFlags(disk::Write(probe / "file", "x"), FS_COMPR_FL)) met.insert("compression");
     if (Shell(probe.path(), "cp --reflink=always file clone")) met.insert("clones");
+    if (Shell("/", "strace -qq -o /dev/null true")) met.insert("tracing");
     const std::string large(5000, 'x');
     if (setxattr(probe.path().c_str(), "user.large", large.data(), large.size(), 0) != 0) met.insert("inode");
     if (who == As::Root && !VolumeOfType("tmpfs").path.empty()) met.insert("mount");
@@ -60,7 +59,8 @@ Conditions ConditionsAt(const std::string &place, As who)
 // Whether a line is for us; takes the conditions from its front.
 bool IsMet(const Conditions &met, std::string &line)
 {
-    static const std::regex condition(R"(^\[(!?)(root|user|capable|flags|compression|clones|mount|inode)\] (.*)$)");
+    static const std::regex condition(
+        R"(^\[(!?)(root|user|capable|flags|compression|clones|mount|inode|tracing)\] (.*)$)");
     bool isMet = true;
     for (std::smatch parts; std::regex_match(line, parts, condition); line = std::string(parts[3]))
         isMet &= (met.count(parts[2]) != 0) == (parts[1].length() == 0);
@@ -92,25 +92,12 @@ std::vector<Section> ReadSections(const std::string &file, const std::string &pl
     return sections;
 }
 
-// What this user may do, and no more, the programs that the shell starts may do too.
-void HandDownRights(As who)
-{
-    prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
-    if (who != As::Capable) return;
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[2]{};
-    syscall(SYS_capget, &header, data);
-    data[0].inheritable |= 1U << CAP_LINUX_IMMUTABLE;
-    syscall(SYS_capset, &header, data);
-    prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, CAP_LINUX_IMMUTABLE, 0, 0);
-}
-
 constexpr char kEnd = '\x1e'; // of an answer
 
 // A section in the making: one shell runs all its commands, and says where the answer to each ends.
 class Performance {
 public:
-    Performance(const Section &section, As who) : section_(section), directory_(section.place)
+    explicit Performance(const Section &section) : section_(section), directory_(section.place)
     {
         const std::string &directory = directory_.path();
         std::string script = "exec </dev/null >" + apart_.path() + "/said 2>&1; cd " + directory + "; umask 022\n";
@@ -119,7 +106,6 @@ public:
         const std::string file = disk::Write(apart_ / "script", script);
         shell_ = fork();
         if (shell_ != 0) return;
-        HandDownRights(who);
         for (const char *name : {"VAULTRY_STORE", "XDG_DATA_HOME", "NO_COLOR"}) unsetenv(name);
         const std::string path = VAULTRY_COMMANDS ":" + std::string(getenv("PATH")) + ":/usr/sbin:/sbin";
         for (const auto &[name, value] :
@@ -188,7 +174,7 @@ TEST_P(Transcripts, Hold)
     std::deque<Performance> playing; // a few at a time
     for (const auto &[type, place] : places)
         for (const Section &section : ReadSections(file, place, ConditionsAt(place, who))) {
-            playing.emplace_back(section, who);
+            playing.emplace_back(section);
             if (playing.size() < 4) continue;
             playing.front().ExpectAnswers(file);
             playing.pop_front();
