@@ -12,6 +12,9 @@ namespace platform {
 static constexpr size_t kProgressStep = 4 << 20; // a client hears at least this often
 static constexpr size_t kBufferSize = 256 << 10;
 
+// Up to this size a read and a write take less than the kernel's own copying, which is made for more.
+static constexpr uint64_t kQuickerByHand = 32 << 10;
+
 // Below this size the count of blocks tells well enough whether there are holes.
 static constexpr uint64_t kSmallFile = 64 << 10;
 
@@ -112,7 +115,7 @@ Copied DataCopier::CopyRange(Job &job, uint64_t end)
 // Bytes copied, or 0 if this is to be read and written.
 ssize_t DataCopier::CopyInKernel(const Job &job, size_t size)
 {
-    if (job.bytesOnly() || noKernelCopyFrom_ == job.status.device) return 0;
+    if (job.bytesOnly() || job.size() <= kQuickerByHand || noKernelCopyFrom_ == job.status.device) return 0;
     ssize_t copied = 0;
     do {
         off_t source = static_cast<off_t>(job.offset);
