@@ -35,7 +35,7 @@ private:
     Copied EnterDirectory(const Entry &entry);
     Copied CopyDirectoryMetadata(const Entry &entry, TQFileStatus &made);
     Copied CopyFile(const Entry &entry);
-    mode_t FirstMode(const TQFileStatus &source);
+    mode_t FirstMode(const TQFileStatus &source) const;
     Copied CopyLink(const Entry &entry);
 
     const char *Below(const Entry &entry) const { return entry.item.path + sourceLength_; }
@@ -49,11 +49,6 @@ private:
     DestinationTree tree_;
     DataCopier data_;
     AttributeCopier attributes_;
-    struct Maker {
-        uid_t user;
-        gid_t group;
-    };
-    std::optional<Maker> maker_; // of the files, but for what their directories hand down
     size_t sourceLength_ = 0;
     bool madeSomething_ = false;
 };
@@ -169,7 +164,6 @@ bool TreeCopy::FinishDirectory(const Entry &entry)
 Copied TreeCopy::CopyDirectoryMetadata(const Entry &entry, TQFileStatus &made)
 {
     if (GetStatusOfFd(tree_.directory(), &made) != 0) return Copied::No;
-    attributes_.ReadNames(entry.fd);
     return CopyMetadata({entry.fd, entry.status, tree_.directory(), made, tree_.isRoot()}, attributes_, reports_);
 }
 
@@ -219,15 +213,12 @@ static Copied _CopyOpenFile(int from, const TQFileStatus &source, int to, TQFile
     return CopyMetadata({from, source, to, made, mayHaveInherited}, attributes, reports);
 }
 
-// What a copy may be open for while it is filled: nearly always its mode, which then needs no call of its own. Never more
-// than in the end: not where an access list is to come, without which the mode grants more, and not under an owner or a
-// group who are to change.
-mode_t TreeCopy::FirstMode(const TQFileStatus &source)
+// Mostly the mode that a file gets in the end, which then takes no call of its own. Nobody else gets at a file before the
+// root of the copy has its own mode; a root that is a file has only itself to keep others out.
+mode_t TreeCopy::FirstMode(const TQFileStatus &source) const
 {
     constexpr mode_t kOwners = S_IRUSR | S_IWUSR;
-    if (!maker_) maker_ = {geteuid(), getegid()};
-    const bool isOurs = source.owner == maker_->user && source.group == maker_->group;
-    return isOurs && !attributes_.HasAccessList() ? (source.mode & 0777) | kOwners : kOwners;
+    return tree_.isRoot() ? kOwners : (source.mode & 0777) | kOwners;
 }
 
 Copied TreeCopy::CopyFile(const Entry &entry)
@@ -235,7 +226,6 @@ Copied TreeCopy::CopyFile(const Entry &entry)
     TQFileStatus source;
     const UniqueFd from = _OpenSource(entry, &source);
     if (!from) return Copied::No;
-    attributes_.ReadNames(from.get());
 
     const Item &item = tree_.item();
     constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
@@ -310,7 +300,6 @@ int fduplix(int source, int destination)
     DuplixReports silent(nullptr, nullptr);
     DataCopier data;
     AttributeCopier attributes;
-    attributes.ReadNames(source);
     if (_CopyOpenFile(source, status, destination, made, /*mayHaveInherited=*/true, data, attributes, silent) !=
         Copied::Yes)
         return -1;

@@ -22,26 +22,19 @@ static_assert(XATTR_LIST_MAX == 65536 && XATTR_SIZE_MAX == 65536);
 // The list is small nearly always; one that does not fit is asked for again with all the room there can be.
 static constexpr size_t kUsualNames = 1024;
 
-void AttributeCopier::ReadNames(int from)
+bool AttributeCopier::ReadNames(int from)
 {
     namesLength_ = 0;
-    readError_ = 0;
     if (!names_) names_.reset(new (std::nothrow) char[XATTR_LIST_MAX]);
     if (!names_) {
-        readError_ = ENOMEM;
-        return;
+        errno = ENOMEM;
+        return false;
     }
     ssize_t length = flistxattr(from, names_.get(), kUsualNames);
     if (length < 0 && errno == ERANGE) length = flistxattr(from, names_.get(), XATTR_LIST_MAX);
-    if (length >= 0)
-        namesLength_ = static_cast<size_t>(length);
-    else if (errno != ENOTSUP) // a file system without attributes: there are none
-        readError_ = errno;
-}
-
-bool AttributeCopier::HasAccessList() const
-{
-    return readError_ != 0 || Has(kAccessList);
+    if (length < 0) return errno == ENOTSUP; // a file system without attributes: there are none
+    namesLength_ = static_cast<size_t>(length);
+    return true;
 }
 
 bool AttributeCopier::Has(const char *name) const
@@ -78,10 +71,7 @@ static Copied _Report(DuplixReports &reports)
 
 Copied AttributeCopier::CopyUserAttributes(const CopiedItem &item, DuplixReports &reports)
 {
-    if (readError_ != 0) {
-        errno = readError_;
-        return _Report(reports);
-    }
+    if (!ReadNames(item.from)) return _Report(reports);
     for (size_t at = 0; at < namesLength_;) {
         const char *name = names_.get() + at;
         at += strlen(name) + 1;

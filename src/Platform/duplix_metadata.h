@@ -30,15 +30,13 @@ struct CopiedLists {
 // `user.` attributes, access-control lists, and as root the capability. Keeps its buffers from item to item.
 class AttributeCopier {
 public:
-    // Comes before all the others, which go by what it found on their item. They tell what went wrong.
-    void ReadNames(int from);
-    bool HasAccessList() const;
-
     Copied CopyUserAttributes(const CopiedItem &item, DuplixReports &reports);
+    // Goes by what CopyUserAttributes found on the same item.
     Copied CopyLists(const CopiedItem &item, CopiedLists *lists, DuplixReports &reports);
     Copied CopyCapability(const CopiedItem &item, DuplixReports &reports);
 
 private:
+    bool ReadNames(int from);
     bool Has(const char *name) const;
     ssize_t ReadValue(int from, const char *name);
     bool CopyOne(const CopiedItem &item, const char *name, size_t *size);
@@ -47,7 +45,6 @@ private:
 
     std::unique_ptr<char[]> names_; // each ends in a zero
     size_t namesLength_ = 0;
-    int readError_ = 0; // errno
     std::unique_ptr<unsigned char[]> value_;
 };
 
@@ -58,7 +55,7 @@ void GiveOwnerRights(int fd, TQFileStatus *made);
 // Takes away a compressed flag that the directory above has handed down, before there is data, and notes it.
 void StorePlain(int fd, TQFileStatus *made);
 
-// Of an item whose names `attributes` has read. Notes owner, mode and flags in `item.made`.
+// Notes owner, mode and flags in `item.made`.
 Copied CopyMetadata(const CopiedItem &item, AttributeCopier &attributes, DuplixReports &reports);
 
 // The same of a symbolic link, which has neither attributes nor a mode or flags.
