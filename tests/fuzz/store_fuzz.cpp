@@ -66,7 +66,7 @@ private:
         const std::string path = root + "/" + item,
                           targets[] = {outside + "/target", outside + "/tree", "nowhere", "folder", "..", root};
         (void)rename(path.c_str(), (place / "replaced " + std::to_string(kind)).c_str());
-        if (kind == 0) (void)close(open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+        if (kind == 0) (void)close(open(path.c_str(), O_CREAT | O_WRONLY | O_NONBLOCK | O_CLOEXEC, 0644));
         if (kind == 1) (void)mkdir(path.c_str(), 0755);
         if (kind == 2) (void)mkfifo(path.c_str(), 0644);
         if (kind > 2) (void)!symlink(targets[kind % std::size(targets)].c_str(), path.c_str());
