@@ -166,7 +166,8 @@ bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, c
     uint32_t flags = 0;
     // What somebody put there since we looked, or a link to nothing, is not ours to remove.
     bool made = false;
-    if (_CopyOutGeneration(generation.path(), target, &mode, &flags, &made, error) &&
+    if (_CopyOutGeneration(generation.path(), target, &mode, &flags, &made, /*flushEach=*/false,
+                           /*leaveWritable=*/false, error) &&
         ApplyFinalRights(target, mode, flags, error))
         return true;
     if (made) (void)_RemoveTree(target, 0, nullptr);

@@ -1,10 +1,10 @@
 #include "Platform/Attributes.h"
 
 #include "Platform/KernelCalls.h"
+#include "Platform/ProcPath.h"
 #include "Platform/UniqueFd.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <linux/limits.h>
 #include <sys/xattr.h>
@@ -32,16 +32,6 @@ public:
 
 private:
     char text_[XATTR_NAME_MAX + 1];
-};
-
-// Another name for the inode behind a descriptor that only points: the attribute calls refuse the descriptor itself.
-class ProcPath {
-public:
-    explicit ProcPath(int fd) { (void)snprintf(text_, sizeof text_, "/proc/self/fd/%d", fd); }
-    const char *c_str() const { return text_; }
-
-private:
-    char text_[32];
 };
 
 static int _AtFlags(Links links)

@@ -2,7 +2,7 @@
 
 #include "Platform/InodeFlags.h"
 #include "Platform/KernelCalls.h"
-#include "Platform/UniqueFd.h"
+#include "Platform/ProcPath.h"
 
 #include <cerrno>
 #include <linux/fs.h>
@@ -153,6 +153,43 @@ int SetMode(const Item &item, Links links, mode_t mode)
     if (result != 0 && errno == ENOSYS) result = fchmodat(item.directory, item.name, mode, AT_SYMLINK_NOFOLLOW);
     if (result == 0) errno = before;
     return result;
+}
+
+UniqueFd PinItem(const Item &item, const TQFileStatus &expected)
+{
+    UniqueFd fd(openat(item.directory, item.name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    TQFileStatus found;
+    if (!fd || GetStatusOfFd(fd.get(), &found) != 0) return UniqueFd();
+    if (found.device == expected.device && found.inode == expected.inode) return fd;
+    errno = ESTALE;
+    return UniqueFd();
+}
+
+int SetModeOfPinned(int fd, mode_t mode)
+{
+    const int before = errno;
+    int result = kernel::FchmodAt2(fd, "", mode, AT_EMPTY_PATH);
+    if (result != 0 && errno == ENOSYS) {
+        TQFileStatus status;
+        if (GetStatusOfFd(fd, &status) != 0) return -1;
+        if (S_ISLNK(status.mode)) return _Fail(EOPNOTSUPP);
+        result = chmod(ProcPath(fd).c_str(), mode);
+    }
+    if (result == 0) errno = before;
+    return result;
+}
+
+int SetFlagsOfPinned(int fd, const TQFileStatus &status, uint32_t flags)
+{
+    if (status.flags == flags) return 0;
+    if (!_CanHold(status.mode, flags)) return _Fail(ENOTSUP);
+
+    const int before = errno;
+    const UniqueFd opened(open(ProcPath(fd).c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (opened) return _ChangeByDescriptor(opened.get(), flags);
+    if (errno != EACCES || _ChangeByName({fd, "", ""}, AT_EMPTY_PATH, status.flags, flags) != 0) return -1;
+    errno = before;
+    return 0;
 }
 
 int SetBirthTime(const Item &, const struct timespec &)

@@ -11,6 +11,7 @@
 #pragma once
 
 #include "Platform/Item.h"
+#include "Platform/UniqueFd.h"
 
 #include <vaultry/file_status.h>
 
@@ -26,6 +27,14 @@ int SetFlagsOfFd(int fd, uint32_t flags);
 
 // With Links::NoFollow a link answers EOPNOTSUPP, and nothing it points to is touched.
 int SetMode(const Item &item, Links links, mode_t mode);
+
+// For work on exactly the item that was looked at before, whatever its name leads to meanwhile. The descriptor only
+// points: it takes neither permission nor time of access, and reads nothing. Empty, with ESTALE if the item is another by
+// device or inode, or with errno.
+UniqueFd PinItem(const Item &item, const TQFileStatus &expected);
+int SetModeOfPinned(int fd, mode_t mode); // of a link EOPNOTSUPP
+// `status` is the item's as it stands.
+int SetFlagsOfPinned(int fd, const TQFileStatus &status, uint32_t flags);
 
 // Linux has no call that writes a birth time: always -1 with ENOTSUP.
 int SetBirthTime(const Item &item, const struct timespec &time);

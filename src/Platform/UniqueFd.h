@@ -1,9 +1,13 @@
-// A descriptor with one owner. Closing keeps errno.
+// A descriptor with one owner.
+//
+// The destructor and Reset close one that was only read through; they keep errno. One that was written through ends with
+// Close, since some volumes tell only there that they could not keep what was written.
 
 #pragma once
 
 #include "Platform/ScopeExit.h"
 
+#include <cerrno>
 #include <unistd.h>
 
 class UniqueFd {
@@ -27,6 +31,16 @@ public:
         const ErrnoKeeper keeper;
         if (fd_ >= 0) (void)close(fd_);
         fd_ = fd;
+    }
+
+    // 0, or -1 with errno; errno is untouched on success. The descriptor is gone in any case, after a signal too.
+    int Close()
+    {
+        const int before = errno;
+        const int fd = Release();
+        if (fd >= 0 && close(fd) != 0 && errno != EINTR) return -1;
+        errno = before;
+        return 0;
     }
 
 private:

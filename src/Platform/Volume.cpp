@@ -14,22 +14,28 @@ namespace platform {
 struct VolumeType {
     uint32_t magic;
     const char *name;
-    bool native; // local, persistent, with attributes and flags
+    bool native;  // local, persistent, with attributes and flags
+    bool honours; // see VolumeHonoursFlush
 };
 
 // ext2 and ext3 carry the number of ext4, and the ext4 driver serves them. "zfs" and "bcachefs" hold
 // attributes but were never tried, so they do not count as native.
 static constexpr VolumeType kVolumeTypes[] = {
-    {0x0000EF53, "ext4", true},      {0x58465342, "xfs", true},      {0x9123683E, "btrfs", true},
-    {0x01021994, "tmpfs", false},    {0x858458F6, "ramfs", false},   {0x794C7630, "overlay", false},
-    {0x65735546, "fuse", false},     {0x00006969, "nfs", false},     {0xFF534D42, "cifs", false},
-    {0xFE534D42, "smb2", false},     {0x01021997, "9p", false},      {0x00C36400, "ceph", false},
-    {0x00004D44, "vfat", false},     {0x2011BAB0, "exfat", false},   {0x5346544E, "ntfs", false},
-    {0x7366746E, "ntfs3", false},    {0xF2F52010, "f2fs", false},    {0x2FC12FC1, "zfs", false},
-    {0xCA451A4E, "bcachefs", false}, {0x3153464A, "jfs", false},     {0x52654973, "reiserfs", false},
-    {0x00003434, "nilfs2", false},   {0x00009660, "iso9660", false}, {0x15013346, "udf", false},
-    {0x73717368, "squashfs", false}, {0xE0F5E1E2, "erofs", false},   {0x0000F15F, "ecryptfs", false},
-    {0x00009FA0, "proc", false},     {0x62656572, "sysfs", false},   {0x786F4256, "vboxsf", false},
+    {0x0000EF53, "ext4", true, true},       {0x58465342, "xfs", true, true},
+    {0x9123683E, "btrfs", true, true},      {0x01021994, "tmpfs", false, true},
+    {0x858458F6, "ramfs", false, false},    {0x794C7630, "overlay", false, false},
+    {0x65735546, "fuse", false, false},     {0x00006969, "nfs", false, false},
+    {0xFF534D42, "cifs", false, false},     {0xFE534D42, "smb2", false, false},
+    {0x01021997, "9p", false, false},       {0x00C36400, "ceph", false, false},
+    {0x00004D44, "vfat", false, false},     {0x2011BAB0, "exfat", false, false},
+    {0x5346544E, "ntfs", false, false},     {0x7366746E, "ntfs3", false, false},
+    {0xF2F52010, "f2fs", false, false},     {0x2FC12FC1, "zfs", false, false},
+    {0xCA451A4E, "bcachefs", false, false}, {0x3153464A, "jfs", false, false},
+    {0x52654973, "reiserfs", false, false}, {0x00003434, "nilfs2", false, false},
+    {0x00009660, "iso9660", false, false},  {0x15013346, "udf", false, false},
+    {0x73717368, "squashfs", false, false}, {0xE0F5E1E2, "erofs", false, false},
+    {0x0000F15F, "ecryptfs", false, false}, {0x00009FA0, "proc", false, false},
+    {0x62656572, "sysfs", false, false},    {0x786F4256, "vboxsf", false, false},
 };
 
 static const VolumeType *_TypeByMagic(uint32_t magic)
@@ -59,6 +65,15 @@ bool IsNativeVolumeType(const char *typeName)
     for (const VolumeType &type : kVolumeTypes)
         if (strcmp(type.name, typeName) == 0) return type.native;
     return false;
+}
+
+bool VolumeHonoursFlush(int fd)
+{
+    const ErrnoKeeper keeper;
+    struct statfs read;
+    if (fstatfs(fd, &read) != 0) return false;
+    const VolumeType *type = _TypeByMagic(static_cast<uint32_t>(read.f_type));
+    return type && type->honours;
 }
 
 // 0 if `path` is a directory afterwards, whoever made it.

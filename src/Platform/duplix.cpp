@@ -274,12 +274,13 @@ bool TreeCopy::ReportWalk(const Entry &entry)
     return reached;
 }
 
-int duplix(const char *source, const char *destination, DuplixCallback callback, void *context, bool *made)
+int duplix(const char *source, const char *destination, DuplixCallback callback, void *context,
+           const DuplixOptions &options)
 {
     const int before = errno;
     TreeCopy copy(callback, context);
     const bool copied = copy.Run(source, destination);
-    if (made) *made = copy.madeSomething();
+    if (options.made) *options.made = copy.madeSomething();
     if (!copied) return -1;
     errno = before;
     return 0;

@@ -65,11 +65,25 @@ using DuplixCallback = int (*)(int what, int stage, DuplixState *state, const ch
 
 namespace platform {
 
+struct DuplixOptions {
+    // Set to whether there is something at the destination that was made here, or begun in the item of `into`.
+    bool *made = nullptr;
+
+    // Each item is brought to disk through the descriptor that wrote it, where nothing else tells for certain that the
+    // destination's volume has kept it (VolumeHonoursFlush). Elsewhere the copy flushes nothing.
+    bool flushEach = false;
+
+    // What the root is made of: the empty item of this status, a regular file or a directory as the source is one, that
+    // stands at the destination. ESTALE if another is found there, EEXIST if it is not empty, EISDIR or ENOTDIR if it is
+    // of the other kind. If null, nothing may be at the destination.
+    const TQFileStatus *into = nullptr;
+};
+
 // 0 if the end was reached; -1 with errno when the callback quit (ECANCELED if it left none) or, with no callback, at
 // the first error. EINVAL if the destination lies inside the source. Both paths, and those of every item, have at most
-// 4,095 bytes. Nothing is removed on failure; `made`, unless null, then says whether there is something at the
-// destination that was made here. errno is untouched on success.
-int duplix(const char *source, const char *destination, DuplixCallback callback, void *context, bool *made = nullptr);
+// 4,095 bytes. Nothing is removed on failure. errno is untouched on success.
+int duplix(const char *source, const char *destination, DuplixCallback callback, void *context,
+           const DuplixOptions &options = {});
 
 // The same of one open regular file's data, attributes, lists, owner, mode, times and flags. What the destination
 // holds goes first; attributes that only it has stay. Moves the position of `source`. A failure leaves part of a copy.

@@ -58,10 +58,11 @@ bool IsItemFinished(int what, int stage);
 int QuitOnCopyError(TQError **error, int what, int stage, const char *source, const char *destination);
 bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status);
 
-// TQCopyOutGeneration for a copy that stays where it is, and is never more open than it will be. Also says whether there
-// is something at the destination that was made here.
+// TQCopyOutGeneration for a copy that is never more open than it will be, unless `leaveWritable`; that is for one which is
+// still to be moved. `made`, unless null, says whether there is something at the destination that was made here. With
+// `flushEach` each item is brought to disk as DuplixOptions says.
 bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, bool *made,
-                        TQError **error);
+                        bool flushEach, bool leaveWritable, TQError **error);
 
 // Archives one item. `status` may be null; it is then asked for.
 bool _ArchiveItem(const char *path, const TQFileStatus *status, bool makeReadable, TQError **error);

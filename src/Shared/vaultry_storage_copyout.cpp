@@ -100,20 +100,21 @@ void LeaveWritable(const char *path, mode_t mode)
 
 bool TQCopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, TQError **error)
 {
-    if (!_CopyOutGeneration(path, destination, mode, flags, /*made=*/nullptr, error)) return false;
-    LeaveWritable(destination, *mode);
-    return true;
+    return _CopyOutGeneration(path, destination, mode, flags, /*made=*/nullptr, /*flushEach=*/false,
+                              /*leaveWritable=*/true, error);
 }
 
 bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, bool *made,
-                        TQError **error)
+                        bool flushEach, bool leaveWritable, TQError **error)
 {
     if (error) *error = nullptr;
     if (mode) *mode = 0;
     if (flags) *flags = 0;
     if (!path || !destination || !mode || !flags)
         return Failure(error).Refused(kTQStatusBadPath, "no path was supplied");
-    if (platform::duplix(path, destination, _DuplixUnarchiveCallback, error, made) != 0) return false;
+    if (platform::duplix(path, destination, _DuplixUnarchiveCallback, error, {.made = made, .flushEach = flushEach}) !=
+        0)
+        return false;
 
     // Its own, if somebody put a link into the store: what it points to gets no mode from us.
     TQFileStatus status;
@@ -122,6 +123,7 @@ bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mod
     *mode = static_cast<uint16_t>(status.mode);
     *flags = status.flags;
     TakeBlockingFlags(destination, status.flags);
+    if (leaveWritable) LeaveWritable(destination, status.mode);
     return true;
 }
 
