@@ -39,6 +39,7 @@ typedef struct TQFileStatus {
     struct timespec changeTime;
     struct timespec birthTime; ///< zero unless hasBirthTime
     bool hasBirthTime;
+    bool isMountRoot; ///< something is mounted here, of another volume or of the same one
 } TQFileStatus;
 
 /// What the system knows of the volume that holds an item.

@@ -69,6 +69,7 @@ static int _Statx(int directory, const char *name, int atFlags, TQFileStatus *ou
     out->changeTime = _Time(read.stx_ctime);
     out->hasBirthTime = (read.stx_mask & STATX_BTIME) != 0;
     if (out->hasBirthTime) out->birthTime = _Time(read.stx_btime);
+    out->isMountRoot = (read.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
     return 0;
 }
 

@@ -34,9 +34,9 @@ struct TreeWalk::State {
     Entry entry{};
     Due due = Due::Root;
     Volumes volumes = Volumes::One;
+    Item root{};
     uint64_t rootDevice = 0;
     size_t rootParentPathLength = 0;
-    size_t rootPathLength = 0;
     DirectoryStack directories;
     std::vector<Level> levels;       // one for each in `directories`
     char path[TreeWalk::kPathLimit]; // of `entry`
@@ -68,9 +68,17 @@ TreeWalk::~TreeWalk() = default;
 
 bool TreeWalk::Open(const char *rootPath, Volumes volumes)
 {
-    const size_t length = strlen(rootPath);
-    if (length == 0 || length >= PATH_MAX) {
-        errno = length == 0 ? ENOENT : ENAMETOOLONG;
+    if (!Open(Item::AtPath(rootPath), volumes)) return false;
+    state_->root = Item::AtPath(state_->path);
+    return true;
+}
+
+bool TreeWalk::Open(const Item &root, Volumes volumes)
+{
+    const size_t length = strlen(root.path);
+    const size_t nameLength = strlen(root.name);
+    if (nameLength == 0 || nameLength >= PATH_MAX || length >= kPathLimit) {
+        errno = nameLength == 0 ? ENOENT : ENAMETOOLONG;
         return false;
     }
     state_.reset(new (std::nothrow) State);
@@ -80,9 +88,9 @@ bool TreeWalk::Open(const char *rootPath, Volumes volumes)
     }
     const ErrnoKeeper keeper;
     state_->volumes = volumes;
-    state_->rootPathLength = length;
-    memcpy(state_->path, rootPath, length + 1);
-    state_->rootParentPathLength = _ParentPathLength(rootPath, length);
+    memcpy(state_->path, root.path, length + 1);
+    state_->root = {root.directory, root.name, state_->path};
+    state_->rootParentPathLength = _ParentPathLength(root.path, length);
     return true;
 }
 
@@ -138,7 +146,7 @@ const TreeWalk::Entry *TreeWalk::State::ReportByStatus()
 const TreeWalk::Entry *TreeWalk::State::Root()
 {
     due = Due::Nothing;
-    entry.item = Item::AtPath(path);
+    entry.item = root;
     entry.level = 0;
     entry.fd = -1;
     entry.parentPathLength = rootParentPathLength;
@@ -165,7 +173,8 @@ int TreeWalk::State::Push(UniqueFd directory)
 const TreeWalk::Entry *TreeWalk::State::Enter()
 {
     due = levels.empty() ? Due::Nothing : Due::Contents; // where it goes on if this one can't be entered
-    if (volumes == Volumes::One && entry.status.device != rootDevice) return Report(Kind::DirectoryDone);
+    const bool isElsewhere = entry.status.device != rootDevice || entry.status.isMountRoot;
+    if (volumes == Volumes::One && entry.level > 0 && isElsewhere) return Report(Kind::DirectoryDone);
 
     UniqueFd directory(openat(entry.item.directory, entry.item.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!directory && (errno == ENOTDIR || errno == ELOOP)) return Report(Kind::Error, ESTALE);
@@ -235,7 +244,7 @@ const TreeWalk::Entry *TreeWalk::State::Done(Kind kind, int error)
     entry.parentPathLength = above;
     due = Due::Leave;
     if (levels.size() == 1) {
-        entry.item = Item::AtPath(path);
+        entry.item = root;
         return Report(kind, error);
     }
 

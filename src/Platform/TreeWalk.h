@@ -5,9 +5,9 @@
 // arrive where it came from. A few descriptors are open at a time whatever the depth, and
 // entries are streamed, so memory does not grow with the size of a folder.
 //
-// Directories of another file system are reported, and entered only where the caller asks for it. Each entry's
-// status is one statx. Removing entries while the walk goes on is fine, and so is adding rights to a directory when it
-// is reported: it is opened by the call of Next that follows.
+// Directories of another file system, and those on which something is mounted, are reported, and entered only where the
+// caller asks for it or where the walk begins. Each entry's status is one statx. Removing entries while the walk goes on
+// is fine, and so is adding rights to a directory when it is reported: it is opened by the call of Next that follows.
 
 #pragma once
 
@@ -60,6 +60,10 @@ public:
     // (ENAMETOOLONG), no memory. A missing root is no failure here; it is reported as NoStatus. errno is
     // untouched on success. An open walk can be opened again, and then begins anew.
     bool Open(const char *rootPath, Volumes volumes = Volumes::One);
+
+    // The same from a name in an open directory; the path is for messages. The directory and the name are borrowed as long
+    // as the walk goes on.
+    bool Open(const Item &root, Volumes volumes = Volumes::One);
 
     // The next entry, or null at the end. Leaves errno alone, but sets it to the entry's error when it reports
     // Unreadable, NoStatus or Error.

@@ -8,7 +8,18 @@
 
 #include <vaultry/path.h>
 
-// Removes the tree at `path`; with `keepRoot` a root directory stays.
+struct TreeRemoval {
+    bool keepRoot = false;      // a root directory stays
+    const char *last = nullptr; // an entry directly below the root that goes when all else has gone
+    const TQFileStatus *expected =
+        nullptr;           // what the root must be (device and inode), else ESTALE; null: whatever is there
+    bool *begun = nullptr; // set true as soon as something of the tree has gone
+};
+
+// Removes the tree at `root`, as _RemoveTree does.
+bool _RemoveTreeAt(const Item &root, const TreeRemoval &how, TQError **error);
+
+// The same at a path.
 bool _RemoveTreeInternal(const char *path, bool keepRoot, TQError **error);
 
 // One step of TQSetRemoveValues.
