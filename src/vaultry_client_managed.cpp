@@ -1,11 +1,13 @@
 // A store's life: made in an existing directory, opened again, destroyed; and the protection of its root.
 
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_nesting.h"
 
 #include "Platform/FileStatus.h"
 #include "Platform/UniqueFd.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_storage.h"
 
 #include <vaultry/filesystem.h>
 
@@ -18,10 +20,6 @@
 #include <sys/file.h>
 
 namespace {
-
-constexpr mode_t kWriteBits = 0222;
-constexpr mode_t kStagingMode = 0700;
-constexpr mode_t kLockFileMode = 0400;
 
 struct StoreFiles {
     const char *root;
@@ -55,13 +53,28 @@ bool StandsWhole(const StoreFiles &files)
            OpenLockFile(files, 0);
 }
 
+// With their modes, whatever the process's umask is.
+bool MakeStagingArea(const char *path)
+{
+    if (mkdir(path, kStagingMode) == 0)
+        return platform::SetMode(Item::AtPath(path), Links::NoFollow, kStagingMode) == 0;
+    return errno == EEXIST;
+}
+
+bool MakeLockFile(const StoreFiles &files)
+{
+    UniqueFd fd = OpenLockFile(files, O_CREAT | O_EXCL);
+    if (fd) return fchmod(fd.get(), kLockFileMode) == 0 && fd.Close() == 0;
+    return errno == EEXIST && OpenLockFile(files, O_CREAT); // which refuses a directory
+}
+
 // Stops where it fails, with the root still writable: what is missing can then be put right and tried again.
 bool MakeStoreFiles(const StoreFiles &files, TQError **error)
 {
     if (!_UnprotectGenerationStore(files.root, error)) return false;
-    if (mkdir(files.staging.c_str(), kStagingMode) != 0 && errno != EEXIST)
+    if (!MakeStagingArea(files.staging.c_str()))
         return Failure(error).Refused(kTQStatusBadPath, "mkdir \"%s\" failed", files.staging.c_str());
-    if (!OpenLockFile(files, O_CREAT))
+    if (!MakeLockFile(files))
         return Failure(error).Refused(kTQStatusBadPath, "Failed to create lock file at path \"%s\"",
                                       files.lockFile.c_str());
 
@@ -90,7 +103,9 @@ TQClientManagedStorage *TQClientManagedStorageCreate(const char *rootPath, TQErr
                                      rootPath ? rootPath : "");
     StoreFiles files{rootPath, {}, {}};
     if (!NameStoreFiles(files, error)) return nullptr;
-    if (!StandsWhole(files) && !MakeStoreFiles(files, error)) return nullptr;
+    if (!_RequireKnownFormat(rootPath, Item::AtPath(files.lockFile.c_str()), error)) return nullptr;
+    if (!StandsWhole(files) && !(_RequireNoStoreAround(rootPath, error) && MakeStoreFiles(files, error)))
+        return nullptr;
     return MakeHandle(rootPath, error);
 }
 
@@ -103,7 +118,24 @@ void TQClientManagedStorageFree(TQClientManagedStorage *store)
 
 bool TQClientManagedStorageDestroy(const char *rootPath, TQError **error)
 {
+    PathBuffer lockFile;
+    if (lockFile.Format("%s/%s", rootPath ? rootPath : "", kLockFileName) &&
+        !_RequireKnownFormat(rootPath, Item::AtPath(lockFile.c_str()), error))
+        return false;
     return _RemoveTree(rootPath, 0, error);
+}
+
+// Later versions write into the lock file what this one can't know.
+bool _RequireKnownFormat(const char *rootPath, const Item &lockFile, TQError **error)
+{
+    const ErrnoKeeper keeper;
+    TQFileStatus status;
+    if (platform::GetStatus(lockFile, Links::NoFollow, &status) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return true;
+        return Failure(error).Errno("stat(\"%s\") failed", lockFile.path);
+    }
+    if (!S_ISREG(status.mode) || status.size == 0) return true;
+    return Failure(error).Refused(kTQStatusNotSupported, "the store \"%s\" was made by a later version", rootPath);
 }
 
 // Asymmetric on purpose: lifting gives write permission to the owner alone and always calls chmod; protecting takes
@@ -111,30 +143,38 @@ bool TQClientManagedStorageDestroy(const char *rootPath, TQError **error)
 
 bool _UnprotectGenerationStore(const char *rootPath, TQError **error)
 {
-    const Item root = Item::AtPath(rootPath);
+    return _UnprotectStoreRoot(Item::AtPath(rootPath), error);
+}
+
+bool _UnprotectStoreRoot(const Item &root, TQError **error)
+{
     TQFileStatus status;
     if (platform::GetStatus(root, Links::Follow, &status) != 0)
-        return Failure(error).Errno("failed to unprotect store at \"%s\", stat failed", rootPath);
+        return Failure(error).Errno("failed to unprotect store at \"%s\", stat failed", root.path);
     const mode_t mode = (status.mode | 0200) & 07777;
     if (platform::SetMode(root, Links::Follow, mode) == 0) return true;
-    Failure(error).Errno("failed to unprotect store at \"%s\", chomd(%04o) failed", rootPath, mode);
+    Failure(error).Errno("failed to unprotect store at \"%s\", chomd(%04o) failed", root.path, mode);
     (void)platform::SetFlags(root, Links::Follow, status.flags);
     return false;
 }
 
 void _ProtectGenerationStore(const char *rootPath)
 {
+    _ProtectStoreRoot(Item::AtPath(rootPath));
+}
+
+void _ProtectStoreRoot(const Item &root)
+{
     const ErrnoKeeper keeper;
-    const Item root = Item::AtPath(rootPath);
     TQFileStatus status;
     if (platform::GetStatus(root, Links::Follow, &status) != 0) {
-        Failure(nullptr).Errno("failed to protect store at \"%s\", stat failed", rootPath);
+        Failure(nullptr).Errno("failed to protect store at \"%s\", stat failed", root.path);
         return;
     }
     if ((status.mode & kWriteBits) == 0) return;
     const mode_t mode = status.mode & 07777 & ~kWriteBits;
     if (platform::SetMode(root, Links::Follow, mode) != 0)
-        Failure(nullptr).Errno("failed to protect store at \"%s\", chomd(%04o) failed", rootPath, mode);
+        Failure(nullptr).Errno("failed to protect store at \"%s\", chomd(%04o) failed", root.path, mode);
 }
 
 // As the directory of an entry that is always there: the root may have become a link to where the store was moved, or

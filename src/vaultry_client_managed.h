@@ -2,6 +2,7 @@
 //
 //     <root>/<name>                               one generation: a file or a tree, without write bits
 //     <root>/.vaultry_staging/<7 random>/staged   what one operation is building or removing
+//     <root>/.vaultry_staging/<7 random>/.vaultry_owner   whose it is; see vaultry_client_managed_owner.h
 //     <root>/.vaultry_lockfile                    empty, 0400; locked with flock
 //
 // Always, between operations: the root has no write bit, and staging holds nothing but copies that a caller has
@@ -10,10 +11,16 @@
 
 #pragma once
 
+#include "Platform/Item.h"
 #include "Platform/ScopeExit.h"
 #include "Shared/PathBuffer.h"
 
 #include <vaultry/storage.h>
+
+#include <sys/types.h>
+
+class StagingDirectory;
+struct OwnerNote;
 
 struct TQClientManagedStorage {
     char *rootPath; // absolute, owned
@@ -21,14 +28,22 @@ struct TQClientManagedStorage {
 
 inline constexpr char kStagingName[] = ".vaultry_staging";
 inline constexpr char kLockFileName[] = ".vaultry_lockfile";
+inline constexpr mode_t kStagingMode = 0700;
+inline constexpr mode_t kLockFileMode = 0400;
+
+// False, and a refusal, for a store of a later version. One that has no lock file is none of any.
+bool _RequireKnownFormat(const char *rootPath, const Item &lockFile, TQError **error);
 
 // --- the lock
 
 // The store lock: many readers or one writer, across threads and processes.
 //
 // flock belongs to the open file, not to the process. Each operation therefore opens its own descriptor, and two
-// threads exclude each other just as two processes do. Always: fd is -1 exactly when nothing is
-// held; a killed process gives the lock back.
+// threads exclude each other just as two processes do. Always: fd is -1 exactly when nothing is held; a killed process
+// gives the lock back, unless it had forked meanwhile: then its child, which shares the descriptor, keeps it until it
+// ends or replaces itself by another program. The lock is ended by a call of its own, so that a child of a process that
+// lives keeps nothing. A wait for it ends with a cancelled progress of the thread (looked at after a signal), and with
+// nothing else.
 struct StoreLock {
     int fd = -1;
 };
@@ -37,6 +52,7 @@ bool _GetPathToLockFile(const char *rootPath, PathBuffer &path, TQError **error)
 bool _ReadLockGenerationStore(const char *rootPath, StoreLock *lock, TQError **error);
 bool _WriteLockGenerationStore(const char *rootPath, StoreLock *lock, TQError **error);
 bool _TQLockGenerationInternal(const char *lockFilePath, StoreLock *lock, int operation, TQError **error);
+bool _LockItem(const Item &lockFile, StoreLock *lock, int operation, TQError **error);
 void _UnlockGenerationStore(StoreLock *lock);
 
 // Unlocks at the end of its scope; taken in the first line of an operation.
@@ -56,8 +72,8 @@ public:
     bool ForReading(const TQClientManagedStorage *store, TQError **error);
     bool ForWriting(const TQClientManagedStorage *store, TQError **error);
 
-    // By the path of the lock file, for who has no handle.
-    bool At(const char *lockFile, bool exclusive, TQError **error);
+    // By the lock file itself, for who has no handle.
+    bool At(const Item &lockFile, bool exclusive, TQError **error);
 
 private:
     StoreLock lock_;
@@ -67,9 +83,11 @@ private:
 
 // Gives the owner write permission. The exclusive lock is held.
 bool _UnprotectGenerationStore(const char *rootPath, TQError **error);
+bool _UnprotectStoreRoot(const Item &root, TQError **error);
 
 // Takes all write permission. Failures are logged.
 void _ProtectGenerationStore(const char *rootPath);
+void _ProtectStoreRoot(const Item &root);
 
 // Brings the names in the root and its protection to disk.
 bool _FlushGenerationStore(const char *rootPath, TQError **error);
@@ -79,8 +97,18 @@ bool _FlushGenerationStore(const char *rootPath, TQError **error);
 // The path of a generation; with `mustExist`, of one that is there.
 bool _GetPathToGeneration(const char *rootPath, const char *name, bool mustExist, PathBuffer &path, TQError **error);
 
-// A path in a fresh staging directory of its own; nothing is there yet.
+// A path in a fresh staging directory of its own; nothing is there yet. StagingDirectory adds the owner file.
 bool _GetUniqueStagingPath(const char *rootPath, PathBuffer &path, TQError **error);
 
 // Removes the whole unique staging directory that `path` lies in.
 bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error);
+
+// --- copies for a restore
+
+// TQClientManagedStorageCopyOut for an operation that goes on: the staging directory stays its own.
+bool _CopyOutToStaging(const TQClientManagedStorage *store, const char *name, const OwnerNote &note,
+                       StagingDirectory &staging, uint16_t *mode, uint32_t *flags, TQError **error);
+
+// TQClientManagedStorageCopyGeneration; with `flushEach` items are brought to disk as DuplixOptions says.
+bool _CopyGeneration(const TQClientManagedStorage *store, const char *name, const char *destination, bool flushEach,
+                     TQError **error);

@@ -1,11 +1,13 @@
 // Adding a generation: built and archived in staging, then moved to its name by one rename.
 
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_nesting.h"
+#include "vaultry_client_managed_staging.h"
 
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Rename.h"
-#include "Platform/UniqueFd.h"
+#include "Runtime/Ref.h"
 #include "Runtime/UTF8.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
@@ -23,53 +25,55 @@
 namespace {
 
 constexpr size_t kMaximumNameLength = 254; // bytes
-constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
 
-// Whether the store lies in the tree at `source`, whatever the names in between.
-bool ContainsStore(const char *source, const char *root)
+// What the owner file says of this add. A move records what its document's top item had, for whoever gives it back.
+OwnerNote MakeNote(const char *source, bool copy)
 {
-    const ErrnoKeeper keeper;
-    TQFileStatus tree;
+    OwnerNote note = OwnerNote::Of(copy ? Work::Copy : Work::Move, source);
     TQFileStatus status;
-    if (platform::GetStatus(Item::AtPath(source), Links::NoFollow, &tree) != 0 || !S_ISDIR(tree.mode)) return false;
-
-    UniqueFd directory(open(root, O_PATH | O_DIRECTORY | O_CLOEXEC));
-    uint64_t device = 0;
-    uint64_t inode = 0;
-    while (directory && platform::GetStatusOfFd(directory.get(), &status) == 0) {
-        if (status.device == tree.device && status.inode == tree.inode) return true;
-        if (status.device == device && status.inode == inode) return false; // the top is its own parent
-        device = status.device;
-        inode = status.inode;
-        directory.Reset(openat(directory.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
-    }
-    return false;
+    if (copy || platform::GetStatus(Item::AtPath(source), Links::NoFollow, &status) != 0) return note;
+    note.topMode = status.mode & 07777;
+    note.topFlags = status.flags;
+    return note;
 }
 
-// The note that tells, after a kill, where the document in this staging directory belongs.
-bool NoteWhereFrom(const char *staged, const char *source, TQError **error)
+// Damaged attributes of these names that the document brought along would be taken for the store's: the generation
+// could be listed but not described.
+bool DropMalformedMetadata(const char *staged, TQError **error)
 {
-    PathBuffer unique;
-    (void)unique.Format("%.*s", static_cast<int>(strrchr(staged, '/') - staged), staged);
-    if (platform::SetAttribute(Item::AtPath(unique.c_str()), Links::NoFollow, kMovedFromAttribute, source,
-                               strlen(source)) == 0)
-        return true;
-    return Failure(error).Errno("setxattr(\"%s\") failed", unique.c_str());
+    const Item item = Item::AtPath(staged);
+    const auto has = [&](const char *name) {
+        return platform::GetAttribute(item, Links::NoFollow, name, nullptr, 0) >= 0;
+    };
+    const bool isInfoWell =
+        !has(kInfoAttribute) || Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(staged, nullptr));
+    const bool isNameWell =
+        !has(kDisplayNameAttribute) || Ref<TQString>::Adopt(TQCopyOriginalDisplayName(staged, nullptr));
+    return (isInfoWell || _SetEAOnGeneration(staged, kInfoAttribute, nullptr, 0, error)) &&
+           (isNameWell || _SetEAOnGeneration(staged, kDisplayNameAttribute, nullptr, 0, error));
 }
+
+// What is on its way from staging to its name.
+struct Placing {
+    const char *root;
+    const char *staged;
+    const char *generation;
+    bool copied;
+};
 
 // An installed item that must go again. It goes back to staging, from where a copy is removed and a document given back:
 // in the root it would be listed while half of it is gone.
-void TakeBack(const char *generation, const char *staged, const TQFileStatus &status, bool copied)
+void TakeBack(const Placing &placing, const TQFileStatus &status)
 {
     const ErrnoKeeper keeper;
     TQFileStatus installed = status;
-    (void)platform::GetStatus(Item::AtPath(generation), Links::NoFollow, &installed);
-    (void)_MakeMovable(generation, installed);
-    if (rename(generation, staged) == 0) return;
-    if (copied)
-        (void)_RemoveTree(generation, 0, nullptr);
+    (void)platform::GetStatus(Item::AtPath(placing.generation), Links::NoFollow, &installed);
+    (void)_MakeMovable(placing.generation, installed);
+    if (rename(placing.generation, placing.staged) == 0) return;
+    if (placing.copied)
+        (void)_RemoveTree(placing.generation, 0, nullptr);
     else
-        Failure(nullptr).Errno("Failed to take the document back from \"%s\", where it stays", generation);
+        Failure(nullptr).Errno("Failed to take the document back from \"%s\", where it stays", placing.generation);
 }
 
 // The staged item gets what a rename to another parent needs. Its flags and mode of before are kept in `status`.
@@ -96,21 +100,21 @@ enum class Installed { No, WithoutOptions, Whole };
 
 // From staging to its name, which it gets only when its content is on disk. The root is writable from the unprotect to
 // the end of this function.
-Installed InstallStaged(const char *root, const char *staged, const char *generation, uint64_t options, bool copied,
-                        const TreeFlush &flush, TQError **error)
+Installed InstallStaged(const Placing &placing, uint64_t options, const TreeFlush &flush, TQError **error)
 {
+    const char *const staged = placing.staged, *const generation = placing.generation;
     TQFileStatus status;
     if (!MakeStagedMovable(staged, &status, error) || !flush.Flush(staged, status.mode, error)) return Installed::No;
-    if (!_UnprotectGenerationStore(root, error)) return Installed::No;
-    const ScopeExit protect([root] { _ProtectGenerationStore(root); });
+    if (!_UnprotectGenerationStore(placing.root, error)) return Installed::No;
+    const ScopeExit protect([&] { _ProtectGenerationStore(placing.root); });
 
     // Nothing is replaced, not even a dangling link that the look before did not see.
-    if (platform::RenameIntoNothing(staged, generation) != 0) {
+    if (platform::RenameIntoNothing(Item::AtPath(staged), Item::AtPath(generation)) != 0) {
         Failure(error).Errno("Failed to install generation; rename (\"%s\" -> \"%s\") failed", staged, generation);
         return Installed::No;
     }
     if (!FinishInstalled(generation, status, error)) {
-        TakeBack(generation, staged, status, copied);
+        TakeBack(placing, status);
         return Installed::No;
     }
     return _WriteGenerationOptions(generation, options, error) ? Installed::Whole : Installed::WithoutOptions;
@@ -118,10 +122,19 @@ Installed InstallStaged(const char *root, const char *staged, const char *genera
 
 // The name, the options and the protection. The item goes first: where the disk keeps a journal that takes all of them
 // with it, and the rest costs nothing.
-bool FlushInstalled(const char *root, const char *generation, const char *source, bool copied, TQError **error)
+bool FlushInstalled(const Placing &placing, const char *source, TQError **error)
 {
-    return _FlushItem(generation, error) && _FlushGenerationStore(root, error) &&
-           (copied || _FlushFormerEntry(source, generation, error));
+    return _FlushItem(placing.generation, error) && _FlushGenerationStore(placing.root, error) &&
+           (placing.copied || _FlushFormerEntry(source, placing.generation, error));
+}
+
+bool RequireSource(const char *source, const char *root, bool copy, TQError **error)
+{
+    if (!source || source[0] == '\0') return Failure(error).Refused(kTQStatusBadPath, "no source path was supplied");
+    // Whoever gives a moved document back stands in a directory of its own.
+    if (!copy && source[0] != '/')
+        return Failure(error).Refused(kTQStatusBadPath, "path \"%s\" is not absolute", source);
+    return _RequireNoStoreInside(source, root, error) && (copy || _RequireOutsideStores(source, error));
 }
 
 } // namespace
@@ -142,27 +155,25 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
     if (_PathExists(generation.c_str()))
         return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", generation.c_str());
-    if (!source || source[0] == '\0') return Failure(error).Refused(kTQStatusBadPath, "no source path was supplied");
-    // Whoever gives a moved document back stands in a directory of its own.
-    if (!copy && source[0] != '/')
-        return Failure(error).Refused(kTQStatusBadPath, "path \"%s\" is not absolute", source);
-    if (ContainsStore(source, root))
-        return Failure(error).Refused(kTQStatusInvalidArgument, "path \"%s\" contains the store", source);
+    if (!RequireSource(source, root, copy, error)) return false;
 
-    PathBuffer staged;
-    if (!_GetUniqueStagingPath(root, staged, error)) return false;
-    ScopeExit removeStaging([&] { (void)_RemoveStagingPath(root, staged.c_str(), nullptr); });
-    const auto flush = TreeFlush::At(staged.c_str());
-
-    if (!copy && !NoteWhereFrom(staged.c_str(), source, error)) return false;
-    if (TQAddPathAsGeneration(source, staged.c_str(), copy, /*makeReadable=*/false, /*archive=*/true, error)) {
-        const Installed installed =
-            InstallStaged(root, staged.c_str(), generation.c_str(), options, copy, flush, error);
-        if (installed != Installed::No)
-            return installed == Installed::Whole && FlushInstalled(root, generation.c_str(), source, copy, error);
+    const OwnerNote note = MakeNote(source, copy);
+    StagingDirectory staging;
+    if (!staging.Make(root, note, error)) return false;
+    const char *const staged = staging.staged();
+    const auto flush = TreeFlush::At(staged);
+    // Without the note on disk, a document that the power cuts off here would be nobody's.
+    if (!copy && !staging.FlushNote(error)) return false;
+    if (TQAddPathAsGeneration(source, staged, copy, /*makeReadable=*/false, /*archive=*/true, error) &&
+        DropMalformedMetadata(staged, error)) {
+        const Placing placing{root, staged, generation.c_str(), copy};
+        const Installed installed = InstallStaged(placing, options, flush, error);
+        if (installed != Installed::No) return installed == Installed::Whole && FlushInstalled(placing, source, error);
     }
 
     // A moved document is somebody's only copy: it goes home first. If it can't, staging stays.
-    if (!copy && !_GiveDocumentBack(staged.c_str(), source)) removeStaging.Dismiss();
+    const MovedDocument document{note.topMode != OwnerNote::kUnknownMode, note.topMode, note.topFlags,
+                                 staging.written()};
+    if (!copy && !_GiveDocumentBack(Item::AtPath(staged), Item::AtPath(source), document)) staging.Keep();
     return false;
 }

@@ -6,141 +6,167 @@
 
 #include "Platform/FileStatus.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_storage.h"
 
 #include <vaultry/data.h>
 #include <vaultry/filesystem.h>
 #include <vaultry/number.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 
 namespace {
 
+// The store as it is reached: its directory, and its own files in it.
+struct OpenStore {
+    Item root;
+    Item lockFile;
+    Item staging;
+    uid_t owner; // of what a repair believes
+};
+
 // Before there is a lock to be held, so the root is as open afterwards as it was.
-bool MakeLockFile(const char *root, const char *path)
+bool MakeLockFile(const OpenStore &store)
 {
     TQFileStatus status;
-    const Item item = Item::AtPath(root);
-    if (platform::GetStatus(item, Links::Follow, &status) != 0 ||
-        platform::SetMode(item, Links::Follow, (status.mode | 0200) & 07777) != 0)
+    if (platform::GetStatusOfFd(store.lockFile.directory, &status) != 0 ||
+        platform::SetMode(store.root, Links::Follow, (status.mode | 0200) & 07777) != 0)
         return false;
-    const ScopeExit protect([&] { (void)platform::SetMode(item, Links::Follow, status.mode & 07777); });
-    const UniqueFd fd(open(path, O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0400));
-    return static_cast<bool>(fd);
+    const ScopeExit protect([&] { (void)platform::SetMode(store.root, Links::Follow, status.mode & 07777); });
+    UniqueFd fd(openat(store.lockFile.directory, store.lockFile.name,
+                       O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kLockFileMode));
+    return fd && fchmod(fd.get(), kLockFileMode) == 0 && fd.Close() == 0;
+}
+
+// Of exactly the item that was looked at.
+bool SetModeOf(const Item &item, const TQFileStatus &status, mode_t mode)
+{
+    const UniqueFd pinned = platform::PinItem(item, status);
+    return pinned && platform::SetModeOfPinned(pinned.get(), mode) == 0;
 }
 
 // The lock file is looked at, and mended, before it is locked: nothing else is mended without the lock, so not where
 // something else stands in its place. Looking goes on without one.
-bool CheckAndTakeLock(const char *root, const char *path, Findings &findings, HeldLock &lock, TQError **error)
+bool CheckAndTakeLock(const OpenStore &store, Findings &findings, HeldLock &lock, TQError **error)
 {
-    const Item item = Item::AtPath(path);
+    const Item &item = store.lockFile;
     TQFileStatus status;
     if (platform::GetStatus(item, Links::NoFollow, &status) != 0) {
-        if (errno != ENOENT) return Failure(error).Errno("stat(\"%s\") failed", path);
-        findings.AddMendable(path, "lock-file-missing", "The store has no lock file.",
-                             [&] { return MakeLockFile(root, path); });
-        return !findings.repair() || lock.At(path, /*exclusive=*/true, error);
+        if (errno != ENOENT) return Failure(error).Errno("stat(\"%s\") failed", item.path);
+        findings.AddMendable(item.path, "lock-file-missing", "The store has no lock file.",
+                             [&] { return MakeLockFile(store); });
+        return !findings.repair() || lock.At(item, /*exclusive=*/true, error);
     }
     if (!S_ISREG(status.mode)) {
-        findings.Add(path, "lock-file-foreign",
+        findings.Add(item.path, "lock-file-foreign",
                      "What stands in the place of the lock file is no file; nothing can be mended before it goes.");
-        findings.MendNothing();
+        findings.StopRepairing();
         return true;
     }
     const bool isLockable = (status.mode & 0400) != 0;
-    if ((status.mode & 07777) != 0400)
-        findings.AddMendable(path, "lock-file-mode", "The lock file does not have the mode 0400.",
-                             [&item] { return platform::SetMode(item, Links::NoFollow, 0400) == 0; });
-    return (!isLockable && !findings.repair()) || lock.At(path, findings.repair(), error);
+    if ((status.mode & 07777) != kLockFileMode)
+        findings.AddMendable(item.path, "lock-file-mode", "The lock file does not have the mode 0400.",
+                             [&] { return SetModeOf(item, status, kLockFileMode); });
+    return (!isLockable && !findings.repair()) || lock.At(item, findings.repair(), error);
 }
 
-void CheckStagingDirectory(const char *path, Findings &findings)
+void CheckStagingDirectory(const OpenStore &store, Findings &findings)
 {
-    const Item item = Item::AtPath(path);
+    const Item &item = store.staging;
     TQFileStatus status;
     if (platform::GetStatus(item, Links::NoFollow, &status) != 0) {
-        if (errno != ENOENT) return findings.AddUnreadable(path);
-        findings.AddMendable(path, "staging-missing", "The store has no staging directory.",
-                             [path] { return mkdir(path, 0700) == 0; });
+        if (errno != ENOENT) return findings.AddUnreadable(item.path);
+        findings.AddMendable(item.path, "staging-missing", "The store has no staging directory.", [&] {
+            return mkdirat(item.directory, item.name, kStagingMode) == 0 &&
+                   platform::SetMode(item, Links::NoFollow, kStagingMode) == 0;
+        });
         return;
     }
     if (!S_ISDIR(status.mode)) {
-        findings.Add(path, "staging-foreign", "What stands in the place of the staging directory is no directory.");
+        findings.Add(item.path, "staging-foreign",
+                     "What stands in the place of the staging directory is no directory.");
         return;
     }
-    if ((status.mode & 0777) != 0700)
-        findings.AddMendable(path, "staging-mode", "The staging directory does not have the mode 0700.",
-                             [&item] { return platform::SetMode(item, Links::NoFollow, 0700) == 0; });
-    _CheckStagingArea(path, findings);
+    if ((status.mode & 0777) != kStagingMode)
+        findings.AddMendable(item.path, "staging-mode", "The staging directory does not have the mode 0700.",
+                             [&] { return SetModeOf(item, status, kStagingMode); });
+    _CheckStagingArea(item, store.owner, findings);
 }
 
-bool CheckGenerations(const char *root, Findings &findings, TQError **error)
+bool CheckGenerations(const OpenStore &store, Findings &findings, TQError **error)
 {
-    Names names(root);
+    Names names(store.root);
     while (const char *name = names.Next()) {
         if (name[0] == '.') continue;
         PathBuffer path;
-        if (!path.Format("%s/%s", root, name))
+        if (!path.Format("%s/%s", store.root.path, name))
             return Failure(error).Refused(kTQStatusBadPath, "Path to generation is too long");
         if (!Ref<TQString>::Adopt(TQStringCreateWithFileSystemRepresentation(name)))
             findings.Add(path.c_str(), "name-not-utf8",
                          "The name is not UTF-8, so that the store's generations can't be listed.");
-        _CheckGeneration(path.c_str(), findings);
+        _CheckGeneration({store.lockFile.directory, name, path.c_str()}, store.owner, findings);
     }
     errno = names.error();
-    return errno == 0 || Failure(error).Errno("unable to read the directory \"%s\"", root);
+    return errno == 0 || Failure(error).Errno("unable to read the directory \"%s\"", store.root.path);
 }
 
-// The files of the store can only be mended while its root is writable.
-bool CheckContents(const char *root, const PathBuffer &staging, Findings &findings, TQError **error)
+// The files of the store can only be mended while its root is writable. Staging comes first: what operations that live,
+// or that left a note, have put beside documents is known from there.
+bool CheckContents(const OpenStore &store, Findings &findings, TQError **error)
 {
-    if (findings.repair() && !_UnprotectGenerationStore(root, error)) return false;
+    if (findings.repair() && !_UnprotectStoreRoot(store.root, error)) return false;
     const ScopeExit protect([&] {
-        if (findings.repair()) _ProtectGenerationStore(root);
+        if (findings.repair()) _ProtectStoreRoot(store.root);
     });
-    CheckStagingDirectory(staging.c_str(), findings);
-    return CheckGenerations(root, findings, error);
+    CheckStagingDirectory(store, findings);
+    return CheckGenerations(store, findings, error);
 }
 
-bool GetIsOpen(const char *root, bool *isOpen, TQError **error)
+bool GetRootStatus(const OpenStore &store, TQFileStatus *status, TQError **error)
 {
-    TQFileStatus status;
-    if (platform::GetStatus(Item::AtPath(root), Links::Follow, &status) != 0)
-        return Failure(error).Errno("stat(\"%s\") failed", root);
-    *isOpen = (status.mode & 0222) != 0;
-    return true;
+    return platform::GetStatusOfFd(store.lockFile.directory, status) == 0 ||
+           Failure(error).Errno("stat(\"%s\") failed", store.root.path);
 }
 
 // Whether the root is protected is looked at twice, since repairing lifts its protection and puts it back.
-bool CheckStore(const char *root, const PathBuffer &lockFile, const PathBuffer &staging, Findings &findings,
-                TQError **error)
+bool CheckStore(OpenStore &store, Findings &findings, TQError **error)
 {
     HeldLock lock;
-    if (!CheckAndTakeLock(root, lockFile.c_str(), findings, lock, error)) return false;
+    if (!CheckAndTakeLock(store, findings, lock, error)) return false;
 
-    bool wasOpen = false;
-    bool isOpen = false;
-    if (!GetIsOpen(root, &wasOpen, error) || !CheckContents(root, staging, findings, error) ||
-        !GetIsOpen(root, &isOpen, error))
-        return false;
-    if (wasOpen || isOpen)
-        findings.Add(root, "root-unprotected", "The store's directory may be written to.",
+    TQFileStatus before;
+    TQFileStatus after;
+    if (!GetRootStatus(store, &before, error)) return false;
+    store.owner = before.owner;
+    if (!CheckContents(store, findings, error) || !GetRootStatus(store, &after, error)) return false;
+    const bool isOpen = (after.mode & kWriteBits) != 0;
+    if ((before.mode & kWriteBits) != 0 || isOpen)
+        findings.Add(store.root.path, "root-unprotected", "The store's directory may be written to.",
                      findings.repair() && !isOpen);
     return true;
 }
 
-// Any other directory is somebody's own: repairing it would take its write bits and call its files generations.
-bool IsStore(const char *root, const PathBuffer &lockFile, const PathBuffer &staging, TQError **error)
+// Whether it is surely not there.
+bool IsMissing(const Item &item)
 {
-    if (!_PathNotExists(lockFile.c_str()) || !_PathNotExists(staging.c_str())) return true;
-    return Failure(error).Refused(kTQStatusBadPath,
-                                  "\"%s\" is no store: it has neither a lock file nor a staging directory", root);
+    TQFileStatus status;
+    return platform::GetStatus(item, Links::NoFollow, &status) != 0 && errno == ENOENT;
+}
+
+// Any other directory is somebody's own: repairing it would take its write bits and call its files generations.
+bool RequireStore(const OpenStore &store, TQError **error)
+{
+    if (!IsMissing(store.lockFile) || !IsMissing(store.staging)) return true;
+    return Failure(error).Refused(
+        kTQStatusBadPath, "\"%s\" is no store: it has neither a lock file nor a staging directory", store.root.path);
 }
 
 } // namespace
 
-void Findings::Add(const char *path, const char *kind, const char *meaning, bool mended)
+void Findings::Add(const char *path, const char *kind, const char *meaning, bool mended, const char *home)
 {
     const auto finding = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutable());
     const auto set = [&](const char *key, TQValue *value) {
@@ -150,15 +176,46 @@ void Findings::Add(const char *path, const char *kind, const char *meaning, bool
     };
     complete_ = complete_ && set("path", TQDataCreate(path, strlen(path))) && set("kind", TQStringCreate(kind)) &&
                 set("meaning", TQStringCreate(meaning)) && set("mended", TQRetain(TQBooleanGet(mended))) &&
+                (!home || set("home", TQDataCreate(home, strlen(home)))) &&
                 TQArrayAppendValue(list_.get(), finding.get());
 }
 
-bool Findings::IsNewDocument(const char *path)
+bool Findings::Note(const Ref<TQSet> &set, const void *bytes, size_t size)
 {
-    const auto document = Ref<TQData>::Adopt(TQDataCreate(path, strlen(path)));
-    if (TQSetContainsValue(documents_.get(), document.get())) return false;
-    complete_ = complete_ && TQSetAddValue(documents_.get(), document.get());
+    const auto data = Ref<TQData>::Adopt(TQDataCreate(bytes, size));
+    if (TQSetContainsValue(set.get(), data.get())) return false;
+    complete_ = complete_ && TQSetAddValue(set.get(), data.get());
     return true;
+}
+
+// Another machine numbers the volume's device as it likes.
+void Findings::AddLiving(const OwnerNote &note)
+{
+    if (!note.hasExchange) return;
+    for (ItemId item : {note.exchange.document, note.exchange.copy, note.exchange.placeholder}) {
+        if (!note.IsOfThisMachine()) item.device = 0;
+        (void)Note(living_, &item, sizeof item);
+    }
+}
+
+bool Findings::IsAccountedFor(const char *path, const TQFileStatus &status) const
+{
+    const auto has = [](const Ref<TQSet> &set, const void *bytes, size_t size) {
+        return TQSetContainsValue(set.get(), Ref<TQData>::Adopt(TQDataCreate(bytes, size)).get());
+    };
+    const ItemId here = ItemId::Of(status), elsewhere{0, status.inode};
+    return has(explained_, path, strlen(path)) || has(living_, &here, sizeof here) ||
+           has(living_, &elsewhere, sizeof elsewhere);
+}
+
+OpenedFolder::OpenedFolder(const char *path) : path_(path)
+{
+    const char *const slash = strrchr(path, '/');
+    name_ = slash ? slash + 1 : path;
+    char folder[PATH_MAX];
+    const auto length = slash ? (slash == path ? 1 : slash - path) : 0;
+    (void)snprintf(folder, sizeof folder, "%.*s", static_cast<int>(length), path);
+    fd_.Reset(open(slash ? folder : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
 TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, TQError **error)
@@ -171,10 +228,16 @@ TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, T
     if (!staging.Format("%s/%s", rootPath, kStagingName))
         return Failure(error).Refused(kTQStatusBadPath, "failed to get staging dir path");
     if (!_GetPathToLockFile(rootPath, lockFile, error)) return nullptr;
-    if (!IsStore(rootPath, lockFile, staging, error)) return nullptr;
+    const UniqueFd root(open(rootPath, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!root) return Failure(error).Errno("unable to read the directory \"%s\"", rootPath);
+    OpenStore store{{root.get(), ".", rootPath},
+                    {root.get(), kLockFileName, lockFile.c_str()},
+                    {root.get(), kStagingName, staging.c_str()},
+                    /*owner=*/0};
+    if (!RequireStore(store, error) || !_RequireKnownFormat(rootPath, store.lockFile, error)) return nullptr;
 
     Findings findings(repair);
-    if (!CheckStore(rootPath, lockFile, staging, findings, error)) return nullptr;
+    if (!CheckStore(store, findings, error)) return nullptr;
     TQArray *list = findings.Detach();
     return list ? list : Failure(error).Status(kTQStatusFailed, "malloc failed");
 }

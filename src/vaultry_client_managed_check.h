@@ -1,8 +1,14 @@
-// What a check of a store has found, collected.
+// What a check of a store has found, collected; and the rooms of a check.
+//
+// Everything is reached by descriptor from the store's directory, and no link is followed: who repairs may be root, and
+// the store somebody else's, who swaps names meanwhile.
 
 #pragma once
 
+#include "vaultry_client_managed_owner.h"
+
 #include "Platform/DirectoryReader.h"
+#include "Platform/Item.h"
 #include "Platform/UniqueFd.h"
 #include "Runtime/Ref.h"
 
@@ -17,49 +23,61 @@ public:
 
     // Whether what is found is to be mended where that is safe.
     bool repair() const { return repair_; }
-    void MendNothing() { repair_ = false; }
+    void StopRepairing() { repair_ = false; }
 
-    void Add(const char *path, const char *kind, const char *meaning, bool mended = false);
+    // `home`, unless null, is where a document belongs.
+    void Add(const char *path, const char *kind, const char *meaning, bool mended = false, const char *home = nullptr);
 
-    // Of what can't be read nothing is said, least of all that it is well.
-    void AddUnreadable(const char *path)
-    {
-        Add(path, "unreadable", "The item can't be read, so nothing can be said of it.");
-    }
+    // What can't be read is not well either.
+    void AddUnreadable(const char *path) { Add(path, "unreadable", "The item can't be read, so it can't be checked."); }
 
     void AddForeign(const char *path)
     {
         Add(path, "staging-foreign", "The library did not make all of this; a person should look at it.");
     }
 
-    // What can be mended by one step: takes it if repairing, and says whether it worked.
-    template <class Mend> void AddMendable(const char *path, const char *kind, const char *meaning, Mend mend)
+    // What can be mended by one step: takes it if repairing. True if it worked.
+    template <class Mend>
+    bool AddMendable(const char *path, const char *kind, const char *meaning, Mend mend, const char *home = nullptr)
     {
-        Add(path, kind, meaning, repair_ && mend());
+        const bool mended = repair_ && mend();
+        Add(path, kind, meaning, mended, home);
+        return mended;
     }
 
-    // Whether a document is looked at for the first time: many generations are of one document.
-    bool IsNewDocument(const char *path);
+    // Notes that the folder of a document is looked at now; false if it was before: many generations are of one document.
+    bool BeginDocument(const char *path) { return Note(documents_, path, strlen(path)); }
+
+    // What lies beside a document because of an operation that still lives, and what its owner file has explained.
+    void AddLiving(const OwnerNote &note);
+    void AddExplained(const char *path) { (void)Note(explained_, path, strlen(path)); }
+    bool IsAccountedFor(const char *path, const TQFileStatus &status) const;
 
     // Null if memory ran out on the way: a list with gaps would say that all is well.
     TQArray *Detach() { return complete_ ? list_.Detach() : nullptr; }
 
 private:
+    bool Note(const Ref<TQSet> &set, const void *bytes, size_t size); // false if it is noted already
+
     bool repair_;
     bool complete_ = true;
     Ref<TQArray> list_;
     Ref<TQSet> documents_ = Ref<TQSet>::Adopt(TQSetCreateMutable());
+    Ref<TQSet> explained_ = Ref<TQSet>::Adopt(TQSetCreateMutable());
+    Ref<TQSet> living_ = Ref<TQSet>::Adopt(TQSetCreateMutable());
 };
 
 // The names in a directory. After the last one, error() tells whether they are all: 0, or an errno.
 class Names {
 public:
-    explicit Names(const char *path)
-        : directory_(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)), error_(directory_ ? 0 : errno)
+    explicit Names(const Item &directory)
+        : directory_(openat(directory.directory, directory.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)),
+          error_(directory_ ? 0 : errno)
     {
     }
     const char *Next() { return error_ == 0 ? reader_.Next(directory_.get(), &error_) : nullptr; }
     int error() const { return error_; }
+    int directory() const { return directory_.get(); }
 
 private:
     UniqueFd directory_;
@@ -67,6 +85,25 @@ private:
     int error_;
 };
 
-// Its items, its attributes, and what restores of its document left beside that.
-void _CheckGeneration(const char *path, Findings &findings);
-void _CheckStagingArea(const char *stagingPath, Findings &findings);
+// The folder that holds the item at a path, and the item in it. Links on the way are followed, as the path's owner would.
+class OpenedFolder {
+public:
+    explicit OpenedFolder(const char *path);
+    explicit operator bool() const { return static_cast<bool>(fd_); } // else errno
+    int fd() const { return fd_.get(); }
+    Item item() const { return {fd_.get(), name_, path_}; }
+
+private:
+    const char *path_;
+    const char *name_;
+    UniqueFd fd_;
+};
+
+// Its items, its attributes, and what restores of its document left beside that. `owner` is the store's.
+void _CheckGeneration(const Item &generation, uid_t owner, Findings &findings);
+
+// What operations left in staging, and of restores beside their documents.
+void _CheckStagingArea(const Item &area, uid_t owner, Findings &findings);
+
+// What a dead restore left beside its document, by what it noted. True if nothing is left there.
+bool _CheckExchange(const OwnerNote &note, uid_t owner, Findings &findings);

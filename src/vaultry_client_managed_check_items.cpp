@@ -1,6 +1,8 @@
 // Checking generations: protection and attributes of every item, and placeholders beside recorded documents.
 
 #include "vaultry_client_managed_check.h"
+#include "vaultry_client_managed_placeholder.h"
+#include "vaultry_client_managed_trust.h"
 
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
@@ -27,16 +29,18 @@ using Kind = TreeWalk::Kind;
 
 constexpr unsigned kSavedAll = kSavedImmutable | kSavedAppend | kSavedOwnerWrite | kSavedGroupWrite | kSavedOtherWrite;
 constexpr char kDocumentKey[] = "vaultry.document"; // absolute path, as data
-constexpr char kPlaceholderMark[] = "-tmp.nosync.";
-constexpr size_t kPlaceholderUnique = 6;
 
 // An item with one of these flags refuses chmod even to its owner: they go for the moment.
 bool TakeWriteBits(const TreeWalk::Entry &entry)
 {
-    const uint32_t flags = entry.status.flags, lifted = flags & ~kBlockingFlags;
-    if (lifted != flags && platform::SetFlags(entry.item, Links::NoFollow, lifted) != 0) return false;
-    const bool taken = platform::SetMode(entry.item, Links::NoFollow, entry.status.mode & 07777 & ~kWriteBits) == 0;
-    return (lifted == flags || platform::SetFlags(entry.item, Links::NoFollow, flags) == 0) && taken;
+    const UniqueFd pinned = platform::PinItem(entry.item, entry.status);
+    if (!pinned) return false;
+    TQFileStatus now = entry.status;
+    const uint32_t flags = now.flags, lifted = flags & ~kBlockingFlags;
+    if (platform::SetFlagsOfPinned(pinned.get(), now, lifted) != 0) return false;
+    now.flags = lifted;
+    const bool taken = platform::SetModeOfPinned(pinned.get(), entry.status.mode & 07777 & ~kWriteBits) == 0;
+    return platform::SetFlagsOfPinned(pinned.get(), now, flags) == 0 && taken;
 }
 
 // Only the record of its permissions says what an item had.
@@ -82,60 +86,59 @@ void CheckItem(const TreeWalk::Entry &entry, Findings &findings)
 }
 
 // Errors are what is looked for here; the findings say what they mean.
-void CheckAttributes(const char *path, Findings &findings)
+void CheckAttributes(const Item &item, Findings &findings)
 {
-    const Item item = Item::AtPath(path);
     const bool unnamed =
         platform::GetAttribute(item, Links::NoFollow, kDisplayNameAttribute, nullptr, 0) < 0 && errno == ENODATA;
-    if (!unnamed && !Ref<TQString>::Adopt(TQCopyOriginalDisplayName(path, nullptr)))
-        findings.Add(path, "display-name-malformed", "The generation's display name can't be read.");
+    if (!unnamed && !Ref<TQString>::Adopt(TQCopyOriginalDisplayName(item.path, nullptr)))
+        findings.Add(item.path, "display-name-malformed", "The generation's display name can't be read.");
     const ssize_t options = platform::GetAttribute(item, Links::NoFollow, kOptionsAttribute, nullptr, 0);
     if (options < 0 && errno != ENODATA)
-        findings.AddUnreadable(path);
+        findings.AddUnreadable(item.path);
     else if (options >= 0 && options != sizeof(uint64_t))
-        findings.Add(path, "options-malformed", "The generation's options word has a wrong size, and reads as 0.");
-}
-
-// Whether `name` is `stem`, the mark, six characters, and `extension`.
-bool IsPlaceholderName(const char *name, const char *stem, size_t stemLength, const char *extension)
-{
-    const size_t markLength = sizeof kPlaceholderMark - 1;
-    const size_t length = strlen(name);
-    return length == stemLength + markLength + kPlaceholderUnique + strlen(extension) &&
-           memcmp(name, stem, stemLength) == 0 && memcmp(name + stemLength, kPlaceholderMark, markLength) == 0 &&
-           strcmp(name + length - strlen(extension), extension) == 0;
+        findings.Add(item.path, "options-malformed", "The generation's options word has a wrong size, and reads as 0.");
 }
 
 enum class Filling { Empty, Full, Unknown };
 
-Filling FillingOf(const char *path)
+Filling FillingOf(const Item &item, const TQFileStatus &status)
 {
-    TQFileStatus status;
-    if (platform::GetStatus(Item::AtPath(path), Links::NoFollow, &status) != 0) return Filling::Unknown;
     if (!S_ISDIR(status.mode)) return status.size == 0 ? Filling::Empty : Filling::Full;
-    Names names(path);
+    Names names(item);
     if (names.Next()) return Filling::Full;
     return names.error() == 0 ? Filling::Empty : Filling::Unknown;
 }
 
-// An empty placeholder is one that no document was moved to yet; a full one is the document itself.
-void CheckPlaceholder(const char *placeholder, const char *document, Findings &findings)
+// A restore that noted nothing, or whose note is gone: all that can be told is by name. An empty placeholder is one that
+// no document was moved to; a full one may be the document itself.
+void CheckPlaceholder(const Item &placeholder, const Item &document, uid_t owner, Findings &findings)
 {
-    switch (FillingOf(placeholder)) {
+    TQFileStatus status;
+    if (platform::GetStatus(placeholder, Links::NoFollow, &status) != 0) {
+        if (errno != ENOENT) findings.AddUnreadable(placeholder.path);
+        return;
+    }
+    if (findings.IsAccountedFor(placeholder.path, status)) return;
+    TQFileStatus there;
+    const bool isGone = platform::GetStatus(document, Links::NoFollow, &there) != 0 && errno == ENOENT;
+    switch (FillingOf(placeholder, status)) {
     case Filling::Empty:
-        findings.Add(placeholder, "placeholder-empty",
-                     _PathNotExists(document)
-                         ? "A restore that was interrupted left this empty item: the document, if that was empty."
-                         : "A restore that was interrupted left this empty item; it may go.");
+        findings.Add(placeholder.path, "placeholder-empty",
+                     isGone ? "A restore that was interrupted left this empty item: the document, if that was empty."
+                            : "A restore that was interrupted left this empty item; it may go.");
         break;
     case Filling::Full:
         findings.AddMendable(
-            placeholder, "document-aside",
+            placeholder.path, "document-aside",
             "A restore that was interrupted left the document, or its old state, under this name.",
-            [=] { return platform::RenameIntoNothing(placeholder, document) == 0 && _FlushEntry(document, nullptr); });
+            [&] {
+                return _OwnerMayChange(placeholder.directory, &status, owner) &&
+                       platform::RenameIntoNothing(placeholder, document) == 0 && _FlushEntry(document.path, nullptr);
+            },
+            document.path);
         break;
     case Filling::Unknown:
-        findings.Add(placeholder, "placeholder-unreadable",
+        findings.Add(placeholder.path, "placeholder-unreadable",
                      "A restore that was interrupted left this, and it can't be read: it may be the document.");
         break;
     }
@@ -160,27 +163,22 @@ bool GetRecordedDocument(const TQDictionary *info, PathBuffer &document)
 }
 
 // What restores of the recorded document left beside it.
-void CheckPlaceholders(const TQDictionary *info, Findings &findings)
+void CheckPlaceholders(const TQDictionary *info, uid_t owner, Findings &findings)
 {
     PathBuffer document;
-    if (!GetRecordedDocument(info, document) || !findings.IsNewDocument(document.c_str())) return;
-    PathBuffer parent;
-    const char *name = separate_path_parent_child(document.c_str(), parent.data());
-    const char *directoryPath = parent.c_str()[0] == '\0' ? "/" : parent.c_str();
-    if (!name || !name[0]) return;
+    if (!GetRecordedDocument(info, document) || !findings.BeginDocument(document.c_str())) return;
+    const OpenedFolder folder(document.c_str());
+    const Item item = folder.item();
+    if (!item.name[0]) return;
 
-    const char *extension = TQGetFileNameExtensionForPath(name);
-    if (!extension) extension = name + strlen(name);
-    const size_t stemLength = static_cast<size_t>(extension - name);
-    Names names(directoryPath);
-    while (const char *candidate = names.Next()) {
-        // A directory's placeholder has no extension; its name is the whole name and the mark.
-        if (!IsPlaceholderName(candidate, name, stemLength, extension) &&
-            !IsPlaceholderName(candidate, name, strlen(name), ""))
-            continue;
+    const PlaceholderName ofFile(item.name, /*isFolder=*/false), ofFolder(item.name, /*isFolder=*/true);
+    const auto folderLength = static_cast<int>(item.name - item.path);
+    Names names({folder.fd(), ".", item.path});
+    while (const char *candidate = folder ? names.Next() : nullptr) {
+        if (!ofFile.Matches(candidate) && !ofFolder.Matches(candidate)) continue;
         PathBuffer placeholder;
-        if (placeholder.Format("%s/%s", strcmp(directoryPath, "/") == 0 ? "" : directoryPath, candidate))
-            CheckPlaceholder(placeholder.c_str(), document.c_str(), findings);
+        if (placeholder.Format("%.*s%s", folderLength, item.path, candidate))
+            CheckPlaceholder({folder.fd(), candidate, placeholder.c_str()}, item, owner, findings);
     }
     const bool isGone = names.error() == ENOENT || names.error() == ENOTDIR; // the document's folder
     if (names.error() != 0 && !isGone)
@@ -190,14 +188,18 @@ void CheckPlaceholders(const TQDictionary *info, Findings &findings)
 
 } // namespace
 
-void _CheckGeneration(const char *path, Findings &findings)
+void _CheckGeneration(const Item &generation, uid_t owner, Findings &findings)
 {
     TreeWalk walk;
-    if (!walk.Open(path)) return findings.AddUnreadable(path);
+    TQFileStatus status;
+    if (!walk.Open(generation) || platform::GetStatus(generation, Links::NoFollow, &status) != 0)
+        return findings.AddUnreadable(generation.path);
     while (const TreeWalk::Entry *entry = walk.Next()) CheckItem(*entry, findings);
-    CheckAttributes(path, findings);
-    if (const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(path, nullptr)))
-        CheckPlaceholders(info.get(), findings);
+    // A link that somebody put there is foreign, and what it leads to has nothing to do with the store.
+    if (S_ISLNK(status.mode)) return;
+    CheckAttributes(generation, findings);
+    if (const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(generation.path, nullptr)))
+        CheckPlaceholders(info.get(), owner, findings);
     else
-        findings.Add(path, "info-malformed", "The generation's info dictionary can't be read.");
+        findings.Add(generation.path, "info-malformed", "The generation's info dictionary can't be read.");
 }

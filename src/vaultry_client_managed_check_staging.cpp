@@ -1,141 +1,255 @@
-// Checking the staging area: what killed operations left there, and the documents among it.
+// Checking the staging area: what dead operations left there, and the documents among it.
 //
-// Adding and removing hold the exclusive lock, so while it is held here nothing of theirs is in progress. A copy that
-// a caller has asked for outlives its lock, which is why young entries stay.
+// The owner file tells the living from the dead. A copy that a client has asked for outlives its operation, and a
+// directory without an owner file may be anybody's: those go by age, and old is what nothing in it was changed of for
+// an hour, by the volume's own clock.
 
 #include "vaultry_client_managed_check.h"
 
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_trust.h"
 
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
+#include "Platform/TreeWalk.h"
+#include "Platform/UniqueNames.h"
 #include "Shared/vaultry_flush.h"
+#include "Shared/vaultry_fs_wrappers.h"
 #include "Shared/vaultry_storage.h"
 
-#include <vaultry/filesystem.h>
-
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <ctime>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
-constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
+constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from"; // the note of earlier versions
 constexpr size_t kUniqueLength = 7;
-constexpr char kUniqueAlphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 constexpr char kStagedItem[] = "staged";
 constexpr size_t kLinkUnique = 6;
 constexpr int64_t kLitterAge = 3600; // seconds
 
-// The youngest of the times that tell when somebody worked here last.
-int64_t LastUse(const char *unique, const char *staged)
-{
+// What all of staging has in common.
+struct Area {
+    int64_t now;      // by the volume's clock
+    uid_t owner;      // of the area, and so of every owner file
+    uid_t storeOwner; // of the store
+};
+
+// One operation's directory, open.
+struct Unique {
+    Item item; // in the staging area
     TQFileStatus status;
-    int64_t last = INT64_MIN;
-    for (const char *path : {unique, staged})
-        if (platform::GetStatus(Item::AtPath(path), Links::NoFollow, &status) == 0)
-            last = std::max<int64_t>(last, status.changeTime.tv_sec);
-    return last;
-}
+    int fd;
+    const Area &area;
+    Item staged; // what it holds
+    FoundOwner owner{};
+};
 
 bool HoldsOnly(const char *name, size_t length, const char *alphabet)
 {
     return strlen(name) == length && strspn(name, alphabet) == length;
 }
 
-// The item in the making, and a copy that was to take the place of a hard link.
+// The owner file, the item in the making, and a copy that was to take the place of a hard link.
 bool IsOurs(const char *name)
 {
     constexpr size_t length = sizeof kStagedItem - 1;
+    if (strcmp(name, kOwnerFileName) == 0) return true;
     if (strncmp(name, kStagedItem, length) != 0) return false;
-    return name[length] == '\0' || (name[length] == '_' && HoldsOnly(name + length + 1, kLinkUnique, kUniqueAlphabet));
+    return name[length] == '\0' ||
+           (name[length] == '_' && HoldsOnly(name + length + 1, kLinkUnique, platform::kUniqueAlphabet));
 }
 
 enum class Contents { Ours, Foreign, Unknown };
 
-Contents ContentsOf(const char *unique)
+Contents ContentsOf(const Unique &unique)
 {
-    Names names(unique);
+    Names names({unique.fd, ".", unique.item.path});
     while (const char *name = names.Next())
         if (!IsOurs(name)) return Contents::Foreign;
     return names.error() == 0 ? Contents::Ours : Contents::Unknown;
 }
 
-// The document goes home, and the directory that held it goes with its note once that is on disk, with the rights that
-// the document got back; not if there is more in it.
-bool GiveBack(const char *unique, const char *staged, uint32_t mode, const char *home)
+// A file without a name tells the time on the volume, and leaves nothing behind. Where there is none of that kind, only a
+// repair makes one with a name; looking takes the host's word.
+int64_t VolumeTime(const Item &area, bool mayMakeFiles)
 {
-    const auto flush = TreeFlush::At(staged);
-    if (!_GiveDocumentBack(staged, home) || !flush.Flush(home, mode, nullptr) || !_FlushEntry(home, nullptr))
-        return false;
-    if (ContentsOf(unique) == Contents::Ours) (void)_RemoveTree(unique, 0, nullptr);
+    const ErrnoKeeper keeper;
+    UniqueFd file(openat(area.directory, area.name, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+    if (!file && mayMakeFiles) {
+        const UniqueFd open(openat(area.directory, area.name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        char name[] = "XXXXXXX";
+        file.Reset(open ? platform::MakeUniqueFileAt(open.get(), name, 0) : -1);
+        if (file) (void)unlinkat(open.get(), name, 0);
+    }
+    TQFileStatus status;
+    return file && platform::GetStatusOfFd(file.get(), &status) == 0 ? int64_t{status.changeTime.tv_sec}
+                                                                     : time(nullptr);
+}
+
+// Whether nothing in the whole tree was changed for an hour.
+bool IsOld(const Unique &unique)
+{
+    TreeWalk walk;
+    if (!walk.Open(unique.item)) return false;
+    while (const TreeWalk::Entry *entry = walk.Next()) {
+        const bool isKnown = entry->hasStatus || entry->error == ENOENT;
+        if (!isKnown || (entry->hasStatus && entry->status.changeTime.tv_sec > unique.area.now - kLitterAge))
+            return false;
+    }
     return true;
 }
 
-// Where the document belongs that is being moved, as it was noted; "" if there is no note.
+bool RemoveUnique(const Unique &unique)
+{
+    TreeRemoval how;
+    how.last = kOwnerFileName;
+    how.expected = &unique.status;
+    return _RemoveTreeAt(unique.item, how, nullptr);
+}
+
+void CheckLitter(const Unique &unique, bool isDead, Findings &findings)
+{
+    if (isDead || IsOld(unique))
+        findings.AddMendable(unique.item.path, "staging-litter",
+                             "An interrupted operation left this in staging; it may go.",
+                             [&] { return RemoveUnique(unique); });
+    else
+        findings.Add(unique.item.path, "staging-recent",
+                     "Something was staged here less than an hour ago: a copy in use, or one that was interrupted.");
+}
+
+// The document goes home with the rights that it had, and the directory that held it goes with its note once that is on
+// disk; not if there is more in it.
+bool GiveBack(const Unique &unique, uint32_t mode, const char *home, const MovedDocument &document)
+{
+    const OpenedFolder folder(home);
+    TQFileStatus status;
+    if (!folder || !_OwnerMayChange(folder.fd(), nullptr, unique.area.storeOwner)) return false;
+    if (platform::GetStatus(unique.staged, Links::NoFollow, &status) != 0) return false;
+    const auto flush = TreeFlush::At(unique.staged.path);
+    if (!_GiveDocumentBack(unique.staged, folder.item(), document) || !flush.Flush(home, mode, nullptr) ||
+        !_FlushEntry(home, nullptr))
+        return false;
+    if (ContentsOf(unique) == Contents::Ours) (void)RemoveUnique(unique);
+    return true;
+}
+
+// Where the document belongs that is being moved, as an earlier version noted it.
 enum class Note { Absent, Path, Malformed, Unreadable };
 
-Note GetNote(const char *unique, char (&home)[PATH_MAX])
+Note GetNoteOfEarlierVersion(const Unique &unique, char (&home)[PATH_MAX])
 {
-    const ssize_t length =
-        platform::GetAttribute(Item::AtPath(unique), Links::NoFollow, kMovedFromAttribute, home, sizeof home - 1);
+    const ssize_t length = platform::GetAttributeOfFd(unique.fd, kMovedFromAttribute, home, sizeof home - 1);
     if (length < 0) return errno == ENODATA ? Note::Absent : errno == ERANGE ? Note::Malformed : Note::Unreadable;
     home[length] = '\0';
     return home[0] == '/' && strlen(home) == static_cast<size_t>(length) ? Note::Path : Note::Malformed;
 }
 
-void CheckLitter(const char *unique, const char *staged, Findings &findings)
+// The note in the owner file, or an older one; `document` gets what it tells beside the path.
+Note GetNote(const Unique &unique, char (&home)[PATH_MAX], MovedDocument *document)
 {
-    if (LastUse(unique, staged) > time(nullptr) - kLitterAge)
-        findings.Add(unique, "staging-recent",
-                     "Something was staged here less than an hour ago: a copy in use, or one that was interrupted.");
+    const FoundOwner &owner = unique.owner;
+    if (owner.life == OwnerLife::None) return GetNoteOfEarlierVersion(unique, home);
+    if (!owner.readable) return Note::Malformed;
+    if (owner.note.work != Work::Move) return Note::Absent;
+    memcpy(home, owner.note.document, sizeof home);
+    *document = {owner.note.topMode != OwnerNote::kUnknownMode, owner.note.topMode, owner.note.topFlags, owner.written};
+    return home[0] == '/' ? Note::Path : Note::Malformed;
+}
+
+void CheckDocument(const Unique &unique, uint32_t mode, const char *home, const MovedDocument &document,
+                   Findings &findings)
+{
+    const FoundOwner &owner = unique.owner;
+    if (owner.life != OwnerLife::None && !(owner.life == OwnerLife::Dead && owner.note.IsOfThisMachine()))
+        findings.Add(unique.staged.path, "document-in-staging",
+                     "A move into the store was interrupted: this is the document, and may be its only copy. It was "
+                     "moved on another machine, and a repair there gives it back.",
+                     /*mended=*/false, home);
     else
-        findings.AddMendable(unique, "staging-litter", "An interrupted operation left this in staging; it may go.",
-                             [unique] { return _RemoveTree(unique, 0, nullptr); });
+        findings.AddMendable(
+            unique.staged.path, "document-in-staging",
+            "A move into the store was interrupted: this is the document, and may be its only copy.",
+            [&] { return GiveBack(unique, mode, home, document); }, home);
+}
+
+// What a restore put beside its document is settled before its note goes.
+void CheckLeftovers(const Unique &unique, Findings &findings)
+{
+    const FoundOwner &owner = unique.owner;
+    const bool isDead = owner.life == OwnerLife::Dead && owner.note.work != Work::CopyOut;
+    if (isDead && owner.note.hasExchange && !_CheckExchange(owner.note, unique.area.storeOwner, findings)) return;
+    CheckLitter(unique, isDead, findings);
 }
 
 // What can't be read may be somebody's only copy: only what is surely absent counts as absent.
-void CheckUnique(const char *unique, Findings &findings)
+void CheckUnique(Unique &unique, Findings &findings)
 {
-    PathBuffer staged;
-    if (!staged.Format("%s/%s", unique, kStagedItem)) return;
+    // A generation that a full disk let out by no other way; what lies in it is not ours to believe.
+    if (platform::GetAttributeOfFd(unique.fd, kSavedPermissionsAttribute, nullptr, 0) >= 0)
+        return CheckLitter(unique, /*isDead=*/false, findings);
+
+    _LookForOwner(unique.fd, unique.area.owner, &unique.owner);
+    if (unique.owner.life == OwnerLife::Alive) return findings.AddLiving(unique.owner.note);
+
     TQFileStatus status;
-    const bool holdsItem = platform::GetStatus(Item::AtPath(staged.c_str()), Links::NoFollow, &status) == 0;
-    if (!holdsItem && errno != ENOENT) return findings.AddUnreadable(unique);
+    const bool holdsItem = platform::GetStatus(unique.staged, Links::NoFollow, &status) == 0;
+    if (!holdsItem && errno != ENOENT) return findings.AddUnreadable(unique.item.path);
 
     char home[PATH_MAX] = "";
-    const Note note = holdsItem ? GetNote(unique, home) : Note::Absent;
+    MovedDocument document;
+    const Note note = holdsItem ? GetNote(unique, home, &document) : Note::Absent;
     const Contents contents = ContentsOf(unique);
     if (note == Note::Path)
-        findings.AddMendable(staged.c_str(), "document-in-staging",
-                             "A move into the store was interrupted: this is the document, and may be its only copy.",
-                             [&] { return GiveBack(unique, staged.c_str(), status.mode, home); });
+        CheckDocument(unique, status.mode, home, document, findings);
     else if (note == Note::Malformed)
-        findings.Add(staged.c_str(), "note-malformed",
-                     "This is a document, maybe its only copy, and the note of where it belongs is damaged.");
+        findings.Add(unique.staged.path, "note-malformed",
+                     "This may be a document, maybe its only copy, and the note of where it belongs is damaged.");
     else if (note == Note::Unreadable || contents == Contents::Unknown)
-        findings.AddUnreadable(unique);
+        findings.AddUnreadable(unique.item.path);
     else if (contents == Contents::Foreign)
-        findings.AddForeign(unique);
+        findings.AddForeign(unique.item.path);
     else
-        CheckLitter(unique, staged.c_str(), findings);
+        CheckLeftovers(unique, findings);
+}
+
+void CheckEntry(int directory, const char *name, const char *path, const Area &area, Findings &findings)
+{
+    const Item item{directory, name, path};
+    TQFileStatus status;
+    if (platform::GetStatus(item, Links::NoFollow, &status) != 0) {
+        if (errno != ENOENT) findings.AddUnreadable(path); // else it was somebody's, who is done
+        return;
+    }
+    if (!S_ISDIR(status.mode) || !HoldsOnly(name, kUniqueLength, platform::kUniqueAlphabet))
+        return findings.AddForeign(path);
+    const UniqueFd fd(openat(directory, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    TQFileStatus opened;
+    PathBuffer staged;
+    if (!fd || platform::GetStatusOfFd(fd.get(), &opened) != 0 || ItemId::Of(opened) != ItemId::Of(status) ||
+        !staged.Format("%s/%s", path, kStagedItem))
+        return findings.AddUnreadable(path);
+    Unique unique{item, opened, fd.get(), area, {fd.get(), kStagedItem, staged.c_str()}};
+    CheckUnique(unique, findings);
 }
 
 } // namespace
 
-void _CheckStagingArea(const char *stagingPath, Findings &findings)
+void _CheckStagingArea(const Item &area, uid_t owner, Findings &findings)
 {
-    Names names(stagingPath);
+    Names names(area);
+    TQFileStatus status;
+    if (names.error() != 0 || platform::GetStatusOfFd(names.directory(), &status) != 0)
+        return findings.AddUnreadable(area.path);
+    const Area common{VolumeTime(area, findings.repair()), status.owner, owner};
     while (const char *name = names.Next()) {
-        PathBuffer unique;
-        if (!unique.Format("%s/%s", stagingPath, name)) continue;
-        if (HoldsOnly(name, kUniqueLength, kUniqueAlphabet) && _IsDirectory(unique.c_str(), /*status=*/nullptr))
-            CheckUnique(unique.c_str(), findings);
-        else
-            findings.AddForeign(unique.c_str());
+        PathBuffer path;
+        if (path.Format("%s/%s", area.path, name)) CheckEntry(names.directory(), name, path.c_str(), common, findings);
     }
-    if (names.error() != 0) findings.AddUnreadable(stagingPath);
+    if (names.error() != 0) findings.AddUnreadable(area.path);
 }

@@ -4,6 +4,8 @@
 
 #include "Shared/vaultry_internal_failure.h"
 
+#include <vaultry/progress.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -32,18 +34,36 @@ bool _WriteLockGenerationStore(const char *rootPath, StoreLock *lock, TQError **
     return _LockGenerationStore(rootPath, lock, LOCK_EX, error);
 }
 
+// Waits without limit. A signal does not end the wait, but a client may use one to say that it has given up.
+static int _WaitForLock(int fd, int operation)
+{
+    while (flock(fd, operation) != 0) {
+        if (errno != EINTR) return -1;
+        const TQProgress *progress = TQProgressGetCurrent();
+        if (!progress || !TQProgressIsCancelled(progress)) continue;
+        errno = ECANCELED;
+        return -1;
+    }
+    return 0;
+}
+
 bool _TQLockGenerationInternal(const char *lockFilePath, StoreLock *lock, int operation, TQError **error)
+{
+    return _LockItem(Item::AtPath(lockFilePath), lock, operation, error);
+}
+
+bool _LockItem(const Item &lockFile, StoreLock *lock, int operation, TQError **error)
 {
     // A second lock through one holder would lose the first one's descriptor: a bug in the caller.
     if (lock->fd != -1) {
         errno = EINVAL;
         return Failure(error).Errno("%p->fd isn't -1", static_cast<void *>(lock));
     }
-    lock->fd = open(lockFilePath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (lock->fd < 0) return Failure(error).Errno("Failed to open generation path \"%s\" for locking", lockFilePath);
-    if (flock(lock->fd, operation) == 0) return true;
+    lock->fd = openat(lockFile.directory, lockFile.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (lock->fd < 0) return Failure(error).Errno("Failed to open generation path \"%s\" for locking", lockFile.path);
+    if (_WaitForLock(lock->fd, operation) == 0) return true;
 
-    Failure(error).Errno("Failed to lock generation path \"%s\"", lockFilePath);
+    Failure(error).Errno("Failed to lock generation path \"%s\"", lockFile.path);
     (void)close(lock->fd);
     lock->fd = -1;
     return false;
@@ -77,7 +97,7 @@ bool HeldLock::ForWriting(const TQClientManagedStorage *store, TQError **error)
     return _RequireStore(store, error) && _WriteLockGenerationStore(store->rootPath, &lock_, error);
 }
 
-bool HeldLock::At(const char *lockFile, bool exclusive, TQError **error)
+bool HeldLock::At(const Item &lockFile, bool exclusive, TQError **error)
 {
-    return _TQLockGenerationInternal(lockFile, &lock_, exclusive ? LOCK_EX : LOCK_SH, error);
+    return _LockItem(lockFile, &lock_, exclusive ? LOCK_EX : LOCK_SH, error);
 }

@@ -1,6 +1,8 @@
 // Reading generations: where one lies, its metadata, and copies of it.
 
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_nesting.h"
+#include "vaultry_client_managed_staging.h"
 
 #include "Platform/FileStatus.h"
 #include "Runtime/Ref.h"
@@ -129,19 +131,26 @@ bool TQClientManagedStorageSetGenerationOriginalDisplayName(const TQClientManage
     return generation.ForWriting(store, name, error) && TQSetOriginalDisplayName(generation.path(), displayName, error);
 }
 
+bool _CopyOutToStaging(const TQClientManagedStorage *store, const char *name, const OwnerNote &note,
+                       StagingDirectory &staging, uint16_t *mode, uint32_t *flags, TQError **error)
+{
+    LockedGeneration generation;
+    const bool forClient = note.work == Work::CopyOut;
+    return generation.ForReading(store, name, error) && staging.Make(store->rootPath, note, error) &&
+           _CopyOutGeneration(generation.path(), staging.staged(), mode, flags, /*made=*/nullptr,
+                              /*flushEach=*/!forClient, /*leaveWritable=*/forClient, error);
+}
+
 bool TQClientManagedStorageCopyOut(const TQClientManagedStorage *store, const char *name, char *stagedPath,
                                    uint16_t *mode, uint32_t *flags, TQError **error)
 {
-    LockedGeneration generation;
-    if (!generation.ForReading(store, name, error)) return false;
-
-    PathBuffer staged;
-    if (!stagedPath) return Failure(error).Refused(kTQStatusBadPath, "no path buffer was supplied");
-    if (!_GetUniqueStagingPath(store->rootPath, staged, error)) return false;
-    memcpy(stagedPath, staged.c_str(), strlen(staged.c_str()) + 1);
-    if (TQCopyOutGeneration(generation.path(), staged.c_str(), mode, flags, error)) return true;
-    (void)_RemoveStagingPath(store->rootPath, staged.c_str(), nullptr);
-    return false;
+    if (store && !stagedPath) return Failure(error).Refused(kTQStatusBadPath, "no path buffer was supplied");
+    StagingDirectory staging;
+    if (!_CopyOutToStaging(store, name, OwnerNote::Of(Work::CopyOut, nullptr), staging, mode, flags, error))
+        return false;
+    memcpy(stagedPath, staging.staged(), strlen(staging.staged()) + 1);
+    staging.Keep();
+    return true;
 }
 
 bool TQClientManagedStorageCopyOutDone(const TQClientManagedStorage *store, const char *stagedPath, TQError **error)
@@ -153,6 +162,12 @@ bool TQClientManagedStorageCopyOutDone(const TQClientManagedStorage *store, cons
 bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, const char *name,
                                           const char *destination, TQError **error)
 {
+    return _CopyGeneration(store, name, destination, /*flushEach=*/false, error);
+}
+
+bool _CopyGeneration(const TQClientManagedStorage *store, const char *name, const char *destination, bool flushEach,
+                     TQError **error)
+{
     LockedGeneration generation;
     if (!generation.ForReading(store, name, error)) return false;
     if (!destination || destination[0] == '\0')
@@ -161,13 +176,14 @@ bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, c
     if (!trimmed) return Failure(error).Refused(kTQStatusBadPath, "the destination path is too long");
     const char *target = trimmed.c_str();
     if (_PathExists(target)) return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", target);
+    if (!_RequireOutsideStores(target, error)) return false;
 
     uint16_t mode = 0;
     uint32_t flags = 0;
     // What somebody put there since we looked, or a link to nothing, is not ours to remove.
     bool made = false;
-    if (_CopyOutGeneration(generation.path(), target, &mode, &flags, &made, /*flushEach=*/false,
-                           /*leaveWritable=*/false, error) &&
+    if (_CopyOutGeneration(generation.path(), target, &mode, &flags, &made, flushEach, /*leaveWritable=*/false,
+                           error) &&
         ApplyFinalRights(target, mode, flags, error))
         return true;
     if (made) (void)_RemoveTree(target, 0, nullptr);

@@ -1,9 +1,13 @@
 // Where things lie in a store: generations under their names, and what an operation is building in staging.
 
+#include "vaultry_client_managed_staging.h"
+
 #include "vaultry_client_managed.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/Flush.h"
 #include "Platform/UniqueNames.h"
+#include "Shared/vaultry_fs_wrappers.h"
 #include "Shared/vaultry_internal_failure.h"
 
 #include <vaultry/filesystem.h>
@@ -21,6 +25,8 @@ bool _GetPathToGeneration(const char *rootPath, const char *name, bool mustExist
     if (!path.Format("%s/%s", rootPath, name))
         return Failure(error).Refused(kTQStatusBadPath, "The supplied generation name is too long");
     // The path of the empty name is the root itself, and no generation.
+    if (name[0] == '\0' && !mustExist)
+        return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
     if (mustExist && (name[0] == '\0' || _PathNotExists(path.c_str())))
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name doesn't exist");
     return true;
@@ -56,6 +62,14 @@ bool _GetUniqueStagingPath(const char *rootPath, PathBuffer &path, TQError **err
     return Failure(error).Status(kTQStatusBadPath, "path name is too long");
 }
 
+// The owner file goes last: what is left after a kill still says whose it was.
+static bool RemoveUnique(const char *path, TQError **error)
+{
+    TreeRemoval how;
+    how.last = kOwnerFileName;
+    return _RemoveTreeAt(Item::AtPath(path), how, error);
+}
+
 bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
 {
     PathBuffer prefix;
@@ -71,12 +85,55 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
     const size_t uniqueLength = strcspn(unique, "/");
     if (uniqueLength == 0 || strncmp(unique, "..", uniqueLength) == 0)
         return Failure(error).Status(kTQStatusFailed, "Staging path provided to remove was not in staging directory");
-    if (unique[uniqueLength] == '\0') return _RemoveTree(path, 0, error);
+    if (unique[uniqueLength] == '\0') return RemoveUnique(path, error);
 
     const size_t length = prefixLength + uniqueLength;
     if (length >= PathBuffer::kCapacity)
         return Failure(error).Status(kTQStatusBadPath, "staging path to remove is too long");
     PathBuffer directory;
     (void)directory.Format("%.*s", static_cast<int>(length), path);
-    return _RemoveTree(directory.c_str(), 0, error);
+    return RemoveUnique(directory.c_str(), error);
+}
+
+StagingDirectory::~StagingDirectory()
+{
+    const ErrnoKeeper keeper;
+    if (root_) (void)_RemoveStagingPath(root_, unique_.c_str(), nullptr);
+    _ReleaseOwnerFile(owner_);
+}
+
+void StagingDirectory::Keep()
+{
+    root_ = nullptr;
+}
+
+bool StagingDirectory::Make(const char *root, const OwnerNote &note, TQError **error)
+{
+    if (!_GetUniqueStagingPath(root, staged_, error)) return false;
+    root_ = root;
+    (void)unique_.Format("%.*s", static_cast<int>(strrchr(staged_.c_str(), '/') - staged_.c_str()), staged_.c_str());
+    directory_.Reset(open(unique_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory_) return Failure(error).Errno("Failed to write \"%s/%s\"", unique_.c_str(), kOwnerFileName);
+    owner_ = _MakeOwnerFile(directory_.get(), unique_.c_str(), note, error);
+    return static_cast<bool>(owner_);
+}
+
+struct timespec StagingDirectory::written() const
+{
+    TQFileStatus status{};
+    (void)platform::GetStatusOfFd(owner_.get(), &status);
+    return status.modificationTime;
+}
+
+bool StagingDirectory::FlushNote(TQError **error) const
+{
+    const UniqueFd area(openat(directory_.get(), "..", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    for (const int fd : {owner_.get(), directory_.get(), area.get()})
+        if (platform::FlushFd(fd) != 0) return Failure(error).Errno("Failed to flush \"%s\" to disk", unique_.c_str());
+    return true;
+}
+
+bool StagingDirectory::NoteExchange(const PlannedExchange &exchange, TQError **error) const
+{
+    return _NoteExchange(owner_.get(), unique_.c_str(), exchange, error) && FlushNote(error);
 }

@@ -624,6 +624,7 @@ struct Finding {
     std::string kind;    ///< for programs
     std::string meaning; ///< for people
     bool mended = false;
+    std::filesystem::path home; ///< where it belongs, if it is a document
 };
 
 /// A generation that was copied into the staging area, to be put somewhere by rename. What is left of it in the
@@ -711,7 +712,8 @@ public:
         for (const Value &value : *found) {
             const auto one = value.as<Dictionary>();
             findings.push_back({one["path"].as<Data>().str(), one["kind"].as<String>().str(),
-                                one["meaning"].as<String>().str(), one["mended"].as<Number>().to_bool()});
+                                one["meaning"].as<String>().str(), one["mended"].as<Number>().to_bool(),
+                                one["home"].as<Data>().str()});
         }
         return findings;
     }

@@ -1,7 +1,8 @@
 #include "Platform/UniqueNames.h"
 
+#include "Platform/FileStatus.h"
 #include "Platform/Rename.h"
-#include "Platform/ScopeExit.h"
+#include "Platform/UniqueFd.h"
 
 #include <cerrno>
 #include <climits>
@@ -9,6 +10,7 @@
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace platform {
 
@@ -44,14 +46,13 @@ static bool _Parse(const char *pathTemplate, int suffixLength, UniqueName &name)
 
 static bool _Randomize(UniqueName &name)
 {
-    static constexpr char kAlphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
     unsigned char random[64];
     for (size_t done = 0; done < name.count;) {
         const size_t wanted = name.count - done < sizeof random ? name.count - done : sizeof random;
         const ssize_t got = getrandom(random, wanted, 0);
         if (got < 0 && errno != EINTR) return false;
         for (ssize_t i = 0; i < got; ++i)
-            name.path[name.firstX + done++] = kAlphabet[random[i] % (sizeof kAlphabet - 1)];
+            name.path[name.firstX + done++] = kUniqueAlphabet[random[i] % (sizeof kUniqueAlphabet - 1)];
     }
     return true;
 }
@@ -75,20 +76,37 @@ template <class Make> static int _MakeUnique(char *pathTemplate, int suffixLengt
     return -1;
 }
 
+// The process's umask counts for nothing.
+int MakeUniqueDirectoryAt(int directory, char *nameTemplate, int suffixLength)
+{
+    return _MakeUnique(nameTemplate, suffixLength, [directory](const char *name) {
+        if (mkdirat(directory, name, S_IRWXU) != 0) return -1;
+        if (SetMode({directory, name, name}, Links::NoFollow, S_IRWXU) == 0) return 0;
+        const ErrnoKeeper keeper;
+        (void)unlinkat(directory, name, AT_REMOVEDIR);
+        return -1;
+    });
+}
+
 int MakeUniqueDirectory(char *pathTemplate)
 {
-    return _MakeUnique(pathTemplate, 0, [](const char *path) { return mkdir(path, 0700); });
+    return MakeUniqueDirectoryAt(AT_FDCWD, pathTemplate, 0);
 }
 
 int RenameToUnique(const char *from, char *pathTemplate)
 {
-    return _MakeUnique(pathTemplate, 0, [from](const char *path) { return RenameIntoNothing(from, path); });
+    return _MakeUnique(pathTemplate, 0,
+                       [from](const char *path) { return RenameIntoNothing(Item::AtPath(from), Item::AtPath(path)); });
 }
 
 int MakeUniqueFileAt(int directory, char *nameTemplate, int suffixLength)
 {
     return _MakeUnique(nameTemplate, suffixLength, [directory](const char *name) {
-        return openat(directory, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        UniqueFd fd(openat(directory, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+        if (!fd || fchmod(fd.get(), S_IRUSR | S_IWUSR) == 0) return fd.Release();
+        const ErrnoKeeper keeper;
+        (void)unlinkat(directory, name, 0);
+        return -1;
     });
 }
 

@@ -8,8 +8,11 @@
 
 namespace platform {
 
-// Mode 0700. 0, or -1 with errno.
+inline constexpr char kUniqueAlphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+
+// Mode 0700. 0, or -1 with errno. The second makes it in an open directory, and leaves the last `suffixLength` bytes.
 int MakeUniqueDirectory(char *pathTemplate);
+int MakeUniqueDirectoryAt(int directory, char *nameTemplate, int suffixLength);
 
 // Mode 0600, read-write, close-on-exec. The descriptor, or -1 with errno. The last `suffixLength` bytes stay as they
 // are. The second makes it in an open directory.

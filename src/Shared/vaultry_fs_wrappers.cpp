@@ -29,10 +29,10 @@ constexpr uint64_t kSystemManagedMinimumSize = 536870912; // exclusive
 using FileManagerInfo = std::array<uint8_t, kFileManagerInfoSize>;
 
 // False, and zeros beyond what was read, unless the attribute is there with its right size.
-bool ReadFileManagerInfo(const char *path, FileManagerInfo &info)
+bool ReadFileManagerInfo(const Item &item, Links links, FileManagerInfo &info)
 {
     info.fill(0);
-    return platform::GetAttribute(Item::AtPath(path), Links::NoFollow, kFileManagerInfo, info.data(), info.size()) ==
+    return platform::GetAttribute(item, links, kFileManagerInfo, info.data(), info.size()) ==
            static_cast<ssize_t>(info.size());
 }
 
@@ -105,22 +105,26 @@ bool _UnsetCopyOnWrite(const char *path)
 bool TQFSFilenameExtensionIsHidden(const char *path)
 {
     FileManagerInfo info;
-    return ReadFileManagerInfo(OrEmpty(path), info) && (info[kExtensionHiddenByte] & kExtensionHiddenBit) != 0;
+    return ReadFileManagerInfo(Item::AtPath(OrEmpty(path)), Links::NoFollow, info) &&
+           (info[kExtensionHiddenByte] & kExtensionHiddenBit) != 0;
 }
 
 void TQFSSetFileNameExtensionHiding(const char *path, bool hide)
 {
-    path = OrEmpty(path);
+    _SetFileNameExtensionHiding(Item::AtPath(OrEmpty(path)), Links::NoFollow, hide);
+}
+
+void _SetFileNameExtensionHiding(const Item &item, Links links, bool hide)
+{
     FileManagerInfo info;
-    if (!ReadFileManagerInfo(path, info) && !hide) return;
+    if (!ReadFileManagerInfo(item, links, info) && !hide) return;
 
     uint8_t &mark = info[kExtensionHiddenByte];
     mark = static_cast<uint8_t>(hide ? mark | kExtensionHiddenBit : mark & ~kExtensionHiddenBit);
-    if (platform::SetAttribute(Item::AtPath(path), Links::NoFollow, kFileManagerInfo, info.data(), info.size()) == 0)
-        return;
+    if (platform::SetAttribute(item, links, kFileManagerInfo, info.data(), info.size()) == 0) return;
     const int errorNumber = errno;
     char text[256];
-    Log(kLogError).Line("setxattr on \"%s\" for NavvexInfo returned error %d (%s)\n", path, errorNumber,
+    Log(kLogError).Line("setxattr on \"%s\" for NavvexInfo returned error %d (%s)\n", item.path, errorNumber,
                         strerror_r(errorNumber, text, sizeof text));
 }
 

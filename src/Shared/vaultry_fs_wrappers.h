@@ -22,6 +22,9 @@ bool _RemoveTreeAt(const Item &root, const TreeRemoval &how, TQError **error);
 // The same at a path.
 bool _RemoveTreeInternal(const char *path, bool keepRoot, TQError **error);
 
+// TQFSSetFileNameExtensionHiding for an item known by descriptor.
+void _SetFileNameExtensionHiding(const Item &item, Links links, bool hide);
+
 // One step of TQSetRemoveValues.
 void _RemoveValueCB(TQValue *value, void *targetSet);
 

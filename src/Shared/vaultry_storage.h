@@ -81,10 +81,18 @@ struct HardLinkedFile {
 };
 bool _BreakHardLink(const HardLinkedFile &file, TQError **error);
 
-// Undoes the archiving of what a by-moving add took, and moves it back to where it came from. Nothing at `source` is
-// replaced. True also if there is nothing at `moved`. False if it can't be moved: the item then lies where it was,
-// and a line at level 3 says where.
-bool _GiveDocumentBack(const char *moved, const char *source);
+// What a by-moving add knew of its document before it took it.
+struct MovedDocument {
+    bool knowsTop = false; // mode and flags of its top item; else the record of permissions is all there is
+    uint32_t topMode = 0;
+    uint32_t topFlags = 0;
+    struct timespec since {}; // what was last changed before this, by the volume's clock, the add has not changed
+};
+
+// Undoes the archiving of what a by-moving add took, takes away copies that were to replace hard links, and moves it back
+// to where it came from. Nothing at `home` is replaced. True also if there is nothing at `moved`. False if it can't be
+// moved: the item then lies where it was, and a line at level 3 says where.
+bool _GiveDocumentBack(const Item &moved, const Item &home, const MovedDocument &document);
 
 // Gives an item that may stand immutable, or a directory without owner write, what a rename to another
 // parent needs.

@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <limits>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -106,7 +107,9 @@ struct MovedItem {
 // The document goes home before anything is removed; it may be the only copy.
 bool FailedAfterMove(const MovedItem &moved, const char *source, const char *destination)
 {
-    if (_GiveDocumentBack(destination, source)) moved.PutBack(source);
+    MovedDocument notArchived;
+    notArchived.since = {std::numeric_limits<time_t>::max(), 0};
+    if (_GiveDocumentBack(Item::AtPath(destination), Item::AtPath(source), notArchived)) moved.PutBack(source);
     return false;
 }
 

@@ -8,82 +8,159 @@
 
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
+#include "Platform/ProcPath.h"
 #include "Platform/Rename.h"
 #include "Platform/ScopeExit.h"
 #include "Platform/TreeWalk.h"
+#include "Platform/UniqueNames.h"
 #include "Shared/vaultry_internal_failure.h"
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
 using Kind = TreeWalk::Kind;
 
-// Best effort, item by item: what can't be undone stays protected, and its byte still says what it had.
-void UndoArchiving(const TreeWalk::Entry &entry)
+constexpr size_t kUniqueLength = 6; // behind "_", in the name of a copy that replaces a hard link
+
+bool IsBefore(const struct timespec &a, const struct timespec &b)
+{
+    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
+}
+
+struct Rights {
+    mode_t mode;
+    uint32_t flags;
+};
+
+// What the item had, if this add has taken it. A record that is older came along with the document and says nothing.
+bool GetRightsOfBefore(const Item &item, const TreeWalk::Entry &entry, const MovedDocument &document, Rights *rights,
+                       bool *isRecorded)
 {
     uint8_t saved = 0;
-    if (platform::GetAttribute(entry.item, Links::NoFollow, kSavedPermissionsAttribute, &saved, sizeof saved) != 1)
-        return;
-    const mode_t mode = (entry.status.mode & 07777U & ~mode_t{0222}) | SavedWriteBits(saved);
     const uint32_t others = entry.status.flags & ~kBlockingFlags;
-    const uint32_t flags = others | ((saved & kSavedImmutable) ? uint32_t{kTQFlagImmutable} : 0) |
-                           ((saved & kSavedAppend) ? uint32_t{kTQFlagAppend} : 0);
+    const ssize_t length =
+        platform::GetAttribute(item, Links::Follow, kSavedPermissionsAttribute, &saved, sizeof saved);
+    const bool isTop = entry.level == 0 && document.knowsTop;
+    *isRecorded = length == 1 && (!isTop || saved == SavedPermissionsOf(document.topMode, document.topFlags));
+    if (isTop)
+        *rights = {static_cast<mode_t>(document.topMode), others | (document.topFlags & kBlockingFlags)};
+    else
+        *rights = {(entry.status.mode & 07777U & ~kWriteBits) | SavedWriteBits(saved),
+                   others | ((saved & kSavedImmutable) ? uint32_t{kTQFlagImmutable} : 0) |
+                       ((saved & kSavedAppend) ? uint32_t{kTQFlagAppend} : 0)};
+    return isTop || (*isRecorded && !IsBefore(entry.status.changeTime, document.since));
+}
+
+// Best effort, item by item: what can't be undone stays protected, and its byte still says what it had.
+void UndoArchiving(const TreeWalk::Entry &entry, const MovedDocument &document)
+{
+    const UniqueFd pinned = platform::PinItem(entry.item, entry.status);
+    if (!pinned) return;
+    const platform::ProcPath path(pinned.get());
+    const Item item{AT_FDCWD, path.c_str(), entry.item.path};
+    Rights rights{};
+    bool isRecorded = false;
+    if (!GetRightsOfBefore(item, entry, document, &rights, &isRecorded)) return;
 
     // Removing the byte takes write permission, which the item may not have had, and no flag may stand in the way: the
     // item at which archiving failed has its flags already.
-    if (others != entry.status.flags) (void)platform::SetFlags(entry.item, Links::NoFollow, others);
-    (void)platform::SetMode(entry.item, Links::NoFollow, mode | 0200);
-    (void)platform::RemoveAttribute(entry.item, Links::NoFollow, kSavedPermissionsAttribute);
-    if ((mode & 0200) == 0) (void)platform::SetMode(entry.item, Links::NoFollow, mode);
-    if (flags != others) (void)platform::SetFlags(entry.item, Links::NoFollow, flags);
+    TQFileStatus now = entry.status;
+    const uint32_t others = now.flags & ~kBlockingFlags;
+    if (platform::SetFlagsOfPinned(pinned.get(), now, others) == 0) now.flags = others;
+    (void)platform::SetModeOfPinned(pinned.get(), rights.mode | 0200);
+    if (isRecorded) (void)platform::RemoveAttribute(item, Links::Follow, kSavedPermissionsAttribute);
+    if ((rights.mode & 0200) == 0) (void)platform::SetModeOfPinned(pinned.get(), rights.mode);
+    (void)platform::SetFlagsOfPinned(pinned.get(), now, rights.flags);
 }
 
-void UndoArchivingOfTree(const char *path)
+// Whether this is the copy that was to take the place of a hard link when the add was cut short: younger than the add,
+// with one link, and named after a file beside it that has more.
+bool IsLinkCopy(const TreeWalk::Entry &entry, const MovedDocument &document)
+{
+    const char *const name = entry.item.name;
+    const size_t length = strlen(name);
+    if (entry.kind != Kind::File || length <= kUniqueLength + 1 || name[length - kUniqueLength - 1] != '_')
+        return false;
+    if (strspn(name + length - kUniqueLength, platform::kUniqueAlphabet) != kUniqueLength) return false;
+    const bool isYoung = entry.status.hasBirthTime && !IsBefore(entry.status.birthTime, document.since);
+    if (entry.status.linkCount != 1 || !isYoung || document.since.tv_sec == 0) return false;
+
+    char original[NAME_MAX + 1];
+    (void)snprintf(original, sizeof original, "%.*s", static_cast<int>(length - kUniqueLength - 1), name);
+    TQFileStatus status;
+    return platform::GetStatus({entry.item.directory, original, original}, Links::NoFollow, &status) == 0 &&
+           S_ISREG(status.mode) && status.linkCount > 1;
+}
+
+void TakeAway(const TreeWalk::Entry &linkCopy)
+{
+    // A copied flag would keep it where it is.
+    if (linkCopy.status.flags != 0) (void)platform::SetFlags(linkCopy.item, Links::NoFollow, 0);
+    if (unlinkat(linkCopy.item.directory, linkCopy.item.name, 0) != 0 && errno != ENOENT)
+        Failure(nullptr).Errno("Failed to remove \"%s\"", linkCopy.item.path);
+}
+
+void UndoArchivingOfTree(const Item &moved, const MovedDocument &document)
 {
     TreeWalk walk;
-    if (!walk.Open(path)) {
-        Failure(nullptr).Errno("Failed to give the document at \"%s\" its permissions back", path);
+    if (!walk.Open(moved)) {
+        Failure(nullptr).Errno("Failed to give the document at \"%s\" its permissions back", moved.path);
         return;
     }
-    while (const TreeWalk::Entry *entry = walk.Next())
-        if (entry->kind == Kind::File || entry->kind == Kind::Other || entry->kind == Kind::DirectoryDone)
-            UndoArchiving(*entry);
+    while (const TreeWalk::Entry *entry = walk.Next()) {
+        if (IsLinkCopy(*entry, document))
+            TakeAway(*entry);
+        else if (entry->kind == Kind::File || entry->kind == Kind::Other || entry->kind == Kind::DirectoryDone)
+            UndoArchiving(*entry, document);
+    }
 }
 
 // What the rename needed lifted.
 void PutBackRights(const Item &item, const TQFileStatus &status)
 {
-    if (platform::SetMode(item, Links::NoFollow, status.mode & 07777) != 0 && errno != ENOTSUP)
+    const UniqueFd pinned = platform::PinItem(item, status);
+    if (pinned && platform::SetModeOfPinned(pinned.get(), status.mode & 07777) != 0 && errno != EOPNOTSUPP)
         Failure(nullptr).Errno("Failed to put the mode of \"%s\" back", item.path);
-    if (platform::SetFlags(item, Links::NoFollow, status.flags) != 0 && errno != ENOTSUP)
+    TQFileStatus now;
+    if (pinned && platform::GetStatusOfFd(pinned.get(), &now) == 0 &&
+        platform::SetFlagsOfPinned(pinned.get(), now, status.flags) != 0 && errno != ENOTSUP)
         Failure(nullptr).Errno("Failed to put the flags of \"%s\" back", item.path);
+}
+
+bool MakePinnedMovable(int fd, const TQFileStatus &status)
+{
+    if (platform::SetFlagsOfPinned(fd, status, status.flags & ~kBlockingFlags) != 0) return false;
+    return !S_ISDIR(status.mode) || (status.mode & 0200) != 0 ||
+           platform::SetModeOfPinned(fd, (status.mode | 0200) & 07777) == 0;
 }
 
 } // namespace
 
 bool _MakeMovable(const char *path, const TQFileStatus &status)
 {
-    const Item item = Item::AtPath(path);
-    if ((status.flags & kBlockingFlags) != 0 &&
-        platform::SetFlags(item, Links::NoFollow, status.flags & ~kBlockingFlags) != 0)
-        return false;
-    return !S_ISDIR(status.mode) || (status.mode & 0200) != 0 ||
-           platform::SetMode(item, Links::NoFollow, (status.mode | 0200) & 07777) == 0;
+    const UniqueFd pinned = platform::PinItem(Item::AtPath(path), status);
+    return pinned && MakePinnedMovable(pinned.get(), status);
 }
 
-bool _GiveDocumentBack(const char *moved, const char *source)
+bool _GiveDocumentBack(const Item &moved, const Item &home, const MovedDocument &document)
 {
     const ErrnoKeeper keeper;
     TQFileStatus status;
-    if (platform::GetStatus(Item::AtPath(moved), Links::NoFollow, &status) != 0 && errno == ENOENT) return true;
-    UndoArchivingOfTree(moved);
+    if (platform::GetStatus(moved, Links::NoFollow, &status) != 0 && errno == ENOENT) return true;
+    UndoArchivingOfTree(moved, document);
 
-    const bool known = platform::GetStatus(Item::AtPath(moved), Links::NoFollow, &status) == 0;
-    if (known) (void)_MakeMovable(moved, status); // the rename tells whether it was enough
-    const bool home = platform::RenameIntoNothing(moved, source) == 0;
-    if (!home) Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", source, moved);
-    if (known) PutBackRights(Item::AtPath(home ? source : moved), status);
-    return home;
+    const bool known = platform::GetStatus(moved, Links::NoFollow, &status) == 0;
+    const UniqueFd pinned = known ? platform::PinItem(moved, status) : UniqueFd();
+    if (pinned) (void)MakePinnedMovable(pinned.get(), status); // the rename tells whether it was enough
+    const bool isHome = platform::RenameIntoNothing(moved, home) == 0;
+    if (!isHome)
+        Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", home.path, moved.path);
+    if (known) PutBackRights(isHome ? home : moved, status);
+    return isHome;
 }

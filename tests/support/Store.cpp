@@ -109,7 +109,7 @@ void TestStore::CheckInvariants(const std::string &lifted, bool killed)
     if (!killed) return;
     // What lies about is mended, or is nobody's document and goes later.
     EXPECT_TRUE(vaultry::Store::findings(root_, /*repair=*/true));
-    for (const auto &[path, kind, meaning, mended] : *vaultry::Store::findings(root_))
+    for (const auto &[path, kind, meaning, mended, home] : *vaultry::Store::findings(root_))
         EXPECT_TRUE(kind == "staging-recent" || kind == "placeholder-empty" || kind == "document-aside")
             << path << " is not mended: " << kind;
 }

@@ -1,0 +1,106 @@
+#include "vaultry_client_managed_nesting.h"
+
+#include "vaultry_client_managed.h"
+
+#include "Platform/FileStatus.h"
+#include "Platform/ItemId.h"
+#include "Platform/UniqueFd.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kPointing = O_PATH | O_DIRECTORY | O_CLOEXEC;
+
+enum class Answer { No, Yes, Unknown }; // Unknown with errno
+
+Answer IsThere(int directory, const char *name)
+{
+    TQFileStatus status;
+    if (platform::GetStatus({directory, name, name}, Links::NoFollow, &status) == 0) return Answer::Yes;
+    return errno == ENOENT ? Answer::No : Answer::Unknown;
+}
+
+// Both of a store's own files: a directory with one of them is somebody's own, or a store that is being destroyed.
+Answer IsStore(int directory)
+{
+    const Answer hasLock = IsThere(directory, kLockFileName);
+    return hasLock == Answer::Yes ? IsThere(directory, kStagingName) : hasLock;
+}
+
+// Climbs from `directory` to the top, until `isWanted`, asked of the descriptor and the status of each, says Yes.
+template <class IsWanted> Answer Climb(UniqueFd directory, IsWanted isWanted)
+{
+    ItemId last;
+    for (;;) {
+        TQFileStatus status;
+        if (!directory || platform::GetStatusOfFd(directory.get(), &status) != 0) return Answer::Unknown;
+        const ItemId here = ItemId::Of(status);
+        if (here == last) return Answer::No; // the top is its own parent
+        if (const Answer answer = isWanted(directory.get(), here); answer != Answer::No) return answer;
+        last = here;
+        directory.Reset(openat(directory.get(), "..", kPointing));
+    }
+}
+
+bool OutsideOr(Answer inside, const char *path, TQError **error)
+{
+    if (inside == Answer::No) return true;
+    if (inside == Answer::Yes)
+        return Failure(error).Refused(kTQStatusInvalidArgument, "path \"%s\" is inside the store", path);
+    return Failure(error).Errno("Failed to look for a store around \"%s\"", path);
+}
+
+Answer IsStoreAmong(UniqueFd directory)
+{
+    return Climb(std::move(directory), [](int each, const ItemId &) { return IsStore(each); });
+}
+
+} // namespace
+
+bool _RequireOutsideStores(const char *path, TQError **error)
+{
+    const ErrnoKeeper keeper;
+    const TrimmedPath trimmed(path);
+    const char *const slash = strrchr(trimmed.c_str(), '/');
+    char folder[PATH_MAX] = ".";
+    if (slash)
+        (void)snprintf(folder, sizeof folder, "%.*s",
+                       static_cast<int>(slash == trimmed.c_str() ? 1 : slash - trimmed.c_str()), trimmed.c_str());
+    UniqueFd directory(open(folder, kPointing));
+    if (!directory && (errno == ENOENT || errno == ENOTDIR)) return true;
+    return OutsideOr(IsStoreAmong(std::move(directory)), path, error);
+}
+
+bool _RequireNoStoreInside(const char *path, const char *root, TQError **error)
+{
+    const ErrnoKeeper keeper;
+    TQFileStatus tree;
+    if (platform::GetStatus(Item::AtPath(path), Links::NoFollow, &tree) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return true;
+        return Failure(error).Errno("stat(\"%s\") failed", path);
+    }
+    if (!S_ISDIR(tree.mode)) return true;
+    const ItemId document = ItemId::Of(tree);
+    const Answer contains = Climb(UniqueFd(open(root, kPointing)),
+                                  [&](int, const ItemId &each) { return each == document ? Answer::Yes : Answer::No; });
+    if (contains == Answer::No) return true;
+    if (contains == Answer::Yes)
+        return Failure(error).Refused(kTQStatusInvalidArgument, "path \"%s\" contains the store", path);
+    return Failure(error).Errno("Failed to look for the store in \"%s\"", path);
+}
+
+bool _RequireNoStoreAround(const char *root, TQError **error)
+{
+    const ErrnoKeeper keeper;
+    const UniqueFd self(open(root, kPointing));
+    if (!self) return Failure(error).Errno("Failed to look for a store around \"%s\"", root);
+    return OutsideOr(IsStoreAmong(UniqueFd(openat(self.get(), "..", kPointing))), root, error);
+}

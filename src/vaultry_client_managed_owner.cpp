@@ -1,0 +1,286 @@
+#include "vaultry_client_managed_owner.h"
+
+#include "Platform/FileStatus.h"
+#include "Platform/Machine.h"
+#include "Platform/Volume.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <iterator>
+#include <sys/file.h>
+
+namespace {
+
+constexpr mode_t kOwnerFileMode = 0600;
+constexpr const char *kWords[] = {"copy", "move", "remove", "copy-out", "restore"}; // of Work, in its order
+constexpr char kFirstLine[] = "vaultry owner 1\n", kExchangeLine[] = "exchange\n", kLastLine[] = "end\n";
+
+// A path may hold any byte but zero, so its length stands before it.
+constexpr size_t kNoteCapacity = 5 * PATH_MAX;
+
+class NoteText {
+public:
+    [[gnu::format(printf, 2, 3)]] void Add(const char *format, ...)
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        const int added = vsnprintf(text_ + length_, sizeof text_ - length_, format, arguments);
+        va_end(arguments);
+        length_ += added > 0 ? static_cast<size_t>(added) : 0; // every part is bounded, and all of them fit
+    }
+    void AddPath(const char *key, const char *path) { Add("%s %zu\n%s\n", key, strlen(path), path); }
+    void AddItem(const char *key, const ItemId &item)
+    {
+        Add("%s %" PRIu64 " %" PRIu64 "\n", key, item.device, item.inode);
+    }
+
+    // One write, behind what is there: whole, or not to be believed.
+    bool WriteTo(int fd) const
+    {
+        const ssize_t written = write(fd, text_, length_);
+        if (written == static_cast<ssize_t>(length_)) return true;
+        if (written >= 0) errno = ENOSPC;
+        return false;
+    }
+
+private:
+    char text_[kNoteCapacity];
+    size_t length_ = 0;
+};
+
+// Reads what NoteText wrote, and trusts none of it.
+class NoteReader {
+public:
+    NoteReader(const char *text, size_t length) : at_(text), end_(text + length) {}
+
+    bool Take(const char *text)
+    {
+        const size_t length = strlen(text);
+        if (static_cast<size_t>(end_ - at_) < length || memcmp(at_, text, length) != 0) return false;
+        at_ += length;
+        return true;
+    }
+
+    // The word behind `key`, up to the end of the line.
+    template <size_t size> bool TakeWord(const char *key, char (&word)[size])
+    {
+        if (!Take(key) || !Take(" ")) return false;
+        const void *const newline = memchr(at_, '\n', static_cast<size_t>(end_ - at_));
+        const size_t length = newline ? static_cast<size_t>(static_cast<const char *>(newline) - at_) : size;
+        if (length >= size || memchr(at_, '\0', length)) return false;
+        memcpy(word, at_, length);
+        word[length] = '\0';
+        at_ += length + 1;
+        return true;
+    }
+
+    template <class... Numbers> bool TakeNumbers(const char *key, Numbers *...numbers)
+    {
+        char word[64];
+        if (!TakeWord(key, word)) return false;
+        const char *next = word;
+        return (TakeNumber(next, numbers) && ...) && *next == '\0';
+    }
+
+    bool TakePath(const char *key, char *path, size_t capacity)
+    {
+        uint64_t length = 0;
+        if (!TakeNumbers(key, &length) || length >= capacity || static_cast<uint64_t>(end_ - at_) <= length)
+            return false;
+        if (memchr(at_, '\0', length) || at_[length] != '\n') return false;
+        memcpy(path, at_, length);
+        path[length] = '\0';
+        at_ += length + 1;
+        return true;
+    }
+
+private:
+    template <class Number> static bool TakeNumber(const char *&next, Number *number)
+    {
+        if (*next == ' ') ++next;
+        if (*next < '0' || *next > '9') return false;
+        char *end = nullptr;
+        errno = 0;
+        const unsigned long long read = strtoull(next, &end, 10);
+        next = end;
+        *number = static_cast<Number>(read);
+        return errno == 0 && static_cast<unsigned long long>(*number) == read;
+    }
+
+    const char *at_;
+    const char *end_;
+};
+
+bool ReadWork(NoteReader &reader, Work *work)
+{
+    char word[16];
+    if (!reader.TakeWord("work", word)) return false;
+    for (size_t i = 0; i < std::size(kWords); ++i)
+        if (strcmp(word, kWords[i]) == 0) {
+            *work = static_cast<Work>(i);
+            return true;
+        }
+    return false;
+}
+
+bool ReadNote(NoteReader &reader, OwnerNote *note)
+{
+    return reader.Take(kFirstLine) && ReadWork(reader, &note->work) && reader.TakeWord("machine", note->machine) &&
+           reader.TakeWord("boot", note->boot) && reader.TakeNumbers("process", &note->process) &&
+           reader.TakeNumbers("since", &note->since) && reader.TakeNumbers("top", &note->topMode, &note->topFlags) &&
+           reader.TakePath("document", note->document, sizeof note->document) && reader.Take(kLastLine);
+}
+
+bool ReadExchange(NoteReader &reader, PlannedExchange *exchange)
+{
+    const auto takePath = [&](const char *key, PathBuffer &path) {
+        return reader.TakePath(key, path.data(), PathBuffer::kCapacity);
+    };
+    const auto takeItem = [&](const char *key, ItemId &item) {
+        return reader.TakeNumbers(key, &item.device, &item.inode);
+    };
+    return reader.Take(kExchangeLine) && takeItem("document", exchange->document) && takeItem("copy", exchange->copy) &&
+           takeItem("placeholder", exchange->placeholder) && takePath("waiting", exchange->waiting) &&
+           takePath("aside", exchange->aside) && takePath("restored", exchange->restored) && reader.Take(kLastLine);
+}
+
+// What a restore added last counts: it notes anew where it learns more.
+void ReadExchanges(NoteReader &reader, OwnerNote *note)
+{
+    PlannedExchange exchange;
+    while (ReadExchange(reader, &exchange)) {
+        note->exchange = exchange;
+        note->hasExchange = true;
+    }
+}
+
+bool ReadOwnerFile(int fd, OwnerNote *note)
+{
+    char text[kNoteCapacity];
+    const ssize_t length = pread(fd, text, sizeof text, 0);
+    if (length <= 0) return false;
+    NoteReader reader(text, static_cast<size_t>(length));
+    if (!ReadNote(reader, note)) return false;
+    ReadExchanges(reader, note);
+    return true;
+}
+
+// Whether the lock says that the operation lives. Where locks may stay on their host a free one says nothing of others.
+OwnerLife LifeOf(int fd, const OwnerNote &note)
+{
+    int result = 0;
+    do result = flock(fd, LOCK_SH | LOCK_NB);
+    while (result != 0 && errno == EINTR);
+    if (result != 0) return errno == EWOULDBLOCK ? OwnerLife::Alive : OwnerLife::Doubtful;
+    (void)flock(fd, LOCK_UN);
+    return platform::VolumeHonoursFlush(fd) || note.IsOfThisStart() ? OwnerLife::Dead : OwnerLife::Doubtful;
+}
+
+// Waits for whoever is looking whether it is locked.
+bool LockForLife(int fd)
+{
+    int result = 0;
+    do result = flock(fd, LOCK_EX);
+    while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
+// Root, too, works for the staging area's owner: a file of anybody else is not believed.
+bool GiveToAreaOwner(int directory, int fd)
+{
+    if (geteuid() != 0) return true;
+    TQFileStatus area;
+    if (platform::GetStatus({directory, "..", ".."}, Links::NoFollow, &area) != 0) return false;
+    return area.owner == 0 || fchown(fd, area.owner, static_cast<gid_t>(-1)) == 0 || errno == EPERM || errno == EINVAL;
+}
+
+} // namespace
+
+OwnerNote OwnerNote::Of(Work work, const char *document)
+{
+    OwnerNote note;
+    note.work = work;
+    (void)snprintf(note.document, sizeof note.document, "%s", document ? document : "");
+    const platform::Machine &machine = platform::ThisMachine();
+    memcpy(note.machine, machine.id, sizeof note.machine);
+    memcpy(note.boot, machine.boot, sizeof note.boot);
+    note.process = getpid();
+    note.since = time(nullptr);
+    return note;
+}
+
+bool OwnerNote::IsOfThisMachine() const
+{
+    return strcmp(machine, platform::ThisMachine().id) == 0;
+}
+
+bool OwnerNote::IsOfThisStart() const
+{
+    return IsOfThisMachine() && strcmp(boot, "-") != 0 && strcmp(boot, platform::ThisMachine().boot) == 0;
+}
+
+UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, TQError **error)
+{
+    NoteText text;
+    text.Add("%swork %s\nmachine %s\nboot %s\n", kFirstLine, kWords[static_cast<size_t>(note.work)], note.machine,
+             note.boot);
+    text.Add("process %" PRId64 "\nsince %" PRId64 "\ntop %u %u\n", note.process, note.since, note.topMode,
+             note.topFlags);
+    text.AddPath("document", note.document);
+    text.Add("%s", kLastLine);
+
+    constexpr int kFlags = O_RDWR | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    UniqueFd fd(openat(directory, kOwnerFileName, kFlags, kOwnerFileMode));
+    // The lock comes before the first byte: who finds the file without it finds it empty. A umask counts for nothing.
+    if (fd && LockForLife(fd.get()) && fchmod(fd.get(), kOwnerFileMode) == 0 && GiveToAreaOwner(directory, fd.get()) &&
+        text.WriteTo(fd.get()))
+        return fd;
+    Failure(error).Errno("Failed to write \"%s/%s\"", path, kOwnerFileName);
+    return {};
+}
+
+bool _NoteExchange(int ownerFile, const char *path, const PlannedExchange &exchange, TQError **error)
+{
+    NoteText text;
+    text.Add("%s", kExchangeLine);
+    text.AddItem("document", exchange.document);
+    text.AddItem("copy", exchange.copy);
+    text.AddItem("placeholder", exchange.placeholder);
+    text.AddPath("waiting", exchange.waiting.c_str());
+    text.AddPath("aside", exchange.aside.c_str());
+    text.AddPath("restored", exchange.restored.c_str());
+    text.Add("%s", kLastLine);
+    if (text.WriteTo(ownerFile)) return true;
+    return Failure(error).Errno("Failed to write \"%s/%s\"", path, kOwnerFileName);
+}
+
+void _ReleaseOwnerFile(UniqueFd &ownerFile)
+{
+    const ErrnoKeeper keeper;
+    if (ownerFile) (void)flock(ownerFile.get(), LOCK_UN);
+    if (ownerFile.Close() != 0) Failure(nullptr).Errno("Failed to close an owner file");
+}
+
+void _LookForOwner(int directory, uint32_t areaOwner, FoundOwner *found)
+{
+    const ErrnoKeeper keeper;
+    *found = {};
+    const UniqueFd fd(openat(directory, kOwnerFileName, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd && errno == ENOENT) return;
+    found->life = OwnerLife::Doubtful;
+    TQFileStatus status;
+    if (!fd || platform::GetStatusOfFd(fd.get(), &status) != 0) return;
+    if (!S_ISREG(status.mode) || (status.mode & 07777) != kOwnerFileMode || status.linkCount != 1 ||
+        status.owner != areaOwner)
+        return;
+    found->written = status.modificationTime;
+    // Looked at before it is read: who holds the lock may be writing.
+    found->readable = ReadOwnerFile(fd.get(), &found->note);
+    found->life = LifeOf(fd.get(), found->note);
+}

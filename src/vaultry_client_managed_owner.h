@@ -1,0 +1,79 @@
+// Whose a staging directory is, and what is done in it.
+//
+// Beside what is staged lies the owner file: what is done, of which document, by which process of which machine, and
+// since when; a restore adds what it is about to exchange. It is written before anything is staged and locked with flock
+// for as long as its operation lives, so that whoever finds the directory can tell work in progress from what a kill
+// left.
+//
+// What the file says is believed only of a regular file of the staging area's owner, with the mode 0600 and one link,
+// and never in a directory that was a generation: a generation on its way out may hold any name.
+
+#pragma once
+
+#include "Platform/ItemId.h"
+#include "Platform/UniqueFd.h"
+#include "Shared/PathBuffer.h"
+
+#include <vaultry/error.h>
+#include <vaultry/file_status.h>
+
+#include <climits>
+
+inline constexpr char kOwnerFileName[] = ".vaultry_owner";
+
+enum class Work { Copy, Move, Remove, CopyOut, Restore };
+
+// What a restore is about to exchange. Paths are absolute.
+struct PlannedExchange {
+    ItemId document;       // that is replaced
+    ItemId copy;           // in staging, if it can be renamed from there,
+    ItemId placeholder;    // else the item beside the document that is filled with it
+    PathBuffer waiting{};  // where the copy waits, and after the exchange the old document
+    PathBuffer aside{};    // where the document waits if the volume can't exchange; else empty
+    PathBuffer restored{}; // where the copy goes
+};
+
+struct OwnerNote {
+    Work work = Work::Copy;
+    char document[PATH_MAX] = ""; // empty where there is none
+    static constexpr uint32_t kUnknownMode = UINT32_MAX;
+    uint32_t topMode = kUnknownMode; // a move: what the document's top item had
+    uint32_t topFlags = 0;
+    char machine[80] = "";
+    char boot[80] = "";
+    int64_t process = 0;
+    int64_t since = 0; // seconds since 1970, by this machine's clock
+    bool hasExchange = false;
+    PlannedExchange exchange{};
+
+    // Made here, now.
+    static OwnerNote Of(Work work, const char *document);
+    bool IsOfThisMachine() const;
+    bool IsOfThisStart() const;
+};
+
+// Makes the owner file in `directory`, which is `path`, and locks it. An empty descriptor on failure.
+UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, TQError **error);
+
+// Adds what is about to be exchanged. The caller brings it to disk.
+bool _NoteExchange(int ownerFile, const char *path, const PlannedExchange &exchange, TQError **error);
+
+// Gives the lock back, so that a child that was forked meanwhile keeps nothing of it.
+void _ReleaseOwnerFile(UniqueFd &ownerFile);
+
+enum class OwnerLife {
+    None,     // there is no owner file
+    Doubtful, // there is one that is not to be believed, or can't be read; or whose owner may live elsewhere
+    Alive,
+    Dead,
+};
+
+// What the owner file in `directory` says. `areaOwner` is whom the staging area belongs to. `note` is filled for Alive
+// and Dead, and for Doubtful if `readable` is set; `written` is when it was, by the volume's clock.
+struct FoundOwner {
+    OwnerLife life = OwnerLife::None;
+    bool readable = false;
+    OwnerNote note{};
+    struct timespec written {};
+};
+void _LookForOwner(int directory, uint32_t areaOwner, FoundOwner *found);

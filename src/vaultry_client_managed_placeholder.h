@@ -1,0 +1,24 @@
+// The names under which a restore keeps things beside a document, for its time.
+//
+//     letter-tmp.nosync.k3Yz90.txt    of a file: stem, mark, six characters, extension
+//     photos-tmp.nosync.k3Yz90        of a folder: its whole name, mark, six characters
+//
+// No file system takes a longer name than 255 bytes: first the stem is made shorter, then the extension, between
+// characters.
+
+#pragma once
+
+#include <climits>
+#include <cstddef>
+
+struct PlaceholderName {
+    char text[NAME_MAX + 1]; // with an X for each of the six characters
+    size_t stemLength;
+    size_t extensionLength;
+
+    // For the document called `document`.
+    PlaceholderName(const char *document, bool isFolder);
+
+    // Whether a restore may have made `name`.
+    bool Matches(const char *name) const;
+};

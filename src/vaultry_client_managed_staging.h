@@ -1,0 +1,41 @@
+// One operation's own directory in the staging area.
+
+#pragma once
+
+#include "vaultry_client_managed_owner.h"
+
+// Made with its owner file, which stays locked as long as the object lives; removed at the end of its scope with all
+// that is in it, unless it is kept.
+class StagingDirectory {
+public:
+    StagingDirectory() = default;
+    ~StagingDirectory();
+    StagingDirectory(const StagingDirectory &) = delete;
+    StagingDirectory &operator=(const StagingDirectory &) = delete;
+
+    // `root` is borrowed. The store's lock is held, shared or alone.
+    bool Make(const char *root, const OwnerNote &note, TQError **error);
+
+    // Brings the owner file and the way to it to disk: before a document is moved here, which without it nobody could
+    // give back.
+    bool FlushNote(TQError **error) const;
+
+    // Notes, on disk, what is about to be exchanged for what lies here.
+    bool NoteExchange(const PlannedExchange &exchange, TQError **error) const;
+
+    // Leaves the directory and what is in it: to a client, or because it holds a document that could not go home.
+    void Keep();
+
+    // When the owner file was written, by the volume's clock; zero if that can't be told.
+    struct timespec written() const;
+
+    // Where the item in the making goes.
+    const char *staged() const { return staged_.c_str(); }
+
+private:
+    const char *root_ = nullptr; // null when there is nothing to remove
+    PathBuffer unique_;
+    PathBuffer staged_;
+    UniqueFd directory_;
+    UniqueFd owner_;
+};
