@@ -1,18 +1,19 @@
 // Restoring a document in place from a generation.
 //
-// Always: at any moment the document is whole, at its path or beside it under its placeholder name; it is under that
-// name only between the two renames of the exchange. It is removed last, when the restored item has its final
-// rights. The caller's error is that of the first failure; the way back reports nothing.
+// Always, where the volume can exchange two names: the document's path holds the whole document or the whole copy, never
+// nothing, never half, never more open than the document was. The old document is removed last, when the copy has its
+// rights and is on disk. The caller's error is that of the first failure; the way back only logs.
 
 #include "TQLibrary.h"
 
 #include "TQLibrary_restore.h"
+#include "TQLibrary_restore_exchange.h"
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_nesting.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/Mounts.h"
 #include "Platform/ScopeExit.h"
-#include "Platform/UniqueNames.h"
-#include "Platform/duplix.h"
 #include "Runtime/Ref.h"
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_flush.h"
@@ -29,228 +30,160 @@
 
 namespace {
 
-constexpr char kPlaceholderSuffix[] = "-tmp.nosync.XXXXXX";
 constexpr uint64_t kBackupOptions = 1;
 
-struct Restore {
+// What a client asked for.
+struct Request {
     TQLibrary *library;
     const TQString *name;
     const TQURL *document;
     const TQString *backupName; // may be null
-    TQError **error;
-
-    const char *documentPath = nullptr;
-    TQFileStatus before{}; // the document's
-    bool extensionHidden = false;
-    char generationName[256] = "";
-    char restoredPath[PathBuffer::kCapacity] = "";
-    char stagedPath[PathBuffer::kCapacity] = "";
-    uint16_t stagedMode = 0;
-    PathBuffer temporaryPath{};
-    bool backupAdded = false;
-    bool movedAside = false;
-    TreeFlush stagedFlush{};
-    TreeFlush restoredFlush{};
-    bool copiedAcross = false; // from another volume
-
-    bool NameRestored();
-    bool CopyOut();
-    bool KeepBackup();
-    bool FlushCopy();
-    bool MakePlaceholder();
-    bool AnnounceExchange();
-    bool MoveDocumentAside();
-    bool InstallCopy();
-    bool GiveDocumentsRights();
-    bool FlushRestored();
-    bool RemoveOldDocument();
-    void CleanUp(bool succeeded);
 
     const TQClientManagedStorage *store() const { return _StorageOf(library); }
-    bool documentIsDirectory() const { return S_ISDIR(before.mode); }
-    mode_t finalMode() const { return _RestoredMode(stagedMode, before.mode); }
-
-private:
-    bool ReplaceExtension(const char *documentExtension, const char *generationExtension);
-    bool CopyAcrossVolumes();
-    bool DiscardRestored();
 };
 
-// The generation's extension goes where the document's was, if both have one and they differ.
-bool Restore::NameRestored()
-{
-    extensionHidden = TQFSFilenameExtensionIsHidden(documentPath);
-    if (!TQStringGetGenName(name, generationName, error)) return false;
-    (void)snprintf(restoredPath, sizeof restoredPath, "%s", documentPath);
+// The name of the generation, and the path that the document has afterwards: with the generation's extension in place of
+// its own, if both have one and they differ.
+struct RestoredName {
+    char generation[256] = "";
+    char path[PathBuffer::kCapacity] = "";
 
-    const char *documentExtension = TQGetFileNameExtensionForPath(documentPath);
-    const char *generationExtension = TQGetFileNameExtensionForPath(generationName);
-    if (!documentExtension || !generationExtension || strcmp(documentExtension, generationExtension) == 0) return true;
-    return ReplaceExtension(documentExtension, generationExtension);
+    bool Form(const Request &request, const ReplacedDocument &document, TQError **error)
+    {
+        if (!TQStringGetGenName(request.name, generation, error)) return false;
+        (void)snprintf(path, sizeof path, "%s", document.trimmed.c_str());
+        const char *documentExtension = TQGetFileNameExtensionForPath(document.path);
+        const char *generationExtension = TQGetFileNameExtensionForPath(generation);
+        if (!documentExtension || !generationExtension || strcmp(documentExtension, generationExtension) == 0)
+            return true;
+
+        const size_t stem = static_cast<size_t>(documentExtension - document.path);
+        if (stem + strlen(generationExtension) >= sizeof path)
+            return Failure(error).Refused(kTQStatusBadPath, "The supplied generation name is too long");
+        memcpy(path + stem, generationExtension, strlen(generationExtension) + 1);
+        if (_PathExists(path)) return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", path);
+        return true;
+    }
+};
+
+// Before anything is copied: neither may hold the other, and what is mounted inside a document would be lost with it.
+bool RequireReplaceable(const Request &request, const ReplacedDocument &document, TQError **error)
+{
+    const char *const path = document.trimmed.c_str();
+    if (!request.store()) return Failure(error).Refused(kTQStatusInvalidArgument, "no store was supplied");
+    if (!_RequireNoStoreInside(path, request.store()->rootPath, error) || !_RequireOutsideStores(path, error))
+        return false;
+    bool hasMount = false;
+    if (S_ISDIR(document.itself.mode) && platform::HasMountInside(path, &hasMount) != 0)
+        return Failure(error).Errno("Failed to look for mounts in \"%s\"", document.path);
+    if (!hasMount) return true;
+    errno = EBUSY;
+    return Failure(error).Errno("something is mounted in \"%s\"", document.path);
 }
 
-bool Restore::ReplaceExtension(const char *documentExtension, const char *generationExtension)
-{
-    const size_t stem = static_cast<size_t>(documentExtension - documentPath);
-    if (stem + strlen(generationExtension) >= sizeof restoredPath)
-        return Failure(error).Refused(kTQStatusBadPath, "The supplied generation name is too long");
-    memcpy(restoredPath + stem, generationExtension, strlen(generationExtension) + 1);
-    if (_PathExists(restoredPath))
-        return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", restoredPath);
-    return true;
-}
-
-bool Restore::CopyOut()
-{
-    if (store()) stagedFlush = TreeFlush::Within(store()->rootPath);
-    uint32_t flags = 0; // the document's own count in the end
-    return TQClientManagedStorageCopyOut(store(), generationName, stagedPath, &stagedMode, &flags, error);
-}
-
-bool Restore::KeepBackup()
-{
-    if (!backupName) return true;
-    backupAdded = _AddGenerationInternal(library, backupName, document, kBackupOptions, error, /*copy=*/true);
-    return backupAdded;
-}
-
-// The document is not touched before what replaces it is on disk, and open to nobody else than the document was: in its
-// place it stands like this until it gets its final mode, and for good if that never comes.
-bool Restore::FlushCopy()
-{
-    const mode_t owners = S_ISDIR(stagedMode) ? 0700 : 0600;
-    (void)platform::SetMode(Item::AtPath(stagedPath), Links::NoFollow, (finalMode() & 0077) | owners);
-    return stagedFlush.Flush(stagedPath, stagedMode, error);
-}
-
-// An empty item beside the document, under a name that is nobody else's, which the document then replaces. In the
-// same directory, so that both renames stay on one volume.
-bool Restore::MakePlaceholder()
-{
-    size_t length = strlen(documentPath);
-    if (length + sizeof kPlaceholderSuffix > PathBuffer::kCapacity)
-        return Failure(error).Status(kTQStatusBadPath, "generated path is too long");
-    if (length >= 2 && documentPath[length - 1] == '/') --length;
-
-    PathBuffer path;
-    (void)path.Format("%.*s", static_cast<int>(length), documentPath);
-    if (documentIsDirectory()) {
-        (void)temporaryPath.Format("%s%s", path.c_str(), kPlaceholderSuffix);
-        if (platform::MakeUniqueDirectory(temporaryPath.data()) == 0) return true;
-        return Failure(error).Errno("mkdtemp(\"%s\") failed", temporaryPath.c_str());
+// The generation as it comes out of the store, in a staging directory whose owner file this operation holds.
+class CopiedOut {
+public:
+    bool Make(const Request &request, const char *generation, const char *documentPath, TQError **error)
+    {
+        flush_ = TreeFlush::Within(request.store()->rootPath);
+        uint32_t flags = 0; // the document's own count in the end
+        return _CopyOutToStaging(request.store(), generation, OwnerNote::Of(Work::Restore, documentPath), staging_,
+                                 &mode_, &flags, error);
     }
 
-    const char *extension = TQGetFileNameExtensionForPath(path.c_str());
-    if (!extension) extension = path.c_str() + length;
-    (void)temporaryPath.Format("%.*s%s%s", static_cast<int>(extension - path.c_str()), path.c_str(), kPlaceholderSuffix,
-                               extension);
-    const int fd = platform::MakeUniqueFile(temporaryPath.data(), static_cast<int>(strlen(extension)));
-    if (fd < 0) return Failure(error).Errno("mkstemps(\"%s\") failed", temporaryPath.c_str());
-    (void)close(fd);
-    return true;
-}
+    // The document is not touched before what replaces it is on disk. Until it gets its final mode it is open to nobody
+    // else than the document was.
+    bool Flush(const ReplacedDocument &document, TQError **error)
+    {
+        const Item item = Item::AtPath(staging_.staged());
+        const mode_t owners = S_ISDIR(mode_) ? S_IRWXU : S_IRUSR | S_IWUSR;
+        (void)platform::SetMode(item, Links::NoFollow, (_RestoredMode(mode_, document.rights.mode) & 0077) | owners);
+        if (platform::GetStatus(item, Links::NoFollow, &staged_.status) != 0)
+            return Failure(error).Errno("failed to stat path %s", item.path);
+        staged_.path = item.path;
+        return flush_.Flush(item.path, mode_, error);
+    }
 
-bool Restore::AnnounceExchange()
+    mode_t mode() const { return mode_; }
+    const StagedCopy &staged() const { return staged_; }
+    const StagingDirectory &staging() const { return staging_; }
+
+private:
+    TreeFlush flush_;
+    StagingDirectory staging_;
+    uint16_t mode_ = 0;
+    StagedCopy staged_{};
+};
+
+// The document as it was, kept as a generation; removed again at the end of its scope unless it is to stay.
+class Backup {
+public:
+    explicit Backup(const Request &request) : request_(request) {}
+    ~Backup()
+    {
+        if (!isAdded_) return;
+        const ErrnoKeeper keeper;
+        TQValue *names[] = {const_cast<TQString *>(request_.backupName)};
+        const auto backup = Ref<TQArray>::Adopt(TQArrayCreate(names, 1));
+        (void)TQLibraryRemoveGenerations(request_.library, backup.get());
+    }
+    Backup(const Backup &) = delete;
+    Backup &operator=(const Backup &) = delete;
+
+    bool Add(TQError **error)
+    {
+        if (!request_.backupName) return true;
+        isAdded_ = _AddGenerationInternal(request_.library, request_.backupName, request_.document, kBackupOptions,
+                                          error, /*copy=*/true);
+        return isAdded_;
+    }
+    void Keep() { isAdded_ = false; }
+
+private:
+    const Request &request_;
+    bool isAdded_ = false;
+};
+
+bool Announce(const Request &request, const char *restoredPath, TQError **error)
 {
     const auto restored = Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPath(restoredPath, /*isDirectory=*/false));
     if (!restored)
         return Failure(error).Status(kTQStatusFailed, "Failed to create file URL for path \"%s\"", restoredPath);
-    (void)TQLibraryDocumentWillSafeSave(document, restored.get());
+    (void)TQLibraryDocumentWillSafeSave(request.document, restored.get());
     return true;
 }
 
-// A directory can't be moved to another name by its owner before it may be written. A link in the document's place can;
-// the rights of its target are not ours to change, and a slash at the end would lead there.
-bool Restore::MoveDocumentAside()
+bool Replace(const Request &request, ReplacedDocument &document, const char *restoredPath, CopiedOut &out,
+             Backup &backup, TQError **error)
+{
+    if (!out.Flush(document, error) || !document.OpenFolder(error)) return false;
+    Beside copy(document);
+    if (!copy.Make(S_ISDIR(out.mode()), error) || !Announce(request, restoredPath, error)) return false;
+
+    Exchange exchange(document, copy, out.staging(), restoredPath, out.staged());
+    const bool replaced = exchange.Note(error) && copy.Bring(out.staged(), restoredPath, error) &&
+                          copy.GiveRights(out.mode(), restoredPath, error) && exchange.Do(error) &&
+                          copy.GiveBlockingFlags(restoredPath, error) && copy.FlushFolder(error) &&
+                          exchange.RemoveOld(error);
+    if (!replaced) exchange.TakeBack();
+    if (replaced || exchange.isBackupNeeded()) backup.Keep();
+    return replaced;
+}
+
+// There is no document to be replaced.
+bool CopyToItsPath(const Request &request, const char *documentPath, TQError **error)
 {
     const TrimmedPath path(documentPath);
-    const Item item = Item::AtPath(path.c_str());
-    TQFileStatus own;
-    const bool lift = documentIsDirectory() && (before.mode & 0200) == 0 &&
-                      !(platform::GetStatus(item, Links::NoFollow, &own) == 0 && S_ISLNK(own.mode));
-    if (lift && platform::SetMode(item, Links::NoFollow, (before.mode | 0200) & 07777) != 0)
-        return Failure(error).Errno("Failed to make \"%s\" writable before moving it out of the way", documentPath);
-
-    if (rename(documentPath, temporaryPath.c_str()) != 0) {
-        Failure(error).Errno("Failed to rename old file to temp path (\"%s\" -> \"%s\")", documentPath,
-                             temporaryPath.c_str());
-        (void)unlink(temporaryPath.c_str());
+    char generation[256];
+    const auto flush = TreeFlush::At(path.c_str());
+    if (!TQStringGetGenName(request.name, generation, error) ||
+        !_CopyGeneration(request.store(), generation, documentPath, /*flushEach=*/true, error))
         return false;
-    }
-    movedAside = true;
-
-    if (lift && platform::SetMode(Item::AtPath(temporaryPath.c_str()), Links::NoFollow, before.mode & 07777) != 0)
-        return Failure(error).Errno("Failed to make restore permissions to \"%s\"", temporaryPath.c_str());
-    return true;
-}
-
-bool Restore::InstallCopy()
-{
-    if (rename(stagedPath, restoredPath) == 0) return true;
-    if (errno == EXDEV && store()) return CopyAcrossVolumes();
-    return Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", stagedPath, restoredPath);
-}
-
-bool Restore::CopyAcrossVolumes()
-{
-    copiedAcross = true;
-    restoredFlush = TreeFlush::At(restoredPath);
-    if (platform::duplix(stagedPath, restoredPath, /*callback=*/nullptr, /*context=*/nullptr) != 0)
-        return Failure(error).Errno("duplix from \"%s\" to \"%s\" failed", stagedPath, restoredPath);
-    // To the document's own path, not to the restored one: clients know the birth time of a document whose
-    // extension changed as that of a new file.
-    (void)_TransferBirthTime(stagedPath, documentPath);
-    return true;
-}
-
-bool Restore::GiveDocumentsRights()
-{
-    TQFSSetFileNameExtensionHiding(restoredPath, extensionHidden);
-
-    // A link that somebody put into the store has no rights of its own, and its target is not ours to change.
-    const Item item = Item::AtPath(restoredPath);
-    if (platform::SetMode(item, Links::NoFollow, finalMode()) != 0) {
-        Failure(error).Errno("failed to set final mode on \"%s\"", restoredPath);
-        return DiscardRestored();
-    }
-    if (platform::SetFlags(item, Links::NoFollow, before.flags) != 0 && errno != ENOTSUP) {
-        Failure(error).Errno("failed to set final flags on \"%s\"", restoredPath);
-        return DiscardRestored();
-    }
-    return true;
-}
-
-// What is restored is on disk under its name, and with the document's rights, before what it replaces is deleted. Its
-// directory alone does not do: xfs and btrfs leave out what the item got since somebody else's flush.
-bool Restore::FlushRestored()
-{
-    const bool flushed =
-        copiedAcross ? restoredFlush.Flush(restoredPath, stagedMode, error) : _FlushItem(restoredPath, error);
-    return (flushed && _FlushEntry(restoredPath, error)) || DiscardRestored();
-}
-
-bool Restore::DiscardRestored()
-{
-    (void)_RemoveTree(restoredPath, 0, nullptr);
+    const uint32_t mode = _IsDirectory(path.c_str(), /*status=*/nullptr) ? S_IFDIR : S_IFREG;
+    if (flush.Flush(path.c_str(), mode, error) && _FlushEntry(path.c_str(), error)) return true;
+    (void)_RemoveTree(path.c_str(), 0, nullptr);
     return false;
-}
-
-bool Restore::RemoveOldDocument()
-{
-    return _RemoveTree(temporaryPath.c_str(), 0, error);
-}
-
-// Runs on every way out once the generation was copied out.
-void Restore::CleanUp(bool succeeded)
-{
-    (void)TQClientManagedStorageCopyOutDone(store(), stagedPath, nullptr);
-    if (succeeded) return;
-    if (backupAdded) {
-        TQValue *names[] = {const_cast<TQString *>(backupName)};
-        const auto backup = Ref<TQArray>::Adopt(TQArrayCreate(names, 1));
-        (void)TQLibraryRemoveGenerations(library, backup.get());
-    }
-    if (movedAside) (void)rename(temporaryPath.c_str(), documentPath);
 }
 
 } // namespace
@@ -270,36 +203,33 @@ mode_t _RestoredMode(mode_t staged, mode_t document)
     return mode;
 }
 
-// There is no document to be replaced.
-static bool CopyToItsPath(TQLibrary *library, const TQString *name, const TQURL *document, TQError **error)
+mode_t _RestoredModeFor(mode_t staged, const TQFileStatus &document, const TQFileStatus &copy)
 {
-    const TrimmedPath path(tq_fileSystemRepresentation(document));
-    const auto flush = TreeFlush::At(path.c_str());
-    if (!TQLibraryCopyGeneration(library, name, document, error)) return false;
-    const uint32_t mode = _IsDirectory(path.c_str(), /*status=*/nullptr) ? S_IFDIR : S_IFREG;
-    if (flush.Flush(path.c_str(), mode, error) && _FlushEntry(path.c_str(), error)) return true;
-    (void)_RemoveTree(path.c_str(), 0, nullptr);
-    return false;
+    const mode_t mode = _RestoredMode(staged, static_cast<mode_t>(document.mode));
+    // They would lend the rights of somebody who did not give them.
+    if (copy.owner != document.owner) return mode & ~mode_t{S_ISUID | S_ISGID};
+    return copy.group == document.group ? mode : mode & ~mode_t{S_ISGID};
 }
 
-bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const TQURL *document,
+bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const TQURL *documentURL,
                                 const TQString *backupName, TQError **error)
 {
-    if (!TQURLIsFileURL(document)) return Failure(error).Status(kTQStatusBadPath, "not a file URL");
+    if (!TQURLIsFileURL(documentURL)) return Failure(error).Status(kTQStatusBadPath, "not a file URL");
 
     const DeferredScope scope;
-    Restore restore{library, name, document, backupName, error};
-    restore.documentPath = tq_fileSystemRepresentation(document);
-    if (!restore.documentPath) return Failure(error).Status(kTQStatusBadPath, "not a file URL");
-    if (platform::GetStatus(Item::AtPath(restore.documentPath), Links::Follow, &restore.before) != 0) {
-        if (errno == ENOENT) return CopyToItsPath(library, name, document, error);
-        return Failure(error).Errno("Failed to determine if \"%s\" exists", restore.documentPath);
+    const Request request{library, name, documentURL, backupName};
+    const char *const path = tq_fileSystemRepresentation(documentURL);
+    if (!path) return Failure(error).Status(kTQStatusBadPath, "not a file URL");
+    ReplacedDocument document(path);
+    if (document.Look() != 0) {
+        if (errno == ENOENT) return CopyToItsPath(request, path, error);
+        return Failure(error).Errno("Failed to determine if \"%s\" exists", path);
     }
-    if (!restore.NameRestored() || !restore.CopyOut()) return false;
+    RestoredName restored;
+    if (!restored.Form(request, document, error) || !RequireReplaceable(request, document, error)) return false;
 
-    const bool restored = restore.KeepBackup() && restore.FlushCopy() && restore.MakePlaceholder() &&
-                          restore.AnnounceExchange() && restore.MoveDocumentAside() && restore.InstallCopy() &&
-                          restore.GiveDocumentsRights() && restore.FlushRestored() && restore.RemoveOldDocument();
-    restore.CleanUp(restored);
-    return restored;
+    CopiedOut out;
+    if (!out.Make(request, restored.generation, document.trimmed.c_str(), error)) return false;
+    Backup backup(request);
+    return backup.Add(error) && Replace(request, document, restored.path, out, backup, error);
 }

@@ -1,0 +1,224 @@
+#include "TQLibrary_restore_beside.h"
+
+#include "TQLibrary_restore.h"
+#include "vaultry_client_managed_placeholder.h"
+
+#include "Platform/FileStatus.h"
+#include "Platform/Flush.h"
+#include "Platform/InodeFlags.h"
+#include "Platform/ProcPath.h"
+#include "Platform/UniqueNames.h"
+#include "Platform/Volume.h"
+#include "Platform/duplix.h"
+#include "Shared/vaultry_fs_wrappers.h"
+#include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_storage.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kLongestAddition = sizeof "-tmp.nosync.XXXXXX"; // to a document's path, its zero included
+
+bool IsSameTime(const struct timespec &a, const struct timespec &b)
+{
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+} // namespace
+
+int ReplacedDocument::Look()
+{
+    if (platform::GetStatus(Item::AtPath(path), Links::Follow, &rights) != 0 ||
+        platform::GetStatus(Item::AtPath(trimmed.c_str()), Links::NoFollow, &itself) != 0)
+        return -1;
+    extensionHidden = TQFSFilenameExtensionIsHidden(path);
+    return 0;
+}
+
+bool ReplacedDocument::OpenFolder(TQError **error)
+{
+    char parent[PATH_MAX];
+    const auto length = name() - trimmed.c_str();
+    (void)snprintf(parent, sizeof parent, "%.*s", static_cast<int>(length), trimmed.c_str());
+    folder.Reset(open(length > 0 ? parent : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return folder || Failure(error).Errno("Failed to open the folder of \"%s\"", path);
+}
+
+const char *ReplacedDocument::name() const
+{
+    const char *const slash = strrchr(trimmed.c_str(), '/');
+    return slash ? slash + 1 : trimmed.c_str();
+}
+
+bool ReplacedDocument::Holds(const char *nameInFolder, const ItemId &id) const
+{
+    TQFileStatus status;
+    return platform::GetStatus(At(nameInFolder), Links::NoFollow, &status) == 0 && ItemId::Of(status) == id;
+}
+
+int ReplacedDocument::IsUnchangedAt(const char *nameInFolder, bool *isUnchanged) const
+{
+    TQFileStatus status;
+    if (platform::GetStatus(At(nameInFolder), Links::NoFollow, &status) != 0) return -1;
+    const bool isSame = ItemId::Of(status) == ItemId::Of(itself);
+    *isUnchanged = isSame && (!S_ISREG(itself.mode) || (status.size == itself.size &&
+                                                        IsSameTime(status.modificationTime, itself.modificationTime)));
+    return 0;
+}
+
+// An item whose mode gives its owner nothing could not be taken away again.
+Beside::~Beside()
+{
+    if (name_[0] == '\0') return;
+    const ErrnoKeeper keeper;
+    TQFileStatus found;
+    if (platform::GetStatus(item(), Links::NoFollow, &found) != 0 || ItemId::Of(found) != id()) return;
+    TakeBlockingFlags();
+    if (copy_) (void)fchmod(copy_.get(), (found.mode & 07777) | S_IRWXU);
+    TreeRemoval how;
+    how.expected = &status_;
+    (void)_RemoveTreeAt(item(), how, nullptr);
+}
+
+bool Beside::Make(bool isDirectory, TQError **error)
+{
+    if (strlen(document_.path) + kLongestAddition > PathBuffer::kCapacity)
+        return Failure(error).Status(kTQStatusBadPath, "generated path is too long");
+    const PlaceholderName pattern(document_.name(), S_ISDIR(document_.rights.mode));
+    char name[NAME_MAX + 1];
+    (void)strcpy(name, pattern.text);
+    const auto folderLength = static_cast<int>(document_.name() - document_.trimmed.c_str());
+    (void)path_.Format("%.*s%s", folderLength, document_.trimmed.c_str(), name);
+
+    const int folder = document_.folder.get(), suffix = static_cast<int>(pattern.extensionLength);
+    UniqueFd file;
+    if (isDirectory) {
+        if (platform::MakeUniqueDirectoryAt(folder, name, suffix) != 0)
+            return Failure(error).Errno("mkdtemp(\"%s\") failed", path_.c_str());
+    } else {
+        file.Reset(platform::MakeUniqueFileAt(folder, name, suffix));
+        if (!file) return Failure(error).Errno("mkstemps(\"%s\") failed", path_.c_str());
+    }
+    (void)path_.Format("%.*s%s", folderLength, document_.trimmed.c_str(), name);
+    (void)strcpy(placeholder_, name);
+    const bool isKnown = isDirectory ? platform::GetStatus(document_.At(name), Links::NoFollow, &status_) == 0
+                                     : platform::GetStatusOfFd(file.get(), &status_) == 0;
+    // Nothing was written, so that only what is there now can be taken for it.
+    if (!isKnown || file.Close() != 0) {
+        Failure(error).Errno("stat(\"%s\") failed", path_.c_str());
+        (void)unlinkat(folder, name, isDirectory ? AT_REMOVEDIR : 0);
+        return false;
+    }
+    MovedTo(name);
+    return true;
+}
+
+bool Beside::Bring(const StagedCopy &staged, const char *restoredPath, TQError **error)
+{
+    if (renameat(AT_FDCWD, staged.path, document_.folder.get(), name_) == 0) {
+        status_ = staged.status;
+        return OpenCopy(ItemId::Of(staged.status), error);
+    }
+    if (errno == EXDEV) return CopyAcross(staged, restoredPath, error) && OpenCopy(id(), error);
+    return Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged.path, path_.c_str());
+}
+
+bool Beside::CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error)
+{
+    isAcross_ = true;
+    flush_ = TreeFlush::At(path_.c_str());
+    platform::DuplixOptions options;
+    options.flushEach = true;
+    if (!S_ISLNK(staged.status.mode))
+        options.into = &status_;
+    else
+        (void)unlinkat(document_.folder.get(), name_, 0); // a link can only be made anew
+    if (platform::duplix(staged.path, path_.c_str(), /*callback=*/nullptr, /*context=*/nullptr, options) != 0)
+        return Failure(error).Errno("duplix from \"%s\" to \"%s\" failed", staged.path, restoredPath);
+    // To the document's own path, not to the restored one: clients know the birth time of a document whose
+    // extension changed as that of a new file.
+    (void)_TransferBirthTime(staged.path, document_.path);
+    return !S_ISLNK(staged.status.mode) || platform::GetStatus(item(), Links::NoFollow, &status_) == 0 ||
+           Failure(error).Errno("stat(\"%s\") failed", path_.c_str());
+}
+
+// What is opened has to be what was brought. A link can't be opened, and needs it not.
+bool Beside::OpenCopy(const ItemId &expected, TQError **error)
+{
+    copy_.Reset(openat(document_.folder.get(), name_, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    TQFileStatus found;
+    const bool isLink = !copy_ && errno == ELOOP;
+    if ((!copy_ && !isLink) || (isLink ? platform::GetStatus(item(), Links::NoFollow, &found)
+                                       : platform::GetStatusOfFd(copy_.get(), &found)) != 0)
+        return Failure(error).Errno("failed to open \"%s\"", path_.c_str());
+    if (ItemId::Of(found) != expected) {
+        errno = ESTALE;
+        return Failure(error).Errno("failed to open \"%s\"", path_.c_str());
+    }
+    status_ = found;
+    return true;
+}
+
+bool Beside::GiveRights(mode_t staged, const char *restoredPath, TQError **error)
+{
+    if (!copy_) return true; // a link that somebody put into the store has no rights of its own
+    const platform::ProcPath open(copy_.get());
+    _SetFileNameExtensionHiding({AT_FDCWD, open.c_str(), restoredPath}, Links::Follow, document_.extensionHidden);
+    const mode_t mode = _RestoredModeFor(staged, document_.rights, status_);
+    if (fchmod(copy_.get(), mode) != 0) return Failure(error).Errno("failed to set final mode on \"%s\"", restoredPath);
+    const uint32_t flags = document_.rights.flags & ~kBlockingFlags;
+    if (platform::SetFlagsOfKnown(copy_.get(), status_, flags) != 0) {
+        if (errno != ENOTSUP) return Failure(error).Errno("failed to set final flags on \"%s\"", restoredPath);
+    } else {
+        status_.flags = flags;
+    }
+    return Flush(error);
+}
+
+// In place of a document whose volume holds none, flags that were asked for are left out.
+bool Beside::GiveBlockingFlags(const char *restoredPath, TQError **error)
+{
+    const uint32_t flags = document_.rights.flags;
+    if (!copy_ || flags == status_.flags) return true;
+    if (platform::SetFlagsOfKnown(copy_.get(), status_, flags) == 0) {
+        status_.flags = flags;
+        return platform::FlushFd(copy_.get()) == 0 ||
+               Failure(error).Errno("Failed to flush \"%s\" to disk", restoredPath);
+    }
+    return errno == ENOTSUP || Failure(error).Errno("failed to set final flags on \"%s\"", restoredPath);
+}
+
+void Beside::TakeBlockingFlags()
+{
+    const uint32_t flags = status_.flags & ~kBlockingFlags;
+    if (copy_ && platform::SetFlagsOfKnown(copy_.get(), status_, flags) == 0) status_.flags = flags;
+}
+
+// What came by a rename was flushed in staging, all but its top item. A volume's own flush hears of what was copied here.
+bool Beside::Flush(TQError **error) const
+{
+    if (platform::FlushFd(copy_.get()) != 0)
+        return Failure(error).Errno("Failed to flush \"%s\" to disk", path_.c_str());
+    return !isAcross_ || flush_.Flush(path_.c_str(), status_.mode, error);
+}
+
+// Who may make entries in a folder need not be allowed to read it; the copy is on the same volume.
+bool Beside::FlushFolder(TQError **error) const
+{
+    const UniqueFd folder(openat(document_.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const bool byVolume = !folder && errno == EACCES && copy_ && platform::VolumeHonoursFlush(copy_.get());
+    const int result = folder     ? platform::FlushFd(folder.get())
+                       : byVolume ? platform::FlushVolumeOfFd(copy_.get())
+                                  : -1;
+    if (result == 0) return true;
+    const auto length = static_cast<int>(document_.name() - document_.trimmed.c_str());
+    PathBuffer path;
+    (void)path.Format("%.*s", length > 1 ? length - 1 : length, document_.trimmed.c_str());
+    return Failure(error).Errno("Failed to flush \"%s\" to disk", path.c_str());
+}

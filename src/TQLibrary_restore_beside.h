@@ -1,0 +1,98 @@
+// A document that is to be replaced, and what stands beside it for the time of its restore.
+//
+// Everything here goes by the document's folder, held open, and names in it: whatever its path leads to by now, the work
+// stays where it began.
+
+#pragma once
+
+#include "Platform/Item.h"
+#include "Platform/ItemId.h"
+#include "Platform/UniqueFd.h"
+#include "Shared/PathBuffer.h"
+#include "Shared/vaultry_flush.h"
+
+#include <vaultry/error.h>
+#include <vaultry/file_status.h>
+
+#include <climits>
+
+// The document as it was looked at first, and its folder, held open.
+struct ReplacedDocument {
+    const char *path;    // as the client gave it, for messages
+    TrimmedPath trimmed; // without slashes at its end
+    TQFileStatus itself; // what stands at the path
+    TQFileStatus rights; // the same, or what a link leads to: whose mode and flags the restored item gets
+    bool extensionHidden = false;
+    UniqueFd folder{};
+
+    explicit ReplacedDocument(const char *documentPath) : path(documentPath), trimmed(documentPath) {}
+
+    // 0, or -1 with errno: ENOENT if there is nothing.
+    int Look();
+    bool OpenFolder(TQError **error);
+
+    const char *name() const;
+    Item At(const char *nameInFolder) const { return {folder.get(), nameInFolder, path}; }
+    // What stands at a name in the folder: whether that is `id`.
+    bool Holds(const char *nameInFolder, const ItemId &id) const;
+    // Whether what stands there is what was looked at first, and has not been written to since.
+    // 0, or -1 with errno.
+    int IsUnchangedAt(const char *nameInFolder, bool *isUnchanged) const;
+};
+
+// The copy that comes from staging.
+struct StagedCopy {
+    const char *path;
+    TQFileStatus status;
+};
+
+// A unique item beside a document: at first an empty placeholder, then the copy. Removed at the end of its scope, unless it
+// is released.
+class Beside {
+public:
+    explicit Beside(const ReplacedDocument &document) : document_(document) {}
+    ~Beside();
+    Beside(const Beside &) = delete;
+    Beside &operator=(const Beside &) = delete;
+
+    // The name follows the document's kind, its own kind is `isDirectory`.
+    bool Make(bool isDirectory, TQError **error);
+
+    // The staged copy takes its place; from another volume it is copied into it.
+    bool Bring(const StagedCopy &staged, const char *restoredPath, TQError **error);
+
+    // The document's hidden extension, mode, and the flags that don't bar a rename; on disk when it returns true.
+    bool GiveRights(mode_t staged, const char *restoredPath, TQError **error);
+    // The flags that do, once it has its place.
+    bool GiveBlockingFlags(const char *restoredPath, TQError **error);
+
+    // The folder's entries, to disk.
+    bool FlushFolder(TQError **error) const;
+
+    // Makes it movable again, for the way back.
+    void TakeBlockingFlags();
+
+    // It has another name now, or is nothing of ours any more.
+    void MovedTo(const char *name) { (void)snprintf(name_, sizeof name_, "%s", name); }
+    void Release() { name_[0] = '\0'; }
+
+    const char *name() const { return name_; }
+    const char *placeholder() const { return placeholder_; } // its first name
+    const char *path() const { return path_.c_str(); }       // of the placeholder
+    ItemId id() const { return ItemId::Of(status_); }
+
+private:
+    bool CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error);
+    bool OpenCopy(const ItemId &expected, TQError **error);
+    bool Flush(TQError **error) const;
+    Item item() const { return {document_.folder.get(), name_, path_.c_str()}; }
+
+    const ReplacedDocument &document_;
+    char name_[NAME_MAX + 1] = ""; // empty when there is nothing to remove
+    char placeholder_[NAME_MAX + 1] = "";
+    PathBuffer path_;
+    TQFileStatus status_{}; // of the placeholder, then of the copy
+    UniqueFd copy_;         // opened before its final mode, which may let nobody read it; none for a link
+    TreeFlush flush_;
+    bool isAcross_ = false; // copied from another volume
+};

@@ -1,0 +1,183 @@
+#include "TQLibrary_restore_exchange.h"
+
+#include "Platform/FileStatus.h"
+#include "Platform/Rename.h"
+#include "Shared/vaultry_fs_wrappers.h"
+#include "Shared/vaultry_internal_failure.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+const char *LastComponent(const char *path)
+{
+    const char *const slash = strrchr(path, '/');
+    return slash ? slash + 1 : path;
+}
+
+// Whether the file system has just said that it does not know the exchange.
+bool CannotExchange()
+{
+    return errno == EINVAL || errno == ENOSYS || errno == ENOTSUP;
+}
+
+} // namespace
+
+const char *Exchange::restoredName() const
+{
+    return LastComponent(restoredPath_);
+}
+
+const char *Exchange::oldPath() const
+{
+    return strcmp(old_, aside_.placeholder()) == 0 ? aside_.path() : copy_.path();
+}
+
+bool Exchange::changesName() const
+{
+    return strcmp(restoredName(), document_.name()) != 0;
+}
+
+// Replaces nothing.
+bool Exchange::Rename(const char *from, const char *to) const
+{
+    return platform::RenameIntoNothing(document_.At(from), document_.At(to)) == 0;
+}
+
+bool Exchange::Note(TQError **error)
+{
+    PlannedExchange plan;
+    plan.document = ItemId::Of(document_.itself);
+    plan.copy = ItemId::Of(staged_.status);
+    plan.placeholder = copy_.id();
+    const char *const aside = aside_.name()[0] != '\0' ? aside_.path() : "";
+    if (aside[0] != '\0') {
+        plan.copy = copy_.id();
+        plan.placeholder = aside_.id();
+    }
+    (void)plan.waiting.Format("%s", copy_.path());
+    (void)plan.aside.Format("%s", aside);
+    (void)plan.restored.Format("%s", restoredPath_);
+    return staging_.NoteExchange(plan, error);
+}
+
+bool Exchange::Do(TQError **error)
+{
+    const bool done = changesName() ? ByNewName(error) : Swap(error);
+    return done && RequireUnchanged(error);
+}
+
+bool Exchange::Swap(TQError **error)
+{
+    if (platform::ExchangeAt(document_.folder.get(), document_.name(), copy_.name()) == 0) {
+        isSwapped_ = true;
+        (void)strcpy(old_, copy_.name());
+        copy_.MovedTo(document_.name());
+        return true;
+    }
+    if (CannotExchange()) return ByTwoRenames(error);
+    return Failure(error).Errno("Failed to rename old file to temp path (\"%s\" -> \"%s\")", document_.path,
+                                copy_.path());
+}
+
+// The path is empty for a moment: a kill in it leaves the document under a name that was noted before.
+bool Exchange::ByTwoRenames(TQError **error)
+{
+    if (!aside_.Make(S_ISDIR(document_.itself.mode), error) || !Note(error)) return false;
+    const int folder = document_.folder.get();
+    if (renameat(folder, document_.name(), folder, aside_.name()) != 0)
+        return Failure(error).Errno("Failed to rename old file to temp path (\"%s\" -> \"%s\")", document_.path,
+                                    aside_.path());
+    (void)strcpy(old_, aside_.name());
+    aside_.Release();
+    if (!Rename(copy_.name(), document_.name()))
+        return Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged_.path,
+                                    restoredPath_);
+    copy_.MovedTo(document_.name());
+    return true;
+}
+
+// The copy gets its new name first, so that at no moment there is neither.
+bool Exchange::ByNewName(TQError **error)
+{
+    if (!Rename(copy_.name(), restoredName()))
+        return Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged_.path,
+                                    restoredPath_);
+    copy_.MovedTo(restoredName());
+    if (!Rename(document_.name(), copy_.placeholder()))
+        return Failure(error).Errno("Failed to rename old file to temp path (\"%s\" -> \"%s\")", document_.path,
+                                    copy_.path());
+    (void)strcpy(old_, copy_.placeholder());
+    return true;
+}
+
+// Another program may have saved the document since it was looked at; what it saved is nobody's to give up.
+bool Exchange::RequireUnchanged(TQError **error)
+{
+    bool isUnchanged = false;
+    if (document_.IsUnchangedAt(old_, &isUnchanged) != 0) return Failure(error).Errno("stat(\"%s\") failed", oldPath());
+    if (isUnchanged) return true;
+    isBackupNeeded_ = true;
+    return Failure(error).Status(kTQStatusFailed, "\"%s\" was changed while it was being restored", document_.path);
+}
+
+bool Exchange::RemoveOld(TQError **error)
+{
+    bool begun = false;
+    TreeRemoval how;
+    how.expected = &document_.itself;
+    how.begun = &begun;
+    const bool removed = _RemoveTreeAt({document_.folder.get(), old_, oldPath()}, how, error);
+    // With a part of the old state gone, the new one is all that is whole.
+    if (removed || begun) {
+        copy_.Release();
+        old_[0] = '\0';
+    }
+    isBackupNeeded_ = isBackupNeeded_ || begun;
+    return removed;
+}
+
+// If somebody saves in between, what was saved stays at the path, or comes back to it.
+bool Exchange::SwapBack()
+{
+    const int folder = document_.folder.get();
+    const char *const home = document_.name();
+    if (!document_.Holds(home, copy_.id()) || platform::ExchangeAt(folder, home, old_) != 0) return false;
+    if (document_.Holds(old_, copy_.id())) {
+        copy_.MovedTo(old_);
+        return true;
+    }
+    (void)platform::ExchangeAt(folder, home, old_);
+    return false;
+}
+
+// The document's path is freed by a rename, and only of what was put there; what can't go home leaves the path to it.
+bool Exchange::RenameBack()
+{
+    const char *const home = document_.name(), *const waiting = copy_.placeholder();
+    const bool isFreed = !changesName() && document_.Holds(home, copy_.id()) && Rename(home, waiting);
+    if (Rename(old_, home)) {
+        if (isFreed) copy_.MovedTo(waiting);
+        return true;
+    }
+    if (isFreed) (void)Rename(waiting, home);
+    return false;
+}
+
+void Exchange::TakeBack()
+{
+    if (old_[0] == '\0') return;
+    const ErrnoKeeper keeper;
+    copy_.TakeBlockingFlags();
+    if (isSwapped_ ? SwapBack() : RenameBack()) {
+        old_[0] = '\0';
+        return;
+    }
+    copy_.Release(); // it may be all that is at the document's path
+    Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", document_.path, oldPath());
+}
