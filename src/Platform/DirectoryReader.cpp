@@ -59,11 +59,13 @@ int DirectoryReader::Resume(int directory, const char *name)
 {
     const ErrnoKeeper keeper;
     const off_t behind = reached_;
+    const char *found = nullptr;
     int error = Seek(directory, before_);
-    if (error != 0) return error;
-    const char *found = Next(directory, &error);
+    if (error == 0) found = Next(directory, &error);
     if (found && strcmp(found, name) == 0) return 0;
 
+    // A directory that somebody has removed may refuse the position. It does not refuse its beginning, and then says what
+    // became of it.
     error = Seek(directory, 0);
     if (error != 0) return error;
     while ((found = Next(directory, &error)))

@@ -29,6 +29,7 @@ struct TreeWalk::State {
         size_t pathLength;
         size_t parentPathLength;
         DirectoryReader reader;
+        int error = 0; // why it can't be read on
     };
 
     Entry entry{};
@@ -37,12 +38,15 @@ struct TreeWalk::State {
     Item root{};
     uint64_t rootDevice = 0;
     size_t rootParentPathLength = 0;
+    bool skipsRest = false;
+    UniqueFd opened; // the directory in `entry`, if it was asked for
     DirectoryStack directories;
     std::vector<Level> levels;       // one for each in `directories`
     char path[TreeWalk::kPathLimit]; // of `entry`
 
     const Entry *Root();
     const Entry *Enter();
+    int OpenEntry();
     const Entry *Contents();
     const Entry *Child(const char *name);
     const Entry *Done(Kind kind, int error);
@@ -121,7 +125,22 @@ const TreeWalk::Entry *TreeWalk::Next()
 void TreeWalk::SkipContents()
 {
     if (!state_ || state_->due != State::Due::Enter) return;
+    state_->opened.Reset();
     state_->due = state_->levels.empty() ? State::Due::Nothing : State::Due::Contents;
+}
+
+void TreeWalk::SkipRest()
+{
+    SkipContents();
+    if (state_) state_->skipsRest = true;
+}
+
+int TreeWalk::OpenDirectory()
+{
+    const int error = state_ && state_->due == State::Due::Enter ? state_->OpenEntry() : EBADF;
+    if (error == 0) return state_->opened.get();
+    errno = error;
+    return -1;
 }
 
 const TreeWalk::Entry *TreeWalk::State::Report(Kind kind, int error)
@@ -135,7 +154,10 @@ const TreeWalk::Entry *TreeWalk::State::Report(Kind kind, int error)
 const TreeWalk::Entry *TreeWalk::State::ReportByStatus()
 {
     entry.hasStatus = true;
-    if (S_ISDIR(entry.status.mode)) {
+    const bool isDirectory = S_ISDIR(entry.status.mode);
+    entry.isElsewhere =
+        entry.level > 0 && (entry.status.isMountRoot || (isDirectory && entry.status.device != rootDevice));
+    if (isDirectory) {
         due = Due::Enter;
         return Report(Kind::Directory);
     }
@@ -160,7 +182,7 @@ int TreeWalk::State::Push(UniqueFd directory)
 {
     if (!directories.Push(std::move(directory), entry.status)) return errno;
     try {
-        levels.push_back({entry.status, strlen(path), entry.parentPathLength, DirectoryReader()});
+        levels.push_back({entry.status, strlen(path), entry.parentPathLength, DirectoryReader(), 0});
     } catch (const std::bad_alloc &) {
         directories.Pop();
         return ENOMEM;
@@ -170,19 +192,26 @@ int TreeWalk::State::Push(UniqueFd directory)
     return 0;
 }
 
+// 0, or an errno: ESTALE if something else stands there.
+int TreeWalk::State::OpenEntry()
+{
+    if (opened) return 0;
+    UniqueFd directory(openat(entry.item.directory, entry.item.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory) return errno == ENOTDIR || errno == ELOOP ? ESTALE : errno;
+    TQFileStatus found;
+    if (platform::GetStatusOfFd(directory.get(), &found) != 0) return errno;
+    if (found.device != entry.status.device || found.inode != entry.status.inode) return ESTALE;
+    opened = std::move(directory);
+    return 0;
+}
+
 const TreeWalk::Entry *TreeWalk::State::Enter()
 {
     due = levels.empty() ? Due::Nothing : Due::Contents; // where it goes on if this one can't be entered
-    const bool isElsewhere = entry.status.device != rootDevice || entry.status.isMountRoot;
-    if (volumes == Volumes::One && entry.level > 0 && isElsewhere) return Report(Kind::DirectoryDone);
-
-    UniqueFd directory(openat(entry.item.directory, entry.item.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!directory && (errno == ENOTDIR || errno == ELOOP)) return Report(Kind::Error, ESTALE);
-    if (!directory) return Report(Kind::Unreadable, errno);
-    TQFileStatus opened;
-    if (platform::GetStatusOfFd(directory.get(), &opened) != 0) return Report(Kind::Unreadable, errno);
-    if (opened.device != entry.status.device || opened.inode != entry.status.inode) return Report(Kind::Error, ESTALE);
-    if (const int error = Push(std::move(directory)); error != 0) return Report(Kind::Error, error);
+    if (volumes == Volumes::One && entry.isElsewhere) return Report(Kind::DirectoryDone);
+    if (const int error = OpenEntry(); error != 0)
+        return Report(error == ESTALE ? Kind::Error : Kind::Unreadable, error);
+    if (const int error = Push(std::move(opened)); error != 0) return Report(Kind::Error, error);
 
     due = Due::Contents;
     return Contents();
@@ -190,9 +219,10 @@ const TreeWalk::Entry *TreeWalk::State::Enter()
 
 const TreeWalk::Entry *TreeWalk::State::Contents()
 {
+    if (std::exchange(skipsRest, false)) return Done(Kind::DirectoryDone, 0);
     Level &level = levels.back();
-    int error = 0;
-    const char *name = level.reader.Next(directories.Top(), &error);
+    int error = level.error;
+    const char *name = error == 0 ? level.reader.Next(directories.Top(), &error) : nullptr;
     if (name) return Child(name);
     return Done(error == 0 ? Kind::DirectoryDone : error == ENOMEM ? Kind::Error : Kind::Unreadable, error);
 }
@@ -204,6 +234,7 @@ const TreeWalk::Entry *TreeWalk::State::Child(const char *name)
     entry.level = static_cast<int>(levels.size());
     entry.fd = -1;
     entry.hasStatus = false;
+    entry.isElsewhere = false;
     entry.parentPathLength = level.pathLength;
     path[level.pathLength] = '\0';
 
@@ -221,14 +252,14 @@ const TreeWalk::Entry *TreeWalk::State::Child(const char *name)
     return ReportByStatus();
 }
 
-// Opens the directory above the top again if it was closed, and finds the place where its reading stopped.
+// Opens the directory above the top again if it was closed, and finds the place where its reading stopped. Where there is
+// none any more, since somebody has removed that directory, its own turn tells it.
 bool TreeWalk::State::OpenAbove()
 {
     if (!directories.OpenParent()) return false;
-    DirectoryReader &reader = levels[levels.size() - 2].reader;
-    if (!reader.suspended()) return true;
-    errno = reader.Resume(directories.Parent(), entry.item.name);
-    return errno == 0;
+    Level &above = levels[levels.size() - 2];
+    if (above.reader.suspended()) above.error = above.reader.Resume(directories.Parent(), entry.item.name);
+    return true;
 }
 
 // The end of the directory at the top: by `kind` and `error` it was read whole, or not.
@@ -239,6 +270,7 @@ const TreeWalk::Entry *TreeWalk::State::Done(Kind kind, int error)
     path[level.pathLength] = '\0';
     entry.level = static_cast<int>(levels.size()) - 1;
     entry.hasStatus = true;
+    entry.isElsewhere = false;
     entry.status = level.status;
     entry.fd = kind == Kind::DirectoryDone ? directories.Top() : -1;
     entry.parentPathLength = above;

@@ -2,11 +2,12 @@
 //
 // Nothing swapped under the walk leads it out of its tree: a directory is entered by descriptor without
 // following links and must be the one whose status was reported (device and inode), and climbing back must
-// arrive where it came from. A few descriptors are open at a time whatever the depth, and
+// arrive where it came from. A directory that was removed meanwhile ends like one that can't be read (Unreadable, ENOENT),
+// at any depth. A few descriptors are open at a time whatever the depth, and
 // entries are streamed, so memory does not grow with the size of a folder.
 //
-// Directories of another file system, and those on which something is mounted, are reported, and entered only where the
-// caller asks for it or where the walk begins. Each entry's status is one statx. Removing entries while the walk goes on
+// Directories of another file system, and those on which something is mounted, are reported, and entered only where
+// the caller asks for it or where the walk begins. Each entry's status is one statx. Removing entries while the walk goes on
 // is fine, and so is adding rights to a directory when it is reported: it is opened by the call of Next that follows.
 
 #pragma once
@@ -46,6 +47,7 @@ public:
         TQFileStatus status; // as read when the entry was met (a directory's: before its contents)
         int error;           // errno of Unreadable, NoStatus and Error, else 0
         int level;           // 0 for the root
+        bool isElsewhere;    // something is mounted on it, or it is a directory of another file system; never the root
         int fd;              // the directory itself, in DirectoryDone of one that was entered; else -1
 
         // How much of item.path is that of the directory that holds the entry; 0 for a root whose path is a single
@@ -61,8 +63,8 @@ public:
     // untouched on success. An open walk can be opened again, and then begins anew.
     bool Open(const char *rootPath, Volumes volumes = Volumes::One);
 
-    // The same from a name in an open directory; the path is for messages. The directory and the name are borrowed as long
-    // as the walk goes on.
+    // The same from a name in an open directory; the path is for messages. The directory and the name are borrowed as
+    // long as the walk goes on.
     bool Open(const Item &root, Volumes volumes = Volumes::One);
 
     // The next entry, or null at the end. Leaves errno alone, but sets it to the entry's error when it reports
@@ -71,6 +73,13 @@ public:
 
     // Leaves out the contents of the Directory that Next has just reported, and its DirectoryDone.
     void SkipContents();
+
+    // The same, and leaves out what is left of the directory that holds the entry: its DirectoryDone comes next.
+    void SkipRest();
+
+    // Opens the Directory that Next has just reported, as the next call of Next would, which then finds it open. The
+    // descriptor is the walk's. -1 with errno, ESTALE if something else stands there.
+    int OpenDirectory();
 
 private:
     struct State;
