@@ -1,17 +1,24 @@
 // Removal of whole trees, protected items included.
 //
 // One walk: what stands in the way of an item's removal is taken away just before its turn comes. Files go as they
-// are met, directories on the way back up. What others remove meanwhile is no failure.
+// are met, directories on the way back up. What others remove meanwhile is no failure, and what is mounted inside is
+// left as it is.
+//
+// Always: rights change only on the item that was looked at, never on what has taken its name. A removal that fails
+// before anything has gone puts them back.
 
 #include "Shared/vaultry_fs_wrappers.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/ScopeExit.h"
 #include "Platform/TreeWalk.h"
+#include "Platform/UniqueFd.h"
 #include "Shared/vaultry_internal_failure.h"
 
 #include <cerrno>
-#include <climits>
+#include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -22,102 +29,217 @@ using Entry = TreeWalk::Entry;
 constexpr uint32_t kDeletionBlockers = kTQFlagImmutable | kTQFlagAppend;
 constexpr mode_t kDirectoryWriteBits = 0220;
 
-bool ClearDeletionBlockers(const Item &item, const TQFileStatus &status)
+bool IsSame(const TQFileStatus &a, const TQFileStatus &b)
 {
-    return (status.flags & kDeletionBlockers) == 0 ||
-           platform::SetFlags(item, Links::NoFollow, status.flags & ~kDeletionBlockers) == 0;
+    return a.device == b.device && a.inode == b.inode;
 }
 
-// A directory gives up its contents only with write permission. Flags go first: an immutable directory refuses chmod.
-bool MakeDirectoryDeletable(const Entry &entry, TQError **error)
+bool IsBlocked(const TQFileStatus &status)
 {
-    const mode_t mode = entry.status.mode;
-    const bool writable = (mode & kDirectoryWriteBits) == kDirectoryWriteBits; // then chmod would change nothing
-    if (ClearDeletionBlockers(entry.item, entry.status) &&
-        (writable || platform::SetMode(entry.item, Links::NoFollow, (mode | kDirectoryWriteBits) & 07777) == 0))
-        return true;
-    return Failure(error).Errno("Failed to make \"%s\" deletable", entry.item.path);
+    return (status.flags & kDeletionBlockers) != 0 && (S_ISREG(status.mode) || S_ISDIR(status.mode));
 }
+
+// A directory gives up its contents only with write permission; nothing else needs any.
+bool LacksWriteBits(const TQFileStatus &status)
+{
+    return S_ISDIR(status.mode) && (status.mode & kDirectoryWriteBits) != kDirectoryWriteBits;
+}
+
+// What of an item's rights stands in the way, taken and given back. Flags go first and come back last: an immutable
+// item refuses chmod.
+class HeldItem {
+public:
+    // A directory that is open.
+    explicit HeldItem(int fd) : fd_(fd) {}
+
+    // Any item, without a right to open it: by a descriptor that grants nothing, and the name that the kernel gives that.
+    HeldItem(const Item &item, const TQFileStatus &status)
+        : own_(openat(item.directory, item.name, O_PATH | O_NOFOLLOW | O_CLOEXEC))
+    {
+        TQFileStatus found;
+        if (!own_ || platform::GetStatusOfFd(own_.get(), &found) != 0) return;
+        errno = ESTALE;
+        if (!IsSame(found, status)) return;
+        fd_ = own_.get();
+        (void)snprintf(link_, sizeof link_, "/proc/self/fd/%d", fd_);
+    }
+
+    // If not, errno says why: ESTALE if something else has the name.
+    bool isHeld() const { return fd_ >= 0; }
+
+    bool MakeDeletable(const TQFileStatus &status) const
+    {
+        if (IsBlocked(status) && !SetFlags(status.flags & ~kDeletionBlockers)) return false;
+        if (!LacksWriteBits(status) || SetMode(status.mode | kDirectoryWriteBits)) return true;
+        const ErrnoKeeper keeper;
+        if (IsBlocked(status)) (void)SetFlags(status.flags);
+        return false;
+    }
+    bool PutBack(const TQFileStatus &status) const
+    {
+        return (!LacksWriteBits(status) || SetMode(status.mode)) && (!IsBlocked(status) || SetFlags(status.flags));
+    }
+
+private:
+    bool SetMode(mode_t mode) const
+    {
+        mode &= 07777;
+        return (own_ ? platform::SetMode(Item::AtPath(link_), Links::Follow, mode) : fchmod(fd_, mode)) == 0;
+    }
+    bool SetFlags(uint32_t flags) const
+    {
+        return (own_ ? platform::SetFlags(Item::AtPath(link_), Links::Follow, flags)
+                     : platform::SetFlagsOfFd(fd_, flags)) == 0;
+    }
+
+    UniqueFd own_;
+    int fd_ = -1;
+    char link_[sizeof "/proc/self/fd/" + 3 * sizeof(int)] = "";
+};
 
 class Removal {
 public:
     Removal(const TreeRemoval &how, TQError **error) : how_(how), error_(error) {}
 
-    bool Remove(const Entry &entry);
+    bool Run(const Item &root);
 
 private:
-    bool IsExpected(const Entry &entry) const
-    {
-        return entry.level > 0 || !how_.expected ||
-               (entry.status.device == how_.expected->device && entry.status.inode == how_.expected->inode);
-    }
-    bool GoesLast(const Entry &entry) const
-    {
-        return entry.level == 1 && how_.last && strcmp(entry.item.name, how_.last) == 0;
-    }
+    bool Remove(const Entry &entry);
+    bool MakeDirectoryDeletable(const Entry &entry);
     bool RemoveFile(const Item &item, const TQFileStatus &status);
     bool RemoveDirectory(const Entry &entry);
     bool RemoveLast(const Entry &root);
     bool Unlink(const Item &item, int unlinkFlags);
-    bool Fail(const Entry &entry);
+    bool HasGone();
+
+    bool PutBack(const HeldItem &held, const char *path, const TQFileStatus &status) const;
+    bool PutBackDirectory(const Entry &entry) const;
+    void PutBackAbove();
 
     const TreeRemoval &how_;
     TQError **error_;
+    TreeWalk walk_;
+    bool begun_ = false;
 };
+
+// Whoever took it: the tree is not whole any more.
+bool Removal::HasGone()
+{
+    begun_ = true;
+    if (how_.begun) *how_.begun = true;
+    return true;
+}
 
 bool Removal::Unlink(const Item &item, int unlinkFlags)
 {
-    const bool gone = unlinkat(item.directory, item.name, unlinkFlags) == 0;
-    if (gone && how_.begun) *how_.begun = true;
-    return gone || errno == ENOENT || Failure(error_).Errno("Failed to remove \"%s\"", item.path);
+    if (unlinkat(item.directory, item.name, unlinkFlags) == 0 || errno == ENOENT) return HasGone();
+    Failure(error_).Errno("Failed to remove \"%s\"", item.path);
+    // Where a server removes it, the answer can be lost on the way.
+    TQFileStatus status;
+    if (platform::GetStatus(item, Links::NoFollow, &status) != 0 && errno == ENOENT) HasGone();
+    return false;
 }
 
 bool Removal::RemoveFile(const Item &item, const TQFileStatus &status)
 {
-    if (!ClearDeletionBlockers(item, status))
+    if (!IsBlocked(status) || status.isMountRoot) return Unlink(item, 0);
+    const HeldItem held(item, status);
+    if (!held.isHeld() && errno == ENOENT) return HasGone();
+    if (!held.isHeld() || !held.MakeDeletable(status))
         return Failure(error_).Errno("Failed to make \"%s\" deletable", item.path);
-    return Unlink(item, 0);
+    return Unlink(item, 0) || PutBack(held, item.path, status);
+}
+
+bool Removal::MakeDirectoryDeletable(const Entry &entry)
+{
+    if (entry.isElsewhere || !(IsBlocked(entry.status) || LacksWriteBits(entry.status))) return true;
+    const HeldItem open(walk_.OpenDirectory());
+    if (open.isHeld() ? open.MakeDeletable(entry.status) : errno == ENOENT) return true; // the walk goes on to its end
+    if (!open.isHeld() && errno == EACCES) {
+        const HeldItem closed(entry.item, entry.status);
+        if (closed.isHeld() ? closed.MakeDeletable(entry.status) : errno == ENOENT) return true;
+    }
+    return Failure(error_).Errno("Failed to make \"%s\" deletable", entry.item.path);
 }
 
 bool Removal::RemoveLast(const Entry &root)
 {
-    const Item item{root.fd, how_.last, root.item.path};
+    char path[TreeWalk::kPathLimit];
+    (void)snprintf(path, sizeof path, "%s/%s", root.item.path, how_.last);
+    const Item item{root.fd, how_.last, path};
     TQFileStatus status;
     if (platform::GetStatus(item, Links::NoFollow, &status) == 0) return RemoveFile(item, status);
-    return errno == ENOENT || Failure(error_).Errno("Failed to make \"%s\" deletable", item.path);
+    return errno == ENOENT || Failure(error_).Errno("Failed to make \"%s\" deletable", path);
 }
 
 bool Removal::RemoveDirectory(const Entry &entry)
 {
-    if (entry.level == 0 && how_.last && entry.fd >= 0 && !RemoveLast(entry)) return false;
-    return (how_.keepRoot && entry.level == 0) || Unlink(entry.item, AT_REMOVEDIR);
-}
-
-bool Removal::Fail(const Entry &entry)
-{
-    return Failure(error_).Errno("fts_read() failed for path '%s'\n", entry.item.path);
+    const bool isRoot = entry.level == 0;
+    if (isRoot && how_.last && entry.fd >= 0 && !RemoveLast(entry)) return PutBackDirectory(entry);
+    if (isRoot && how_.keepRoot) return true;
+    return Unlink(entry.item, AT_REMOVEDIR) || PutBackDirectory(entry);
 }
 
 bool Removal::Remove(const Entry &entry)
 {
-    if (entry.hasStatus && !IsExpected(entry)) {
+    if (entry.level == 0 && entry.hasStatus && how_.expected && !IsSame(entry.status, *how_.expected)) {
         errno = ESTALE;
-        return Fail(entry);
+        return Failure(error_).Errno("Failed to remove \"%s\"", entry.item.path);
     }
     switch (entry.kind) {
     case Kind::Directory:
-        return MakeDirectoryDeletable(entry, error_);
+        return MakeDirectoryDeletable(entry);
     case Kind::File:
     case Kind::Link:
     case Kind::Other:
-        return GoesLast(entry) || RemoveFile(entry.item, entry.status);
+        if (entry.level == 1 && how_.last && strcmp(entry.item.name, how_.last) == 0) return true;
+        return RemoveFile(entry.item, entry.status);
     case Kind::DirectoryDone:
     case Kind::Unreadable:
         return RemoveDirectory(entry);
     case Kind::NoStatus:
     case Kind::Error:
+        if (entry.error == ENOENT) return entry.level == 0 || HasGone();
         errno = entry.error;
-        return errno == ENOENT || Fail(entry);
+        return Failure(error_).Errno("fts_read() failed for path '%s'\n", entry.item.path);
+    }
+    return true;
+}
+
+// Always false, as what went before.
+bool Removal::PutBack(const HeldItem &held, const char *path, const TQFileStatus &status) const
+{
+    const ErrnoKeeper keeper;
+    if (!begun_ && !(held.isHeld() && held.PutBack(status)))
+        Failure(nullptr).Errno("Failed to put the rights of \"%s\" back", path);
+    return false;
+}
+
+bool Removal::PutBackDirectory(const Entry &entry) const
+{
+    if (begun_ || entry.isElsewhere || !(IsBlocked(entry.status) || LacksWriteBits(entry.status))) return false;
+    if (entry.fd >= 0) return PutBack(HeldItem(entry.fd), entry.item.path, entry.status);
+    return PutBack(HeldItem(entry.item, entry.status), entry.item.path, entry.status);
+}
+
+// As long as nothing has gone, only the directories on the way down to where it failed were made deletable.
+void Removal::PutBackAbove()
+{
+    const ErrnoKeeper keeper;
+    walk_.SkipRest();
+    while (const Entry *entry = begun_ ? nullptr : walk_.Next()) {
+        (void)PutBackDirectory(*entry);
+        walk_.SkipRest();
+    }
+}
+
+bool Removal::Run(const Item &root)
+{
+    if (!walk_.Open(root)) return Failure(error_).Errno("fts_open(\"%s\") failed", root.path);
+    while (const Entry *entry = walk_.Next()) {
+        if (Remove(*entry)) continue;
+        PutBackAbove();
+        return false;
     }
     return true;
 }
@@ -126,12 +248,7 @@ bool Removal::Remove(const Entry &entry)
 
 bool _RemoveTreeAt(const Item &root, const TreeRemoval &how, TQError **error)
 {
-    TreeWalk walk;
-    if (!walk.Open(root)) return Failure(error).Errno("fts_open(\"%s\") failed", root.path);
-    Removal removal(how, error);
-    while (const Entry *entry = walk.Next())
-        if (!removal.Remove(*entry)) return false;
-    return true;
+    return Removal(how, error).Run(root);
 }
 
 bool _RemoveTreeInternal(const char *path, bool keepRoot, TQError **error)
