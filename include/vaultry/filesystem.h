@@ -15,10 +15,12 @@
 TQ_BEGIN_DECLS
 
 /// Removes the item at `path`, a tree with all below it, write-protected and immutable items included. Links are
-/// removed as links, other file systems mounted inside are not entered, and what has vanished meanwhile is no failure:
-/// nor is a path at which there is nothing.
+/// removed as links. What is mounted inside, of another volume or of the same one, is neither entered nor changed; its
+/// mount point can't be removed, and that is a failure. What is mounted on `path` itself is emptied, and then fails the
+/// same way. What somebody else removes meanwhile is no failure, nor is a path at which there is nothing.
 ///
-/// Not transactional: it stops at the first failure, and what was removed before stays removed.
+/// Not transactional: it stops at the first failure, and what was removed before stays removed. If nothing was,
+/// the modes and flags that it changed on the way are put back.
 ///
 /// @param unused  Ignored; pass 0.
 /// @return false with the failing call's status (a busy mount point is kTQStatusFailed, a missing right
