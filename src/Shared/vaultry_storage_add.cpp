@@ -4,6 +4,7 @@
 #include "Shared/vaultry_storage.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/Mounts.h"
 #include "Platform/ScopeExit.h"
 #include "Platform/TreeWalk.h"
 #include "Runtime/Ref.h"
@@ -104,6 +105,21 @@ struct MovedItem {
     }
 };
 
+// What is mounted in a tree goes with it when it is moved, and is no part of it.
+bool HoldsNoMount(const char *source, TQError **error)
+{
+    TQFileStatus status;
+    const bool isFolder =
+        platform::GetStatus(Item::AtPath(source), Links::NoFollow, &status) == 0 && S_ISDIR(status.mode);
+    bool isMountedOn = false;
+    if (!isFolder) return true; // the rename tells what is wrong
+    if (platform::HasMountInside(source, &isMountedOn) != 0)
+        return Failure(error).Errno("Failed to look for mounts in \"%s\"", source);
+    if (!isMountedOn) return true;
+    errno = EBUSY;
+    return Failure(error).Errno("Failed to move \"%s\", in which something is mounted", source);
+}
+
 // The document goes home before anything is removed; it may be the only copy.
 bool FailedAfterMove(const MovedItem &moved, const char *source, const char *destination)
 {
@@ -116,7 +132,7 @@ bool FailedAfterMove(const MovedItem &moved, const char *source, const char *des
 bool MoveAsGeneration(const char *source, const char *destination, bool makeReadable, bool archive, TQError **error)
 {
     MovedItem moved;
-    if (!moved.MakeMovable(source, error)) return false;
+    if (!HoldsNoMount(source, error) || !moved.MakeMovable(source, error)) return false;
 
     if (rename(source, destination) != 0) {
         Failure(error).Errno("rename(\"%s\", \"%s\") failed", source, destination);
