@@ -4,23 +4,36 @@
 #include "Platform/ScopeExit.h"
 #include "Shared/vaultry_internal_failure.h"
 
+#include <cerrno>
+
 bool LiftedGeneration::Look()
 {
     return platform::GetStatus(Item::AtPath(path_), Links::NoFollow, &before_) == 0;
+}
+
+// After a refusal. A server may have made the change and its answer been lost; what can't be told counts as changed.
+bool LiftedGeneration::IsChanged() const
+{
+    const ErrnoKeeper keeper;
+    TQFileStatus now;
+    if (platform::GetStatus(Item::AtPath(path_), Links::NoFollow, &now) != 0) return errno != ENOENT;
+    return now.mode != before_.mode || now.flags != before_.flags;
 }
 
 bool LiftedGeneration::TakeImmutableFlag()
 {
     const uint32_t flags = before_.flags & ~uint32_t{kTQFlagImmutable};
     if (flags == before_.flags) return true;
-    flagTaken_ = platform::SetFlags(Item::AtPath(path_), Links::NoFollow, flags) == 0;
-    return flagTaken_;
+    const bool done = platform::SetFlags(Item::AtPath(path_), Links::NoFollow, flags) == 0;
+    flagTaken_ = done || IsChanged();
+    return done;
 }
 
 bool LiftedGeneration::AddOwnerWrite()
 {
-    modeChanged_ = true; // if it can't be told whether it was, it is put back all the same
-    return platform::SetMode(Item::AtPath(path_), Links::NoFollow, (before_.mode | 0200) & 07777) == 0;
+    const bool done = platform::SetMode(Item::AtPath(path_), Links::NoFollow, (before_.mode | 0200) & 07777) == 0;
+    modeChanged_ = done || IsChanged();
+    return done;
 }
 
 bool LiftedGeneration::Gone(bool gone)

@@ -28,6 +28,8 @@ public:
     bool Gone(bool gone);
 
 private:
+    bool IsChanged() const;
+
     const char *path_;
     TQFileStatus before_{};
     bool flagTaken_ = false;
