@@ -1,7 +1,8 @@
 // Removing generations, and listing their names.
 //
 // A generation leaves the root by one rename into staging, so that the slow part, deleting its tree, can be
-// interrupted without leaving half of it under its name.
+// interrupted without leaving half of it under its name. Where the kernel refuses that rename, the tree is deleted as it
+// stands, under the lock: a failure is told, and a kill leaves part of it, to be removed again.
 
 #include "vaultry_client_managed.h"
 
@@ -36,7 +37,9 @@ bool GetName(TQValue *name, char *buffer, TQError **error)
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
     if (!TQStringGetFileSystemRepresentation(static_cast<TQString *>(name), buffer, kNameCapacity))
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name is too long");
-    return true;
+    // The path of the empty name is the root itself.
+    return buffer[0] != '\0' ||
+           Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
 }
 
 // Unlike an item that is being added, one that is removed keeps its append-only flag; it then can't be moved.
@@ -54,6 +57,8 @@ bool MoveToStaging(const char *root, const char *generation, const char *staged,
     if (!_UnprotectGenerationStore(root, error)) return false;
     const ScopeExit protect([root] { _ProtectGenerationStore(root); });
     if (rename(generation, staged) == 0) return true;
+    // A folder of an overlay's lower layer has no other place to go.
+    if (errno == EXDEV) return _RemoveTree(generation, 0, error);
     return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged);
 }
 
@@ -82,7 +87,7 @@ bool RemoveWithoutRoom(const char *root, const char *generation, TQError **error
             (void)_RemoveStagingPath(root, staged.c_str(), nullptr);
             return lifted.Gone(true);
         }
-        if (errno != ENOSPC && errno != EDQUOT)
+        if (errno != ENOSPC && errno != EDQUOT && errno != EXDEV)
             return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged.c_str());
     }
     return lifted.Gone(_RemoveTree(generation, 0, error));
