@@ -6,6 +6,7 @@
 #include "Platform/FileStatus.h"
 #include "Platform/UniqueFd.h"
 #include "Shared/vaultry_flush.h"
+#include "Shared/vaultry_fs_wrappers.h"
 #include "Shared/vaultry_internal_failure.h"
 #include "Shared/vaultry_storage.h"
 
@@ -118,11 +119,13 @@ void TQClientManagedStorageFree(TQClientManagedStorage *store)
 
 bool TQClientManagedStorageDestroy(const char *rootPath, TQError **error)
 {
+    const char *const root = rootPath ? rootPath : "";
     PathBuffer lockFile;
-    if (lockFile.Format("%s/%s", rootPath ? rootPath : "", kLockFileName) &&
-        !_RequireKnownFormat(rootPath, Item::AtPath(lockFile.c_str()), error))
+    if (lockFile.Format("%s/%s", root, kLockFileName) &&
+        !_RequireKnownFormat(root, Item::AtPath(lockFile.c_str()), error))
         return false;
-    return _RemoveTree(rootPath, 0, error);
+    // As long as the lock file is there, a store whose destruction was killed is told from any other directory.
+    return _RemoveTreeAt(Item::AtPath(root), {.last = kLockFileName}, error);
 }
 
 // Later versions write into the lock file what this one can't know.
