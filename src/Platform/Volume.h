@@ -4,6 +4,7 @@
 
 #include <vaultry/file_status.h>
 
+#include <optional>
 #include <sys/types.h>
 
 namespace platform {
@@ -14,9 +15,25 @@ int GetVolumeStatus(const char *path, TQVolumeStatus *out);
 // Whether volumes of this type are local, persistent, and hold attributes and flags.
 bool IsNativeVolumeType(const char *typeName);
 
-// Whether the volume of an open item is known to keep what a flush has answered for: `syncfs` reaches it, it tells a late
-// error to a descriptor that did not write, and it lists the access lists that an item has. False where it can't be told.
+// Whether the volume of an open item is of a type that is known to keep its word: a flush of the volume reaches all that
+// lies on it, a late error is told to a descriptor that did not write, the access lists of an item are among the names
+// of its attributes, and the size of a file is what it holds. False where it can't be told.
 bool VolumeHonoursFlush(int fd);
+
+// The same, asked once for as long as it is about one device.
+class VolumeMemory {
+public:
+    bool HonoursFlush(int fd, uint64_t device)
+    {
+        if (device_ != device) honours_ = VolumeHonoursFlush(fd);
+        device_ = device;
+        return honours_;
+    }
+
+private:
+    std::optional<uint64_t> device_;
+    bool honours_ = false;
+};
 
 // Makes `path` and every missing parent. 0, or an errno value. What exists is fine if it is a directory.
 int MakePath(const char *path, mode_t mode);

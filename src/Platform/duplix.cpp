@@ -1,6 +1,8 @@
 #include "Platform/duplix.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/Flush.h"
+#include "Platform/QuietOpener.h"
 #include "Platform/TreeWalk.h"
 #include "Platform/duplix_data.h"
 #include "Platform/duplix_metadata.h"
@@ -21,8 +23,8 @@ class TreeCopy {
 public:
     TreeCopy(DuplixCallback callback, void *context) : reports_(callback, context) {}
 
-    bool Run(const char *source, const char *destination);
-    bool madeSomething() const { return madeSomething_; }
+    bool Run(const char *source, const char *destination, const DuplixOptions &options);
+    bool madeSomething() const { return tree_.madeSomething(); }
 
 private:
     bool RefusedFromTheStart(const char *source, const char *destination);
@@ -34,7 +36,9 @@ private:
 
     Copied EnterDirectory(const Entry &entry);
     Copied CopyDirectoryMetadata(const Entry &entry, TQFileStatus &made);
+    UniqueFd OpenSource(const Entry &entry, TQFileStatus *status);
     Copied CopyFile(const Entry &entry);
+    bool IsKept(int fd) const { return !flushEach_ || FlushFd(fd) == 0; }
     mode_t FirstMode(const TQFileStatus &source) const;
     Copied CopyLink(const Entry &entry);
 
@@ -47,18 +51,21 @@ private:
     DuplixReports reports_;
     TreeWalk walk_;
     DestinationTree tree_;
-    DataCopier data_;
-    AttributeCopier attributes_;
+    VolumeMemory volumes_;
+    DataCopier data_{volumes_};
+    AttributeCopier attributes_{volumes_};
+    QuietOpener opener_;
     size_t sourceLength_ = 0;
-    bool madeSomething_ = false;
+    bool flushEach_ = false;
 };
 
-bool TreeCopy::Run(const char *source, const char *destination)
+bool TreeCopy::Run(const char *source, const char *destination, const DuplixOptions &options)
 {
     sourceLength_ = strlen(source);
     // Users keep documents on volumes that are mounted inside others; a copy has everything that they see.
-    if (!tree_.Open(destination) || !walk_.Open(source, TreeWalk::Volumes::All))
+    if (!tree_.Open(destination, options.into) || !walk_.Open(source, TreeWalk::Volumes::All))
         return RefusedFromTheStart(source, destination);
+    flushEach_ = options.flushEach && !tree_.HonoursFlush(volumes_);
 
     const Entry *entry = walk_.Next();
     if (entry && entry->kind == TreeWalk::Kind::Directory && tree_.IsInside(entry->status)) {
@@ -131,9 +138,7 @@ Copied TreeCopy::EnterDirectory(const Entry &entry)
         errno = EINVAL; // met through another mount: it would be copied into itself for ever
         return Copied::No;
     }
-    const bool entered = tree_.EnterNewDirectory();
-    madeSomething_ = madeSomething_ || tree_.isMade();
-    return entered ? Copied::Yes : Copied::No;
+    return tree_.EnterNewDirectory() ? Copied::Yes : Copied::No;
 }
 
 bool TreeCopy::FinishDirectory(const Entry &entry)
@@ -154,7 +159,8 @@ bool TreeCopy::FinishDirectory(const Entry &entry)
         TQFileStatus made;
         const DuplixFinished finished{entry.fd, tree_.directory(), made};
         const Copied result = CopyDirectoryMetadata(entry, made);
-        goOn = result == Copied::Yes ? reports_.Finish(duplix_what::DirectoryDone, &finished)
+        goOn = result == Copied::Yes ? reports_.Finish(duplix_what::DirectoryDone, &finished) &&
+                                           (IsKept(tree_.directory()) || reports_.Error(duplix_what::DirectoryDone))
                                      : GoOn(result, duplix_what::DirectoryDone);
     }
     tree_.Leave();
@@ -188,10 +194,10 @@ bool TreeCopy::CopyLeaf(const Entry &entry)
 }
 
 // The file whose status the walk read, or none: what has taken its place is not what was asked for.
-static UniqueFd _OpenSource(const Entry &entry, TQFileStatus *status)
+UniqueFd TreeCopy::OpenSource(const Entry &entry, TQFileStatus *status)
 {
-    UniqueFd fd(
-        openat(entry.item.directory, entry.item.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    UniqueFd fd = opener_.Open(entry.item, kFlags, entry.status.owner);
     if (!fd) {
         if (errno == ELOOP) errno = ESTALE;
         return fd;
@@ -224,20 +230,19 @@ mode_t TreeCopy::FirstMode(const TQFileStatus &source) const
 Copied TreeCopy::CopyFile(const Entry &entry)
 {
     TQFileStatus source;
-    const UniqueFd from = _OpenSource(entry, &source);
+    const UniqueFd from = OpenSource(entry, &source);
     if (!from) return Copied::No;
 
-    const Item &item = tree_.item();
-    constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    const UniqueFd to(openat(item.directory, item.name, kFlags, FirstMode(source)));
     TQFileStatus made;
-    madeSomething_ = madeSomething_ || to;
-    if (!to || GetStatusOfFd(to.get(), &made) != 0) return Copied::No;
+    UniqueFd to = tree_.MakeFile(FirstMode(source), &made);
+    if (!to) return Copied::No;
     const Copied result =
         _CopyOpenFile(from.get(), source, to.get(), made, tree_.isRoot(), data_, attributes_, reports_);
     if (result != Copied::Yes) return result;
     const DuplixFinished finished{from.get(), to.get(), made};
-    return reports_.Finish(duplix_what::File, &finished) ? Copied::Yes : Copied::Stopped;
+    if (!reports_.Finish(duplix_what::File, &finished)) return Copied::Stopped;
+    // Some volumes say only now that there was no room for what they took.
+    return IsKept(to.get()) && to.Close() == 0 ? Copied::Yes : Copied::No;
 }
 
 Copied TreeCopy::CopyLink(const Entry &entry)
@@ -249,10 +254,8 @@ Copied TreeCopy::CopyLink(const Entry &entry)
     if (length < 0 || length == sizeof target) return Copied::No;
     target[length] = '\0';
 
-    const Item &item = tree_.item();
-    if (symlinkat(target, item.directory, item.name) != 0) return Copied::No;
-    madeSomething_ = true;
-    if (const Copied result = CopyLinkMetadata(entry.status, item); result != Copied::Yes) return result;
+    if (!tree_.MakeLink(target)) return Copied::No;
+    if (const Copied result = CopyLinkMetadata(entry.status, tree_.item()); result != Copied::Yes) return result;
     return reports_.Finish(duplix_what::File, nullptr) ? Copied::Yes : Copied::Stopped;
 }
 
@@ -279,7 +282,7 @@ int duplix(const char *source, const char *destination, DuplixCallback callback,
 {
     const int before = errno;
     TreeCopy copy(callback, context);
-    const bool copied = copy.Run(source, destination);
+    const bool copied = copy.Run(source, destination, options);
     if (options.made) *options.made = copy.madeSomething();
     if (!copied) return -1;
     errno = before;
@@ -299,8 +302,9 @@ int fduplix(int source, int destination)
     if (made.size > 0 && ftruncate(destination, 0) != 0) return -1;
 
     DuplixReports silent(nullptr, nullptr);
-    DataCopier data;
-    AttributeCopier attributes;
+    VolumeMemory volumes;
+    DataCopier data(volumes);
+    AttributeCopier attributes(volumes);
     if (_CopyOpenFile(source, status, destination, made, /*mayHaveInherited=*/true, data, attributes, silent) !=
         Copied::Yes)
         return -1;

@@ -6,14 +6,16 @@
 // nanoseconds, flags. Each in the order in which nothing undoes another, and a directory's after its contents. Hard
 // links become files of their own. Volumes mounted inside the source are copied with it.
 //
-// What may be refused without a failure: owner and group (EPERM to an ordinary user; the set-id bits are then dropped),
+// What may be refused without a failure: owner and group (EPERM; EINVAL, where a user namespace has no number for the
+// owner; the set-id bits are then dropped),
 // flags (EPERM, ENOTSUP; each flag for itself), lists on a volume without them (the mode then grants the group no more
 // than the list did), the capability. An attribute that can't be set is a failure, ENOTSUP too.
 //
 // Items are made with owner-only rights and O_EXCL; nothing that exists is written over or followed. The source is
 // opened without following links, and what was swapped since its status was read is refused with ESTALE. Links are
-// copied as links. FIFOs, sockets and devices are refused with ENOTSUP, never opened. A file that grows meanwhile is
-// copied to the size that it had when it was opened, one that shrinks as it is found.
+// copied as links. FIFOs, sockets and devices are refused with ENOTSUP, never opened. A file is read to where its end is
+// found, whatever its size was said to be: some volumes do not know it. Reading leaves no time of access behind where
+// that is allowed.
 //
 // The callback sees, for each file, link or refused item: (File, Start), then (Data, Progress) at least every
 // 4 MiB while data goes over, then (File, Finish), all attributes done. For each directory: (Directory, Start),
@@ -21,7 +23,8 @@
 // done. For each `user.` attribute of either: (Attribute, Start). Skip is heeded at a start: the item, the directory with
 // its contents, or the attribute, is not made; at (DirectoryDone, Start) the directory is left with owner-only rights.
 //
-// Whatever fails is reported as (what, Error) with errno set, and has no Finish. what is Walk for a directory that
+// Whatever fails is reported as (what, Error) with errno set, and has no Finish; but for an item that could not be brought
+// to disk or closed, which has its Error behind its Finish. what is Walk for a directory that
 // can't be read, an item that has no status, and a copy that can't begin; Attribute for one attribute or list. Continue
 // after an Attribute error goes on with the same item, after another with the next, and what was made so far stays.
 // Nothing goes on, whatever the answer, from a copy that could not begin or that was moved away while it was made.

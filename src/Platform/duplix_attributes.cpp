@@ -55,13 +55,22 @@ ssize_t AttributeCopier::ReadValue(int from, const char *name)
 }
 
 // One that was taken away since the names were read is copied as what it is: absent.
-bool AttributeCopier::CopyOne(const CopiedItem &item, const char *name, size_t *size)
+bool AttributeCopier::CopyOne(const CopiedItem &item, const char *name)
 {
-    *size = 0;
     const ssize_t length = ReadValue(item.from, name);
     if (length < 0) return errno == ENODATA;
+    return fsetxattr(item.to, name, value_.get(), static_cast<size_t>(length), 0) == 0;
+}
+
+// Some volumes have a list and don't name it: those that are not known to do so are asked. 0 in *size if there is none.
+bool AttributeCopier::ReadList(const CopiedItem &item, const char *name, size_t *size)
+{
+    *size = 0;
+    if (!Has(name) && volumes_.HonoursFlush(item.from, item.source.device)) return true;
+    const ssize_t length = ReadValue(item.from, name);
+    if (length < 0) return errno == ENODATA || errno == ENOTSUP;
     *size = static_cast<size_t>(length);
-    return fsetxattr(item.to, name, value_.get(), *size, 0) == 0;
+    return true;
 }
 
 static Copied _Report(DuplixReports &reports)
@@ -80,8 +89,7 @@ Copied AttributeCopier::CopyUserAttributes(const CopiedItem &item, DuplixReports
         const DuplixReports::Answer answer = reports.StartAttribute(name + strlen(kUserPrefix));
         if (answer == DuplixReports::Answer::Quit) return Copied::Stopped;
         if (answer == DuplixReports::Answer::Skip) continue;
-        size_t size = 0;
-        if (!CopyOne(item, name, &size) && _Report(reports) == Copied::Stopped) return Copied::Stopped;
+        if (!CopyOne(item, name) && _Report(reports) == Copied::Stopped) return Copied::Stopped;
     }
     return Copied::Yes;
 }
@@ -112,10 +120,11 @@ static bool _RemoveInherited(int to, const char *list)
 
 bool AttributeCopier::CopyAccessList(const CopiedItem &item, CopiedLists *lists)
 {
-    if (!Has(kAccessList)) return !item.mayHaveInherited || _RemoveInherited(item.to, kAccessList);
     size_t size = 0;
+    if (!ReadList(item, kAccessList, &size)) return false;
+    if (size == 0) return !item.mayHaveInherited || _RemoveInherited(item.to, kAccessList);
     lists->touched = true;
-    if (CopyOne(item, kAccessList, &size)) return true;
+    if (fsetxattr(item.to, kAccessList, value_.get(), size, 0) == 0) return true;
     if (errno != ENOTSUP) return false;
     // The mode's group bits were the list's mask. Without the list they would grant that to the whole group.
     lists->groupRights = _GroupRights(value_.get(), size);
@@ -125,9 +134,10 @@ bool AttributeCopier::CopyAccessList(const CopiedItem &item, CopiedLists *lists)
 bool AttributeCopier::CopyDefaultList(const CopiedItem &item)
 {
     if (!S_ISDIR(item.source.mode)) return true;
-    if (!Has(kDefaultList)) return !item.mayHaveInherited || _RemoveInherited(item.to, kDefaultList);
     size_t size = 0;
-    return CopyOne(item, kDefaultList, &size) || errno == ENOTSUP;
+    if (!ReadList(item, kDefaultList, &size)) return false;
+    if (size == 0) return !item.mayHaveInherited || _RemoveInherited(item.to, kDefaultList);
+    return fsetxattr(item.to, kDefaultList, value_.get(), size, 0) == 0 || errno == ENOTSUP;
 }
 
 Copied AttributeCopier::CopyLists(const CopiedItem &item, CopiedLists *lists, DuplixReports &reports)
@@ -140,9 +150,8 @@ Copied AttributeCopier::CopyLists(const CopiedItem &item, CopiedLists *lists, Du
 Copied AttributeCopier::CopyCapability(const CopiedItem &item, DuplixReports &reports)
 {
     if (!Has(kCapability) || geteuid() != 0) return Copied::Yes;
-    size_t size = 0;
     // Root in a container may not give it. A right that is missing harms nobody.
-    if (CopyOne(item, kCapability, &size) || errno == EPERM || errno == ENOTSUP) return Copied::Yes;
+    if (CopyOne(item, kCapability) || errno == EPERM || errno == ENOTSUP) return Copied::Yes;
     return _Report(reports);
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <linux/fs.h>
 #include <new>
 #include <sys/ioctl.h>
@@ -12,22 +13,28 @@ namespace platform {
 static constexpr size_t kProgressStep = 4 << 20; // a client hears at least this often
 static constexpr size_t kBufferSize = 256 << 10;
 
-// Up to this size a read and a write take less than the kernel's own copying, which is made for more.
-static constexpr uint64_t kQuickerByHand = 32 << 10;
-
-// Below this size the count of blocks tells well enough whether there are holes.
+// Up to this size one read and one write take less than asking for holes and the kernel's own copying.
 static constexpr uint64_t kSmallFile = 64 << 10;
+static_assert(kSmallFile < kBufferSize); // a read that asks for more than the file tells where it ends
+
+// No file system has smaller blocks, and a hole has whole ones.
+static constexpr size_t kSmallestBlock = 512;
 
 struct DataCopier::Job {
     int from;
     int to;
     const TQFileStatus &status;
     DuplixReports &reports;
-    uint64_t offset = 0;    // everything before it is copied, or a hole
-    bool shortened = false; // the file ended before its size was reached
+    uint64_t size = status.size; // as far as is known
+    uint64_t offset = 0;         // everything before it is copied, or a hole
+    bool ended = false;          // a read has found the end
 
-    uint64_t size() const { return status.size; }
     bool bytesOnly() const { return (status.flags & kTQFlagCompressed) != 0; }
+    // A call that asked for more, and stopped just where the file was said to end.
+    bool IsEnd(uint64_t reached, size_t got, size_t asked) const
+    {
+        return got == 0 || (got < asked && reached == size);
+    }
 };
 
 // Whether the kernel has just said that it never does this between these two volumes.
@@ -39,10 +46,20 @@ static bool _IsRefusalForever(int error)
 Copied DataCopier::Copy(int from, const TQFileStatus &status, int to, DuplixReports &reports)
 {
     Job job{from, to, status, reports};
-    if (job.size() == 0) return Copied::Yes;
+    // Only some volumes say this of a file that holds something.
+    if (job.size == 0 && volumes_.HonoursFlush(from, status.device)) return Copied::Yes;
     // A clone would share compressed extents, which are to be stored plain.
-    if (!job.bytesOnly() && Clone(job)) return reports.Progress(job.size()) ? Copied::Yes : Copied::Stopped;
-    return CopyExtents(job);
+    if (job.size > 0 && !job.bytesOnly() && Clone(job))
+        return reports.Progress(job.size) ? Copied::Yes : Copied::Stopped;
+    if (!buffer_) buffer_.reset(new (std::nothrow) char[kBufferSize]);
+    if (!buffer_) {
+        errno = ENOMEM;
+        return Copied::No;
+    }
+    // With fewer blocks than its size takes, a file has holes for certain. With as many it can have some all the same:
+    // attributes take blocks, and there may be some beyond its end.
+    if (job.size > kSmallFile || status.blocks * 512 < job.size) return CopyExtents(job);
+    return CopyAtOnce(job);
 }
 
 // Whatever stops a clone, copying says what is really wrong, if anything is.
@@ -54,9 +71,39 @@ bool DataCopier::Clone(const Job &job)
     return false;
 }
 
-static bool _MayHaveHoles(const TQFileStatus &status)
+// Whether some of it could have been read from a hole.
+static bool _HasBlockOfZeros(const char *bytes, size_t size)
 {
-    return status.size > kSmallFile || status.blocks * 512 < status.size;
+    static constexpr char kZeros[kSmallestBlock] = {};
+    for (size_t at = 0; at < size; at += kSmallestBlock)
+        if (memcmp(bytes + at, kZeros, std::min(size - at, kSmallestBlock)) == 0) return true;
+    return false;
+}
+
+static bool _WriteAll(int to, const char *bytes, size_t size, uint64_t offset)
+{
+    while (size > 0) {
+        const ssize_t written = pwrite(to, bytes, size, static_cast<off_t>(offset));
+        if (written < 0 && errno != EINTR) return false;
+        if (written <= 0) continue;
+        bytes += written;
+        size -= static_cast<size_t>(written);
+        offset += static_cast<uint64_t>(written);
+    }
+    return true;
+}
+
+Copied DataCopier::CopyAtOnce(Job &job)
+{
+    const ssize_t got = Read(job, 0, kBufferSize);
+    if (got < 0) return Copied::No;
+    if (got == 0) return Copied::Yes;
+    const auto size = static_cast<size_t>(got);
+    if (_HasBlockOfZeros(buffer_.get(), size)) return CopyExtents(job);
+    if (!_WriteAll(job.to, buffer_.get(), size, 0)) return Copied::No;
+    job.offset = size;
+    if (!job.reports.Progress(job.offset)) return Copied::Stopped;
+    return job.IsEnd(size, size, kBufferSize) ? Copied::Yes : CopyRange(job, UINT64_MAX);
 }
 
 // Where the data at or behind `offset` begins and ends. The size for both if only a hole follows.
@@ -76,36 +123,37 @@ static void _NextExtent(int from, uint64_t offset, uint64_t size, uint64_t *begi
 
 Copied DataCopier::CopyExtents(Job &job)
 {
-    if (!_MayHaveHoles(job.status)) return CopyRange(job, job.size());
-
     uint64_t written = 0;
-    while (job.offset < job.size() && !job.shortened) {
+    while (job.offset < job.size && !job.ended) {
         uint64_t end = 0;
-        _NextExtent(job.from, job.offset, job.size(), &job.offset, &end);
-        if (job.offset == job.size()) break;
+        _NextExtent(job.from, job.offset, job.size, &job.offset, &end);
+        if (job.offset == job.size) break;
         if (const Copied result = CopyRange(job, end); result != Copied::Yes) return result;
         written = job.offset;
     }
-    if (job.shortened || written == job.size()) return Copied::Yes;
-
-    // It ends in a hole, or was cut there meanwhile.
-    const off_t length = lseek(job.from, 0, SEEK_END);
-    if (length < 0) return Copied::No;
-    job.offset = std::min(job.size(), static_cast<uint64_t>(length));
-    if (job.offset > written && ftruncate(job.to, static_cast<off_t>(job.offset)) != 0) return Copied::No;
-    return job.reports.Progress(job.offset) ? Copied::Yes : Copied::Stopped;
+    if (job.ended) return Copied::Yes;
+    if (written < job.offset) {
+        // It ends in a hole, or was cut there meanwhile.
+        const off_t length = lseek(job.from, 0, SEEK_END);
+        if (length < 0) return Copied::No;
+        job.offset = std::min(job.offset, static_cast<uint64_t>(length));
+        if (job.offset > written && ftruncate(job.to, static_cast<off_t>(job.offset)) != 0) return Copied::No;
+        if (!job.reports.Progress(job.offset)) return Copied::Stopped;
+    }
+    return CopyRange(job, UINT64_MAX);
 }
 
+// To the end of the file if `end` is not before the size that was told.
 Copied DataCopier::CopyRange(Job &job, uint64_t end)
 {
-    while (job.offset < end) {
+    if (end >= job.size) end = UINT64_MAX;
+    while (job.offset < end && !job.ended) {
         const size_t size = static_cast<size_t>(std::min<uint64_t>(end - job.offset, kProgressStep));
         ssize_t copied = CopyInKernel(job, size);
         // Also asked when the kernel copied nothing: only a read tells for certain that the file ends here.
         if (copied <= 0) copied = ReadAndWrite(job, size);
         if (copied < 0) return Copied::No;
-        job.shortened = copied == 0;
-        if (job.shortened) return Copied::Yes;
+        if (copied == 0) return Copied::Yes;
         job.offset += static_cast<uint64_t>(copied);
         if (!job.reports.Progress(job.offset)) return Copied::Stopped;
     }
@@ -113,9 +161,10 @@ Copied DataCopier::CopyRange(Job &job, uint64_t end)
 }
 
 // Bytes copied, or 0 if this is to be read and written.
-ssize_t DataCopier::CopyInKernel(const Job &job, size_t size)
+ssize_t DataCopier::CopyInKernel(Job &job, size_t size)
 {
-    if (job.bytesOnly() || job.size() <= kQuickerByHand || noKernelCopyFrom_ == job.status.device) return 0;
+    if (job.bytesOnly() || job.size <= kSmallFile || job.offset >= job.size || noKernelCopyFrom_ == job.status.device)
+        return 0;
     ssize_t copied = 0;
     do {
         off_t source = static_cast<off_t>(job.offset);
@@ -123,40 +172,36 @@ ssize_t DataCopier::CopyInKernel(const Job &job, size_t size)
         copied = copy_file_range(job.from, &source, job.to, &destination, size, 0);
     } while (copied < 0 && errno == EINTR);
     if (copied < 0 && _IsRefusalForever(errno)) noKernelCopyFrom_ = job.status.device;
-    return std::max<ssize_t>(copied, 0);
+    if (copied <= 0) return 0;
+    // The kernel copies no further than the size that it knows.
+    const auto got = static_cast<size_t>(copied);
+    job.ended = job.IsEnd(job.offset + got, got, size) && volumes_.HonoursFlush(job.from, job.status.device);
+    return copied;
 }
 
-static bool _WriteAll(int to, const char *bytes, size_t size, uint64_t offset)
+// Bytes read, fewer than asked for only at the end or where the volume hands out no more at once; 0 at the end; or -1.
+ssize_t DataCopier::Read(const Job &job, uint64_t offset, size_t size)
 {
-    while (size > 0) {
-        const ssize_t written = pwrite(to, bytes, size, static_cast<off_t>(offset));
-        if (written < 0 && errno != EINTR) return false;
-        if (written <= 0) continue;
-        bytes += written;
-        size -= static_cast<size_t>(written);
-        offset += static_cast<uint64_t>(written);
-    }
-    return true;
+    ssize_t got = 0;
+    do {
+        got = pread(job.from, buffer_.get(), size, static_cast<off_t>(offset));
+    } while (got < 0 && errno == EINTR);
+    return got;
 }
 
 // Bytes copied, 0 at the end of the file, or -1.
-ssize_t DataCopier::ReadAndWrite(const Job &job, size_t size)
+ssize_t DataCopier::ReadAndWrite(Job &job, size_t size)
 {
-    if (!buffer_) buffer_.reset(new (std::nothrow) char[kBufferSize]);
-    if (!buffer_) {
-        errno = ENOMEM;
-        return -1;
-    }
     size_t done = 0;
-    while (done < size) {
+    while (done < size && !job.ended) {
         const uint64_t offset = job.offset + done;
-        const ssize_t got =
-            pread(job.from, buffer_.get(), std::min(size - done, kBufferSize), static_cast<off_t>(offset));
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return -1;
-        if (got == 0) break;
-        if (!_WriteAll(job.to, buffer_.get(), static_cast<size_t>(got), offset)) return -1;
-        done += static_cast<size_t>(got);
+        const size_t asked = std::min(size - done, kBufferSize);
+        const ssize_t read = Read(job, offset, asked);
+        if (read < 0) return -1;
+        const auto got = static_cast<size_t>(read);
+        if (!_WriteAll(job.to, buffer_.get(), got, offset)) return -1;
+        done += got;
+        job.ended = job.IsEnd(offset + got, got, asked);
     }
     return static_cast<ssize_t>(done);
 }

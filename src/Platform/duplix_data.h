@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include "Platform/Volume.h"
 #include "Platform/duplix_reports.h"
 
 #include <memory>
@@ -14,20 +15,24 @@ namespace platform {
 
 class DataCopier {
 public:
-    // Copies the bytes of `from`, which `status` describes, into the empty file `to`: as many as the status says, or
-    // fewer if the file has become shorter. What is appended meanwhile is left for the next copy. The
-    // position of `from` is not kept.
+    explicit DataCopier(VolumeMemory &volumes) : volumes_(volumes) {}
+
+    // Copies the bytes of `from`, which `status` describes, into the empty file `to`, up to where its end is found. The size
+    // that the status tells is where it is looked for first. The position of `from` is not kept.
     Copied Copy(int from, const TQFileStatus &status, int to, DuplixReports &reports);
 
 private:
     struct Job;
 
     bool Clone(const Job &job);
+    Copied CopyAtOnce(Job &job);
     Copied CopyExtents(Job &job);
     Copied CopyRange(Job &job, uint64_t end);
-    ssize_t CopyInKernel(const Job &job, size_t size);
-    ssize_t ReadAndWrite(const Job &job, size_t size);
+    ssize_t CopyInKernel(Job &job, size_t size);
+    ssize_t Read(const Job &job, uint64_t offset, size_t size);
+    ssize_t ReadAndWrite(Job &job, size_t size);
 
+    VolumeMemory &volumes_;
     std::optional<uint64_t> noCloneFrom_; // devices; what is written to stays the same for a whole copy
     std::optional<uint64_t> noKernelCopyFrom_;
     std::unique_ptr<char[]> buffer_;

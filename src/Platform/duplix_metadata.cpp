@@ -32,9 +32,11 @@ struct Ownership {
     bool complete = false; // both are the source's
 };
 
-static bool _IsRefusedToUser(int error)
+// To an ordinary user, and to root without the privilege. In a user namespace an owner from outside has no number to be
+// given by, which the kernel calls invalid.
+static bool _IsNotOursToGive(int error)
 {
-    return error == EPERM && geteuid() != 0;
+    return error == EPERM || error == EINVAL;
 }
 
 // An ordinary user can't give files away, but may give them to a group of their own.
@@ -51,7 +53,7 @@ static Ownership _CopyOwner(int to, const TQFileStatus &source, TQFileStatus &ma
         made.group = source.group;
         return result;
     }
-    result.failed = !_IsRefusedToUser(errno);
+    result.failed = !_IsNotOursToGive(errno);
     if (result.failed || source.group == made.group) return result;
     if (fchownat(to, "", static_cast<uid_t>(-1), source.group, AT_EMPTY_PATH) == 0) {
         made.group = source.group;

@@ -6,6 +6,7 @@
 
 #pragma once
 
+#include "Platform/Volume.h"
 #include "Platform/duplix_reports.h"
 
 #include <memory>
@@ -30,6 +31,8 @@ struct CopiedLists {
 // `user.` attributes, access-control lists, and as root the capability. Keeps its buffers from item to item.
 class AttributeCopier {
 public:
+    explicit AttributeCopier(VolumeMemory &volumes) : volumes_(volumes) {}
+
     Copied CopyUserAttributes(const CopiedItem &item, DuplixReports &reports);
     // Goes by what CopyUserAttributes found on the same item.
     Copied CopyLists(const CopiedItem &item, CopiedLists *lists, DuplixReports &reports);
@@ -39,13 +42,15 @@ private:
     bool ReadNames(int from);
     bool Has(const char *name) const;
     ssize_t ReadValue(int from, const char *name);
-    bool CopyOne(const CopiedItem &item, const char *name, size_t *size);
+    bool CopyOne(const CopiedItem &item, const char *name);
+    bool ReadList(const CopiedItem &item, const char *name, size_t *size);
     bool CopyAccessList(const CopiedItem &item, CopiedLists *lists);
     bool CopyDefaultList(const CopiedItem &item);
 
     std::unique_ptr<char[]> names_; // each ends in a zero
     size_t namesLength_ = 0;
     std::unique_ptr<unsigned char[]> value_;
+    VolumeMemory &volumes_;
 };
 
 // A new item has the rights that its owner needs to fill it, unless a strict umask took them. Gives them, and

@@ -1,5 +1,6 @@
 #include "Platform/duplix_tree.h"
 
+#include "Platform/DirectoryReader.h"
 #include "Platform/FileStatus.h"
 #include "Platform/InodeFlags.h"
 #include "Platform/duplix_metadata.h"
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace platform {
 
@@ -16,8 +18,9 @@ static bool _IsSame(const TQFileStatus &a, const TQFileStatus &b)
     return a.device == b.device && a.inode == b.inode;
 }
 
-bool DestinationTree::Open(const char *path)
+bool DestinationTree::Open(const char *path, const TQFileStatus *into)
 {
+    into_ = into;
     rootLength_ = strlen(path);
     while (rootLength_ > 1 && path[rootLength_ - 1] == '/') --rootLength_;
     if (rootLength_ == 0 || rootLength_ >= sizeof path_) {
@@ -42,7 +45,9 @@ bool DestinationTree::Open(const char *path)
     // Search permission is all that making an item in it takes besides write permission.
     UniqueFd directory(open(parent, O_PATH | O_DIRECTORY | O_CLOEXEC));
     TQFileStatus status;
-    return directory && GetStatusOfFd(directory.get(), &status) == 0 && directories_.Push(std::move(directory), status);
+    if (!directory || GetStatusOfFd(directory.get(), &status) != 0) return false;
+    device_ = status.device;
+    return directories_.Push(std::move(directory), status);
 }
 
 bool DestinationTree::IsInside(const TQFileStatus &tree) const
@@ -78,15 +83,88 @@ bool DestinationTree::NameItem(const char *name, const char *below)
     return true;
 }
 
+// Whether an item that was opened in the place of `into` is that one; false with ESTALE or errno.
+static bool _IsInto(int fd, const TQFileStatus &into, TQFileStatus *found)
+{
+    if (GetStatusOfFd(fd, found) != 0) return false;
+    if (!_IsSame(*found, into)) errno = ESTALE;
+    return _IsSame(*found, into);
+}
+
+// What has another kind now than it had is another item.
+static UniqueFd _OpenInto(const Item &item, int flags)
+{
+    UniqueFd fd(openat(item.directory, item.name, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd && (errno == ELOOP || errno == ENOTDIR || errno == EISDIR || errno == ENXIO)) errno = ESTALE;
+    return fd;
+}
+
+UniqueFd DestinationTree::OpenRootFile(TQFileStatus *made) const
+{
+    if (!S_ISREG(into_->mode)) {
+        errno = EISDIR;
+        return UniqueFd();
+    }
+    UniqueFd fd = _OpenInto(item_, O_RDWR);
+    if (!fd || !_IsInto(fd.get(), *into_, made)) return UniqueFd();
+    if (made->size == 0) return fd;
+    errno = EEXIST;
+    return UniqueFd();
+}
+
+UniqueFd DestinationTree::OpenRootDirectory() const
+{
+    if (!S_ISDIR(into_->mode)) {
+        errno = ENOTDIR;
+        return UniqueFd();
+    }
+    UniqueFd fd = _OpenInto(item_, O_RDONLY | O_DIRECTORY);
+    TQFileStatus found;
+    if (!fd || !_IsInto(fd.get(), *into_, &found)) return UniqueFd();
+    DirectoryReader names;
+    int error = 0;
+    if (names.Next(fd.get(), &error)) error = EEXIST;
+    if (error == 0) return fd;
+    errno = error;
+    return UniqueFd();
+}
+
+UniqueFd DestinationTree::OpenNewDirectory()
+{
+    if (mkdirat(item_.directory, item_.name, S_IRWXU) != 0) return UniqueFd();
+    madeSomething_ = true;
+    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    UniqueFd fd(openat(item_.directory, item_.name, kFlags));
+    // A strict umask can make a directory that its maker can't read.
+    if (!fd && errno == EACCES && SetMode(item_, Links::NoFollow, S_IRWXU) == 0)
+        fd.Reset(openat(item_.directory, item_.name, kFlags));
+    return fd;
+}
+
+UniqueFd DestinationTree::MakeFile(mode_t mode, TQFileStatus *made)
+{
+    UniqueFd fd;
+    if (isIntoRoot()) {
+        fd = OpenRootFile(made);
+        madeSomething_ = static_cast<bool>(fd);
+        return fd;
+    }
+    fd.Reset(openat(item_.directory, item_.name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    madeSomething_ = madeSomething_ || fd;
+    return fd && GetStatusOfFd(fd.get(), made) == 0 ? std::move(fd) : UniqueFd();
+}
+
+bool DestinationTree::MakeLink(const char *target)
+{
+    if (symlinkat(target, item_.directory, item_.name) != 0) return false;
+    madeSomething_ = true;
+    return true;
+}
+
 bool DestinationTree::EnterNewDirectory()
 {
-    isMade_ = mkdirat(item_.directory, item_.name, S_IRWXU) == 0;
-    if (!isMade_) return false;
-    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    UniqueFd made(openat(item_.directory, item_.name, kFlags));
-    // A strict umask can make a directory that its maker can't read.
-    if (!made && errno == EACCES && SetMode(item_, Links::NoFollow, S_IRWXU) == 0)
-        made.Reset(openat(item_.directory, item_.name, kFlags));
+    UniqueFd made = isIntoRoot() ? OpenRootDirectory() : OpenNewDirectory();
+    madeSomething_ = madeSomething_ || made;
     TQFileStatus status;
     if (!made || GetStatusOfFd(made.get(), &status) != 0) return false;
     GiveOwnerRights(made.get(), &status);

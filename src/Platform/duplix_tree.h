@@ -1,12 +1,13 @@
 // The destination side of a tree copy: where the next item is made, by descriptor and by path.
 //
-// It goes down and up in step with the walk over the source. What it makes it makes new, in the directory
-// that it made before; whatever has the name already stays as it is.
+// It goes down and up in step with the walk over the source. What it makes it makes new, in the directory that it made
+// before; whatever has the name already stays as it is. The root alone can be made of an empty item that stands there.
 
 #pragma once
 
 #include "Platform/DirectoryStack.h"
 #include "Platform/Item.h"
+#include "Platform/Volume.h"
 
 #include <climits>
 
@@ -14,8 +15,11 @@ namespace platform {
 
 class DestinationTree {
 public:
-    // Opens the directory that is to hold `path`. False with errno.
-    bool Open(const char *path);
+    // Opens the directory that is to hold `path`; `into` is borrowed, and as in DuplixOptions. False with errno.
+    bool Open(const char *path, const TQFileStatus *into);
+
+    // Whether its volume does.
+    bool HonoursFlush(VolumeMemory &volumes) const { return volumes.HonoursFlush(directories_.Top(), device_); }
 
     // Whether the destination would lie inside the directory that `tree` describes.
     bool IsInside(const TQFileStatus &tree) const;
@@ -28,11 +32,15 @@ public:
     const Item &item() const { return item_; }
     bool isRoot() const { return isRoot_; }
 
-    // Makes the item named last and goes down into it. What the directory above hands down, a default list or flags,
-    // is taken from the root at once, so that it reaches nothing below. False with errno.
+    // Makes the item named last a file, open for reading and writing. Empty with errno.
+    UniqueFd MakeFile(mode_t mode, TQFileStatus *made);
+    // False with errno.
+    bool MakeLink(const char *target);
+    // Makes the item named last a directory and goes down into it. What the directory above hands down, a default list
+    // or flags, is taken from the root at once, so that it reaches nothing below. False with errno.
     bool EnterNewDirectory();
-    // Whether it was at least made.
-    bool isMade() const { return isMade_; }
+    // Whether any of them was at least made, or begun in the item that stood there.
+    bool madeSomething() const { return madeSomething_; }
     // Whether `directory` is the root that was made: a copy met in its own source.
     bool IsRootMade(const TQFileStatus &directory) const;
 
@@ -45,10 +53,17 @@ public:
     size_t depth() const { return directories_.size(); }
 
 private:
+    bool isIntoRoot() const { return isRoot_ && into_; }
+    UniqueFd OpenRootFile(TQFileStatus *made) const;
+    UniqueFd OpenNewDirectory();
+    UniqueFd OpenRootDirectory() const;
+
     DirectoryStack directories_;
+    const TQFileStatus *into_ = nullptr;
+    uint64_t device_ = 0; // of the directory that holds the root
     Item item_{};
     bool isRoot_ = false;
-    bool isMade_ = false;
+    bool madeSomething_ = false;
     bool rootMade_ = false;
     TQFileStatus root_{};
     const char *rootName_ = nullptr;

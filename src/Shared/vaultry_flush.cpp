@@ -1,6 +1,8 @@
 #include "Shared/vaultry_flush.h"
 
+#include "Platform/FileStatus.h"
 #include "Platform/Flush.h"
+#include "Platform/Volume.h"
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_internal_failure.h"
 
@@ -50,10 +52,44 @@ bool Report(int result, const char *path, TQError **error, const char *file = __
     return result == 0 || Failure(error, file, line).Errno("Failed to flush \"%s\" to disk", path);
 }
 
-int FlushVolume(const char *directory)
+// What stands for an item that can't be opened: the nearest directory, from `directory` upwards, that can be read and is
+// on the item's volume, if a flush of the volume reaches all that is on it. Empty, and errno as it was, if there is none.
+UniqueFd OpenVolumeOf(const char *item, const char *directory)
 {
-    const UniqueFd fd = OpenDirectory(directory);
-    return fd ? platform::FlushVolumeOfFd(fd.get()) : -1;
+    const ErrnoKeeper keeper;
+    TQFileStatus wanted, status;
+    if (platform::GetStatus(Item::AtPath(item), Links::NoFollow, &wanted) != 0) return UniqueFd();
+    UniqueFd at(open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    for (uint64_t last = 0; at && platform::GetStatusOfFd(at.get(), &status) == 0; last = status.inode) {
+        if (status.device != wanted.device || status.inode == last) break; // the top is its own parent
+        UniqueFd readable(openat(at.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (readable) return platform::VolumeHonoursFlush(readable.get()) ? std::move(readable) : UniqueFd();
+        at.Reset(openat(at.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    }
+    return UniqueFd();
+}
+
+int FlushUnopened(const char *path)
+{
+    const bool isOnlyEntry = errno != EACCES; // a link or a socket
+    const Parent parent(path);
+    const UniqueFd volume = OpenVolumeOf(path, parent.path);
+    if (volume) return platform::FlushVolumeOfFd(volume.get());
+    const UniqueFd directory = isOnlyEntry ? OpenDirectory(parent.path) : UniqueFd();
+    return directory ? platform::FlushFd(directory.get()) : -1;
+}
+
+// Who may make entries in a directory need not be allowed to read it. An item that lies on its volume may be readable
+// where nothing above is.
+int FlushUnopenedDirectory(const char *path, const char *itemOnIt)
+{
+    const UniqueFd volume = OpenVolumeOf(path, path);
+    if (volume) return platform::FlushVolumeOfFd(volume.get());
+    const int why = errno;
+    const UniqueFd item = Open(itemOnIt);
+    if (item && platform::VolumeHonoursFlush(item.get())) return platform::FlushVolumeOfFd(item.get());
+    errno = why;
+    return -1;
 }
 
 } // namespace
@@ -62,7 +98,7 @@ bool _FlushItem(const char *path, TQError **error)
 {
     const UniqueFd item = Open(path);
     if (item) return Report(platform::FlushFd(item.get()), path, error);
-    return Report(CannotBeOpened() ? FlushVolume(Parent(path).path) : -1, path, error);
+    return Report(CannotBeOpened() ? FlushUnopened(path) : -1, path, error);
 }
 
 bool _FlushEntry(const char *path, TQError **error)
@@ -75,9 +111,7 @@ bool _FlushFormerEntry(const char *path, const char *now, TQError **error)
     const Parent parent(path);
     const UniqueFd directory = OpenDirectory(parent.path);
     if (directory) return Report(platform::FlushFd(directory.get()), parent.path, error);
-    // Who may make entries in a directory need not be allowed to read it; the item is on the same volume.
-    const UniqueFd item = CannotBeOpened() ? Open(now) : UniqueFd();
-    return Report(item ? platform::FlushVolumeOfFd(item.get()) : -1, parent.path, error);
+    return Report(CannotBeOpened() ? FlushUnopenedDirectory(parent.path, now) : -1, parent.path, error);
 }
 
 TreeFlush TreeFlush::Within(const char *directory)
@@ -95,5 +129,8 @@ TreeFlush TreeFlush::At(const char *path)
 bool TreeFlush::Flush(const char *path, uint32_t mode, TQError **error) const
 {
     if (!S_ISDIR(mode)) return _FlushItem(path, error);
-    return Report(volume_ ? platform::FlushVolumeOfFd(volume_.get()) : FlushVolume(path), path, error);
+    const UniqueFd other = volume_ ? UniqueFd() : OpenVolumeOf(path, path);
+    const int volume = volume_ ? volume_.get() : other.get();
+    if (platform::VolumeHonoursFlush(volume)) return Report(platform::FlushVolumeOfFd(volume), path, error);
+    return _FlushItem(path, error); // whoever wrote what is in it has flushed that
 }

@@ -1,5 +1,8 @@
 // Success is durable: what an operation did is on disk before it returns true.
 //
+// A whole volume is flushed only where that is known to reach all that lies on it (VolumeHonoursFlush). Elsewhere whoever
+// writes an item brings it to disk through the descriptor that wrote it; an item that can't be opened can't be flushed.
+//
 // False with "Failed to flush …" from errno. A failed flush is final; the caller undoes what it still can.
 
 #pragma once
@@ -18,7 +21,8 @@ bool _FlushItem(const char *path, TQError **error);
 bool _FlushEntry(const char *path, TQError **error);
 bool _FlushFormerEntry(const char *path, const char *now, TQError **error);
 
-// A whole tree, with one call for its volume however many items it has: content, attributes and entries.
+// A whole tree, with one call for its volume however many items it has: content, attributes and entries. Where a flush
+// of the volume does not stand for that, only the top item, whose contents their writers have flushed.
 //
 //     const auto flush = TreeFlush::Within(directory);   // before the first byte is written
 //     ...

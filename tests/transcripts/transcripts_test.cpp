@@ -10,8 +10,8 @@
 // line, command or section, "[!root]" its contrary: root, user and capable tell who plays; flags, whether it may set
 // a file immutable; compression and clones, whether files can be compressed and cloned here; mount, whether something
 // can be mounted; inode, whether all attributes of an item have to fit beside its inode; tracing, whether a program can
-// be killed at a call of its. A section with "[volumes]" behind "==" is played here, and once more on a volume of each
-// type.
+// be killed at a call of its; namespaces, whether one can be root in a user namespace. A section with "[volumes]" behind
+// "==" is played here, and once more on a volume of each type.
 
 #include "support/Tests.h"
 #include "support/Volumes.h"
@@ -39,7 +39,7 @@ struct Section {
 
 using Conditions = std::set<std::string>;
 constexpr const char *kTypes[] = {"ext4", "xfs", "btrfs", "tmpfs"},
-                     *kMeasured[] = {"flags", "compression", "mount", "inode", "tracing"};
+                     *kMeasured[] = {"flags", "compression", "mount", "inode", "tracing", "namespaces"};
 
 // What this user meets in a directory there; "" is the usual place.
 Conditions ConditionsAt(const std::string &place, As who)
@@ -50,6 +50,7 @@ Conditions ConditionsAt(const std::string &place, As who)
     if (disk::SetFlags(disk::Write(probe / "file", "x"), FS_COMPR_FL)) met.insert("compression");
     if (Shell(probe.path(), "cp --reflink=always file clone")) met.insert("clones");
     if (Shell("/", "strace -qq -o /dev/null true")) met.insert("tracing");
+    if (Shell("/", "unshare -Ur true")) met.insert("namespaces");
     const std::string large(5000, 'x');
     if (setxattr(probe.path().c_str(), "user.large", large.data(), large.size(), 0) != 0) met.insert("inode");
     if (who == As::Root && !VolumeOfType("tmpfs").path.empty()) met.insert("mount");
@@ -60,7 +61,7 @@ Conditions ConditionsAt(const std::string &place, As who)
 bool IsMet(const Conditions &met, std::string &line)
 {
     static const std::regex condition(
-        R"(^\[(!?)(root|user|capable|flags|compression|clones|mount|inode|tracing)\] (.*)$)");
+        R"(^\[(!?)(root|user|capable|flags|compression|clones|mount|inode|tracing|namespaces)\] (.*)$)");
     bool isMet = true;
     for (std::smatch parts; std::regex_match(line, parts, condition); line = std::string(parts[3]))
         isMet &= (met.count(parts[2]) != 0) == (parts[1].length() == 0);
