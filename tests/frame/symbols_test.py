@@ -1,14 +1,16 @@
 """What the headers export, what the symbol map lists and what libvaultry.so really has are one set, and documented;
-and what it takes from others does nothing to its process."""
+what it takes from others does nothing to its process; and what a client calls as it does takes nothing's place."""
 import pathlib
 import re
 import runpy
 import subprocess
 import sys
+import tempfile
 
-library = sys.argv[1]
+library = str(pathlib.Path(sys.argv[1]).resolve())
 
-headers = runpy.run_path(str(pathlib.Path(__file__).resolve().parents[2] / "scripts/update-symbols"))
+root = pathlib.Path(__file__).resolve().parents[2]
+headers = runpy.run_path(str(root / "scripts/update-symbols"))
 problems = []
 
 
@@ -28,6 +30,7 @@ if listed != sorted(listed):
 
 table = subprocess.run(["nm", "-D", "--defined-only", library], check=True, capture_output=True, text=True).stdout
 real = {line.split()[2] for line in table.splitlines() if line.split()[1] != "A"}
+functions = {line.split()[2].partition("@")[0] for line in table.splitlines() if line.split()[1] == "T"}
 same("the headers", declared, "libvaultry.so", {name.partition("@")[0] for name in real})
 problems += [f"{name}: not of VAULTRY_1.0" for name in real if not name.endswith("@@VAULTRY_1.0")]
 
@@ -53,6 +56,52 @@ if "soname: [libvaultry.so.1]" not in dynamic:
 needed = set(re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic))
 strangers = {name for name in needed if not re.match(r"lib(stdc\+\+|gcc_s|c|m)\.so|ld-linux", name)}
 problems += [f"libvaultry.so needs {name}" for name in strangers]
+
+# A client with a function of its own for each that is exported, which ends it. Its threshold is the library's.
+CLIENT = r"""
+#include <vaultry/vaultry.h>
+
+#include <dlfcn.h>
+#include <stdio.h>
+
+#define OF_LIBRARY(name) ((__typeof__(&name))dlsym(library, #name))
+
+static int lines;
+void syslog(int level, const char *format, ...) { (void)level, (void)format, ++lines; }
+void __syslog_chk(int level, int flag, const char *format, ...) { (void)level, (void)flag, (void)format, ++lines; }
+
+int main(int count, char **arguments)
+{
+    void *library = dlopen(arguments[1], RTLD_NOW);
+    if (count != 4 || !library) return fprintf(stderr, "%s\n", dlerror()), 1;
+    TQURL *store = OF_LIBRARY(TQURLCreateWithFileSystemPath)(arguments[2], true);
+    TQURL *document = OF_LIBRARY(TQURLCreateWithFileSystemPath)(arguments[3], false);
+    TQString *first = OF_LIBRARY(TQStringCreate)("first"), *second = OF_LIBRARY(TQStringCreate)("second");
+    TQLibrary *opened = OF_LIBRARY(TQLibraryCreateClientManaged)(NULL, store, NULL);
+    bool done = OF_LIBRARY(TQLibraryAddGenerationWithOptionsByCopyingFile)(opened, first, document, 0, NULL) &&
+                OF_LIBRARY(TQLibraryRestoreGeneration)(opened, first, document, second, NULL);
+    for (tq_log_min_priority = 2; tq_log_min_priority <= 3; ++tq_log_min_priority)
+        done &= !OF_LIBRARY(TQCopyOriginalDisplayName)(arguments[3], NULL) && lines == tq_log_min_priority - 2;
+    done &= OF_LIBRARY(TQLibraryDestroyClientManaged)(store, NULL);
+    OF_LIBRARY(TQRelease)(opened);
+    return done ? 0 : 2;
+}
+"""
+with tempfile.TemporaryDirectory(prefix="vaultry-symbols-") as temporary:
+    where = pathlib.Path(temporary).resolve()
+    (where / "client.c").write_text(CLIENT, encoding="utf-8")
+    (where / "theirs.c").write_text("#include <stdio.h>\n#include <stdlib.h>\n" + "".join(
+        f'void {name}(void);\nvoid {name}(void) {{ fputs("{name} is called\\n", stderr), abort(); }}\n'
+        for name in sorted(functions)), encoding="utf-8")
+    (where / "document").mkdir()
+    (where / "store").mkdir()
+    subprocess.run(["cc", "-fno-builtin", "-fno-pie", "-no-pie", "-rdynamic", f"-I{root / 'include'}", "client.c",
+                    "theirs.c", library, f"-Wl,-rpath,{pathlib.Path(library).parent}", "-o", "client"],
+                   cwd=where, check=True)
+    client = subprocess.run(["./client", library, where / "store", where / "document"], cwd=where, check=False,
+                            capture_output=True, text=True)
+    if client.returncode != 0 or (where / "store").exists() or len(functions) < 200:
+        problems.append(f"a client's own functions are called: exit {client.returncode}, {client.stderr}")
 
 print(f"{len(declared)} declared, {len(listed)} listed, {len(real)} exported")
 print(*problems, sep="\n")
