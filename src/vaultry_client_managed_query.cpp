@@ -14,6 +14,7 @@
 #include <vaultry/number.h>
 
 #include <cerrno>
+#include <cstring>
 #include <dirent.h>
 #include <memory>
 
@@ -98,7 +99,9 @@ bool GetMask(const TQDictionary *spec, const char *key, const char *complaint, i
     TQValue *value = nullptr;
     if (!Get(spec, key, &value, error)) return false;
     if (value && !TQIsNumber(value)) return Failure(error).Refused(kTQStatusInvalidType, "%s", complaint);
-    *mask = static_cast<uint64_t>(value ? TQNumberGetInt64(value) : absent);
+    // By its bits: a mask with the highest one is given as a negative number, or as one that only fits without a sign.
+    const int64_t number = value ? TQNumberGetInt64(value) : absent;
+    *mask = number == INT64_MAX ? TQNumberGetUInt64(value) : static_cast<uint64_t>(number);
     return true;
 }
 
@@ -222,19 +225,18 @@ TQDictionary *_genInfosCreate(const FieldSelection &selection, const TQArray *ke
 TQDictionary *TQClientManagedStorageCopyGenerationInfos(const TQClientManagedStorage *store, const TQString *name,
                                                         const TQDictionary *spec, TQError **error)
 {
-    char nameBytes[PathBuffer::kCapacity];
-    if (!name) return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
-    if (!TQStringGetFileSystemRepresentation(name, nameBytes, sizeof nameBytes))
-        return Failure(error).Refused(kTQStatusBadPath, "Path to generation is too long");
+    const char *const bytes = TQStringGetUTF8(name);
+    if (!bytes || strlen(bytes) != TQStringGetUTF8Length(name)) // one with a zero inside would stand for another
+        return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
     FieldSelection fields;
     const TQArray *keys = nullptr;
     if (!GetFields(spec, &fields, &keys, error)) return nullptr;
 
     HeldLock lock;
     PathBuffer path;
-    if (!lock.ForReading(store, error) || !GetPath(store->rootPath, nameBytes, path, error)) return nullptr;
+    if (!lock.ForReading(store, error) || !GetPath(store->rootPath, bytes, path, error)) return nullptr;
     const uint64_t options = TQGetGenerationOptions(path.c_str());
-    return _genInfosCreate(fields, keys, nameBytes, options, path.c_str(), error);
+    return _genInfosCreate(fields, keys, bytes, options, path.c_str(), error);
 }
 
 TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQClientManagedStorage *store,

@@ -76,6 +76,8 @@ TEST(StoreInCpp, TextThatCannotBeConvertedIsNeverTakenForNone)
                                 store.restore("a", test.document(), "\xff"), store.remove({"a", "\xff"}),
                                 store.set_options("a\0b"sv, 2), from.remove({"a"})})
         EXPECT_EQ(refused.error().status(), kTQStatusInvalidArgument) << refused.error().description();
+    EXPECT_EQ(store.set_display_name("a", "a\0b"sv).error().description(), "supplied display name holds a zero byte");
+    EXPECT_EQ(store.record("a\0b"sv).error().status(), kTQStatusInvalidArgument);
     EXPECT_EQ(Store::destroy(test.root() + "\0"s).error().status(), kTQStatusBadPath);
     EXPECT_EQ(store.set_info("a", "k", Data(std::vector<char>(1 << 20))).error().underlying().code(), E2BIG);
     EXPECT_EQ(store.remove_info("a", "x").error().status(), kTQStatusFailed);

@@ -67,7 +67,9 @@ bool TQSetOriginalDisplayName(const char *path, const TQString *name, TQError **
 {
     char buffer[kDisplayNameCapacity] = "";
     if (TQStringGetLength(name) != 0 && !TQStringGetFileSystemRepresentation(name, buffer, sizeof buffer))
-        return Failure(error).Status(kTQStatusInvalidArgument, "supplied display name was too long");
+        return Failure(error).Status(kTQStatusInvalidArgument, TQStringGetUTF8Length(name) >= sizeof buffer
+                                                                   ? "supplied display name was too long"
+                                                                   : "supplied display name holds a zero byte");
     return _SetEAOnGeneration(path, kDisplayNameAttribute, buffer, strlen(buffer), error);
 }
 
