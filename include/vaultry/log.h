@@ -30,7 +30,8 @@ TQ_EXPORT void tq_log_msg(int level, const char *path, int line, const char *for
 TQ_EXPORT void _TQLogMsg(int level, const char *path, int line, const TQString *format, ...);
 
 /// What the lines of the calling thread show as their label; a leading "com.corvane." is not shown.
-/// Copied. Null takes it away: then the thread's own name stands there, if it was given one.
+/// Copied. Null takes it away: then the thread's own name stands there, if it was given one. The main thread's name
+/// is the process's, and never stands there.
 TQ_EXPORT void TQSetThreadLabel(const char *label);
 
 TQ_END_DECLS

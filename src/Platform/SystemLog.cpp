@@ -1,11 +1,14 @@
 #include "Platform/SystemLog.h"
 
 #include "Platform/ScopeExit.h"
+#include "Platform/UniqueFd.h"
 
 #include <atomic>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace platform {
 
@@ -48,10 +51,28 @@ void SetThreadLabel(const char *label)
     _CopyCut(threadLabel, sizeof threadLabel, label ? label : "");
 }
 
-// A thread that nobody named carries the program's name, cut as the kernel cuts it.
-static bool _IsProgramName(const char *name, size_t capacity)
+static constexpr size_t kKernelNameCapacity = 16;
+
+// False where there is no /proc.
+static bool _GetMainThreadName(char *name)
 {
-    return strncmp(name, program_invocation_short_name, capacity - 1) == 0;
+    const UniqueFd file(open("/proc/self/comm", O_RDONLY | O_CLOEXEC));
+    const ssize_t length = file ? read(file.get(), name, kKernelNameCapacity) : -1;
+    if (length <= 0) return false;
+    name[length - 1] = '\0'; // a line's end
+    return true;
+}
+
+// A thread carries the name of the one that started it, in the end the main thread's, until somebody gives it another.
+// The main thread's own is the process's: the program's as it was called (which for a script is not its interpreter's),
+// or a title. What can't be told: a label given to the main thread by its kernel name, taken for a title; a title given
+// after other threads were started, which keep what was the title before and show it as a label, unless that was the
+// program's name; and a thread whose starter had a label.
+static bool _IsProcessName(const char *name)
+{
+    if (strncmp(name, program_invocation_short_name, kKernelNameCapacity - 1) == 0 || gettid() == getpid()) return true;
+    char main[kKernelNameCapacity];
+    return _GetMainThreadName(main) && strcmp(name, main) == 0;
 }
 
 void GetThreadLabel(char *buffer, size_t capacity)
@@ -61,8 +82,8 @@ void GetThreadLabel(char *buffer, size_t capacity)
         _CopyCut(buffer, capacity, threadLabel);
         return;
     }
-    char name[16] = "";
-    if (prctl(PR_GET_NAME, name) != 0 || _IsProgramName(name, sizeof name)) name[0] = '\0';
+    char name[kKernelNameCapacity] = "";
+    if (prctl(PR_GET_NAME, name) != 0 || _IsProcessName(name)) name[0] = '\0';
     _CopyCut(buffer, capacity, name);
 }
 

@@ -14,7 +14,7 @@ using LogSink = void (*)(int level, const char *line);
 void SetLogSink(LogSink sink);
 
 // The label of the calling thread's work: what SetThreadLabel gave it, else the thread's own name where
-// it has one that differs from the program's, else "". Keeps errno.
+// it has one that differs from the process's, else "". Keeps errno.
 void GetThreadLabel(char *buffer, size_t capacity);
 
 // Null takes the label away. Copied, cut to 127 bytes.

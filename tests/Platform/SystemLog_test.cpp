@@ -24,7 +24,12 @@ TEST(ThreadLabel, IsTheThreadsOwn)
         platform::SetThreadLabel(nullptr);
         EXPECT_EQ(_Label(), "com.corvane.x.y");
     }).join();
+    char name[16];
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    pthread_setname_np(pthread_self(), "a script's"); // as a main thread's is, whatever runs the script
     EXPECT_EQ(_Label(), "");
+    std::thread([] { EXPECT_EQ(_Label(), ""); }).join();
+    pthread_setname_np(pthread_self(), name);
 }
 
 TEST(SystemLog, LinesGoToWhoeverListensAndKeepErrno)
