@@ -60,6 +60,16 @@ std::optional<size_t> UTF16LengthOfUTF8(const void *bytes, size_t length)
     return units;
 }
 
+size_t LengthOfWholeCharacters(const char *bytes, size_t length)
+{
+    constexpr size_t kLongest = 4;
+    for (size_t back = 1; back < kLongest && back <= length; ++back) {
+        const auto byte = static_cast<unsigned char>(bytes[length - back]);
+        if ((byte & 0xc0) != 0x80) return _ReadLead(byte).length > back ? length - back : length;
+    }
+    return length;
+}
+
 char32_t NextCharacter(const char *&at)
 {
     const Lead lead = _ReadLead(static_cast<unsigned char>(*at++));

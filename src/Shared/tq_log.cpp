@@ -5,6 +5,7 @@
 #include "Platform/ScopeExit.h"
 #include "Platform/SystemLog.h"
 #include "Runtime/Ref.h"
+#include "Runtime/UTF8.h"
 
 #include <vaultry/path.h>
 #include <vaultry/string.h>
@@ -64,8 +65,10 @@ const char *ShownFileName(const char *path)
             (void)vsnprintf(whole.get(), length + 1, format, again);
             message = whole.get();
         } else {
-            memcpy(local + kMessageCapacity - 4, "...", 3);
-            length = kMessageCapacity - 1;
+            static constexpr char kMark[] = "...";
+            length = LengthOfWholeCharacters(local, sizeof local - sizeof kMark);
+            memcpy(local + length, kMark, sizeof kMark);
+            length += sizeof kMark - 1;
         }
     }
     va_end(again);
@@ -91,7 +94,10 @@ void tq_do_log(int level, const char *fileName, int line, const char *message)
     if (static_cast<size_t>(needed) >= sizeof local) {
         const size_t size = static_cast<size_t>(needed) + 1;
         whole.reset(static_cast<char *>(malloc(size)));
-        if (whole) (void)snprintf(whole.get(), size, "%s:%i %s (on %s)\n", fileName, line, message, shown);
+        if (whole)
+            (void)snprintf(whole.get(), size, "%s:%i %s (on %s)\n", fileName, line, message, shown);
+        else
+            local[LengthOfWholeCharacters(local, sizeof local - 1)] = '\0';
     }
     platform::WriteSystemLog(level, whole ? whole.get() : local);
 }

@@ -15,6 +15,7 @@
 
 struct Failure::Message {
     char text[1024];
+    bool isCut = false;
 
     [[gnu::format(printf, 2, 0)]] void Format(const char *format, va_list arguments)
     {
@@ -23,6 +24,7 @@ struct Failure::Message {
 
     void AppendErrno(int errorNumber)
     {
+        if (isCut) return; // what is read there would pass for what is missing
         char buffer[256];
         const size_t length = strlen(text);
         Finish(length, snprintf(text + length, sizeof text - length, "; error %d (%s)", errorNumber,
@@ -33,10 +35,9 @@ private:
     // Text that is not UTF-8 would cost the caller the whole error object.
     void Finish(size_t start, int written)
     {
-        if (written < 0)
-            text[start] = '\0';
-        else if (start + static_cast<size_t>(written) >= sizeof text)
-            DropHalfCharacter();
+        if (written < 0) text[start] = '\0';
+        isCut = written >= 0 && start + static_cast<size_t>(written) >= sizeof text;
+        if (isCut) text[LengthOfWholeCharacters(text, sizeof text - 1)] = '\0';
         MarkOtherBytes(text + start);
     }
 
@@ -50,18 +51,6 @@ private:
             if (!isCharacter) *at = '?';
             at += isCharacter ? wanted : 1;
         }
-    }
-
-    // Where a message was cut.
-    void DropHalfCharacter()
-    {
-        const size_t end = sizeof text - 1;
-        size_t lead = end;
-        while (lead > 0 && end - lead < 4 && (static_cast<unsigned char>(text[lead - 1]) & 0xc0) == 0x80) --lead;
-        if (lead == 0) return;
-        const unsigned char first = static_cast<unsigned char>(text[lead - 1]);
-        const size_t wanted = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : first >= 0xc0 ? 2 : 1;
-        if (end - (lead - 1) < wanted) text[lead - 1] = '\0';
     }
 };
 

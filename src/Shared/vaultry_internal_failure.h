@@ -5,7 +5,8 @@
 //         return Failure(error).Errno("rename (\"%s\" -> \"%s\") failed", staged, generation);
 //
 // Always: errno is taken before anything else can change it, and is the same afterwards. A message is
-// bounded by 1,024 bytes and cut between characters, so that a long path never costs the caller its error.
+// bounded by 1,024 bytes and cut between characters, so that a long path never costs the caller its error; one that is
+// cut is the beginning of the whole, without the error's number behind it.
 
 #pragma once
 

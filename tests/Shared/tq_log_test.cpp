@@ -39,18 +39,20 @@ TEST(Log, WritesTheWholeMessageTrimmedAsEachEntryPointDoes)
 TEST(Log, KeepsWhatFitsWhenMemoryIsShort)
 {
     if (!kCanFailAllocations) GTEST_SKIP() << "a sanitizer allocates here";
-    const auto logged = [](size_t length) {
-        return InChild(FailAllocation(1), [length](TQError **) {
+    const auto logged = [](size_t length, size_t wide = 4000) {
+        return InChild(FailAllocation(1), [length, wide](TQError **) {
             char text[4096] = "";
             std::fill_n(text, length, 'a');
+            std::copy_n("ä", 2, text + wide);
             tq_log_msg(3, "/f", 1, "%s", text);
             return true;
         });
     };
-    const Outcome fits = logged(1023), cut = logged(1024);
+    const Outcome fits = logged(1023), cut = logged(1024), cutShorter = logged(1024, 1019);
     EXPECT_FALSE(fits.faultFired) << "a message that fits costs no allocation";
     ASSERT_EQ(cut.log.size(), 1U);
     EXPECT_EQ(cut.log[0].text, "f:1 " + std::string(1020, 'a') + "... (on )\n");
+    EXPECT_EQ(cutShorter.log.at(0).text, "f:1 " + std::string(1019, 'a') + "... (on )\n") << "half a character";
 }
 
 TEST(LogThreshold, BeginsAtNoticeAndTakesAnyValue)
