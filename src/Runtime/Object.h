@@ -43,13 +43,13 @@ enum Type : TQTypeID {
 struct Kind {
     Type type;
     const char *name; // for messages
-    bool container;   // compared with a guard against endless recursion, hashed by its count alone inside another
+    bool container;   // compared with a guard against endless recursion
     // Runs the destructor; the memory is given back by the caller. Null where there is nothing to do.
     void (*destroy)(Object *);
     // Both are of this kind and different objects. Null: only the same object is equal.
     bool (*equal)(const Object *, const Object *, const Comparison *);
-    // Never looks into a container's containers. Null: by identity.
-    uintptr_t (*hash)(const Object *);
+    // Looks at as much as the budget allows, see below. Null: by identity.
+    uintptr_t (*hash)(const Object *, size_t budget);
     void (*describe)(const Object *, Description &);
 };
 
@@ -125,8 +125,21 @@ struct Comparison {
 
 bool EqualMembers(const TQValue *a, const TQValue *b, const Comparison *outer);
 
-// The hash of a member: a container counts as its kind, so that hashing never recurses.
-uintptr_t HashMember(const TQValue *value);
+// --- hashing
+//
+// A value hashes all that it holds itself; containers in it have a share of a budget, and those in them a share of that.
+// So a hash costs no more than the container's own size justifies, however often one is shared below it, and ends where
+// one holds itself. A budget follows from nothing but the counts on the way down, which equal containers have in common.
+
+inline constexpr size_t kWholeValue = SIZE_MAX;
+
+// What each of a container's members may spend.
+constexpr size_t ShareOfBudget(size_t budget, size_t count)
+{
+    return budget == kWholeValue ? 1024 / (count + 1) + 8 : budget / (count + 1);
+}
+
+uintptr_t HashMember(const TQValue *value, size_t budget);
 
 // --- describing
 

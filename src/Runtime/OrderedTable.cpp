@@ -93,11 +93,13 @@ bool OrderedTable::EqualTo(const OrderedTable &other, const Comparison *comparis
            });
 }
 
-uintptr_t OrderedTable::Hash(uintptr_t kind) const
+uintptr_t OrderedTable::Hash(uintptr_t kind, size_t budget) const
 {
     uintptr_t sum = HashInteger(kind + count_);
+    if (count_ > budget) return sum; // which of them come first says nothing of an equal table
+    const size_t share = ShareOfBudget(budget, count_);
     Every([&](const Entry &entry) {
-        sum += HashInteger(HashMember(entry.key) * 3 + HashMember(entry.value));
+        sum += HashInteger(HashMember(entry.key, share) * 3 + HashMember(entry.value, share));
         return true;
     });
     return sum;

@@ -41,7 +41,7 @@ public:
     }
 
     bool EqualTo(const OrderedTable &other, const Comparison *comparison) const;
-    uintptr_t Hash(uintptr_t kind) const; // whatever the order
+    uintptr_t Hash(uintptr_t kind, size_t budget) const; // whatever the order
 
 private:
     static constexpr size_t kEmpty = SIZE_MAX;

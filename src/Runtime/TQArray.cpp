@@ -15,11 +15,12 @@ bool _EqualArrays(const Object *a, const Object *b, const Comparison *comparison
                       [&](const TQValue *x, const TQValue *y) { return EqualMembers(x, y, comparison); });
 }
 
-uintptr_t _HashArray(const Object *object)
+uintptr_t _HashArray(const Object *object, size_t budget)
 {
     const auto &values = static_cast<const TQArray *>(object)->values;
+    const size_t seen = std::min(values.size(), budget), share = ShareOfBudget(budget, values.size());
     uintptr_t hash = HashInteger(kTypeArray + values.size());
-    for (const TQValue *value : values) hash = hash * 31 + HashMember(value);
+    for (size_t i = 0; i < seen; ++i) hash = hash * 31 + HashMember(values[i], share);
     return hash;
 }
 

@@ -17,10 +17,13 @@ bool _EqualData(const Object *a, const Object *b, const Comparison *)
            (first->length == 0 || std::memcmp(first->bytes, second->bytes, first->length) == 0);
 }
 
-uintptr_t _HashData(const Object *object)
+uintptr_t _HashData(const Object *object, size_t budget)
 {
     const auto *data = static_cast<const TQData *>(object);
-    return HashBytes(data->bytes, data->length);
+    const size_t end = std::min(budget, data->length) * 8;
+    if (data->length <= 2 * end) return HashBytes(data->bytes, data->length);
+    const char *const bytes = static_cast<const char *>(data->bytes);
+    return HashInteger(HashBytes(bytes, end) * 3 + HashBytes(bytes + data->length - end, end)) + data->length;
 }
 
 void _DescribeData(const Object *object, Description &description)

@@ -14,7 +14,7 @@ bool _EqualDates(const Object *a, const Object *b, const Comparison *)
     return !(first < second || first > second) && std::isnan(first) == std::isnan(second);
 }
 
-uintptr_t _HashDate(const Object *object)
+uintptr_t _HashDate(const Object *object, size_t)
 {
     const double seconds = static_cast<const TQDate *>(object)->since2001;
     if (std::isnan(seconds)) return HashInteger(~uint64_t{0});

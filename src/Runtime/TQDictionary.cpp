@@ -9,9 +9,9 @@ bool _EqualDictionaries(const Object *a, const Object *b, const Comparison *comp
     return static_cast<const TQDictionary *>(a)->table.EqualTo(static_cast<const TQDictionary *>(b)->table, comparison);
 }
 
-uintptr_t _HashDictionary(const Object *object)
+uintptr_t _HashDictionary(const Object *object, size_t budget)
 {
-    return static_cast<const TQDictionary *>(object)->table.Hash(kTypeDictionary);
+    return static_cast<const TQDictionary *>(object)->table.Hash(kTypeDictionary, budget);
 }
 
 void _DescribeDictionary(const Object *object, Description &description)

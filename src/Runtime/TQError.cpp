@@ -17,7 +17,7 @@ bool _EqualErrors(const Object *a, const Object *b, const Comparison *comparison
            EqualMembers(first->userInfo, second->userInfo, comparison);
 }
 
-uintptr_t _HashError(const Object *object)
+uintptr_t _HashError(const Object *object, size_t)
 {
     const auto *error = static_cast<const TQError *>(object);
     return HashInteger(TQHash(error->domain) + static_cast<uintptr_t>(error->code));

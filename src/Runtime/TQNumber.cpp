@@ -37,7 +37,7 @@ bool _EqualNumbers(const Object *a, const Object *b, const Comparison *)
     return first->numberKind == second->numberKind && first->uint64 == second->uint64;
 }
 
-uintptr_t _HashNumber(const Object *object)
+uintptr_t _HashNumber(const Object *object, size_t)
 {
     const auto *number = static_cast<const TQNumber *>(object);
     if (number->numberKind != kTQNumberDouble) return HashInteger(number->uint64);

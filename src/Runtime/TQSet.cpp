@@ -9,9 +9,9 @@ bool _EqualSets(const Object *a, const Object *b, const Comparison *comparison)
     return static_cast<const TQSet *>(a)->table.EqualTo(static_cast<const TQSet *>(b)->table, comparison);
 }
 
-uintptr_t _HashSet(const Object *object)
+uintptr_t _HashSet(const Object *object, size_t budget)
 {
-    return static_cast<const TQSet *>(object)->table.Hash(kTypeSet);
+    return static_cast<const TQSet *>(object)->table.Hash(kTypeSet, budget);
 }
 
 void _DescribeSet(const Object *object, Description &description)

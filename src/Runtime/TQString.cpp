@@ -14,7 +14,7 @@ bool _EqualStrings(const Object *a, const Object *b, const Comparison *)
     return static_cast<const TQString *>(a)->view() == static_cast<const TQString *>(b)->view();
 }
 
-uintptr_t _HashString(const Object *object)
+uintptr_t _HashString(const Object *object, size_t)
 {
     const auto *string = static_cast<const TQString *>(object);
     // Threads that race to fill it all store the same hash.

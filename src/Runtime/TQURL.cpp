@@ -50,10 +50,12 @@ bool _EqualURLs(const Object *a, const Object *b, const Comparison *)
     return first == second;
 }
 
-uintptr_t _HashURL(const Object *object)
+uintptr_t _HashURL(const Object *object, size_t budget)
 {
-    const std::string &text = static_cast<const TQURL *>(object)->text;
-    return HashBytes(text.data(), text.size());
+    const auto *url = static_cast<const TQURL *>(object);
+    uintptr_t hash = HashBytes(url->text.data(), url->text.size());
+    while ((url = url->base) && budget-- > 0) hash = hash * 31 + HashBytes(url->text.data(), url->text.size());
+    return hash;
 }
 
 void _DescribeURL(const Object *object, Description &description)

@@ -101,16 +101,14 @@ bool TQEqual(const TQValue *a, const TQValue *b)
 
 uintptr_t TQHash(const TQValue *value)
 {
-    if (!value) return 0;
-    const Object *object = AsObject(value);
-    return object->kind->hash ? object->kind->hash(object) : reinterpret_cast<uintptr_t>(object);
+    return HashMember(value, kWholeValue);
 }
 
-uintptr_t HashMember(const TQValue *value)
+uintptr_t HashMember(const TQValue *value, size_t budget)
 {
+    if (!value) return 0;
     const Object *object = AsObject(value);
-    if (object && object->kind->container) return object->kind->type;
-    return TQHash(value);
+    return object->kind->hash ? object->kind->hash(object, budget) : reinterpret_cast<uintptr_t>(object);
 }
 
 // --- describing

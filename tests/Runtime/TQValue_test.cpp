@@ -38,6 +38,10 @@ TEST(Value, EqualsItsOtherFormsAloneAndDescribesItself)
         {"[-7, 0.1, true]", {Array({Number(-7), Number(0.1), Truth(true)})}},
         {"[1]", {Array({Number(1)}), Array({Number(1.0)})}},
         {"[true]", {Array({Truth(true)})}},
+        {"[[[1]]]", {Array({Array({Array({Number(1)})})}), Array({Array({Array({Number(1.0)})})})}},
+        {"[[[2]]]", {Array({Array({Array({Number(2)})})})}},
+        {"[{\"a\": [\"b\"]}]", {Array({Dictionary({{a, Array({b})}})})}},
+        {"[{\"a\": [\"a\"]}]", {Array({Dictionary({{a, Array({a})}})})}},
         {"[\"a\", \"b\"]", {Array({a, b}), Array({Text("a"), Text("b")})}},
         {"[\"b\", \"a\"]", {Array({b, a})}},
         {"[\"a\"]", {Array({a})}},
@@ -55,9 +59,11 @@ TEST(Value, EqualsItsOtherFormsAloneAndDescribesItself)
     for (const auto &row : rows)
         for (const Value &form : row.second) {
             EXPECT_EQ(Describe(form.get()), row.first);
-            EXPECT_EQ(TQHash(form.get()), TQHash(row.second[0].get())) << row.first;
-            for (const auto &other : rows)
-                EXPECT_EQ(TQEqual(form.get(), other.second[0].get()), &row == &other) << row.first << other.first;
+            for (const auto &other : rows) {
+                const TQValue *const another = other.second[0].get();
+                EXPECT_EQ(TQEqual(form.get(), another), &row == &other) << row.first << other.first;
+                EXPECT_EQ(TQHash(form.get()) == TQHash(another), &row == &other) << row.first << other.first;
+            }
         }
     EXPECT_TRUE(TQEqual(set(a, b).get(), set(b, a).get()));
     EXPECT_FALSE(TQEqual(set(a, b).get(), Array({a, b}).get()));
