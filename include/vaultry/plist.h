@@ -17,16 +17,22 @@ TQ_BEGIN_DECLS
 /// Serialises `value`. Equal scalars of one kind are written once and integers in the fewest bytes; a container is
 /// written wherever it occurs. The caller owns the result.
 /// On failure null and an error of kTQLibraryErrorDomain with code 1: a value of another kind,
-/// a container that holds itself, containers nested more than 512 deep, or no memory.
+/// a container that holds itself, containers nested more than 512 deep, more than 4,194,304 of them or their members,
+/// or no memory.
 TQ_EXPORT TQData *TQPropertyListCreateData(TQValue *value, TQError **error);
 
 /// Parses bytes from anywhere, hostile ones included.
 ///
-/// @param mutableContainers  Whether every array and dictionary, at any depth, can be changed.
+/// A container that the bytes hold once and refer to in several places is one value in all of them, and takes no more
+/// memory than that: whoever walks the result meets it at each place, which a few bytes from a stranger can make endless.
+/// TQEqual, TQHash and TQCopyDescription are safe with it.
+///
+/// @param mutableContainers  Whether every array and dictionary, at any depth, can be changed. Then each place has a
+///                           container of its own.
 /// @return null, and an error of kTQLibraryErrorDomain with code 1 that says what is wrong and where, if the bytes
 ///         are not one whole property list, nest more than 512 deep, refer to themselves, hold a key twice, or
-///         would need more memory than their number justifies. Sets, unique identifiers and null are
-///         refused, because no property-list value stands for them.
+///         the copies of shared containers would take more than 4 MiB and 32 bytes for each of them. Sets, unique
+///         identifiers and null are refused, because no property-list value stands for them.
 TQ_EXPORT TQValue *TQPropertyListCreateWithData(const TQData *data, bool mutableContainers, TQError **error);
 
 TQ_END_DECLS

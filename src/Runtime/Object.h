@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <new>
+#include <set>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -115,12 +116,27 @@ template <class T, class... Arguments> T *MakeObject(TQAllocator *allocator, siz
 // How deep containers are followed by comparison and description. Property lists stay below it.
 inline constexpr size_t kMaximumNesting = 1024;
 
+// Pairs of containers that others share and that were found equal: where every level shares the next one twice, comparing
+// each pair each time would never end.
+class KnownEqual {
+public:
+    bool Holds(const Object *a, const Object *b) const { return pairs_.contains({a, b}); }
+    void Add(const Object *a, const Object *b);
+    // What follows is only known if all pairs around it are equal.
+    void Stop() { isStopped_ = true; }
+
+private:
+    std::set<std::pair<const Object *, const Object *>> pairs_;
+    bool isStopped_ = false;
+};
+
 // A pair of containers whose members are being compared, and the pairs around it.
 struct Comparison {
     const Object *a;
     const Object *b;
     const Comparison *outer;
     size_t depth;
+    KnownEqual *known; // of the outermost
 };
 
 bool EqualMembers(const TQValue *a, const TQValue *b, const Comparison *outer);
@@ -152,6 +168,9 @@ public:
     // A member of a container: strings are quoted, and a container inside itself is not followed.
     void AppendMember(const TQValue *value);
     void AppendValue(const Object *object);
+
+    // Containers behind so many bytes are not followed: those that share others without end would have no end.
+    static constexpr size_t kMaximumLength = size_t{1} << 20;
 
     const std::string &text() const { return text_; }
 

@@ -26,6 +26,7 @@ public:
     ~OrderedTable();
 
     size_t count() const { return count_; }
+    size_t bytes() const { return entries_.capacity() * sizeof(Entry) + slots_.capacity() * sizeof(size_t); }
     const Entry *Find(const TQValue *key, const Comparison *outer = nullptr) const;
 
     void Reserve(size_t count);             // room for so many in all. May throw bad_alloc

@@ -1,9 +1,9 @@
 // Reading property lists, whoever wrote them.
 //
-// What bounds the work that a file can cause: every object is read once; objects may not overlap, so that together
-// they hold no more than the file does; and a container that several others refer to counts each time, so that
-// the tree a client walks (or, with mutable containers, gets) is no larger than the file justifies. The stack is
-// bounded by the depth.
+// What bounds the work that a file can cause: every object is read once, and objects may not overlap, so that together
+// they hold no more than the file does. A container that several others refer to is one value for all of them. Where
+// containers are to be mutable each gets a copy of its own, and what the copies take is bounded by the file's size. The
+// stack is bounded by the depth.
 
 #include "Runtime/Collections.h"
 #include "Runtime/Data.h"
@@ -27,8 +27,11 @@ using namespace plist;
 
 namespace {
 
-// Values of the tree for each byte of the file. Above 1 because writers that share equal containers exist.
-constexpr size_t kValuesPerByte = 16;
+// What copies of shared containers may take: something in any case, since writers that share all equal containers exist,
+// and so much more for each byte of the file.
+constexpr size_t kBytesOfCopies = size_t{4} << 20;
+constexpr size_t kBytesOfCopiesPerByte = 32;
+constexpr size_t kTooManyBytes = SIZE_MAX / 4; // sums stop here
 
 // A value, or the end of all work for want of memory.
 template <class T> Ref<T> _Made(T *value)
@@ -75,7 +78,7 @@ private:
 
     struct Slot {
         Ref<TQValue> value;
-        size_t values = 1; // of the tree below it, itself included
+        size_t bytes = 0; // that a copy would take: of its containers, however often one is met
         uint16_t height = 0;
         State state = State::kUnread;
         bool inUse = false; // by a container
@@ -91,6 +94,7 @@ private:
     struct Refused {
         operator bool() const { return false; }
         operator Slot *() const { return nullptr; }
+        operator Ref<TQValue>() const { return nullptr; }
     };
 
     bool ReadTrailer();
@@ -107,7 +111,7 @@ private:
     bool ReadCount(Cursor &cursor, uint8_t marker, size_t &count);
     bool Claim(const Cursor &cursor, size_t count, size_t size);
     Slot *ReadMember(Slot &container, const Cursor &cursor, size_t index, size_t depth);
-    Ref<TQValue> Use(Slot &member);
+    Ref<TQValue> Use(Slot &member, size_t from);
     Refused Refuse(size_t offset, const char *format, ...) __attribute__((format(printf, 3, 4)));
 
     uint64_t Integer(size_t offset, size_t size) const
@@ -125,6 +129,7 @@ private:
     size_t objectsEnd_ = 0; // where the offset table begins
     size_t top_ = 0;
     size_t claimed_ = 0; // bytes of the objects read so far
+    size_t copied_ = 0;  // bytes that copies take so far
     std::vector<Slot> slots_;
     Ref<TQError> reason_;
 };
@@ -331,16 +336,20 @@ Parser::Slot *Parser::ReadMember(Slot &container, const Cursor &cursor, size_t i
     // One that was read already, closer to the top, may reach too deep from here.
     container.height = std::max(container.height, static_cast<uint16_t>(member->height + 1));
     if (container.height > kMaximumDepth) return Refuse(from, "containers nested more than %zu deep", kMaximumDepth);
-    container.values += member->values;
-    if (container.values > length_ * kValuesPerByte) return Refuse(from, "more values than the file justifies");
+    container.bytes = std::min(container.bytes + member->bytes, kTooManyBytes);
     return member;
 }
 
-// The value for one more place. Containers that can be changed are never in two places.
-Ref<TQValue> Parser::Use(Slot &member)
+// The value for one more place, which is referred to at the offset `from`. Containers that can be changed are never in
+// two places.
+Ref<TQValue> Parser::Use(Slot &member, size_t from)
 {
     const bool again = std::exchange(member.inUse, true);
-    return again && mutable_ ? _CopyMutable(member.value.get()) : member.value;
+    if (!again || !mutable_) return member.value;
+    copied_ = std::min(copied_ + member.bytes, kTooManyBytes);
+    if (copied_ > kBytesOfCopies + length_ * kBytesOfCopiesPerByte)
+        return Refuse(from, "shared containers that would take more memory than the file justifies");
+    return _CopyMutable(member.value.get());
 }
 
 bool Parser::ReadArray(Slot &slot, Cursor cursor, size_t count, size_t depth)
@@ -353,8 +362,11 @@ bool Parser::ReadArray(Slot &slot, Cursor cursor, size_t count, size_t depth)
     for (size_t i = 0; i < count; ++i) {
         Slot *member = ReadMember(slot, cursor, i, depth);
         if (!member) return false;
-        array.get()->values.push_back(Use(*member).Detach());
+        Ref<TQValue> value = Use(*member, cursor.at + i * numberSize_);
+        if (!value) return false;
+        array.get()->values.push_back(value.Detach());
     }
+    slot.bytes += sizeof(TQArray) + count * sizeof(TQValue *);
     array.get()->isMutable = mutable_;
     slot.value = Ref<TQValue>::Adopt(array.Detach());
     return true;
@@ -376,8 +388,11 @@ bool Parser::ReadDictionary(Slot &slot, Cursor cursor, size_t count, size_t dept
         if (table.Find(key->value.get())) return Refuse(keyOffset, "a key for the second time");
         Slot *value = ReadMember(slot, cursor, count + i, depth);
         if (!value) return false;
-        table.Set(key->value.get(), Use(*value).get());
+        const Ref<TQValue> used = Use(*value, cursor.at + (count + i) * numberSize_);
+        if (!used) return false;
+        table.Set(key->value.get(), used.get());
     }
+    slot.bytes += sizeof(TQDictionary) + table.bytes();
     dictionary.get()->isMutable = mutable_;
     slot.value = Ref<TQValue>::Adopt(dictionary.Detach());
     return true;

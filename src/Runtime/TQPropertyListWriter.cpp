@@ -75,6 +75,7 @@ public:
 
 private:
     static constexpr size_t kRefused = SIZE_MAX;
+    static constexpr size_t kMaximumMembers = size_t{1} << 22;
 
     struct Item {
         Marker kind;    // kArray, kDictionary, or anything else for a scalar
@@ -157,6 +158,9 @@ size_t Writer::VisitContainer(const Object *container, size_t depth)
                                  : 2 * static_cast<const TQDictionary *>(container)->table.count();
     const size_t number = items_.size();
     const size_t first = members_.size();
+    // Containers that share others without end would be written without end.
+    if (count > kMaximumMembers - first || number > kMaximumMembers)
+        return Refuse("more than %zu values can't be in a property list", kMaximumMembers);
     items_.push_back({isArray ? kArray : kDictionary, first, count, 0});
     members_.resize(first + count);
     open_.push_back(container);

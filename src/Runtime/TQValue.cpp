@@ -77,6 +77,17 @@ TQTypeID TQGetTypeID(const TQValue *value)
 
 // --- comparing
 
+static bool IsShared(const Object *object)
+{
+    return object->references.load(std::memory_order_relaxed) > 1;
+}
+
+void KnownEqual::Add(const Object *a, const Object *b)
+{
+    if (isStopped_) return;
+    (void)NoThrow(false, [&] { return pairs_.insert({a, b}).second; }); // without memory it is compared again
+}
+
 bool EqualMembers(const TQValue *a, const TQValue *b, const Comparison *outer)
 {
     if (a == b) return true;
@@ -89,9 +100,13 @@ bool EqualMembers(const TQValue *a, const TQValue *b, const Comparison *outer)
     if (outer && outer->depth >= kMaximumNesting) return false;
     // Containers that hold themselves are equal unless a difference is found elsewhere.
     for (const Comparison *pair = outer; pair; pair = pair->outer)
-        if (pair->a == first && pair->b == second) return true;
-    const Comparison here{first, second, outer, outer ? outer->depth + 1 : 1};
-    return first->kind->equal(first, second, &here);
+        if (pair->a == first && pair->b == second) return outer->known->Stop(), true;
+    if (outer && outer->known->Holds(first, second)) return true;
+    KnownEqual known;
+    const Comparison here{first, second, outer, outer ? outer->depth + 1 : 1, outer ? outer->known : &known};
+    if (!first->kind->equal(first, second, &here)) return false;
+    if (outer && IsShared(first) && IsShared(second)) outer->known->Add(first, second);
+    return true;
 }
 
 bool TQEqual(const TQValue *a, const TQValue *b)
@@ -128,7 +143,7 @@ void Description::AppendValue(const Object *object)
     if (!object->kind->container) return object->kind->describe(object, *this);
 
     const size_t depth = innermost_ ? innermost_->depth + 1 : 1;
-    bool follow = depth <= kMaximumNesting;
+    bool follow = depth <= kMaximumNesting && text_.size() < kMaximumLength;
     for (const Frame *frame = innermost_; frame && follow; frame = frame->outer) follow = frame->object != object;
     if (!follow) return Append("…");
 

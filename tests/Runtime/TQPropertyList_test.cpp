@@ -5,6 +5,8 @@
 #include <vaultry/plist.h>
 #include <vaultry/url.h>
 
+#include <iomanip>
+
 using testing::HasSubstr;
 
 namespace {
@@ -36,6 +38,13 @@ std::string BigEndian(uint64_t value, size_t size)
     std::string bytes;
     while (size-- > 0) bytes.push_back(static_cast<char>(value >> (8 * size)));
     return bytes;
+}
+
+std::string ToHex(const std::string &bytes)
+{
+    std::ostringstream out;
+    for (const char byte : bytes) out << std::hex << std::setw(2) << std::setfill('0') << (byte & 0xff);
+    return out.str();
 }
 
 std::string FromHex(const std::string &digits)
@@ -105,6 +114,31 @@ TEST(PropertyList, MutableContainersAreEachTheirOwn)
     EXPECT_TRUE(TQDictionarySetValue(Cast{inFirst}, Text("k").get(), Number(5).get()));
     for (const Value &array : {first, read}) EXPECT_TRUE(TQArrayAppendValue(Cast{array}, Number(6).get()));
     EXPECT_EQ(Describe(read.get()), "[{\"k\": \"v\"}, [{\"k\": 5}, 6], [{\"k\": \"v\"}], 6]");
+}
+
+// Each level refers to the next in several places, which costs nothing until each gets a container of its own.
+TEST(PropertyList, SharedContainersCostWhatTheyTake)
+{
+    const auto levels = [](uint64_t count, int places, const char *last) {
+        std::string words;
+        for (uint64_t next = 1; next < count; ++next) {
+            words += "af11" + ToHex(BigEndian(static_cast<uint64_t>(places), 2));
+            for (int i = 0; i < places; ++i) words += ToHex(BigEndian(next, 2));
+            words += ' ';
+        }
+        return File(words + last);
+    };
+    const std::string wide = levels(3, 374, "09"), wider = levels(4, 250, "09"), deep = levels(300, 16, "a0");
+    EXPECT_EQ(wide.size(), 1551U);
+    for (const std::string &file : {wide, wider, deep}) {
+        const Value read = Read(file), again = Read(file);
+        EXPECT_TRUE(read && TQEqual(read.get(), again.get()) && TQHash(read.get()) == TQHash(again.get()));
+        EXPECT_LT(Describe(read.get()).size(), 2U << 20);
+        Ref<TQError> error;
+        EXPECT_EQ(static_cast<bool>(Read(file, true, error.out())), file == wide);
+        EXPECT_THAT(file == wide ? "more memory" : Describe(error.get()), HasSubstr("more memory"));
+        EXPECT_THAT(Write(file == deep ? read : Text("x")), HasSubstr(file == deep ? "! more than 4194304" : ""));
+    }
 }
 
 // Python's plistlib knows the format from elsewhere: what it writes comes back from us byte for byte. The file is

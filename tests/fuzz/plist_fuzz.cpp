@@ -16,7 +16,14 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
                 "refused without a reason");
         return 0;
     }
-    const Value thawed = Own(TQPropertyListCreateWithData(Cast{data}, true, nullptr));
+    const Value twin = Own(TQPropertyListCreateWithData(Cast{data}, false, nullptr));
+    Require(TQEqual(value.get(), twin.get()) && TQHash(value.get()) == TQHash(twin.get()), "differs from itself");
+    const Value thawed = Own(TQPropertyListCreateWithData(Cast{data}, true, error.out()));
+    if (!thawed) { // and to be written it would have to be told out as well
+        Require(Describe(error.get()).find("more memory") != std::string::npos, "is not to be had mutable");
+        Require(!Describe(value.get()).empty(), "can't be described");
+        return 0;
+    }
     Require(TQEqual(value.get(), thawed.get()), "the mutable form differs");
     Require(TQHash(value.get()) == TQHash(thawed.get()), "equal values have different hashes");
 
