@@ -36,7 +36,8 @@ TQ_EXPORT TQClientManagedStorage *TQClientManagedStorageCreate(const char *rootP
 TQ_EXPORT void TQClientManagedStorageFree(TQClientManagedStorage *store);
 
 /// Removes a whole store, its directory included, whatever its protection. Takes no lock, and flushes nothing to disk.
-/// True also if there is nothing at the path. Cut short, it leaves parts of generations, which it takes when called again.
+/// True also if there is nothing at the path, or somebody else destroys it at the same time. Cut short, it leaves parts
+/// of generations and, as long as there is anything else, the lock file; called again, it takes them.
 TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **error);
 
 /// Adds the item at `source` to the store as the generation `name`.
@@ -131,9 +132,10 @@ TQ_EXPORT bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage
                                                     const char *destination, TQError **error);
 
 /// Removes generations by name, in order; a name that has no generation is passed over. On disk on return. Works on a
-/// disk without room, too.
+/// disk without room, too, and where a folder can't be renamed (one of an overlay's lower layer): there alone it may be
+/// deleted as it stands, and a failure or a kill leave part of it under its name, to be removed again.
 ///
-/// @param names  Strings.
+/// @param names  Strings; the empty one is refused.
 /// @return false at the first failure; those before it stay removed, those after it are not looked at.
 ///
 /// Exclusive lock, for all of them.

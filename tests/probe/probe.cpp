@@ -308,7 +308,15 @@ const std::map<std::string, Function> kFunctions = {
          const UniqueFd from(open(w[0], O_RDONLY | O_CLOEXEC)), to(open(w[1], O_RDWR | O_CLOEXEC));
          return platform::fduplix(from.get(), to.get()) == 0 || !Say(strerrorname_np(errno));
      }},
-    {"remove-tree", [](const Words &w, TQError **error) { return _RemoveTree(w[0], 0, error); }},
+    {"remove-tree", // PATH [ITEM that it must be]
+     [](const Words &w, TQError **error) {
+         TQFileStatus expected{};
+         bool begun = false;
+         const bool asked = w[1] && platform::GetStatus(Item::AtPath(w[1]), Links::NoFollow, &expected) == 0;
+         const TreeRemoval how{.expected = asked ? &expected : nullptr, .begun = &begun};
+         const bool done = _RemoveTreeAt(Item::AtPath(w[0]), how, error);
+         return done || !begun ? done : !Say("a part has gone");
+     }},
     {"remove-below", [](const Words &w, TQError **error) { return _RemoveSubTrees(w[0], 0, error); }},
     {"tree-size",
      [](const Words &w, TQError **error) {
