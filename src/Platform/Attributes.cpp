@@ -102,6 +102,12 @@ ssize_t GetAttributeOfFd(int fd, const char *name, void *buffer, size_t size)
     return disk.Set(name) ? fgetxattr(fd, disk.c_str(), buffer, size) : -1;
 }
 
+int SetAttributeOfFd(int fd, const char *name, const void *value, size_t size)
+{
+    DiskName disk;
+    return disk.Set(name) ? fsetxattr(fd, disk.c_str(), value, size, 0) : -1;
+}
+
 int AddAttributeOfFd(int fd, const char *name, const void *value, size_t size)
 {
     DiskName disk;

@@ -18,6 +18,7 @@ int SetAttribute(const Item &item, Links links, const char *name, const void *va
 int RemoveAttribute(const Item &item, Links links, const char *name);
 
 ssize_t GetAttributeOfFd(int fd, const char *name, void *buffer, size_t size);
+int SetAttributeOfFd(int fd, const char *name, const void *value, size_t size);
 int AddAttributeOfFd(int fd, const char *name, const void *value, size_t size); // -1 with EEXIST if it is there
 
 } // namespace platform

@@ -76,12 +76,25 @@ template <class Make> static int _MakeUnique(char *pathTemplate, int suffixLengt
     return -1;
 }
 
-// The process's umask counts for nothing.
+// The process's mask may have taken rights that the owner needs. A look tells, and nothing is changed by name.
+static int _GiveOwner(const Item &item, mode_t rights)
+{
+    TQFileStatus status;
+    if (GetStatus(item, Links::NoFollow, &status) != 0) return -1;
+    if ((status.mode & rights) == rights) return 0;
+    if (status.owner != geteuid()) {
+        errno = ESTALE; // somebody has put another one there
+        return -1;
+    }
+    const UniqueFd pinned = PinItem(item, status);
+    return pinned ? SetModeOfPinned(pinned.get(), rights) : -1;
+}
+
 int MakeUniqueDirectoryAt(int directory, char *nameTemplate, int suffixLength)
 {
     return _MakeUnique(nameTemplate, suffixLength, [directory](const char *name) {
         if (mkdirat(directory, name, S_IRWXU) != 0) return -1;
-        if (SetMode({directory, name, name}, Links::NoFollow, S_IRWXU) == 0) return 0;
+        if (_GiveOwner({directory, name, name}, S_IRWXU) == 0) return 0;
         const ErrnoKeeper keeper;
         (void)unlinkat(directory, name, AT_REMOVEDIR);
         return -1;
@@ -102,8 +115,13 @@ int RenameToUnique(const char *from, char *pathTemplate)
 int MakeUniqueFileAt(int directory, char *nameTemplate, int suffixLength)
 {
     return _MakeUnique(nameTemplate, suffixLength, [directory](const char *name) {
-        UniqueFd fd(openat(directory, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-        if (!fd || fchmod(fd.get(), S_IRUSR | S_IWUSR) == 0) return fd.Release();
+        constexpr mode_t kOwners = S_IRUSR | S_IWUSR;
+        UniqueFd fd(openat(directory, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kOwners));
+        TQFileStatus status;
+        if (!fd) return -1;
+        if (GetStatusOfFd(fd.get(), &status) == 0 &&
+            ((status.mode & kOwners) == kOwners || fchmod(fd.get(), kOwners) == 0))
+            return fd.Release();
         const ErrnoKeeper keeper;
         (void)unlinkat(directory, name, 0);
         return -1;

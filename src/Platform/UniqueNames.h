@@ -10,7 +10,8 @@ namespace platform {
 
 inline constexpr char kUniqueAlphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 
-// Mode 0700. 0, or -1 with errno. The second makes it in an open directory, and leaves the last `suffixLength` bytes.
+// Mode 0700, whatever the process's mask is; so is that of a file. 0, or -1 with errno. The second makes it in an open
+// directory, and leaves the last `suffixLength` bytes as they are.
 int MakeUniqueDirectory(char *pathTemplate);
 int MakeUniqueDirectoryAt(int directory, char *nameTemplate, int suffixLength);
 

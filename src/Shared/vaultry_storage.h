@@ -7,11 +7,14 @@
 #pragma once
 
 #include "Platform/Item.h"
+#include "Platform/Volume.h"
 #include "Platform/duplix.h"
 
 #include <vaultry/archive.h>
 #include <vaultry/metadata.h>
 #include <vaultry/progress.h>
+
+#include <optional>
 
 // The attributes that the store keeps on items.
 inline constexpr char kSavedPermissionsAttribute[] = "com.corvane.vaultry.orig_perms_v1"; // every archived item
@@ -29,6 +32,7 @@ enum : uint8_t {
 };
 inline constexpr mode_t kWriteBits = 0222;
 inline constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend; // neither chmod nor rename takes place
+inline constexpr uint8_t kSavedBits = 0x1f;                                  // all that there are
 uint8_t SavedPermissionsOf(uint32_t mode, uint32_t flags);
 mode_t SavedWriteBits(uint8_t saved);
 
@@ -42,9 +46,10 @@ bool _WriteGenerationOptions(const char *path, uint64_t options, TQError **error
 struct TQAddContext {
     uint8_t makeReadable;
     uint8_t archive;
-    uint64_t bytesCompleted; // of the files finished so far
-    TQProgress *progress;    // may be null
-    TQError **error;         // may be null
+    uint64_t bytesCompleted;   // of the files finished so far
+    TQProgress *progress;      // may be null
+    TQError **error;           // may be null
+    bool bringsRecord = false; // the item at hand has a record of an earlier archiving, which is not copied
 };
 
 int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *source, const char *destination,
@@ -64,22 +69,36 @@ bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status);
 bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, bool *made,
                         bool flushEach, bool leaveWritable, TQError **error);
 
-// Archives one item. `status` may be null; it is then asked for.
+// Archives one item, which keeps a record that it has. `status` may be null; it is then asked for.
 bool _ArchiveItem(const char *path, const TQFileStatus *status, bool makeReadable, TQError **error);
 
-// The same by descriptor. `fd` is the item, open, or -1 to have it opened here.
-bool _ArchiveItemAt(const Item &item, int fd, const TQFileStatus &status, bool makeReadable, TQError **error);
+// An item that is archived: `before` is what it had, and is recorded unless `record` says otherwise.
+struct ArchivedItem {
+    const Item &item;
+    const TQFileStatus &before;
+    bool makeReadable;
+    bool replaceRecord = false;         // one that it has is of another time, or of somebody else's making
+    std::optional<uint8_t> record = {}; // in place of what `before` tells
+    platform::VolumeMemory *flush = {}; // not null: brought to disk by its descriptor where the volume needs that
+};
+
+// The first opens the item, which has to be the one that `now` describes (ESTALE if another took its place); the second
+// has it open as `fd`.
+bool _ArchiveItemAt(const ArchivedItem &archived, const TQFileStatus &now, TQError **error);
+bool _ArchiveOpenItem(const ArchivedItem &archived, int fd, TQError **error);
 
 // TQArchiveTree for a document that goes home if this fails: the item at which it failed gets its mode and flags back.
+// Records that the document brought along are replaced, and what a flush of the volume would not reach is flushed.
 bool _ArchiveMovedTree(const char *path, bool makeReadable, TQError **error);
 
-// Gives a file with several links its own data: the name at `file` becomes a new file, the other links stay.
+// Gives a file with several links its own data: the name at `file` becomes a new file, which `now` then describes; the
+// other links stay.
 struct HardLinkedFile {
     Item item;
     const TQFileStatus &status;
     size_t parentPathLength; // of item.path
 };
-bool _BreakHardLink(const HardLinkedFile &file, TQError **error);
+bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *now, TQError **error);
 
 // What a by-moving add knew of its document before it took it.
 struct MovedDocument {

@@ -3,6 +3,7 @@
 
 #include "Shared/vaultry_storage.h"
 
+#include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Mounts.h"
 #include "Platform/ScopeExit.h"
@@ -13,8 +14,10 @@
 
 #include <vaultry/path.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -52,7 +55,7 @@ bool CopyAsGeneration(const char *source, const char *destination, bool makeRead
     // A walk that could not even begin has counted nothing; the copy decides what is wrong.
     if (error) *error = nullptr;
     TQAddContext context{makeReadable, archive, 0, progress.get(), error};
-    return platform::duplix(source, destination, _DuplixAddCallback, &context) == 0;
+    return platform::duplix(source, destination, _DuplixAddCallback, &context, {.flushEach = true}) == 0;
 }
 
 // What a move takes from the source for its span, and what it gives back.
@@ -153,9 +156,42 @@ bool MoveAsGeneration(const char *source, const char *destination, bool makeRead
     return !archive || _ArchiveMovedTree(destination, makeReadable, error);
 }
 
+// What has grown since the tree was measured, or was on a volume that does not know sizes, is more than the total.
 void ReportCompleted(TQProgress *progress, uint64_t bytes)
 {
-    if (progress) TQProgressSetCompletedUnits(progress, static_cast<int64_t>(bytes));
+    if (!progress) return;
+    const uint64_t total = static_cast<uint64_t>(TQProgressGetTotalUnits(progress));
+    TQProgressSetCompletedUnits(progress, static_cast<int64_t>(std::min(bytes, total)));
+}
+
+// What a copied item of a generation, brought from elsewhere, had before it was archived there; none if its record can't
+// be one. An item that can be written was changed since, and a record never gives write to who may not even read.
+std::optional<uint8_t> BroughtRecord(const DuplixFinished &item, const TQFileStatus &source)
+{
+    uint8_t record[2];
+    const ssize_t length = platform::GetAttributeOfFd(item.source, kSavedPermissionsAttribute, record, sizeof record);
+    if (length != 1 || (record[0] & ~kSavedBits) != 0 || (source.mode & kWriteBits) != 0) return std::nullopt;
+    uint8_t readable = kSavedImmutable | kSavedAppend;
+    if ((source.mode & S_IRUSR) != 0) readable |= kSavedOwnerWrite;
+    if ((source.mode & S_IRGRP) != 0) readable |= kSavedGroupWrite;
+    if ((source.mode & S_IROTH) != 0) readable |= kSavedOtherWrite;
+    return record[0] & readable;
+}
+
+// A link is archived as what it is, not as its target.
+bool ArchiveCopied(const DuplixState &state, const TQAddContext &context, TQError **error)
+{
+    const Item &item = state.destination;
+    const bool makeReadable = context.makeReadable;
+    if (!state.finished)
+        return _ArchiveItemAt({.item = item, .before = *state.source, .makeReadable = makeReadable}, *state.source,
+                              error);
+    const ArchivedItem archived{.item = item,
+                                .before = state.finished->status,
+                                .makeReadable = makeReadable,
+                                .record = context.bringsRecord ? BroughtRecord(*state.finished, *state.source)
+                                                               : std::nullopt};
+    return _ArchiveOpenItem(archived, state.finished->copy, error);
 }
 
 int QuitOnCancel(TQError **error)
@@ -187,6 +223,10 @@ int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *sour
     if (what == duplix_what::Walk || stage == duplix_stage::Error)
         return QuitOnCopyError(context->error, what, stage, source, destination);
     if (IsSidecarStart(what, stage, source)) return duplix_answer::Skip;
+    if (context->archive && state->attribute && strcmp(state->attribute, kSavedPermissionsAttribute) == 0) {
+        context->bringsRecord = true;
+        return duplix_answer::Skip;
+    }
     if (!IsItemFinished(what, stage)) return duplix_answer::Continue;
 
     TQFileStatus status;
@@ -196,11 +236,8 @@ int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *sour
     }
     (void)_TransferBirthTimeTo(state->destination, source, *state->source);
 
-    // A link is archived as what it is, not as its target.
-    const TQFileStatus &item = state->finished ? status : *state->source;
-    const int fd = state->finished ? state->finished->copy : -1;
-    if (context->archive && !_ArchiveItemAt(state->destination, fd, item, context->makeReadable, context->error))
-        return duplix_answer::Quit;
+    if (context->archive && !ArchiveCopied(*state, *context, context->error)) return duplix_answer::Quit;
+    context->bringsRecord = false;
     if (S_ISDIR(status.mode)) return duplix_answer::Continue;
 
     // Data that could be shared was cloned when it was copied, so there is nobody to be told.
@@ -238,7 +275,7 @@ int64_t TQComputeTreeSize(const char *path, TQError **error)
 {
     TreeWalk walk;
     const char *root = path ? path : "";
-    if (!walk.Open(root)) {
+    if (!walk.Open(root, TreeWalk::Volumes::All)) {
         Failure(error).Errno("fts_open(\"%s\") failed", root);
         return 0;
     }

@@ -4,6 +4,7 @@
 
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
+#include "Platform/Flush.h"
 #include "Platform/TreeWalk.h"
 #include "Platform/UniqueFd.h"
 #include "Shared/vaultry_fs_wrappers.h"
@@ -22,28 +23,57 @@ using Kind = TreeWalk::Kind;
 
 constexpr uint32_t kProtectingFlags = kTQFlagImmutable | kTQFlagAppend;
 
-// A link's rights are those of its target, which may lie outside the tree: it is left alone.
-bool LiftForArchiving(const Item &item, int fd, const TQFileStatus &status, TQError **error)
+uint32_t LiftedFlags(const TQFileStatus &status)
 {
-    if (S_ISLNK(status.mode)) return true;
+    return status.flags & ~(kProtectingFlags | kTQFlagTracked);
+}
 
-    const uint32_t flags = status.flags & ~(kProtectingFlags | kTQFlagTracked);
-    if (flags != status.flags &&
-        (fd >= 0 ? platform::SetFlagsOfFd(fd, flags) : platform::SetFlags(item, Links::NoFollow, flags)) != 0)
-        return Failure(error).Errno("failed to make path \"%s\" writable", item.path);
+bool NeedsLifting(const TQFileStatus &status)
+{
+    // A link's rights are those of its target, which may lie outside the tree: it is left alone.
+    return !S_ISLNK(status.mode) && (LiftedFlags(status) != status.flags || (status.mode & 0200) == 0);
+}
 
-    // Setting an attribute takes the item's own write permission, however its descriptor was opened.
-    const mode_t mode = (status.mode | 0200) & 07777;
-    if ((status.mode & 0200) == 0 && (fd >= 0 ? fchmod(fd, mode) : platform::SetMode(item, Links::NoFollow, mode)) != 0)
-        return Failure(error).Errno("failed to make path \"%s\" writable", item.path);
-    return true;
+// Setting an attribute takes the item's own write permission, however its descriptor was opened.
+mode_t LiftedMode(const TQFileStatus &status)
+{
+    return (status.mode | 0200) & 07777;
+}
+
+bool LiftOpen(int fd, const ArchivedItem &archived, TQError **error)
+{
+    const TQFileStatus &before = archived.before;
+    if ((LiftedFlags(before) == before.flags || platform::SetFlagsOfFd(fd, LiftedFlags(before)) == 0) &&
+        (LiftedMode(before) == (before.mode & 07777) || fchmod(fd, LiftedMode(before)) == 0))
+        return true;
+    return Failure(error).Errno("failed to make path \"%s\" writable", archived.item.path);
+}
+
+// What can't be opened before it is lifted is held by a descriptor that only points: whatever its name leads to by now,
+// nothing else is lifted.
+bool LiftPinned(const ArchivedItem &archived, const TQFileStatus &now, TQError **error)
+{
+    const TQFileStatus &before = archived.before;
+    const UniqueFd pinned = platform::PinItem(archived.item, now);
+    if (pinned &&
+        (LiftedFlags(before) == before.flags ||
+         platform::SetFlagsOfPinned(pinned.get(), now, LiftedFlags(before)) == 0) &&
+        (LiftedMode(before) == (before.mode & 07777) ||
+         platform::SetModeOfPinned(pinned.get(), LiftedMode(before)) == 0))
+        return true;
+    return Failure(error).Errno("failed to make path \"%s\" writable", archived.item.path);
 }
 
 // Never blocks, on a FIFO either; that fails later, when the attribute is set.
-int OpenForArchiving(const Item &item, const TQFileStatus &status)
+UniqueFd OpenForArchiving(const Item &item, const TQFileStatus &now)
 {
-    const int access = S_ISDIR(status.mode) ? O_RDONLY : O_RDWR;
-    return openat(item.directory, item.name, access | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    const int access = S_ISDIR(now.mode) ? O_RDONLY : O_RDWR;
+    UniqueFd fd(openat(item.directory, item.name, access | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    TQFileStatus found;
+    if (!fd || platform::GetStatusOfFd(fd.get(), &found) != 0) return UniqueFd();
+    if (found.device == now.device && found.inode == now.inode) return fd;
+    errno = ESTALE;
+    return UniqueFd();
 }
 
 bool StoreUncompressed(int fd, const Item &item, const TQFileStatus &status, TQError **error)
@@ -54,16 +84,18 @@ bool StoreUncompressed(int fd, const Item &item, const TQFileStatus &status, TQE
     return Failure(error).Errno("failed make path \"%s\" uncompressed", item.path);
 }
 
-// An item that was archived before keeps the byte of that time: it says what the document had.
-bool RecordPermissions(int fd, const Item &item, const TQFileStatus &status, TQError **error)
+bool RecordPermissions(int fd, const ArchivedItem &archived, TQError **error)
 {
-    const uint8_t saved = SavedPermissionsOf(status.mode, status.flags);
-    if (platform::AddAttributeOfFd(fd, kSavedPermissionsAttribute, &saved, sizeof saved) == 0) return true;
-    // Refused for the byte that is there, or, on a full volume, for want of room before the byte was looked for.
+    const uint8_t own = SavedPermissionsOf(archived.before.mode, archived.before.flags);
+    const uint8_t saved = archived.record.value_or(own);
+    const auto write = archived.replaceRecord ? platform::SetAttributeOfFd : platform::AddAttributeOfFd;
+    if (write(fd, kSavedPermissionsAttribute, &saved, sizeof saved) == 0) return true;
+    // Refused for the byte that is there and stays: it says what the document had when it was archived first. Or, on a
+    // full volume, for want of room before the byte was looked for.
     const int refused = errno;
-    if (_FDHasAttribute(fd, kSavedPermissionsAttribute)) return true;
+    if (!archived.replaceRecord && _FDHasAttribute(fd, kSavedPermissionsAttribute)) return true;
     errno = refused;
-    return Failure(error).Errno("failed to save original permissions for \"%s\"", item.path);
+    return Failure(error).Errno("failed to save original permissions for \"%s\"", archived.item.path);
 }
 
 bool TakeWriteAccess(int fd, const Item &item, const TQFileStatus &status, bool makeReadable, TQError **error)
@@ -74,7 +106,32 @@ bool TakeWriteAccess(int fd, const Item &item, const TQFileStatus &status, bool 
     return Failure(error).Errno("failed to set archived permissions for \"%s\"", item.path);
 }
 
-bool ArchiveEntry(const TreeWalk::Entry &entry, bool makeReadable, uint64_t *totalSize, TQError **error)
+bool ArchiveLifted(int fd, const ArchivedItem &archived, TQError **error)
+{
+    return StoreUncompressed(fd, archived.item, archived.before, error) && RecordPermissions(fd, archived, error) &&
+           TakeWriteAccess(fd, archived.item, archived.before, archived.makeReadable, error);
+}
+
+// How the items of a tree are archived.
+struct TreeArchiving {
+    bool makeReadable;
+    bool moved;
+    uint64_t *totalSize; // may be null
+    platform::VolumeMemory volumes{};
+};
+
+// A moved sidecar stays as it is, but is somebody's file all the same. (The root is flushed by whoever moved it.)
+bool KeepSidecar(const TreeWalk::Entry &entry, TreeArchiving &how, TQError **error)
+{
+    if (!how.moved || entry.level == 0 || how.volumes.HonoursFlush(entry.item.directory, entry.status.device))
+        return true;
+    const UniqueFd fd(openat(entry.item.directory, entry.item.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (fd && platform::FlushFd(fd.get()) == 0) return true;
+    return Failure(error).Errno("Failed to flush \"%s\" to disk", entry.item.path);
+}
+
+// `now` says which item it is: at first that of the entry.
+bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus *now, TQError **error)
 {
     switch (entry.kind) {
     case Kind::Unreadable:
@@ -85,17 +142,23 @@ bool ArchiveEntry(const TreeWalk::Entry &entry, bool makeReadable, uint64_t *tot
     case Kind::Directory: // finished after its contents: without its write bit it takes no more children
         return true;
     case Kind::File:
-        if (IsSidecarName(entry.item.name)) return true;
-        if (entry.status.linkCount >= 2 && !_BreakHardLink({entry.item, entry.status, entry.parentPathLength}, error))
+        if (IsSidecarName(entry.item.name)) return KeepSidecar(entry, how, error);
+        if (entry.status.linkCount >= 2 &&
+            !_BreakHardLink({entry.item, entry.status, entry.parentPathLength}, now, error))
             return false;
-        if (totalSize) *totalSize += entry.status.size;
+        if (how.totalSize) *how.totalSize += entry.status.size;
         break;
     case Kind::DirectoryDone:
     case Kind::Link:
     case Kind::Other:
         break;
     }
-    return _ArchiveItemAt(entry.item, /*fd=*/-1, entry.status, makeReadable, error);
+    const ArchivedItem archived{.item = entry.item,
+                                .before = entry.status,
+                                .makeReadable = how.makeReadable,
+                                .replaceRecord = how.moved,
+                                .flush = how.moved ? &how.volumes : nullptr};
+    return _ArchiveItemAt(archived, *now, error);
 }
 
 // What a moved tree has to be so that it stays whole and can be copied out: on one volume, since what is mounted inside
@@ -108,17 +171,20 @@ bool CanStay(const TreeWalk::Entry &entry, uint64_t device, TQError **error)
     return Failure(error).Errno("fts_read() failed for path '%s'\n", entry.item.path);
 }
 
-void PutBackModeAndFlags(const TreeWalk::Entry &entry)
+void PutBackModeAndFlags(const TreeWalk::Entry &entry, const TQFileStatus &now)
 {
     if (!entry.hasStatus || entry.kind == Kind::Link) return;
     const ErrnoKeeper keeper;
-    if (platform::SetMode(entry.item, Links::NoFollow, entry.status.mode & 07777) != 0)
+    const UniqueFd pinned = platform::PinItem(entry.item, now);
+    TQFileStatus found;
+    if (!pinned || platform::SetModeOfPinned(pinned.get(), entry.status.mode & 07777) != 0)
         Failure(nullptr).Errno("Failed to put the mode of \"%s\" back", entry.item.path);
-    if (platform::SetFlags(entry.item, Links::NoFollow, entry.status.flags) != 0 && errno != ENOTSUP)
+    if (!pinned || platform::GetStatusOfFd(pinned.get(), &found) != 0 ||
+        (platform::SetFlagsOfPinned(pinned.get(), found, entry.status.flags) != 0 && errno != ENOTSUP))
         Failure(nullptr).Errno("Failed to put the flags of \"%s\" back", entry.item.path);
 }
 
-bool ArchiveTree(const char *path, bool makeReadable, uint64_t *totalSize, bool moved, TQError **error)
+bool ArchiveTree(const char *path, TreeArchiving how, TQError **error)
 {
     TreeWalk walk;
     const char *root = path ? path : "";
@@ -126,9 +192,9 @@ bool ArchiveTree(const char *path, bool makeReadable, uint64_t *totalSize, bool 
     uint64_t device = 0;
     while (const TreeWalk::Entry *entry = walk.Next()) {
         if (entry->level == 0) device = entry->status.device;
-        if ((!moved || CanStay(*entry, device, error)) && ArchiveEntry(*entry, makeReadable, totalSize, error))
-            continue;
-        if (moved) PutBackModeAndFlags(*entry);
+        TQFileStatus now = entry->status;
+        if ((!how.moved || CanStay(*entry, device, error)) && ArchiveEntry(*entry, how, &now, error)) continue;
+        if (how.moved) PutBackModeAndFlags(*entry, now);
         return false;
     }
     return true;
@@ -155,23 +221,27 @@ bool IsSidecarName(const char *name)
     return strncmp(last ? last + 1 : name, "._", 2) == 0;
 }
 
-bool _ArchiveItemAt(const Item &item, int fd, const TQFileStatus &status, bool makeReadable, TQError **error)
+bool _ArchiveOpenItem(const ArchivedItem &archived, int fd, TQError **error)
 {
-    if (!LiftForArchiving(item, fd, status, error)) return false;
+    return LiftOpen(fd, archived, error) && ArchiveLifted(fd, archived, error);
+}
+
+bool _ArchiveItemAt(const ArchivedItem &archived, const TQFileStatus &now, TQError **error)
+{
+    const Item &item = archived.item;
+    if (NeedsLifting(archived.before) && !LiftPinned(archived, now, error)) return false;
 
     // To open a device is to use it: some answer by rewinding a tape or by resetting the machine. None takes an attribute.
-    if (S_ISCHR(status.mode) || S_ISBLK(status.mode)) {
+    if (S_ISCHR(now.mode) || S_ISBLK(now.mode)) {
         errno = EPERM;
         return Failure(error).Errno("failed to save original permissions for \"%s\"", item.path);
     }
-    UniqueFd opened;
-    if (fd < 0) {
-        opened.Reset(OpenForArchiving(item, status));
-        fd = opened.get();
-        if (fd < 0) return Failure(error).Errno("failed to open generation item \"%s\"", item.path);
-    }
-    return StoreUncompressed(fd, item, status, error) && RecordPermissions(fd, item, status, error) &&
-           TakeWriteAccess(fd, item, status, makeReadable, error);
+    UniqueFd fd = OpenForArchiving(item, now);
+    if (!fd) return Failure(error).Errno("failed to open generation item \"%s\"", item.path);
+    if (!ArchiveLifted(fd.get(), archived, error)) return false;
+    const bool reached = !archived.flush || archived.flush->HonoursFlush(fd.get(), now.device);
+    if ((reached || platform::FlushFd(fd.get()) == 0) && fd.Close() == 0) return true;
+    return Failure(error).Errno("Failed to flush \"%s\" to disk", item.path);
 }
 
 bool _ArchiveItem(const char *path, const TQFileStatus *status, bool makeReadable, TQError **error)
@@ -187,15 +257,16 @@ bool _ArchiveItem(const char *path, const TQFileStatus *status, bool makeReadabl
         status = &own;
     }
     if (!status && !known) return Failure(error).Errno("stat(\"%s\") failed", item.path);
-    return _ArchiveItemAt(item, /*fd=*/-1, status ? *status : own, makeReadable, error);
+    const TQFileStatus &before = status ? *status : own;
+    return _ArchiveItemAt({.item = item, .before = before, .makeReadable = makeReadable}, known ? own : before, error);
 }
 
 bool TQArchiveTree(const char *path, bool makeReadable, uint64_t *totalSize, TQError **error)
 {
-    return ArchiveTree(path, makeReadable, totalSize, /*moved=*/false, error);
+    return ArchiveTree(path, {.makeReadable = makeReadable, .moved = false, .totalSize = totalSize}, error);
 }
 
 bool _ArchiveMovedTree(const char *path, bool makeReadable, TQError **error)
 {
-    return ArchiveTree(path, makeReadable, /*totalSize=*/nullptr, /*moved=*/true, error);
+    return ArchiveTree(path, {.makeReadable = makeReadable, .moved = true, .totalSize = nullptr}, error);
 }

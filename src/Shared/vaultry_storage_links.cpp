@@ -17,11 +17,13 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-// The directory of the file, made writable for the span of the exchange and then as it was.
+// The directory of the file, made writable for the span of the exchange and then as it was. Its times come back too: the
+// document's owner has changed nothing in it.
 class WritableParent {
 public:
     explicit WritableParent(const Item &parent) : parent_(parent) {}
@@ -30,8 +32,9 @@ public:
 
     bool MakeWritable(TQError **error)
     {
+        known_ = platform::GetStatus(parent_, Links::Follow, &before_) == 0;
         if (geteuid() == 0) return true; // modes do not stop root
-        if (platform::GetStatus(parent_, Links::Follow, &before_) != 0) return Fail(error);
+        if (!known_) return Fail(error);
         if ((before_.mode & 0222) == 0) {
             if (platform::SetMode(parent_, Links::Follow, (before_.mode | 0222) & 07777) != 0) return Fail(error);
             modeChanged_ = true;
@@ -48,6 +51,8 @@ public:
         const ErrnoKeeper keeper;
         if (modeChanged_ && platform::SetMode(parent_, Links::Follow, before_.mode & 07777) != 0)
             Failure(nullptr).Errno("failed to restore parent path \"%s\" mode", parent_.path);
+        const struct timespec times[] = {before_.accessTime, before_.modificationTime};
+        if (known_) (void)utimensat(parent_.directory, parent_.name, times, 0); // somebody else's stay new
         if (flagsChanged_ && platform::SetFlags(parent_, Links::Follow, before_.flags) != 0)
             Failure(nullptr).Errno("failed to restore parent path \"%s\" flags", parent_.path);
     }
@@ -60,6 +65,7 @@ private:
 
     Item parent_;
     TQFileStatus before_{};
+    bool known_ = false;
     bool modeChanged_ = false;
     bool flagsChanged_ = false;
 };
@@ -82,6 +88,7 @@ public:
     {
         fd_.Reset(platform::MakeUniqueFileAt(directory_, name_.data(), 0));
         if (!fd_) return Failure(error).Errno("failed to make temp file at \"%s\"", path_.c_str());
+        made_ = true;
         (void)path_.Format("%s%s", item.path, name_.c_str() + strlen(item.name));
         return true;
     }
@@ -89,18 +96,19 @@ public:
     // A copied immutable flag would keep the file where it is; it was never anybody's document.
     ~TemporaryFile()
     {
-        if (!fd_) return;
+        if (!made_) return;
         const ErrnoKeeper keeper;
         if (unlinkat(directory_, name_.c_str(), 0) == 0) return;
-        (void)platform::SetFlagsOfFd(fd_.get(), 0);
+        (void)platform::SetFlags({directory_, name_.c_str(), path_.c_str()}, Links::NoFollow, 0);
         (void)unlinkat(directory_, name_.c_str(), 0);
     }
 
     // A journal may take the new name to disk before the bytes; should the power fail in between, a file that somebody
     // has nowhere else would be as long as ever, and hold zeros.
-    bool Flush(TQError **error) const
+    bool Keep(TQFileStatus *now, TQError **error)
     {
-        return platform::FlushFd(fd_.get()) == 0 ||
+        return (platform::GetStatusOfFd(fd_.get(), now) == 0 && platform::FlushFd(fd_.get()) == 0 &&
+                fd_.Close() == 0) ||
                Failure(error).Errno("Failed to flush \"%s\" to disk", path_.c_str());
     }
 
@@ -108,7 +116,7 @@ public:
     {
         if (renameat(directory_, name_.c_str(), item.directory, item.name) != 0)
             return Failure(error).Errno("rename (\"%s\" -> \"%s\") failed", path_.c_str(), item.path);
-        fd_.Reset();
+        made_ = false;
         return true;
     }
 
@@ -117,6 +125,7 @@ public:
 
 private:
     int directory_;
+    bool made_ = false; // and not yet renamed
     UniqueFd fd_;
     PathBuffer name_; // relative to the directory
     PathBuffer path_;
@@ -130,7 +139,7 @@ Item ParentOf(const HardLinkedFile &file, const char *parentPath)
 
 } // namespace
 
-bool _BreakHardLink(const HardLinkedFile &file, TQError **error)
+bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *now, TQError **error)
 {
     const Item &item = file.item;
     Log(kLogDebug).Line("Encountered hardlinked file at path \"%s\" with link count of %hu; breaking link.\n",
@@ -152,5 +161,8 @@ bool _BreakHardLink(const HardLinkedFile &file, TQError **error)
 
     if (file.status.hasBirthTime)
         (void)_SetBirthTimeSpecForFD(temporary.fd(), file.status.birthTime.tv_sec, file.status.birthTime.tv_nsec);
-    return temporary.Flush(error) && temporary.RenameOver(item, error);
+    TQFileStatus made;
+    if (!temporary.Keep(&made, error) || !temporary.RenameOver(item, error)) return false;
+    *now = made;
+    return true;
 }

@@ -9,6 +9,7 @@
 TEST(UniqueNames, EveryXIsReplacedAndOnlyOnSuccess)
 {
     const TempDirectory directory;
+    const ScopeExit unmask([mask = umask(0777)] { umask(mask); });
     const std::tuple<const char *, int, int, const char *> rows[] = {
         {"seven_XXXXXXX", 0, 0, "seven_[0-9A-Za-z]{7}"},
         {"XaXXXXXXX", 0, 0, "Xa[0-9A-Za-z]{7}"},
@@ -33,6 +34,7 @@ TEST(UniqueNames, EveryXIsReplacedAndOnlyOnSuccess)
 TEST(UniqueNames, EndWhenAllAreTaken)
 {
     const TempDirectory directory;
+    const ScopeExit unmask([mask = umask(0777)] { umask(mask); });
     for (std::string path = directory / "X"; platform::MakeUniqueDirectory(path.data()) == 0; path.back() = 'X')
         EXPECT_EQ(disk::Mode(path), 0700U);
     EXPECT_EQ(errno, EEXIST);
