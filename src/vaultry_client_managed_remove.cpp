@@ -5,6 +5,7 @@
 // stands, under the lock: a failure is told, and a kill leaves part of it, to be removed again.
 
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_staging.h"
 
 #include "Platform/UniqueNames.h"
 #include "Runtime/Ref.h"
@@ -64,13 +65,12 @@ bool MoveToStaging(const char *root, const char *generation, const char *staged,
 
 bool RemoveByStaging(const char *root, const char *generation, TQError **error)
 {
-    PathBuffer staged;
-    if (!_GetUniqueStagingPath(root, staged, error)) return false;
-    // From here on the generation is gone for everybody; what can't be deleted is not reported.
-    const ScopeExit removeStaging([&] { (void)_RemoveStagingPath(root, staged.c_str(), nullptr); });
+    // What can't be deleted at its end is not reported: by then the generation is gone for everybody.
+    StagingDirectory staging;
+    if (!staging.Make(root, OwnerNote::Of(Work::Remove, nullptr), error)) return false;
     LiftedGeneration lifted(generation);
     return LiftForMove(lifted, generation, error) &&
-           lifted.Gone(MoveToStaging(root, generation, staged.c_str(), error));
+           lifted.Gone(MoveToStaging(root, generation, staging.staged(), error));
 }
 
 // For a disk without room for one more directory, on which a removal is what its owner needs most. A file goes at once. A
