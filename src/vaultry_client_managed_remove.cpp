@@ -82,7 +82,7 @@ bool RemoveWithoutRoom(const char *root, const char *generation, TQError **error
     if (!LiftForMove(lifted, generation, error) || !_UnprotectGenerationStore(root, error)) return false;
     const ScopeExit protect([root] { _ProtectGenerationStore(root); });
     PathBuffer staged;
-    if (_IsDirectory(generation, /*status=*/nullptr) && staged.Format("%s/%s/XXXXXXX", root, kStagingName)) {
+    if (S_ISDIR(lifted.before().mode) && staged.Format("%s/%s/XXXXXXX", root, kStagingName)) {
         if (platform::RenameToUnique(generation, staged.data()) == 0) {
             (void)_RemoveStagingPath(root, staged.c_str(), nullptr);
             return lifted.Gone(true);

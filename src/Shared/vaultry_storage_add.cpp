@@ -112,10 +112,11 @@ struct MovedItem {
 bool HoldsNoMount(const char *source, TQError **error)
 {
     TQFileStatus status;
-    const bool isFolder =
-        platform::GetStatus(Item::AtPath(source), Links::NoFollow, &status) == 0 && S_ISDIR(status.mode);
+    if (platform::GetStatus(Item::AtPath(source), Links::NoFollow, &status) != 0)
+        return errno == ENOENT || errno == ENOTDIR || // the rename says so
+               Failure(error).Errno("stat(\"%s\") failed", source);
+    if (!S_ISDIR(status.mode)) return true; // the kernel refuses to rename a mount point
     bool isMountedOn = false;
-    if (!isFolder) return true; // the rename tells what is wrong
     if (platform::HasMountInside(source, &isMountedOn) != 0)
         return Failure(error).Errno("Failed to look for mounts in \"%s\"", source);
     if (!isMountedOn) return true;
