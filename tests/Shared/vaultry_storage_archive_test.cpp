@@ -14,11 +14,15 @@ TEST_P(Archive, ReportsBytesAndStopsWhenCancelled)
         int64_t last, cancelAt;
         bool described;
         TQProgress *top;
+        const std::string &package;
     };
     const auto observe = [](TQProgress *changed, void *context) {
         auto *seen = static_cast<Seen *>(context);
         if (changed == seen->top) return;
         EXPECT_GE(TQProgressGetCompletedUnits(changed), seen->last);
+        // What grows now was measured before.
+        EXPECT_TRUE(seen->last > 0 ||
+                    Shell(seen->package, "for file in run empty Data/everyone; do echo >>$file; done"));
         seen->last = TQProgressGetCompletedUnits(changed);
         const auto info = [&](const TQString *key) {
             return Ref<TQValue>::Adopt(TQProgressCopyUserInfo(changed, key));
@@ -31,7 +35,7 @@ TEST_P(Archive, ReportsBytesAndStopsWhenCancelled)
     };
     for (const int64_t cancelAt : {total + 1, int64_t{1}}) {
         const auto progress = Ref<TQProgress>::Adopt(TQProgressCreate(1));
-        Seen seen{0, cancelAt, true, progress.get()};
+        Seen seen{0, cancelAt, true, progress.get(), package};
         TQProgressSetObserver(progress.get(), observe, &seen);
         TQProgressBecomeCurrent(progress.get());
         OwnedError error;

@@ -303,7 +303,16 @@ const std::map<std::string, Function> kFunctions = {
     // --- a tree
     {"walk", Walk}, // ROOT [AT ACT]
     {"copy", Copy}, // FROM TO [AT ACT]
-    {"copy-over",   // FROM TO, a file that is there
+    {"copy-into",   // FROM TO, which is the empty item OTHER, or is not
+     [](const Words &w, TQError **) {
+         TQFileStatus other;
+         bool made = false;
+         const platform::DuplixOptions options{.made = &made, .into = &other};
+         const bool done = platform::GetStatus(Item::AtPath(w[2]), Links::NoFollow, &other) == 0 &&
+                           platform::duplix(w[0], w[1], nullptr, nullptr, options) == 0;
+         return done || !Say(strerrorname_np(errno), made ? " in the middle" : "");
+     }},
+    {"copy-over", // FROM TO, a file that is there
      [](const Words &w, TQError **) {
          const UniqueFd from(open(w[0], O_RDONLY | O_CLOEXEC)), to(open(w[1], O_RDWR | O_CLOEXEC));
          return platform::fduplix(from.get(), to.get()) == 0 || !Say(strerrorname_np(errno));

@@ -10,7 +10,7 @@
 // line, command or section, "[!root]" its contrary: root, user and capable tell who plays; flags, whether it may set
 // a file immutable; compression and clones, whether files can be compressed and cloned here; mount, whether something
 // can be mounted; inode, whether all attributes of an item have to fit beside its inode; tracing, whether a program can
-// be killed at a call of its; namespaces, whether one can be root in a user namespace. A section with "[volumes]" behind
+// be killed at a call of its; namespaces, whether one can be root in a user namespace; fuse, whether faulty_volume.py of tests/support can be mounted. A section with "[volumes]" behind
 // "==" is played here, and once more on a volume of each type.
 
 #include "support/Tests.h"
@@ -39,7 +39,7 @@ struct Section {
 
 using Conditions = std::set<std::string>;
 constexpr const char *kTypes[] = {"ext4", "xfs", "btrfs", "tmpfs"},
-                     *kMeasured[] = {"flags", "compression", "mount", "inode", "tracing", "namespaces"};
+                     *kMeasured[] = {"flags", "compression", "mount", "inode", "tracing", "namespaces", "fuse"};
 
 // What this user meets in a directory there; "" is the usual place.
 Conditions ConditionsAt(const std::string &place, As who)
@@ -54,6 +54,7 @@ Conditions ConditionsAt(const std::string &place, As who)
     const std::string large(5000, 'x');
     if (setxattr(probe.path().c_str(), "user.large", large.data(), large.size(), 0) != 0) met.insert("inode");
     if (who == As::Root && !VolumeOfType("tmpfs").path.empty()) met.insert("mount");
+    if (met.count("mount") != 0 && Shell("/", "/usr/bin/python3 -c 'import fuse' </dev/fuse")) met.insert("fuse");
     return met;
 }
 
@@ -61,7 +62,7 @@ Conditions ConditionsAt(const std::string &place, As who)
 bool IsMet(const Conditions &met, std::string &line)
 {
     static const std::regex condition(
-        R"(^\[(!?)(root|user|capable|flags|compression|clones|mount|inode|tracing|namespaces)\] (.*)$)");
+        R"(^\[(!?)(root|user|capable|flags|compression|clones|mount|inode|tracing|namespaces|fuse)\] (.*)$)");
     bool isMet = true;
     for (std::smatch parts; std::regex_match(line, parts, condition); line = std::string(parts[3]))
         isMet &= (met.count(parts[2]) != 0) == (parts[1].length() == 0);
@@ -108,7 +109,8 @@ public:
         shell_ = fork();
         if (shell_ != 0) return;
         for (const char *name : {"VAULTRY_STORE", "XDG_DATA_HOME", "NO_COLOR"}) unsetenv(name);
-        const std::string path = VAULTRY_COMMANDS ":" + std::string(getenv("PATH")) + ":/usr/sbin:/sbin";
+        const std::string path =
+            VAULTRY_COMMANDS ":" VAULTRY_TESTS_DIRECTORY "/support:" + std::string(getenv("PATH")) + ":/usr/sbin:/sbin";
         for (const auto &[name, value] :
              {std::pair{"PATH", path}, {"HOME", directory}, {"LC_ALL", "C.UTF-8"}, {"TZ", "UTC"}})
             setenv(name, value.c_str(), 1);

@@ -34,6 +34,13 @@ static void _OnSignal(int number)
 }
 }
 
+InterruptGuard::InterruptGuard(const char *message) : InterruptGuard(nullptr, message)
+{
+    waiting_ = Owned<TQProgress>(TQProgressCreate(0));
+    TQProgressBecomeCurrent(waiting_.get());
+    gProgress = waiting_.get();
+}
+
 InterruptGuard::InterruptGuard(TQProgress *progress, const char *message)
 {
     gProgress = progress;
@@ -51,6 +58,7 @@ InterruptGuard::~InterruptGuard()
     for (size_t i = 0; i < kSignals.size(); ++i) sigaction(kSignals[i], &gPrevious[i], nullptr);
     gProgress = nullptr;
     gMessage = nullptr;
+    TQProgressResignCurrent(waiting_.get());
 }
 
 bool InterruptGuard::Came()

@@ -2,9 +2,12 @@
 //
 // What is under way ends cleanly: adding is cancelled through its progress; copying out can't be, and is undone when
 // it is through. A handler only stores flags, cancels (which is one atomic store) and writes. Waiting for
-// the store's lock ends at once, since the handlers don't restart system calls.
+// the store's lock ends at once in any case: the handlers don't restart system calls, and the wait looks at the
+// thread's progress then.
 
 #pragma once
+
+#include "owned.h"
 
 #include <vaultry/progress.h>
 
@@ -13,8 +16,9 @@ class InterruptGuard {
 public:
     // Cancels `progress`, as often as a signal comes.
     explicit InterruptGuard(TQProgress *progress) : InterruptGuard(progress, nullptr) {}
-    // Writes `message` at the first signal. The second ends the process as if nobody had caught it.
-    explicit InterruptGuard(const char *message) : InterruptGuard(nullptr, message) {}
+    // Writes `message` at the first signal. The second ends the process as if nobody had caught it. A progress of its own
+    // is the thread's current one meanwhile, and is cancelled.
+    explicit InterruptGuard(const char *message);
     // Both.
     InterruptGuard(TQProgress *progress, const char *message);
     ~InterruptGuard();
@@ -24,4 +28,7 @@ public:
     // Whether a signal came, and the exit code for it.
     static bool Came();
     static int ExitCode();
+
+private:
+    Owned<TQProgress> waiting_;
 };
