@@ -19,7 +19,12 @@
 // What the document was called, where the store knows it; else the generation's own name.
 static std::string _OwnName(const Store &store, const std::string &name)
 {
-    const std::string own = BaseName(store.InfoOf(name).document.value_or(""));
+    std::string own;
+    try {
+        own = BaseName(store.InfoOf(name).document.value_or(""));
+    } catch (const CommandFailure &failure) { // which keeps nobody from what the generation holds
+        Say(failure.what());
+    }
     // Any client may have written it, so it is no path before it was looked at.
     return own.empty() || own == "." || own == ".." || own.find('\0') != own.npos ? name : own;
 }
@@ -30,7 +35,9 @@ static std::string _DestinationPath(const Store &store, const std::string &name,
     if (given.empty()) throw CommandFailure(kExitUsage, "the destination is empty");
     const std::string path = WithoutTrailingSlashes(given);
     struct stat status {};
-    if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return path + "/" + _OwnName(store, name);
+    const bool isThere = stat(path.c_str(), &status) == 0;
+    if (!isThere && errno != ENOENT) throw CommandFailure::Errno("can't copy to " + Quoted(given), errno);
+    if (isThere && S_ISDIR(status.st_mode)) return path + "/" + _OwnName(store, name);
     if (given.back() == '/') throw CommandFailure(kExitFailure, "there is no directory " + Quoted(given));
     return path;
 }

@@ -33,16 +33,25 @@ Document ResolveDocument(const std::string &given)
 
 std::string DocumentPath(const std::string &given)
 {
-    const std::string path = WithoutTrailingSlashes(given);
-    std::error_code ignored;
-    const fs::path whole = fs::weakly_canonical(AbsolutePath(path), ignored);
-    return whole.empty() ? AbsolutePath(path) : whole.native();
+    std::error_code error;
+    const fs::path whole = fs::weakly_canonical(AbsolutePath(WithoutTrailingSlashes(given)), error);
+    if (error) throw CommandFailure::Errno("can't find the way to the document " + Quoted(given), error.value());
+    return whole.native();
+}
+
+std::string DocumentPathIfKnown(const std::string &given)
+{
+    try {
+        return DocumentPath(given);
+    } catch (const CommandFailure &) {
+        return AbsolutePath(WithoutTrailingSlashes(given));
+    }
 }
 
 static bool _IsDirectory(const std::string &path)
 {
-    std::error_code ignored;
-    return fs::symlink_status(path, ignored).type() == fs::file_type::directory;
+    struct stat status {};
+    return IsThere(path, &status) && S_ISDIR(status.st_mode);
 }
 
 bool IsSidecar(const std::string &path)

@@ -15,8 +15,11 @@ struct Document {
 // The document that `given` names. Throws if there is none.
 Document ResolveDocument(const std::string &given);
 
-// The absolute path that the document would have had, also when it exists no more.
+// The absolute path that the document has, or would have if it existed, free of links. Throws if that can't be told.
 std::string DocumentPath(const std::string &given);
+
+// The same, to find out what is kept of a document that can't be reached any more: then as it was given.
+std::string DocumentPathIfKnown(const std::string &given);
 
 // Whether the library passes the item over, as it does with files that are named "._...".
 bool IsSidecar(const std::string &path);

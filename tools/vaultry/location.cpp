@@ -62,22 +62,26 @@ template <class Visit> static void _EachName(const std::string &path, Visit visi
 {
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(path.c_str()), closedir);
     if (!directory) throw CommandFailure::Errno("can't read the directory " + Quoted(path), errno);
-    while (const dirent *entry = readdir(directory.get())) {
+    const dirent *entry = nullptr;
+    while (errno = 0, (entry = readdir(directory.get())) != nullptr) {
         const std::string_view name = entry->d_name;
         if (name != "." && name != ".." && !visit(name)) return;
     }
+    if (errno != 0) throw CommandFailure::Errno("can't read the directory " + Quoted(path), errno);
+}
+
+bool IsThere(const std::string &path, struct stat *status)
+{
+    if (lstat(path.c_str(), status) == 0) return true;
+    if (errno == ENOENT) return false;
+    throw CommandFailure::Errno("can't look at " + Quoted(path), errno);
 }
 
 PlaceKind LookAtPlace(const std::string &path)
 {
     struct stat status {};
-    const auto exists = [&](std::string_view name) {
-        return lstat((path + "/" + std::string(name)).c_str(), &status) == 0;
-    };
-    if (lstat(path.c_str(), &status) != 0) {
-        if (errno == ENOENT) return PlaceKind::Missing;
-        throw CommandFailure::Errno("can't look at the store " + Quoted(path), errno);
-    }
+    const auto exists = [&](std::string_view name) { return IsThere(path + "/" + std::string(name), &status); };
+    if (!IsThere(path, &status)) return PlaceKind::Missing;
     if (!S_ISDIR(status.st_mode)) return PlaceKind::Other;
     const bool hasLockFile = exists(kLockFileName), isLockFile = hasLockFile && S_ISREG(status.st_mode);
     const bool hasStaging = exists(kStagingName), isStaging = hasStaging && S_ISDIR(status.st_mode);
@@ -87,6 +91,19 @@ PlaceKind LookAtPlace(const std::string &path)
     _EachName(path, [&](std::string_view name) { return isFree = name == kLockFileName || name == kStagingName; });
     if (isFree) return PlaceKind::Free;
     return hasLockFile || hasStaging ? PlaceKind::Damaged : PlaceKind::Other;
+}
+
+bool IsEmpty(const std::string &path)
+{
+    bool isEmpty = true;
+    _EachName(path, [&](std::string_view) { return isEmpty = false; });
+    return isEmpty;
+}
+
+bool HasLockFile(const std::string &path)
+{
+    struct stat status {};
+    return IsThere(path + "/" + std::string(kLockFileName), &status);
 }
 
 void MakePlace(const std::string &path)

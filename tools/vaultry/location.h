@@ -5,6 +5,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <sys/stat.h>
 
 // The absolute path of the store: what --store said, else $VAULTRY_STORE, else the user's data directory. With links
 // resolved where it exists, since the library takes no link for a store.
@@ -18,7 +19,16 @@ enum class PlaceKind {
     Other,   // anything else: never to be touched
 };
 
+// Whether there is an item, a link included, and what it is. Throws for anything but "there is none": what can't be looked
+// at is not taken for absent.
+bool IsThere(const std::string &path, struct stat *status);
+
 PlaceKind LookAtPlace(const std::string &path);
+
+bool IsEmpty(const std::string &path);
+
+// Of a store, or what is left of one: the file goes last when a store is destroyed.
+bool HasLockFile(const std::string &path);
 
 // Makes the directory of a store, which nobody else may look into, and its parents.
 void MakePlace(const std::string &path);

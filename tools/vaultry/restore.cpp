@@ -119,14 +119,24 @@ static void _Replace(const Store &store, const std::string &name, const std::str
                          failure.what() + (backup ? ExplainRefusal(error.get(), store.path(), document) : ""));
 }
 
+// A document that appears meanwhile is not replaced, since nobody has kept what it is.
 static void _CopyBack(const Store &store, const std::string &name, const std::string &document)
 {
-    const Owned<TQLibrary> library = _OpenLibrary(store);
-    const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
     const InterruptGuard interrupts(kCopyIsRemoved);
     CopyOut(store, name, document, "can't restore " + Quoted(document) + " from " + Quoted(name), [&](TQError **error) {
-        return TQLibraryRestoreGeneration(library.get(), MakeString(name).get(), url.get(), nullptr, error);
+        return TQClientManagedStorageCopyGeneration(store.handle(), name.c_str(), document.c_str(), error);
     });
+}
+
+// What can't be looked at would be replaced without a backup if it were taken for absent.
+static bool _IsThere(const std::string &document)
+{
+    struct stat status {};
+    if (stat(document.c_str(), &status) == 0) return true;
+    if (errno != ENOENT) throw CommandFailure::Errno("can't look at the document " + Quoted(document), errno);
+    if (IsThere(document, &status))
+        throw CommandFailure(kExitFailure, Quoted(document) + " is a link to what is not there");
+    return false;
 }
 
 int RunRestore(const Arguments &arguments)
@@ -134,9 +144,8 @@ int RunRestore(const Arguments &arguments)
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string document = DocumentPath(arguments.document);
     const std::string name = _Generation(store, arguments, document);
-    struct stat status {};
     const double now = PresentTime(); // before anything is done: it is the moment of what the document was
-    const bool isThere = stat(document.c_str(), &status) == 0;
+    const bool isThere = _IsThere(document);
     const std::optional<std::string> backup =
         isThere ? _BackupName(store, arguments, document, now) : std::optional<std::string>();
     if (!isThere && arguments.backup) Say(Quoted(document) + " is not there, so there is nothing to back up");
