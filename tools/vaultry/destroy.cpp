@@ -7,6 +7,7 @@
 #include "store.h"
 #include "text.h"
 
+#include <vaultry/data.h>
 #include <vaultry/storage.h>
 
 #include <unistd.h>
@@ -23,24 +24,51 @@ static bool _Confirmed(const std::string &question)
     return text == "y\n" || text == "Y\n" || text == "yes\n";
 }
 
+static std::string _Text(const TQDictionary *finding, const char *key)
+{
+    const TQValue *value = TQDictionaryGetValue(finding, MakeString(key).get());
+    if (TQGetTypeID(value) == TQStringGetTypeID()) return ToText(static_cast<const TQString *>(value));
+    const auto *data = static_cast<const TQData *>(value);
+    return {static_cast<const char *>(TQDataGetBytes(data)), TQDataGetLength(data)};
+}
+
+// What a move left in staging when it was interrupted is no earlier version: it is the document.
+static void _RequireNoDocument(const std::string &path)
+{
+    Owned<TQError> error;
+    const Owned<TQArray> findings(TQClientManagedStorageCopyFindings(path.c_str(), /*repair=*/false, error.out()));
+    if (!findings) throw CommandFailure::Library("not destroying " + Quoted(path) + " unseen", error.get());
+    for (size_t i = 0; i < TQArrayGetCount(findings.get()); ++i) {
+        const auto *finding = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(findings.get(), i));
+        if (const std::string kind = _Text(finding, "kind"); kind == "document-in-staging" || kind == "note-malformed")
+            throw CommandFailure(kExitFailure, "not destroying the store " + Quoted(path) + ": " +
+                                                   Quoted(_Text(finding, "path")) + ": " + _Text(finding, "meaning") +
+                                                   "\n  \"vaultry check --repair\" gives such a document back");
+    }
+}
+
 int RunDestroy(const Arguments &arguments)
 {
     const std::string path = LocateStore(arguments.store);
     switch (LookAtPlace(path)) {
     case PlaceKind::Missing:
         throw CommandFailure(kExitFailure, "there is no store at " + Quoted(path));
-    case PlaceKind::Damaged:
-        throw NoStore(path, PlaceKind::Damaged);
-    case PlaceKind::Free:
     case PlaceKind::Other:
         throw CommandFailure(kExitFailure, Quoted(path) + " is no store; nothing was removed");
+    case PlaceKind::Damaged: // also what is left of a store whose destruction was cut short
+        if (!HasLockFile(path)) throw NoStore(path, PlaceKind::Damaged);
+        break;
+    case PlaceKind::Free:
     case PlaceKind::Store:
         break;
     }
 
+    const bool isEmpty = IsEmpty(path);
+    if (!isEmpty) _RequireNoDocument(path);
     const size_t count = PeekAtNames(path).size();
-    const std::string what =
-        "the store " + Quoted(path) + " with " + std::to_string(count) + (count == 1 ? " generation" : " generations");
+    const std::string what = isEmpty ? "the empty directory " + Quoted(path)
+                                     : "the store " + Quoted(path) + " with " + std::to_string(count) +
+                                           (count == 1 ? " generation" : " generations");
     if (!arguments.yes) {
         if (!isatty(STDIN_FILENO))
             throw CommandFailure(kExitUsage, "not destroying " + what + ": nobody can be asked; give --yes");
