@@ -17,7 +17,9 @@
 #include <vaultry/filesystem.h>
 #include <vaultry/status.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -45,6 +47,7 @@ private:
     void EndWhereInterrupted();
     bool WriteInfo();
     void RemoveSource();
+    void FlushRemoval();
     void Complain(int exitCode, const std::string &message);
 
     const Store &store_;
@@ -180,9 +183,33 @@ void Addition::RemoveSource()
         return Complain(failure.exitCode(), kept + failure.what());
     }
     Owned<TQError> error;
-    if (_RemoveTree(path_.c_str(), 0, error.out())) return;
+    if (_RemoveTree(path_.c_str(), 0, error.out())) return FlushRemoval();
     const CommandFailure failure = CommandFailure::Library(
         Quoted(name_) + " holds " + Quoted(path_) + ", but not all of it could be removed where it was", error.get());
+    Complain(failure.exitCode(), failure.what());
+}
+
+// 0, or the reason why not.
+static int _FlushFolder(const std::string &folder)
+{
+    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return errno;
+    // A file system that can't flush a directory has nothing to tell.
+    const int reason = fsync(fd) == 0 || errno == EINVAL || errno == ENOTSUP ? 0 : errno;
+    const bool isClosed = close(fd) == 0 || errno == EINTR;
+    return reason == 0 && !isClosed ? errno : reason;
+}
+
+// A power cut would bring back what has not left its folder on disk as well.
+void Addition::FlushRemoval()
+{
+    const std::string folder = path_.substr(0, std::max<size_t>(path_.rfind('/'), 1));
+    const int reason = _FlushFolder(folder);
+    if (reason == 0) return;
+    const CommandFailure failure = CommandFailure::Errno(Quoted(name_) + " holds " + Quoted(path_) +
+                                                             ", which may be back after a power failure: can't flush " +
+                                                             Quoted(folder) + " to disk",
+                                                         reason);
     Complain(failure.exitCode(), failure.what());
 }
 
