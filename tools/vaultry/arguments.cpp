@@ -47,8 +47,11 @@ Examples:
 
 static constexpr char kListFooter[] = R"(
 Oldest first. Times are local. A generation that another program added may have
-no time and no document. With --json, one object a line: name, document, kept,
-size, options, display_name.
+no time and no document. Of one whose metadata are damaged what can't be read is
+shown as "?", and what is wrong is said; all others are listed, and the exit
+status is that of a failure. With a DOCUMENT, one whose document can't be read is
+only named. With --json, one object a line: name, document, kept, size, options,
+display_name, and problems, a list of texts, where there are any.
 
 Examples:
   vaultry list
@@ -57,7 +60,8 @@ Examples:
 
 static constexpr char kShowFooter[] = R"(
 Permissions and flags are those that the document had, not those that protect
-the generation.
+the generation. What can't be read is left out and said, with the exit status of
+a failure; with --json also as problems, a list of texts.
 
 Example:
   vaultry show before-review)";
@@ -132,7 +136,8 @@ Example:
 
 static constexpr char kDestroyFooter[] = R"(
 Says how many generations go, and asks first. Refuses a directory that is no
-store.
+store, and a store where an interrupted move left a document: "check --repair"
+gives it back. Cut short, it goes on when it is called again.
 
 Example:
   vaultry destroy --store /tmp/try --yes)";

@@ -50,6 +50,18 @@ int UnderlyingErrno(const TQError *error)
     return static_cast<int>(TQErrorGetCode(underlying));
 }
 
+std::vector<std::string> Problems::texts() const
+{
+    std::vector<std::string> texts;
+    for (const CommandFailure &failure : failures_) texts.emplace_back(failure.what());
+    return texts;
+}
+
+void Problems::SayAll() const
+{
+    for (const CommandFailure &failure : failures_) Say(failure.what());
+}
+
 void Say(const std::string &message)
 {
     // Whatever was listed so far comes first where both streams end up in one place.

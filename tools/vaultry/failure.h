@@ -9,6 +9,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 enum ExitCode {
     kExitSuccess = 0,
@@ -39,6 +40,30 @@ int ExitCodeForStatus(int status);
 
 // The number of the system error underneath `error`; 0 if there is none.
 int UnderlyingErrno(const TQError *error);
+
+// What was looked for and could not be read, where the rest is worth showing all the same.
+class Problems {
+public:
+    // Takes a step; a failure is noted instead of thrown.
+    template <class Step> void Note(Step step)
+    {
+        try {
+            step();
+        } catch (const CommandFailure &failure) {
+            failures_.push_back(failure);
+        }
+    }
+    bool none() const { return failures_.empty(); }
+    const CommandFailure &first() const { return failures_.front(); }
+    std::vector<std::string> texts() const;
+    // Says each.
+    void SayAll() const;
+    // The first one's, or success.
+    int exitCode() const { return none() ? kExitSuccess : failures_.front().exitCode(); }
+
+private:
+    std::vector<CommandFailure> failures_;
+};
 
 // One line on standard error, after "vaultry: ".
 void Say(const std::string &message);

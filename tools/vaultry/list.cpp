@@ -26,7 +26,9 @@ struct Entry {
     GenerationInfo info;
     uint64_t options;
     std::string displayName;
-    int64_t size; // -1 if it can't be told
+    int64_t size = -1;                      // that can't be told
+    std::vector<std::string> problems = {}; // with what is known of it
+    bool isKnown = true;                    // what the command noted
 };
 
 // What the user asked for, beside the document.
@@ -85,7 +87,7 @@ static Entry _ToEntry(const TQDictionary *record)
     return {ToText(static_cast<const TQString *>(_Lookup(record, "name"))),
             ToGenerationInfo(static_cast<const TQDictionary *>(_Lookup(record, "info"))),
             static_cast<uint64_t>(TQNumberGetInt64(_Lookup(record, "options"))),
-            ToText(static_cast<const TQString *>(_Lookup(record, "ODN"))), -1};
+            ToText(static_cast<const TQString *>(_Lookup(record, "ODN")))};
 }
 
 // Reads all that are looked for in one go. False if that can't be done, as for a single one that is damaged.
@@ -106,38 +108,37 @@ static bool _ReadAll(const Store &store, const std::string &document, const Filt
     return static_cast<bool>(groups);
 }
 
-// Reads one generation; none if it went meanwhile or is not one of those looked for.
+// Reads one generation, as far as that is possible; none if it went meanwhile or is not one of those looked for. One
+// whose document can't be told is none of a document's.
 static std::optional<Entry> _ReadEntry(const Store &store, const std::string &name, const std::string &document,
-                                       const Filter &filter)
+                                       const Filter &filter, Problems &problems)
 {
-    try {
-        Entry entry{name, store.InfoOf(name), 0, "", -1};
-        if (!document.empty() && entry.info.document != document) return std::nullopt;
-        entry.options = TQClientManagedStorageGetGenerationOptions(store.handle(), name.c_str(), nullptr);
-        if (!filter.Admits(entry.options)) return std::nullopt;
-        const Owned<TQString> displayName(
-            TQClientManagedStorageCopyGenerationOriginalDisplayName(store.handle(), name.c_str(), nullptr));
-        entry.displayName = ToText(displayName.get());
-        entry.size = TQComputeTreeSize(store.PathOf(name).c_str(), nullptr);
-        return entry;
-    } catch (const CommandFailure &) {
-        if (store.Lacks(name)) return std::nullopt;
-        throw;
+    const uint64_t options = TQClientManagedStorageGetGenerationOptions(store.handle(), name.c_str(), nullptr);
+    if (!filter.Admits(options)) return std::nullopt;
+    Entry entry{name, {}, options, ""};
+    problems.Note([&] { entry.info = store.InfoOf(name); });
+    entry.isKnown = problems.none();
+    problems.Note([&] { entry.displayName = store.DisplayNameOf(name); });
+    problems.Note([&] { entry.size = TQComputeTreeSize(store.PathOf(name).c_str(), nullptr); });
+    entry.problems = problems.texts();
+    if (!problems.none() && store.Lacks(name)) {
+        problems = {};
+        return std::nullopt;
     }
+    if (!document.empty() && entry.info.document != document) return std::nullopt;
+    return entry;
 }
 
-// Says of each damaged one what is wrong with it, so that it does not hide the others.
+// So that one that is damaged does not hide the others. Says of each what is wrong with it.
 static int _ReadOneByOne(const Store &store, const std::string &document, const Filter &filter,
                          std::vector<Entry> &entries)
 {
     int exitCode = kExitSuccess;
     for (const std::string &name : store.Names()) {
-        try {
-            if (auto entry = _ReadEntry(store, name, document, filter)) entries.push_back(std::move(*entry));
-        } catch (const CommandFailure &failure) {
-            Say(failure.what());
-            exitCode = failure.exitCode();
-        }
+        Problems problems;
+        if (auto entry = _ReadEntry(store, name, document, filter, problems)) entries.push_back(std::move(*entry));
+        problems.SayAll();
+        if (exitCode == kExitSuccess) exitCode = problems.exitCode();
     }
     return exitCode;
 }
@@ -152,6 +153,7 @@ static void _PrintJson(const std::vector<Entry> &entries)
         if (entry.size >= 0) object["size"] = entry.size;
         object["options"] = entry.options;
         if (!entry.displayName.empty()) PutBytes(object, "display_name", entry.displayName);
+        if (!entry.problems.empty()) object["problems"] = entry.problems;
         PrintLine(object);
     }
 }
@@ -166,13 +168,14 @@ static void _PrintTable(const std::vector<Entry> &entries, bool isLong)
     for (const Entry &entry : entries) {
         char options[32];
         snprintf(options, sizeof options, "0x%llx", static_cast<unsigned long long>(entry.options));
-        std::vector<std::string> cells = {Printable(entry.name), entry.info.time ? HumanTime(*entry.info.time) : "-",
+        const std::string none = entry.isKnown ? "-" : "?";
+        std::vector<std::string> cells = {Printable(entry.name), entry.info.time ? HumanTime(*entry.info.time) : none,
                                           entry.size < 0 ? "?" : HumanSize(static_cast<uint64_t>(entry.size))};
         if (isLong) {
             cells.push_back(options);
             cells.push_back(entry.displayName.empty() ? "-" : Printable(entry.displayName));
         }
-        cells.push_back(entry.info.document ? Printable(*entry.info.document) : "-");
+        cells.push_back(entry.info.document ? Printable(*entry.info.document) : none);
         table.AddRow(std::move(cells));
     }
     table.Print(stdout);
@@ -188,7 +191,7 @@ int RunList(const Arguments &arguments)
         return kExitSuccess;
     }
 
-    const std::string document = arguments.document.empty() ? "" : DocumentPath(arguments.document);
+    const std::string document = arguments.document.empty() ? "" : DocumentPathIfKnown(arguments.document);
     std::vector<Entry> entries;
     int exitCode = kExitSuccess;
     if (!_ReadAll(*store, document, filter, entries)) exitCode = _ReadOneByOne(*store, document, filter, entries);

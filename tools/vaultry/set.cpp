@@ -54,23 +54,38 @@ static uint64_t _ParseOptions(const std::string &text)
     return options;
 }
 
-// The write itself gives no error object; its errno is all that tells why.
-static void _Apply(const Store &store, const std::string &name, const Change &change)
+static void _SetKey(const Store &store, const std::string &name, const Change &change)
+{
+    Owned<TQError> error;
+    const Owned<TQString> key = MakeString(change.key);
+    TQValue *const keys[] = {key.get()}, *const values[] = {change.value.get()};
+    const Owned<TQDictionary> info(TQDictionaryCreate(keys, values, 1));
+    if (TQClientManagedStorageSetGenerationInfoValues(store.handle(), name.c_str(), info.get(), error.out())) return;
+    const CommandFailure failure =
+        CommandFailure::Library("can't set " + Quoted(change.key) + " of " + Quoted(name), error.get());
+    const bool isOfAttributes = IsAttributeSpace(UnderlyingErrno(error.get()), store.path());
+    throw CommandFailure(failure.exitCode(),
+                         failure.what() + (isOfAttributes ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
+}
+
+// The library gives no error object for what fails behind the lock: why is told by looking again, and by errno.
+static void _RemoveKey(const Store &store, const std::string &name, const std::string &key)
 {
     Owned<TQError> error;
     errno = 0;
-    if (TQClientManagedStorageSetGenerationInfoValueForKey(store.handle(), name.c_str(), MakeString(change.key).get(),
-                                                           change.value.get(), error.out()))
+    if (TQClientManagedStorageSetGenerationInfoValueForKey(store.handle(), name.c_str(), MakeString(key).get(), nullptr,
+                                                           error.out()))
         return;
     const int reason = errno;
-    const std::string what =
-        "can't " + std::string(change.value ? "set " : "remove ") + Quoted(change.key) + " of " + Quoted(name);
+    const std::string what = "can't remove " + Quoted(key) + " of " + Quoted(name);
     if (error) throw CommandFailure::Library(what, error.get());
-    if (!change.value && reason == 0) throw CommandFailure(kExitFailure, what + ": there is no such key");
-    const CommandFailure failure = CommandFailure::Errno(what, reason);
-    throw CommandFailure(
-        failure.exitCode(),
-        failure.what() + (IsAttributeSpace(reason, store.path()) ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
+    const Owned<TQDictionary> info(
+        TQClientManagedStorageCopyGenerationInfoDictionary(store.handle(), name.c_str(), error.out()));
+    if (!info) throw CommandFailure::Library(what, error.get());
+    if (!TQDictionaryGetValue(info.get(), MakeString(key).get()))
+        throw CommandFailure(kExitFailure, what + ": there is no such key");
+    if (reason == 0) throw CommandFailure::Library(what, nullptr);
+    throw CommandFailure::Errno(what, reason);
 }
 
 static void _SetDisplayName(const Store &store, const std::string &name, const TQString *displayName)
@@ -120,7 +135,10 @@ int RunSet(const Arguments &arguments)
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string name = ResolveGeneration(store, arguments.name);
     std::vector<Step> steps;
-    for (const Change &change : changes) steps.push_back({Quoted(change.key), [&] { _Apply(store, name, change); }});
+    for (const Change &change : changes)
+        steps.push_back({Quoted(change.key), [&] {
+                             return change.value ? _SetKey(store, name, change) : _RemoveKey(store, name, change.key);
+                         }});
     if (arguments.displayName)
         steps.push_back({"the display name", [&] { _SetDisplayName(store, name, displayName.get()); }});
     if (arguments.options) steps.push_back({"the options", [&] { _SetOptions(store, name, options); }});

@@ -18,11 +18,6 @@ static double _Seconds(const struct timespec &time)
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-static const char *_Kind(const TQFileStatus &status)
-{
-    return S_ISDIR(status.mode) ? "directory" : S_ISREG(status.mode) ? "file" : "other";
-}
-
 static Json _FlagsToJson(uint32_t flags)
 {
     Json names = Json::array();
@@ -40,41 +35,43 @@ static std::string _Octal(uint32_t mode)
     return text;
 }
 
-static Owned<TQDictionary> _InfoOf(const Store &store, const std::string &name)
+// With permissions as the document had them, not as the store protects them.
+static void _DescribeItem(const std::string &path, Json &object)
 {
-    Owned<TQError> error;
-    Owned<TQDictionary> info(
-        TQClientManagedStorageCopyGenerationInfoDictionary(store.handle(), name.c_str(), error.out()));
-    if (!info) throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get());
-    return info;
+    struct stat item {};
+    if (!IsThere(path, &item)) throw CommandFailure::Errno("can't look at " + Quoted(path), ENOENT);
+    object["kind"] = S_ISDIR(item.st_mode) ? "directory" : S_ISREG(item.st_mode) ? "file" : "other";
+    object["size"] = TQComputeTreeSize(path.c_str(), nullptr);
+    TQFileStatus status;
+    const int reason = TQLibraryInternalStatGeneration(path.c_str(), &status) == 0 ? 0 : errno;
+    if (reason == 0) object["mode"] = _Octal(status.mode);
+    object["owner"] = item.st_uid;
+    object["group"] = item.st_gid;
+    if (reason == 0) object["flags"] = _FlagsToJson(status.flags);
+    object["modified"] = IsoTime(_Seconds(item.st_mtim));
+    if (reason != 0)
+        throw CommandFailure::Errno("can't read the record of the document's permissions on " + Quoted(path), reason);
 }
 
-// With permissions as the document had them, not as the store protects them.
-static Json _Describe(const Store &store, const std::string &name)
+// As far as it can be read; what can't is left out, and noted.
+static Json _Describe(const Store &store, const std::string &name, Problems &problems)
 {
-    const std::string path = store.PathOf(name);
-    TQFileStatus status;
-    if (TQLibraryInternalStatGeneration(path.c_str(), &status) != 0)
-        throw CommandFailure::Errno("can't look at the generation " + Quoted(name), errno);
-    const GenerationInfo info = store.InfoOf(name);
-    const Owned<TQString> displayName(
-        TQClientManagedStorageCopyGenerationOriginalDisplayName(store.handle(), name.c_str(), nullptr));
-
     Json object;
     PutBytes(object, "name", name);
+    Owned<TQDictionary> dictionary;
+    problems.Note([&] { dictionary = store.InfoDictionaryOf(name); });
+    const GenerationInfo info = ToGenerationInfo(dictionary.get());
     if (info.document) PutBytes(object, "document", *info.document);
     if (info.time) object["kept"] = IsoTime(*info.time);
-    object["kind"] = _Kind(status);
-    object["size"] = TQComputeTreeSize(path.c_str(), nullptr);
-    object["mode"] = _Octal(status.mode);
-    object["owner"] = status.owner;
-    object["group"] = status.group;
-    object["flags"] = _FlagsToJson(status.flags);
-    object["modified"] = IsoTime(_Seconds(status.modificationTime));
-    if (displayName) PutBytes(object, "display_name", ToText(displayName.get()));
+    problems.Note([&] { _DescribeItem(store.PathOf(name), object); });
+    problems.Note([&] {
+        if (const std::string shown = store.DisplayNameOf(name); !shown.empty())
+            PutBytes(object, "display_name", shown);
+    });
     object["options"] = TQClientManagedStorageGetGenerationOptions(store.handle(), name.c_str(), nullptr);
-    PutBytes(object, "path", path);
-    object["info"] = ToJson(_InfoOf(store, name).get());
+    PutBytes(object, "path", store.PathOf(name));
+    if (dictionary) object["info"] = ToJson(dictionary.get());
+    if (!problems.none()) object["problems"] = problems.texts();
     return object;
 }
 
@@ -86,8 +83,9 @@ static void _PrintForPeople(const Json &object)
                            : key == "size"   ? HumanSize(value.get<uint64_t>())
                                              : Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace));
         if (key == "kept" || key == "modified") text = HumanTime(ParseTime(value, Moment::First).value_or(0));
-        if (key != "info") printf("%-13s %s\n", (key + ":").c_str(), text.c_str());
+        if (key != "info" && key != "problems") printf("%-13s %s\n", (key + ":").c_str(), text.c_str());
     }
+    if (!object.contains("info")) return;
     for (const auto &[key, value] : object["info"].items())
         printf("  %s = %s\n", Printable(key).c_str(),
                Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace)).c_str());
@@ -96,10 +94,14 @@ static void _PrintForPeople(const Json &object)
 int RunShow(const Arguments &arguments)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
-    const Json object = _Describe(store, ResolveGeneration(store, arguments.name));
+    const std::string name = ResolveGeneration(store, arguments.name);
+    Problems problems;
+    const Json object = _Describe(store, name, problems);
+    if (!problems.none() && store.Lacks(name)) throw problems.first();
     if (arguments.json)
         PrintLine(object);
     else
         _PrintForPeople(object);
-    return kExitSuccess;
+    problems.SayAll();
+    return problems.exitCode();
 }

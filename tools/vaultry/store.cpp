@@ -7,6 +7,7 @@
 
 #include <vaultry/url.h>
 
+#include <cerrno>
 #include <ctime>
 
 CommandFailure NoStore(const std::string &path, PlaceKind kind)
@@ -105,15 +106,25 @@ std::string Store::PathOf(const std::string &name) const
     return path;
 }
 
-GenerationInfo Store::InfoOf(const std::string &name) const
+Owned<TQDictionary> Store::InfoDictionaryOf(const std::string &name) const
 {
     Owned<TQError> error;
-    const Owned<TQDictionary> dictionary(
+    Owned<TQDictionary> dictionary(
         TQClientManagedStorageCopyGenerationInfoDictionary(handle(), name.c_str(), error.out()));
     if (!dictionary)
         throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get());
+    return dictionary;
+}
 
-    return ToGenerationInfo(dictionary.get());
+std::string Store::DisplayNameOf(const std::string &name) const
+{
+    Owned<TQError> error;
+    errno = 0; // for a failure that sets none
+    const Owned<TQString> displayName(
+        TQClientManagedStorageCopyGenerationOriginalDisplayName(handle(), name.c_str(), error.out()));
+    if (!displayName && UnderlyingErrno(error.get()) != ENODATA)
+        throw CommandFailure::Library("can't read the display name of the generation " + Quoted(name), error.get());
+    return ToText(displayName.get());
 }
 
 bool Store::SetInfoOf(const std::string &name, const std::string &document, double time, TQError **error) const
