@@ -35,8 +35,8 @@ TQ_EXPORT bool TQSetInfoValue(const char *path, TQString *key, TQValue *value, T
 /// Adds or replaces all of `values` in one write: whoever reads meanwhile, or after a kill, finds all of them or none.
 TQ_EXPORT bool TQSetInfoValues(const char *path, const TQDictionary *values, TQError **error);
 
-/// Sets the display name, of at most 767 bytes and no zero (else kTQStatusInvalidArgument, and the old one stays); a null
-/// or empty name removes it.
+/// Sets the display name, of at most 767 bytes and no zero (else kTQStatusInvalidArgument, and the old one stays); a
+/// null or empty name removes it.
 TQ_EXPORT bool TQSetOriginalDisplayName(const char *path, const TQString *name, TQError **error);
 
 /// The display name, owned by the caller; null with kTQStatusNoSuchAttribute when there is none.

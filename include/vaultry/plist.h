@@ -24,8 +24,8 @@ TQ_EXPORT TQData *TQPropertyListCreateData(TQValue *value, TQError **error);
 /// Parses bytes from anywhere, hostile ones included.
 ///
 /// A container that the bytes hold once and refer to in several places is one value in all of them, and takes no more
-/// memory than that: whoever walks the result meets it at each place, which a few bytes from a stranger can make endless.
-/// TQEqual, TQHash and TQCopyDescription are safe with it.
+/// memory than that. Whoever walks the result meets it at each place, which a few bytes from a stranger can make
+/// endless. TQEqual, TQHash and TQCopyDescription are safe with it.
 ///
 /// @param mutableContainers  Whether every array and dictionary, at any depth, can be changed. Then each place has a
 ///                           container of its own.

@@ -116,8 +116,8 @@ template <class T, class... Arguments> T *MakeObject(TQAllocator *allocator, siz
 // How deep containers are followed by comparison and description. Property lists stay below it.
 inline constexpr size_t kMaximumNesting = 1024;
 
-// Pairs of containers that others share and that were found equal: where every level shares the next one twice, comparing
-// each pair each time would never end.
+// Pairs of containers that others share and that were found equal: where every level shares the next one twice,
+// comparing each pair each time would never end.
 class KnownEqual {
 public:
     bool Holds(const Object *a, const Object *b) const { return pairs_.contains({a, b}); }
@@ -143,9 +143,10 @@ bool EqualMembers(const TQValue *a, const TQValue *b, const Comparison *outer);
 
 // --- hashing
 //
-// A value hashes all that it holds itself; containers in it have a share of a budget, and those in them a share of that.
-// So a hash costs no more than the container's own size justifies, however often one is shared below it, and ends where
-// one holds itself. A budget follows from nothing but the counts on the way down, which equal containers have in common.
+// A value hashes all that it holds itself; containers in it have a share of a budget, and those in them a share of
+// that. So a hash costs no more than the container's own size justifies, however often one is shared below it, and ends
+// where one holds itself. A budget follows from nothing but the counts on the way down, which equal containers have in
+// common.
 
 inline constexpr size_t kWholeValue = SIZE_MAX;
 

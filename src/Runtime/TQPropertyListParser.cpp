@@ -27,8 +27,8 @@ using namespace plist;
 
 namespace {
 
-// What copies of shared containers may take: something in any case, since writers that share all equal containers exist,
-// and so much more for each byte of the file.
+// What copies of shared containers may take: something in any case, since writers that share all equal containers
+// exist, and so much more for each byte of the file.
 constexpr size_t kBytesOfCopies = size_t{4} << 20;
 constexpr size_t kBytesOfCopiesPerByte = 32;
 constexpr size_t kTooManyBytes = SIZE_MAX / 4; // sums stop here
