@@ -1,8 +1,8 @@
 // Removing generations, and listing their names.
 //
 // A generation leaves the root by one rename into staging, so that the slow part, deleting its tree, can be
-// interrupted without leaving half of it under its name. Where the kernel refuses that rename, the tree is deleted as it
-// stands, under the lock: a failure is told, and a kill leaves part of it, to be removed again.
+// interrupted without leaving half of it under its name. Where the kernel refuses that rename, the tree is deleted as
+// it stands, under the lock: a failure is told, and a kill leaves part of it, to be removed again.
 
 #include "vaultry_client_managed.h"
 #include "vaultry_client_managed_staging.h"

@@ -64,8 +64,8 @@ int DirectoryReader::Resume(int directory, const char *name)
     if (error == 0) found = Next(directory, &error);
     if (found && strcmp(found, name) == 0) return 0;
 
-    // A directory that somebody has removed may refuse the position. It does not refuse its beginning, and then says what
-    // became of it.
+    // A directory that somebody has removed may refuse the position. It does not refuse its beginning, and then says
+    // what became of it.
     error = Seek(directory, 0);
     if (error != 0) return error;
     while ((found = Next(directory, &error)))

@@ -22,8 +22,8 @@ public:
     // Lets go of the buffer. Before the next call of Next comes Resume.
     void Suspend() { buffer_.reset(); }
 
-    // Goes on in a freshly opened `directory` behind `name`, the last that Next gave. 0 or an errno: ENOENT if the directory
-    // itself was removed meanwhile.
+    // Goes on in a freshly opened `directory` behind `name`, the last that Next gave. 0 or an errno: ENOENT if the
+    // directory itself was removed meanwhile.
     int Resume(int directory, const char *name);
     bool suspended() const { return !buffer_ && started_; }
 

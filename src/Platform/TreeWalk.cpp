@@ -252,8 +252,8 @@ const TreeWalk::Entry *TreeWalk::State::Child(const char *name)
     return ReportByStatus();
 }
 
-// Opens the directory above the top again if it was closed, and finds the place where its reading stopped. Where there is
-// none any more, since somebody has removed that directory, its own turn tells it.
+// Opens the directory above the top again if it was closed, and finds the place where its reading stopped. Where there
+// is none any more, since somebody has removed that directory, its own turn tells it.
 bool TreeWalk::State::OpenAbove()
 {
     if (!directories.OpenParent()) return false;

@@ -2,13 +2,14 @@
 //
 // Nothing swapped under the walk leads it out of its tree: a directory is entered by descriptor without
 // following links and must be the one whose status was reported (device and inode), and climbing back must
-// arrive where it came from. A directory that was removed meanwhile ends like one that can't be read (Unreadable, ENOENT),
-// at any depth. A few descriptors are open at a time whatever the depth, and
-// entries are streamed, so memory does not grow with the size of a folder.
+// arrive where it came from. A directory that was removed meanwhile ends like one that can't be read (Unreadable,
+// ENOENT), at any depth. A few descriptors are open at a time whatever the depth, and entries are streamed, so memory
+// does not grow with the size of a folder.
 //
 // Directories of another file system, and those on which something is mounted, are reported, and entered only where
-// the caller asks for it or where the walk begins. Each entry's status is one statx. Removing entries while the walk goes on
-// is fine, and so is adding rights to a directory when it is reported: it is opened by the call of Next that follows.
+// the caller asks for it or where the walk begins. Each entry's status is one statx. Removing entries while the walk
+// goes on is fine, and so is adding rights to a directory when it is reported: it is opened by the call of Next that
+// follows.
 
 #pragma once
 

@@ -52,7 +52,8 @@ public:
     // A directory that is open.
     explicit HeldItem(int fd) : fd_(fd) {}
 
-    // Any item, without a right to open it: by a descriptor that grants nothing, and the name that the kernel gives that.
+    // Any item, without a right to open it: by a descriptor that grants nothing, and the name that the kernel gives
+    // that.
     HeldItem(const Item &item, const TQFileStatus &status)
         : own_(openat(item.directory, item.name, O_PATH | O_NOFOLLOW | O_CLOEXEC))
     {
