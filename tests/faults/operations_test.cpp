@@ -195,13 +195,12 @@ TEST_P(FaultsWhile, CreatingRemovingAndDestroying)
            .run = destroy,
            .unfinished = "/store.*",
            .stays = ".*",
-           .then =
-               [=](Scene &scene) {
-                   // What is left of it still tells what it was, unless it is nothing but an empty folder.
-                   const auto left = disk::List(scene.store.root());
-                   EXPECT_TRUE(left.empty() || disk::Exists(scene.store.root() + "/.vaultry_lockfile"));
-                   EXPECT_TRUE(destroy(scene, nullptr));
-               }});
+           .then = [=](Scene &scene) {
+               // What is left of it still tells what it was, unless it is nothing but an empty folder.
+               const auto left = disk::List(scene.store.root());
+               EXPECT_TRUE(left.empty() || disk::Exists(scene.store.root() + "/.vaultry_lockfile"));
+               EXPECT_TRUE(destroy(scene, nullptr));
+           }});
 }
 
 } // namespace
