@@ -60,9 +60,11 @@ bool CheckAndTakeLock(const OpenStore &store, Findings &findings, HeldLock &lock
                              [&] { return MakeLockFile(store); });
         return !findings.repair() || lock.At(item, /*exclusive=*/true, error);
     }
-    if (!S_ISREG(status.mode)) {
+    // A further link may be to anybody's file, which is none to be changed.
+    if (!S_ISREG(status.mode) || status.linkCount != 1) {
         findings.Add(item.path, "lock-file-foreign",
-                     "What stands in the place of the lock file is no file; nothing can be mended before it goes.");
+                     "What stands in the place of the lock file is no file of its own; nothing can be mended before it "
+                     "goes.");
         findings.StopRepairing();
         return true;
     }

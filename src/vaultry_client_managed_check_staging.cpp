@@ -34,7 +34,8 @@ constexpr int64_t kLitterAge = 3600; // seconds
 
 // What all of staging has in common.
 struct Area {
-    int64_t now;      // by the volume's clock
+    int directory;
+    bool mayMakeFiles;
     uid_t owner;      // of the area, and so of every owner file
     uid_t storeOwner; // of the store
 };
@@ -76,15 +77,14 @@ Contents ContentsOf(const Unique &unique)
 
 // A file without a name tells the time on the volume, and leaves nothing behind. Where there is none of that kind, only a
 // repair makes one with a name; looking takes the host's word.
-int64_t VolumeTime(const Item &area, bool mayMakeFiles)
+int64_t VolumeTime(const Area &area)
 {
     const ErrnoKeeper keeper;
-    UniqueFd file(openat(area.directory, area.name, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
-    if (!file && mayMakeFiles) {
-        const UniqueFd open(openat(area.directory, area.name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd file(openat(area.directory, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+    if (!file && area.mayMakeFiles) {
         char name[] = "XXXXXXX";
-        file.Reset(open ? platform::MakeUniqueFileAt(open.get(), name, 0) : -1);
-        if (file) (void)unlinkat(open.get(), name, 0);
+        file.Reset(platform::MakeUniqueFileAt(area.directory, name, 0));
+        if (file) (void)unlinkat(area.directory, name, 0);
     }
     TQFileStatus status;
     return file && platform::GetStatusOfFd(file.get(), &status) == 0 ? int64_t{status.changeTime.tv_sec}
@@ -96,10 +96,10 @@ bool IsOld(const Unique &unique)
 {
     TreeWalk walk;
     if (!walk.Open(unique.item)) return false;
+    const int64_t hourAgo = VolumeTime(unique.area) - kLitterAge;
     while (const TreeWalk::Entry *entry = walk.Next()) {
         const bool isKnown = entry->hasStatus || entry->error == ENOENT;
-        if (!isKnown || (entry->hasStatus && entry->status.changeTime.tv_sec > unique.area.now - kLitterAge))
-            return false;
+        if (!isKnown || (entry->hasStatus && entry->status.changeTime.tv_sec > hourAgo)) return false;
     }
     return true;
 }
@@ -246,7 +246,7 @@ void _CheckStagingArea(const Item &area, uid_t owner, Findings &findings)
     TQFileStatus status;
     if (names.error() != 0 || platform::GetStatusOfFd(names.directory(), &status) != 0)
         return findings.AddUnreadable(area.path);
-    const Area common{VolumeTime(area, findings.repair()), status.owner, owner};
+    const Area common{names.directory(), findings.repair(), status.owner, owner};
     while (const char *name = names.Next()) {
         PathBuffer path;
         if (path.Format("%s/%s", area.path, name)) CheckEntry(names.directory(), name, path.c_str(), common, findings);
