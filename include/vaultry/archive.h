@@ -5,9 +5,9 @@
 /// "com.corvane.vaultry.orig_perms_v1", and then takes all write access away. Files named "._…" are neither
 /// copied, counted nor archived. Symbolic links can't be archived; FIFOs, sockets and devices neither.
 ///
-/// These functions take paths and no lock, and leave clean-up of a partly made destination, and flushing to disk, to the
-/// caller: a client works through storage.h. Only where nobody but the writer of an item can flush it, as on some network
-/// volumes, adding does so itself. Statuses are those of the failing system call unless said otherwise.
+/// These functions take paths and no lock, and leave clean-up of a partly made destination, and flushing to disk, to
+/// the caller: a client works through storage.h. Only where nobody but the writer of an item can flush it, as on some
+/// network volumes, adding does so itself. Statuses are those of the failing system call unless said otherwise.
 
 #ifndef VAULTRY_ARCHIVE_H
 #define VAULTRY_ARCHIVE_H
@@ -20,9 +20,9 @@ TQ_BEGIN_DECLS
 
 /// Puts the tree at `source` at `destination`, where nothing may be.
 ///
-/// The saved-permissions attribute of an item that was archived before is kept by a copy if the item has no write bit and
-/// the value is one byte of known bits; of these, write for a class that can't read is left out. Otherwise, and by a move,
-/// it is written anew.
+/// The saved-permissions attribute of an item that was archived before is kept by a copy if the item has no write bit
+/// and the value is one byte of known bits; of these, write for a class that can't read is left out. Otherwise, and by
+/// a move, it is written anew.
 ///
 /// @param copy          Copies item by item, and reports to the thread's current progress, through which it can be
 ///                      cancelled (kTQStatusFailed, ECANCELED underneath); else moves by rename, and archives then.
@@ -33,8 +33,8 @@ TQ_BEGIN_DECLS
 TQ_EXPORT bool TQAddPathAsGeneration(const char *source, const char *destination, bool copy, bool makeReadable,
                                      bool archive, TQError **error);
 
-/// The sizes of all regular files of a tree, those of volumes mounted inside included, in bytes; -1 on failure. 0, with an
-/// error all the same, if the walk can't even begin.
+/// The sizes of all regular files of a tree, those of volumes mounted inside included, in bytes; -1 on failure. 0, with
+/// an error all the same, if the walk can't even begin.
 TQ_EXPORT int64_t TQComputeTreeSize(const char *path, TQError **error);
 
 /// Archives every item of the tree at `path`, directories after their contents. Files with further

@@ -29,8 +29,8 @@ int SetFlagsOfFd(int fd, uint32_t flags);
 int SetMode(const Item &item, Links links, mode_t mode);
 
 // For work on exactly the item that was looked at before, whatever its name leads to meanwhile. The descriptor only
-// points: it takes neither permission nor time of access, and reads nothing. Empty, with ESTALE if the item is another by
-// device or inode, or with errno.
+// points: it takes neither permission nor time of access, and reads nothing. Empty, with ESTALE if the item is another
+// by device or inode, or with errno.
 UniqueFd PinItem(const Item &item, const TQFileStatus &expected);
 int SetModeOfPinned(int fd, mode_t mode); // of a link EOPNOTSUPP
 // `status` is the item's as it stands.

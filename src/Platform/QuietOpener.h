@@ -1,5 +1,5 @@
-// Opens items for reading without leaving a time of access behind, where the kernel allows it: to an item's owner and to
-// root. Otherwise a second copy of a tree would carry the time at which the first was made.
+// Opens items for reading without leaving a time of access behind, where the kernel allows it: to an item's owner and
+// to root. Otherwise a second copy of a tree would carry the time at which the first was made.
 
 #pragma once
 

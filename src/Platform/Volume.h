@@ -15,9 +15,9 @@ int GetVolumeStatus(const char *path, TQVolumeStatus *out);
 // Whether volumes of this type are local, persistent, and hold attributes and flags.
 bool IsNativeVolumeType(const char *typeName);
 
-// Whether the volume of an open item is of a type that is known to keep its word: a flush of the volume reaches all that
-// lies on it, a late error is told to a descriptor that did not write, the access lists of an item are among the names
-// of its attributes, and the size of a file is what it holds. False where it can't be told.
+// Whether the volume of an open item is of a type that is known to keep its word: a flush of the volume reaches all
+// that lies on it, a late error is told to a descriptor that did not write, the access lists of an item are among the
+// names of its attributes, and the size of a file is what it holds. False where it can't be told.
 bool VolumeHonoursFlush(int fd);
 
 // The same, asked once for as long as it is about one device.

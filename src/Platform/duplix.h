@@ -13,9 +13,9 @@
 //
 // Items are made with owner-only rights and O_EXCL; nothing that exists is written over or followed. The source is
 // opened without following links, and what was swapped since its status was read is refused with ESTALE. Links are
-// copied as links. FIFOs, sockets and devices are refused with ENOTSUP, never opened. A file is read to where its end is
-// found, whatever its size was said to be: some volumes do not know it. Reading leaves no time of access behind where
-// that is allowed.
+// copied as links. FIFOs, sockets and devices are refused with ENOTSUP, never opened. A file is read to where its end
+// is found, whatever its size was said to be: some volumes do not know it. Reading leaves no time of access behind
+// where that is allowed.
 //
 // The callback sees, for each file, link or refused item: (File, Start), then (Data, Progress) at least every
 // 4 MiB while data goes over, then (File, Finish), all attributes done. For each directory: (Directory, Start),
@@ -23,11 +23,11 @@
 // done. For each `user.` attribute of either: (Attribute, Start). Skip is heeded at a start: the item, the directory with
 // its contents, or the attribute, is not made; at (DirectoryDone, Start) the directory is left with owner-only rights.
 //
-// Whatever fails is reported as (what, Error) with errno set, and has no Finish; but for an item that could not be brought
-// to disk or closed, which has its Error behind its Finish. what is Walk for a directory that
-// can't be read, an item that has no status, and a copy that can't begin; Attribute for one attribute or list. Continue
-// after an Attribute error goes on with the same item, after another with the next, and what was made so far stays.
-// Nothing goes on, whatever the answer, from a copy that could not begin or that was moved away while it was made.
+// Whatever fails is reported as (what, Error) with errno set, and has no Finish; but for an item that could not be
+// brought to disk or closed, which has its Error behind its Finish. what is Walk for a directory that can't be read, an
+// item that has no status, and a copy that can't begin; Attribute for one attribute or list. Continue after an
+// Attribute error goes on with the same item, after another with the next, and what was made so far stays. Nothing goes
+// on, whatever the answer, from a copy that could not begin or that was moved away while it was made.
 
 #pragma once
 
@@ -77,8 +77,8 @@ struct DuplixOptions {
     bool flushEach = false;
 
     // What the root is made of: the empty item of this status, a regular file or a directory as the source is one, that
-    // stands at the destination. ESTALE if another is found there, EEXIST if it is not empty, EISDIR or ENOTDIR if it is
-    // of the other kind. If null, nothing may be at the destination.
+    // stands at the destination. ESTALE if another is found there, EEXIST if it is not empty, EISDIR or ENOTDIR if it
+    // is of the other kind. If null, nothing may be at the destination.
     const TQFileStatus *into = nullptr;
 };
 

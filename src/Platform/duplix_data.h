@@ -17,8 +17,8 @@ class DataCopier {
 public:
     explicit DataCopier(VolumeMemory &volumes) : volumes_(volumes) {}
 
-    // Copies the bytes of `from`, which `status` describes, into the empty file `to`, up to where its end is found. The size
-    // that the status tells is where it is looked for first. The position of `from` is not kept.
+    // Copies the bytes of `from`, which `status` describes, into the empty file `to`, up to where its end is found. The
+    // size that the status tells is where it is looked for first. The position of `from` is not kept.
     Copied Copy(int from, const TQFileStatus &status, int to, DuplixReports &reports);
 
 private:

@@ -52,8 +52,9 @@ bool Report(int result, const char *path, TQError **error, const char *file = __
     return result == 0 || Failure(error, file, line).Errno("Failed to flush \"%s\" to disk", path);
 }
 
-// What stands for an item that can't be opened: the nearest directory, from `directory` upwards, that can be read and is
-// on the item's volume, if a flush of the volume reaches all that is on it. Empty, and errno as it was, if there is none.
+// What stands for an item that can't be opened: the nearest directory, from `directory` upwards, that can be read and
+// is on the item's volume, if a flush of the volume reaches all that is on it. Empty, and errno as it was, if there is
+// none.
 UniqueFd OpenVolumeOf(const char *item, const char *directory)
 {
     const ErrnoKeeper keeper;

@@ -1,7 +1,8 @@
 // Success is durable: what an operation did is on disk before it returns true.
 //
-// A whole volume is flushed only where that is known to reach all that lies on it (VolumeHonoursFlush). Elsewhere whoever
-// writes an item brings it to disk through the descriptor that wrote it; an item that can't be opened can't be flushed.
+// A whole volume is flushed only where that is known to reach all that lies on it (VolumeHonoursFlush). Elsewhere
+// whoever writes an item brings it to disk through the descriptor that wrote it; an item that can't be opened can't be
+// flushed.
 //
 // False with "Failed to flush …" from errno. A failed flush is final; the caller undoes what it still can.
 

@@ -63,9 +63,9 @@ bool IsItemFinished(int what, int stage);
 int QuitOnCopyError(TQError **error, int what, int stage, const char *source, const char *destination);
 bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status);
 
-// TQCopyOutGeneration for a copy that is never more open than it will be, unless `leaveWritable`; that is for one which is
-// still to be moved. `made`, unless null, says whether there is something at the destination that was made here. With
-// `flushEach` each item is brought to disk as DuplixOptions says.
+// TQCopyOutGeneration for a copy that is never more open than it will be, unless `leaveWritable`; that is for one which
+// is still to be moved. `made`, unless null, says whether there is something at the destination that was made here.
+// With `flushEach` each item is brought to disk as DuplixOptions says.
 bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, bool *made,
                         bool flushEach, bool leaveWritable, TQError **error);
 

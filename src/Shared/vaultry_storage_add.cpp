@@ -165,8 +165,8 @@ void ReportCompleted(TQProgress *progress, uint64_t bytes)
     TQProgressSetCompletedUnits(progress, static_cast<int64_t>(std::min(bytes, total)));
 }
 
-// What a copied item of a generation, brought from elsewhere, had before it was archived there; none if its record can't
-// be one. An item that can be written was changed since, and a record never gives write to who may not even read.
+// What a copied item of a generation, brought from elsewhere, had before it was archived there; none if its record
+// can't be one. An item that can be written was changed since, and a record never gives write to who may not even read.
 std::optional<uint8_t> BroughtRecord(const DuplixFinished &item, const TQFileStatus &source)
 {
     uint8_t record[2];

@@ -22,8 +22,8 @@
 
 namespace {
 
-// The directory of the file, made writable for the span of the exchange and then as it was. Its times come back too: the
-// document's owner has changed nothing in it.
+// The directory of the file, made writable for the span of the exchange and then as it was. Its times come back too:
+// the document's owner has changed nothing in it.
 class WritableParent {
 public:
     explicit WritableParent(const Item &parent) : parent_(parent) {}

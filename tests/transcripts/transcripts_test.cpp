@@ -7,11 +7,12 @@
 //     [1]                           its exit status, unless it is 0
 //
 // Empty lines and those behind "#" are for the reader. "[root]" before a line, or behind "==", is a condition of that
-// line, command or section, "[!root]" its contrary: root, user and capable tell who plays; flags, whether it may set
-// a file immutable; compression and clones, whether files can be compressed and cloned here; mount, whether something
-// can be mounted; inode, whether all attributes of an item have to fit beside its inode; tracing, whether a program can
-// be killed at a call of its; namespaces, whether one can be root in a user namespace; fuse, whether faulty_volume.py of tests/support can be mounted. A section with "[volumes]" behind
-// "==" is played here, and once more on a volume of each type.
+// line, command or section, "[!root]" its contrary: root, user and capable tell who plays; flags, whether it may set a
+// file immutable; compression and clones, whether files can be compressed and cloned here; mount, whether something can
+// be mounted; inode, whether all attributes of an item have to fit beside its inode; tracing, whether a program can be
+// killed at a call of its; namespaces, whether one can be root in a user namespace; fuse, whether faulty_volume.py of
+// tests/support can be mounted. A section with "[volumes]" behind "==" is played here, and once more on a volume of
+// each type.
 
 #include "support/Tests.h"
 #include "support/Volumes.h"
