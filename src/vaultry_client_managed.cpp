@@ -44,14 +44,17 @@ UniqueFd OpenLockFile(const StoreFiles &files, int creationFlag)
 
 // A store that stands whole is left as it is. Lifting its protection here would let another process's add fail in
 // between, and would refuse a store on a read-only mount, which can still be read.
-bool StandsWhole(const StoreFiles &files)
+bool LookWhetherWhole(const StoreFiles &files, bool *standsWhole, TQError **error)
 {
     const ErrnoKeeper keeper;
-    TQFileStatus status;
-    return platform::GetStatus(Item::AtPath(files.root), Links::Follow, &status) == 0 &&
-           (status.mode & kWriteBits) == 0 &&
-           platform::GetStatus(Item::AtPath(files.staging.c_str()), Links::NoFollow, &status) == 0 &&
-           OpenLockFile(files, 0);
+    TQFileStatus root;
+    TQFileStatus staging;
+    if (platform::GetStatus(Item::AtPath(files.root), Links::Follow, &root) != 0)
+        return Failure(error).Errno("stat(\"%s\") failed", files.root);
+    const bool hasStaging = platform::GetStatus(Item::AtPath(files.staging.c_str()), Links::NoFollow, &staging) == 0;
+    if (!hasStaging && errno != ENOENT) return Failure(error).Errno("stat(\"%s\") failed", files.staging.c_str());
+    *standsWhole = (root.mode & kWriteBits) == 0 && hasStaging && OpenLockFile(files, 0);
+    return true;
 }
 
 // With their modes, whatever the process's umask is.
@@ -105,8 +108,9 @@ TQClientManagedStorage *TQClientManagedStorageCreate(const char *rootPath, TQErr
     StoreFiles files{rootPath, {}, {}};
     if (!NameStoreFiles(files, error)) return nullptr;
     if (!_RequireKnownFormat(rootPath, Item::AtPath(files.lockFile.c_str()), error)) return nullptr;
-    if (!StandsWhole(files) && !(_RequireNoStoreAround(rootPath, error) && MakeStoreFiles(files, error)))
-        return nullptr;
+    bool standsWhole = false;
+    if (!LookWhetherWhole(files, &standsWhole, error)) return nullptr;
+    if (!standsWhole && !(_RequireNoStoreAround(rootPath, error) && MakeStoreFiles(files, error))) return nullptr;
     return MakeHandle(rootPath, error);
 }
 

@@ -16,6 +16,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <dirent.h>
 #include <memory>
 #include <sys/stat.h>
@@ -36,10 +37,12 @@ bool GetName(TQValue *name, char *buffer, TQError **error)
 {
     if (TQGetTypeID(name) != TQStringGetTypeID())
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
-    if (!TQStringGetFileSystemRepresentation(static_cast<TQString *>(name), buffer, kNameCapacity))
+    const auto *string = static_cast<TQString *>(name);
+    const bool hasZero = memchr(TQStringGetUTF8(string), '\0', TQStringGetUTF8Length(string)) != nullptr;
+    if (!hasZero && !TQStringGetFileSystemRepresentation(string, buffer, kNameCapacity))
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name is too long");
     // The path of the empty name is the root itself.
-    return buffer[0] != '\0' ||
+    return (!hasZero && buffer[0] != '\0') ||
            Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
 }
 

@@ -32,24 +32,23 @@ bool _GetPathToGeneration(const char *rootPath, const char *name, bool mustExist
     return true;
 }
 
-// A link that somebody planted there would lead the work, and the removal at its end, out of the store.
-static bool _StagingIsLink(const char *rootPath)
+// A link that somebody planted there would lead the work, and the removal at its end, out of the store. False with errno;
+// where nothing is, or no directory, the work itself fails.
+static bool _StagingLeadsNowhereElse(const char *rootPath)
 {
     PathBuffer staging;
     TQFileStatus status;
-    return staging.Format("%s/%s", rootPath, kStagingName) &&
-           platform::GetStatus(Item::AtPath(staging.c_str()), Links::NoFollow, &status) == 0 && S_ISLNK(status.mode);
+    if (!staging.Format("%s/%s", rootPath, kStagingName)) return true;
+    if (platform::GetStatus(Item::AtPath(staging.c_str()), Links::NoFollow, &status) != 0) return errno == ENOENT;
+    if (S_ISLNK(status.mode)) errno = ELOOP;
+    return !S_ISLNK(status.mode);
 }
 
 bool _GetUniqueStagingPath(const char *rootPath, PathBuffer &path, TQError **error)
 {
     if (!path.Format("%s/%s/%s", rootPath, kStagingName, "XXXXXXX"))
         return Failure(error).Status(kTQStatusBadPath, "staging path is too long");
-    if (_StagingIsLink(rootPath)) {
-        errno = ELOOP;
-        return Failure(error).Errno("mkdtemp(\"%s\") failed", path.c_str());
-    }
-    if (platform::MakeUniqueDirectory(path.data()) != 0)
+    if (!_StagingLeadsNowhereElse(rootPath) || platform::MakeUniqueDirectory(path.data()) != 0)
         return Failure(error).Errno("mkdtemp(\"%s\") failed", path.c_str());
 
     const size_t uniqueLength = strlen(path.c_str());
@@ -76,7 +75,7 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
     if (!prefix.Format("%s/%s/", rootPath, kStagingName))
         return Failure(error).Status(kTQStatusBadPath, "path to staging is too long");
     const size_t prefixLength = strlen(prefix.c_str());
-    if (!path || strncmp(path, prefix.c_str(), prefixLength) != 0 || _StagingIsLink(rootPath))
+    if (!path || strncmp(path, prefix.c_str(), prefixLength) != 0 || !_StagingLeadsNowhereElse(rootPath))
         return Failure(error).Status(kTQStatusFailed, "Staging path provided to remove was not in staging directory");
     if (path[prefixLength] == '\0') return true;
 

@@ -3,6 +3,7 @@
 #include "Platform/DirectoryReader.h"
 #include "Platform/DirectoryStack.h"
 #include "Platform/FileStatus.h"
+#include "Platform/QuietOpener.h"
 
 #include <cerrno>
 #include <climits>
@@ -40,6 +41,7 @@ struct TreeWalk::State {
     size_t rootParentPathLength = 0;
     bool skipsRest = false;
     UniqueFd opened; // the directory in `entry`, if it was asked for
+    platform::QuietOpener opener;
     DirectoryStack directories;
     std::vector<Level> levels;       // one for each in `directories`
     char path[TreeWalk::kPathLimit]; // of `entry`
@@ -196,7 +198,7 @@ int TreeWalk::State::Push(UniqueFd directory)
 int TreeWalk::State::OpenEntry()
 {
     if (opened) return 0;
-    UniqueFd directory(openat(entry.item.directory, entry.item.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd directory(opener.Open(entry.item, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, entry.status.owner));
     if (!directory) return errno == ENOTDIR || errno == ELOOP ? ESTALE : errno;
     TQFileStatus found;
     if (platform::GetStatusOfFd(directory.get(), &found) != 0) return errno;

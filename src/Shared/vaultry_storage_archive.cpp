@@ -163,9 +163,9 @@ bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus
 
 // What a moved tree has to be so that it stays whole and can be copied out: on one volume, since what is mounted inside
 // goes when it is unmounted, and within the kernel's limit for paths, which a copy keeps by itself.
-bool CanStay(const TreeWalk::Entry &entry, uint64_t device, TQError **error)
+bool CanStay(const TreeWalk::Entry &entry, TQError **error)
 {
-    const bool elsewhere = entry.hasStatus && entry.status.device != device;
+    const bool elsewhere = entry.hasStatus && entry.isElsewhere;
     if (!elsewhere && strlen(entry.item.path) < PATH_MAX) return true;
     errno = elsewhere ? EXDEV : ENAMETOOLONG;
     return Failure(error).Errno("fts_read() failed for path '%s'\n", entry.item.path);
@@ -189,11 +189,9 @@ bool ArchiveTree(const char *path, TreeArchiving how, TQError **error)
     TreeWalk walk;
     const char *root = path ? path : "";
     if (!walk.Open(root)) return Failure(error).Errno("fts_open(\"%s\") failed", root);
-    uint64_t device = 0;
     while (const TreeWalk::Entry *entry = walk.Next()) {
-        if (entry->level == 0) device = entry->status.device;
         TQFileStatus now = entry->status;
-        if ((!how.moved || CanStay(*entry, device, error)) && ArchiveEntry(*entry, how, &now, error)) continue;
+        if ((!how.moved || CanStay(*entry, error)) && ArchiveEntry(*entry, how, &now, error)) continue;
         if (how.moved) PutBackModeAndFlags(*entry, now);
         return false;
     }
