@@ -190,9 +190,11 @@ bool Findings::Note(const Ref<TQSet> &set, const void *bytes, size_t size)
     return true;
 }
 
-// Another machine numbers the volume's device as it likes.
+// Another machine numbers the volume's device as it likes. Before it has noted what it put beside the document, its path is
+// all that is known of it.
 void Findings::AddLiving(const OwnerNote &note)
 {
+    if (note.work == Work::Restore) (void)BeginDocument(note.document);
     if (!note.hasExchange) return;
     for (ItemId item : {note.exchange.document, note.exchange.copy, note.exchange.placeholder}) {
         if (!note.IsOfThisMachine()) item.device = 0;

@@ -7,6 +7,7 @@
 #include "vaultry_client_managed_check.h"
 
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_staging.h"
 #include "vaultry_client_managed_trust.h"
 
 #include "Platform/Attributes.h"
@@ -28,7 +29,6 @@ namespace {
 
 constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from"; // the note of earlier versions
 constexpr size_t kUniqueLength = 7;
-constexpr char kStagedItem[] = "staged";
 constexpr size_t kLinkUnique = 6;
 constexpr int64_t kLitterAge = 3600; // seconds
 
@@ -58,9 +58,9 @@ bool HoldsOnly(const char *name, size_t length, const char *alphabet)
 // The owner file, the item in the making, and a copy that was to take the place of a hard link.
 bool IsOurs(const char *name)
 {
-    constexpr size_t length = sizeof kStagedItem - 1;
+    constexpr size_t length = sizeof kStagedName - 1;
     if (strcmp(name, kOwnerFileName) == 0) return true;
-    if (strncmp(name, kStagedItem, length) != 0) return false;
+    if (strncmp(name, kStagedName, length) != 0) return false;
     return name[length] == '\0' ||
            (name[length] == '_' && HoldsOnly(name + length + 1, kLinkUnique, platform::kUniqueAlphabet));
 }
@@ -232,9 +232,9 @@ void CheckEntry(int directory, const char *name, const char *path, const Area &a
     TQFileStatus opened;
     PathBuffer staged;
     if (!fd || platform::GetStatusOfFd(fd.get(), &opened) != 0 || ItemId::Of(opened) != ItemId::Of(status) ||
-        !staged.Format("%s/%s", path, kStagedItem))
+        !staged.Format("%s/%s", path, kStagedName))
         return findings.AddUnreadable(path);
-    Unique unique{item, opened, fd.get(), area, {fd.get(), kStagedItem, staged.c_str()}};
+    Unique unique{item, opened, fd.get(), area, {fd.get(), kStagedName, staged.c_str()}};
     CheckUnique(unique, findings);
 }
 

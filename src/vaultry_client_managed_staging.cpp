@@ -14,6 +14,7 @@
 #include <vaultry/path.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -52,7 +53,7 @@ bool _GetUniqueStagingPath(const char *rootPath, PathBuffer &path, TQError **err
         return Failure(error).Errno("mkdtemp(\"%s\") failed", path.c_str());
 
     const size_t uniqueLength = strlen(path.c_str());
-    if (path.Append("/staged")) return true;
+    if (path.Append("/") && path.Append(kStagedName)) return true;
 
     // The cut path names nothing, or the directory itself; either way the directory goes.
     (void)_RemoveTree(path.c_str(), 0, nullptr);
@@ -97,8 +98,17 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
 StagingDirectory::~StagingDirectory()
 {
     const ErrnoKeeper keeper;
-    if (root_) (void)_RemoveStagingPath(root_, unique_.c_str(), nullptr);
+    if (root_ && !RemoveWhatIsUsual()) (void)_RemoveStagingPath(root_, unique_.c_str(), nullptr);
     _ReleaseOwnerFile(owner_);
+}
+
+// Mostly nothing is left but the owner file, or the staged item with it: then nothing has to be listed.
+bool StagingDirectory::RemoveWhatIsUsual() const
+{
+    if (!owner_ || !_RemoveTreeAt({directory_.get(), kStagedName, staged_.c_str()}, {}, nullptr)) return false;
+    char self[sizeof "../" + NAME_MAX];
+    (void)snprintf(self, sizeof self, "../%s", strrchr(unique_.c_str(), '/') + 1);
+    return unlinkat(directory_.get(), kOwnerFileName, 0) == 0 && unlinkat(directory_.get(), self, AT_REMOVEDIR) == 0;
 }
 
 void StagingDirectory::Keep()

@@ -4,6 +4,8 @@
 
 #include "vaultry_client_managed_owner.h"
 
+inline constexpr char kStagedName[] = "staged"; // the item in the making, in it
+
 // Made with its owner file, which stays locked as long as the object lives; removed at the end of its scope with all
 // that is in it, unless it is kept.
 class StagingDirectory {
@@ -29,10 +31,15 @@ public:
     // When the owner file was written, by the volume's clock; zero if that can't be told.
     struct timespec written() const;
 
+    // The directory itself, opened before anything was written in it.
+    int directory() const { return directory_.get(); }
+
     // Where the item in the making goes.
     const char *staged() const { return staged_.c_str(); }
 
 private:
+    bool RemoveWhatIsUsual() const;
+
     const char *root_ = nullptr; // null when there is nothing to remove
     PathBuffer unique_;
     PathBuffer staged_;

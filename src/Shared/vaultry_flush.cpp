@@ -118,7 +118,14 @@ bool _FlushFormerEntry(const char *path, const char *now, TQError **error)
 TreeFlush TreeFlush::Within(const char *directory)
 {
     TreeFlush flush;
-    flush.volume_ = OpenDirectory(directory);
+    flush.own_ = OpenDirectory(directory);
+    return flush;
+}
+
+TreeFlush TreeFlush::Below(int directory)
+{
+    TreeFlush flush;
+    flush.lent_ = directory;
     return flush;
 }
 
@@ -130,8 +137,8 @@ TreeFlush TreeFlush::At(const char *path)
 bool TreeFlush::Flush(const char *path, uint32_t mode, TQError **error) const
 {
     if (!S_ISDIR(mode)) return _FlushItem(path, error);
-    const UniqueFd other = volume_ ? UniqueFd() : OpenVolumeOf(path, path);
-    const int volume = volume_ ? volume_.get() : other.get();
-    if (platform::VolumeHonoursFlush(volume)) return Report(platform::FlushVolumeOfFd(volume), path, error);
+    const UniqueFd other = volume() >= 0 ? UniqueFd() : OpenVolumeOf(path, path);
+    const int open = other ? other.get() : volume();
+    if (platform::VolumeHonoursFlush(open)) return Report(platform::FlushVolumeOfFd(open), path, error);
     return _FlushItem(path, error); // whoever wrote what is in it has flushed that
 }

@@ -37,10 +37,15 @@ public:
     // For a tree that will lie somewhere below `directory`, or at `path`.
     static TreeFlush Within(const char *directory);
     static TreeFlush At(const char *path);
+    // The same by a directory that its caller keeps open.
+    static TreeFlush Below(int directory);
 
     // `mode` is the item's: one that is no directory is flushed alone.
     bool Flush(const char *path, uint32_t mode, TQError **error) const;
 
 private:
-    UniqueFd volume_;
+    int volume() const { return own_ ? own_.get() : lent_; }
+
+    UniqueFd own_;
+    int lent_ = -1;
 };

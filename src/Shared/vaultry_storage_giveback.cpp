@@ -144,6 +144,8 @@ bool MakePinnedMovable(int fd, const TQFileStatus &status)
 
 bool _MakeMovable(const char *path, const TQFileStatus &status)
 {
+    const bool isMovable = (status.flags & kBlockingFlags) == 0 && (!S_ISDIR(status.mode) || (status.mode & 0200) != 0);
+    if (isMovable) return true;
     const UniqueFd pinned = platform::PinItem(Item::AtPath(path), status);
     return pinned && MakePinnedMovable(pinned.get(), status);
 }

@@ -19,17 +19,26 @@ static std::string _Text(const TQDictionary *finding, const char *key)
     return ToText(static_cast<const TQString *>(_Entry(finding, key)));
 }
 
+// Empty if there is none.
+static std::string_view _Bytes(const TQDictionary *finding, const char *key)
+{
+    const auto *data = static_cast<const TQData *>(_Entry(finding, key));
+    return {static_cast<const char *>(TQDataGetBytes(data)), TQDataGetLength(data)};
+}
+
 static void _Print(const TQDictionary *finding, bool json)
 {
-    const auto *path = static_cast<const TQData *>(_Entry(finding, "path"));
-    const std::string_view bytes(static_cast<const char *>(TQDataGetBytes(path)), TQDataGetLength(path));
+    const std::string_view path = _Bytes(finding, "path"), home = _Bytes(finding, "home");
     const bool mended = TQNumberGetTruth(_Entry(finding, "mended"));
     if (!json) {
-        printf("%s: %s%s\n", Printable(bytes).c_str(), _Text(finding, "meaning").c_str(), mended ? " (mended)" : "");
+        const std::string belongs = home.empty() ? "" : " It belongs at " + Printable(home) + ".";
+        printf("%s: %s%s%s\n", Printable(path).c_str(), _Text(finding, "meaning").c_str(), belongs.c_str(),
+               mended ? " (mended)" : "");
         return;
     }
     Json object;
-    PutBytes(object, "path", bytes);
+    PutBytes(object, "path", path);
+    if (!home.empty()) PutBytes(object, "home", home);
     object["kind"] = _Text(finding, "kind");
     object["meaning"] = _Text(finding, "meaning");
     object["mended"] = mended;
