@@ -155,7 +155,8 @@ Note GetNote(const Unique &unique, char (&home)[PATH_MAX], MovedDocument *docume
 {
     const FoundOwner &owner = unique.owner;
     if (owner.life == OwnerLife::None) return GetNoteOfEarlierVersion(unique, home);
-    if (!owner.readable) return Note::Malformed;
+    // The note of a move is on disk before its document comes.
+    if (!owner.readable) return owner.isBlank ? Note::Absent : Note::Malformed;
     if (owner.note.work != Work::Move) return Note::Absent;
     memcpy(home, owner.note.document, sizeof home);
     *document = {owner.note.topMode != OwnerNote::kUnknownMode, owner.note.topMode, owner.note.topFlags, owner.written};
@@ -182,7 +183,7 @@ void CheckDocument(const Unique &unique, uint32_t mode, const char *home, const 
 void CheckLeftovers(const Unique &unique, Findings &findings)
 {
     const FoundOwner &owner = unique.owner;
-    const bool isDead = owner.life == OwnerLife::Dead && owner.note.work != Work::CopyOut;
+    const bool isDead = owner.life == OwnerLife::Dead && owner.readable && owner.note.work != Work::CopyOut;
     if (isDead && owner.note.hasExchange && !_CheckExchange(owner.note, unique.area.storeOwner, findings)) return;
     CheckLitter(unique, isDead, findings);
 }

@@ -160,15 +160,15 @@ void ReadExchanges(NoteReader &reader, OwnerNote *note)
     }
 }
 
-bool ReadOwnerFile(int fd, OwnerNote *note)
+void ReadOwnerFile(int fd, FoundOwner *found)
 {
     char text[kNoteCapacity];
     const ssize_t length = pread(fd, text, sizeof text, 0);
-    if (length <= 0) return false;
+    found->isBlank = length == 0 || (length > 0 && text[0] == '\0');
+    if (length <= 0) return;
     NoteReader reader(text, static_cast<size_t>(length));
-    if (!ReadNote(reader, note)) return false;
-    ReadExchanges(reader, note);
-    return true;
+    found->readable = ReadNote(reader, &found->note);
+    if (found->readable) ReadExchanges(reader, &found->note);
 }
 
 // Whether the lock says that the operation lives. Where locks may stay on their host a free one says nothing of others.
@@ -282,6 +282,6 @@ void _LookForOwner(int directory, uint32_t areaOwner, FoundOwner *found)
         return;
     found->written = status.modificationTime;
     // Looked at before it is read: who holds the lock may be writing.
-    found->readable = ReadOwnerFile(fd.get(), &found->note);
+    ReadOwnerFile(fd.get(), found);
     found->life = LifeOf(fd.get(), found->note);
 }

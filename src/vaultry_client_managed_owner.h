@@ -35,7 +35,7 @@ struct PlannedExchange {
 
 struct OwnerNote {
     Work work = Work::Copy;
-    char document[PATH_MAX] = ""; // empty where there is none
+    char document[PATH_MAX] = ""; // or the generation that leaves
     static constexpr uint32_t kUnknownMode = UINT32_MAX;
     uint32_t topMode = kUnknownMode; // a move: what the document's top item had
     uint32_t topFlags = 0;
@@ -73,6 +73,7 @@ enum class OwnerLife {
 struct FoundOwner {
     OwnerLife life = OwnerLife::None;
     bool readable = false;
+    bool isBlank = false; // nothing is in it: a power cut took what was not flushed
     OwnerNote note{};
     struct timespec written {};
 };

@@ -146,7 +146,7 @@ bool TQClientManagedStorageCopyOut(const TQClientManagedStorage *store, const ch
 {
     if (store && !stagedPath) return Failure(error).Refused(kTQStatusBadPath, "no path buffer was supplied");
     StagingDirectory staging;
-    if (!_CopyOutToStaging(store, name, OwnerNote::Of(Work::CopyOut, nullptr), staging, mode, flags, error))
+    if (!_CopyOutToStaging(store, name, OwnerNote::Of(Work::CopyOut, name), staging, mode, flags, error))
         return false;
     memcpy(stagedPath, staging.staged(), strlen(staging.staged()) + 1);
     staging.Keep();

@@ -70,7 +70,7 @@ bool RemoveByStaging(const char *root, const char *generation, TQError **error)
 {
     // What can't be deleted at its end is not reported: by then the generation is gone for everybody.
     StagingDirectory staging;
-    if (!staging.Make(root, OwnerNote::Of(Work::Remove, nullptr), error)) return false;
+    if (!staging.Make(root, OwnerNote::Of(Work::Remove, generation), error)) return false;
     LiftedGeneration lifted(generation);
     return LiftForMove(lifted, generation, error) &&
            lifted.Gone(MoveToStaging(root, generation, staging.staged(), error));
