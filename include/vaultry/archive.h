@@ -18,7 +18,8 @@
 
 TQ_BEGIN_DECLS
 
-/// Puts the tree at `source` at `destination`, where nothing may be.
+/// Puts the tree at `source` at `destination`, where nothing may be. A copy crosses the mounts inside the tree; a tree in
+/// which something is mounted is not moved (kTQStatusFailed, EBUSY underneath).
 ///
 /// The saved-permissions attribute of an item that was archived before is kept by a copy if the item has no write bit
 /// and the value is one byte of known bits; of these, write for a class that can't read is left out. Otherwise, and by
@@ -44,8 +45,8 @@ TQ_EXPORT int64_t TQComputeTreeSize(const char *path, TQError **error);
 TQ_EXPORT bool TQArchiveTree(const char *path, bool makeReadable, uint64_t *totalSize, TQError **error);
 
 /// Copies the generation at `path` to `destination`, where nothing may be, and gives every item its recorded
-/// write bits and flags back. The copy's top item is left changeable, a directory for all who can reach it; it is to get
-/// `mode` and `flags` from the caller.
+/// write bits and flags back. The copy's top item is left changeable, a directory for all who can reach it; it is to
+/// get `mode` and `flags` from the caller.
 TQ_EXPORT bool TQCopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags,
                                    TQError **error);
 

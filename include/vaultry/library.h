@@ -33,10 +33,12 @@ TQ_EXPORT TQTypeID TQLibraryGetTypeID(void);
 /// @param allocator  Where the object comes from; null is the default.
 /// @param storeURL   File URL of the directory.
 /// @return an object that the caller releases, or null:
-///         kTQStatusBadPath  not a file URL, not an existing directory, or not one that can be made a store
+///         kTQStatusBadPath          not a file URL, not an existing directory, or not one that can be made a store
+///         kTQStatusInvalidArgument  a new store would lie in a store
+///         kTQStatusNotSupported     a later version made the store
 TQ_EXPORT TQLibrary *TQLibraryCreateClientManaged(TQAllocator *allocator, const TQURL *storeURL, TQError **error);
 
-/// Removes a whole store, its directory and all generations included. Library objects over it stay valid as objects.
+/// Removes a whole store, as TQClientManagedStorageDestroy. Library objects over it stay valid as objects.
 TQ_EXPORT bool TQLibraryDestroyClientManaged(const TQURL *storeURL, TQError **error);
 
 /// Keeps the document at `document` as the generation `name`, and leaves it where it is.
@@ -59,7 +61,7 @@ TQ_EXPORT uint64_t TQLibraryGetGenerationOptions(TQLibrary *library, const TQStr
 /// Where a generation lies, for reading; owned by the caller. Null on failure.
 TQ_EXPORT TQURL *TQLibraryCopyURLForGeneration(TQLibrary *library, const TQString *name);
 
-/// Copies a generation to `destination`, where nothing may be (kTQStatusExists). Not flushed to disk.
+/// Copies a generation to `destination`, where nothing may be (kTQStatusExists). The copy is not flushed to disk.
 ///
 /// @return false with kTQStatusBadPath if `destination` is not a file URL; otherwise as
 ///         TQClientManagedStorageCopyGeneration.
@@ -103,31 +105,40 @@ TQ_EXPORT TQDictionary *TQLibraryCopyGenerationInfos(TQLibrary *library, const T
 TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, const TQValue *ignored,
                                                          const TQDictionary *spec, TQError **error);
 
-/// Puts a generation in the place of a document, which keeps its own permissions, flags and hidden extension.
+/// Puts a generation in the place of a document, which keeps its own permissions, flags and hidden extension. Set-id
+/// bits are left out if the restored item does not have the document's owner, and for the set-group-id bit its group.
 ///
-/// The document is moved aside, the generation moved into its place, and only then is the old document
-/// removed; a failure before that puts it back. What was restored is flushed to disk before anything is given up for
-/// it, so a power cut costs neither of the two; right after a success one can bring the old document back beside the new,
-/// under a name with "-tmp.nosync.". If the extensions of `name` and of the document differ, the
-/// restored document gets the generation's, and nothing may stand at that path (kTQStatusExists). Where there is no
-/// document, the generation is copied to its path.
+/// The generation waits beside the document, under a name with "-tmp.nosync.", until it is whole, has the document's
+/// permissions and is on disk. Then the two are exchanged by one call, so that the document's path is never empty and
+/// never holds half of anything. The old document is removed last, if it is what was looked at first. Where the volume
+/// can't exchange, two renames do the same, and the path is empty between them: if the process is killed there, the
+/// document lies under such a name, and the repair of TQClientManagedStorageCopyFindings puts it back. The removal is
+/// not flushed: a power cut right after a success can bring the old document back under such a name.
+///
+/// If the extensions of `name` and of the document differ, the restored document gets the generation's, and nothing
+/// may stand at that path (kTQStatusExists). A document that is a link is itself replaced, not what it leads to. Where
+/// there is no document, the generation is copied to its path and flushed to disk.
 ///
 /// @param document    File URL of a file or a directory.
-/// @param backupName  May be null; else the document is first kept under this name, with options 1, and that
-///                    generation is removed again if the restore fails.
-/// @return true if the document now holds the generation and its previous state is gone from beside it. Otherwise
-///         the document is as it was, unless its previous state could not be removed whole at the end: what is
-///         left of that is then under a name with "-tmp.nosync." beside it, or back at its path, and
-///         the backup is gone. The same name holds it if a copy from another volume was cut short. Where the
-///         document could not be moved aside, an empty item of such a name may stay, and a folder have its owner's
-///         write bit.
+/// @param backupName  May be null; else the document is first kept under this name, with options 1.
+/// @return true if the document now holds the generation and its previous state is gone from beside it. Otherwise the
+///         document is as it was, and the backup is removed again, with three exceptions, in which the backup stays.
+///         Somebody saved the document meanwhile: then it holds what was saved. A part of the old document is gone
+///         already and the rest can't be removed: then the restored document stays in its place, and the rest lies
+///         beside it under a name with "-tmp.nosync.". The document can't be put back: then it lies under such a name,
+///         and a line of the log at level 3 says where.
 ///         Reasons in TQErrorGetStatus:
-///         kTQStatusInvalidArgument  the name is not a generation name, or there is no such generation
-///         kTQStatusBadPath          not a file URL, or the document's path has 1,006 bytes or more
-///         kTQStatusExists           the backup's name, or the path with the new extension, is taken
-///         another                   what the failing system call reported
+///         kTQStatusInvalidArgument   the name is not a generation name; there is no such generation; the document
+///                                    contains the store or lies in a store
+///         kTQStatusBadPath           not a file URL, or the document's path has 1,006 bytes or more
+///         kTQStatusExists            the backup's name, or the path with the new extension, is taken
+///         kTQStatusPermissionDenied  also: the document is immutable or append-only
+///         kTQStatusFailed            also: the document was changed meanwhile; something is mounted in it (EBUSY
+///                                    underneath)
+///         another                    what the failing system call reported
 ///
-/// Takes the store's lock for each of its steps, none for the whole. The document itself is not locked.
+/// Takes the store's lock for each of its steps, none for the whole. The document itself is not locked. The backup
+/// reports to the thread's current progress and can be cancelled through it.
 TQ_EXPORT bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const TQURL *document,
                                           const TQString *backupName, TQError **error);
 

@@ -57,7 +57,8 @@ TQ_EXPORT const char *TQGetFileNameForPath(const char *path);
 /// without "/", and for "".
 TQ_EXPORT char *_CopyParentDirectoryPath(const char *path);
 
-/// Makes `path` and every missing parent with `mode`, parents with owner write and search too. 0 also if the directory is there; else -1 with errno.
+/// Makes `path` and every missing parent with `mode`, less what the process's umask takes, parents with owner write and
+/// search too. 0 also if the directory is there; else -1 with errno.
 TQ_EXPORT int TQRecursiveMkdir(const char *path, mode_t mode);
 
 /// Whether `name` neither begins with "." nor holds a "/". Nothing else is tested; null is no name.

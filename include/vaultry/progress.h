@@ -6,6 +6,9 @@
 /// the bytes to copy as its total. The client watches through an observer and may cancel
 /// from any thread; the operation stops at its next step.
 ///
+/// Any operation that waits for the store's lock looks at the thread's current progress when a signal interrupts the
+/// wait, and gives up if that is cancelled. So a handler that cancels has to be installed without SA_RESTART.
+///
 /// Any thread may call any of these functions on any progress object. Getters of null answer 0, false or null.
 
 #ifndef VAULTRY_PROGRESS_H

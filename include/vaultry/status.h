@@ -41,8 +41,8 @@ TQ_EXPORT int32_t TQGetStatusForErrno(int errorNumber);
 /// For an error that the library does not know, 0, and "SHOULD NOT HAPPEN" in the log at level 3.
 TQ_EXPORT int32_t TQErrorGetStatus(const TQError *error);
 
-/// A new error object that the caller releases; null if `description` is not UTF-8 or memory ran out, but when it is only
-/// the room for description and `underlying` that ran out, an error without them.
+/// A new error object that the caller releases; null if `description` is not UTF-8 or memory ran out. Where memory only
+/// lacks for the description and `underlying`, an error without them.
 ///
 /// @param description  UTF-8; may be null.
 /// @param underlying   May be null; retained.

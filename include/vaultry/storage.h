@@ -2,10 +2,14 @@
 /// One store: a directory that holds one entry per generation.
 ///
 /// This is the library's own floor beneath library.h, for clients that work with paths and want every
-/// error object. Names are generation names in file-system form (one path component of UTF-8, not beginning with ".", at
-/// most 254 bytes), paths absolute and at most 1,023 bytes. A handle only names the store; it may be used by any
-/// number of threads at once. Each operation takes the store's lock for its own span, in this process
-/// and all others: readers share it, a writer waits until it is alone, nothing ever times out.
+/// error object. Names are generation names in file-system form (one path component of UTF-8, not beginning with ".",
+/// at most 254 bytes), paths absolute and at most 1,023 bytes. A handle only names the store; it may be used by any
+/// number of threads at once.
+///
+/// Each operation takes the store's lock for its own span, in this process and all others: readers share it, a writer
+/// waits until it is alone. Nothing times out, and a signal does not end the wait, unless the thread's current progress
+/// is cancelled when it comes: then nothing is done (kTQStatusFailed, ECANCELED underneath). A killed process gives the
+/// lock back, but a child that it forked during the operation keeps it until the child ends or runs another program.
 ///
 /// Every function that takes a name reports, beside its own statuses:
 ///     kTQStatusInvalidArgument  the name is not a generation name, or there is no such generation
@@ -29,15 +33,21 @@ typedef struct TQClientManagedStorage TQClientManagedStorage;
 /// bits; a store that stands whole is opened without any change.
 ///
 /// @return a handle for TQClientManagedStorageFree, or null:
-///         kTQStatusBadPath  not an existing directory, too long, or the store's own files can't be made
+///         kTQStatusBadPath          not an existing directory, too long, or the store's own files can't be made
+///         kTQStatusInvalidArgument  it is no store yet, and would lie in one
+///         kTQStatusNotSupported     a later version made the store: its lock file is not empty
 TQ_EXPORT TQClientManagedStorage *TQClientManagedStorageCreate(const char *rootPath, TQError **error);
 
 /// Frees a handle; null does nothing. The store on disk is not touched.
 TQ_EXPORT void TQClientManagedStorageFree(TQClientManagedStorage *store);
 
-/// Removes a whole store, its directory included, whatever its protection. Takes no lock, and flushes nothing to disk.
+/// Removes a whole store, its directory included, whatever its protection; and any other directory or file, too: a
+/// client looks first. Takes no lock, and flushes nothing to disk. A document that a killed move left in the staging
+/// area goes with the store: TQClientManagedStorageCopyFindings tells whether there is one.
+///
 /// True also if there is nothing at the path, or somebody else destroys it at the same time. Cut short, it leaves parts
-/// of generations and, as long as there is anything else, the lock file; called again, it takes them.
+/// of generations and, as long as there is anything else, the lock file; called again, it takes them. A store that a
+/// later version made is refused (kTQStatusNotSupported).
 TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **error);
 
 /// Adds the item at `source` to the store as the generation `name`.
@@ -47,16 +57,21 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 ///
 /// @param source   Absolute path of a file or a directory tree.
 /// @param options  Stored with the generation; read back as 1 if none of the bits 0x1e is set.
+/// Attributes of the store's own names that the document has are kept if they are well-formed: an info dictionary and a
+/// display name for the generation, and the record of permissions as TQAddPathAsGeneration says. A damaged info
+/// dictionary or display name is left out.
+///
 /// @param copy     true leaves `source` alone; false moves it, and on failure it is back where it was, unless the
 ///                 generation stays. If it can't be given back, it waits in the staging area for the
 ///                 repair of TQClientManagedStorageCopyFindings, and a line of the log at level 3 says where.
 /// @return true once the generation is on disk, and would survive a power cut. If only the options could not be stored,
 ///         or not all of it be flushed in the end, false, and the generation stays. Otherwise nothing was added:
 ///         kTQStatusExists           the store has a generation of that name
-///         kTQStatusInvalidArgument  also: `source` contains the store
+///         kTQStatusInvalidArgument  also: `source` contains the store; or, when moving, lies in a store
 ///         kTQStatusNotSupported     the tree holds a FIFO, a socket or a device
-///         kTQStatusBadPath          the tree holds a symbolic link, or paths beyond the kernel's limit; or, when moving,
-///                                   lies on another volume, or has one mounted inside
+///         kTQStatusBadPath          the tree holds a symbolic link, or paths beyond the kernel's limit; or, when
+///                                   moving, is not all on the store's volume
+///         kTQStatusFailed           also, when moving: something is mounted in the tree (EBUSY underneath)
 ///
 /// Exclusive lock. Reports to the thread's current progress and can be cancelled through it, when copying.
 TQ_EXPORT bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *name, const char *source,
@@ -91,8 +106,8 @@ TQ_EXPORT TQValue *TQClientManagedStorageCopyGenerationInfoValueForKey(const TQC
 TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValueForKey(const TQClientManagedStorage *store, const char *name,
                                                                   TQString *key, TQValue *value, TQError **error);
 
-/// Adds or replaces several values at once: readers find all of them or none, and so does whoever comes after a kill. On
-/// disk on return, for one flush. Exclusive lock.
+/// Adds or replaces several values at once: readers find all of them or none, and so does whoever comes after a kill.
+/// On disk on return, for one flush. Exclusive lock.
 ///
 /// @param values  Strings to values; kTQStatusInvalidArgument for none at all.
 TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValues(const TQClientManagedStorage *store, const char *name,
@@ -112,7 +127,8 @@ TQ_EXPORT bool TQClientManagedStorageSetGenerationOriginalDisplayName(const TQCl
 /// disk: a client that gives up something for it flushes it first.
 ///
 /// @param stagedPath  Buffer of 1,024 bytes; gets the path of the copy. The copy belongs to the caller until
-///                    TQClientManagedStorageCopyOutDone is called with this path.
+///                    TQClientManagedStorageCopyOutDone is called with this path. A repair removes it when nothing in
+///                    it has changed for an hour.
 /// @param mode        What the copy's top item is to be given in the end,
 /// @param flags       and its flags; until then it is left changeable, a directory for all who can reach it.
 ///
@@ -127,7 +143,8 @@ TQ_EXPORT bool TQClientManagedStorageCopyOutDone(const TQClientManagedStorage *s
                                                  TQError **error);
 
 /// Copies a generation to `destination`, with the rights and flags that the document had when it was added. Nothing
-/// that exists is replaced (kTQStatusExists), and on failure nothing is left there. Not flushed to disk. Shared lock.
+/// that exists is replaced (kTQStatusExists), nothing is copied into a store (kTQStatusInvalidArgument), and on failure
+/// nothing is left there. Not flushed to disk. Shared lock.
 TQ_EXPORT bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, const char *name,
                                                     const char *destination, TQError **error);
 
@@ -164,31 +181,40 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyGenerationInfos(const TQClient
 /// options word has the bit 0x4, under "com.corvane.draftline" the others. The caller owns it. A
 /// group without records is left out.
 ///
-/// @param spec  May be null. Beside "fields": "withOptions", a number: only generations that share a bit with it, or all
-///              for 0; 31 when absent. "withoutOptions", a number: none that shares a bit with it. "clients", an
-///              array of strings: only these groups.
+/// @param spec  May be null. Beside "fields": "withOptions", a number: only generations that share a bit with it, or
+///              all for 0; 31 when absent. "withoutOptions", a number: none that shares a bit with it. "clients", an
+///              array of strings: only these groups. Of a mask all 64 bits count.
 /// @return null as above; a query that fails for one generation fails whole. Shared lock: the result is one
 ///         moment of the store.
 TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQClientManagedStorage *store,
                                                                       const TQDictionary *spec, TQError **error);
 
-/// Verifies what a store promises, and says where it is not so. Opens nothing the way TQClientManagedStorageCreate does,
-/// so nothing that should be reported is changed by looking.
+/// Verifies what a store promises, and says where it is not so. Looking changes nothing, so that all is reported that
+/// TQClientManagedStorageCreate would mend.
 ///
-/// Looked at: the root's protection, the lock file, the staging area and what killed operations left in it, every item of
-/// every generation (write-protected, with a well-formed record of its permissions; "._" files are exempt), the
-/// attributes of generations, and placeholders beside the documents that generations name in their info
-/// dictionaries under "vaultry.document".
+/// Looked at: the root's protection, the lock file, the staging area and what killed operations left in it, every item
+/// of every generation (write-protected, with a well-formed record of its permissions; "._" files are exempt), the
+/// attributes of generations, what killed restores noted that they put beside documents, and whatever else has a
+/// placeholder's name beside a document that a generation names in its info dictionary under "vaultry.document".
+/// What a living operation works on is no finding: each holds a lock in its staging directory. Only a copy for a client
+/// is always one, since nobody holds a lock for it.
 ///
-/// @param repair  Also mends what is safe to mend: protection is put back on the root and on items that carry the record of
-///                their permissions, a missing lock file or staging directory is made, what copying or removing left in
-///                staging more than an hour ago is removed, and a document that a killed move left in staging, or
-///                a killed restore under its placeholder name, is put back where it belongs if nothing is there.
-///                Content is never touched, and nothing is deleted that the library did not make.
-/// @return an array that the caller owns, empty when all is well, of dictionaries: "path" (data: the bytes of the path),
-///         "kind" (a string of lower-case words that a program can tell apart), "meaning" (a string for
-///         people), "mended" (a boolean). Null with an error: kTQStatusBadPath for what is not a directory, or has
-///         neither a lock file nor a staging directory and so is no store.
+/// @param repair  Also mends what is safe to mend. Protection is put back on the root and on items that carry the
+///                record of their permissions. A missing lock file or staging directory is made. What a dead operation
+///                left in staging is removed, whatever its age; a copy for a client, and a directory that does not say
+///                whose it is, when nothing in it has changed for an hour by the volume's clock. A document that a
+///                killed move left in staging, or a killed restore beside its path, is put back if nothing is there;
+///                the copy that it left beside the document, and the old document beside the restored one, are removed
+///                if both are what it noted. What was moved or restored on another machine is left to a repair there.
+///                Root follows the note of somebody else's store only where the store's owner could have done the same.
+///                Everything else is reported and left alone; generations' contents are never touched.
+/// @return an array that the caller owns, empty when all is well, of dictionaries: "path" (data: the bytes of the
+///         path), "kind" (a string of lower-case words that a program can tell apart), "meaning" (a string for people),
+///         "mended" (a boolean), and for a document that is not where it belongs "home" (data: the path where it does).
+///         Null with an error:
+///         kTQStatusBadPath       what is not a directory, or has neither a lock file nor a staging directory and so is
+///                                no store
+///         kTQStatusNotSupported  a later version made the store
 ///
 /// Shared lock, exclusive with `repair`. Looking goes on without one where the lock file is missing or can't be read;
 /// repairing makes or mends it first, and mends nothing where something else stands in its place.

@@ -1,9 +1,9 @@
 /// @file
 /// URLs: file URLs made from paths, and any other kind kept as it is.
 ///
-/// A URL never changes and never looks at the disk; any thread may use it. One made from a path keeps its bytes, whatever
-/// they are, and they come back as they were given: nothing is normalised and a "/" at the end stays. Two URLs are
-/// equal when their texts and their bases are.
+/// A URL never changes and never looks at the disk; any thread may use it. One made from a path keeps its bytes,
+/// whatever they are, and they come back as they were given: nothing is normalised and a "/" at the end stays. Two URLs
+/// are equal when their texts and their bases are.
 
 #ifndef VAULTRY_URL_H
 #define VAULTRY_URL_H

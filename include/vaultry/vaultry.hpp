@@ -16,8 +16,8 @@
 /// when it is null, such as a value to set or the name of a backup, is never taken from text that could not be
 /// converted: that fails with kTQStatusInvalidArgument, and so does a name with a zero byte in it.
 ///
-/// Threads. Handles are like std::shared_ptr: a copy is one more reference to the same thing, which any number of threads
-/// may use, while one handle that is assigned to belongs to one thread at a time. A moved-from or
+/// Threads. Handles are like std::shared_ptr: a copy is one more reference to the same thing, which any number of
+/// threads may use, while one handle that is assigned to belongs to one thread at a time. A moved-from or
 /// default-made handle is null, which every function accepts as C does.
 
 #ifndef VAULTRY_VAULTRY_HPP
@@ -624,7 +624,7 @@ struct Finding {
     std::string kind;    ///< for programs
     std::string meaning; ///< for people
     bool mended = false;
-    std::filesystem::path home; ///< where it belongs, if it is a document
+    std::filesystem::path home; ///< where a document belongs that is not there; else empty
 };
 
 /// A generation that was copied into the staging area, to be put somewhere by rename. What is left of it in the
@@ -694,7 +694,8 @@ public:
         return detail::taken(error);
     }
 
-    /// Removes a whole store, its directory included.
+    /// Removes a whole store, its directory included; see TQClientManagedStorageDestroy for what a client looks at
+    /// first.
     static Result<void> destroy(const std::filesystem::path &directory)
     {
         const std::string root = detail::path(directory);
@@ -734,7 +735,7 @@ public:
         return add_(name, document, options, /*copy=*/false);
     }
 
-    /// Copies a generation to `destination`, where nothing may be.
+    /// Copies a generation to `destination`, where nothing may be, and which lies in no store.
     Result<void> copy(std::string_view name, const std::filesystem::path &destination) const
     {
         return attempt_(TQClientManagedStorageCopyGeneration, name, detail::path(destination).c_str());
