@@ -35,10 +35,9 @@ Examples:
 
 static constexpr char kAddFooter[] = R"(
 Each document, a file or a directory with all that is in it, becomes a
-generation: a copy that nothing can change. Its name is printed. Files named
-"._..." are left out; symbolic links, FIFOs, sockets and devices can't be kept.
-A document that is itself a link is resolved first. Ctrl-C leaves nothing
-behind.
+generation: a write-protected copy. Its name is printed. Files named "._..."
+are left out; symbolic links, FIFOs, sockets and devices can't be kept. A
+document that is itself a link is resolved first. Ctrl-C leaves nothing behind.
 
 Examples:
   vaultry add report.txt Photos/         as report-2026-03-01T10-15-30Z.txt, ...
@@ -47,11 +46,12 @@ Examples:
 
 static constexpr char kListFooter[] = R"(
 Oldest first. Times are local. A generation that another program added may have
-no time and no document. Of one whose metadata are damaged what can't be read is
-shown as "?", and what is wrong is said; all others are listed, and the exit
-status is that of a failure. With a DOCUMENT, one whose document can't be read is
-only named. With --json, one object a line: name, document, kept, size, options,
-display_name, and problems, a list of texts, where there are any.
+no time and no document. If the metadata of one can't be read, "?" stands in
+their place, a message says what is wrong, and the exit status is that of a
+failure; the others are listed all the same. With a DOCUMENT, a generation whose
+document can't be read is not listed, but has its message. With --json, one
+object a line: name, document, kept, size, options, display_name, and problems,
+a list of messages, where there are any.
 
 Examples:
   vaultry list
@@ -60,8 +60,9 @@ Examples:
 
 static constexpr char kShowFooter[] = R"(
 Permissions and flags are those that the document had, not those that protect
-the generation. What can't be read is left out and said, with the exit status of
-a failure; with --json also as problems, a list of texts.
+the generation. What can't be read is left out, a message says what is wrong, and
+the exit status is that of a failure. With --json the messages are also listed
+under problems.
 
 Example:
   vaultry show before-review)";
@@ -69,7 +70,8 @@ Example:
 static constexpr char kRestoreFooter[] = R"(
 The document keeps its own permissions and flags. What it was is kept first, as
 a generation of its own, and its name is printed; nothing is lost by restoring
-the wrong one. If the generation's name ends in another extension, the document
+the wrong one. What another program saves meanwhile is not replaced: the restore
+then fails. If the generation's name ends in another extension, the document
 gets that extension. A document that is gone is copied back.
 
 A TIME is local, 2026-03-01 or "2026-03-01 10:15:30", or UTC with a Z at its
@@ -100,8 +102,9 @@ Examples:
 static constexpr char kCheckFooter[] = R"(
 Each finding is named with its path and what it means. With --repair, what is
 safe to mend is mended: protection is put back, a document that an interrupted
-operation left aside goes home, litter older than an hour goes. Content is never
-touched.
+operation left aside goes home, and what else it left behind is removed. What
+may be in use stays for an hour after its last change. The contents of
+generations are never touched.
 
 Example:
   vaultry check --repair)";
@@ -136,8 +139,8 @@ Example:
 
 static constexpr char kDestroyFooter[] = R"(
 Says how many generations go, and asks first. Refuses a directory that is no
-store, and a store where an interrupted move left a document: "check --repair"
-gives it back. Cut short, it goes on when it is called again.
+store, and a store in which an interrupted move left a document: "check --repair"
+gives it back. If it is cut short, call it again: it goes on.
 
 Example:
   vaultry destroy --store /tmp/try --yes)";
