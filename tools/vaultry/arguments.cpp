@@ -60,9 +60,9 @@ Examples:
 
 static constexpr char kShowFooter[] = R"(
 Permissions and flags are those that the document had, not those that protect
-the generation. What can't be read is left out, a message says what is wrong, and
-the exit status is that of a failure. With --json the messages are also listed
-under problems.
+the generation. What can't be read is left out, a message says what is wrong,
+and the exit status is that of a failure. With --json the messages are also
+listed under problems.
 
 Example:
   vaultry show before-review)";
@@ -139,8 +139,8 @@ Example:
 
 static constexpr char kDestroyFooter[] = R"(
 Says how many generations go, and asks first. Refuses a directory that is no
-store, and a store in which an interrupted move left a document: "check --repair"
-gives it back. If it is cut short, call it again: it goes on.
+store, and a store in which an interrupted move left a document, which
+"check --repair" gives back. If it is cut short, call it again: it goes on.
 
 Example:
   vaultry destroy --store /tmp/try --yes)";
