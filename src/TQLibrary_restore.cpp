@@ -86,7 +86,6 @@ class CopiedOut {
 public:
     bool Make(const Request &request, const char *generation, const char *documentPath, TQError **error)
     {
-        flush_ = TreeFlush::Within(request.store()->rootPath);
         uint32_t flags = 0; // the document's own count in the end
         return _CopyOutToStaging(request.store(), generation, OwnerNote::Of(Work::Restore, documentPath), staging_,
                                  &mode_, &flags, error);
@@ -102,7 +101,7 @@ public:
         if (platform::GetStatus(item, Links::NoFollow, &staged_.status) != 0)
             return Failure(error).Errno("failed to stat path %s", item.path);
         staged_.path = item.path;
-        return flush_.Flush(item.path, mode_, error);
+        return TreeFlush::By(staging_.openedFirst()).Flush(item.path, mode_, error);
     }
 
     mode_t mode() const { return mode_; }
@@ -110,7 +109,6 @@ public:
     const StagingDirectory &staging() const { return staging_; }
 
 private:
-    TreeFlush flush_;
     StagingDirectory staging_;
     uint16_t mode_ = 0;
     StagedCopy staged_{};

@@ -161,7 +161,7 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
     StagingDirectory staging;
     if (!staging.Make(root, note, error)) return false;
     const char *const staged = staging.staged();
-    const auto flush = TreeFlush::Below(staging.directory());
+    const auto flush = TreeFlush::By(staging.openedFirst());
     // Without the note on disk, a document that the power cuts off here would be nobody's.
     if (!copy && !staging.FlushNote(error)) return false;
     if (TQAddPathAsGeneration(source, staged, copy, /*makeReadable=*/false, /*archive=*/true, error) &&

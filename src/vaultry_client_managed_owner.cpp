@@ -225,7 +225,7 @@ bool OwnerNote::IsOfThisStart() const
     return IsOfThisMachine() && strcmp(boot, "-") != 0 && strcmp(boot, platform::ThisMachine().boot) == 0;
 }
 
-UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, TQError **error)
+UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, ItemId *id, TQError **error)
 {
     NoteText text;
     text.Add("%swork %s\nmachine %s\nboot %s\n", kFirstLine, kWords[static_cast<size_t>(note.work)], note.machine,
@@ -237,10 +237,14 @@ UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, 
 
     constexpr int kFlags = O_RDWR | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     UniqueFd fd(openat(directory, kOwnerFileName, kFlags, kOwnerFileMode));
+    TQFileStatus made;
     // The lock comes before the first byte: who finds the file without it finds it empty. A umask counts for nothing.
-    if (fd && LockForLife(fd.get()) && fchmod(fd.get(), kOwnerFileMode) == 0 && GiveToAreaOwner(directory, fd.get()) &&
-        text.WriteTo(fd.get()))
+    if (fd && LockForLife(fd.get()) && platform::GetStatusOfFd(fd.get(), &made) == 0 &&
+        ((made.mode & 07777) == kOwnerFileMode || fchmod(fd.get(), kOwnerFileMode) == 0) &&
+        GiveToAreaOwner(directory, fd.get()) && text.WriteTo(fd.get())) {
+        *id = ItemId::Of(made);
         return fd;
+    }
     Failure(error).Errno("Failed to write \"%s/%s\"", path, kOwnerFileName);
     return {};
 }

@@ -52,8 +52,9 @@ struct OwnerNote {
     bool IsOfThisStart() const;
 };
 
-// Makes the owner file in `directory`, which is `path`, and locks it. An empty descriptor on failure.
-UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, TQError **error);
+// Makes the owner file in `directory`, which is `path`, and locks it; says which item it is. An empty descriptor on
+// failure.
+UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, ItemId *id, TQError **error);
 
 // Adds what is about to be exchanged. The caller brings it to disk.
 bool _NoteExchange(int ownerFile, const char *path, const PlannedExchange &exchange, TQError **error);

@@ -105,10 +105,24 @@ StagingDirectory::~StagingDirectory()
 // Mostly nothing is left but the owner file, or the staged item with it: then nothing has to be listed.
 bool StagingDirectory::RemoveWhatIsUsual() const
 {
-    if (!owner_ || !_RemoveTreeAt({directory_.get(), kStagedName, staged_.c_str()}, {}, nullptr)) return false;
+    const UniqueFd directory = Open();
+    if (!directory || !_RemoveTreeAt({directory.get(), kStagedName, staged_.c_str()}, {}, nullptr)) return false;
     char self[sizeof "../" + NAME_MAX];
     (void)snprintf(self, sizeof self, "../%s", strrchr(unique_.c_str(), '/') + 1);
-    return unlinkat(directory_.get(), kOwnerFileName, 0) == 0 && unlinkat(directory_.get(), self, AT_REMOVEDIR) == 0;
+    return unlinkat(directory.get(), kOwnerFileName, 0) == 0 && unlinkat(directory.get(), self, AT_REMOVEDIR) == 0;
+}
+
+// Not held open meanwhile: an operation inside another one has few descriptors.
+UniqueFd StagingDirectory::Open() const
+{
+    UniqueFd directory(open(unique_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    TQFileStatus status;
+    if (!directory ||
+        platform::GetStatus({directory.get(), kOwnerFileName, unique_.c_str()}, Links::NoFollow, &status) != 0)
+        return {};
+    if (ItemId::Of(status) == ownerId_) return directory;
+    errno = ESTALE;
+    return {};
 }
 
 void StagingDirectory::Keep()
@@ -121,9 +135,9 @@ bool StagingDirectory::Make(const char *root, const OwnerNote &note, TQError **e
     if (!_GetUniqueStagingPath(root, staged_, error)) return false;
     root_ = root;
     (void)unique_.Format("%.*s", static_cast<int>(strrchr(staged_.c_str(), '/') - staged_.c_str()), staged_.c_str());
-    directory_.Reset(open(unique_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!directory_) return Failure(error).Errno("Failed to write \"%s/%s\"", unique_.c_str(), kOwnerFileName);
-    owner_ = _MakeOwnerFile(directory_.get(), unique_.c_str(), note, error);
+    const UniqueFd directory(open(unique_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory) return Failure(error).Errno("Failed to write \"%s/%s\"", unique_.c_str(), kOwnerFileName);
+    owner_ = _MakeOwnerFile(directory.get(), unique_.c_str(), note, &ownerId_, error);
     return static_cast<bool>(owner_);
 }
 
@@ -136,8 +150,10 @@ struct timespec StagingDirectory::written() const
 
 bool StagingDirectory::FlushNote(TQError **error) const
 {
-    const UniqueFd area(openat(directory_.get(), "..", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    for (const int fd : {owner_.get(), directory_.get(), area.get()})
+    const UniqueFd directory = Open();
+    if (!directory) return Failure(error).Errno("Failed to flush \"%s\" to disk", unique_.c_str());
+    const UniqueFd area(openat(directory.get(), "..", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    for (const int fd : {owner_.get(), directory.get(), area.get()})
         if (platform::FlushFd(fd) != 0) return Failure(error).Errno("Failed to flush \"%s\" to disk", unique_.c_str());
     return true;
 }

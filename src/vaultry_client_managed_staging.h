@@ -31,18 +31,19 @@ public:
     // When the owner file was written, by the volume's clock; zero if that can't be told.
     struct timespec written() const;
 
-    // The directory itself, opened before anything was written in it.
-    int directory() const { return directory_.get(); }
+    // Something on its volume, opened before anything was written here.
+    int openedFirst() const { return owner_.get(); }
 
     // Where the item in the making goes.
     const char *staged() const { return staged_.c_str(); }
 
 private:
+    UniqueFd Open() const;
     bool RemoveWhatIsUsual() const;
 
     const char *root_ = nullptr; // null when there is nothing to remove
     PathBuffer unique_;
     PathBuffer staged_;
-    UniqueFd directory_;
     UniqueFd owner_;
+    ItemId ownerId_; // by which the directory is told from any other
 };

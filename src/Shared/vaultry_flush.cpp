@@ -115,23 +115,18 @@ bool _FlushFormerEntry(const char *path, const char *now, TQError **error)
     return Report(CannotBeOpened() ? FlushUnopenedDirectory(parent.path, now) : -1, parent.path, error);
 }
 
-TreeFlush TreeFlush::Within(const char *directory)
-{
-    TreeFlush flush;
-    flush.own_ = OpenDirectory(directory);
-    return flush;
-}
-
-TreeFlush TreeFlush::Below(int directory)
-{
-    TreeFlush flush;
-    flush.lent_ = directory;
-    return flush;
-}
-
 TreeFlush TreeFlush::At(const char *path)
 {
-    return Within(Parent(path).path);
+    TreeFlush flush;
+    flush.own_ = OpenDirectory(Parent(path).path);
+    return flush;
+}
+
+TreeFlush TreeFlush::By(int onVolume)
+{
+    TreeFlush flush;
+    flush.lent_ = onVolume;
+    return flush;
 }
 
 bool TreeFlush::Flush(const char *path, uint32_t mode, TQError **error) const

@@ -25,7 +25,7 @@ bool _FlushFormerEntry(const char *path, const char *now, TQError **error);
 // A whole tree, with one call for its volume however many items it has: content, attributes and entries. Where a flush
 // of the volume does not stand for that, only the top item, whose contents their writers have flushed.
 //
-//     const auto flush = TreeFlush::Within(directory);   // before the first byte is written
+//     const auto flush = TreeFlush::At(path);   // before the first byte is written
 //     ...
 //     if (!flush.Flush(tree, mode, error)) return false;
 //
@@ -34,11 +34,10 @@ class TreeFlush {
 public:
     TreeFlush() = default;
 
-    // For a tree that will lie somewhere below `directory`, or at `path`.
-    static TreeFlush Within(const char *directory);
+    // For a tree that will lie at `path`.
     static TreeFlush At(const char *path);
-    // The same by a directory that its caller keeps open.
-    static TreeFlush Below(int directory);
+    // The same by something on that volume, which its caller keeps open.
+    static TreeFlush By(int onVolume);
 
     // `mode` is the item's: one that is no directory is flushed alone.
     bool Flush(const char *path, uint32_t mode, TQError **error) const;
