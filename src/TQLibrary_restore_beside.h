@@ -1,7 +1,7 @@
 // A document that is to be replaced, and what stands beside it for the time of its restore.
 //
-// Everything here goes by the document's folder, held open, and names in it: whatever its path leads to by now, the work
-// stays where it began.
+// Everything here goes by the document's folder, held open, and names in it: whatever its path leads to by now, the
+// work stays where it began. Only a copy from another volume is written by path, into the placeholder alone.
 
 #pragma once
 
@@ -46,8 +46,8 @@ struct StagedCopy {
     TQFileStatus status;
 };
 
-// A unique item beside a document: at first an empty placeholder, then the copy. Removed at the end of its scope, unless it
-// is released.
+// A unique item beside a document: at first an empty placeholder, then the copy. Removed at the end of its scope,
+// unless it is released.
 class Beside {
 public:
     explicit Beside(const ReplacedDocument &document) : document_(document) {}

@@ -1,11 +1,13 @@
 // The exchange of a document for the copy that is restored.
 //
-// The copy waits beside the document, under the placeholder's name, until it is whole, has the document's rights and is on
-// disk. Then the two change places by one call, so that the document's path is never empty and never holds half of
-// anything. What comes out is held against what was looked at first; only then is it given up.
+// The copy waits beside the document, under the placeholder's name, until it is whole, has the document's rights and is
+// on disk. Then the two change places by one call, so that the document's path is never empty and never holds half of
+// anything. What comes out is held against what was looked at first; only then is it given up. Where the volume can't
+// exchange, two renames do it, with the document's place between them noted on disk before.
 //
-// Always: each object undoes what it did when its scope ends without success. What is removed or renamed on the way back
-// is only what was put there, told by device and inode.
+// Always: each object undoes what it did when its scope ends without success. What is removed or renamed on the way
+// back is only what was put there, told by device and inode. Two exceptions: once a part of the old document has gone,
+// the new one stays; and a document that can't go home stays where it is, with a line in the log.
 
 #pragma once
 
@@ -35,7 +37,7 @@ public:
     // The other way round, as far as what was put there is still there. Done at the end of the scope too.
     void TakeBack();
 
-    // Whether the document, or what somebody has put in its place since, is at its path, and nothing of it is elsewhere.
+    // Whether nothing that was at the document's path waits elsewhere: it is back, or given up.
     bool isDocumentHome() const { return old_[0] == '\0'; }
     // Whether somebody saved the document meanwhile, or a part of the old one is gone: the backup then stays.
     bool isBackupNeeded() const { return isBackupNeeded_ || !isDocumentHome(); }

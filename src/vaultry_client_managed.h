@@ -5,9 +5,10 @@
 //     <root>/.vaultry_staging/<7 random>/.vaultry_owner   whose it is; see vaultry_client_managed_owner.h
 //     <root>/.vaultry_lockfile                    empty, 0400; locked with flock
 //
-// Always, between operations: the root has no write bit, and staging holds nothing but copies that a caller has
-// asked for. A name in the root that begins with "." is the store's own. The root is writable only for its
-// owner, and only while its exclusive lock is held.
+// Always, between operations: the root has no write bit, and staging holds nothing but copies that a caller has asked
+// for, documents that could not go home, and what killed operations left. A name in the root that begins with "." is
+// the store's own. The root is writable only for its owner, and only while its exclusive lock is held, or while the
+// store's own files are made.
 
 #pragma once
 
@@ -39,11 +40,11 @@ bool _RequireKnownFormat(const char *rootPath, const Item &lockFile, TQError **e
 // The store lock: many readers or one writer, across threads and processes.
 //
 // flock belongs to the open file, not to the process. Each operation therefore opens its own descriptor, and two
-// threads exclude each other just as two processes do. Always: fd is -1 exactly when nothing is held; a killed process
-// gives the lock back, unless it had forked meanwhile: then its child, which shares the descriptor, keeps it until it
-// ends or replaces itself by another program. The lock is ended by a call of its own, so that a child of a process that
-// lives keeps nothing. A wait for it ends with a cancelled progress of the thread (looked at after a signal), and with
-// nothing else.
+// threads exclude each other just as two processes do. Always: fd is -1 exactly when nothing is held.
+//
+// A killed process gives the lock back, unless it had forked meanwhile: then its child, which shares the open file,
+// keeps it until the child ends or runs another program. The lock is ended by a call of its own, so that a child of a
+// process that lives keeps nothing. A signal ends the wait for it only if the thread's progress is cancelled by then.
 struct StoreLock {
     int fd = -1;
 };

@@ -1,7 +1,8 @@
 // What a check of a store has found, collected; and the rooms of a check.
 //
-// Everything is reached by descriptor from the store's directory, and no link is followed: who repairs may be root, and
-// the store somebody else's, who swaps names meanwhile.
+// What is changed in the store is reached by descriptor from its directory, and no link is followed: who repairs may be
+// root, and the store somebody else's, who swaps names meanwhile. The folders of documents are opened by path, as their
+// owners would; what root may do there, vaultry_client_managed_trust.h tells.
 
 #pragma once
 
@@ -45,7 +46,8 @@ public:
         return mended;
     }
 
-    // Notes that the folder of a document is looked at now; false if it was before: many generations are of one document.
+    // Notes that the folder of a document is looked at now; false if it was before: many generations are of one
+    // document.
     bool BeginDocument(const char *path) { return Note(documents_, path, strlen(path)); }
 
     // What lies beside a document because of an operation that still lives, and what its owner file has explained.
@@ -85,7 +87,8 @@ private:
     int error_;
 };
 
-// The folder that holds the item at a path, and the item in it. Links on the way are followed, as the path's owner would.
+// The folder that holds the item at a path, and the item in it. Links on the way are followed, as the path's owner
+// would.
 class OpenedFolder {
 public:
     explicit OpenedFolder(const char *path);

@@ -1,7 +1,8 @@
 // Documents and stores never hold each other.
 //
-// A restore replaces what it restores to, and a move takes what it moves: done to a part of a store, or to a folder around
-// one, either would cost generations. Stores and documents are told by device and inode, whatever names lead there.
+// A restore replaces what it restores to, and a move takes what it moves: done to a part of a store, or to a folder
+// around one, either would cost generations. Stores and documents are told by device and inode, whatever names lead
+// there.
 //
 // False is a refusal (kTQStatusInvalidArgument), or a path that can't be looked at. A path at which there is nothing
 // holds nothing and lies where its folder lies; where that is missing too, whoever works there says so.

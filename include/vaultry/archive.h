@@ -18,8 +18,8 @@
 
 TQ_BEGIN_DECLS
 
-/// Puts the tree at `source` at `destination`, where nothing may be. A copy crosses the mounts inside the tree; a tree in
-/// which something is mounted is not moved (kTQStatusFailed, EBUSY underneath).
+/// Puts the tree at `source` at `destination`, where nothing may be. A copy crosses the mounts inside the tree; a tree
+/// in which something is mounted is not moved (kTQStatusFailed, EBUSY underneath).
 ///
 /// The saved-permissions attribute of an item that was archived before is kept by a copy if the item has no write bit
 /// and the value is one byte of known bits; of these, write for a class that can't read is left out. Otherwise, and by

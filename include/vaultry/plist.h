@@ -17,8 +17,8 @@ TQ_BEGIN_DECLS
 /// Serialises `value`. Equal scalars of one kind are written once and integers in the fewest bytes; a container is
 /// written wherever it occurs. The caller owns the result.
 /// On failure null and an error of kTQLibraryErrorDomain with code 1: a value of another kind,
-/// a container that holds itself, containers nested more than 512 deep, more than 4,194,304 of them or their members,
-/// or no memory.
+/// a container that holds itself, containers nested more than 512 deep, more than 4,194,304 values, each counted
+/// wherever it occurs, or no memory.
 TQ_EXPORT TQData *TQPropertyListCreateData(TQValue *value, TQError **error);
 
 /// Parses bytes from anywhere, hostile ones included.
@@ -31,8 +31,9 @@ TQ_EXPORT TQData *TQPropertyListCreateData(TQValue *value, TQError **error);
 ///                           container of its own.
 /// @return null, and an error of kTQLibraryErrorDomain with code 1 that says what is wrong and where, if the bytes
 ///         are not one whole property list, nest more than 512 deep, refer to themselves, hold a key twice, or
-///         the copies of shared containers would take more than 4 MiB and 32 bytes for each of them. Sets, unique
-///         identifiers and null are refused, because no property-list value stands for them.
+///         copies of shared containers, which only mutable ones need, would take more than 4 MiB plus 32 times the
+///         size of `data`. Sets, unique identifiers and null are refused, because no property-list value stands for
+///         them.
 TQ_EXPORT TQValue *TQPropertyListCreateWithData(const TQData *data, bool mutableContainers, TQError **error);
 
 TQ_END_DECLS

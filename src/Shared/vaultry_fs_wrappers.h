@@ -11,9 +11,9 @@
 struct TreeRemoval {
     bool keepRoot = false;      // a root directory stays
     const char *last = nullptr; // an entry directly below the root that goes when all else has gone
-    const TQFileStatus *expected =
-        nullptr;           // what the root must be (device and inode), else ESTALE; null: whatever is there
-    bool *begun = nullptr; // set true as soon as something of the tree has gone
+    // What the root must be (device and inode), else ESTALE. Null: whatever is there.
+    const TQFileStatus *expected = nullptr;
+    bool *begun = nullptr; // set true as soon as something of the tree has gone, whoever took it
 };
 
 // Removes the tree at `root`, as _RemoveTree does.

@@ -36,7 +36,7 @@ inline constexpr uint8_t kSavedBits = 0x1f;                                  // 
 uint8_t SavedPermissionsOf(uint32_t mode, uint32_t flags);
 mode_t SavedWriteBits(uint8_t saved);
 
-// Files that the file manager of another system puts beside a file to hold its attributes.
+// Files that hold attributes of the file beside them, where a volume has no room for those: named "._" and its name.
 bool IsSidecarName(const char *name);
 
 // TQSetGenerationOptions for a generation that its caller flushes.
@@ -105,12 +105,12 @@ struct MovedDocument {
     bool knowsTop = false; // mode and flags of its top item; else the record of permissions is all there is
     uint32_t topMode = 0;
     uint32_t topFlags = 0;
-    struct timespec since {}; // what was last changed before this, by the volume's clock, the add has not changed
+    struct timespec since {}; // the add's beginning, by the volume's clock: an older change is none of its own
 };
 
-// Undoes the archiving of what a by-moving add took, takes away copies that were to replace hard links, and moves it back
-// to where it came from. Nothing at `home` is replaced. True also if there is nothing at `moved`. False if it can't be
-// moved: the item then lies where it was, and a line at level 3 says where.
+// Undoes the archiving of what a by-moving add took, takes away copies that were to replace hard links, and moves it
+// back to where it came from. Nothing at `home` is replaced. True also if there is nothing at `moved`. False if it
+// can't be moved: the item then lies where it was, and a line at level 3 says where.
 bool _GiveDocumentBack(const Item &moved, const Item &home, const MovedDocument &document);
 
 // Gives an item that may stand immutable, or a directory without owner write, what a rename to another

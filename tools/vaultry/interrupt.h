@@ -16,8 +16,8 @@ class InterruptGuard {
 public:
     // Cancels `progress`, as often as a signal comes.
     explicit InterruptGuard(TQProgress *progress) : InterruptGuard(progress, nullptr) {}
-    // Writes `message` at the first signal. The second ends the process as if nobody had caught it. A progress of its own
-    // is the thread's current one meanwhile, and is cancelled.
+    // Writes `message` at the first signal. The second ends the process as if nobody had caught it. A progress of its
+    // own is the thread's current one meanwhile, and is cancelled.
     explicit InterruptGuard(const char *message);
     // Both.
     InterruptGuard(TQProgress *progress, const char *message);

@@ -19,8 +19,8 @@ enum class PlaceKind {
     Other,   // anything else: never to be touched
 };
 
-// Whether there is an item, a link included, and what it is. Throws for anything but "there is none": what can't be looked
-// at is not taken for absent.
+// Whether there is an item, a link included, and what it is. Throws for anything but "there is none": what can't be
+// looked at is not taken for absent.
 bool IsThere(const std::string &path, struct stat *status);
 
 PlaceKind LookAtPlace(const std::string &path);

@@ -42,8 +42,8 @@ public:
     bool Lacks(const std::string &name) const noexcept;
     // Where a generation lies.
     std::string PathOf(const std::string &name) const;
-    // The whole info dictionary, what the command wrote there, and the display name, "" if there is none. Each throws if
-    // it can't be read, which says nothing of the others.
+    // The whole info dictionary, what the command wrote there, and the display name, "" if there is none. Each throws
+    // if it can't be read, which says nothing of the others.
     Owned<TQDictionary> InfoDictionaryOf(const std::string &name) const;
     GenerationInfo InfoOf(const std::string &name) const { return ToGenerationInfo(InfoDictionaryOf(name).get()); }
     std::string DisplayNameOf(const std::string &name) const;
