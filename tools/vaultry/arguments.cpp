@@ -70,9 +70,9 @@ Example:
 static constexpr char kRestoreFooter[] = R"(
 The document keeps its own permissions and flags. What it was is kept first, as
 a generation of its own, and its name is printed; nothing is lost by restoring
-the wrong one. What another program saves meanwhile is not replaced: the restore
-then fails. If the generation's name ends in another extension, the document
-gets that extension. A document that is gone is copied back.
+the wrong one. If another program saves the file meanwhile, the restore fails
+and what was saved stays. If the generation's name ends in another extension,
+the document gets that extension. A document that is gone is copied back.
 
 A TIME is local, 2026-03-01 or "2026-03-01 10:15:30", or UTC with a Z at its
 end. It stands for the last moment of the day, minute or second that it names.
