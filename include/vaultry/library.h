@@ -110,9 +110,10 @@ TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, con
 ///
 /// The generation waits beside the document, under a name with "-tmp.nosync.", until it is whole, has the document's
 /// permissions and is on disk. Then the two are exchanged by one call, so that the document's path is never empty and
-/// never holds half of anything. The old document is removed last, and only if it is the item that was looked at first,
-/// of a file with the same size and modification time too; what is saved inside a folder meanwhile is not noticed. The
-/// removal is not flushed: a power cut right after a success can bring the old document back under such a name.
+/// never holds half of anything. The old document is removed last, and only if it is the item that was looked at
+/// first, of a file with the same size and modification time too; what is saved inside a folder meanwhile is not
+/// noticed. The removal is not flushed: a power cut right after a success can bring the old document back under such a
+/// name.
 ///
 /// Where the volume can't exchange, two renames do the same, and the path is empty between them. If the process is
 /// killed there, the document lies under such a name, and the repair of TQClientManagedStorageCopyFindings puts it back.
