@@ -1,10 +1,10 @@
 // Whose a staging directory is, and what is done in it.
 //
-// Beside what is staged lies the owner file: what is done, of which document, by which process of which machine, and
-// since when; a restore adds what it is about to exchange. It is written before anything is staged, and locked with
-// flock for as long as its operation lives, so that whoever finds the directory can tell work in progress from what a
-// kill left. A child that a killed process had forked keeps the lock like that of the store: until it ends, the
-// operation counts as alive. A copy for a client outlives its operation, and so its lock.
+// Beside what is staged lies the owner file: what is done, of which document or generation, by which process of
+// which machine, and since when; a restore adds what it is about to exchange. It is written before anything is
+// staged, and locked with flock for as long as its operation lives, so that whoever finds the directory can tell
+// work in progress from what a kill left. A child that a killed process had forked keeps the lock like that of the
+// store: until it ends, the operation counts as alive. A copy for a client outlives its operation, and so its lock.
 //
 // What the file says is believed only of a regular file of the staging area's owner, with the mode 0600 and one link,
 // and never in a directory that was a generation: a generation on its way out may hold any name.
