@@ -172,16 +172,9 @@ bool Replace(const Request &request, ReplacedDocument &document, const char *res
 // There is no document to be replaced.
 bool CopyToItsPath(const Request &request, const char *documentPath, TQError **error)
 {
-    const TrimmedPath path(documentPath);
     char generation[256];
-    const auto flush = TreeFlush::At(path.c_str());
-    if (!TQStringGetGenName(request.name, generation, error) ||
-        !_CopyGeneration(request.store(), generation, documentPath, /*flushEach=*/true, error))
-        return false;
-    const uint32_t mode = _IsDirectory(path.c_str(), /*status=*/nullptr) ? S_IFDIR : S_IFREG;
-    if (flush.Flush(path.c_str(), mode, error) && _FlushEntry(path.c_str(), error)) return true;
-    (void)_RemoveTree(path.c_str(), 0, nullptr);
-    return false;
+    return TQStringGetGenName(request.name, generation, error) &&
+           _CopyGeneration(request.store(), generation, documentPath, /*durable=*/true, error);
 }
 
 } // namespace

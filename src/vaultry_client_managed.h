@@ -110,6 +110,6 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
 bool _CopyOutToStaging(const TQClientManagedStorage *store, const char *name, const OwnerNote &note,
                        StagingDirectory &staging, uint16_t *mode, uint32_t *flags, TQError **error);
 
-// TQClientManagedStorageCopyGeneration; with `flushEach` items are brought to disk as DuplixOptions says.
-bool _CopyGeneration(const TQClientManagedStorage *store, const char *name, const char *destination, bool flushEach,
+// TQClientManagedStorageCopyGeneration; what is `durable` is on disk when it returns true.
+bool _CopyGeneration(const TQClientManagedStorage *store, const char *name, const char *destination, bool durable,
                      TQError **error);

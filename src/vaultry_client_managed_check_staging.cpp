@@ -167,7 +167,14 @@ void CheckDocument(const Unique &unique, uint32_t mode, const char *home, const 
                    Findings &findings)
 {
     const FoundOwner &owner = unique.owner;
-    if (owner.life != OwnerLife::None && !(owner.life == OwnerLife::Dead && owner.note.IsOfThisMachine()))
+    if (owner.life == OwnerLife::Doubtful && owner.note.IsOfThisMachine())
+        findings.Add(
+            unique.staged.path, "document-in-staging",
+            "A move into the store was begun before this machine was started anew, or on another one of its name: "
+            "this is the document. Whether the move goes on can't be told on this volume; a person has to move it "
+            "back.",
+            /*mended=*/false, home);
+    else if (owner.life != OwnerLife::None && !(owner.life == OwnerLife::Dead && owner.note.IsOfThisMachine()))
         findings.Add(unique.staged.path, "document-in-staging",
                      "A move into the store was interrupted: this is the document, and may be its only copy. It was "
                      "moved on another machine, and a repair there gives it back.",

@@ -171,7 +171,8 @@ void ReadOwnerFile(int fd, FoundOwner *found)
     if (found->readable) ReadExchanges(reader, &found->note);
 }
 
-// Whether the lock says that the operation lives. Where locks may stay on their host a free one says nothing of others.
+// Whether the lock says that the operation lives. Where locks may stay on their host a free one says nothing of others,
+// nor of another start of this machine: that may be a clone of it, which bears its name.
 OwnerLife LifeOf(int fd, const OwnerNote &note)
 {
     int result = 0;

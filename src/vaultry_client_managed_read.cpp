@@ -7,6 +7,8 @@
 #include "Platform/FileStatus.h"
 #include "Runtime/Ref.h"
 #include "Shared/PathBuffer.h"
+#include "Shared/vaultry_flush.h"
+#include "Shared/vaultry_fs_wrappers.h"
 #include "Shared/vaultry_internal_failure.h"
 #include "Shared/vaultry_storage.h"
 
@@ -50,6 +52,14 @@ bool ApplyFinalRights(const char *destination, uint16_t mode, uint32_t flags, TQ
     if (flags != 0 && platform::SetFlags(item, Links::NoFollow, flags) != 0 && errno != ENOTSUP)
         return Failure(error).Errno("failed to set final flags on \"%s\"", destination);
     return true;
+}
+
+// What somebody put there since we looked, or saved over the copy, is not ours to remove.
+void RemoveMade(const char *path, const platform::DuplixMade &made)
+{
+    TreeRemoval how;
+    if (made.item.inode != 0) how.expected = &made.item;
+    if (made.something) (void)_RemoveTreeAt(Item::AtPath(path), how, nullptr);
 }
 
 } // namespace
@@ -146,8 +156,7 @@ bool TQClientManagedStorageCopyOut(const TQClientManagedStorage *store, const ch
 {
     if (store && !stagedPath) return Failure(error).Refused(kTQStatusBadPath, "no path buffer was supplied");
     StagingDirectory staging;
-    if (!_CopyOutToStaging(store, name, OwnerNote::Of(Work::CopyOut, name), staging, mode, flags, error))
-        return false;
+    if (!_CopyOutToStaging(store, name, OwnerNote::Of(Work::CopyOut, name), staging, mode, flags, error)) return false;
     memcpy(stagedPath, staging.staged(), strlen(staging.staged()) + 1);
     staging.Keep();
     return true;
@@ -162,10 +171,10 @@ bool TQClientManagedStorageCopyOutDone(const TQClientManagedStorage *store, cons
 bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, const char *name,
                                           const char *destination, TQError **error)
 {
-    return _CopyGeneration(store, name, destination, /*flushEach=*/false, error);
+    return _CopyGeneration(store, name, destination, /*durable=*/false, error);
 }
 
-bool _CopyGeneration(const TQClientManagedStorage *store, const char *name, const char *destination, bool flushEach,
+bool _CopyGeneration(const TQClientManagedStorage *store, const char *name, const char *destination, bool durable,
                      TQError **error)
 {
     LockedGeneration generation;
@@ -178,14 +187,14 @@ bool _CopyGeneration(const TQClientManagedStorage *store, const char *name, cons
     if (_PathExists(target)) return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", target);
     if (!_RequireOutsideStores(target, error)) return false;
 
+    const TreeFlush flush = durable ? TreeFlush::At(target) : TreeFlush();
     uint16_t mode = 0;
     uint32_t flags = 0;
-    // What somebody put there since we looked, or a link to nothing, is not ours to remove.
-    bool made = false;
-    if (_CopyOutGeneration(generation.path(), target, &mode, &flags, &made, flushEach, /*leaveWritable=*/false,
-                           error) &&
-        ApplyFinalRights(target, mode, flags, error))
+    platform::DuplixMade made;
+    if (_CopyOutGeneration(generation.path(), target, &mode, &flags, &made, durable, /*leaveWritable=*/false, error) &&
+        ApplyFinalRights(target, mode, flags, error) &&
+        (!durable || (flush.Flush(target, mode, error) && _FlushEntry(target, error))))
         return true;
-    if (made) (void)_RemoveTree(target, 0, nullptr);
+    RemoveMade(target, made);
     return false;
 }

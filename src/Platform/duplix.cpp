@@ -24,7 +24,7 @@ public:
     TreeCopy(DuplixCallback callback, void *context) : reports_(callback, context) {}
 
     bool Run(const char *source, const char *destination, const DuplixOptions &options);
-    bool madeSomething() const { return tree_.madeSomething(); }
+    const DuplixMade &made() const { return tree_.made(); }
 
 private:
     bool RefusedFromTheStart(const char *source, const char *destination);
@@ -283,7 +283,7 @@ int duplix(const char *source, const char *destination, DuplixCallback callback,
     const int before = errno;
     TreeCopy copy(callback, context);
     const bool copied = copy.Run(source, destination, options);
-    if (options.made) *options.made = copy.madeSomething();
+    if (options.made) *options.made = copy.made();
     if (!copied) return -1;
     errno = before;
     return 0;

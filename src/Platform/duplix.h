@@ -68,9 +68,14 @@ using DuplixCallback = int (*)(int what, int stage, DuplixState *state, const ch
 
 namespace platform {
 
+struct DuplixMade {
+    bool something = false;
+    TQFileStatus item{}; // as it was when it was new; inode 0 if it could not be looked at
+};
+
 struct DuplixOptions {
-    // Set to whether there is something at the destination that was made here, or begun in the item of `into`.
-    bool *made = nullptr;
+    // Gets what there is at the destination that was made here, or begun in the item of `into`.
+    DuplixMade *made = nullptr;
 
     // Each item is brought to disk through the descriptor that wrote it, where nothing else tells for certain that the
     // destination's volume has kept it (VolumeHonoursFlush). Elsewhere the copy flushes nothing.

@@ -132,7 +132,7 @@ UniqueFd DestinationTree::OpenRootDirectory() const
 UniqueFd DestinationTree::OpenNewDirectory()
 {
     if (mkdirat(item_.directory, item_.name, S_IRWXU) != 0) return UniqueFd();
-    madeSomething_ = true;
+    made_.something = true;
     constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     UniqueFd fd(openat(item_.directory, item_.name, kFlags));
     // A strict umask can make a directory that its maker can't read.
@@ -146,27 +146,31 @@ UniqueFd DestinationTree::MakeFile(mode_t mode, TQFileStatus *made)
     UniqueFd fd;
     if (isIntoRoot()) {
         fd = OpenRootFile(made);
-        madeSomething_ = static_cast<bool>(fd);
+        made_.something = static_cast<bool>(fd);
+        if (fd) made_.item = *made;
         return fd;
     }
     fd.Reset(openat(item_.directory, item_.name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
-    madeSomething_ = madeSomething_ || fd;
-    return fd && GetStatusOfFd(fd.get(), made) == 0 ? std::move(fd) : UniqueFd();
+    made_.something = made_.something || fd;
+    if (!fd || GetStatusOfFd(fd.get(), made) != 0) return UniqueFd();
+    if (isRoot_) made_.item = *made;
+    return fd;
 }
 
 bool DestinationTree::MakeLink(const char *target)
 {
     if (symlinkat(target, item_.directory, item_.name) != 0) return false;
-    madeSomething_ = true;
-    return true;
+    made_.something = true;
+    return !isRoot_ || GetStatus(item_, Links::NoFollow, &made_.item) == 0;
 }
 
 bool DestinationTree::EnterNewDirectory()
 {
     UniqueFd made = isIntoRoot() ? OpenRootDirectory() : OpenNewDirectory();
-    madeSomething_ = madeSomething_ || made;
+    made_.something = made_.something || made;
     TQFileStatus status;
     if (!made || GetStatusOfFd(made.get(), &status) != 0) return false;
+    if (isRoot_) made_.item = status;
     GiveOwnerRights(made.get(), &status);
     if (isRoot_) {
         if (fremovexattr(made.get(), "system.posix_acl_default") != 0 && errno != ENODATA && errno != ENOTSUP)

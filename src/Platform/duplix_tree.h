@@ -8,6 +8,7 @@
 #include "Platform/DirectoryStack.h"
 #include "Platform/Item.h"
 #include "Platform/Volume.h"
+#include "Platform/duplix.h"
 
 #include <climits>
 
@@ -40,7 +41,7 @@ public:
     // or flags, is taken from the root at once, so that it reaches nothing below. False with errno.
     bool EnterNewDirectory();
     // Whether any of them was at least made, or begun in the item that stood there.
-    bool madeSomething() const { return madeSomething_; }
+    const DuplixMade &made() const { return made_; }
     // Whether `directory` is the root that was made: a copy met in its own source.
     bool IsRootMade(const TQFileStatus &directory) const;
 
@@ -63,7 +64,7 @@ private:
     uint64_t device_ = 0; // of the directory that holds the root
     Item item_{};
     bool isRoot_ = false;
-    bool madeSomething_ = false;
+    DuplixMade made_; // its item is the root's
     bool rootMade_ = false;
     TQFileStatus root_{};
     const char *rootName_ = nullptr;

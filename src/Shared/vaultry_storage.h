@@ -64,10 +64,10 @@ int QuitOnCopyError(TQError **error, int what, int stage, const char *source, co
 bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status);
 
 // TQCopyOutGeneration for a copy that is never more open than it will be, unless `leaveWritable`; that is for one which
-// is still to be moved. `made`, unless null, says whether there is something at the destination that was made here.
+// is still to be moved. `made`, unless null, says what there is at the destination that was made here.
 // With `flushEach` each item is brought to disk as DuplixOptions says.
-bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, bool *made,
-                        bool flushEach, bool leaveWritable, TQError **error);
+bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags,
+                        platform::DuplixMade *made, bool flushEach, bool leaveWritable, TQError **error);
 
 // Archives one item, which keeps a record that it has. `status` may be null; it is then asked for.
 bool _ArchiveItem(const char *path, const TQFileStatus *status, bool makeReadable, TQError **error);

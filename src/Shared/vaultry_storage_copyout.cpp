@@ -104,8 +104,8 @@ bool TQCopyOutGeneration(const char *path, const char *destination, uint16_t *mo
                               /*leaveWritable=*/true, error);
 }
 
-bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, bool *made,
-                        bool flushEach, bool leaveWritable, TQError **error)
+bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags,
+                        platform::DuplixMade *made, bool flushEach, bool leaveWritable, TQError **error)
 {
     if (error) *error = nullptr;
     if (mode) *mode = 0;

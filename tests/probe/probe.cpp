@@ -306,11 +306,11 @@ const std::map<std::string, Function> kFunctions = {
     {"copy-into",   // FROM TO, which is the empty item OTHER, or is not
      [](const Words &w, TQError **) {
          TQFileStatus other;
-         bool made = false;
+         platform::DuplixMade made;
          const platform::DuplixOptions options{.made = &made, .into = &other};
          const bool done = platform::GetStatus(Item::AtPath(w[2]), Links::NoFollow, &other) == 0 &&
                            platform::duplix(w[0], w[1], nullptr, nullptr, options) == 0;
-         return done || !Say(strerrorname_np(errno), made ? " in the middle" : "");
+         return done || !Say(strerrorname_np(errno), made.something ? " in the middle" : "");
      }},
     {"copy-over", // FROM TO, a file that is there
      [](const Words &w, TQError **) {

@@ -94,7 +94,7 @@ static CopyWatch::Places _StagedFromNowOn(const Store &store)
 }
 
 static void _Replace(const Store &store, const std::string &name, const std::string &document,
-                     const std::optional<std::string> &backup)
+                     const std::optional<std::string> &backup, bool isNew, double now)
 {
     const Owned<TQLibrary> library = _OpenLibrary(store);
     const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
@@ -110,8 +110,12 @@ static void _Replace(const Store &store, const std::string &name, const std::str
         progress.bar().Clear();
     }
     if (restored) return;
-    const int reason = UnderlyingErrno(error.get());
-    if (InterruptGuard::Came() && (reason == ECANCELED || reason == EINTR)) // EINTR: while waiting for the lock
+    // The backup is gone, unless a part of the old state is, or somebody saved the document meanwhile.
+    if (isNew && store.Names().contains(*backup)) {
+        _RecordBackup(store, *backup, document, now);
+        Say("what " + Quoted(document) + " was is kept as " + Quoted(*backup));
+    }
+    if (InterruptGuard::Came() && UnderlyingErrno(error.get()) == ECANCELED)
         throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(document) + " is as it was");
     const CommandFailure failure =
         CommandFailure::Library("can't restore " + Quoted(document) + " from " + Quoted(name), error.get());
@@ -119,12 +123,16 @@ static void _Replace(const Store &store, const std::string &name, const std::str
                          failure.what() + (backup ? ExplainRefusal(error.get(), store.path(), document) : ""));
 }
 
-// A document that appears meanwhile is not replaced, since nobody has kept what it is.
-static void _CopyBack(const Store &store, const std::string &name, const std::string &document)
+// A document that appears meanwhile is kept under the name of a backup.
+static void _CopyBack(const Store &store, const std::string &name, const std::string &document,
+                      const std::optional<std::string> &backup)
 {
+    const Owned<TQLibrary> library = _OpenLibrary(store);
+    const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
     const InterruptGuard interrupts(kCopyIsRemoved);
     CopyOut(store, name, document, "can't restore " + Quoted(document) + " from " + Quoted(name), [&](TQError **error) {
-        return TQClientManagedStorageCopyGeneration(store.handle(), name.c_str(), document.c_str(), error);
+        return TQLibraryRestoreGeneration(library.get(), MakeString(name).get(), url.get(),
+                                          backup ? MakeString(*backup).get() : nullptr, error);
     });
 }
 
@@ -146,14 +154,15 @@ int RunRestore(const Arguments &arguments)
     const std::string name = _Generation(store, arguments, document);
     const double now = PresentTime(); // before anything is done: it is the moment of what the document was
     const bool isThere = _IsThere(document);
-    const std::optional<std::string> backup =
-        isThere ? _BackupName(store, arguments, document, now) : std::optional<std::string>();
+    std::optional<std::string> backup = _BackupName(store, arguments, document, now);
+    const bool isNew = backup && !store.Names().contains(*backup);
     if (!isThere && arguments.backup) Say(Quoted(document) + " is not there, so there is nothing to back up");
 
     if (isThere)
-        _Replace(store, name, document, backup);
+        _Replace(store, name, document, backup, isNew, now);
     else
-        _CopyBack(store, name, document);
+        _CopyBack(store, name, document, backup);
+    if (!isThere && (!isNew || !store.Names().contains(*backup))) backup.reset();
     if (backup) _RecordBackup(store, *backup, document, now);
     const std::string restored = isThere ? RestoredPath(document, name) : document;
     if (arguments.json) {
