@@ -106,7 +106,7 @@ public:
 
     mode_t mode() const { return mode_; }
     const StagedCopy &staged() const { return staged_; }
-    const StagingDirectory &staging() const { return staging_; }
+    StagingDirectory &staging() { return staging_; }
 
 private:
     StagingDirectory staging_;
@@ -156,14 +156,13 @@ bool Replace(const Request &request, ReplacedDocument &document, const char *res
              Backup &backup, TQError **error)
 {
     if (!out.Flush(document, error) || !document.OpenFolder(error)) return false;
-    Beside copy(document);
-    if (!copy.Make(S_ISDIR(out.mode()), error) || !Announce(request, restoredPath, error)) return false;
-
+    Beside copy(document, out.staging());
     Exchange exchange(document, copy, out.staging(), restoredPath, out.staged());
-    const bool replaced = exchange.Note(error) && copy.Bring(out.staged(), restoredPath, error) &&
-                          copy.GiveRights(out.mode(), restoredPath, error) && exchange.Do(error) &&
-                          copy.GiveBlockingFlags(restoredPath, error) && copy.FlushFolder(error) &&
-                          exchange.RemoveOld(error);
+    const bool replaced = copy.Choose(S_ISDIR(out.mode()), error) && exchange.Note(error) &&
+                          copy.Make(S_ISDIR(out.mode()), error) && Announce(request, restoredPath, error) &&
+                          exchange.Bring(error) && copy.GiveRights(out.mode(), restoredPath, error) &&
+                          exchange.Do(error) && copy.GiveBlockingFlags(restoredPath, error) &&
+                          copy.FlushFolder(error) && exchange.RemoveOld(error);
     if (!replaced) exchange.TakeBack();
     if (replaced || exchange.isBackupNeeded()) backup.Keep();
     return replaced;

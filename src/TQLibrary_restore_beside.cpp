@@ -50,6 +50,11 @@ bool ReplacedDocument::OpenFolder(TQError **error)
     return folder || Failure(error).Errno("Failed to open the folder of \"%s\"", path);
 }
 
+int ReplacedDocument::folderLength() const
+{
+    return static_cast<int>(name() - trimmed.c_str());
+}
+
 const char *ReplacedDocument::name() const
 {
     const char *const slash = strrchr(trimmed.c_str(), '/');
@@ -78,55 +83,69 @@ Beside::~Beside()
     if (name_[0] == '\0') return;
     const ErrnoKeeper keeper;
     TQFileStatus found;
-    if (platform::GetStatus(item(), Links::NoFollow, &found) != 0 || ItemId::Of(found) != id()) return;
+    if (platform::GetStatus(item(), Links::NoFollow, &found) != 0) {
+        if (errno != ENOENT) staging_.Keep();
+        return;
+    }
+    if (ItemId::Of(found) != id()) return;
     TakeBlockingFlags();
     if (copy_) (void)fchmod(copy_.get(), (found.mode & 07777) | S_IRWXU);
     TreeRemoval how;
     how.expected = &status_;
-    (void)_RemoveTreeAt(item(), how, nullptr);
+    if (!_RemoveTreeAt(item(), how, nullptr) || (isAcross_ && !FlushFolder(nullptr))) staging_.Keep();
+}
+
+// The message shows the template.
+bool Beside::FailToMake(bool isDirectory, TQError **error) const
+{
+    const PlaceholderName pattern(document_.name(), S_ISDIR(document_.rights.mode));
+    PathBuffer path;
+    const Failure failure(error);
+    (void)path.Format("%.*s%s", document_.folderLength(), document_.trimmed.c_str(), pattern.text);
+    return isDirectory ? failure.Errno("mkdtemp(\"%s\") failed", path.c_str())
+                       : failure.Errno("mkstemps(\"%s\") failed", path.c_str());
+}
+
+bool Beside::Choose(bool isDirectory, TQError **error)
+{
+    if (strlen(document_.path) + kLongestAddition > PathBuffer::kCapacity)
+        return Failure(error).Status(kTQStatusBadPath, "generated path is too long");
+    PlaceholderName pattern(document_.name(), S_ISDIR(document_.rights.mode));
+    const int suffix = static_cast<int>(pattern.extensionLength);
+    if (platform::ChooseUniqueNameAt(document_.folder.get(), pattern.text, suffix) != 0)
+        return FailToMake(isDirectory, error);
+    (void)strcpy(placeholder_, pattern.text);
+    (void)path_.Format("%.*s%s", document_.folderLength(), document_.trimmed.c_str(), placeholder_);
+    return true;
 }
 
 bool Beside::Make(bool isDirectory, TQError **error)
 {
-    if (strlen(document_.path) + kLongestAddition > PathBuffer::kCapacity)
-        return Failure(error).Status(kTQStatusBadPath, "generated path is too long");
-    const PlaceholderName pattern(document_.name(), S_ISDIR(document_.rights.mode));
-    char name[NAME_MAX + 1];
-    (void)strcpy(name, pattern.text);
-    const auto folderLength = static_cast<int>(document_.name() - document_.trimmed.c_str());
-    (void)path_.Format("%.*s%s", folderLength, document_.trimmed.c_str(), name);
-
-    const int folder = document_.folder.get(), suffix = static_cast<int>(pattern.extensionLength);
-    UniqueFd file;
-    if (isDirectory) {
-        if (platform::MakeUniqueDirectoryAt(folder, name, suffix) != 0)
-            return Failure(error).Errno("mkdtemp(\"%s\") failed", path_.c_str());
-    } else {
-        file.Reset(platform::MakeUniqueFileAt(folder, name, suffix));
-        if (!file) return Failure(error).Errno("mkstemps(\"%s\") failed", path_.c_str());
-    }
-    (void)path_.Format("%.*s%s", folderLength, document_.trimmed.c_str(), name);
-    (void)strcpy(placeholder_, name);
-    const bool isKnown = isDirectory ? platform::GetStatus(document_.At(name), Links::NoFollow, &status_) == 0
+    const int folder = document_.folder.get();
+    UniqueFd file(isDirectory ? -1 : platform::MakeOwnFileAt(folder, placeholder_));
+    if (isDirectory ? platform::MakeOwnDirectoryAt(folder, placeholder_) != 0 : !file)
+        return FailToMake(isDirectory, error);
+    const bool isKnown = isDirectory ? platform::GetStatus(document_.At(placeholder_), Links::NoFollow, &status_) == 0
                                      : platform::GetStatusOfFd(file.get(), &status_) == 0;
     // Nothing was written, so that only what is there now can be taken for it.
     if (!isKnown || file.Close() != 0) {
         Failure(error).Errno("stat(\"%s\") failed", path_.c_str());
-        (void)unlinkat(folder, name, isDirectory ? AT_REMOVEDIR : 0);
+        if (unlinkat(folder, placeholder_, isDirectory ? AT_REMOVEDIR : 0) != 0) staging_.Keep();
         return false;
     }
-    MovedTo(name);
+    MovedTo(placeholder_);
     return true;
 }
 
-bool Beside::Bring(const StagedCopy &staged, const char *restoredPath, TQError **error)
+bool Beside::Bring(const StagedCopy &staged, bool *isAcross, TQError **error)
 {
     if (renameat(AT_FDCWD, staged.path, document_.folder.get(), name_) == 0) {
         status_ = staged.status;
         return OpenCopy(ItemId::Of(staged.status), error);
     }
-    if (errno == EXDEV) return CopyAcross(staged, restoredPath, error) && OpenCopy(id(), error);
-    return Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged.path, path_.c_str());
+    *isAcross = errno == EXDEV;
+    return *isAcross ||
+           Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged.path, path_.c_str());
 }
 
 bool Beside::CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error)
@@ -144,8 +163,9 @@ bool Beside::CopyAcross(const StagedCopy &staged, const char *restoredPath, TQEr
     // To the document's own path, not to the restored one: clients know the birth time of a document whose
     // extension changed as that of a new file.
     (void)_TransferBirthTime(staged.path, document_.path);
-    return !S_ISLNK(staged.status.mode) || platform::GetStatus(item(), Links::NoFollow, &status_) == 0 ||
-           Failure(error).Errno("stat(\"%s\") failed", path_.c_str());
+    if (S_ISLNK(staged.status.mode) && platform::GetStatus(item(), Links::NoFollow, &status_) != 0)
+        return Failure(error).Errno("stat(\"%s\") failed", path_.c_str());
+    return OpenCopy(id(), error);
 }
 
 // What is opened has to be what was brought. A link can't be opened, and needs it not.

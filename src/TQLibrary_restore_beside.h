@@ -5,6 +5,8 @@
 
 #pragma once
 
+#include "vaultry_client_managed_staging.h"
+
 #include "Platform/Item.h"
 #include "Platform/ItemId.h"
 #include "Platform/UniqueFd.h"
@@ -32,6 +34,7 @@ struct ReplacedDocument {
     bool OpenFolder(TQError **error);
 
     const char *name() const;
+    int folderLength() const; // of the folder's path with its slash
     Item At(const char *nameInFolder) const { return {folder.get(), nameInFolder, path}; }
     // What stands at a name in the folder: whether that is `id`.
     bool Holds(const char *nameInFolder, const ItemId &id) const;
@@ -46,20 +49,22 @@ struct StagedCopy {
     TQFileStatus status;
 };
 
-// A unique item beside a document: at first an empty placeholder, then the copy. Removed at the end of its scope,
-// unless it is released.
+// A unique item beside a document: at first an empty placeholder, then the copy. Removed at the end of its scope, unless it
+// is released; what can't be removed is left to a repair, with the staging directory that notes it.
 class Beside {
 public:
-    explicit Beside(const ReplacedDocument &document) : document_(document) {}
+    Beside(const ReplacedDocument &document, StagingDirectory &staging) : document_(document), staging_(staging) {}
     ~Beside();
     Beside(const Beside &) = delete;
     Beside &operator=(const Beside &) = delete;
 
-    // The name follows the document's kind, its own kind is `isDirectory`.
+    // A free name, which follows the document's kind: to be noted before anything stands there.
+    bool Choose(bool isDirectory, TQError **error);
     bool Make(bool isDirectory, TQError **error);
 
-    // The staged copy takes its place; from another volume it is copied into it.
-    bool Bring(const StagedCopy &staged, const char *restoredPath, TQError **error);
+    // The staged copy takes its place by a rename; or is copied into it, if that said that it is on another volume.
+    bool Bring(const StagedCopy &staged, bool *isAcross, TQError **error);
+    bool CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error);
 
     // The document's hidden extension, mode, and the flags that don't bar a rename; on disk when it returns true.
     bool GiveRights(mode_t staged, const char *restoredPath, TQError **error);
@@ -77,22 +82,24 @@ public:
     void Release() { name_[0] = '\0'; }
 
     const char *name() const { return name_; }
-    const char *placeholder() const { return placeholder_; } // its first name
+    const char *placeholder() const { return placeholder_; } // its first name, once chosen
     const char *path() const { return path_.c_str(); }       // of the placeholder
+    bool isAcross() const { return isAcross_; } // copied from another volume
     ItemId id() const { return ItemId::Of(status_); }
 
 private:
-    bool CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error);
+    bool FailToMake(bool isDirectory, TQError **error) const;
     bool OpenCopy(const ItemId &expected, TQError **error);
     bool Flush(TQError **error) const;
     Item item() const { return {document_.folder.get(), name_, path_.c_str()}; }
 
     const ReplacedDocument &document_;
+    StagingDirectory &staging_;
     char name_[NAME_MAX + 1] = ""; // empty when there is nothing to remove
     char placeholder_[NAME_MAX + 1] = "";
     PathBuffer path_;
     TQFileStatus status_{}; // of the placeholder, then of the copy
     UniqueFd copy_;         // opened before its final mode, which may let nobody read it; none for a link
     TreeFlush flush_;
-    bool isAcross_ = false; // copied from another volume
+    bool isAcross_ = false;
 };

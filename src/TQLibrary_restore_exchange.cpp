@@ -55,7 +55,7 @@ bool Exchange::Note(TQError **error)
     plan.document = ItemId::Of(document_.itself);
     plan.copy = ItemId::Of(staged_.status);
     plan.placeholder = copy_.id();
-    const char *const aside = aside_.name()[0] != '\0' ? aside_.path() : "";
+    const char *const aside = aside_.placeholder()[0] != '\0' ? aside_.path() : "";
     if (aside[0] != '\0') {
         plan.copy = copy_.id();
         plan.placeholder = aside_.id();
@@ -64,6 +64,14 @@ bool Exchange::Note(TQError **error)
     (void)plan.aside.Format("%s", aside);
     (void)plan.restored.Format("%s", restoredPath_);
     return staging_.NoteExchange(plan, error);
+}
+
+// What is half a copy can be told only by the item that is filled with it.
+bool Exchange::Bring(TQError **error)
+{
+    bool isAcross = false;
+    return copy_.Bring(staged_, &isAcross, error) &&
+           (!isAcross || (Note(error) && copy_.CopyAcross(staged_, restoredPath_, error)));
 }
 
 bool Exchange::Do(TQError **error)
@@ -88,7 +96,8 @@ bool Exchange::Swap(TQError **error)
 // The path is empty for a moment: a kill in it leaves the document under a name that was noted before.
 bool Exchange::ByTwoRenames(TQError **error)
 {
-    if (!aside_.Make(S_ISDIR(document_.itself.mode), error) || !Note(error)) return false;
+    const bool isDirectory = S_ISDIR(document_.itself.mode);
+    if (!aside_.Choose(isDirectory, error) || !Note(error) || !aside_.Make(isDirectory, error)) return false;
     const int folder = document_.folder.get();
     if (renameat(folder, document_.name(), folder, aside_.name()) != 0)
         return Failure(error).Errno("Failed to rename old file to temp path (\"%s\" -> \"%s\")", document_.path,
@@ -133,7 +142,10 @@ bool Exchange::RemoveOld(TQError **error)
     how.expected = &document_.itself;
     how.begun = &begun;
     const bool removed = _RemoveTreeAt({document_.folder.get(), old_, oldPath()}, how, error);
-    // With a part of the old state gone, the new one is all that is whole.
+    // With a part of the old state gone, the new one is all that is whole; a repair takes the rest away.
+    if (!removed && begun) staging_.Keep();
+    // The note goes next, and on another volume that may be on disk first.
+    if (removed && copy_.isAcross() && !copy_.FlushFolder(nullptr)) staging_.Keep();
     if (removed || begun) {
         copy_.Release();
         old_[0] = '\0';

@@ -18,9 +18,9 @@
 class Exchange {
 public:
     // All borrowed. `restoredName` is the document's, unless the extension changes.
-    Exchange(const ReplacedDocument &document, Beside &copy, const StagingDirectory &staging, const char *restoredPath,
+    Exchange(const ReplacedDocument &document, Beside &copy, StagingDirectory &staging, const char *restoredPath,
              const StagedCopy &staged)
-        : document_(document), copy_(copy), aside_(document), staging_(staging), restoredPath_(restoredPath),
+        : document_(document), copy_(copy), aside_(document, staging), staging_(staging), restoredPath_(restoredPath),
           staged_(staged)
     {
     }
@@ -28,9 +28,11 @@ public:
     Exchange(const Exchange &) = delete;
     Exchange &operator=(const Exchange &) = delete;
 
-    // What is to happen, noted on disk before the copy leaves staging.
+    // What is to happen, noted on disk before anything stands beside the document.
     bool Note(TQError **error);
 
+    // The copy, to the placeholder.
+    bool Bring(TQError **error);
     bool Do(TQError **error);
     bool RemoveOld(TQError **error);
 
@@ -57,7 +59,7 @@ private:
     const ReplacedDocument &document_;
     Beside &copy_;
     Beside aside_; // where the document waits if the volume can't exchange
-    const StagingDirectory &staging_;
+    StagingDirectory &staging_;
     const char *restoredPath_;
     const StagedCopy &staged_;
     char old_[NAME_MAX + 1] = ""; // where the old document is, while it is not at its path

@@ -105,6 +105,10 @@ private:
 // Its items, its attributes, and what restores of its document left beside that. `owner` is the store's.
 void _CheckGeneration(const Item &generation, uid_t owner, Findings &findings);
 
+// Whether there is something in it.
+enum class Filling { Empty, Full, Unknown };
+Filling _FillingOf(const Item &item, const TQFileStatus &status);
+
 // What operations left in staging, and of restores beside their documents.
 void _CheckStagingArea(const Item &area, uid_t owner, Findings &findings);
 

@@ -12,10 +12,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
-enum class Holds { Nothing, Document, Copy, Other, Unknown };
+enum class Holds { Nothing, Document, Copy, Empty, Other, Unknown };
 
 class LeftExchange {
 public:
@@ -37,6 +40,7 @@ private:
     bool Is(const TQFileStatus &status, const ItemId &id) const;
     bool GiveBack(const Item &item, const TQFileStatus &status) const;
     bool Remove(const Item &item, const TQFileStatus &status) const;
+    bool RemoveEmpty(const Item &item, const TQFileStatus &status) const;
 
     const OwnerNote &note_;
     int folder_;
@@ -56,7 +60,8 @@ Holds LeftExchange::Look(const Item &item, TQFileStatus *status) const
         return errno == ENOENT ? Holds::Nothing : Holds::Unknown;
     const PlannedExchange &plan = note_.exchange;
     if (Is(*status, plan.document)) return Holds::Document;
-    return Is(*status, plan.copy) || Is(*status, plan.placeholder) ? Holds::Copy : Holds::Other;
+    if (Is(*status, plan.copy) || Is(*status, plan.placeholder)) return Holds::Copy;
+    return _FillingOf(item, *status) == Filling::Empty ? Holds::Empty : Holds::Other;
 }
 
 bool LeftExchange::GiveBack(const Item &item, const TQFileStatus &status) const
@@ -73,6 +78,13 @@ bool LeftExchange::Remove(const Item &item, const TQFileStatus &status) const
     return _OwnerMayChange(folder_, &status, owner_) && _RemoveTreeAt(item, how, nullptr);
 }
 
+// The name was noted before anything stood there, and nothing can be lost with what holds nothing.
+bool LeftExchange::RemoveEmpty(const Item &item, const TQFileStatus &status) const
+{
+    return _OwnerMayChange(folder_, &status, owner_) &&
+           unlinkat(item.directory, item.name, S_ISDIR(status.mode) ? AT_REMOVEDIR : 0) == 0;
+}
+
 bool LeftExchange::Settle(const char *path)
 {
     if (path[0] == '\0') return true;
@@ -81,6 +93,11 @@ bool LeftExchange::Settle(const char *path)
     const Holds held = Look(item, &status);
     if (held == Holds::Nothing) return true;
     findings_.AddExplained(path);
+    if (held == Holds::Empty)
+        return findings_.AddMendable(path, "placeholder-empty",
+                                     "A restore was interrupted: this is the empty item that it put beside the "
+                                     "document.",
+                                     [&] { return RemoveEmpty(item, status); });
     const Holds home = Look(At(note_.document), &there), restored = Look(At(note_.exchange.restored.c_str()), &there);
 
     if (held == Holds::Document && restored == Holds::Copy)

@@ -99,16 +99,6 @@ void CheckAttributes(const Item &item, Findings &findings)
         findings.Add(item.path, "options-malformed", "The generation's options word has a wrong size, and reads as 0.");
 }
 
-enum class Filling { Empty, Full, Unknown };
-
-Filling FillingOf(const Item &item, const TQFileStatus &status)
-{
-    if (!S_ISDIR(status.mode)) return status.size == 0 ? Filling::Empty : Filling::Full;
-    Names names(item);
-    if (names.Next()) return Filling::Full;
-    return names.error() == 0 ? Filling::Empty : Filling::Unknown;
-}
-
 // A restore that noted nothing, or whose note is gone: all that can be told is by name. An empty placeholder is one that
 // no document was moved to; a full one may be the document itself.
 void CheckPlaceholder(const Item &placeholder, const Item &document, uid_t owner, Findings &findings)
@@ -121,7 +111,7 @@ void CheckPlaceholder(const Item &placeholder, const Item &document, uid_t owner
     if (findings.IsAccountedFor(placeholder.path, status)) return;
     TQFileStatus there;
     const bool isGone = platform::GetStatus(document, Links::NoFollow, &there) != 0 && errno == ENOENT;
-    switch (FillingOf(placeholder, status)) {
+    switch (_FillingOf(placeholder, status)) {
     case Filling::Empty:
         findings.Add(placeholder.path, "placeholder-empty",
                      isGone ? "A restore that was interrupted left this empty item: the document, if that was empty."
@@ -187,6 +177,14 @@ void CheckPlaceholders(const TQDictionary *info, uid_t owner, Findings &findings
 }
 
 } // namespace
+
+Filling _FillingOf(const Item &item, const TQFileStatus &status)
+{
+    if (!S_ISDIR(status.mode)) return status.size == 0 ? Filling::Empty : Filling::Full;
+    Names names(item);
+    if (names.Next()) return Filling::Full;
+    return names.error() == 0 ? Filling::Empty : Filling::Unknown;
+}
 
 void _CheckGeneration(const Item &generation, uid_t owner, Findings &findings)
 {

@@ -90,15 +90,28 @@ static int _GiveOwner(const Item &item, mode_t rights)
     return pinned ? SetModeOfPinned(pinned.get(), rights) : -1;
 }
 
-int MakeUniqueDirectoryAt(int directory, char *nameTemplate, int suffixLength)
+int ChooseUniqueNameAt(int directory, char *nameTemplate, int suffixLength)
 {
     return _MakeUnique(nameTemplate, suffixLength, [directory](const char *name) {
-        if (mkdirat(directory, name, S_IRWXU) != 0) return -1;
-        if (_GiveOwner({directory, name, name}, S_IRWXU) == 0) return 0;
-        const ErrnoKeeper keeper;
-        (void)unlinkat(directory, name, AT_REMOVEDIR);
-        return -1;
+        TQFileStatus status;
+        if (GetStatus({directory, name, name}, Links::NoFollow, &status) == 0) errno = EEXIST;
+        return errno == ENOENT ? 0 : -1;
     });
+}
+
+int MakeOwnDirectoryAt(int directory, const char *name)
+{
+    if (mkdirat(directory, name, S_IRWXU) != 0) return -1;
+    if (_GiveOwner({directory, name, name}, S_IRWXU) == 0) return 0;
+    const ErrnoKeeper keeper;
+    (void)unlinkat(directory, name, AT_REMOVEDIR);
+    return -1;
+}
+
+int MakeUniqueDirectoryAt(int directory, char *nameTemplate, int suffixLength)
+{
+    return _MakeUnique(nameTemplate, suffixLength,
+                       [directory](const char *name) { return MakeOwnDirectoryAt(directory, name); });
 }
 
 int MakeUniqueDirectory(char *pathTemplate)
@@ -112,20 +125,23 @@ int RenameToUnique(const char *from, char *pathTemplate)
                        [from](const char *path) { return RenameIntoNothing(Item::AtPath(from), Item::AtPath(path)); });
 }
 
+int MakeOwnFileAt(int directory, const char *name)
+{
+    constexpr mode_t kOwners = S_IRUSR | S_IWUSR;
+    UniqueFd fd(openat(directory, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kOwners));
+    TQFileStatus status;
+    if (!fd) return -1;
+    if (GetStatusOfFd(fd.get(), &status) == 0 && ((status.mode & kOwners) == kOwners || fchmod(fd.get(), kOwners) == 0))
+        return fd.Release();
+    const ErrnoKeeper keeper;
+    (void)unlinkat(directory, name, 0);
+    return -1;
+}
+
 int MakeUniqueFileAt(int directory, char *nameTemplate, int suffixLength)
 {
-    return _MakeUnique(nameTemplate, suffixLength, [directory](const char *name) {
-        constexpr mode_t kOwners = S_IRUSR | S_IWUSR;
-        UniqueFd fd(openat(directory, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kOwners));
-        TQFileStatus status;
-        if (!fd) return -1;
-        if (GetStatusOfFd(fd.get(), &status) == 0 &&
-            ((status.mode & kOwners) == kOwners || fchmod(fd.get(), kOwners) == 0))
-            return fd.Release();
-        const ErrnoKeeper keeper;
-        (void)unlinkat(directory, name, 0);
-        return -1;
-    });
+    return _MakeUnique(nameTemplate, suffixLength,
+                       [directory](const char *name) { return MakeOwnFileAt(directory, name); });
 }
 
 int MakeUniqueFile(char *pathTemplate, int suffixLength)
