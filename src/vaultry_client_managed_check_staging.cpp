@@ -156,7 +156,7 @@ Note GetNote(const Unique &unique, char (&home)[PATH_MAX], MovedDocument *docume
     const FoundOwner &owner = unique.owner;
     if (owner.life == OwnerLife::None) return GetNoteOfEarlierVersion(unique, home);
     // The note of a move is on disk before its document comes.
-    if (!owner.readable) return owner.isBlank ? Note::Absent : Note::Malformed;
+    if (!owner.readable) return owner.isBlank && owner.life == OwnerLife::Dead ? Note::Absent : Note::Malformed;
     if (owner.note.work != Work::Move) return Note::Absent;
     memcpy(home, owner.note.document, sizeof home);
     *document = {owner.note.topMode != OwnerNote::kUnknownMode, owner.note.topMode, owner.note.topFlags, owner.written};
@@ -186,13 +186,23 @@ void CheckDocument(const Unique &unique, uint32_t mode, const char *home, const 
             [&] { return GiveBack(unique, mode, home, document); }, home);
 }
 
+// Made and filled under the store's lock: who holds that alone finds bare only what a kill left so.
+bool IsBare(const Unique &unique)
+{
+    TQFileStatus note;
+    const Item ownerFile{unique.fd, kOwnerFileName, unique.item.path};
+    if (platform::GetStatus(unique.staged, Links::NoFollow, &note) == 0 || errno != ENOENT) return false;
+    if (platform::GetStatus(ownerFile, Links::NoFollow, &note) == 0) return S_ISREG(note.mode) && note.size == 0;
+    return errno == ENOENT && _FillingOf(unique.item, unique.status) == Filling::Empty;
+}
+
 // What a restore put beside its document is settled before its note goes.
 void CheckLeftovers(const Unique &unique, Findings &findings)
 {
     const FoundOwner &owner = unique.owner;
     const bool isDead = owner.life == OwnerLife::Dead && owner.readable && owner.note.work != Work::CopyOut;
     if (isDead && owner.note.hasExchange && !_CheckExchange(owner.note, unique.area.storeOwner, findings)) return;
-    CheckLitter(unique, isDead, findings);
+    CheckLitter(unique, isDead || (findings.repair() && IsBare(unique)), findings);
 }
 
 // What can't be read may be somebody's only copy: only what is surely absent counts as absent.

@@ -5,6 +5,7 @@
 #include "Platform/Volume.h"
 #include "Shared/vaultry_internal_failure.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -164,7 +165,8 @@ void ReadOwnerFile(int fd, FoundOwner *found)
 {
     char text[kNoteCapacity];
     const ssize_t length = pread(fd, text, sizeof text, 0);
-    found->isBlank = length == 0 || (length > 0 && text[0] == '\0');
+    // A file system that had noted the size, and not written the bytes, gives zeros.
+    found->isBlank = length >= 0 && std::all_of(text, text + length, [](char byte) { return byte == '\0'; });
     if (length <= 0) return;
     NoteReader reader(text, static_cast<size_t>(length));
     found->readable = ReadNote(reader, &found->note);
