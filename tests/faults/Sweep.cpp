@@ -4,7 +4,9 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <sys/syscall.h>
+#include <vaultry/vaultry.hpp>
 
 namespace {
 
@@ -17,6 +19,9 @@ constexpr int kErrors[] = {ENOSPC, EACCES, EPERM, EMFILE, ENOMEM, EINTR, EDQUOT,
 // From some call on: a disk that broke, is full, or was made read-only.
 constexpr int kLastingErrors[] = {EIO, ENOSPC, EROFS};
 
+// The way back met a fault itself: both states stay, and a person decides.
+constexpr char kNotHome[] = "Failed to give the document back to .*nosync";
+
 // What one failing call leaves because it struck the clean-up, which said so in the log.
 const struct {
     std::regex said, left;
@@ -24,10 +29,7 @@ const struct {
     {std::regex("failed to protect store"), std::regex("/store|/out")},
     {std::regex("deletable|Failed to remove|fts_"), std::regex("/store/\\.vaultry_staging/.*|/out.*|.*nosync.*")},
     {std::regex("Failed to revert"), std::regex("/store/[a-z]+")},
-    {std::regex("create file URL|writable before moving it|rename old file to temp"), std::regex(".*nosync\\.\\*")},
-    {std::regex("rename old file to temp|make restore permissions"),
-     std::regex("/d|/d.rtf|/other volume/d")}, // writable
-    {std::regex("duplix from"), std::regex("/other volume/.*")},
+    {std::regex(kNotHome), std::regex(".*(/d|nosync\\.\\*).*")},
 };
 
 template <size_t count> int InTurn(const int (&errors)[count], int nth)
@@ -70,6 +72,46 @@ std::string MayLack(int call, int error)
     return error == ENOTSUP || error == EPERM ? " flags \\d+| \\S*orig_perms_v1=\\d+" : ""; // which records flags too
 }
 
+// A row has five cells that are read: where what lies, in three places, what a repair finds, and what it leaves. In a cell
+// "or" parts what may be; "perhaps" is before what need not be found.
+struct KillTable {
+    std::vector<std::vector<std::string>> rows;
+    std::vector<bool> met;
+};
+
+std::vector<std::string> Split(const std::string &text, const char *by)
+{
+    const std::regex between(by);
+    return {std::sregex_token_iterator(text.begin(), text.end(), between, -1), {}};
+}
+
+KillTable &TableOfKills(const std::string &name)
+{
+    static std::map<std::string, KillTable> tables;
+    KillTable &table = tables[name];
+    std::ifstream page(VAULTRY_TESTS_DIRECTORY "/../docs/architecture.md");
+    for (std::string line; table.rows.empty() && std::getline(page, line);)
+        if (line.starts_with("| " + name + " "))
+            for (std::getline(page, line); std::getline(page, line) && line.starts_with("|");)
+                table.rows.push_back(Split(std::regex_replace(line, std::regex("`"), ""), " *\\| *"));
+    table.met.resize(table.rows.size());
+    return table;
+}
+
+bool Matches(const std::vector<std::string> &row, const std::vector<std::string> &state, std::set<std::string> found)
+{
+    for (size_t i = 0; i < state.size(); ++i) {
+        const auto choices = Split(row.at(i + 2), " or ");
+        if (i != 3 && std::find(choices.begin(), choices.end(), state[i]) == choices.end()) return false;
+    }
+    for (const auto &kind : Split(row.at(5), ", "))
+        if (kind.starts_with("perhaps "))
+            found.erase(kind.substr(8));
+        else if (kind != "nothing" && found.erase(kind) == 0)
+            return false;
+    return found.empty();
+}
+
 std::string Show(const Fault &fault)
 {
     const char *const acts[] = {"nothing", "failing", "kill before", "kill after", "failing allocation"};
@@ -79,6 +121,15 @@ std::string Show(const Fault &fault)
 }
 
 } // namespace
+
+void ExpectEveryRowMet(const std::string &name)
+{
+    KillTable &table = TableOfKills(name);
+    EXPECT_FALSE(table.rows.empty()) << name;
+    for (size_t i = 0; i < table.rows.size(); ++i)
+        EXPECT_TRUE(table.met[i] || kStep > 1) << "no kill meets: " << testing::PrintToString(table.rows[i]);
+    table.met.assign(table.rows.size(), false);
+}
 
 Scene::Scene(TestStore::Document kind, bool lifts)
     : store(kind, QuickVolume()), document(store.document()),
@@ -111,6 +162,7 @@ void Scene::WorkOn(const std::string &path, bool folder)
 {
     document = restored = path;
     disk::Write(folder ? disk::MakeDirectory(path) + "/in" : path, "now");
+    if (folder) disk::Write(path + "/too", "now");
     chmod(path.c_str(), folder ? 0555 : 0640);
     disk::SetFlags(path, FS_NODUMP_FL);
     store.Remember(path, "backup");
@@ -127,15 +179,23 @@ Snapshot Scene::Now() const
     return now;
 }
 
+std::vector<std::string> Scene::Placeholders() const
+{
+    const std::string directory = document.substr(0, document.rfind('/'));
+    std::vector<std::string> paths;
+    for (const auto &name : disk::List(directory))
+        if (name.find("-tmp.nosync.") != std::string::npos) paths.push_back(directory + "/" + name);
+    return paths;
+}
+
 bool Scene::HoldsDocument(const Snapshot &contents) const
 {
     std::vector<std::string> places = {document, store.Generation("g")};
-    const std::string directory = document.substr(0, document.rfind('/'));
-    for (const auto &name : disk::List(directory))
-        if (name.find("-tmp.nosync.") != std::string::npos) places.push_back(directory + "/" + name);
+    for (const auto &path : Placeholders()) places.push_back(path);
     for (const auto &name : disk::List(store.Staging())) {
         const std::string unique = store.Staging() + "/" + name;
-        if (disk::Attribute(unique, "com.corvane.vaultry.moved_from") == document) places.push_back(unique + "/staged");
+        if (disk::Read(unique + "/.vaultry_owner").find("\n" + document + "\nend\n") != std::string::npos)
+            places.push_back(unique + "/staged");
     }
     return std::any_of(places.begin(), places.end(),
                        [&](const auto &place) { return ContentsOfDocument(place) == contents; });
@@ -209,7 +269,18 @@ void Sweeper::Walk(int &points, const Faults &faults)
         const int failures = Failures();
         Judge(fault, outcome, scene);
         swept_.then(scene);
-        if (disk::Exists(scene.store.root())) scene.store.CheckInvariants(swept_.subject, /*killed=*/true);
+        // By which a check looks beside the document, note or not.
+        if (!scene.restored.empty()) {
+            EXPECT_TRUE(vaultry::Store::open(scene.store.root())
+                            ->set_info("kept", vaultry::document_key, vaultry::Data(scene.document)));
+        }
+        if (outcome.fate == Fate::Killed && !swept_.table.empty()) JudgeKill(scene);
+        const bool isHome = std::none_of(outcome.log.begin(), outcome.log.end(), [](const LogLine &line) {
+            return std::regex_search(line.text, std::regex(kNotHome));
+        });
+        if (disk::Exists(scene.store.root()))
+            scene.store.CheckInvariants(swept_.subject, /*killed=*/true, isHome ? "" : "document-aside");
+        EXPECT_TRUE(!isHome || scene.Placeholders().empty());
         violations += Failures() > failures ? 1 : 0;
         if (!outcome.faultFired) {
             EXPECT_TRUE(outcome.succeeded) << outcome.message;
@@ -217,6 +288,58 @@ void Sweeper::Walk(int &points, const Faults &faults)
         }
         ++points;
     }
+}
+
+std::string Sweeper::Named(const std::string &path) const
+{
+    if (!disk::Exists(path)) return "nothing";
+    const Snapshot found = ContentsOfDocument(path);
+    if (found == documentBefore_) return "the document";
+    if (found == restored_) return "the copy";
+    if (disk::List(path).empty() && disk::Read(path).empty()) return "an empty item";
+    const bool isOld = std::all_of(found.items.begin(), found.items.end(),
+                                   [&](const auto &item) { return documentBefore_.items.count(item.first); });
+    return isOld ? "a part of the document" : "a part of the copy";
+}
+
+// What lies where has to be a row of the table, and so has what a repair finds and leaves.
+void Sweeper::JudgeKill(Scene &scene) const
+{
+    const bool moves = scene.restored.empty();
+    const auto atPath = [&] {
+        const bool renamed =
+            !scene.restored.empty() && scene.restored != scene.document && disk::Exists(scene.restored);
+        const std::string old = Named(scene.document), copy = renamed ? Named(scene.restored) + " by its new name" : "";
+        return !renamed ? old : old == "nothing" ? copy : old + " and " + copy;
+    };
+    const std::string generation = scene.store.Generation(swept_.subject);
+    const auto inStore = [&] { return std::string(disk::Exists(generation) ? "the generation" : "nothing"); };
+    std::string beside, own, other; // what lies in staging of itself, and of the backup
+    for (const auto &path : scene.Placeholders()) beside += Named(path);
+    for (const auto &name : disk::List(scene.store.Staging())) {
+        const std::string unique = scene.store.Staging() + "/" + name, note = disk::Read(unique + "/.vaultry_owner"),
+                          item = disk::Exists(unique + "/staged") ? Named(unique + "/staged") : "";
+        const bool isPart = item.find("part") != item.npos || item == "an empty item";
+        if (note.find(moves ? "\nwork move\n" : "\nwork restore\n") != note.npos)
+            own = "the note" + (item.empty() ? "" : " and " + (isPart ? "a part of the copy" : item));
+        else
+            other = note.empty() ? disk::List(unique).empty() ? "an empty directory" : "an empty note" : "a backup";
+    }
+    std::vector<std::string> state = {atPath(), beside.empty() ? "nothing" : beside,
+                                      !own.empty() && !other.empty() ? own + ", a backup"
+                                      : own.empty() && other.empty() ? "nothing"
+                                                                     : own + other};
+    if (moves) state = {state[0], state[2], inStore()};
+    std::set<std::string> kinds;
+    for (const auto &finding : *vaultry::Store::findings(scene.store.root(), /*repair=*/true))
+        kinds.insert(finding.kind);
+    state.insert(state.end(), {"", moves && atPath() == "nothing" ? inStore() : atPath()});
+
+    KillTable &table = TableOfKills(swept_.table);
+    bool isRow = false;
+    for (size_t i = 0; i < table.rows.size(); ++i)
+        if (Matches(table.rows[i], state, kinds)) isRow = table.met[i] = true;
+    EXPECT_TRUE(isRow) << "no row of the table: " << testing::PrintToString(state) << testing::PrintToString(kinds);
 }
 
 void Sweeper::Judge(const Fault &fault, const Outcome &outcome, Scene &scene)

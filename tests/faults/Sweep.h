@@ -18,6 +18,7 @@ struct Scene {
     // The document that is worked on, in place of the store's own.
     void WorkOn(const std::string &path, bool folder);
     Snapshot Now() const;
+    std::vector<std::string> Placeholders() const; // beside the document
     bool HoldsDocument(const Snapshot &contents) const;
 
     TestStore store;
@@ -43,7 +44,11 @@ struct Swept {
     int step = 1;                     // between the calls that the daily run meets
     bool silent = false;              // its failures have no error object
     std::function<void(Scene &)> then = [](Scene &) {};
+    std::string table = ""; // of docs/architecture.md, by its first words: what a kill leaves, and a repair makes of it
 };
+
+// Whether since the last time kills have met every row of the table.
+void ExpectEveryRowMet(const std::string &table);
 
 class Sweeper {
 public:
@@ -55,6 +60,8 @@ private:
     void ExpectMessages() const;
     void Walk(int &points, const Faults &faults);
     void Judge(const Fault &fault, const Outcome &outcome, Scene &scene);
+    void JudgeKill(Scene &scene) const;
+    std::string Named(const std::string &path) const;
     void JudgeReport(const Fault &fault, const Outcome &outcome, const Scene &scene, bool broken);
 
     Outcome Run(const Fault &fault, Scene &scene) const;

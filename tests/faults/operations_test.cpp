@@ -54,7 +54,9 @@ TEST_P(FaultsWhile, Adding)
                    .run = DO(TQClientManagedStorageAdd(store, "g", scene.document.c_str(), 6, why, copy)),
                    .subject = "g",
                    .unfinished = copy ? "" : "/document.*|/outside",
-                   .stays = kLastFlush + "|generation root|setxattr\\(\".*/store/g\"\\)"});
+                   .stays = kLastFlush + "|generation root|setxattr\\(\".*/store/g\"\\)",
+                   .table = copy ? "" : "A move"});
+    ExpectEveryRowMet("A move");
 }
 
 TEST_P(FaultsWhile, CopyingOut)
@@ -120,7 +122,9 @@ TEST_P(FaultsWhile, Restoring)
                .subject = row.backup ? row.backup : "",
                .unfinished = row.unfinished,
                .stays = "(fts_|remove).*nosync|nosync.*deletable|xattr|generation root|flush .*/store",
-               .step = row.step});
+               .step = row.step,
+               .table = row.prepare.target_type() == typeid(onNothing) ? "" : "A restore"});
+    ExpectEveryRowMet("A restore");
 }
 
 TEST_P(FaultsWhile, Reading)
