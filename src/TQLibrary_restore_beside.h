@@ -84,7 +84,7 @@ public:
     const char *name() const { return name_; }
     const char *placeholder() const { return placeholder_; } // its first name, once chosen
     const char *path() const { return path_.c_str(); }       // of the placeholder
-    bool isAcross() const { return isAcross_; } // copied from another volume
+    bool isAcross() const { return isAcross_; }              // copied from another volume
     ItemId id() const { return ItemId::Of(status_); }
 
 private:
