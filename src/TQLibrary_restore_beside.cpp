@@ -7,6 +7,7 @@
 #include "Platform/Flush.h"
 #include "Platform/InodeFlags.h"
 #include "Platform/ProcPath.h"
+#include "Platform/Rename.h"
 #include "Platform/UniqueNames.h"
 #include "Platform/Volume.h"
 #include "Platform/duplix.h"
@@ -61,10 +62,21 @@ const char *ReplacedDocument::name() const
     return slash ? slash + 1 : trimmed.c_str();
 }
 
-bool ReplacedDocument::Holds(const char *nameInFolder, const ItemId &id) const
+ReplacedDocument::Held ReplacedDocument::Holds(const char *nameInFolder, const ItemId &id) const
 {
     TQFileStatus status;
-    return platform::GetStatus(At(nameInFolder), Links::NoFollow, &status) == 0 && ItemId::Of(status) == id;
+    if (platform::GetStatus(At(nameInFolder), Links::NoFollow, &status) != 0)
+        return errno == ENOENT ? Held::No : Held::Unknown;
+    return ItemId::Of(status) == id ? Held::Yes : Held::No;
+}
+
+bool ReplacedDocument::Rename(const char *from, const char *to, const ItemId &id, bool mayReplace) const
+{
+    const int result =
+        mayReplace ? renameat(folder.get(), from, folder.get(), to) : platform::RenameIntoNothing(At(from), At(to));
+    if (result == 0) return true;
+    const ErrnoKeeper keeper;
+    return Holds(to, id) == Held::Yes && Holds(from, id) == Held::No;
 }
 
 int ReplacedDocument::IsUnchangedAt(const char *nameInFolder, bool *isUnchanged) const
@@ -137,9 +149,16 @@ bool Beside::Make(bool isDirectory, TQError **error)
     return true;
 }
 
+bool Beside::CameAllTheSame(const StagedCopy &staged) const
+{
+    const ErrnoKeeper keeper;
+    return document_.Holds(name_, ItemId::Of(staged.status)) == ReplacedDocument::Held::Yes;
+}
+
 bool Beside::Bring(const StagedCopy &staged, bool *isAcross, TQError **error)
 {
-    if (renameat(AT_FDCWD, staged.path, document_.folder.get(), name_) == 0) {
+    const int result = renameat(AT_FDCWD, staged.path, document_.folder.get(), name_);
+    if (result == 0 || CameAllTheSame(staged)) {
         status_ = staged.status;
         return OpenCopy(ItemId::Of(staged.status), error);
     }

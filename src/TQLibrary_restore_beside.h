@@ -36,8 +36,13 @@ struct ReplacedDocument {
     const char *name() const;
     int folderLength() const; // of the folder's path with its slash
     Item At(const char *nameInFolder) const { return {folder.get(), nameInFolder, path}; }
-    // What stands at a name in the folder: whether that is `id`.
-    bool Holds(const char *nameInFolder, const ItemId &id) const;
+    // Whether `id` stands at a name in the folder. An error is neither.
+    enum class Held { No, Yes, Unknown };
+    Held Holds(const char *nameInFolder, const ItemId &id) const;
+
+    // Renames the item `id`, replacing nothing but what the name is known to hold. A refusal is held against what is there
+    // then: some volumes lose the answer of what they did.
+    bool Rename(const char *from, const char *to, const ItemId &id, bool mayReplace = false) const;
     // Whether what stands there is what was looked at first, and has not been written to since.
     // 0, or -1 with errno.
     int IsUnchangedAt(const char *nameInFolder, bool *isUnchanged) const;
@@ -86,9 +91,11 @@ public:
     const char *path() const { return path_.c_str(); }       // of the placeholder
     bool isAcross() const { return isAcross_; }              // copied from another volume
     ItemId id() const { return ItemId::Of(status_); }
+    const TQFileStatus &status() const { return status_; }
 
 private:
     bool FailToMake(bool isDirectory, TQError **error) const;
+    bool CameAllTheSame(const StagedCopy &staged) const;
     bool OpenCopy(const ItemId &expected, TQError **error);
     bool Flush(TQError **error) const;
     Item item() const { return {document_.folder.get(), name_, path_.c_str()}; }

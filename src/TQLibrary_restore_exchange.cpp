@@ -43,22 +43,16 @@ bool Exchange::changesName() const
     return strcmp(restoredName(), document_.name()) != 0;
 }
 
-// Replaces nothing.
-bool Exchange::Rename(const char *from, const char *to) const
-{
-    return platform::RenameIntoNothing(document_.At(from), document_.At(to)) == 0;
-}
-
 bool Exchange::Note(TQError **error)
 {
     PlannedExchange plan;
-    plan.document = ItemId::Of(document_.itself);
-    plan.copy = ItemId::Of(staged_.status);
-    plan.placeholder = copy_.id();
+    plan.document = ItemMark::Of(document_.itself);
+    plan.copy = ItemMark::Of(staged_.status);
+    plan.placeholder = ItemMark::Of(copy_.status());
     const char *const aside = aside_.placeholder()[0] != '\0' ? aside_.path() : "";
     if (aside[0] != '\0') {
-        plan.copy = copy_.id();
-        plan.placeholder = aside_.id();
+        plan.copy = ItemMark::Of(copy_.status());
+        plan.placeholder = ItemMark::Of(aside_.status());
     }
     (void)plan.waiting.Format("%s", copy_.path());
     (void)plan.aside.Format("%s", aside);
@@ -82,7 +76,8 @@ bool Exchange::Do(TQError **error)
 
 bool Exchange::Swap(TQError **error)
 {
-    if (platform::ExchangeAt(document_.folder.get(), document_.name(), copy_.name()) == 0) {
+    const int result = platform::ExchangeAt(document_.folder.get(), document_.name(), copy_.name());
+    if (result == 0 || IsSwappedAllTheSame()) {
         isSwapped_ = true;
         (void)strcpy(old_, copy_.name());
         copy_.MovedTo(document_.name());
@@ -93,18 +88,24 @@ bool Exchange::Swap(TQError **error)
                                 copy_.path());
 }
 
+// Some volumes lose the answer of what they did.
+bool Exchange::IsSwappedAllTheSame() const
+{
+    const ErrnoKeeper keeper;
+    return document_.Holds(document_.name(), copy_.id()) == Held::Yes;
+}
+
 // The path is empty for a moment: a kill in it leaves the document under a name that was noted before.
 bool Exchange::ByTwoRenames(TQError **error)
 {
     const bool isDirectory = S_ISDIR(document_.itself.mode);
     if (!aside_.Choose(isDirectory, error) || !Note(error) || !aside_.Make(isDirectory, error)) return false;
-    const int folder = document_.folder.get();
-    if (renameat(folder, document_.name(), folder, aside_.name()) != 0)
+    if (!document_.Rename(document_.name(), aside_.name(), ItemId::Of(document_.itself), /*mayReplace=*/true))
         return Failure(error).Errno("Failed to rename old file to temp path (\"%s\" -> \"%s\")", document_.path,
                                     aside_.path());
     (void)strcpy(old_, aside_.name());
     aside_.Release();
-    if (!Rename(copy_.name(), document_.name()))
+    if (!document_.Rename(copy_.name(), document_.name(), copy_.id()))
         return Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged_.path,
                                     restoredPath_);
     copy_.MovedTo(document_.name());
@@ -114,11 +115,11 @@ bool Exchange::ByTwoRenames(TQError **error)
 // The copy gets its new name first, so that at no moment there is neither.
 bool Exchange::ByNewName(TQError **error)
 {
-    if (!Rename(copy_.name(), restoredName()))
+    if (!document_.Rename(copy_.name(), restoredName(), copy_.id()))
         return Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged_.path,
                                     restoredPath_);
     copy_.MovedTo(restoredName());
-    if (!Rename(document_.name(), copy_.placeholder()))
+    if (!document_.Rename(document_.name(), copy_.placeholder(), ItemId::Of(document_.itself)))
         return Failure(error).Errno("Failed to rename old file to temp path (\"%s\" -> \"%s\")", document_.path,
                                     copy_.path());
     (void)strcpy(old_, copy_.placeholder());
@@ -135,8 +136,10 @@ bool Exchange::RequireUnchanged(TQError **error)
     return Failure(error).Status(kTQStatusFailed, "\"%s\" was changed while it was being restored", document_.path);
 }
 
+// Looked at once more: the flush takes its time, and who has the document open may have written to it.
 bool Exchange::RemoveOld(TQError **error)
 {
+    if (!RequireUnchanged(error)) return false;
     bool begun = false;
     TreeRemoval how;
     how.expected = &document_.itself;
@@ -154,17 +157,19 @@ bool Exchange::RemoveOld(TQError **error)
     return removed;
 }
 
-// If somebody saves in between, what was saved stays at the path, or comes back to it.
+// If somebody saves in between, what was saved stays at the path, or comes back to it. What can't be told is left as it is.
 bool Exchange::SwapBack()
 {
     const int folder = document_.folder.get();
     const char *const home = document_.name();
-    if (!document_.Holds(home, copy_.id()) || platform::ExchangeAt(folder, home, old_) != 0) return false;
-    if (document_.Holds(old_, copy_.id())) {
+    if (document_.Holds(home, copy_.id()) != Held::Yes) return false;
+    const int result = platform::ExchangeAt(folder, home, old_);
+    const Held found = document_.Holds(old_, copy_.id());
+    if (found == Held::Yes || (result == 0 && found == Held::Unknown)) {
         copy_.MovedTo(old_);
         return true;
     }
-    (void)platform::ExchangeAt(folder, home, old_);
+    if (result == 0) (void)platform::ExchangeAt(folder, home, old_);
     return false;
 }
 
@@ -172,24 +177,31 @@ bool Exchange::SwapBack()
 bool Exchange::RenameBack()
 {
     const char *const home = document_.name(), *const waiting = copy_.placeholder();
-    const bool isFreed = !changesName() && document_.Holds(home, copy_.id()) && Rename(home, waiting);
-    if (Rename(old_, home)) {
+    const bool isFreed =
+        !changesName() && document_.Holds(home, copy_.id()) == Held::Yes && document_.Rename(home, waiting, copy_.id());
+    if (document_.Rename(old_, home, ItemId::Of(document_.itself))) {
         if (isFreed) copy_.MovedTo(waiting);
         return true;
     }
-    if (isFreed) (void)Rename(waiting, home);
+    if (isFreed) (void)document_.Rename(waiting, home, copy_.id());
     return false;
 }
 
+// Once. What is given up for the document, the backup and the note, goes only when its way back is on disk.
 void Exchange::TakeBack()
 {
-    if (old_[0] == '\0') return;
+    if (old_[0] == '\0' || isTakenBack_) return;
     const ErrnoKeeper keeper;
+    isTakenBack_ = true;
     copy_.TakeBlockingFlags();
     if (isSwapped_ ? SwapBack() : RenameBack()) {
         old_[0] = '\0';
+        if (copy_.FlushFolder(nullptr)) return;
+        isBackupNeeded_ = true;
+        staging_.Keep();
         return;
     }
     copy_.Release(); // it may be all that is at the document's path
+    staging_.Keep(); // its note says what is where
     Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", document_.path, oldPath());
 }

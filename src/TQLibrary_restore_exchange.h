@@ -45,10 +45,12 @@ public:
     bool isBackupNeeded() const { return isBackupNeeded_ || !isDocumentHome(); }
 
 private:
+    using Held = ReplacedDocument::Held;
+
     const char *restoredName() const;
     const char *oldPath() const;
     bool changesName() const;
-    bool Rename(const char *from, const char *to) const;
+    bool IsSwappedAllTheSame() const;
     bool Swap(TQError **error);
     bool ByTwoRenames(TQError **error);
     bool ByNewName(TQError **error);
@@ -64,5 +66,6 @@ private:
     const StagedCopy &staged_;
     char old_[NAME_MAX + 1] = ""; // where the old document is, while it is not at its path
     bool isSwapped_ = false;      // by one call
+    bool isTakenBack_ = false;
     bool isBackupNeeded_ = false;
 };

@@ -34,6 +34,7 @@ OwnerNote MakeNote(const char *source, bool copy)
     if (copy || platform::GetStatus(Item::AtPath(source), Links::NoFollow, &status) != 0) return note;
     note.topMode = status.mode & 07777;
     note.topFlags = status.flags;
+    note.top = ItemId::Of(status);
     return note;
 }
 
@@ -172,7 +173,7 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
     }
 
     // A moved document is somebody's only copy: it goes home first. If it can't, staging stays.
-    const MovedDocument document{note.topMode != OwnerNote::kUnknownMode, note.topMode, note.topFlags,
+    const MovedDocument document{note.topMode != OwnerNote::kUnknownMode, note.top, note.topMode, note.topFlags,
                                  staging.written()};
     if (!copy && !_GiveDocumentBack(Item::AtPath(staged), Item::AtPath(source), document)) staging.Keep();
     return false;

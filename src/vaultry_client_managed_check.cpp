@@ -25,7 +25,7 @@ struct OpenStore {
     Item root;
     Item lockFile;
     Item staging;
-    uid_t owner; // of what a repair believes
+    TQFileStatus owner; // of the root: on whose word a repair acts
 };
 
 // Before there is a lock to be held, so the root is as open afterwards as it was.
@@ -95,7 +95,7 @@ void CheckStagingDirectory(const OpenStore &store, Findings &findings)
     if ((status.mode & 0777) != kStagingMode)
         findings.AddMendable(item.path, "staging-mode", "The staging directory does not have the mode 0700.",
                              [&] { return SetModeOf(item, status, kStagingMode); });
-    _CheckStagingArea(item, store.owner, findings);
+    _CheckStagingArea(item, findings);
 }
 
 bool CheckGenerations(const OpenStore &store, Findings &findings, TQError **error)
@@ -142,7 +142,7 @@ bool CheckStore(OpenStore &store, Findings &findings, TQError **error)
     TQFileStatus before;
     TQFileStatus after;
     if (!GetRootStatus(store, &before, error)) return false;
-    store.owner = before.owner;
+    store.owner = before;
     if (!CheckContents(store, findings, error) || !GetRootStatus(store, &after, error)) return false;
     const bool isOpen = (after.mode & kWriteBits) != 0;
     if ((before.mode & kWriteBits) != 0 || isOpen)
@@ -196,7 +196,7 @@ void Findings::AddLiving(const OwnerNote &note)
 {
     if (note.work == Work::Restore) (void)BeginDocument(note.document);
     if (!note.hasExchange) return;
-    for (ItemId item : {note.exchange.document, note.exchange.copy, note.exchange.placeholder}) {
+    for (ItemId item : {note.exchange.document.id, note.exchange.copy.id, note.exchange.placeholder.id}) {
         if (!note.IsOfThisMachine()) item.device = 0;
         (void)Note(living_, &item, sizeof item);
     }
@@ -237,7 +237,7 @@ TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, T
     OpenStore store{{root.get(), ".", rootPath},
                     {root.get(), kLockFileName, lockFile.c_str()},
                     {root.get(), kStagingName, staging.c_str()},
-                    /*owner=*/0};
+                    /*owner=*/{}};
     if (!RequireStore(store, error) || !_RequireKnownFormat(rootPath, store.lockFile, error)) return nullptr;
 
     Findings findings(repair);

@@ -102,15 +102,16 @@ private:
     UniqueFd fd_;
 };
 
-// Its items, its attributes, and what restores of its document left beside that. `owner` is the store's.
-void _CheckGeneration(const Item &generation, uid_t owner, Findings &findings);
+// Its items, its attributes, and what restores of its document left beside that. `owner` is of the store's directory.
+void _CheckGeneration(const Item &generation, const TQFileStatus &owner, Findings &findings);
 
 // Whether there is something in it.
 enum class Filling { Empty, Full, Unknown };
 Filling _FillingOf(const Item &item, const TQFileStatus &status);
 
 // What operations left in staging, and of restores beside their documents.
-void _CheckStagingArea(const Item &area, uid_t owner, Findings &findings);
+void _CheckStagingArea(const Item &area, Findings &findings);
 
-// What a dead restore left beside its document, by what it noted. True if nothing is left there.
-bool _CheckExchange(const OwnerNote &note, uid_t owner, Findings &findings);
+// What a restore left beside its document, by what it noted. `author` is of the directory that holds the note. True if
+// nothing is left there.
+bool _CheckExchange(const FoundOwner &owner, const TQFileStatus &author, Findings &findings);

@@ -1,10 +1,10 @@
-// Checking what a dead restore left beside its document: by device and inode it is told which item is the document and
-// which the copy, wherever the restore was cut short. What is neither is reported and left to a person.
+// Checking what a restore left beside its document: by device, inode and birth it is told which item is the document and
+// which the copy, wherever the restore was cut short. What is neither, or was written to since, is reported and left to a
+// person; so is everything of a restore that may live.
 
 #include "vaultry_client_managed_check.h"
 
-#include "vaultry_client_managed_trust.h"
-
+#include "Platform/ActingAs.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Rename.h"
 #include "Shared/vaultry_flush.h"
@@ -22,67 +22,77 @@ enum class Holds { Nothing, Document, Copy, Empty, Other, Unknown };
 
 class LeftExchange {
 public:
-    LeftExchange(const OwnerNote &note, int folder, uid_t owner, Findings &findings)
-        : note_(note), folder_(folder), owner_(owner), findings_(findings)
+    LeftExchange(const FoundOwner &owner, int folder, const TQFileStatus &author, Findings &findings)
+        : note_(owner.note), isOver_(owner.life == OwnerLife::Dead), folder_(folder), author_(author),
+          findings_(findings)
     {
     }
 
     // True if nothing is left at the name of `path`.
     bool Settle(const char *path);
+    bool SettleRenamed();
 
 private:
-    Item At(const char *path) const
+    static Item In(int folder, const char *path)
     {
         const char *const slash = strrchr(path, '/');
-        return {folder_, slash ? slash + 1 : path, path};
+        return {folder, slash ? slash + 1 : path, path};
     }
+    Item At(const char *path) const { return In(folder_, path); }
     Holds Look(const Item &item, TQFileStatus *status) const;
-    bool Is(const TQFileStatus &status, const ItemId &id) const;
-    bool GiveBack(const Item &item, const TQFileStatus &status) const;
-    bool Remove(const Item &item, const TQFileStatus &status) const;
-    bool RemoveEmpty(const Item &item, const TQFileStatus &status) const;
+    template <class Mend>
+    bool Report(const char *path, const char *kind, const char *meaning, Mend mend, const char *home = nullptr);
+    static bool GiveBack(const Item &item, const Item &home);
+    static bool Remove(const Item &item, const TQFileStatus &status);
 
     const OwnerNote &note_;
+    bool isOver_;
     int folder_;
-    uid_t owner_;
+    const TQFileStatus &author_; // the directory that holds the note: whose word it is
     Findings &findings_;
 };
-
-// Since the machine was started anew the volume's device may have another number.
-bool LeftExchange::Is(const TQFileStatus &status, const ItemId &id) const
-{
-    return id.inode != 0 && status.inode == id.inode && (status.device == id.device || !note_.IsOfThisStart());
-}
 
 Holds LeftExchange::Look(const Item &item, TQFileStatus *status) const
 {
     if (platform::GetStatus(item, Links::NoFollow, status) != 0)
         return errno == ENOENT ? Holds::Nothing : Holds::Unknown;
     const PlannedExchange &plan = note_.exchange;
-    if (Is(*status, plan.document)) return Holds::Document;
-    if (Is(*status, plan.copy) || Is(*status, plan.placeholder)) return Holds::Copy;
+    const bool deviceCounts = note_.IsOfThisStart();
+    // What was typed into the document after it was put aside is nowhere else.
+    if (plan.document.IsOf(*status, deviceCounts))
+        return plan.document.IsUnchanged(*status) ? Holds::Document : Holds::Other;
+    if (plan.copy.IsOf(*status, deviceCounts) || plan.placeholder.IsOf(*status, deviceCounts)) return Holds::Copy;
     return _FillingOf(item, *status) == Filling::Empty ? Holds::Empty : Holds::Other;
 }
 
-bool LeftExchange::GiveBack(const Item &item, const TQFileStatus &status) const
+bool LeftExchange::GiveBack(const Item &item, const Item &home)
 {
-    const Item home = At(note_.document);
-    return _OwnerMayChange(folder_, &status, owner_) && platform::RenameIntoNothing(item, home) == 0 &&
-           _FlushEntry(home.path, nullptr);
+    return platform::RenameIntoNothing(item, home) == 0 && _FlushEntry(home.path, nullptr);
 }
 
-bool LeftExchange::Remove(const Item &item, const TQFileStatus &status) const
+bool LeftExchange::Remove(const Item &item, const TQFileStatus &status)
 {
     TreeRemoval how;
     how.expected = &status;
-    return _OwnerMayChange(folder_, &status, owner_) && _RemoveTreeAt(item, how, nullptr);
+    return _RemoveTreeAt(item, how, nullptr);
 }
 
-// The name was noted before anything stood there, and nothing can be lost with what holds nothing.
-bool LeftExchange::RemoveEmpty(const Item &item, const TQFileStatus &status) const
+// Root mends what its author could have mended, in the folder that its author gets to.
+template <class Mend>
+bool LeftExchange::Report(const char *path, const char *kind, const char *meaning, Mend mend, const char *home)
 {
-    return _OwnerMayChange(folder_, &status, owner_) &&
-           unlinkat(item.directory, item.name, S_ISDIR(status.mode) ? AT_REMOVEDIR : 0) == 0;
+    if (!isOver_) {
+        findings_.Add(path, kind, meaning, /*mended=*/false, home);
+        return false;
+    }
+    return findings_.AddMendable(
+        path, kind, meaning,
+        [&] {
+            const platform::ActingAs author(author_.owner);
+            const OpenedFolder folder(path);
+            return author && folder && mend(folder.fd());
+        },
+        home);
 }
 
 bool LeftExchange::Settle(const char *path)
@@ -93,28 +103,31 @@ bool LeftExchange::Settle(const char *path)
     const Holds held = Look(item, &status);
     if (held == Holds::Nothing) return true;
     findings_.AddExplained(path);
+    const auto remove = [&](int folder) { return Remove(In(folder, path), status); };
+    // The name was noted before anything stood there, and nothing can be lost with what holds nothing.
     if (held == Holds::Empty)
-        return findings_.AddMendable(path, "placeholder-empty",
-                                     "A restore was interrupted: this is the empty item that it put beside the "
-                                     "document.",
-                                     [&] { return RemoveEmpty(item, status); });
+        return Report(path, "placeholder-empty",
+                      "A restore was interrupted: this is the empty item that it put beside the document.",
+                      [&](int folder) {
+                          const int flags = S_ISDIR(status.mode) ? AT_REMOVEDIR : 0;
+                          return unlinkat(folder, In(folder, path).name, flags) == 0;
+                      });
     const Holds home = Look(At(note_.document), &there), restored = Look(At(note_.exchange.restored.c_str()), &there);
 
     if (held == Holds::Document && restored == Holds::Copy)
-        return findings_.AddMendable(path, "old-document-beside",
-                                     "A restore was interrupted when it was done, but for removing the document's old "
-                                     "state, which this is.",
-                                     [&] { return Remove(item, status); });
+        return Report(path, "old-document-beside",
+                      "A restore was interrupted when it was done, but for removing the document's old state, which "
+                      "this is.",
+                      remove);
     if (held == Holds::Document && home == Holds::Nothing)
-        return findings_.AddMendable(
+        return Report(
             path, "document-aside", "A restore was interrupted: this is the document, which belongs elsewhere.",
-            [&] { return GiveBack(item, status); }, note_.document);
+            [&](int folder) { return GiveBack(In(folder, path), In(folder, note_.document)); }, note_.document);
     if (held == Holds::Copy && home == Holds::Document)
-        return findings_.AddMendable(
-            path, "copy-beside",
-            "A restore was interrupted: this is what it was about to put in the document's place. The document is as "
-            "it was.",
-            [&] { return Remove(item, status); });
+        return Report(path, "copy-beside",
+                      "A restore was interrupted: this is what it was about to put in the document's place. The "
+                      "document is as it was.",
+                      remove);
     findings_.Add(path, "document-aside",
                   "A restore was interrupted, and what is here, or in the document's place, has been changed since: it "
                   "may be the document, or its old state.",
@@ -122,10 +135,24 @@ bool LeftExchange::Settle(const char *path)
     return false;
 }
 
+// What stands there and is not the copy is somebody's own.
+bool LeftExchange::SettleRenamed()
+{
+    TQFileStatus status, there;
+    const char *const path = note_.exchange.restored.c_str();
+    if (Look(At(path), &status) != Holds::Copy || Look(At(note_.document), &there) != Holds::Document) return true;
+    return Report(
+        path, "copy-beside",
+        "A restore was interrupted: this is what it was about to put in the document's place. The document is "
+        "as it was.",
+        [&](int folder) { return Remove(In(folder, path), status); });
+}
+
 } // namespace
 
-bool _CheckExchange(const OwnerNote &note, uid_t owner, Findings &findings)
+bool _CheckExchange(const FoundOwner &owner, const TQFileStatus &author, Findings &findings)
 {
+    const OwnerNote &note = owner.note;
     const PlannedExchange &plan = note.exchange;
     if (!note.IsOfThisMachine()) {
         findings.Add(plan.waiting.c_str(), "document-aside",
@@ -140,7 +167,10 @@ bool _CheckExchange(const OwnerNote &note, uid_t owner, Findings &findings)
         return false;
     }
     // The document goes home first: then it is known what the other one is.
-    LeftExchange left(note, folder.fd(), owner, findings);
+    LeftExchange left(owner, folder.fd(), author, findings);
     const bool isAsideSettled = left.Settle(plan.aside.c_str());
-    return left.Settle(plan.waiting.c_str()) && isAsideSettled;
+    const bool isSettled = left.Settle(plan.waiting.c_str()) && isAsideSettled;
+    // A copy that has got a name of its own, while the document still has its.
+    const bool isRenamed = strcmp(plan.restored.c_str(), note.document) != 0;
+    return (!isRenamed || left.SettleRenamed()) && isSettled;
 }

@@ -2,10 +2,11 @@
 
 #include "vaultry_client_managed_check.h"
 #include "vaultry_client_managed_placeholder.h"
-#include "vaultry_client_managed_trust.h"
 
+#include "Platform/ActingAs.h"
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
+#include "Platform/ProcPath.h"
 #include "Platform/Rename.h"
 #include "Platform/ScopeExit.h"
 #include "Platform/TreeWalk.h"
@@ -89,10 +90,10 @@ void CheckItem(const TreeWalk::Entry &entry, Findings &findings)
 void CheckAttributes(const Item &item, Findings &findings)
 {
     const bool unnamed =
-        platform::GetAttribute(item, Links::NoFollow, kDisplayNameAttribute, nullptr, 0) < 0 && errno == ENODATA;
-    if (!unnamed && !Ref<TQString>::Adopt(TQCopyOriginalDisplayName(item.path, nullptr)))
+        platform::GetAttribute(item, Links::Follow, kDisplayNameAttribute, nullptr, 0) < 0 && errno == ENODATA;
+    if (!unnamed && !Ref<TQString>::Adopt(_CopyDisplayNameOf(item, nullptr)))
         findings.Add(item.path, "display-name-malformed", "The generation's display name can't be read.");
-    const ssize_t options = platform::GetAttribute(item, Links::NoFollow, kOptionsAttribute, nullptr, 0);
+    const ssize_t options = platform::GetAttribute(item, Links::Follow, kOptionsAttribute, nullptr, 0);
     if (options < 0 && errno != ENODATA)
         findings.AddUnreadable(item.path);
     else if (options >= 0 && options != sizeof(uint64_t))
@@ -101,7 +102,7 @@ void CheckAttributes(const Item &item, Findings &findings)
 
 // A restore that noted nothing, or whose note is gone: all that can be told is by name. An empty placeholder is one that
 // no document was moved to; a full one may be the document itself.
-void CheckPlaceholder(const Item &placeholder, const Item &document, uid_t owner, Findings &findings)
+void CheckPlaceholder(const Item &placeholder, const Item &document, const TQFileStatus &owner, Findings &findings)
 {
     TQFileStatus status;
     if (platform::GetStatus(placeholder, Links::NoFollow, &status) != 0) {
@@ -122,8 +123,13 @@ void CheckPlaceholder(const Item &placeholder, const Item &document, uid_t owner
             placeholder.path, "document-aside",
             "A restore that was interrupted left the document, or its old state, under this name.",
             [&] {
-                return _OwnerMayChange(placeholder.directory, &status, owner) &&
-                       platform::RenameIntoNothing(placeholder, document) == 0 && _FlushEntry(document.path, nullptr);
+                // Anybody may have written that the document is there: root goes only where the store's owner can.
+                const platform::ActingAs author(owner.owner);
+                const OpenedFolder folder(document.path);
+                return author && folder &&
+                       platform::RenameIntoNothing({folder.fd(), placeholder.name, placeholder.path}, folder.item()) ==
+                           0 &&
+                       _FlushEntry(document.path, nullptr);
             },
             document.path);
         break;
@@ -153,7 +159,7 @@ bool GetRecordedDocument(const TQDictionary *info, PathBuffer &document)
 }
 
 // What restores of the recorded document left beside it.
-void CheckPlaceholders(const TQDictionary *info, uid_t owner, Findings &findings)
+void CheckPlaceholders(const TQDictionary *info, const TQFileStatus &owner, Findings &findings)
 {
     PathBuffer document;
     if (!GetRecordedDocument(info, document) || !findings.BeginDocument(document.c_str())) return;
@@ -186,7 +192,7 @@ Filling _FillingOf(const Item &item, const TQFileStatus &status)
     return names.error() == 0 ? Filling::Empty : Filling::Unknown;
 }
 
-void _CheckGeneration(const Item &generation, uid_t owner, Findings &findings)
+void _CheckGeneration(const Item &generation, const TQFileStatus &owner, Findings &findings)
 {
     TreeWalk walk;
     TQFileStatus status;
@@ -195,8 +201,12 @@ void _CheckGeneration(const Item &generation, uid_t owner, Findings &findings)
     while (const TreeWalk::Entry *entry = walk.Next()) CheckItem(*entry, findings);
     // A link that somebody put there is foreign, and what it leads to has nothing to do with the store.
     if (S_ISLNK(status.mode)) return;
-    CheckAttributes(generation, findings);
-    if (const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(generation.path, nullptr)))
+    const UniqueFd pinned = platform::PinItem(generation, status);
+    if (!pinned) return findings.AddUnreadable(generation.path);
+    const platform::ProcPath held(pinned.get());
+    const Item item{AT_FDCWD, held.c_str(), generation.path};
+    CheckAttributes(item, findings);
+    if (const auto info = Ref<TQDictionary>::Adopt(_CopyInfoDictionaryOf(item, nullptr)))
         CheckPlaceholders(info.get(), owner, findings);
     else
         findings.Add(generation.path, "info-malformed", "The generation's info dictionary can't be read.");

@@ -8,8 +8,8 @@
 
 #include "vaultry_client_managed.h"
 #include "vaultry_client_managed_staging.h"
-#include "vaultry_client_managed_trust.h"
 
+#include "Platform/ActingAs.h"
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
 #include "Platform/TreeWalk.h"
@@ -36,8 +36,7 @@ constexpr int64_t kLitterAge = 3600; // seconds
 struct Area {
     int directory;
     bool mayMakeFiles;
-    uid_t owner;      // of the area, and so of every owner file
-    uid_t storeOwner; // of the store
+    uid_t owner; // of the area, and so of every owner file
 };
 
 // One operation's directory, open.
@@ -104,8 +103,11 @@ bool IsOld(const Unique &unique)
     return true;
 }
 
+// Root removes for its maker, so that nothing goes that was put there and is not the maker's.
 bool RemoveUnique(const Unique &unique)
 {
+    const platform::ActingAs maker(unique.status.owner);
+    if (!maker) return false;
     TreeRemoval how;
     how.last = kOwnerFileName;
     how.expected = &unique.status;
@@ -127,14 +129,14 @@ void CheckLitter(const Unique &unique, bool isDead, Findings &findings)
 // disk; not if there is more in it.
 bool GiveBack(const Unique &unique, uint32_t mode, const char *home, const MovedDocument &document)
 {
-    const OpenedFolder folder(home);
-    TQFileStatus status;
-    if (!folder || !_OwnerMayChange(folder.fd(), nullptr, unique.area.storeOwner)) return false;
-    if (platform::GetStatus(unique.staged, Links::NoFollow, &status) != 0) return false;
-    const auto flush = TreeFlush::At(unique.staged.path);
-    if (!_GiveDocumentBack(unique.staged, folder.item(), document) || !flush.Flush(home, mode, nullptr) ||
-        !_FlushEntry(home, nullptr))
-        return false;
+    {
+        const platform::ActingAs maker(unique.status.owner);
+        const OpenedFolder folder(home);
+        const auto flush = TreeFlush::By(unique.fd);
+        if (!maker || !folder || !_GiveDocumentBack(unique.staged, folder.item(), document) ||
+            !flush.Flush(home, mode, nullptr) || !_FlushEntry(home, nullptr))
+            return false;
+    }
     if (ContentsOf(unique) == Contents::Ours) (void)RemoveUnique(unique);
     return true;
 }
@@ -159,7 +161,8 @@ Note GetNote(const Unique &unique, char (&home)[PATH_MAX], MovedDocument *docume
     if (!owner.readable) return owner.isBlank && owner.life == OwnerLife::Dead ? Note::Absent : Note::Malformed;
     if (owner.note.work != Work::Move) return Note::Absent;
     memcpy(home, owner.note.document, sizeof home);
-    *document = {owner.note.topMode != OwnerNote::kUnknownMode, owner.note.topMode, owner.note.topFlags, owner.written};
+    *document = {owner.note.topMode != OwnerNote::kUnknownMode, owner.note.top, owner.note.topMode, owner.note.topFlags,
+                 owner.written};
     return home[0] == '/' ? Note::Path : Note::Malformed;
 }
 
@@ -201,7 +204,9 @@ void CheckLeftovers(const Unique &unique, Findings &findings)
 {
     const FoundOwner &owner = unique.owner;
     const bool isDead = owner.life == OwnerLife::Dead && owner.readable && owner.note.work != Work::CopyOut;
-    if (isDead && owner.note.hasExchange && !_CheckExchange(owner.note, unique.area.storeOwner, findings)) return;
+    // Age says nothing of what stands beside a document.
+    const bool isNoted = owner.life != OwnerLife::None && owner.readable && owner.note.hasExchange;
+    if (isNoted && !_CheckExchange(owner, unique.status, findings)) return;
     CheckLitter(unique, isDead || (findings.repair() && IsBare(unique)), findings);
 }
 
@@ -209,8 +214,9 @@ void CheckLeftovers(const Unique &unique, Findings &findings)
 void CheckUnique(Unique &unique, Findings &findings)
 {
     // A generation that a full disk let out by no other way; what lies in it is not ours to believe.
-    if (platform::GetAttributeOfFd(unique.fd, kSavedPermissionsAttribute, nullptr, 0) >= 0)
-        return CheckLitter(unique, /*isDead=*/false, findings);
+    const bool wasGeneration = platform::GetAttributeOfFd(unique.fd, kSavedPermissionsAttribute, nullptr, 0) >= 0;
+    if (wasGeneration) return CheckLitter(unique, /*isDead=*/false, findings);
+    if (errno != ENODATA && errno != ENOTSUP) return findings.AddUnreadable(unique.item.path);
 
     _LookForOwner(unique.fd, unique.area.owner, &unique.owner);
     if (unique.owner.life == OwnerLife::Alive) return findings.AddLiving(unique.owner.note);
@@ -258,13 +264,13 @@ void CheckEntry(int directory, const char *name, const char *path, const Area &a
 
 } // namespace
 
-void _CheckStagingArea(const Item &area, uid_t owner, Findings &findings)
+void _CheckStagingArea(const Item &area, Findings &findings)
 {
     Names names(area);
     TQFileStatus status;
     if (names.error() != 0 || platform::GetStatusOfFd(names.directory(), &status) != 0)
         return findings.AddUnreadable(area.path);
-    const Area common{names.directory(), findings.repair(), status.owner, owner};
+    const Area common{names.directory(), findings.repair(), status.owner};
     while (const char *name = names.Next()) {
         PathBuffer path;
         if (path.Format("%s/%s", area.path, name)) CheckEntry(names.directory(), name, path.c_str(), common, findings);

@@ -36,9 +36,12 @@ public:
         length_ += added > 0 ? static_cast<size_t>(added) : 0; // every part is bounded, and all of them fit
     }
     void AddPath(const char *key, const char *path) { Add("%s %zu\n%s\n", key, strlen(path), path); }
-    void AddItem(const char *key, const ItemId &item)
+    void AddItem(const char *key, const ItemMark &mark)
     {
-        Add("%s %" PRIu64 " %" PRIu64 "\n", key, item.device, item.inode);
+        Add("%s %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 "\n", key,
+            mark.id.device, mark.id.inode, static_cast<uint64_t>(mark.born),
+            static_cast<uint64_t>(mark.bornNanoseconds), mark.size, static_cast<uint64_t>(mark.modified),
+            static_cast<uint64_t>(mark.modifiedNanoseconds));
     }
 
     // One write, behind what is there: whole, or not to be believed.
@@ -83,7 +86,7 @@ public:
 
     template <class... Numbers> bool TakeNumbers(const char *key, Numbers *...numbers)
     {
-        char word[64];
+        char word[192];
         if (!TakeWord(key, word)) return false;
         const char *next = word;
         return (TakeNumber(next, numbers) && ...) && *next == '\0';
@@ -134,7 +137,8 @@ bool ReadNote(NoteReader &reader, OwnerNote *note)
 {
     return reader.Take(kFirstLine) && ReadWork(reader, &note->work) && reader.TakeWord("machine", note->machine) &&
            reader.TakeWord("boot", note->boot) && reader.TakeNumbers("process", &note->process) &&
-           reader.TakeNumbers("since", &note->since) && reader.TakeNumbers("top", &note->topMode, &note->topFlags) &&
+           reader.TakeNumbers("since", &note->since) &&
+           reader.TakeNumbers("top", &note->topMode, &note->topFlags, &note->top.device, &note->top.inode) &&
            reader.TakePath("document", note->document, sizeof note->document) && reader.Take(kLastLine);
 }
 
@@ -143,8 +147,9 @@ bool ReadExchange(NoteReader &reader, PlannedExchange *exchange)
     const auto takePath = [&](const char *key, PathBuffer &path) {
         return reader.TakePath(key, path.data(), PathBuffer::kCapacity);
     };
-    const auto takeItem = [&](const char *key, ItemId &item) {
-        return reader.TakeNumbers(key, &item.device, &item.inode);
+    const auto takeItem = [&](const char *key, ItemMark &mark) {
+        return reader.TakeNumbers(key, &mark.id.device, &mark.id.inode, &mark.born, &mark.bornNanoseconds, &mark.size,
+                                  &mark.modified, &mark.modifiedNanoseconds);
     };
     return reader.Take(kExchangeLine) && takeItem("document", exchange->document) && takeItem("copy", exchange->copy) &&
            takeItem("placeholder", exchange->placeholder) && takePath("waiting", exchange->waiting) &&
@@ -205,6 +210,34 @@ bool GiveToAreaOwner(int directory, int fd)
 
 } // namespace
 
+ItemMark ItemMark::Of(const TQFileStatus &status)
+{
+    ItemMark mark;
+    mark.id = ItemId::Of(status);
+    if (status.hasBirthTime) {
+        mark.born = status.birthTime.tv_sec;
+        mark.bornNanoseconds = status.birthTime.tv_nsec;
+    }
+    mark.size = status.size;
+    mark.modified = status.modificationTime.tv_sec;
+    mark.modifiedNanoseconds = status.modificationTime.tv_nsec;
+    return mark;
+}
+
+bool ItemMark::IsOf(const TQFileStatus &status, bool deviceCounts) const
+{
+    const ItemMark other = Of(status);
+    return id.inode != 0 && id.inode == other.id.inode && (!deviceCounts || id.device == other.id.device) &&
+           born == other.born && bornNanoseconds == other.bornNanoseconds;
+}
+
+bool ItemMark::IsUnchanged(const TQFileStatus &status) const
+{
+    const ItemMark other = Of(status);
+    return !S_ISREG(status.mode) ||
+           (size == other.size && modified == other.modified && modifiedNanoseconds == other.modifiedNanoseconds);
+}
+
 OwnerNote OwnerNote::Of(Work work, const char *document)
 {
     OwnerNote note;
@@ -233,8 +266,8 @@ UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, 
     NoteText text;
     text.Add("%swork %s\nmachine %s\nboot %s\n", kFirstLine, kWords[static_cast<size_t>(note.work)], note.machine,
              note.boot);
-    text.Add("process %" PRId64 "\nsince %" PRId64 "\ntop %u %u\n", note.process, note.since, note.topMode,
-             note.topFlags);
+    text.Add("process %" PRId64 "\nsince %" PRId64 "\ntop %u %u %" PRIu64 " %" PRIu64 "\n", note.process, note.since,
+             note.topMode, note.topFlags, note.top.device, note.top.inode);
     text.AddPath("document", note.document);
     text.Add("%s", kLastLine);
 

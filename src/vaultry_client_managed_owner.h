@@ -24,11 +24,25 @@ inline constexpr char kOwnerFileName[] = ".vaultry_owner";
 
 enum class Work { Copy, Move, Remove, CopyOut, Restore };
 
+// An item as it was when it was noted. The number of an inode that has gone is given to another, born later.
+struct ItemMark {
+    ItemId id{};
+    int64_t born = 0, bornNanoseconds = 0; // zero where the volume does not tell
+    uint64_t size = 0;
+    int64_t modified = 0, modifiedNanoseconds = 0;
+
+    static ItemMark Of(const TQFileStatus &status);
+    // Since the machine was started anew the volume's device may have another number.
+    bool IsOf(const TQFileStatus &status, bool deviceCounts) const;
+    // A file that has not been written to since.
+    bool IsUnchanged(const TQFileStatus &status) const;
+};
+
 // What a restore is about to exchange. Paths are absolute.
 struct PlannedExchange {
-    ItemId document;       // that is replaced
-    ItemId copy;           // in staging, if it can be renamed from there,
-    ItemId placeholder;    // else the item beside the document that is filled with it
+    ItemMark document;     // that is replaced
+    ItemMark copy;         // in staging, if it can be renamed from there,
+    ItemMark placeholder;  // else the item beside the document that is filled with it
     PathBuffer waiting{};  // where the copy waits, and after the exchange the old document
     PathBuffer aside{};    // where the document waits if the volume can't exchange; else empty
     PathBuffer restored{}; // where the copy goes
@@ -40,6 +54,7 @@ struct OwnerNote {
     static constexpr uint32_t kUnknownMode = UINT32_MAX;
     uint32_t topMode = kUnknownMode; // a move: what the document's top item had
     uint32_t topFlags = 0;
+    ItemId top{};
     char machine[80] = "";
     char boot[80] = "";
     int64_t process = 0;

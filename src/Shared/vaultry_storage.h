@@ -7,6 +7,7 @@
 #pragma once
 
 #include "Platform/Item.h"
+#include "Platform/ItemId.h"
 #include "Platform/Volume.h"
 #include "Platform/duplix.h"
 
@@ -38,6 +39,10 @@ mode_t SavedWriteBits(uint8_t saved);
 
 // Files that hold attributes of the file beside them, where a volume has no room for those: named "._" and its name.
 bool IsSidecarName(const char *name);
+
+// TQCopyMutableInfoDictionary and TQCopyOriginalDisplayName of an item that its caller holds. Links are followed, as there.
+TQDictionary *_CopyInfoDictionaryOf(const Item &item, TQError **error);
+TQString *_CopyDisplayNameOf(const Item &item, TQError **error);
 
 // TQSetGenerationOptions for a generation that its caller flushes.
 bool _WriteGenerationOptions(const char *path, uint64_t options, TQError **error);
@@ -102,7 +107,9 @@ bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *now, TQError **err
 
 // What a by-moving add knew of its document before it took it.
 struct MovedDocument {
-    bool knowsTop = false; // mode and flags of its top item; else the record of permissions is all there is
+    // Mode and flags of its top item, if that is still `top`; else the record of permissions is all there is.
+    bool knowsTop = false;
+    ItemId top{};
     uint32_t topMode = 0;
     uint32_t topFlags = 0;
     struct timespec since {}; // the add's beginning, by the volume's clock: an older change is none of its own

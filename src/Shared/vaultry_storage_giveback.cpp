@@ -46,10 +46,11 @@ bool GetRightsOfBefore(const Item &item, const TreeWalk::Entry &entry, const Mov
     const uint32_t others = entry.status.flags & ~kBlockingFlags;
     const ssize_t length =
         platform::GetAttribute(item, Links::Follow, kSavedPermissionsAttribute, &saved, sizeof saved);
-    const bool isTop = entry.level == 0 && document.knowsTop;
+    const bool isTop = entry.level == 0 && document.knowsTop && entry.status.inode == document.top.inode;
     *isRecorded = length == 1 && (!isTop || saved == SavedPermissionsOf(document.topMode, document.topFlags));
     if (isTop)
-        *rights = {static_cast<mode_t>(document.topMode), others | (document.topFlags & kBlockingFlags)};
+        *rights = {static_cast<mode_t>((entry.status.mode & 07777U & ~kWriteBits) | (document.topMode & kWriteBits)),
+                   others | (document.topFlags & kBlockingFlags)}; // no other bit was taken
     else
         *rights = {(entry.status.mode & 07777U & ~kWriteBits) | SavedWriteBits(saved),
                    others | ((saved & kSavedImmutable) ? uint32_t{kTQFlagImmutable} : 0) |

@@ -25,9 +25,9 @@ struct FreeBytes {
 };
 
 // The attribute's bytes; absent gives null without an error.
-Ref<TQData> ReadInfoAttribute(const char *path, bool *absent, TQError **error)
+Ref<TQData> ReadInfoAttribute(const Item &item, bool *absent, TQError **error)
 {
-    const Item item = Item::AtPath(path);
+    const char *const path = item.path;
     const ssize_t size = platform::GetAttribute(item, Links::Follow, kInfoAttribute, nullptr, 0);
     *absent = size < 0 && errno == ENODATA;
     if (*absent) return nullptr;
@@ -82,9 +82,14 @@ bool WriteInfoDictionary(const char *path, TQDictionary *info, TQError **error)
 
 TQDictionary *TQCopyMutableInfoDictionary(const char *path, TQError **error)
 {
-    if (!path) path = "";
+    return _CopyInfoDictionaryOf(Item::AtPath(path ? path : ""), error);
+}
+
+TQDictionary *_CopyInfoDictionaryOf(const Item &item, TQError **error)
+{
+    const char *const path = item.path;
     bool absent = false;
-    const Ref<TQData> data = ReadInfoAttribute(path, &absent, error);
+    const Ref<TQData> data = ReadInfoAttribute(item, &absent, error);
     if (absent) {
         TQDictionary *empty = TQDictionaryCreateMutable();
         return empty ? empty : Failure(error).Status(kTQStatusFailed, "malloc failed");

@@ -75,10 +75,15 @@ bool TQSetOriginalDisplayName(const char *path, const TQString *name, TQError **
 
 TQString *TQCopyOriginalDisplayName(const char *path, TQError **error)
 {
-    if (!path) path = "";
+    return _CopyDisplayNameOf(Item::AtPath(path ? path : ""), error);
+}
+
+TQString *_CopyDisplayNameOf(const Item &item, TQError **error)
+{
+    const char *const path = item.path;
     char buffer[kDisplayNameCapacity + 1] = "";
     const ssize_t length =
-        platform::GetAttribute(Item::AtPath(path), Links::Follow, kDisplayNameAttribute, buffer, kDisplayNameCapacity);
+        platform::GetAttribute(item, Links::Follow, kDisplayNameAttribute, buffer, kDisplayNameCapacity);
     if (length < 0) return Failure(error).Errno("Failed to get original display name xattr");
     if (length >= static_cast<ssize_t>(kDisplayNameCapacity))
         return Failure(error).Status(kTQStatusFailed, "Original display name xattr too large (%ld) at path \"%s\"",

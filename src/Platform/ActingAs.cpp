@@ -1,0 +1,51 @@
+#include "Platform/ActingAs.h"
+
+#include "Platform/ScopeExit.h"
+
+#include <cstdlib>
+#include <new>
+#include <sys/fsuid.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace platform {
+
+// The C library's call would change the groups of all threads.
+static bool _SetGroupsOfThread(int count, const gid_t *groups)
+{
+    return syscall(SYS_setgroups, static_cast<long>(count), groups) == 0;
+}
+
+// Which groups the user is in can't be told; so none lends its rights.
+static constexpr gid_t kNoGroup = 65534;
+
+// An id that none can have is refused, and tells what stands.
+static bool _SetIds(uid_t user, gid_t group)
+{
+    (void)setfsgid(group);
+    (void)setfsuid(user);
+    return static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1))) == user &&
+           static_cast<gid_t>(setfsgid(static_cast<gid_t>(-1))) == group;
+}
+
+ActingAs::ActingAs(uid_t user)
+{
+    const ErrnoKeeper keeper;
+    if (geteuid() != 0 || user == 0) return;
+    groupCount_ = getgroups(0, nullptr);
+    groups_.reset(new (std::nothrow) gid_t[groupCount_ > 0 ? static_cast<size_t>(groupCount_) : 1]);
+    holds_ = groupCount_ >= 0 && groups_ && getgroups(groupCount_, groups_.get()) == groupCount_ &&
+             _SetGroupsOfThread(0, nullptr);
+    if (!holds_) return;
+    isChanged_ = true;
+    holds_ = _SetIds(user, kNoGroup);
+}
+
+// A thread that stayed somebody else would do the client's next work wrongly: this process stops instead.
+ActingAs::~ActingAs()
+{
+    const ErrnoKeeper keeper;
+    if (isChanged_ && !(_SetIds(geteuid(), getegid()) && _SetGroupsOfThread(groupCount_, groups_.get()))) abort();
+}
+
+} // namespace platform
