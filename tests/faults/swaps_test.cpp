@@ -1,6 +1,7 @@
-// Another process puts links to a place outside where files and directories were, and back, at every level and as fast
-// as it can, while the library works there. An operation may fail; it never reads, changes or removes what lies outside.
-// The store's own directories stay: only who may do anything with the store can swap those.
+// Another process puts links to a place outside, or other directories, where files and directories were, and back, at
+// every level and as fast as it can, while the library works there. An operation may fail; it never reads, changes or
+// removes what lies outside. The store's own directories are swapped too when it is repaired: they may be somebody
+// else's, and who repairs them root.
 
 #include "Platform/UniqueFd.h"
 #include "support/Tests.h"
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <linux/openat2.h>
 #include <random>
+#include <regex>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -50,12 +52,18 @@ struct Shared {
     const auto pause = [&, longest = 1U << random() % 9] { usleep(static_cast<useconds_t>(random() % longest)); };
     int kept = 0;
     for (shared.began = true; !shared.stop;) {
-        std::string victim = at + pick(trees);
+        const std::string tree = pick(trees);
+        std::string victim = at + tree, target = outside;
+        // The store's own are led to what looks like them.
+        const bool isOwn = tree.starts_with("/store/.") && !tree.ends_with("staged");
+        if (isOwn) target += std::regex_replace(tree.substr(6), std::regex("\\*"), "Copied0");
         if (const size_t star = victim.find('*'); star != std::string::npos) {
             const auto names = disk::List(victim.substr(0, star));
             victim.replace(star, 1, names.empty() ? "none" : pick(names));
         }
-        const std::string level = pick(kLevels), spare = at + "/spares/" + std::to_string(kept);
+        const bool isDecoy = random() % 4 == 0;
+        const std::string level = isOwn ? "" : pick(kLevels),
+                          spare = at + "/spares/" + std::to_string(kept) + (isDecoy ? "d" : "");
         victim += level;
         const size_t slash = victim.rfind('/');
         // We aren't led out ourselves by a link that stayed.
@@ -71,12 +79,45 @@ struct Shared {
             return done;
         };
         (void)unlink(spare.c_str());
-        if (!in || symlink((outside + level).c_str(), spare.c_str()) != 0 || !exchange()) continue;
+        const bool isMade = isDecoy ? mkdir(spare.c_str(), 0755) == 0 || errno == EEXIST
+                                    : symlink((target + level).c_str(), spare.c_str()) == 0;
+        if (!in || !isMade || !exchange()) continue;
         pause();
         kept += exchange() ? 0 : 1; // if the library took the link away
         pause();
     }
     _exit(0);
+}
+
+// What a repair would mend, remove or give back if it were led there.
+void MakeStoreOf(const std::string &outside, bool hasAside)
+{
+    chmod(outside.c_str(), 0755);
+    disk::Write(outside + "/.vaultry_lockfile", "", 0644);
+    const std::string unique = disk::MakeDirectory(disk::MakeDirectory(outside + "/.vaultry_staging") + "/Copied0");
+    for (const char *file : {"/staged", "/.vaultry_owner"}) disk::Write(unique + file, "", 0600);
+    if (hasAside) disk::Write(outside + "/draft-tmp.nosync.ABCDEF", "inside");
+    chmod(outside.c_str(), 0555);
+}
+
+// A move and a restore that were killed in the middle, and a move of an earlier version.
+void MakeDead(const TestStore &store)
+{
+    const vaultry::Store handle = *vaultry::Store::open(store.root());
+    const std::string moving = store / "moving", draft = store / "desk/draft";
+    MakeTree(moving, "inside", "com.example.kind", 0);
+    EXPECT_TRUE(handle.set_info("old", vaultry::document_key, vaultry::Data(draft)));
+    const auto kill = [](const Fault &fault, const std::function<vaultry::Result<void>()> &work) {
+        EXPECT_EQ(InChild(fault, [&](TQError **) { return static_cast<bool>(work()); }).fate, Outcome::Fate::Killed);
+    };
+    kill(KillBefore(1, {SYS_syncfs}), [&] { return handle.add_by_moving("moved", moving); });
+    kill(KillAfter(1, {SYS_renameat2}), [&] { return handle.restore("old", draft); });
+    EXPECT_FALSE(disk::Exists(moving));
+    EXPECT_EQ(disk::List(store / "desk").size(), 2U);
+    const std::string moved = disk::MakeDirectory(store.Staging() + "/Moved00");
+    disk::SetAttribute(moved, "com.corvane.vaultry.moved_from", store / "home");
+    MakeTree(moved + "/staged", "\4", "com.corvane.vaultry.orig_perms_v1", 0222);             // had owner write
+    for (const auto &level : kLevels) chmod((store.Generation("old") + level).c_str(), 0755); // to be mended
 }
 
 class Swaps : public AsEach {};
@@ -91,13 +132,15 @@ TEST_P(Swaps, NothingLeadsOutOfTheTree)
     const TempDirectory elsewhere(QuickVolume());
     const std::string outside = elsewhere / "outside", staged = "/store/.vaultry_staging/*/staged";
     MakeTree(outside, "the secret", "com.example.secret", 0222); // what is lifted there shows
+    MakeStoreOf(outside, GetParam() == As::Root);
     const std::string secret = Snapshot::Of(outside + "/twin", Snapshot::kContents).items.at("");
     Snapshot before = Snapshot::Of(outside, Snapshot::kUntouched);
 
     const struct {
         const char *what;
         Paths trees; // that it reads, makes, replaces and removes
-        std::function<vaultry::Result<void>(const vaultry::Store &, const std::string &at)> run;
+        std::function<vaultry::Result<void>(const vaultry::Store &, const std::string &at)> run =
+            {}; // a repair if none
     } works[] = {
         {"add by copying",
          {"/document", staged, "/store/g"},
@@ -113,33 +156,33 @@ TEST_P(Swaps, NothingLeadsOutOfTheTree)
          [](const auto &store, const auto &at) { return store.restore("old", at + "/desk/draft", "backup"); }},
         {"remove", {"/store/old", staged}, [](const auto &store, const auto &) { return store.remove({"old"}); }},
         {"set options", {"/store/old"}, [](const auto &store, const auto &) { return store.set_options("old", 6); }},
-        {"repair",
-         {"/store/old", "/store/.vaultry_staging/Moved00/staged", "/home"},
-         [](const auto &store, const auto &) {
-             const auto findings = store.findings(store.path(), /*repair=*/true);
-             return findings ? vaultry::Result<void>() : findings.error();
-         }},
+        {"repair", {"/store/old", staged, "/home", "/moving"}},
+        {"repair a hostile store",
+         {"/store", "/store/.vaultry_lockfile", "/store/.vaultry_staging", "/store/.vaultry_staging/*", "/desk",
+          "/desk/*"}},
     };
     long done = 0, succeeded = 0, escapes = 0;
     for (unsigned seed = 0; escapes < 10 && (shared.swaps < wanted || done < operations); ++seed)
         for (const auto &work : works) {
             SCOPED_TRACE(testing::Message() << work.what << ", seed " << seed);
+            // Root repairs what is somebody else's.
+            std::optional<Impersonate> owner;
+            if (!work.run && GetParam() == As::Root) owner.emplace(As::User);
             TestStore store(TestStore::Document::File, QuickVolume());
             unlink(store.document().c_str());
             for (const std::string name : {"desk", "spares"}) disk::MakeDirectory(store / name);
             for (const auto &path : {store.document(), store / "desk/draft"})
                 MakeTree(path, "inside", "com.example.kind", seed % 2 == 0 ? 0 : 0222);
             EXPECT_TRUE(store.Add("old"));
-            const std::string moved = disk::MakeDirectory(store.Staging() + "/Moved00");
-            disk::SetAttribute(moved, "com.corvane.vaultry.moved_from", store / "home");
-            MakeTree(moved + "/staged", "\4", "com.corvane.vaultry.orig_perms_v1", 0222);             // had owner write
-            for (const auto &level : kLevels) chmod((store.Generation("old") + level).c_str(), 0755); // to be mended
+            if (!work.run) MakeDead(store);
+            owner.reset();
             shared.began = shared.stop = false;
             const pid_t swapper = fork();
             if (swapper == 0) Swap(store.path(), work.trees, outside, seed, shared);
             while (!shared.began) usleep(10);
             // Not killed, only counted: that slows its calls down, so that many swaps fall between any two.
             const Outcome outcome = InChild(KillBefore(0), [&](TQError **) {
+                if (!work.run) return static_cast<bool>(vaultry::Store::findings(store.root(), /*repair=*/true));
                 return static_cast<bool>(work.run(*vaultry::Store::open(store.root()), store.path()));
             });
             shared.stop = true;
