@@ -21,7 +21,6 @@
 
 #include <vaultry/filesystem.h>
 #include <vaultry/path.h>
-#include <vaultry/progress.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -123,10 +122,7 @@ public:
     {
         if (!isAdded_) return;
         const ErrnoKeeper keeper;
-        // The cancel that brought us here must not end the undoing, too.
-        const auto undoing = Ref<TQProgress>::Adopt(TQProgressCreate(0));
-        TQProgressBecomeCurrent(undoing.get());
-        const ScopeExit resign([&] { TQProgressResignCurrent(undoing.get()); });
+        const UndoingScope undoing;
         TQValue *names[] = {const_cast<TQString *>(request_.backupName)};
         const auto backup = Ref<TQArray>::Adopt(TQArrayCreate(names, 1));
         (void)TQLibraryRemoveGenerations(request_.library, backup.get());

@@ -56,6 +56,19 @@ bool _TQLockGenerationInternal(const char *lockFilePath, StoreLock *lock, int op
 bool _LockItem(const Item &lockFile, StoreLock *lock, int operation, TQError **error);
 void _UnlockGenerationStore(StoreLock *lock);
 
+// While it lives, a cancelled progress ends no wait of this thread: the cancel that led to an undoing must not end that,
+// too.
+class UndoingScope {
+public:
+    UndoingScope();
+    ~UndoingScope();
+    UndoingScope(const UndoingScope &) = delete;
+    UndoingScope &operator=(const UndoingScope &) = delete;
+
+private:
+    bool before_;
+};
+
 // Unlocks at the end of its scope; taken in the first line of an operation.
 class HeldLock {
 public:

@@ -203,7 +203,9 @@ bool IsBare(const Unique &unique)
 void CheckLeftovers(const Unique &unique, Findings &findings)
 {
     const FoundOwner &owner = unique.owner;
-    const bool isDead = owner.life == OwnerLife::Dead && owner.readable && owner.note.work != Work::CopyOut;
+    // A client that had a copy was cut off with the note's bytes.
+    const bool isOver = owner.readable ? owner.note.work != Work::CopyOut : owner.isBlank;
+    const bool isDead = owner.life == OwnerLife::Dead && isOver;
     // Age says nothing of what stands beside a document.
     const bool isNoted = owner.life != OwnerLife::None && owner.readable && owner.note.hasExchange;
     if (isNoted && !_CheckExchange(owner, unique.status, findings)) return;

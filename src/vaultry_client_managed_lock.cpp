@@ -34,12 +34,24 @@ bool _WriteLockGenerationStore(const char *rootPath, StoreLock *lock, TQError **
     return _LockGenerationStore(rootPath, lock, LOCK_EX, error);
 }
 
+static thread_local bool isUndoing;
+
+UndoingScope::UndoingScope() : before_(isUndoing)
+{
+    isUndoing = true;
+}
+
+UndoingScope::~UndoingScope()
+{
+    isUndoing = before_;
+}
+
 // Waits without limit. A signal does not end the wait, but a client may use one to say that it has given up.
 static int _WaitForLock(int fd, int operation)
 {
     while (flock(fd, operation) != 0) {
         if (errno != EINTR) return -1;
-        const TQProgress *progress = TQProgressGetCurrent();
+        const TQProgress *progress = isUndoing ? nullptr : TQProgressGetCurrent();
         if (!progress || !TQProgressIsCancelled(progress)) continue;
         errno = ECANCELED;
         return -1;
