@@ -335,6 +335,9 @@ void Sweeper::JudgeKill(Scene &scene) const
         kinds.insert(finding.kind);
     state.insert(state.end(), {"", moves && atPath() == "nothing" ? inStore() : atPath()});
 
+    for (const auto &[path, item] : Snapshot::Of(scene.document, Snapshot::kContents).items)
+        EXPECT_FALSE(std::regex_search(path, std::regex("_\\w{6}$"))) << path << " was to replace a hard link";
+
     KillTable &table = TableOfKills(swept_.table);
     bool isRow = false;
     for (size_t i = 0; i < table.rows.size(); ++i)
