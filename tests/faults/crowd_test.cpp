@@ -8,7 +8,9 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <random>
+#include <regex>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -20,8 +22,13 @@ namespace {
 // What all processes see.
 struct Tally {
     std::atomic<bool> stop;
-    std::atomic<long> writes, kills, reads;
+    std::atomic<long> writes, kills, reads, wrong;
 };
+Tally &NewTally()
+{
+    return *static_cast<Tally *>(
+        mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+}
 
 // One process. Everything that is kept has one content, that of "base", which nobody removes.
 [[noreturn]] void Write(const TestStore &at, Tally &tally, unsigned seed)
@@ -104,8 +111,7 @@ void Read(const TestStore &at, Tally &tally, unsigned seed)
 TEST(Crowd, ConcurrentReadersSeeWholeGenerationsWhileWritersAreKilled)
 {
     const unsigned seconds = std::getenv("VAULTRY_LONG") != nullptr ? 600 : 10;
-    auto &tally =
-        *static_cast<Tally *>(mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    auto &tally = NewTally();
     platform::SetLogSink([](int, const char *) {});
     TestStore at(TestStore::Document::Folder, QuickVolume());
     ASSERT_TRUE(at.Add("base"));
@@ -133,6 +139,95 @@ TEST(Crowd, ConcurrentReadersSeeWholeGenerationsWhileWritersAreKilled)
     std::printf("figures: %ld reads and %ld writes of a crowd in %u s, %ld writers killed, %d violations\n",
                 tally.reads.load(), tally.writes.load(), seconds, tally.kills.load(),
                 testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count());
+}
+
+// Runs `work` again and again in a process of its own, until the tally says stop.
+pid_t Repeat(Tally &tally, const std::function<bool()> &work)
+{
+    const pid_t process = fork();
+    if (process != 0) return process;
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (; !tally.stop; ++tally.reads) tally.wrong += work() ? 0 : 1;
+    _exit(0);
+}
+
+// One document, of which each state is told by its bytes: "saved" and a number, or a generation's name.
+TEST(Crowd, RestoresOfOneDocumentLoseNoneOfItsStates)
+{
+    const int rounds = std::getenv("VAULTRY_LONG") != nullptr ? 10000 : 300;
+    auto &tally = NewTally();
+    platform::SetLogSink([](int, const char *) {});
+    TestStore at(TestStore::Document::File, QuickVolume());
+    const std::string desk = disk::MakeDirectory(at / "desk"), names[] = {"one", "two"};
+    const vaultry::Store store = *vaultry::Store::open(at.root());
+    const auto write = [](const std::string &path, bool folder, const std::string &bytes) {
+        return disk::Write(folder ? disk::MakeDirectory(path) + "/in" : path, bytes);
+    };
+    std::mt19937 random(1);
+    long aside = 0, changed = 0;
+    for (int round = 0; round < rounds && !testing::Test::HasFailure(); ++round) {
+        const bool folder = round % 2 == 1;
+        const std::string saved = "saved " + std::to_string(round), inside = folder ? "/in" : "",
+                          place = disk::MakeDirectory(desk + "/" + std::to_string(round)), document = place + "/d";
+        SCOPED_TRACE(saved);
+        write(document, folder, saved);
+        for (const auto &name : names) {
+            const std::string draft = at / name;
+            write(draft, folder, name);
+            EXPECT_TRUE(store.add_by_moving(name, draft));
+            EXPECT_TRUE(store.set_info(name, vaultry::document_key, vaultry::Data(document)));
+        }
+        const auto isKnown = [&](const std::string &bytes) {
+            return bytes == saved || bytes == "one" || bytes == "two";
+        };
+        tally.stop = false;
+        const pid_t others[] = {Repeat(tally, [&] { return isKnown(disk::Read(document + inside)); }),
+                                Repeat(tally, [&] { return bool(vaultry::Store::findings(at.root(), true)); })};
+        pid_t restorers[2];
+        for (int i = 0; i < 2; ++i)
+            if ((restorers[i] = fork()) == 0) {
+                (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+                const auto done = store.restore(names[i], document, "backup " + names[i]);
+                const std::string why = done ? "" : done.error().description();
+                // Saved by the other one before it was its turn, or while it was copied for the backup.
+                const bool gaveWay =
+                    std::regex_search(why, std::regex("was changed while|src=" + document + ".*(Stale|No such)"));
+                if (!done && !gaveWay) std::puts(why.c_str());
+                (void)fflush(stdout);
+                _exit(done ? 0 : gaveWay ? 1 : 2);
+            }
+        usleep(static_cast<useconds_t>(random() % 4000));
+        const auto victims = random() % 4; // none, one of them, or both
+        for (unsigned i = 0; i < 2; ++i)
+            if ((victims >> i & 1) != 0 && kill(restorers[i], SIGKILL) == 0) ++tally.kills;
+        for (const pid_t restorer : restorers) {
+            int ended = 0;
+            EXPECT_EQ(waitpid(restorer, &ended, 0), restorer);
+            EXPECT_TRUE(WIFSIGNALED(ended) || WEXITSTATUS(ended) < 2) << "somebody touched what it works on";
+            changed += WIFEXITED(ended) && WEXITSTATUS(ended) == 1;
+        }
+        tally.stop = true;
+        for (const pid_t other : others) EXPECT_EQ(waitpid(other, nullptr, 0), other);
+        EXPECT_EQ(tally.wrong, 0);
+
+        EXPECT_TRUE(vaultry::Store::findings(at.root(), /*repair=*/true));
+        // What came out of another's restore is reported with its place, and left to a person.
+        const auto left = *vaultry::Store::findings(at.root());
+        for (const auto &finding : left) EXPECT_EQ(finding.kind, "document-aside") << finding.path;
+        EXPECT_EQ(disk::List(place).size(), 1 + left.size());
+        aside += left.empty() ? 0 : 1;
+        const std::string now = disk::Read(document + inside);
+        EXPECT_TRUE(isKnown(now)) << now;
+        bool isKept = now == saved;
+        for (const auto &name : names) isKept |= disk::Read(at.Generation("backup " + name) + inside) == saved;
+        EXPECT_TRUE(isKept) << "it is neither at its path nor in a backup";
+        for (const auto &name : store.names().value()) EXPECT_TRUE(store.remove({name}));
+        EXPECT_TRUE(Shell(desk, "rm -r *"));
+        EXPECT_TRUE(vaultry::Store::findings(at.root(), /*repair=*/true));
+    }
+    platform::SetLogSink(nullptr);
+    std::printf("figures: %d rounds of two restores of one document, %ld killed, %ld gave way, %ld left one aside\n",
+                rounds, tally.kills.load(), changed, aside);
 }
 
 } // namespace
