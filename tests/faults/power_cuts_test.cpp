@@ -163,10 +163,10 @@ TEST_P(PowerCuts, WhatReturnedTrueStaysAndNothingIsTorn)
         // What the library did flushes itself; what the user did has to be there only where it is looked for.
         const bool flushed = nth != 0 || kind == Document::File;
         ASSERT_TRUE(!flushed || Shell(where.path, "sync -f ."));
-        const char *const fill = "fallocate -l $(($(stat -fc '%f * %S' .) - (16 << 20))) filler || :;"
-                                 "dd if=/dev/zero of=filler2 bs=64k || truncate -s -64K filler2; sync -f .";
-        ASSERT_TRUE(!work.full || Shell(where.path, fill));
+        const char *const fill = "fallocate -l $(($(stat -fc '%a * %S' .) - (16 << 20))) filler || :;"
+                                 "dd if=/dev/zero of=filler2 bs=64k || truncate -s -96K filler2; sync -f .";
         identity.emplace(who);
+        ASSERT_TRUE(!work.full || Shell(where.path, fill));
         const Outcome outcome = InChild(KillBefore(nth), [&](TQError **why) {
             const auto result = work.run(scene);
             if (!result) *why = static_cast<TQError *>(TQRetain(result.error().get()));
