@@ -29,6 +29,8 @@ const struct {
     {std::regex("failed to protect store"), std::regex("/store|/out")},
     {std::regex("deletable|Failed to remove|fts_"), std::regex("/store/\\.vaultry_staging/.*|/out.*|.*nosync.*")},
     {std::regex("Failed to revert"), std::regex("/store/[a-z]+")},
+    // The removal of the old document on another volume: its note stays.
+    {std::regex("Failed to flush \"(?!.*/store)"), std::regex("/store/\\.vaultry_staging/.*")},
     {std::regex(kNotHome), std::regex(".*(/d|nosync\\.\\*).*")},
 };
 
