@@ -67,13 +67,18 @@ bool IsNativeVolumeType(const char *typeName)
     return false;
 }
 
+std::optional<bool> AskWhetherVolumeHonoursFlush(int fd)
+{
+    struct statfs read;
+    if (fstatfs(fd, &read) != 0) return std::nullopt;
+    const VolumeType *type = _TypeByMagic(static_cast<uint32_t>(read.f_type));
+    return type && type->honours;
+}
+
 bool VolumeHonoursFlush(int fd)
 {
     const ErrnoKeeper keeper;
-    struct statfs read;
-    if (fstatfs(fd, &read) != 0) return false;
-    const VolumeType *type = _TypeByMagic(static_cast<uint32_t>(read.f_type));
-    return type && type->honours;
+    return AskWhetherVolumeHonoursFlush(fd).value_or(false);
 }
 
 // 0 if `path` is a directory afterwards, whoever made it.

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <sys/stat.h>
 
 namespace {
@@ -52,22 +53,32 @@ bool Report(int result, const char *path, TQError **error, const char *file = __
     return result == 0 || Failure(error, file, line).Errno("Failed to flush \"%s\" to disk", path);
 }
 
-// What stands for an item that can't be opened: the nearest directory, from `directory` upwards, that can be read and
-// is on the item's volume, if a flush of the volume reaches all that is on it. Empty, and errno as it was, if there is
-// none.
-UniqueFd OpenVolumeOf(const char *item, const char *directory)
+// The nearest directory, from `directory` upwards, that can be read and is on the item's volume. Empty with errno,
+// EACCES if there is none.
+UniqueFd OpenOnVolumeOf(const char *item, const char *directory)
 {
-    const ErrnoKeeper keeper;
     TQFileStatus wanted, status;
     if (platform::GetStatus(Item::AtPath(item), Links::NoFollow, &wanted) != 0) return UniqueFd();
     UniqueFd at(open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC));
     for (uint64_t last = 0; at && platform::GetStatusOfFd(at.get(), &status) == 0; last = status.inode) {
-        if (status.device != wanted.device || status.inode == last) break; // the top is its own parent
+        if (status.device != wanted.device || status.inode == last) { // the top is its own parent
+            errno = EACCES;
+            break;
+        }
         UniqueFd readable(openat(at.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (readable) return platform::VolumeHonoursFlush(readable.get()) ? std::move(readable) : UniqueFd();
+        if (readable) return readable;
         at.Reset(openat(at.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
     }
     return UniqueFd();
+}
+
+// What stands for an item that can't be opened, if a flush of the volume reaches all that is on it. Empty, and errno as
+// it was, if there is none.
+UniqueFd OpenVolumeOf(const char *item, const char *directory)
+{
+    const ErrnoKeeper keeper;
+    UniqueFd readable = OpenOnVolumeOf(item, directory);
+    return readable && platform::VolumeHonoursFlush(readable.get()) ? std::move(readable) : UniqueFd();
 }
 
 int FlushUnopened(const char *path)
@@ -93,6 +104,13 @@ int FlushUnopenedDirectory(const char *path, const char *itemOnIt)
     return -1;
 }
 
+// `directory` is the parent, or errno says why it could not be opened.
+bool FlushFolder(const UniqueFd &directory, const Parent &parent, const char *itemOnIt, TQError **error)
+{
+    if (directory) return Report(platform::FlushFd(directory.get()), parent.path, error);
+    return Report(CannotBeOpened() ? FlushUnopenedDirectory(parent.path, itemOnIt) : -1, parent.path, error);
+}
+
 } // namespace
 
 bool _FlushItem(const char *path, TQError **error)
@@ -104,15 +122,17 @@ bool _FlushItem(const char *path, TQError **error)
 
 bool _FlushEntry(const char *path, TQError **error)
 {
-    return _FlushFormerEntry(path, path, error);
+    const Parent parent(path);
+    return FlushFolder(OpenDirectory(parent.path), parent, path, error);
 }
 
 bool _FlushFormerEntry(const char *path, const char *now, TQError **error)
 {
     const Parent parent(path);
     const UniqueFd directory = OpenDirectory(parent.path);
-    if (directory) return Report(platform::FlushFd(directory.get()), parent.path, error);
-    return Report(CannotBeOpened() ? FlushUnopenedDirectory(parent.path, now) : -1, parent.path, error);
+    // Somebody has tidied the folder away since, and the entry was gone by then.
+    if (!directory && errno == ENOENT) return true;
+    return FlushFolder(directory, parent, now, error);
 }
 
 TreeFlush TreeFlush::At(const char *path)
@@ -132,8 +152,11 @@ TreeFlush TreeFlush::By(int onVolume)
 bool TreeFlush::Flush(const char *path, uint32_t mode, TQError **error) const
 {
     if (!S_ISDIR(mode)) return _FlushItem(path, error);
-    const UniqueFd other = volume() >= 0 ? UniqueFd() : OpenVolumeOf(path, path);
+    const UniqueFd other = volume() >= 0 ? UniqueFd() : OpenOnVolumeOf(path, path);
+    if (volume() < 0 && !other) return Report(-1, path, error);
     const int open = other ? other.get() : volume();
-    if (platform::VolumeHonoursFlush(open)) return Report(platform::FlushVolumeOfFd(open), path, error);
+    const std::optional<bool> honours = platform::AskWhetherVolumeHonoursFlush(open);
+    if (!honours) return Report(-1, path, error); // to flush its top alone could leave all that is in it unwritten
+    if (*honours) return Report(platform::FlushVolumeOfFd(open), path, error);
     return _FlushItem(path, error); // whoever wrote what is in it has flushed that
 }

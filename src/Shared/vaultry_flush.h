@@ -18,12 +18,13 @@
 bool _FlushItem(const char *path, TQError **error);
 
 // The entry of an item in the directory that holds it, wherever the links in its path lead; or, of one that was moved
-// to `now`, that it is there no more.
+// to `now`, that it is there no more. That folder may have gone.
 bool _FlushEntry(const char *path, TQError **error);
 bool _FlushFormerEntry(const char *path, const char *now, TQError **error);
 
 // A whole tree, with one call for its volume however many items it has: content, attributes and entries. Where a flush
-// of the volume does not stand for that, only the top item, whose contents their writers have flushed.
+// of the volume does not stand for that, only the top item, whose contents their writers have flushed. Where that can't
+// be told it fails.
 //
 //     const auto flush = TreeFlush::At(path);   // before the first byte is written
 //     ...
