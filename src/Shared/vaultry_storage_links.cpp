@@ -7,6 +7,7 @@
 
 #include "Platform/FileStatus.h"
 #include "Platform/Flush.h"
+#include "Platform/QuietOpener.h"
 #include "Platform/UniqueFd.h"
 #include "Platform/UniqueNames.h"
 #include "Shared/PathBuffer.h"
@@ -14,6 +15,7 @@
 
 #include <vaultry/filesystem.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <string>
@@ -21,6 +23,20 @@
 #include <unistd.h>
 
 namespace {
+
+// Whether what was found is the file that the walk described; else ESTALE.
+bool IsDescribed(const TQFileStatus &found, const HardLinkedFile &file)
+{
+    const bool isSame = found.device == file.status.device && found.inode == file.status.inode;
+    if (!isSame) errno = ESTALE;
+    return isSame;
+}
+
+bool IsAtItsName(const HardLinkedFile &file)
+{
+    TQFileStatus found;
+    return platform::GetStatus(file.item, Links::NoFollow, &found) == 0 && IsDescribed(found, file);
+}
 
 // The directory of the file, made writable for the span of the exchange and then as it was. Its times come back too:
 // the document's owner has changed nothing in it.
@@ -52,7 +68,9 @@ public:
         if (modeChanged_ && platform::SetMode(parent_, Links::Follow, before_.mode & 07777) != 0)
             Failure(nullptr).Errno("failed to restore parent path \"%s\" mode", parent_.path);
         const struct timespec times[] = {before_.accessTime, before_.modificationTime};
-        if (known_) (void)utimensat(parent_.directory, parent_.name, times, 0); // somebody else's stay new
+        if (known_)
+            (void)utimensat(parent_.directory, parent_.name, times,
+                            0); // refused in somebody else's folder, unless to root
         if (flagsChanged_ && platform::SetFlags(parent_, Links::Follow, before_.flags) != 0)
             Failure(nullptr).Errno("failed to restore parent path \"%s\" flags", parent_.path);
     }
@@ -112,9 +130,11 @@ public:
                Failure(error).Errno("Failed to flush \"%s\" to disk", path_.c_str());
     }
 
-    bool RenameOver(const Item &item, TQError **error)
+    // What has taken the name of the file since it was copied stays.
+    bool RenameOver(const HardLinkedFile &file, TQError **error)
     {
-        if (renameat(directory_, name_.c_str(), item.directory, item.name) != 0)
+        const Item &item = file.item;
+        if (!IsAtItsName(file) || renameat(directory_, name_.c_str(), item.directory, item.name) != 0)
             return Failure(error).Errno("rename (\"%s\" -> \"%s\") failed", path_.c_str(), item.path);
         made_ = false;
         return true;
@@ -130,6 +150,16 @@ private:
     PathBuffer name_; // relative to the directory
     PathBuffer path_;
 };
+
+// The file whose status the walk read, or none: what has taken its place is not what is archived.
+UniqueFd OpenDescribed(const HardLinkedFile &file)
+{
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    UniqueFd fd = platform::QuietOpener().Open(file.item, kFlags, file.status.owner);
+    TQFileStatus status;
+    if (!fd || platform::GetStatusOfFd(fd.get(), &status) != 0 || !IsDescribed(status, file)) return UniqueFd();
+    return fd;
+}
 
 Item ParentOf(const HardLinkedFile &file, const char *parentPath)
 {
@@ -154,7 +184,7 @@ bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *now, TQError **err
     // The name comes first: one that is too long is refused before the directory is touched.
     if (!temporary.Name(item, error) || !parent.MakeWritable(error) || !temporary.Make(item, error)) return false;
 
-    source.Reset(openat(item.directory, item.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    source = OpenDescribed(file);
     if (!source) return Failure(error).Errno("failed open source file at \"%s\"", item.path);
     if (platform::fduplix(source.get(), temporary.fd()) != 0)
         return Failure(error).Errno("duplix (\"%s\" -> \"%s\") failed", item.path, temporary.path());
@@ -162,7 +192,7 @@ bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *now, TQError **err
     if (file.status.hasBirthTime)
         (void)_SetBirthTimeSpecForFD(temporary.fd(), file.status.birthTime.tv_sec, file.status.birthTime.tv_nsec);
     TQFileStatus made;
-    if (!temporary.Keep(&made, error) || !temporary.RenameOver(item, error)) return false;
+    if (!temporary.Keep(&made, error) || !temporary.RenameOver(file, error)) return false;
     *now = made;
     return true;
 }
