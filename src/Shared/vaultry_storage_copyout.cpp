@@ -77,21 +77,21 @@ bool Unarchive(const DuplixFinished &item, const char *path, TQError **error)
 }
 
 // An item with these flags takes neither its final mode nor a new name.
-void TakeBlockingFlags(const char *path, uint32_t flags)
+void TakeBlockingFlags(int pinned, const TQFileStatus &status, const char *path)
 {
     char text[256];
-    if ((flags & kBlockingFlags) != 0 &&
-        platform::SetFlags(Item::AtPath(path), Links::NoFollow, flags & ~kBlockingFlags) != 0 && errno != ENOTSUP)
+    if ((status.flags & kBlockingFlags) != 0 &&
+        platform::SetFlagsOfPinned(pinned, status, status.flags & ~kBlockingFlags) != 0 && errno != ENOTSUP)
         Log(kLogError).Line("chflags on path \"%s\" returned error %d (%s)\n", path, errno,
                             strerror_r(errno, text, sizeof text));
 }
 
 // The caller may still want to move the copy, and applies its final mode itself.
-void LeaveWritable(const char *path, mode_t mode)
+void LeaveWritable(int pinned, mode_t mode, const char *path)
 {
     char text[256];
     if (S_ISDIR(mode) && (mode & kWriteBits) != kWriteBits &&
-        platform::SetMode(Item::AtPath(path), Links::NoFollow, (mode | kWriteBits) & 07777) != 0)
+        platform::SetModeOfPinned(pinned, (mode | kWriteBits) & 07777) != 0)
         Log(kLogError).Line("chmod on path \"%s\" returned error %d (%s)\n", path, errno,
                             strerror_r(errno, text, sizeof text));
 }
@@ -112,18 +112,21 @@ bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mod
     if (flags) *flags = 0;
     if (!path || !destination || !mode || !flags)
         return Failure(error).Refused(kTQStatusBadPath, "no path was supplied");
+    platform::DuplixMade own;
+    if (!made) made = &own;
     if (platform::duplix(path, destination, _DuplixUnarchiveCallback, error, {.made = made, .flushEach = flushEach}) !=
         0)
         return false;
 
-    // Its own, if somebody put a link into the store: what it points to gets no mode from us.
+    // Of what was made, whatever has its name by now; and of a link that somebody put into the store its own.
     TQFileStatus status;
-    if (platform::GetStatus(Item::AtPath(destination), Links::NoFollow, &status) != 0)
+    const UniqueFd copy = platform::PinItem(Item::AtPath(destination), made->item);
+    if (!copy || platform::GetStatusOfFd(copy.get(), &status) != 0)
         return Failure(error).Errno("stat(\"%s\") failed", destination);
     *mode = static_cast<uint16_t>(status.mode);
     *flags = status.flags;
-    TakeBlockingFlags(destination, status.flags);
-    if (leaveWritable) LeaveWritable(destination, status.mode);
+    TakeBlockingFlags(copy.get(), status, destination);
+    if (leaveWritable) LeaveWritable(copy.get(), status.mode, destination);
     return true;
 }
 
