@@ -5,9 +5,12 @@
 #include "Platform/ProcPath.h"
 
 #include <cerrno>
+#include <linux/capability.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 namespace platform {
 
@@ -154,6 +157,15 @@ int SetMode(const Item &item, Links links, mode_t mode)
     if (result != 0 && errno == ENOSYS) result = fchmodat(item.directory, item.name, mode, AT_SYMLINK_NOFOLLOW);
     if (result == 0) errno = before;
     return result;
+}
+
+bool MaySetBlockingFlags()
+{
+    const ErrnoKeeper keeper;
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3]{};
+    return syscall(SYS_capget, &header, sets) == 0 &&
+           (sets[CAP_TO_INDEX(CAP_LINUX_IMMUTABLE)].effective & CAP_TO_MASK(CAP_LINUX_IMMUTABLE)) != 0;
 }
 
 UniqueFd PinItem(const Item &item, const TQFileStatus &expected)

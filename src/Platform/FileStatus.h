@@ -25,6 +25,10 @@ int GetStatusOfFd(int fd, TQFileStatus *out);
 int SetFlags(const Item &item, Links links, uint32_t flags);
 int SetFlagsOfFd(int fd, uint32_t flags);
 
+// Whether this thread has the privilege that setting and clearing the flags immutable and append-only takes. Root in a
+// container may have it in vain.
+bool MaySetBlockingFlags();
+
 // With Links::NoFollow a link answers EOPNOTSUPP, and nothing it points to is touched.
 int SetMode(const Item &item, Links links, mode_t mode);
 

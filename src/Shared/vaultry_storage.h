@@ -51,10 +51,11 @@ bool _WriteGenerationOptions(const char *path, uint64_t options, TQError **error
 struct TQAddContext {
     uint8_t makeReadable;
     uint8_t archive;
-    uint64_t bytesCompleted;   // of the files finished so far
-    TQProgress *progress;      // may be null
-    TQError **error;           // may be null
-    bool bringsRecord = false; // the item at hand has a record of an earlier archiving, which is not copied
+    uint64_t bytesCompleted;           // of the files finished so far
+    TQProgress *progress;              // may be null
+    TQError **error;                   // may be null
+    bool bringsRecord = false;         // the item at hand has a record of an earlier archiving, which is not copied
+    std::optional<bool> mayBlock = {}; // whether flags in such a record could be given back; asked for the first one
 };
 
 int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *source, const char *destination,

@@ -166,13 +166,15 @@ void ReportCompleted(TQProgress *progress, uint64_t bytes)
 }
 
 // What a copied item of a generation, brought from elsewhere, had before it was archived there; none if its record
-// can't be one. An item that can be written was changed since, and a record never gives write to who may not even read.
-std::optional<uint8_t> BroughtRecord(const DuplixFinished &item, const TQFileStatus &source)
+// can't be one. An item that can be written was changed since, and a record never gives write to who may not even read,
+// nor a flag that whoever adds it could not set: the copy-out would fail.
+std::optional<uint8_t> BroughtRecord(const DuplixFinished &item, const TQFileStatus &source, TQAddContext &context)
 {
     uint8_t record[2];
     const ssize_t length = platform::GetAttributeOfFd(item.source, kSavedPermissionsAttribute, record, sizeof record);
     if (length != 1 || (record[0] & ~kSavedBits) != 0 || (source.mode & kWriteBits) != 0) return std::nullopt;
-    uint8_t readable = kSavedImmutable | kSavedAppend;
+    if (!context.mayBlock) context.mayBlock = platform::MaySetBlockingFlags();
+    uint8_t readable = *context.mayBlock ? kSavedImmutable | kSavedAppend : 0;
     if ((source.mode & S_IRUSR) != 0) readable |= kSavedOwnerWrite;
     if ((source.mode & S_IRGRP) != 0) readable |= kSavedGroupWrite;
     if ((source.mode & S_IROTH) != 0) readable |= kSavedOtherWrite;
@@ -180,7 +182,7 @@ std::optional<uint8_t> BroughtRecord(const DuplixFinished &item, const TQFileSta
 }
 
 // A link is archived as what it is, not as its target.
-bool ArchiveCopied(const DuplixState &state, const TQAddContext &context, TQError **error)
+bool ArchiveCopied(const DuplixState &state, TQAddContext &context, TQError **error)
 {
     const Item &item = state.destination;
     const bool makeReadable = context.makeReadable;
@@ -190,7 +192,7 @@ bool ArchiveCopied(const DuplixState &state, const TQAddContext &context, TQErro
     const ArchivedItem archived{.item = item,
                                 .before = state.finished->status,
                                 .makeReadable = makeReadable,
-                                .record = context.bringsRecord ? BroughtRecord(*state.finished, *state.source)
+                                .record = context.bringsRecord ? BroughtRecord(*state.finished, *state.source, context)
                                                                : std::nullopt};
     return _ArchiveOpenItem(archived, state.finished->copy, error);
 }
