@@ -7,6 +7,7 @@
 #include "vaultry_client_managed.h"
 #include "vaultry_client_managed_staging.h"
 
+#include "Platform/FileStatus.h"
 #include "Platform/UniqueNames.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
@@ -56,13 +57,24 @@ bool LiftForMove(LiftedGeneration &item, const char *generation, TQError **error
     return true;
 }
 
+// What lies under a mount can't be reached, and what is mounted there is no generation.
+bool RemoveAsItStands(const char *generation, TQError **error)
+{
+    TQFileStatus now;
+    if (platform::GetStatus(Item::AtPath(generation), Links::NoFollow, &now) != 0)
+        return Failure(error).Errno("failed to stat source path %s", generation);
+    if (!now.isMountRoot) return _RemoveTree(generation, 0, error);
+    errno = EBUSY;
+    return Failure(error).Errno("failed to remove \"%s\", on which something is mounted", generation);
+}
+
 bool MoveToStaging(const char *root, const char *generation, const char *staged, TQError **error)
 {
     if (!_UnprotectGenerationStore(root, error)) return false;
     const ScopeExit protect([root] { _ProtectGenerationStore(root); });
     if (rename(generation, staged) == 0) return true;
     // A folder of an overlay's lower layer has no other place to go.
-    if (errno == EXDEV) return _RemoveTree(generation, 0, error);
+    if (errno == EXDEV) return RemoveAsItStands(generation, error);
     return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged);
 }
 
@@ -93,7 +105,7 @@ bool RemoveWithoutRoom(const char *root, const char *generation, TQError **error
         if (errno != ENOSPC && errno != EDQUOT && errno != EXDEV)
             return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged.c_str());
     }
-    return lifted.Gone(_RemoveTree(generation, 0, error));
+    return lifted.Gone(RemoveAsItStands(generation, error));
 }
 
 bool RemoveOne(const char *root, TQValue *nameValue, TQError **error)
