@@ -143,17 +143,25 @@ bool EqualMembers(const TQValue *a, const TQValue *b, const Comparison *outer);
 
 // --- hashing
 //
-// A value hashes all that it holds itself; containers in it have a share of a budget, and those in them a share of
-// that. So a hash costs no more than the container's own size justifies, however often one is shared below it, and ends
-// where one holds itself. A budget follows from nothing but the counts on the way down, which equal containers have in
-// common.
+// A value hashes all its members. Containers and data among them share a budget: how many members may be looked at in them and
+// below, in all; one that has more members than that left hashes its count, and as an array the first of them. So a
+// hash costs no more than the container's own size justifies, however often one is shared below it, and ends where one
+// holds itself, and yet a chain of containers with one member each is followed to its leaf. A budget follows from
+// nothing but the counts on the way down, which equal containers have in common.
 
 inline constexpr size_t kWholeValue = SIZE_MAX;
 
-// What each of a container's members may spend.
-constexpr size_t ShareOfBudget(size_t budget, size_t count)
+// What each of those `sharers` among `count` members may spend.
+constexpr size_t ShareOfBudget(size_t budget, size_t count, size_t sharers)
 {
-    return budget == kWholeValue ? 1024 / (count + 1) + 8 : budget / (count + 1);
+    if (sharers == 0) return 0;
+    if (budget == kWholeValue) return 1024 / sharers + 8;
+    return budget > count ? (budget - count) / sharers : 0;
+}
+
+inline bool TakesShare(const TQValue *value)
+{
+    return value && (AsObject(value)->kind->container || AsObject(value)->kind->type == kTypeData);
 }
 
 uintptr_t HashMember(const TQValue *value, size_t budget);

@@ -97,7 +97,12 @@ uintptr_t OrderedTable::Hash(uintptr_t kind, size_t budget) const
 {
     uintptr_t sum = HashInteger(kind + count_);
     if (count_ > budget) return sum; // which of them come first says nothing of an equal table
-    const size_t share = ShareOfBudget(budget, count_);
+    size_t sharers = 0;
+    Every([&](const Entry &entry) {
+        sharers += size_t{TakesShare(entry.key)} + size_t{TakesShare(entry.value)};
+        return true;
+    });
+    const size_t share = ShareOfBudget(budget, count_, sharers);
     Every([&](const Entry &entry) {
         sum += HashInteger(HashMember(entry.key, share) * 3 + HashMember(entry.value, share));
         return true;

@@ -18,7 +18,9 @@ bool _EqualArrays(const Object *a, const Object *b, const Comparison *comparison
 uintptr_t _HashArray(const Object *object, size_t budget)
 {
     const auto &values = static_cast<const TQArray *>(object)->values;
-    const size_t seen = std::min(values.size(), budget), share = ShareOfBudget(budget, values.size());
+    const size_t seen = std::min(values.size(), budget);
+    const auto sharers = std::count_if(values.begin(), values.begin() + static_cast<ptrdiff_t>(seen), TakesShare);
+    const size_t share = ShareOfBudget(budget, values.size(), static_cast<size_t>(sharers));
     uintptr_t hash = HashInteger(kTypeArray + values.size());
     for (size_t i = 0; i < seen; ++i) hash = hash * 31 + HashMember(values[i], share);
     return hash;

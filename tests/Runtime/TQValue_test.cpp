@@ -110,6 +110,7 @@ TEST(Value, DeepValuesNeedNoStack)
     const Value one = Nested(512), other = Nested(512);
     EXPECT_TRUE(TQEqual(one.get(), other.get()));
     EXPECT_EQ(TQHash(one.get()), TQHash(other.get()));
+    EXPECT_NE(TQHash(one.get()), TQHash(Nested(511).get()));
     EXPECT_EQ(Describe(one.get()), std::string(512, '[') + std::string(512, ']'));
     // Beyond, comparison gives up instead of the stack.
     EXPECT_FALSE(TQEqual(Nested(5000).get(), Nested(5000).get()));
