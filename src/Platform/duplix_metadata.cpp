@@ -66,7 +66,7 @@ static bool _CopyMode(const CopiedItem &item, const Ownership &owner, const Copi
 {
     mode_t mode = item.source.mode & 07777;
     if (!owner.complete) mode &= ~kSetIdBits; // else they would lend the rights of somebody else
-    mode &= ~static_cast<mode_t>(070) | (lists.groupRights << 3);
+    mode &= ~lists.denied;
     if (!owner.changed && !lists.touched && mode == (item.made.mode & 07777)) return true;
     if (fchmod(item.to, mode) != 0) return false;
     item.made.mode = (item.made.mode & S_IFMT) | mode;

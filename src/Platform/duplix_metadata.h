@@ -10,6 +10,7 @@
 #include "Platform/duplix_reports.h"
 
 #include <memory>
+#include <sys/types.h>
 
 namespace platform {
 
@@ -24,8 +25,8 @@ struct CopiedItem {
 
 // What the extended attributes of the source were, as far as the mode depends on it.
 struct CopiedLists {
-    bool touched = false;      // an access list was set: the mode's group bits are no longer what they were
-    unsigned groupRights = 07; // what the mode may grant to the group
+    bool touched = false; // an access list was set: the mode's group bits are no longer what they were
+    mode_t denied = 0;    // what the mode may not grant
 };
 
 // `user.` attributes, access-control lists, and as root the capability. Keeps its buffers from item to item.
