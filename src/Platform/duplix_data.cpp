@@ -84,8 +84,9 @@ static bool _WriteAll(int to, const char *bytes, size_t size, uint64_t offset)
 {
     while (size > 0) {
         const ssize_t written = pwrite(to, bytes, size, static_cast<off_t>(offset));
-        if (written < 0 && errno != EINTR) return false;
-        if (written <= 0) continue;
+        if (written < 0 && errno == EINTR) continue;
+        if (written == 0) errno = EIO; // nothing was wrong, and nothing would ever come of it
+        if (written <= 0) return false;
         bytes += written;
         size -= static_cast<size_t>(written);
         offset += static_cast<uint64_t>(written);
@@ -106,7 +107,8 @@ Copied DataCopier::CopyAtOnce(Job &job)
     return job.IsEnd(size, size, kBufferSize) ? Copied::Yes : CopyRange(job, UINT64_MAX);
 }
 
-// Where the data at or behind `offset` begins and ends. The size for both if only a hole follows.
+// Where the data at or behind `offset` begins and ends. The size for both if only a hole follows. What a file system
+// tells that makes no sense counts as data up to the size.
 static void _NextExtent(int from, uint64_t offset, uint64_t size, uint64_t *begin, uint64_t *end)
 {
     const off_t data = lseek(from, static_cast<off_t>(offset), SEEK_DATA);
@@ -117,8 +119,8 @@ static void _NextExtent(int from, uint64_t offset, uint64_t size, uint64_t *begi
         return;
     }
     const off_t hole = lseek(from, data, SEEK_HOLE);
-    *begin = std::min(static_cast<uint64_t>(data), size);
-    *end = hole < 0 ? size : std::min(static_cast<uint64_t>(hole), size);
+    *begin = std::min(std::max(static_cast<uint64_t>(data), offset), size);
+    *end = hole < 0 || static_cast<uint64_t>(hole) <= *begin ? size : std::min(static_cast<uint64_t>(hole), size);
 }
 
 Copied DataCopier::CopyExtents(Job &job)
