@@ -11,7 +11,7 @@ namespace platform {
 bool DirectoryStack::Push(UniqueFd directory, const TQFileStatus &status)
 {
     try {
-        levels_.push_back({std::move(directory), status.device, status.inode});
+        levels_.push_back({std::move(directory), status.device, status.inode, status.owner});
     } catch (const std::bad_alloc &) {
         errno = ENOMEM;
         return false;
@@ -25,7 +25,7 @@ bool DirectoryStack::OpenParent()
     Level &parent = levels_[levels_.size() - 2];
     if (parent.fd) return true;
 
-    UniqueFd found(openat(Top(), "..", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd found = opener_.Open({Top(), "..", ".."}, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, parent.owner);
     // The root's parent may be searchable only, and is never read.
     if (!found && errno == EACCES) found.Reset(openat(Top(), "..", O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     TQFileStatus status;

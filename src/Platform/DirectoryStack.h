@@ -6,6 +6,7 @@
 
 #pragma once
 
+#include "Platform/QuietOpener.h"
 #include "Platform/UniqueFd.h"
 
 #include <vaultry/file_status.h>
@@ -37,8 +38,10 @@ private:
         UniqueFd fd;
         uint64_t device;
         uint64_t inode;
+        uint32_t owner;
     };
     std::vector<Level> levels_;
+    QuietOpener opener_;
 };
 
 } // namespace platform
