@@ -68,10 +68,8 @@ bool TreeCopy::Run(const char *source, const char *destination, const DuplixOpti
     flushEach_ = options.flushEach && !tree_.HonoursFlush(volumes_);
 
     const Entry *entry = walk_.Next();
-    if (entry && entry->kind == TreeWalk::Kind::Directory && tree_.IsInside(entry->status)) {
-        errno = EINVAL;
+    if (entry && entry->kind == TreeWalk::Kind::Directory && !tree_.IsOutside(entry->status))
         return RefusedFromTheStart(source, destination);
-    }
     while (entry) {
         if (!Visit(*entry)) return false;
         entry = walk_.Next();

@@ -8,14 +8,16 @@
 //
 // What may be refused without a failure: owner and group (EPERM; EINVAL, where a user namespace has no number for the
 // owner; the set-id bits are then dropped),
-// flags (EPERM, ENOTSUP; each flag for itself), lists on a volume without them (the mode then grants the group no more
+// flags (EPERM, ENOTSUP; each flag for itself), lists on a volume without them (the mode then grants nobody more
 // than the list did), the capability. An attribute that can't be set is a failure, ENOTSUP too.
 //
-// Items are made with owner-only rights and O_EXCL; nothing that exists is written over or followed. The source is
+// Items are made with owner-only rights and O_EXCL; nothing that holds anything is written over, and nothing is
+// followed (see `into` for what is filled). A directory that is swapped when it was just made is refused with ESTALE
+// where it can be told: it is not empty, or is somebody else's on a volume that keeps owners. The source is
 // opened without following links, and what was swapped since its status was read is refused with ESTALE. Links are
 // copied as links. FIFOs, sockets and devices are refused with ENOTSUP, never opened. A file is read to where its end
-// is found, whatever its size was said to be: some volumes do not know it. Reading leaves no time of access behind
-// where that is allowed.
+// is found, whatever its size was said to be: some volumes do not know it. Reading files and directories leaves no
+// time of access behind where that is allowed, which is to an item's owner and to root; reading a link leaves one.
 //
 // The callback sees, for each file, link or refused item: (File, Start), then (Data, Progress) at least every
 // 4 MiB while data goes over, then (File, Finish), all attributes done. For each directory: (Directory, Start),

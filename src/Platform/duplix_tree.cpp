@@ -50,19 +50,29 @@ bool DestinationTree::Open(const char *path, const TQFileStatus *into)
     return directories_.Push(std::move(directory), status);
 }
 
-bool DestinationTree::IsInside(const TQFileStatus &tree) const
+bool DestinationTree::IsOutside(const TQFileStatus &tree) const
 {
-    char up[PATH_MAX] = ".";
-    TQFileStatus last{};
-    for (size_t length = 1; length + 4 < sizeof up; length += 3) {
-        TQFileStatus above;
-        if (GetStatus({directories_.Top(), up, up}, Links::NoFollow, &above) != 0) return false;
-        if (_IsSame(above, tree)) return true;
-        if (_IsSame(above, last)) return false; // the root of all is its own parent
-        last = above;
-        memcpy(up + length, "/..", 4);
+    UniqueFd at;
+    int from = directories_.Top();
+    for (TQFileStatus last{};;) {
+        char up[PATH_MAX] = ".";
+        for (size_t length = 1; length + 4 < sizeof up; length += 3) {
+            TQFileStatus above;
+            if (GetStatus({from, up, up}, Links::NoFollow, &above) != 0) return false;
+            if (_IsSame(above, tree)) {
+                errno = EINVAL;
+                return false;
+            }
+            if (length > 1 && _IsSame(above, last)) return true; // the root of all is its own parent
+            last = above;
+            memcpy(up + length, "/..", 4);
+        }
+        // So deep that one path does not reach the top.
+        UniqueFd next(openat(from, up, O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (!next) return false;
+        at = std::move(next);
+        from = at.get();
     }
-    return false;
 }
 
 bool DestinationTree::NameItem(const char *name, const char *below)
@@ -112,6 +122,15 @@ UniqueFd DestinationTree::OpenRootFile(TQFileStatus *made) const
     return UniqueFd();
 }
 
+static bool _IsEmpty(int fd)
+{
+    DirectoryReader names;
+    int error = 0;
+    if (names.Next(fd, &error)) error = EEXIST;
+    if (error != 0) errno = error;
+    return error == 0;
+}
+
 UniqueFd DestinationTree::OpenRootDirectory() const
 {
     if (!S_ISDIR(into_->mode)) {
@@ -120,24 +139,46 @@ UniqueFd DestinationTree::OpenRootDirectory() const
     }
     UniqueFd fd = _OpenInto(item_, O_RDONLY | O_DIRECTORY);
     TQFileStatus found;
-    if (!fd || !_IsInto(fd.get(), *into_, &found)) return UniqueFd();
-    DirectoryReader names;
-    int error = 0;
-    if (names.Next(fd.get(), &error)) error = EEXIST;
-    if (error == 0) return fd;
-    errno = error;
-    return UniqueFd();
+    if (!fd || !_IsInto(fd.get(), *into_, &found) || !_IsEmpty(fd.get())) return UniqueFd();
+    return fd;
 }
 
-UniqueFd DestinationTree::OpenNewDirectory()
+// Whether a directory that was opened can be the one that was just made; else ESTALE. Some volumes give all that is on
+// them to one owner.
+static bool _CanBeNew(int fd, const TQFileStatus &status)
 {
-    if (mkdirat(item_.directory, item_.name, S_IRWXU) != 0) return UniqueFd();
-    made_.something = true;
+    if (status.linkCount <= 2 && (status.owner == geteuid() || !VolumeHonoursFlush(fd))) return true;
+    errno = ESTALE;
+    return false;
+}
+
+// The same of one that can be read. Only the root is looked into: others get at nothing below it, whose rights are its
+// owner's alone by then.
+bool DestinationTree::IsNew(int fd, const TQFileStatus &status) const
+{
+    if (!_CanBeNew(fd, status)) return false;
+    if (!isRoot_ || _IsEmpty(fd)) return true;
+    if (errno == EEXIST) errno = ESTALE;
+    return false;
+}
+
+// A strict umask can make a directory that its maker can't read.
+static UniqueFd _OpenWithoutRights(const Item &item, int flags)
+{
+    const UniqueFd pinned(openat(item.directory, item.name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    TQFileStatus status;
+    if (!pinned || GetStatusOfFd(pinned.get(), &status) != 0 || !_CanBeNew(pinned.get(), status) ||
+        SetModeOfPinned(pinned.get(), S_IRWXU) != 0)
+        return UniqueFd();
+    return UniqueFd(openat(pinned.get(), ".", flags));
+}
+
+UniqueFd DestinationTree::OpenNewDirectory() const
+{
     constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     UniqueFd fd(openat(item_.directory, item_.name, kFlags));
-    // A strict umask can make a directory that its maker can't read.
-    if (!fd && errno == EACCES && SetMode(item_, Links::NoFollow, S_IRWXU) == 0)
-        fd.Reset(openat(item_.directory, item_.name, kFlags));
+    if (!fd && errno == EACCES) fd = _OpenWithoutRights(item_, kFlags);
+    if (!fd && (errno == ELOOP || errno == ENOTDIR)) errno = ESTALE;
     return fd;
 }
 
@@ -166,10 +207,17 @@ bool DestinationTree::MakeLink(const char *target)
 
 bool DestinationTree::EnterNewDirectory()
 {
-    UniqueFd made = isIntoRoot() ? OpenRootDirectory() : OpenNewDirectory();
-    made_.something = made_.something || made;
+    UniqueFd made;
+    if (isIntoRoot()) {
+        made = OpenRootDirectory();
+        made_.something = static_cast<bool>(made);
+    } else if (mkdirat(item_.directory, item_.name, S_IRWXU) == 0) {
+        made_.something = true;
+        made = OpenNewDirectory();
+    }
     TQFileStatus status;
     if (!made || GetStatusOfFd(made.get(), &status) != 0) return false;
+    if (!isIntoRoot() && !IsNew(made.get(), status)) return false;
     if (isRoot_) made_.item = status;
     GiveOwnerRights(made.get(), &status);
     if (isRoot_) {

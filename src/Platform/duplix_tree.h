@@ -22,8 +22,9 @@ public:
     // Whether its volume does.
     bool HonoursFlush(VolumeMemory &volumes) const { return volumes.HonoursFlush(directories_.Top(), device_); }
 
-    // Whether the destination would lie inside the directory that `tree` describes.
-    bool IsInside(const TQFileStatus &tree) const;
+    // Whether the destination would lie outside the directory that `tree` describes. False with EINVAL, or with errno if
+    // it can't be told.
+    bool IsOutside(const TQFileStatus &tree) const;
 
     // Names what becomes of `name`, whose path below the root is `below`; a null name is the root. False with
     // ENAMETOOLONG, and the item's path is then that of the root.
@@ -56,7 +57,8 @@ public:
 private:
     bool isIntoRoot() const { return isRoot_ && into_; }
     UniqueFd OpenRootFile(TQFileStatus *made) const;
-    UniqueFd OpenNewDirectory();
+    UniqueFd OpenNewDirectory() const;
+    bool IsNew(int fd, const TQFileStatus &status) const;
     UniqueFd OpenRootDirectory() const;
 
     DirectoryStack directories_;
