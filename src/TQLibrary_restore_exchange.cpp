@@ -20,12 +20,6 @@ const char *LastComponent(const char *path)
     return slash ? slash + 1 : path;
 }
 
-// Whether the file system has just said that it does not know the exchange.
-bool CannotExchange()
-{
-    return errno == EINVAL || errno == ENOSYS || errno == ENOTSUP;
-}
-
 } // namespace
 
 const char *Exchange::restoredName() const
@@ -83,7 +77,7 @@ bool Exchange::Swap(TQError **error)
         copy_.MovedTo(document_.name());
         return true;
     }
-    if (CannotExchange()) return ByTwoRenames(error);
+    if (platform::IsRenameFlagUnknown(errno)) return ByTwoRenames(error);
     return Failure(error).Errno("Failed to rename old file to temp path (\"%s\" -> \"%s\")", document_.path,
                                 copy_.path());
 }
