@@ -44,10 +44,11 @@ public:
             static_cast<uint64_t>(mark.modifiedNanoseconds));
     }
 
-    // One write, behind what is there: whole, or not to be believed.
+    // One write: whole, or not to be believed. The file is open for appending, so that it goes behind what is there,
+    // whatever the offset.
     bool WriteTo(int fd) const
     {
-        const ssize_t written = write(fd, text_, length_);
+        const ssize_t written = pwrite(fd, text_, length_, 0);
         if (written == static_cast<ssize_t>(length_)) return true;
         if (written >= 0) errno = ENOSPC;
         return false;
