@@ -99,7 +99,10 @@ Beside::~Beside()
         if (errno != ENOENT) staging_.Keep();
         return;
     }
-    if (ItemId::Of(found) != id()) return;
+    if (ItemId::Of(found) != id()) {
+        if (strcmp(name_, placeholder_) == 0) staging_.Keep(); // it may be the document, which only the note tells
+        return;
+    }
     TakeBlockingFlags();
     if (copy_) (void)fchmod(copy_.get(), (found.mode & 07777) | S_IRWXU);
     TreeRemoval how;
@@ -179,8 +182,7 @@ bool Beside::CopyAcross(const StagedCopy &staged, const char *restoredPath, TQEr
         (void)unlinkat(document_.folder.get(), name_, 0); // a link can only be made anew
     if (platform::duplix(staged.path, path_.c_str(), /*callback=*/nullptr, /*context=*/nullptr, options) != 0)
         return Failure(error).Errno("duplix from \"%s\" to \"%s\" failed", staged.path, restoredPath);
-    // To the document's own path, not to the restored one: clients know the birth time of a document whose
-    // extension changed as that of a new file.
+    // To the document's own path, where the old one still is: clients know a copy from another volume as new.
     (void)_TransferBirthTime(staged.path, document_.path);
     if (S_ISLNK(staged.status.mode) && platform::GetStatus(item(), Links::NoFollow, &status_) != 0)
         return Failure(error).Errno("stat(\"%s\") failed", path_.c_str());

@@ -71,22 +71,28 @@ bool Exchange::Do(TQError **error)
 bool Exchange::Swap(TQError **error)
 {
     const int result = platform::ExchangeAt(document_.folder.get(), document_.name(), copy_.name());
-    if (result == 0 || IsSwappedAllTheSame()) {
+    const Held atHome = result == 0 ? Held::Yes : HeldAtHome();
+    if (atHome == Held::Yes) {
         isSwapped_ = true;
         (void)strcpy(old_, copy_.name());
         copy_.MovedTo(document_.name());
         return true;
     }
     if (platform::IsRenameFlagUnknown(errno)) return ByTwoRenames(error);
+    // Whichever of the two is the document now, neither it nor what tells them apart is given up.
+    if (atHome == Held::Unknown) {
+        isBackupNeeded_ = true;
+        staging_.Keep();
+    }
     return Failure(error).Errno("Failed to rename old file to temp path (\"%s\" -> \"%s\")", document_.path,
                                 copy_.path());
 }
 
 // Some volumes lose the answer of what they did.
-bool Exchange::IsSwappedAllTheSame() const
+Exchange::Held Exchange::HeldAtHome() const
 {
     const ErrnoKeeper keeper;
-    return document_.Holds(document_.name(), copy_.id()) == Held::Yes;
+    return document_.Holds(document_.name(), copy_.id());
 }
 
 // The path is empty for a moment: a kill in it leaves the document under a name that was noted before.
@@ -195,7 +201,8 @@ void Exchange::TakeBack()
         staging_.Keep();
         return;
     }
-    copy_.Release(); // it may be all that is at the document's path
+    // It may be all that is at the document's path; beside the document it is of no use.
+    if (strcmp(copy_.name(), copy_.placeholder()) != 0) copy_.Release();
     staging_.Keep(); // its note says what is where
     Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", document_.path, oldPath());
 }

@@ -50,7 +50,7 @@ private:
     const char *restoredName() const;
     const char *oldPath() const;
     bool changesName() const;
-    bool IsSwappedAllTheSame() const;
+    Held HeldAtHome() const;
     bool Swap(TQError **error);
     bool ByTwoRenames(TQError **error);
     bool ByNewName(TQError **error);

@@ -2,7 +2,7 @@
 //
 // What is changed in the store is reached by descriptor from its directory, and no link is followed: who repairs may be
 // root, and the store somebody else's, who swaps names meanwhile. The folders of documents are opened by path, as their
-// owners would; what root may do there, vaultry_client_managed_trust.h tells.
+// owners would; what root may do there, Platform/ActingAs.h tells.
 
 #pragma once
 

@@ -18,7 +18,16 @@
 
 namespace {
 
-enum class Holds { Nothing, Document, Copy, Empty, Other, Unknown };
+enum class Holds { Nothing, Document, EditedDocument, Copy, Empty, Other, Unknown };
+
+constexpr char kCopyBeside[] =
+    "A restore was interrupted: this is what it was about to put in the document's place. The "
+    "document is where it was.";
+
+bool IsDocument(Holds held)
+{
+    return held == Holds::Document || held == Holds::EditedDocument;
+}
 
 class LeftExchange {
 public:
@@ -31,6 +40,7 @@ public:
     // True if nothing is left at the name of `path`.
     bool Settle(const char *path);
     bool SettleRenamed();
+    bool IsNothingThere() const;
 
 private:
     static Item In(int folder, const char *path)
@@ -58,9 +68,9 @@ Holds LeftExchange::Look(const Item &item, TQFileStatus *status) const
         return errno == ENOENT ? Holds::Nothing : Holds::Unknown;
     const PlannedExchange &plan = note_.exchange;
     const bool deviceCounts = note_.IsOfThisStart();
-    // What was typed into the document after it was put aside is nowhere else.
+    // What was typed into the document since is nowhere else.
     if (plan.document.IsOf(*status, deviceCounts))
-        return plan.document.IsUnchanged(*status) ? Holds::Document : Holds::Other;
+        return plan.document.IsUnchanged(*status) ? Holds::Document : Holds::EditedDocument;
     if (plan.copy.IsOf(*status, deviceCounts) || plan.placeholder.IsOf(*status, deviceCounts)) return Holds::Copy;
     return _FillingOf(item, *status) == Filling::Empty ? Holds::Empty : Holds::Other;
 }
@@ -102,16 +112,19 @@ bool LeftExchange::Settle(const char *path)
     TQFileStatus status, there;
     const Holds held = Look(item, &status);
     if (held == Holds::Nothing) return true;
-    findings_.AddExplained(path);
     const auto remove = [&](int folder) { return Remove(In(folder, path), status); };
     // The name was noted before anything stood there, and nothing can be lost with what holds nothing.
     if (held == Holds::Empty)
-        return Report(path, "placeholder-empty",
-                      "A restore was interrupted: this is the empty item that it put beside the document.",
-                      [&](int folder) {
-                          const int flags = S_ISDIR(status.mode) ? AT_REMOVEDIR : 0;
-                          return unlinkat(folder, In(folder, path).name, flags) == 0;
-                      });
+        return Report(
+            path, "placeholder-empty",
+            "A restore was interrupted: this is the empty item that it put beside the document.", [&](int folder) {
+                TQFileStatus now;
+                const Item empty = In(folder, path);
+                if (platform::GetStatus(empty, Links::NoFollow, &now) != 0 || ItemId::Of(now) != ItemId::Of(status))
+                    return false;
+                const int flags = S_ISDIR(now.mode) ? AT_REMOVEDIR : 0;
+                return (flags != 0 || now.size == 0) && unlinkat(folder, empty.name, flags) == 0;
+            });
     const Holds home = Look(At(note_.document), &there), restored = Look(At(note_.exchange.restored.c_str()), &there);
 
     if (held == Holds::Document && restored == Holds::Copy)
@@ -123,11 +136,7 @@ bool LeftExchange::Settle(const char *path)
         return Report(
             path, "document-aside", "A restore was interrupted: this is the document, which belongs elsewhere.",
             [&](int folder) { return GiveBack(In(folder, path), In(folder, note_.document)); }, note_.document);
-    if (held == Holds::Copy && home == Holds::Document)
-        return Report(path, "copy-beside",
-                      "A restore was interrupted: this is what it was about to put in the document's place. The "
-                      "document is as it was.",
-                      remove);
+    if (held == Holds::Copy && IsDocument(home)) return Report(path, "copy-beside", kCopyBeside, remove);
     findings_.Add(path, "document-aside",
                   "A restore was interrupted, and what is here, or in the document's place, has been changed since: it "
                   "may be the document, or its old state.",
@@ -140,12 +149,27 @@ bool LeftExchange::SettleRenamed()
 {
     TQFileStatus status, there;
     const char *const path = note_.exchange.restored.c_str();
-    if (Look(At(path), &status) != Holds::Copy || Look(At(note_.document), &there) != Holds::Document) return true;
-    return Report(
-        path, "copy-beside",
-        "A restore was interrupted: this is what it was about to put in the document's place. The document is "
-        "as it was.",
-        [&](int folder) { return Remove(In(folder, path), status); });
+    if (Look(At(path), &status) != Holds::Copy || !IsDocument(Look(At(note_.document), &there))) return true;
+    return Report(path, "copy-beside", kCopyBeside, [&](int folder) { return Remove(In(folder, path), status); });
+}
+
+bool LeftExchange::IsNothingThere() const
+{
+    TQFileStatus status;
+    const PlannedExchange &plan = note_.exchange;
+    for (const char *path : {note_.document, plan.waiting.c_str(), plan.restored.c_str(), plan.aside.c_str()})
+        if (path[0] != '\0' && Look(At(path), &status) != Holds::Nothing) return false;
+    return true;
+}
+
+// The volume may be away, and the document, under a name that nothing but the note tells, with it.
+void AddAbsent(const FoundOwner &owner, Findings &findings)
+{
+    findings.Add(
+        owner.note.exchange.waiting.c_str(), "document-absent",
+        "A restore was interrupted, and neither the document nor its folder's items are there: if their volume "
+        "is away, or the folder was moved, put it back; else the note of it in staging may go.",
+        /*mended=*/false, owner.note.document);
 }
 
 } // namespace
@@ -154,6 +178,8 @@ bool _CheckExchange(const FoundOwner &owner, const TQFileStatus &author, Finding
 {
     const OwnerNote &note = owner.note;
     const PlannedExchange &plan = note.exchange;
+    findings.AddExplained(plan.waiting.c_str());
+    findings.AddExplained(plan.aside.c_str());
     if (!note.IsOfThisMachine()) {
         findings.Add(plan.waiting.c_str(), "document-aside",
                      "A restore on another machine was interrupted; a repair there tells what this is, and mends it.",
@@ -162,12 +188,18 @@ bool _CheckExchange(const FoundOwner &owner, const TQFileStatus &author, Finding
     }
     const OpenedFolder folder(plan.waiting.c_str());
     if (!folder) {
-        if (errno == ENOENT || errno == ENOTDIR) return true;
-        findings.AddUnreadable(plan.waiting.c_str());
+        if (errno != ENOENT && errno != ENOTDIR)
+            findings.AddUnreadable(plan.waiting.c_str());
+        else
+            AddAbsent(owner, findings);
+        return false;
+    }
+    LeftExchange left(owner, folder.fd(), author, findings);
+    if (left.IsNothingThere()) {
+        AddAbsent(owner, findings);
         return false;
     }
     // The document goes home first: then it is known what the other one is.
-    LeftExchange left(owner, folder.fd(), author, findings);
     const bool isAsideSettled = left.Settle(plan.aside.c_str());
     const bool isSettled = left.Settle(plan.waiting.c_str()) && isAsideSettled;
     // A copy that has got a name of its own, while the document still has its.

@@ -102,7 +102,8 @@ void CheckAttributes(const Item &item, Findings &findings)
 
 // A restore that noted nothing, or whose note is gone: all that can be told is by name. An empty placeholder is one that
 // no document was moved to; a full one may be the document itself.
-void CheckPlaceholder(const Item &placeholder, const Item &document, const TQFileStatus &owner, Findings &findings)
+void CheckPlaceholder(const Item &placeholder, const Item &document, bool isOnly, const TQFileStatus &owner,
+                      Findings &findings)
 {
     TQFileStatus status;
     if (platform::GetStatus(placeholder, Links::NoFollow, &status) != 0) {
@@ -126,7 +127,7 @@ void CheckPlaceholder(const Item &placeholder, const Item &document, const TQFil
                 // Anybody may have written that the document is there: root goes only where the store's owner can.
                 const platform::ActingAs author(owner.owner);
                 const OpenedFolder folder(document.path);
-                return author && folder &&
+                return isOnly && author && folder &&
                        platform::RenameIntoNothing({folder.fd(), placeholder.name, placeholder.path}, folder.item()) ==
                            0 &&
                        _FlushEntry(document.path, nullptr);
@@ -169,15 +170,26 @@ void CheckPlaceholders(const TQDictionary *info, const TQFileStatus &owner, Find
 
     const PlaceholderName ofFile(item.name, /*isFolder=*/false), ofFolder(item.name, /*isFolder=*/true);
     const auto folderLength = static_cast<int>(item.name - item.path);
+    const auto matches = [&](const char *name) { return ofFile.Matches(name) || ofFolder.Matches(name); };
+    // Which of several is the document can't be told: they are counted before one is given back.
+    int fullCount = 0;
+    Names all({folder.fd(), ".", item.path});
+    while (const char *candidate = folder ? all.Next() : nullptr) {
+        const Item found{folder.fd(), candidate, item.path};
+        TQFileStatus status;
+        if (matches(candidate) && platform::GetStatus(found, Links::NoFollow, &status) == 0)
+            fullCount += _FillingOf(found, status) == Filling::Empty ? 0 : 1;
+    }
     Names names({folder.fd(), ".", item.path});
     while (const char *candidate = folder ? names.Next() : nullptr) {
-        if (!ofFile.Matches(candidate) && !ofFolder.Matches(candidate)) continue;
+        if (!matches(candidate)) continue;
         PathBuffer placeholder;
         if (placeholder.Format("%.*s%s", folderLength, item.path, candidate))
-            CheckPlaceholder({folder.fd(), candidate, placeholder.c_str()}, item, owner, findings);
+            CheckPlaceholder({folder.fd(), candidate, placeholder.c_str()}, item, fullCount == 1, owner, findings);
     }
-    const bool isGone = names.error() == ENOENT || names.error() == ENOTDIR; // the document's folder
-    if (names.error() != 0 && !isGone)
+    const int error = all.error() != 0 ? all.error() : names.error();
+    const bool isGone = error == ENOENT || error == ENOTDIR; // the document's folder
+    if (error != 0 && !isGone)
         findings.Add(document.c_str(), "folder-unreadable",
                      "The document's folder can't be read: an interrupted restore may have left something there.");
 }

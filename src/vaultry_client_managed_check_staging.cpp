@@ -215,6 +215,9 @@ void CheckLeftovers(const Unique &unique, Findings &findings)
 // What can't be read may be somebody's only copy: only what is surely absent counts as absent.
 void CheckUnique(Unique &unique, Findings &findings)
 {
+    // A mend goes by the rights of the directory's owner: what others could write into it doesn't borrow them.
+    if ((unique.status.mode & (S_IWGRP | S_IWOTH)) != 0) return findings.AddForeign(unique.item.path);
+
     // A generation that a full disk let out by no other way; what lies in it is not ours to believe.
     const bool wasGeneration = platform::GetAttributeOfFd(unique.fd, kSavedPermissionsAttribute, nullptr, 0) >= 0;
     if (wasGeneration) return CheckLitter(unique, /*isDead=*/false, findings);

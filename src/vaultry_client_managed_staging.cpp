@@ -98,7 +98,9 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
 StagingDirectory::~StagingDirectory()
 {
     const ErrnoKeeper keeper;
-    if (root_ && !RemoveWhatIsUsual()) (void)_RemoveStagingPath(root_, unique_.c_str(), nullptr);
+    // What has taken the directory's place is somebody's own.
+    if (root_ && !RemoveWhatIsUsual() && !(owner_ && errno == ESTALE))
+        (void)_RemoveStagingPath(root_, unique_.c_str(), nullptr);
     _ReleaseOwnerFile(owner_);
 }
 

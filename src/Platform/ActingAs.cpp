@@ -16,7 +16,7 @@ static bool _SetGroupsOfThread(int count, const gid_t *groups)
     return syscall(SYS_setgroups, static_cast<long>(count), groups) == 0;
 }
 
-// Which groups the user is in can't be told; so none lends its rights.
+// Which groups the user is in can't be told; so none but that of nobody lends its rights.
 static constexpr gid_t kNoGroup = 65534;
 
 // An id that none can have is refused, and tells what stands.
@@ -31,7 +31,10 @@ static bool _SetIds(uid_t user, gid_t group)
 ActingAs::ActingAs(uid_t user)
 {
     const ErrnoKeeper keeper;
-    if (geteuid() != 0 || user == 0) return;
+    oldUser_ = static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1)));
+    oldGroup_ = static_cast<gid_t>(setfsgid(static_cast<gid_t>(-1)));
+    // Who has put on another's rights before has none of root's to take off.
+    if (geteuid() != 0 || oldUser_ != 0 || user == 0) return;
     groupCount_ = getgroups(0, nullptr);
     groups_.reset(new (std::nothrow) gid_t[groupCount_ > 0 ? static_cast<size_t>(groupCount_) : 1]);
     holds_ = groupCount_ >= 0 && groups_ && getgroups(groupCount_, groups_.get()) == groupCount_ &&
@@ -45,7 +48,7 @@ ActingAs::ActingAs(uid_t user)
 ActingAs::~ActingAs()
 {
     const ErrnoKeeper keeper;
-    if (isChanged_ && !(_SetIds(geteuid(), getegid()) && _SetGroupsOfThread(groupCount_, groups_.get()))) abort();
+    if (isChanged_ && !(_SetIds(oldUser_, oldGroup_) && _SetGroupsOfThread(groupCount_, groups_.get()))) abort();
 }
 
 } // namespace platform

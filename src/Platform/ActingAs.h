@@ -24,6 +24,8 @@ public:
 private:
     bool isChanged_ = false;
     bool holds_ = true;
+    uid_t oldUser_ = 0;
+    gid_t oldGroup_ = 0;
     int groupCount_ = 0;
     std::unique_ptr<gid_t[]> groups_; // root's further groups
 };
