@@ -165,6 +165,7 @@ void CheckPlaceholders(const TQDictionary *info, const TQFileStatus &owner, Find
     PathBuffer document;
     if (!GetRecordedDocument(info, document) || !findings.BeginDocument(document.c_str())) return;
     const OpenedFolder folder(document.c_str());
+    if (!folder && (errno == ENOENT || errno == ENOTDIR)) return;
     const Item item = folder.item();
     if (!item.name[0]) return;
 
