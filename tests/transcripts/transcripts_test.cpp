@@ -97,13 +97,17 @@ std::vector<Section> ReadSections(const std::string &file, const std::string &pl
 
 constexpr char kEnd = '\x1e'; // of an answer
 
+// Leaks can't be looked for in a process that is traced.
+constexpr char kTracing[] = "strace() { LSAN_OPTIONS=detect_leaks=0 command strace \"$@\"; }\n";
+
 // A section in the making: one shell runs all its commands, and says where the answer to each ends.
 class Performance {
 public:
     explicit Performance(const Section &section) : section_(section), directory_(section.place)
     {
         const std::string &directory = directory_.path();
-        std::string script = "exec </dev/null >" + apart_.path() + "/said 2>&1; cd " + directory + "; umask 022\n";
+        std::string script =
+            "exec </dev/null >" + apart_.path() + "/said 2>&1; cd " + directory + "; umask 022\n" + kTracing;
         for (const Step &step : section.steps)
             script += "{ " + step.command + "\n}\nstatus=$?; [ $status = 0 ] || echo \"[$status]\"; printf '\\036'\n";
         const std::string file = disk::Write(apart_ / "script", script);
