@@ -92,12 +92,12 @@ public:
     }
 
     // The document is not touched before what replaces it is on disk. Until it gets its final mode it is open to nobody
-    // else than the document was.
-    bool Flush(const ReplacedDocument &document, TQError **error)
+    // but its owner.
+    bool Flush(TQError **error)
     {
         const Item item = Item::AtPath(staging_.staged());
         const mode_t owners = S_ISDIR(mode_) ? S_IRWXU : S_IRUSR | S_IWUSR;
-        (void)platform::SetMode(item, Links::NoFollow, (_RestoredMode(mode_, document.rights.mode) & 0077) | owners);
+        (void)platform::SetMode(item, Links::NoFollow, owners);
         if (platform::GetStatus(item, Links::NoFollow, &staged_.status) != 0)
             return Failure(error).Errno("failed to stat path %s", item.path);
         staged_.path = item.path;
@@ -156,7 +156,7 @@ bool Announce(const Request &request, const char *restoredPath, TQError **error)
 bool Replace(const Request &request, ReplacedDocument &document, const char *restoredPath, CopiedOut &out,
              Backup &backup, TQError **error)
 {
-    if (!out.Flush(document, error) || !document.OpenFolder(error)) return false;
+    if (!out.Flush(error) || !document.OpenFolder(error)) return false;
     Beside copy(document, out.staging());
     Exchange exchange(document, copy, out.staging(), restoredPath, out.staged());
     const bool replaced = copy.Choose(S_ISDIR(out.mode()), error) && exchange.Note(error) &&
@@ -177,9 +177,7 @@ bool CopyToItsPath(const Request &request, const char *documentPath, TQError **e
            _CopyGeneration(request.store(), generation, documentPath, /*durable=*/true, error);
 }
 
-} // namespace
-
-mode_t _RestoredMode(mode_t staged, mode_t document)
+mode_t RestoredMode(mode_t staged, mode_t document)
 {
     mode_t mode = document & 07777;
     if (S_ISDIR(staged) && !S_ISDIR(document)) {
@@ -194,12 +192,15 @@ mode_t _RestoredMode(mode_t staged, mode_t document)
     return mode;
 }
 
+} // namespace
+
 mode_t _RestoredModeFor(mode_t staged, const TQFileStatus &document, const TQFileStatus &copy)
 {
-    const mode_t mode = _RestoredMode(staged, static_cast<mode_t>(document.mode));
-    // They would lend the rights of somebody who did not give them.
-    if (copy.owner != document.owner) return mode & ~mode_t{S_ISUID | S_ISGID};
-    return copy.group == document.group ? mode : mode & ~mode_t{S_ISGID};
+    const mode_t mode = RestoredMode(staged, static_cast<mode_t>(document.mode));
+    // Set-id bits would lend the rights of somebody who did not give them, and another group was among the others.
+    if (copy.group == document.group) return copy.owner == document.owner ? mode : mode & ~mode_t{S_ISUID | S_ISGID};
+    const mode_t setUser = copy.owner == document.owner ? mode & S_ISUID : 0;
+    return setUser | (mode & (S_ISVTX | S_IRWXU | S_IRWXO)) | (mode & S_IRWXG & (mode & S_IRWXO) << 3);
 }
 
 bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const TQURL *documentURL,

@@ -206,11 +206,25 @@ bool Beside::OpenCopy(const ItemId &expected, TQError **error)
     return true;
 }
 
+// Whoever may not give it away may be in its group.
+void Beside::GiveOwner()
+{
+    const TQFileStatus &document = document_.rights;
+    const bool isOwners = status_.owner == document.owner;
+    if (isOwners && status_.group == document.group) return;
+    if (!isOwners && fchown(copy_.get(), document.owner, document.group) == 0)
+        status_.owner = document.owner;
+    else if (fchown(copy_.get(), static_cast<uid_t>(-1), document.group) != 0)
+        return;
+    status_.group = document.group;
+}
+
 bool Beside::GiveRights(mode_t staged, const char *restoredPath, TQError **error)
 {
     if (!copy_) return true; // a link that somebody put into the store has no rights of its own
     const platform::ProcPath open(copy_.get());
     _SetFileNameExtensionHiding({AT_FDCWD, open.c_str(), restoredPath}, Links::Follow, document_.extensionHidden);
+    GiveOwner();
     const mode_t mode = _RestoredModeFor(staged, document_.rights, status_);
     if (fchmod(copy_.get(), mode) != 0) return Failure(error).Errno("failed to set final mode on \"%s\"", restoredPath);
     const uint32_t flags = document_.rights.flags & ~kBlockingFlags;
@@ -258,7 +272,7 @@ bool Beside::FlushFolder(TQError **error) const
                        : byVolume ? platform::FlushVolumeOfFd(copy_.get())
                                   : -1;
     if (result == 0) return true;
-    const auto length = static_cast<int>(document_.name() - document_.trimmed.c_str());
+    const int length = document_.folderLength();
     PathBuffer path;
     (void)path.Format("%.*s", length > 1 ? length - 1 : length, document_.trimmed.c_str());
     return Failure(error).Errno("Failed to flush \"%s\" to disk", path.c_str());

@@ -71,7 +71,8 @@ public:
     bool Bring(const StagedCopy &staged, bool *isAcross, TQError **error);
     bool CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error);
 
-    // The document's hidden extension, mode, and the flags that don't bar a rename; on disk when it returns true.
+    // The document's owner and group where they can be given, its hidden extension, mode, and the flags that don't bar a
+    // rename; on disk when it returns true.
     bool GiveRights(mode_t staged, const char *restoredPath, TQError **error);
     // The flags that do, once it has its place.
     bool GiveBlockingFlags(const char *restoredPath, TQError **error);
@@ -97,6 +98,7 @@ private:
     bool FailToMake(bool isDirectory, TQError **error) const;
     bool CameAllTheSame(const StagedCopy &staged) const;
     bool OpenCopy(const ItemId &expected, TQError **error);
+    void GiveOwner();
     bool Flush(TQError **error) const;
     Item item() const { return {document_.folder.get(), name_, path_.c_str()}; }
 

@@ -105,8 +105,9 @@ TQ_EXPORT TQDictionary *TQLibraryCopyGenerationInfos(TQLibrary *library, const T
 TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, const TQValue *ignored,
                                                          const TQDictionary *spec, TQError **error);
 
-/// Puts a generation in the place of a document, which keeps its own permissions, flags and hidden extension. Set-id
-/// bits are left out if the restored item does not have the document's owner, and for the set-group-id bit its group.
+/// Puts a generation in the place of a document, which keeps its own permissions, flags and hidden extension, and its
+/// owner and group where the caller may give them. Set-id bits are left out if it does not keep its owner, or its group;
+/// and a group that is not the document's may do no more with it than all others may.
 ///
 /// The generation waits beside the document, under a name with "-tmp.nosync.", until it is whole, has the document's
 /// permissions and is on disk. Then the two are exchanged by one call, so that the document's path is never empty and
