@@ -40,6 +40,10 @@ bool Exchange::changesName() const
 bool Exchange::Note(TQError **error)
 {
     PlannedExchange plan;
+    TQFileStatus folder;
+    if (platform::GetStatusOfFd(document_.folder.get(), &folder) != 0)
+        return Failure(error).Errno("Failed to open the folder of \"%s\"", document_.path);
+    plan.folder = ItemMark::Of(folder);
     plan.document = ItemMark::Of(document_.itself);
     plan.copy = ItemMark::Of(staged_.status);
     plan.placeholder = ItemMark::Of(copy_.status());

@@ -112,6 +112,6 @@ Filling _FillingOf(const Item &item, const TQFileStatus &status);
 // What operations left in staging, and of restores beside their documents.
 void _CheckStagingArea(const Item &area, Findings &findings);
 
-// What a restore left beside its document, by what it noted. `author` is of the directory that holds the note. True if
-// nothing is left there.
-bool _CheckExchange(const FoundOwner &owner, const TQFileStatus &author, Findings &findings);
+// What a restore left beside its document, by what it noted. `notePath` and `author` are of the directory that holds the
+// note. True if nothing is left there.
+bool _CheckExchange(const char *notePath, const FoundOwner &owner, const TQFileStatus &author, Findings &findings);

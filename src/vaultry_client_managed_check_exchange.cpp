@@ -40,7 +40,8 @@ public:
     // True if nothing is left at the name of `path`.
     bool Settle(const char *path);
     bool SettleRenamed();
-    bool IsNothingThere() const;
+    // Its volume is not there, or it was moved, and with it what the note tells of.
+    bool IsFolderAway() const;
 
 private:
     static Item In(int folder, const char *path)
@@ -52,7 +53,8 @@ private:
     Holds Look(const Item &item, TQFileStatus *status) const;
     template <class Mend>
     bool Report(const char *path, const char *kind, const char *meaning, Mend mend, const char *home = nullptr);
-    static bool GiveBack(const Item &item, const Item &home);
+    bool IsStill(const Item &item, Holds held, const TQFileStatus &status) const;
+    bool GiveBack(const Item &item, const TQFileStatus &status, const Item &home) const;
     static bool Remove(const Item &item, const TQFileStatus &status);
 
     const OwnerNote &note_;
@@ -75,9 +77,17 @@ Holds LeftExchange::Look(const Item &item, TQFileStatus *status) const
     return _FillingOf(item, *status) == Filling::Empty ? Holds::Empty : Holds::Other;
 }
 
-bool LeftExchange::GiveBack(const Item &item, const Item &home)
+// Right before a step that goes by the name.
+bool LeftExchange::IsStill(const Item &item, Holds held, const TQFileStatus &status) const
 {
-    return platform::RenameIntoNothing(item, home) == 0 && _FlushEntry(home.path, nullptr);
+    TQFileStatus now;
+    return Look(item, &now) == held && ItemId::Of(now) == ItemId::Of(status);
+}
+
+bool LeftExchange::GiveBack(const Item &item, const TQFileStatus &status, const Item &home) const
+{
+    return IsStill(item, Holds::Document, status) && platform::RenameIntoNothing(item, home) == 0 &&
+           _FlushEntry(home.path, nullptr);
 }
 
 bool LeftExchange::Remove(const Item &item, const TQFileStatus &status)
@@ -115,16 +125,13 @@ bool LeftExchange::Settle(const char *path)
     const auto remove = [&](int folder) { return Remove(In(folder, path), status); };
     // The name was noted before anything stood there, and nothing can be lost with what holds nothing.
     if (held == Holds::Empty)
-        return Report(
-            path, "placeholder-empty",
-            "A restore was interrupted: this is the empty item that it put beside the document.", [&](int folder) {
-                TQFileStatus now;
-                const Item empty = In(folder, path);
-                if (platform::GetStatus(empty, Links::NoFollow, &now) != 0 || ItemId::Of(now) != ItemId::Of(status))
-                    return false;
-                const int flags = S_ISDIR(now.mode) ? AT_REMOVEDIR : 0;
-                return (flags != 0 || now.size == 0) && unlinkat(folder, empty.name, flags) == 0;
-            });
+        return Report(path, "placeholder-empty",
+                      "A restore was interrupted: this is the empty item that it put beside the document.",
+                      [&](int folder) {
+                          const Item empty = In(folder, path);
+                          return IsStill(empty, Holds::Empty, status) &&
+                                 unlinkat(folder, empty.name, S_ISDIR(status.mode) ? AT_REMOVEDIR : 0) == 0;
+                      });
     const Holds home = Look(At(note_.document), &there), restored = Look(At(note_.exchange.restored.c_str()), &there);
 
     if (held == Holds::Document && restored == Holds::Copy)
@@ -135,7 +142,7 @@ bool LeftExchange::Settle(const char *path)
     if (held == Holds::Document && home == Holds::Nothing)
         return Report(
             path, "document-aside", "A restore was interrupted: this is the document, which belongs elsewhere.",
-            [&](int folder) { return GiveBack(In(folder, path), In(folder, note_.document)); }, note_.document);
+            [&](int folder) { return GiveBack(In(folder, path), status, In(folder, note_.document)); }, note_.document);
     if (held == Holds::Copy && IsDocument(home)) return Report(path, "copy-beside", kCopyBeside, remove);
     findings_.Add(path, "document-aside",
                   "A restore was interrupted, and what is here, or in the document's place, has been changed since: it "
@@ -153,28 +160,28 @@ bool LeftExchange::SettleRenamed()
     return Report(path, "copy-beside", kCopyBeside, [&](int folder) { return Remove(In(folder, path), status); });
 }
 
-bool LeftExchange::IsNothingThere() const
+bool LeftExchange::IsFolderAway() const
 {
     TQFileStatus status;
     const PlannedExchange &plan = note_.exchange;
-    for (const char *path : {note_.document, plan.waiting.c_str(), plan.restored.c_str(), plan.aside.c_str()})
+    if (platform::GetStatusOfFd(folder_, &status) == 0 && plan.folder.IsOf(status, note_.IsOfThisStart())) return false;
+    for (const char *path : {plan.waiting.c_str(), plan.aside.c_str()})
         if (path[0] != '\0' && Look(At(path), &status) != Holds::Nothing) return false;
     return true;
 }
 
-// The volume may be away, and the document, under a name that nothing but the note tells, with it.
-void AddAbsent(const FoundOwner &owner, Findings &findings)
+// The document may be in it, under a name that nothing but the note tells.
+void AddAway(const char *notePath, const OwnerNote &note, Findings &findings)
 {
-    findings.Add(
-        owner.note.exchange.waiting.c_str(), "document-absent",
-        "A restore was interrupted, and neither the document nor its folder's items are there: if their volume "
-        "is away, or the folder was moved, put it back; else the note of it in staging may go.",
-        /*mended=*/false, owner.note.document);
+    findings.Add(notePath, "document-absent",
+                 "A restore was interrupted, and the document's folder is away: its volume may be, or it was moved. "
+                 "When it is back, a repair settles what was left; if it is gone for good, this may go.",
+                 /*mended=*/false, note.document);
 }
 
 } // namespace
 
-bool _CheckExchange(const FoundOwner &owner, const TQFileStatus &author, Findings &findings)
+bool _CheckExchange(const char *notePath, const FoundOwner &owner, const TQFileStatus &author, Findings &findings)
 {
     const OwnerNote &note = owner.note;
     const PlannedExchange &plan = note.exchange;
@@ -191,12 +198,12 @@ bool _CheckExchange(const FoundOwner &owner, const TQFileStatus &author, Finding
         if (errno != ENOENT && errno != ENOTDIR)
             findings.AddUnreadable(plan.waiting.c_str());
         else
-            AddAbsent(owner, findings);
+            AddAway(notePath, note, findings);
         return false;
     }
     LeftExchange left(owner, folder.fd(), author, findings);
-    if (left.IsNothingThere()) {
-        AddAbsent(owner, findings);
+    if (left.IsFolderAway()) {
+        AddAway(notePath, note, findings);
         return false;
     }
     // The document goes home first: then it is known what the other one is.

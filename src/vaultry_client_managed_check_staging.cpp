@@ -208,7 +208,7 @@ void CheckLeftovers(const Unique &unique, Findings &findings)
     const bool isDead = owner.life == OwnerLife::Dead && isOver;
     // Age says nothing of what stands beside a document.
     const bool isNoted = owner.life != OwnerLife::None && owner.readable && owner.note.hasExchange;
-    if (isNoted && !_CheckExchange(owner, unique.status, findings)) return;
+    if (isNoted && !_CheckExchange(unique.item.path, owner, unique.status, findings)) return;
     CheckLitter(unique, isDead || (findings.repair() && IsBare(unique)), findings);
 }
 

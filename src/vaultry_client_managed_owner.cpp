@@ -22,8 +22,11 @@ constexpr mode_t kOwnerFileMode = 0600;
 constexpr const char *kWords[] = {"copy", "move", "remove", "copy-out", "restore"}; // of Work, in its order
 constexpr char kFirstLine[] = "vaultry owner 1\n", kExchangeLine[] = "exchange\n", kLastLine[] = "end\n";
 
-// A path may hold any byte but zero, so its length stands before it.
-constexpr size_t kNoteCapacity = 5 * PATH_MAX;
+// A path may hold any byte but zero, so its length stands before it. A restore notes its exchange when its copy is
+// staged, anew when that has to be copied across, and once more where the volume can't exchange.
+constexpr size_t kNoteCapacity = 6 * PATH_MAX;
+constexpr size_t kWordsCapacity = 1024; // the words and numbers of one of them
+static_assert(PATH_MAX + 3 * 3 * PathBuffer::kCapacity + 4 * kWordsCapacity <= kNoteCapacity);
 
 class NoteText {
 public:
@@ -153,8 +156,9 @@ bool ReadExchange(NoteReader &reader, PlannedExchange *exchange)
                                   &mark.modified, &mark.modifiedNanoseconds);
     };
     return reader.Take(kExchangeLine) && takeItem("document", exchange->document) && takeItem("copy", exchange->copy) &&
-           takeItem("placeholder", exchange->placeholder) && takePath("waiting", exchange->waiting) &&
-           takePath("aside", exchange->aside) && takePath("restored", exchange->restored) && reader.Take(kLastLine);
+           takeItem("placeholder", exchange->placeholder) && takeItem("folder", exchange->folder) &&
+           takePath("waiting", exchange->waiting) && takePath("aside", exchange->aside) &&
+           takePath("restored", exchange->restored) && reader.Take(kLastLine);
 }
 
 // What a restore added last counts: it notes anew where it learns more.
@@ -293,6 +297,7 @@ bool _NoteExchange(int ownerFile, const char *path, const PlannedExchange &excha
     text.AddItem("document", exchange.document);
     text.AddItem("copy", exchange.copy);
     text.AddItem("placeholder", exchange.placeholder);
+    text.AddItem("folder", exchange.folder);
     text.AddPath("waiting", exchange.waiting.c_str());
     text.AddPath("aside", exchange.aside.c_str());
     text.AddPath("restored", exchange.restored.c_str());

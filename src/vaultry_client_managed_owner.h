@@ -43,6 +43,7 @@ struct PlannedExchange {
     ItemMark document;     // that is replaced
     ItemMark copy;         // in staging, if it can be renamed from there,
     ItemMark placeholder;  // else the item beside the document that is filled with it
+    ItemMark folder;       // that all of them are in
     PathBuffer waiting{};  // where the copy waits, and after the exchange the old document
     PathBuffer aside{};    // where the document waits if the volume can't exchange; else empty
     PathBuffer restored{}; // where the copy goes

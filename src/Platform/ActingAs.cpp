@@ -5,10 +5,14 @@
 #include <cstdlib>
 #include <new>
 #include <sys/fsuid.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace platform {
+
+// Which groups the user is in can't be told; so none but that of nobody lends its rights.
+static constexpr gid_t kNoGroup = 65534;
 
 // The C library's call would change the groups of all threads.
 static bool _SetGroupsOfThread(int count, const gid_t *groups)
@@ -16,8 +20,17 @@ static bool _SetGroupsOfThread(int count, const gid_t *groups)
     return syscall(SYS_setgroups, static_cast<long>(count), groups) == 0;
 }
 
-// Which groups the user is in can't be told; so none but that of nobody lends its rights.
-static constexpr gid_t kNoGroup = 65534;
+static bool _GetCapabilities(Capabilities *out)
+{
+    __user_cap_header_struct thread{_LINUX_CAPABILITY_VERSION_3, 0};
+    return syscall(SYS_capget, &thread, out->words) == 0;
+}
+
+static bool _SetCapabilities(const Capabilities &capabilities)
+{
+    __user_cap_header_struct thread{_LINUX_CAPABILITY_VERSION_3, 0};
+    return syscall(SYS_capset, &thread, capabilities.words) == 0;
+}
 
 // An id that none can have is refused, and tells what stands.
 static bool _SetIds(uid_t user, gid_t group)
@@ -35,20 +48,40 @@ ActingAs::ActingAs(uid_t user)
     oldGroup_ = static_cast<gid_t>(setfsgid(static_cast<gid_t>(-1)));
     // Who has put on another's rights before has none of root's to take off.
     if (geteuid() != 0 || oldUser_ != 0 || user == 0) return;
+    isDumpable_ = prctl(PR_GET_DUMPABLE) == 1;
     groupCount_ = getgroups(0, nullptr);
     groups_.reset(new (std::nothrow) gid_t[groupCount_ > 0 ? static_cast<size_t>(groupCount_) : 1]);
-    holds_ = groupCount_ >= 0 && groups_ && getgroups(groupCount_, groups_.get()) == groupCount_ &&
-             _SetGroupsOfThread(0, nullptr);
+    holds_ = prctl(PR_GET_PDEATHSIG, &deathSignal_) == 0 && _GetCapabilities(&capabilities_) && groupCount_ >= 0 &&
+             groups_ && getgroups(groupCount_, groups_.get()) == groupCount_ && _SetGroupsOfThread(0, nullptr);
     if (!holds_) return;
     isChanged_ = true;
-    holds_ = _SetIds(user, kNoGroup);
+    holds_ = _SetIds(user, kNoGroup) && DropCapabilities();
+}
+
+// The id alone takes off those over files, and not even them if the process has asked to keep all.
+bool ActingAs::DropCapabilities() const
+{
+    Capabilities none = capabilities_;
+    for (auto &word : none.words) word.effective = 0;
+    return _SetCapabilities(none);
+}
+
+// With root's id come capabilities that it may have laid down before.
+bool ActingAs::TakeBack() const
+{
+    return _SetCapabilities(capabilities_) && _SetIds(oldUser_, oldGroup_) && _SetCapabilities(capabilities_) &&
+           _SetGroupsOfThread(groupCount_, groups_.get());
 }
 
 // A thread that stayed somebody else would do the client's next work wrongly: this process stops instead.
 ActingAs::~ActingAs()
 {
+    if (!isChanged_) return;
     const ErrnoKeeper keeper;
-    if (isChanged_ && !(_SetIds(oldUser_, oldGroup_) && _SetGroupsOfThread(groupCount_, groups_.get()))) abort();
+    if (!TakeBack()) abort();
+    // The kernel forgets both when rights change.
+    if (isDumpable_) (void)prctl(PR_SET_DUMPABLE, 1);
+    if (deathSignal_ != 0) (void)prctl(PR_SET_PDEATHSIG, deathSignal_);
 }
 
 } // namespace platform

@@ -222,7 +222,7 @@ TEST(Crowd, RestoresOfOneDocumentLoseNoneOfItsStates)
         for (const auto &name : names) isKept |= disk::Read(at.Generation("backup " + name) + inside) == saved;
         EXPECT_TRUE(isKept) << "it is neither at its path nor in a backup";
         for (const auto &name : store.names().value()) EXPECT_TRUE(store.remove({name}));
-        EXPECT_TRUE(Shell(desk, "rm -r *"));
+        EXPECT_TRUE(Shell(desk, "rm -r */*"));
         EXPECT_TRUE(vaultry::Store::findings(at.root(), /*repair=*/true));
     }
     platform::SetLogSink(nullptr);
