@@ -97,7 +97,8 @@ public:
     {
         const Item item = Item::AtPath(staging_.staged());
         const mode_t owners = S_ISDIR(mode_) ? S_IRWXU : S_IRUSR | S_IWUSR;
-        (void)platform::SetMode(item, Links::NoFollow, owners);
+        if (!S_ISLNK(mode_) && platform::SetMode(item, Links::NoFollow, owners) != 0)
+            return Failure(error).Errno("failed to set final mode on \"%s\"", item.path);
         if (platform::GetStatus(item, Links::NoFollow, &staged_.status) != 0)
             return Failure(error).Errno("failed to stat path %s", item.path);
         staged_.path = item.path;
@@ -159,11 +160,11 @@ bool Replace(const Request &request, ReplacedDocument &document, const char *res
     if (!out.Flush(error) || !document.OpenFolder(error)) return false;
     Beside copy(document, out.staging());
     Exchange exchange(document, copy, out.staging(), restoredPath, out.staged());
-    const bool replaced = copy.Choose(S_ISDIR(out.mode()), error) && exchange.Note(error) &&
-                          copy.Make(S_ISDIR(out.mode()), error) && Announce(request, restoredPath, error) &&
-                          exchange.Bring(error) && copy.GiveRights(out.mode(), restoredPath, error) &&
-                          exchange.Do(error) && copy.GiveBlockingFlags(restoredPath, error) &&
-                          copy.FlushFolder(error) && exchange.RemoveOld(error);
+    const bool replaced =
+        copy.Choose(S_ISDIR(out.mode()), error) && exchange.Note(error) && copy.Make(S_ISDIR(out.mode()), error) &&
+        Announce(request, restoredPath, error) && exchange.Bring(error) && document.LookAgain(error) &&
+        copy.GiveRights(out.mode(), restoredPath, error) && exchange.Do(error) &&
+        copy.GiveBlockingFlags(restoredPath, error) && copy.FlushFolder(error) && exchange.RemoveOld(error);
     if (!replaced) exchange.TakeBack();
     if (replaced || exchange.isBackupNeeded()) backup.Keep();
     return replaced;

@@ -3,6 +3,7 @@
 #include "TQLibrary_restore.h"
 #include "vaultry_client_managed_placeholder.h"
 
+#include "Platform/AccessLists.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Flush.h"
 #include "Platform/InodeFlags.h"
@@ -21,6 +22,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+using platform::Held;
 
 namespace {
 
@@ -62,21 +65,20 @@ const char *ReplacedDocument::name() const
     return slash ? slash + 1 : trimmed.c_str();
 }
 
-ReplacedDocument::Held ReplacedDocument::Holds(const char *nameInFolder, const ItemId &id) const
+bool ReplacedDocument::LookAgain(TQError **error)
 {
-    TQFileStatus status;
-    if (platform::GetStatus(At(nameInFolder), Links::NoFollow, &status) != 0)
-        return errno == ENOENT ? Held::No : Held::Unknown;
-    return ItemId::Of(status) == id ? Held::Yes : Held::No;
+    TQFileStatus now;
+    if (platform::GetStatus(At(name()), Links::Follow, &now) != 0)
+        return Failure(error).Errno("stat(\"%s\") failed", path);
+    if (ItemId::Of(now) == ItemId::Of(rights)) rights = now;
+    return true; // another one is met by the exchange
 }
 
-bool ReplacedDocument::Rename(const char *from, const char *to, const ItemId &id, bool mayReplace) const
+Held ReplacedDocument::Rename(const char *from, const char *to, const ItemId &id, bool mayReplace) const
 {
     const int result =
-        mayReplace ? renameat(folder.get(), from, folder.get(), to) : platform::RenameIntoNothing(At(from), At(to));
-    if (result == 0) return true;
-    const ErrnoKeeper keeper;
-    return Holds(to, id) == Held::Yes && Holds(from, id) == Held::No;
+        mayReplace ? renameat(folder.get(), from, folder.get(), to) : platform::RenameIntoNothing(At(from), id, At(to));
+    return result == 0 ? Held::Yes : platform::HasMoved(At(from), id, At(to));
 }
 
 int ReplacedDocument::IsUnchangedAt(const char *nameInFolder, bool *isUnchanged) const
@@ -155,7 +157,7 @@ bool Beside::Make(bool isDirectory, TQError **error)
 bool Beside::CameAllTheSame(const StagedCopy &staged) const
 {
     const ErrnoKeeper keeper;
-    return document_.Holds(name_, ItemId::Of(staged.status)) == ReplacedDocument::Held::Yes;
+    return document_.Holds(name_, ItemId::Of(staged.status)) == Held::Yes;
 }
 
 bool Beside::Bring(const StagedCopy &staged, bool *isAcross, TQError **error)
@@ -206,17 +208,25 @@ bool Beside::OpenCopy(const ItemId &expected, TQError **error)
     return true;
 }
 
-// Whoever may not give it away may be in its group.
-void Beside::GiveOwner()
+// Whoever may not give it away may be in its group. A volume without owners refuses both.
+bool Beside::GiveOwner()
 {
     const TQFileStatus &document = document_.rights;
-    const bool isOwners = status_.owner == document.owner;
-    if (isOwners && status_.group == document.group) return;
-    if (!isOwners && fchown(copy_.get(), document.owner, document.group) == 0)
-        status_.owner = document.owner;
-    else if (fchown(copy_.get(), static_cast<uid_t>(-1), document.group) != 0)
-        return;
-    status_.group = document.group;
+    const auto give = [&](uid_t owner) {
+        if (fchown(copy_.get(), owner, document.group) != 0) return false;
+        status_.group = document.group;
+        return true;
+    };
+    const auto isForgiven = [] { return errno == EPERM || errno == EINVAL || errno == ENOTSUP; };
+    if (status_.owner == document.owner && status_.group == document.group) return true;
+    if (status_.owner != document.owner) {
+        if (give(document.owner)) {
+            status_.owner = document.owner;
+            return true;
+        }
+        if (!isForgiven()) return false;
+    }
+    return give(static_cast<uid_t>(-1)) || isForgiven();
 }
 
 bool Beside::GiveRights(mode_t staged, const char *restoredPath, TQError **error)
@@ -224,9 +234,10 @@ bool Beside::GiveRights(mode_t staged, const char *restoredPath, TQError **error
     if (!copy_) return true; // a link that somebody put into the store has no rights of its own
     const platform::ProcPath open(copy_.get());
     _SetFileNameExtensionHiding({AT_FDCWD, open.c_str(), restoredPath}, Links::Follow, document_.extensionHidden);
-    GiveOwner();
-    const mode_t mode = _RestoredModeFor(staged, document_.rights, status_);
-    if (fchmod(copy_.get(), mode) != 0) return Failure(error).Errno("failed to set final mode on \"%s\"", restoredPath);
+    const bool isGiven = GiveOwner() &&
+                         platform::GiveListsOf(document_.At(document_.name()), Links::Follow, copy_.get()) == 0 &&
+                         fchmod(copy_.get(), _RestoredModeFor(staged, document_.rights, status_)) == 0;
+    if (!isGiven) return Failure(error).Errno("failed to set final mode on \"%s\"", restoredPath);
     const uint32_t flags = document_.rights.flags & ~kBlockingFlags;
     if (platform::SetFlagsOfKnown(copy_.get(), status_, flags) != 0) {
         if (errno != ENOTSUP) return Failure(error).Errno("failed to set final flags on \"%s\"", restoredPath);
@@ -255,12 +266,14 @@ void Beside::TakeBlockingFlags()
     if (copy_ && platform::SetFlagsOfKnown(copy_.get(), status_, flags) == 0) status_.flags = flags;
 }
 
-// What came by a rename was flushed in staging, all but its top item. A volume's own flush hears of what was copied here.
+// What came by a rename was flushed in staging, all but its top item. What was copied here was flushed item by item,
+// unless the volume has a flush of its own.
 bool Beside::Flush(TQError **error) const
 {
     if (platform::FlushFd(copy_.get()) != 0)
         return Failure(error).Errno("Failed to flush \"%s\" to disk", path_.c_str());
-    return !isAcross_ || flush_.Flush(path_.c_str(), status_.mode, error);
+    const bool isWhole = !isAcross_ || !S_ISDIR(status_.mode) || !platform::VolumeHonoursFlush(copy_.get());
+    return isWhole || flush_.Flush(path_.c_str(), status_.mode, error);
 }
 
 // Who may make entries in a folder need not be allowed to read it; the copy is on the same volume.

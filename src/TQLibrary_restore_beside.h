@@ -9,6 +9,7 @@
 
 #include "Platform/Item.h"
 #include "Platform/ItemId.h"
+#include "Platform/Rename.h"
 #include "Platform/UniqueFd.h"
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_flush.h"
@@ -31,18 +32,21 @@ struct ReplacedDocument {
 
     // 0, or -1 with errno: ENOENT if there is nothing.
     int Look();
+    // At its rights, which may have become narrower while the copy was made.
+    bool LookAgain(TQError **error);
     bool OpenFolder(TQError **error);
 
     const char *name() const;
     int folderLength() const; // of the folder's path with its slash
     Item At(const char *nameInFolder) const { return {folder.get(), nameInFolder, path}; }
-    // Whether `id` stands at a name in the folder. An error is neither.
-    enum class Held { No, Yes, Unknown };
-    Held Holds(const char *nameInFolder, const ItemId &id) const;
+    platform::Held Holds(const char *nameInFolder, const ItemId &id) const
+    {
+        return platform::HoldsItem(At(nameInFolder), id);
+    }
 
-    // Renames the item `id`, replacing nothing but what the name is known to hold. A refusal is held against what is there
-    // then: some volumes lose the answer of what they did.
-    bool Rename(const char *from, const char *to, const ItemId &id, bool mayReplace = false) const;
+    // Renames the item `id`, replacing nothing but what the name is known to hold. Yes once it has the new name; Unknown,
+    // with errno, where neither the answer nor a look tells.
+    platform::Held Rename(const char *from, const char *to, const ItemId &id, bool mayReplace = false) const;
     // Whether what stands there is what was looked at first, and has not been written to since.
     // 0, or -1 with errno.
     int IsUnchangedAt(const char *nameInFolder, bool *isUnchanged) const;
@@ -71,8 +75,8 @@ public:
     bool Bring(const StagedCopy &staged, bool *isAcross, TQError **error);
     bool CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error);
 
-    // The document's owner and group where they can be given, its hidden extension, mode, and the flags that don't bar a
-    // rename; on disk when it returns true.
+    // The document's owner and group where they can be given, its hidden extension, access-control lists, mode, and the
+    // flags that don't bar a rename; on disk when it returns true.
     bool GiveRights(mode_t staged, const char *restoredPath, TQError **error);
     // The flags that do, once it has its place.
     bool GiveBlockingFlags(const char *restoredPath, TQError **error);
@@ -98,7 +102,7 @@ private:
     bool FailToMake(bool isDirectory, TQError **error) const;
     bool CameAllTheSame(const StagedCopy &staged) const;
     bool OpenCopy(const ItemId &expected, TQError **error);
-    void GiveOwner();
+    bool GiveOwner();
     bool Flush(TQError **error) const;
     Item item() const { return {document_.folder.get(), name_, path_.c_str()}; }
 

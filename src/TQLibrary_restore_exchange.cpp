@@ -12,6 +12,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using platform::Held;
+
 namespace {
 
 const char *LastComponent(const char *path)
@@ -37,25 +39,40 @@ bool Exchange::changesName() const
     return strcmp(restoredName(), document_.name()) != 0;
 }
 
+bool Exchange::Plan(PlannedExchange *plan) const
+{
+    TQFileStatus folder;
+    if (platform::GetStatusOfFd(document_.folder.get(), &folder) != 0) return false;
+    plan->folder = ItemMark::Of(folder);
+    plan->document = ItemMark::Of(document_.itself);
+    plan->copy = ItemMark::Of(staged_.status);
+    plan->placeholder = ItemMark::Of(copy_.status());
+    const char *const aside = aside_.placeholder()[0] != '\0' ? aside_.path() : "";
+    if (aside[0] != '\0') {
+        plan->copy = ItemMark::Of(copy_.status());
+        plan->placeholder = ItemMark::Of(aside_.status());
+    }
+    (void)plan->waiting.Format("%s", copy_.path());
+    (void)plan->aside.Format("%s", aside);
+    (void)plan->restored.Format("%s", restoredPath_);
+    return true;
+}
+
 bool Exchange::Note(TQError **error)
 {
     PlannedExchange plan;
-    TQFileStatus folder;
-    if (platform::GetStatusOfFd(document_.folder.get(), &folder) != 0)
-        return Failure(error).Errno("Failed to open the folder of \"%s\"", document_.path);
-    plan.folder = ItemMark::Of(folder);
-    plan.document = ItemMark::Of(document_.itself);
-    plan.copy = ItemMark::Of(staged_.status);
-    plan.placeholder = ItemMark::Of(copy_.status());
-    const char *const aside = aside_.placeholder()[0] != '\0' ? aside_.path() : "";
-    if (aside[0] != '\0') {
-        plan.copy = ItemMark::Of(copy_.status());
-        plan.placeholder = ItemMark::Of(aside_.status());
-    }
-    (void)plan.waiting.Format("%s", copy_.path());
-    (void)plan.aside.Format("%s", aside);
-    (void)plan.restored.Format("%s", restoredPath_);
+    if (!Plan(&plan)) return Failure(error).Errno("Failed to open the folder of \"%s\"", document_.path);
     return staging_.NoteExchange(plan, error);
+}
+
+// Its caller is told that the restore has failed: a repair is not to finish it. What is not known as the copy is left to
+// a person, but for the document whose path is empty.
+void Exchange::NoteFailure()
+{
+    PlannedExchange plan;
+    if (!Plan(&plan)) return;
+    plan.copy = plan.placeholder = {};
+    (void)staging_.NoteExchange(plan, nullptr);
 }
 
 // What is half a copy can be told only by the item that is filled with it.
@@ -92,8 +109,23 @@ bool Exchange::Swap(TQError **error)
                                 copy_.path());
 }
 
+// Where nothing tells what was done, neither the backup nor the note is given up, and the document is looked for at both
+// names.
+bool Exchange::Rename(const char *from, const char *to, const ItemId &id, bool mayReplace)
+{
+    const Held moved = document_.Rename(from, to, id, mayReplace);
+    const ErrnoKeeper keeper;
+    const bool isDocument = id == ItemId::Of(document_.itself);
+    if (moved != Held::No && isDocument) (void)strcpy(old_, to);
+    if (moved == Held::Unknown) {
+        isBackupNeeded_ = true;
+        staging_.Keep();
+    }
+    return moved == Held::Yes;
+}
+
 // Some volumes lose the answer of what they did.
-Exchange::Held Exchange::HeldAtHome() const
+Held Exchange::HeldAtHome() const
 {
     const ErrnoKeeper keeper;
     return document_.Holds(document_.name(), copy_.id());
@@ -104,12 +136,11 @@ bool Exchange::ByTwoRenames(TQError **error)
 {
     const bool isDirectory = S_ISDIR(document_.itself.mode);
     if (!aside_.Choose(isDirectory, error) || !Note(error) || !aside_.Make(isDirectory, error)) return false;
-    if (!document_.Rename(document_.name(), aside_.name(), ItemId::Of(document_.itself), /*mayReplace=*/true))
+    if (!Rename(document_.name(), aside_.name(), ItemId::Of(document_.itself), /*mayReplace=*/true))
         return Failure(error).Errno("Failed to rename old file to temp path (\"%s\" -> \"%s\")", document_.path,
                                     aside_.path());
-    (void)strcpy(old_, aside_.name());
     aside_.Release();
-    if (!document_.Rename(copy_.name(), document_.name(), copy_.id()))
+    if (!Rename(copy_.name(), document_.name(), copy_.id()))
         return Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged_.path,
                                     restoredPath_);
     copy_.MovedTo(document_.name());
@@ -119,15 +150,13 @@ bool Exchange::ByTwoRenames(TQError **error)
 // The copy gets its new name first, so that at no moment there is neither.
 bool Exchange::ByNewName(TQError **error)
 {
-    if (!document_.Rename(copy_.name(), restoredName(), copy_.id()))
+    if (!Rename(copy_.name(), restoredName(), copy_.id()))
         return Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged_.path,
                                     restoredPath_);
     copy_.MovedTo(restoredName());
-    if (!document_.Rename(document_.name(), copy_.placeholder(), ItemId::Of(document_.itself)))
-        return Failure(error).Errno("Failed to rename old file to temp path (\"%s\" -> \"%s\")", document_.path,
-                                    copy_.path());
-    (void)strcpy(old_, copy_.placeholder());
-    return true;
+    return Rename(document_.name(), copy_.placeholder(), ItemId::Of(document_.itself)) ||
+           Failure(error).Errno("Failed to rename old file to temp path (\"%s\" -> \"%s\")", document_.path,
+                                copy_.path());
 }
 
 // Another program may have saved the document since it was looked at; what it saved is nobody's to give up.
@@ -180,10 +209,12 @@ bool Exchange::SwapBack()
 // The document's path is freed by a rename, and only of what was put there; what can't go home leaves the path to it.
 bool Exchange::RenameBack()
 {
+    const ItemId document = ItemId::Of(document_.itself);
     const char *const home = document_.name(), *const waiting = copy_.placeholder();
-    const bool isFreed =
-        !changesName() && document_.Holds(home, copy_.id()) == Held::Yes && document_.Rename(home, waiting, copy_.id());
-    if (document_.Rename(old_, home, ItemId::Of(document_.itself))) {
+    if (document_.Holds(home, document) == Held::Yes) return true;
+    const bool isFreed = !changesName() && document_.Holds(home, copy_.id()) == Held::Yes &&
+                         document_.Rename(home, waiting, copy_.id()) == Held::Yes;
+    if (document_.Rename(old_, home, document) == Held::Yes) {
         if (isFreed) copy_.MovedTo(waiting);
         return true;
     }
@@ -205,8 +236,11 @@ void Exchange::TakeBack()
         staging_.Keep();
         return;
     }
+    const int why = errno;
     // It may be all that is at the document's path; beside the document it is of no use.
     if (strcmp(copy_.name(), copy_.placeholder()) != 0) copy_.Release();
     staging_.Keep(); // its note says what is where
+    NoteFailure();
+    errno = why;
     Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", document_.path, oldPath());
 }

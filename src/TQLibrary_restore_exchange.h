@@ -45,12 +45,13 @@ public:
     bool isBackupNeeded() const { return isBackupNeeded_ || !isDocumentHome(); }
 
 private:
-    using Held = ReplacedDocument::Held;
-
     const char *restoredName() const;
     const char *oldPath() const;
     bool changesName() const;
-    Held HeldAtHome() const;
+    bool Plan(PlannedExchange *plan) const;
+    void NoteFailure();
+    platform::Held HeldAtHome() const;
+    bool Rename(const char *from, const char *to, const ItemId &id, bool mayReplace = false);
     bool Swap(TQError **error);
     bool ByTwoRenames(TQError **error);
     bool ByNewName(TQError **error);

@@ -1,6 +1,7 @@
 // Adding a generation: built and archived in staging, then moved to its name by one rename.
 
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_folder.h"
 #include "vaultry_client_managed_nesting.h"
 #include "vaultry_client_managed_staging.h"
 
@@ -20,18 +21,22 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <sys/stat.h>
 
 namespace {
 
 constexpr size_t kMaximumNameLength = 254; // bytes
 
-// What the owner file says of this add. A move records what its document's top item had, for whoever gives it back.
-OwnerNote MakeNote(const char *source, bool copy)
+// What the owner file says of this add. A move records, for whoever gives its document back, the folder that this is in
+// and what its top item had.
+OwnerNote MakeNote(const char *source, const OpenedFolder *movedFrom)
 {
-    OwnerNote note = OwnerNote::Of(copy ? Work::Copy : Work::Move, source);
+    OwnerNote note = OwnerNote::Of(movedFrom ? Work::Move : Work::Copy, source);
     TQFileStatus status;
-    if (copy || platform::GetStatus(Item::AtPath(source), Links::NoFollow, &status) != 0) return note;
+    if (!movedFrom) return note;
+    if (*movedFrom && platform::GetStatusOfFd(movedFrom->fd(), &status) == 0) note.folder = ItemMark::Of(status);
+    if (platform::GetStatus(Item::AtPath(source), Links::NoFollow, &status) != 0) return note;
     note.topMode = status.mode & 07777;
     note.topFlags = status.flags;
     note.top = ItemId::Of(status);
@@ -110,7 +115,7 @@ Installed InstallStaged(const Placing &placing, uint64_t options, const TreeFlus
     const ScopeExit protect([&] { _ProtectGenerationStore(placing.root); });
 
     // Nothing is replaced, not even a dangling link that the look before did not see.
-    if (platform::RenameIntoNothing(Item::AtPath(staged), Item::AtPath(generation)) != 0) {
+    if (platform::RenameIntoNothing(Item::AtPath(staged), ItemId::Of(status), Item::AtPath(generation)) != 0) {
         Failure(error).Errno("Failed to install generation; rename (\"%s\" -> \"%s\") failed", staged, generation);
         return Installed::No;
     }
@@ -158,7 +163,10 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
         return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", generation.c_str());
     if (!RequireSource(source, root, copy, error)) return false;
 
-    const OwnerNote note = MakeNote(source, copy);
+    const TrimmedPath document(source);
+    std::optional<OpenedFolder> movedFrom;
+    if (!copy) movedFrom.emplace(document.c_str());
+    const OwnerNote note = MakeNote(document.c_str(), movedFrom ? &*movedFrom : nullptr);
     StagingDirectory staging;
     if (!staging.Make(root, note, error)) return false;
     const char *const staged = staging.staged();
@@ -173,8 +181,9 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
     }
 
     // A moved document is somebody's only copy: it goes home first. If it can't, staging stays.
-    const MovedDocument document{note.topMode != OwnerNote::kUnknownMode, note.top, note.topMode, note.topFlags,
-                                 staging.written()};
-    if (!copy && !_GiveDocumentBack(Item::AtPath(staged), Item::AtPath(source), document)) staging.Keep();
+    const MovedDocument moved{note.topMode != OwnerNote::kUnknownMode, note.top, note.topMode, note.topFlags,
+                              staging.written()};
+    const Item home = movedFrom && *movedFrom ? movedFrom->item() : Item::AtPath(source);
+    if (!copy && !_GiveDocumentBack(Item::AtPath(staged), home, moved)) staging.Keep();
     return false;
 }

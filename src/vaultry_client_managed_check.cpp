@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -28,6 +29,12 @@ struct OpenStore {
     TQFileStatus owner; // of the root: on whose word a repair acts
 };
 
+// Root makes it for the store's owner, who could not use it else.
+bool BelongsToOwner(int fd, const TQFileStatus &root)
+{
+    return geteuid() != 0 || root.owner == 0 || fchown(fd, root.owner, root.group) == 0;
+}
+
 // Before there is a lock to be held, so the root is as open afterwards as it was.
 bool MakeLockFile(const OpenStore &store)
 {
@@ -38,7 +45,7 @@ bool MakeLockFile(const OpenStore &store)
     const ScopeExit protect([&] { (void)platform::SetMode(store.root, Links::Follow, status.mode & 07777); });
     UniqueFd fd(openat(store.lockFile.directory, store.lockFile.name,
                        O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kLockFileMode));
-    return fd && fchmod(fd.get(), kLockFileMode) == 0 && fd.Close() == 0;
+    return fd && fchmod(fd.get(), kLockFileMode) == 0 && BelongsToOwner(fd.get(), status) && fd.Close() == 0;
 }
 
 // Of exactly the item that was looked at.
@@ -82,8 +89,9 @@ void CheckStagingDirectory(const OpenStore &store, Findings &findings)
     if (platform::GetStatus(item, Links::NoFollow, &status) != 0) {
         if (errno != ENOENT) return findings.AddUnreadable(item.path);
         findings.AddMendable(item.path, "staging-missing", "The store has no staging directory.", [&] {
-            return mkdirat(item.directory, item.name, kStagingMode) == 0 &&
-                   platform::SetMode(item, Links::NoFollow, kStagingMode) == 0;
+            if (mkdirat(item.directory, item.name, kStagingMode) != 0) return false;
+            const UniqueFd made(openat(item.directory, item.name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            return made && fchmod(made.get(), kStagingMode) == 0 && BelongsToOwner(made.get(), store.owner);
         });
         return;
     }
@@ -210,16 +218,6 @@ bool Findings::IsAccountedFor(const char *path, const TQFileStatus &status) cons
     const ItemId here = ItemId::Of(status), elsewhere{0, status.inode};
     return has(explained_, path, strlen(path)) || has(living_, &here, sizeof here) ||
            has(living_, &elsewhere, sizeof elsewhere);
-}
-
-OpenedFolder::OpenedFolder(const char *path) : path_(path)
-{
-    const char *const slash = strrchr(path, '/');
-    name_ = slash ? slash + 1 : path;
-    char folder[PATH_MAX];
-    const auto length = slash ? (slash == path ? 1 : slash - path) : 0;
-    (void)snprintf(folder, sizeof folder, "%.*s", static_cast<int>(length), path);
-    fd_.Reset(open(slash ? folder : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
 TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, TQError **error)

@@ -6,6 +6,7 @@
 
 #pragma once
 
+#include "vaultry_client_managed_folder.h"
 #include "vaultry_client_managed_owner.h"
 
 #include "Platform/DirectoryReader.h"
@@ -85,21 +86,6 @@ private:
     UniqueFd directory_;
     platform::DirectoryReader reader_;
     int error_;
-};
-
-// The folder that holds the item at a path, and the item in it. Links on the way are followed, as the path's owner
-// would.
-class OpenedFolder {
-public:
-    explicit OpenedFolder(const char *path);
-    explicit operator bool() const { return static_cast<bool>(fd_); } // else errno
-    int fd() const { return fd_.get(); }
-    Item item() const { return {fd_.get(), name_, path_}; }
-
-private:
-    const char *path_;
-    const char *name_;
-    UniqueFd fd_;
 };
 
 // Its items, its attributes, and what restores of its document left beside that. `owner` is of the store's directory.

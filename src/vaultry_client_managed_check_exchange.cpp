@@ -7,6 +7,7 @@
 #include "Platform/ActingAs.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Rename.h"
+#include "Platform/TreeWalk.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_fs_wrappers.h"
 
@@ -24,6 +25,11 @@ constexpr char kCopyBeside[] =
     "A restore was interrupted: this is what it was about to put in the document's place. The "
     "document is where it was.";
 
+bool IsBefore(const struct timespec &a, const struct timespec &b)
+{
+    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
+}
+
 bool IsDocument(Holds held)
 {
     return held == Holds::Document || held == Holds::EditedDocument;
@@ -32,16 +38,16 @@ bool IsDocument(Holds held)
 class LeftExchange {
 public:
     LeftExchange(const FoundOwner &owner, int folder, const TQFileStatus &author, Findings &findings)
-        : note_(owner.note), isOver_(owner.life == OwnerLife::Dead), folder_(folder), author_(author),
-          findings_(findings)
+        : note_(owner.note), written_(owner.written), isOver_(owner.life == OwnerLife::Dead), folder_(folder),
+          author_(author), findings_(findings)
     {
     }
 
     // True if nothing is left at the name of `path`.
     bool Settle(const char *path);
     bool SettleRenamed();
-    // Its volume is not there, or it was moved, and with it what the note tells of.
-    bool IsFolderAway() const;
+    // Whether a folder is the document's, as it was noted.
+    bool IsFolder(int fd, TQFileStatus *status) const;
 
 private:
     static Item In(int folder, const char *path)
@@ -54,10 +60,12 @@ private:
     template <class Mend>
     bool Report(const char *path, const char *kind, const char *meaning, Mend mend, const char *home = nullptr);
     bool IsStill(const Item &item, Holds held, const TQFileStatus &status) const;
-    bool GiveBack(const Item &item, const TQFileStatus &status, const Item &home) const;
+    bool GiveBack(const Item &item, Holds held, const TQFileStatus &status, const Item &home) const;
     static bool Remove(const Item &item, const TQFileStatus &status);
+    bool IsCopyUntouched(const Item &item, const TQFileStatus &status) const;
 
     const OwnerNote &note_;
+    const struct timespec written_; // the note's time, by its volume's clock
     bool isOver_;
     int folder_;
     const TQFileStatus &author_; // the directory that holds the note: whose word it is
@@ -84,9 +92,9 @@ bool LeftExchange::IsStill(const Item &item, Holds held, const TQFileStatus &sta
     return Look(item, &now) == held && ItemId::Of(now) == ItemId::Of(status);
 }
 
-bool LeftExchange::GiveBack(const Item &item, const TQFileStatus &status, const Item &home) const
+bool LeftExchange::GiveBack(const Item &item, Holds held, const TQFileStatus &status, const Item &home) const
 {
-    return IsStill(item, Holds::Document, status) && platform::RenameIntoNothing(item, home) == 0 &&
+    return IsStill(item, held, status) && platform::RenameIntoNothing(item, ItemId::Of(status), home) == 0 &&
            _FlushEntry(home.path, nullptr);
 }
 
@@ -97,7 +105,8 @@ bool LeftExchange::Remove(const Item &item, const TQFileStatus &status)
     return _RemoveTreeAt(item, how, nullptr);
 }
 
-// Root mends what its author could have mended, in the folder that its author gets to.
+// Root mends what its author could have mended, in the folder that was noted. On another volume the note may be gone from
+// disk before what it tells of.
 template <class Mend>
 bool LeftExchange::Report(const char *path, const char *kind, const char *meaning, Mend mend, const char *home)
 {
@@ -110,7 +119,9 @@ bool LeftExchange::Report(const char *path, const char *kind, const char *meanin
         [&] {
             const platform::ActingAs author(author_.owner);
             const OpenedFolder folder(path);
-            return author && folder && mend(folder.fd());
+            TQFileStatus status;
+            return author && folder && IsFolder(folder.fd(), &status) && mend(folder.fd()) &&
+                   (status.device == author_.device || _FlushEntry(path, nullptr));
         },
         home);
 }
@@ -119,7 +130,7 @@ bool LeftExchange::Settle(const char *path)
 {
     if (path[0] == '\0') return true;
     const Item item = At(path);
-    TQFileStatus status, there;
+    TQFileStatus status, atHome, atRestored;
     const Holds held = Look(item, &status);
     if (held == Holds::Nothing) return true;
     const auto remove = [&](int folder) { return Remove(In(folder, path), status); };
@@ -132,23 +143,52 @@ bool LeftExchange::Settle(const char *path)
                           return IsStill(empty, Holds::Empty, status) &&
                                  unlinkat(folder, empty.name, S_ISDIR(status.mode) ? AT_REMOVEDIR : 0) == 0;
                       });
-    const Holds home = Look(At(note_.document), &there), restored = Look(At(note_.exchange.restored.c_str()), &there);
+    const Holds home = Look(At(note_.document), &atHome),
+                restored = Look(At(note_.exchange.restored.c_str()), &atRestored);
 
+    const bool isHomeToo = (home == held && ItemId::Of(atHome) == ItemId::Of(status)) ||
+                           (restored == held && ItemId::Of(atRestored) == ItemId::Of(status));
+    if (isHomeToo && held != Holds::Other && !S_ISDIR(status.mode))
+        return Report(
+            path, "second-name",
+            "A restore was interrupted while it renamed: this is a second name of an item that has its place.",
+            [&](int folder) {
+                const Item second = In(folder, path);
+                return IsStill(second, held, status) && unlinkat(folder, second.name, 0) == 0;
+            });
     if (held == Holds::Document && restored == Holds::Copy)
         return Report(path, "old-document-beside",
                       "A restore was interrupted when it was done, but for removing the document's old state, which "
                       "this is.",
                       remove);
-    if (held == Holds::Document && home == Holds::Nothing)
+    if (IsDocument(held) && home == Holds::Nothing)
         return Report(
             path, "document-aside", "A restore was interrupted: this is the document, which belongs elsewhere.",
-            [&](int folder) { return GiveBack(In(folder, path), status, In(folder, note_.document)); }, note_.document);
+            [&](int folder) { return GiveBack(In(folder, path), held, status, In(folder, note_.document)); },
+            note_.document);
     if (held == Holds::Copy && IsDocument(home)) return Report(path, "copy-beside", kCopyBeside, remove);
-    findings_.Add(path, "document-aside",
-                  "A restore was interrupted, and what is here, or in the document's place, has been changed since: it "
-                  "may be the document, or its old state.",
-                  /*mended=*/false, note_.document);
+    if (held == Holds::Copy)
+        findings_.Add(path, "copy-beside",
+                      "A restore was interrupted: this is what it was about to put in the document's place, which has "
+                      "been changed or removed since. Whether it may go, a person has to tell.");
+    else
+        findings_.Add(
+            path, "document-aside",
+            "A restore was interrupted, and what is here, or in the document's place, has been changed since: "
+            "it may be the document, or its old state.",
+            /*mended=*/false, note_.document);
     return false;
+}
+
+// A document's own name invites to work on it. Nothing in a copy bears a later time than the note, until somebody has.
+bool LeftExchange::IsCopyUntouched(const Item &item, const TQFileStatus &status) const
+{
+    if (!S_ISDIR(status.mode)) return note_.exchange.copy.IsUnchanged(status);
+    TreeWalk walk;
+    if (!walk.Open(item)) return false;
+    while (const TreeWalk::Entry *entry = walk.Next())
+        if (!entry->hasStatus || !IsBefore(entry->status.modificationTime, written_)) return false;
+    return true;
 }
 
 // What stands there and is not the copy is somebody's own.
@@ -157,26 +197,31 @@ bool LeftExchange::SettleRenamed()
     TQFileStatus status, there;
     const char *const path = note_.exchange.restored.c_str();
     if (Look(At(path), &status) != Holds::Copy || !IsDocument(Look(At(note_.document), &there))) return true;
-    return Report(path, "copy-beside", kCopyBeside, [&](int folder) { return Remove(In(folder, path), status); });
+    if (IsCopyUntouched(At(path), status))
+        return Report(path, "copy-beside", kCopyBeside, [&](int folder) {
+            const Item copy = In(folder, path);
+            return IsCopyUntouched(copy, status) && Remove(copy, status);
+        });
+    findings_.Add(path, "copy-beside",
+                  "A restore was interrupted: this is what it was about to put in the document's place, and has been "
+                  "changed since. The document is where it was.");
+    return false;
 }
 
-bool LeftExchange::IsFolderAway() const
+bool LeftExchange::IsFolder(int fd, TQFileStatus *status) const
 {
-    TQFileStatus status;
-    const PlannedExchange &plan = note_.exchange;
-    if (platform::GetStatusOfFd(folder_, &status) == 0 && plan.folder.IsOf(status, note_.IsOfThisStart())) return false;
-    for (const char *path : {plan.waiting.c_str(), plan.aside.c_str()})
-        if (path[0] != '\0' && Look(At(path), &status) != Holds::Nothing) return false;
-    return true;
+    return platform::GetStatusOfFd(fd, status) == 0 && note_.exchange.folder.IsOf(*status, note_.IsOfThisStart());
 }
 
 // The document may be in it, under a name that nothing but the note tells.
 void AddAway(const char *notePath, const OwnerNote &note, Findings &findings)
 {
-    findings.Add(notePath, "document-absent",
-                 "A restore was interrupted, and the document's folder is away: its volume may be, or it was moved. "
-                 "When it is back, a repair settles what was left; if it is gone for good, this may go.",
-                 /*mended=*/false, note.document);
+    findings.Add(
+        notePath, "document-absent",
+        "A restore was interrupted, and the document's folder is away, or another has its place: its volume may "
+        "be away, or it was moved. When it is back, a repair settles what was left; if it is gone for good, "
+        "this may go.",
+        /*mended=*/false, note.document);
 }
 
 } // namespace
@@ -202,7 +247,8 @@ bool _CheckExchange(const char *notePath, const FoundOwner &owner, const TQFileS
         return false;
     }
     LeftExchange left(owner, folder.fd(), author, findings);
-    if (left.IsFolderAway()) {
+    TQFileStatus status;
+    if (!left.IsFolder(folder.fd(), &status)) {
         AddAway(notePath, note, findings);
         return false;
     }

@@ -22,7 +22,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -128,8 +130,8 @@ void CheckPlaceholder(const Item &placeholder, const Item &document, bool isOnly
                 const platform::ActingAs author(owner.owner);
                 const OpenedFolder folder(document.path);
                 return isOnly && author && folder &&
-                       platform::RenameIntoNothing({folder.fd(), placeholder.name, placeholder.path}, folder.item()) ==
-                           0 &&
+                       platform::RenameIntoNothing({folder.fd(), placeholder.name, placeholder.path},
+                                                   ItemId::Of(status), folder.item()) == 0 &&
                        _FlushEntry(document.path, nullptr);
             },
             document.path);
@@ -195,11 +197,22 @@ void CheckPlaceholders(const TQDictionary *info, const TQFileStatus &owner, Find
                      "The document's folder can't be read: an interrupted restore may have left something there.");
 }
 
+// Some volumes say 0 of a file whose size they don't know.
+Filling FillingOfFile(const Item &item, const TQFileStatus &status)
+{
+    if (status.size != 0) return Filling::Full;
+    const UniqueFd file(openat(item.directory, item.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    char byte = 0;
+    const ssize_t length = file ? read(file.get(), &byte, 1) : -1;
+    return length < 0 ? Filling::Unknown : length == 0 ? Filling::Empty : Filling::Full;
+}
+
 } // namespace
 
 Filling _FillingOf(const Item &item, const TQFileStatus &status)
 {
-    if (!S_ISDIR(status.mode)) return status.size == 0 ? Filling::Empty : Filling::Full;
+    if (S_ISREG(status.mode)) return FillingOfFile(item, status);
+    if (!S_ISDIR(status.mode)) return Filling::Full;
     Names names(item);
     if (names.Next()) return Filling::Full;
     return names.error() == 0 ? Filling::Empty : Filling::Unknown;

@@ -125,6 +125,16 @@ void CheckLitter(const Unique &unique, bool isDead, Findings &findings)
                      "Something was staged here less than an hour ago: a copy in use, or one that was interrupted.");
 }
 
+// Whether the folder at the path is the one that the document was taken from: root's own note would lead it through any
+// link. An earlier version noted no folder, and is followed where its owner alone could have gone.
+bool IsFormerFolder(const Unique &unique, const OpenedFolder &folder)
+{
+    const OwnerNote &note = unique.owner.note;
+    TQFileStatus status;
+    if (unique.owner.life == OwnerLife::None) return unique.status.owner == unique.area.owner;
+    return platform::GetStatusOfFd(folder.fd(), &status) == 0 && note.folder.IsOf(status, note.IsOfThisStart());
+}
+
 // The document goes home with the rights that it had, and the directory that held it goes with its note once that is on
 // disk; not if there is more in it.
 bool GiveBack(const Unique &unique, uint32_t mode, const char *home, const MovedDocument &document)
@@ -133,8 +143,9 @@ bool GiveBack(const Unique &unique, uint32_t mode, const char *home, const Moved
         const platform::ActingAs maker(unique.status.owner);
         const OpenedFolder folder(home);
         const auto flush = TreeFlush::By(unique.fd);
-        if (!maker || !folder || !_GiveDocumentBack(unique.staged, folder.item(), document) ||
-            !flush.Flush(home, mode, nullptr) || !_FlushEntry(home, nullptr))
+        if (!maker || !folder || !IsFormerFolder(unique, folder) ||
+            !_GiveDocumentBack(unique.staged, folder.item(), document) || !flush.Flush(home, mode, nullptr) ||
+            !_FlushEntry(home, nullptr))
             return false;
     }
     if (ContentsOf(unique) == Contents::Ours) (void)RemoveUnique(unique);
@@ -199,6 +210,29 @@ bool IsBare(const Unique &unique)
     return errno == ENOENT && _FillingOf(unique.item, unique.status) == Filling::Empty;
 }
 
+// A move that was cut short before its document went has made that writable, and nobody knows but its note.
+void CheckDocumentAtHome(const Unique &unique, Findings &findings)
+{
+    const OwnerNote &note = unique.owner.note;
+    const OpenedFolder folder(note.document);
+    TQFileStatus status;
+    const bool isThere = folder && platform::GetStatus(folder.item(), Links::NoFollow, &status) == 0 &&
+                         ItemId::Of(status) == note.top && note.IsOfThisStart();
+    const uint32_t flags = isThere ? status.flags | (note.topFlags & kBlockingFlags) : 0;
+    const bool isLifted = isThere && (flags != status.flags || (status.mode & 07777) != note.topMode) &&
+                          (status.mode & 07777) == (note.topMode | 0200);
+    if (!isLifted) return;
+    findings.AddMendable(
+        note.document, "document-lifted",
+        "A move into the store was interrupted before it began: the document can be written to, and could not before.",
+        [&] {
+            const platform::ActingAs maker(unique.status.owner);
+            const UniqueFd pinned = maker ? platform::PinItem(folder.item(), status) : UniqueFd();
+            return pinned && platform::SetModeOfPinned(pinned.get(), static_cast<mode_t>(note.topMode)) == 0 &&
+                   platform::SetFlagsOfPinned(pinned.get(), status, flags) == 0;
+        });
+}
+
 // What a restore put beside its document is settled before its note goes.
 void CheckLeftovers(const Unique &unique, Findings &findings)
 {
@@ -206,6 +240,8 @@ void CheckLeftovers(const Unique &unique, Findings &findings)
     // A client that had a copy was cut off with the note's bytes.
     const bool isOver = owner.readable ? owner.note.work != Work::CopyOut : owner.isBlank;
     const bool isDead = owner.life == OwnerLife::Dead && isOver;
+    if (isDead && owner.note.work == Work::Move && owner.note.topMode != OwnerNote::kUnknownMode)
+        CheckDocumentAtHome(unique, findings);
     // Age says nothing of what stands beside a document.
     const bool isNoted = owner.life != OwnerLife::None && owner.readable && owner.note.hasExchange;
     if (isNoted && !_CheckExchange(unique.item.path, owner, unique.status, findings)) return;

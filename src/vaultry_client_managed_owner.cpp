@@ -23,10 +23,12 @@ constexpr const char *kWords[] = {"copy", "move", "remove", "copy-out", "restore
 constexpr char kFirstLine[] = "vaultry owner 1\n", kExchangeLine[] = "exchange\n", kLastLine[] = "end\n";
 
 // A path may hold any byte but zero, so its length stands before it. A restore notes its exchange when its copy is
-// staged, anew when that has to be copied across, and once more where the volume can't exchange.
+// staged, anew when that has to be copied across, where the volume can't exchange, and when its way back fails.
 constexpr size_t kNoteCapacity = 6 * PATH_MAX;
 constexpr size_t kWordsCapacity = 1024; // the words and numbers of one of them
-static_assert(PATH_MAX + 3 * 3 * PathBuffer::kCapacity + 4 * kWordsCapacity <= kNoteCapacity);
+constexpr size_t kMostExchanges = 4;
+static_assert(PATH_MAX + kWordsCapacity + kMostExchanges * (3 * PathBuffer::kCapacity + kWordsCapacity) <=
+              kNoteCapacity);
 
 class NoteText {
 public:
@@ -137,12 +139,19 @@ bool ReadWork(NoteReader &reader, Work *work)
     return false;
 }
 
+bool ReadItem(NoteReader &reader, const char *key, ItemMark *mark)
+{
+    return reader.TakeNumbers(key, &mark->id.device, &mark->id.inode, &mark->born, &mark->bornNanoseconds, &mark->size,
+                              &mark->modified, &mark->modifiedNanoseconds);
+}
+
 bool ReadNote(NoteReader &reader, OwnerNote *note)
 {
     return reader.Take(kFirstLine) && ReadWork(reader, &note->work) && reader.TakeWord("machine", note->machine) &&
            reader.TakeWord("boot", note->boot) && reader.TakeNumbers("process", &note->process) &&
            reader.TakeNumbers("since", &note->since) &&
            reader.TakeNumbers("top", &note->topMode, &note->topFlags, &note->top.device, &note->top.inode) &&
+           ReadItem(reader, "folder", &note->folder) &&
            reader.TakePath("document", note->document, sizeof note->document) && reader.Take(kLastLine);
 }
 
@@ -151,10 +160,7 @@ bool ReadExchange(NoteReader &reader, PlannedExchange *exchange)
     const auto takePath = [&](const char *key, PathBuffer &path) {
         return reader.TakePath(key, path.data(), PathBuffer::kCapacity);
     };
-    const auto takeItem = [&](const char *key, ItemMark &mark) {
-        return reader.TakeNumbers(key, &mark.id.device, &mark.id.inode, &mark.born, &mark.bornNanoseconds, &mark.size,
-                                  &mark.modified, &mark.modifiedNanoseconds);
-    };
+    const auto takeItem = [&](const char *key, ItemMark &mark) { return ReadItem(reader, key, &mark); };
     return reader.Take(kExchangeLine) && takeItem("document", exchange->document) && takeItem("copy", exchange->copy) &&
            takeItem("placeholder", exchange->placeholder) && takeItem("folder", exchange->folder) &&
            takePath("waiting", exchange->waiting) && takePath("aside", exchange->aside) &&
@@ -183,16 +189,19 @@ void ReadOwnerFile(int fd, FoundOwner *found)
     if (found->readable) ReadExchanges(reader, &found->note);
 }
 
-// Whether the lock says that the operation lives. Where locks may stay on their host a free one says nothing of others,
-// nor of another start of this machine: that may be a clone of it, which bears its name.
-OwnerLife LifeOf(int fd, const OwnerNote &note)
+// The file as it is left by whoever has died: read under the lock, or it may have been noted in meanwhile. Where locks may
+// stay on their host a free one says nothing of others, nor of another start of this machine: that may be a clone of it,
+// which bears its name.
+OwnerLife ReadUnderLock(int fd, FoundOwner *found)
 {
     int result = 0;
     do result = flock(fd, LOCK_SH | LOCK_NB);
     while (result != 0 && errno == EINTR);
-    if (result != 0) return errno == EWOULDBLOCK ? OwnerLife::Alive : OwnerLife::Doubtful;
+    const int why = result != 0 ? errno : 0;
+    ReadOwnerFile(fd, found);
+    if (why != 0) return why == EWOULDBLOCK ? OwnerLife::Alive : OwnerLife::Doubtful;
     (void)flock(fd, LOCK_UN);
-    return platform::VolumeHonoursFlush(fd) || note.IsOfThisStart() ? OwnerLife::Dead : OwnerLife::Doubtful;
+    return platform::VolumeHonoursFlush(fd) || found->note.IsOfThisStart() ? OwnerLife::Dead : OwnerLife::Doubtful;
 }
 
 // Waits for whoever is looking whether it is locked.
@@ -273,6 +282,7 @@ UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, 
              note.boot);
     text.Add("process %" PRId64 "\nsince %" PRId64 "\ntop %u %u %" PRIu64 " %" PRIu64 "\n", note.process, note.since,
              note.topMode, note.topFlags, note.top.device, note.top.inode);
+    text.AddItem("folder", note.folder);
     text.AddPath("document", note.document);
     text.Add("%s", kLastLine);
 
@@ -327,7 +337,5 @@ void _LookForOwner(int directory, uint32_t areaOwner, FoundOwner *found)
         status.owner != areaOwner)
         return;
     found->written = status.modificationTime;
-    // Looked at before it is read: who holds the lock may be writing.
-    ReadOwnerFile(fd.get(), found);
-    found->life = LifeOf(fd.get(), found->note);
+    found->life = ReadUnderLock(fd.get(), found);
 }

@@ -56,6 +56,7 @@ struct OwnerNote {
     uint32_t topMode = kUnknownMode; // a move: what the document's top item had
     uint32_t topFlags = 0;
     ItemId top{};
+    ItemMark folder; // and the folder that it was taken from
     char machine[80] = "";
     char boot[80] = "";
     int64_t process = 0;

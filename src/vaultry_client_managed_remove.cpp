@@ -8,6 +8,7 @@
 #include "vaultry_client_managed_staging.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/Rename.h"
 #include "Platform/UniqueNames.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
@@ -68,11 +69,13 @@ bool RemoveAsItStands(const char *generation, TQError **error)
     return Failure(error).Errno("failed to remove \"%s\", on which something is mounted", generation);
 }
 
-bool MoveToStaging(const char *root, const char *generation, const char *staged, TQError **error)
+bool MoveToStaging(const char *root, const char *generation, const ItemId &id, const char *staged, TQError **error)
 {
     if (!_UnprotectGenerationStore(root, error)) return false;
     const ScopeExit protect([root] { _ProtectGenerationStore(root); });
-    if (rename(generation, staged) == 0) return true;
+    if (rename(generation, staged) == 0 ||
+        platform::HasMoved(Item::AtPath(generation), id, Item::AtPath(staged)) == platform::Held::Yes)
+        return true;
     // A folder of an overlay's lower layer has no other place to go.
     if (errno == EXDEV) return RemoveAsItStands(generation, error);
     return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged);
@@ -85,7 +88,7 @@ bool RemoveByStaging(const char *root, const char *generation, TQError **error)
     if (!staging.Make(root, OwnerNote::Of(Work::Remove, generation), error)) return false;
     LiftedGeneration lifted(generation);
     return LiftForMove(lifted, generation, error) &&
-           lifted.Gone(MoveToStaging(root, generation, staging.staged(), error));
+           lifted.Gone(MoveToStaging(root, generation, ItemId::Of(lifted.before()), staging.staged(), error));
 }
 
 // For a disk without room for one more directory, on which a removal is what its owner needs most. A file goes at once. A
@@ -98,7 +101,7 @@ bool RemoveWithoutRoom(const char *root, const char *generation, TQError **error
     const ScopeExit protect([root] { _ProtectGenerationStore(root); });
     PathBuffer staged;
     if (S_ISDIR(lifted.before().mode) && staged.Format("%s/%s/XXXXXXX", root, kStagingName)) {
-        if (platform::RenameToUnique(generation, staged.data()) == 0) {
+        if (platform::RenameToUnique(generation, ItemId::Of(lifted.before()), staged.data()) == 0) {
             (void)_RemoveStagingPath(root, staged.c_str(), nullptr);
             return lifted.Gone(true);
         }

@@ -1,44 +1,90 @@
 #include "Platform/Rename.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/ScopeExit.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace platform {
 
+Held HoldsItem(const Item &place, const ItemId &id)
+{
+    TQFileStatus status;
+    if (GetStatus(place, Links::NoFollow, &status) != 0) return errno == ENOENT ? Held::No : Held::Unknown;
+    return ItemId::Of(status) == id ? Held::Yes : Held::No;
+}
+
+static bool _IsAt(const Item &place, const ItemId &id)
+{
+    const ErrnoKeeper keeper;
+    return HoldsItem(place, id) == Held::Yes;
+}
+
+// With two names for one file: the second goes if the first has gone for sure, or the other way round. Where that
+// can't be told, both stay.
+static bool _DropFirstName(const Item &from, const ItemId &id, const Item &to)
+{
+    if (unlinkat(from.directory, from.name, 0) == 0) return true;
+    const ErrnoKeeper keeper;
+    const Held held = HoldsItem(from, id);
+    if (held == Held::Yes) (void)unlinkat(to.directory, to.name, 0); // the item keeps the name that it had
+    return held == Held::No;
+}
+
 // A link replaces nothing, and leaves no gap for anybody. False with EEXIST, or if the item can't be linked or both
 // names could not be brought down to one.
-static bool _MoveByLink(const Item &from, const Item &to)
+static bool _MoveByLink(const Item &from, const ItemId &id, const Item &to)
 {
-    if (linkat(from.directory, from.name, to.directory, to.name, 0) != 0) return false;
-    if (unlinkat(from.directory, from.name, 0) == 0) return true;
-    const int why = errno;
-    (void)unlinkat(to.directory, to.name, 0); // the item keeps the name that it had
-    errno = why;
+    const bool isLinked = linkat(from.directory, from.name, to.directory, to.name, 0) == 0 || _IsAt(to, id);
+    return isLinked && _DropFirstName(from, id, to);
+}
+
+// A kill between the two steps of a move by link leaves both names.
+static bool _FinishMoveByLink(const Item &from, const ItemId &id, const Item &to)
+{
+    const ErrnoKeeper keeper;
+    TQFileStatus status;
+    return GetStatus(from, Links::NoFollow, &status) == 0 && ItemId::Of(status) == id && !S_ISDIR(status.mode) &&
+           HoldsItem(to, id) == Held::Yes && unlinkat(from.directory, from.name, 0) == 0;
+}
+
+// Looking first leaves a gap, but refuses what is there.
+static bool _MoveAfterLook(const Item &from, const Item &to)
+{
+    TQFileStatus status;
+    if (GetStatus(to, Links::NoFollow, &status) != 0)
+        return errno == ENOENT && renameat(from.directory, from.name, to.directory, to.name) == 0;
+    errno = EEXIST;
     return false;
 }
 
-int RenameIntoNothing(const Item &from, const Item &to)
+static bool _Move(const Item &from, const ItemId &id, const Item &to)
+{
+    if (renameat2(from.directory, from.name, to.directory, to.name, RENAME_NOREPLACE) == 0) return true;
+    if (IsRenameFlagUnknown(errno)) {
+        if (_MoveByLink(from, id, to)) return true;
+        // A folder, or a file that may not be linked.
+        if (errno != EEXIST && !_IsAt(to, id) && _MoveAfterLook(from, to)) return true;
+    }
+    return errno == EEXIST && _FinishMoveByLink(from, id, to);
+}
+
+Held HasMoved(const Item &from, const ItemId &id, const Item &to)
+{
+    const ErrnoKeeper keeper;
+    const Held arrived = HoldsItem(to, id), stayed = HoldsItem(from, id);
+    if (arrived == Held::Unknown || stayed == Held::Unknown) return Held::Unknown;
+    return arrived == Held::Yes && stayed == Held::No ? Held::Yes : Held::No;
+}
+
+int RenameIntoNothing(const Item &from, const ItemId &id, const Item &to)
 {
     const int before = errno;
-    if (renameat2(from.directory, from.name, to.directory, to.name, RENAME_NOREPLACE) == 0) return 0;
-    if (!IsRenameFlagUnknown(errno)) return -1;
-    if (_MoveByLink(from, to)) {
-        errno = before;
-        return 0;
-    }
-    if (errno == EEXIST) return -1;
-
-    // A folder, or a file that may not be linked. Looking first leaves a gap, but refuses what is there.
-    TQFileStatus status;
-    if (GetStatus(to, Links::NoFollow, &status) == 0) {
-        errno = EEXIST;
-        return -1;
-    }
-    if (errno != ENOENT || renameat(from.directory, from.name, to.directory, to.name) != 0) return -1;
+    if (!_Move(from, id, to) && HasMoved(from, id, to) != Held::Yes) return -1;
     errno = before;
     return 0;
 }

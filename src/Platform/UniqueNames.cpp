@@ -119,10 +119,10 @@ int MakeUniqueDirectory(char *pathTemplate)
     return MakeUniqueDirectoryAt(AT_FDCWD, pathTemplate, 0);
 }
 
-int RenameToUnique(const char *from, char *pathTemplate)
+int RenameToUnique(const char *from, const ItemId &id, char *pathTemplate)
 {
     return _MakeUnique(pathTemplate, 0,
-                       [from](const char *path) { return RenameIntoNothing(Item::AtPath(from), Item::AtPath(path)); });
+                       [&](const char *path) { return RenameIntoNothing(Item::AtPath(from), id, Item::AtPath(path)); });
 }
 
 int MakeOwnFileAt(int directory, const char *name)

@@ -6,6 +6,8 @@
 
 #pragma once
 
+#include "Platform/ItemId.h"
+
 namespace platform {
 
 inline constexpr char kUniqueAlphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
@@ -26,7 +28,7 @@ int ChooseUniqueNameAt(int directory, char *nameTemplate, int suffixLength);
 int MakeOwnDirectoryAt(int directory, const char *name);
 int MakeOwnFileAt(int directory, const char *name);
 
-// Moves an item to such a name. 0, or -1 with errno.
-int RenameToUnique(const char *from, char *pathTemplate);
+// Moves the item `id` to such a name. 0, or -1 with errno.
+int RenameToUnique(const char *from, const ItemId &id, char *pathTemplate);
 
 } // namespace platform

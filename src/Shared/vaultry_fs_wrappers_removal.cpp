@@ -135,9 +135,9 @@ bool Removal::Unlink(const Item &item, int unlinkFlags)
 {
     if (unlinkat(item.directory, item.name, unlinkFlags) == 0 || errno == ENOENT) return HasGone();
     Failure(error_).Errno("Failed to remove \"%s\"", item.path);
-    // Where a server removes it, the answer can be lost on the way.
+    // Where a server removes it, the answer can be lost on the way. What can't be told counts as gone.
     TQFileStatus status;
-    if (platform::GetStatus(item, Links::NoFollow, &status) != 0 && errno == ENOENT) HasGone();
+    if (platform::GetStatus(item, Links::NoFollow, &status) != 0) HasGone();
     return false;
 }
 

@@ -133,12 +133,21 @@ bool FailedAfterMove(const MovedItem &moved, const char *source, const char *des
     return false;
 }
 
+// Some volumes lose the answer of a rename that they did. Nobody else puts anything in staging.
+bool CameAllTheSame(const char *source, const char *destination)
+{
+    const ErrnoKeeper keeper;
+    TQFileStatus status;
+    return platform::GetStatus(Item::AtPath(destination), Links::NoFollow, &status) == 0 &&
+           platform::GetStatus(Item::AtPath(source), Links::NoFollow, &status) != 0 && errno == ENOENT;
+}
+
 bool MoveAsGeneration(const char *source, const char *destination, bool makeReadable, bool archive, TQError **error)
 {
     MovedItem moved;
     if (!HoldsNoMount(source, error) || !moved.MakeMovable(source, error)) return false;
 
-    if (rename(source, destination) != 0) {
+    if (rename(source, destination) != 0 && !CameAllTheSame(source, destination)) {
         Failure(error).Errno("rename(\"%s\", \"%s\") failed", source, destination);
         // The usual restoring finds nothing and says so; the source gets back what it had all the same.
         if (!moved.RestoreMode(destination))

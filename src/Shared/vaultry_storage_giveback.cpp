@@ -155,13 +155,18 @@ bool _GiveDocumentBack(const Item &moved, const Item &home, const MovedDocument 
 {
     const ErrnoKeeper keeper;
     TQFileStatus status;
-    if (platform::GetStatus(moved, Links::NoFollow, &status) != 0 && errno == ENOENT) return true;
+    bool known = platform::GetStatus(moved, Links::NoFollow, &status) == 0;
+    if (!known && errno == ENOENT) return true;
+    // It may be home already, and only its second name was left by a kill: what it is now, somebody has made it.
+    const bool isHomeToo =
+        known && !S_ISDIR(status.mode) && platform::HoldsItem(home, ItemId::Of(status)) == platform::Held::Yes;
+    if (isHomeToo) return platform::RenameIntoNothing(moved, ItemId::Of(status), home) == 0;
     UndoArchivingOfTree(moved, document);
 
-    const bool known = platform::GetStatus(moved, Links::NoFollow, &status) == 0;
+    known = platform::GetStatus(moved, Links::NoFollow, &status) == 0;
     const UniqueFd pinned = known ? platform::PinItem(moved, status) : UniqueFd();
     if (pinned) (void)MakePinnedMovable(pinned.get(), status); // the rename tells whether it was enough
-    const bool isHome = platform::RenameIntoNothing(moved, home) == 0;
+    const bool isHome = platform::RenameIntoNothing(moved, known ? ItemId::Of(status) : ItemId(), home) == 0;
     if (!isHome)
         Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", home.path, moved.path);
     if (known) PutBackRights(isHome ? home : moved, status);

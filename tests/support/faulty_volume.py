@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-"""A volume with the weaknesses of distributed ones: faulty_volume.py BACKING MOUNTPOINT [quota=BYTES] [sizeless]
+"""A volume with the weaknesses of distributed ones: faulty_volume.py BACKING MOUNTPOINT [quota=BYTES] [sizeless] [lost=CALL,…]
 
 Shows BACKING. What is written reaches it when the writing descriptor is flushed or closed, and only that descriptor is
 told that there is no room; a flush of the whole volume reaches nobody. Access lists can be read and are not listed. If
-sizeless, every file says that it holds 0 bytes.
+sizeless, every file says that it holds 0 bytes. The calls that are lost are done, and answer that they failed.
 """
 import errno
 import os
@@ -71,7 +71,7 @@ class Volume(fuse.Fuse):
         return shown
 
     def readdir(self, path, _):
-        return [fuse.Direntry(name) for name in [".", ".."] + os.listdir(real(path))]
+        return [fuse.Direntry(name, ino=1) for name in [".", ".."] + os.listdir(real(path))]
 
     def getxattr(self, path, name, size):
         value = os.getxattr(real(path), name, follow_symlinks=False)
@@ -93,7 +93,10 @@ class Volume(fuse.Fuse):
 
 
 def pass_on(call):
-    return lambda _, *words: call(*[real(word) if isinstance(word, str) else word for word in words])
+    def done(_, *words):
+        call(*[real(word) if isinstance(word, str) else word for word in words])
+        return -errno.EIO if call.__name__ in OPTIONS.get("lost", "").split(",") else 0
+    return done
 
 
 for name in "chmod", "link", "mkdir", "rename", "rmdir", "truncate", "unlink":
@@ -101,5 +104,5 @@ for name in "chmod", "link", "mkdir", "rename", "rmdir", "truncate", "unlink":
 Volume.chown = pass_on(os.lchown)
 os.umask(0)
 volume = Volume(dash_s_do="setsingle")
-volume.parse([PLACE, "-s", "-o", "hard_remove"])
+volume.parse([PLACE, "-s", "-o", "hard_remove,use_ino,entry_timeout=0,attr_timeout=0"])
 volume.main()
