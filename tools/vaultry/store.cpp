@@ -8,7 +8,6 @@
 #include <vaultry/url.h>
 
 #include <cerrno>
-#include <ctime>
 
 CommandFailure NoStore(const std::string &path, PlaceKind kind)
 {
@@ -148,11 +147,4 @@ GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
     const TQValue *time = TQDictionaryGetValue(dictionary, MakeString(kTimeKey).get());
     if (TQGetTypeID(time) == TQDateGetTypeID()) info.time = TQDateGetSeconds(static_cast<const TQDate *>(time));
     return info;
-}
-
-double PresentTime()
-{
-    struct timespec now {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
