@@ -44,7 +44,8 @@ bool IsSidecarName(const char *name);
 TQDictionary *_CopyInfoDictionaryOf(const Item &item, TQError **error);
 TQString *_CopyDisplayNameOf(const Item &item, TQError **error);
 
-// TQSetGenerationOptions for a generation that its caller flushes.
+// _SetEAOnGeneration and TQSetGenerationOptions for a generation that its caller flushes.
+bool _WriteProtectedAttribute(const char *path, const char *name, const void *value, size_t size, TQError **error);
 bool _WriteGenerationOptions(const char *path, uint64_t options, TQError **error);
 
 // What the copy service's callback carries while adding.
