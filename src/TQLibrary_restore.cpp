@@ -11,9 +11,9 @@
 #include "vaultry_client_managed.h"
 #include "vaultry_client_managed_nesting.h"
 
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Mounts.h"
-#include "Platform/ScopeExit.h"
 #include "Runtime/Ref.h"
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_flush.h"

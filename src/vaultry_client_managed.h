@@ -12,8 +12,8 @@
 
 #pragma once
 
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/Item.h"
-#include "Platform/ScopeExit.h"
 #include "Shared/PathBuffer.h"
 
 #include <vaultry/storage.h>

@@ -7,11 +7,13 @@
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Rename.h"
+#include "Platform/ScopeExit.h"
 #include "Runtime/Ref.h"
 #include "Runtime/UTF8.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
 #include "Shared/vaultry_storage.h"
+#include "Shared/vaultry_storage_lift.h"
 
 #include <vaultry/filesystem.h>
 #include <vaultry/path.h>

@@ -8,7 +8,6 @@
 #include "Platform/FileStatus.h"
 #include "Platform/ProcPath.h"
 #include "Platform/Rename.h"
-#include "Platform/ScopeExit.h"
 #include "Platform/TreeWalk.h"
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_flush.h"

@@ -1,4 +1,4 @@
-// Removing generations, and listing their names.
+// Removing generations.
 //
 // A generation leaves the root by one rename into staging, so that the slow part, deleting its tree, can be
 // interrupted without leaving half of it under its name. Where the kernel refuses that rename, the tree is deleted as
@@ -8,6 +8,7 @@
 #include "vaultry_client_managed_staging.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/ScopeExit.h"
 #include "Platform/UniqueNames.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
@@ -18,21 +19,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
-#include <memory>
 #include <sys/stat.h>
 
 namespace {
 
 constexpr size_t kNameCapacity = 255;
-
-struct CloseDirectory {
-    void operator()(DIR *directory) const
-    {
-        const ErrnoKeeper keeper;
-        (void)closedir(directory);
-    }
-};
 
 bool GetName(TQValue *name, char *buffer, TQError **error)
 {
@@ -124,13 +115,6 @@ bool RemoveOne(const char *root, TQValue *nameValue, TQError **error)
     return false;
 }
 
-bool AppendName(TQArray *names, const char *entryName, TQError **error)
-{
-    const auto name = Ref<TQString>::Adopt(TQStringCreateWithFileSystemRepresentation(entryName));
-    if (name && TQArrayAppendValue(names, name.get())) return true;
-    return Failure(error).Status(kTQStatusFailed, "Failed to create string from file system name \"%s\"", entryName);
-}
-
 } // namespace
 
 bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store, const TQArray *names, TQError **error)
@@ -142,19 +126,4 @@ bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store
     for (size_t i = 0; i < count; ++i)
         if (!RemoveOne(store->rootPath, TQArrayGetValueAtIndex(names, i), error)) return false;
     return _FlushGenerationStore(store->rootPath, error);
-}
-
-TQArray *TQClientManagedStorageCopyGenerationNames(const TQClientManagedStorage *store, TQError **error)
-{
-    HeldLock lock;
-    if (!lock.ForReading(store, error)) return nullptr;
-
-    const auto names = Ref<TQArray>::Adopt(TQArrayCreateMutable());
-    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(store->rootPath));
-    if (!directory) return Failure(error).Errno("unable to opendir(%s)", store->rootPath);
-    // A read that fails ends the list like the end of the directory does.
-    while (const dirent *entry = readdir(directory.get()))
-        if (entry->d_name[0] != '.' && !AppendName(names.get(), entry->d_name, error)) return nullptr;
-    TQArray *copy = TQArrayCreateCopy(names.get());
-    return copy ? copy : Failure(error).Status(kTQStatusFailed, "malloc failed");
 }

@@ -1,6 +1,6 @@
 #include "Platform/ActingAs.h"
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 
 #include <cstdlib>
 #include <new>

@@ -1,6 +1,6 @@
 #include "Platform/Mounts.h"
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/UniqueFd.h"
 
 #include <array>

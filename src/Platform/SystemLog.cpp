@@ -1,6 +1,6 @@
 #include "Platform/SystemLog.h"
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/UniqueFd.h"
 
 #include <atomic>

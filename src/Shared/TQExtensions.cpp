@@ -7,7 +7,7 @@
 #include <vaultry/filesystem.h>
 #include <vaultry/status.h>
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
 

@@ -2,7 +2,7 @@
 
 #include "Shared/tq_log.h"
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/SystemLog.h"
 #include "Runtime/Ref.h"
 #include "Runtime/UTF8.h"

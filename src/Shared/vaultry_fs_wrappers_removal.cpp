@@ -9,8 +9,8 @@
 
 #include "Shared/vaultry_fs_wrappers.h"
 
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/FileStatus.h"
-#include "Platform/ScopeExit.h"
 #include "Platform/TreeWalk.h"
 #include "Platform/UniqueFd.h"
 #include "Shared/vaultry_internal_failure.h"

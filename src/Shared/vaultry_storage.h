@@ -121,7 +121,3 @@ struct MovedDocument {
 // back to where it came from. Nothing at `home` is replaced. True also if there is nothing at `moved`. False if it
 // can't be moved: the item then lies where it was, and a line at level 3 says where.
 bool _GiveDocumentBack(const Item &moved, const Item &home, const MovedDocument &document);
-
-// Gives an item that may stand immutable, or a directory without owner write, what a rename to another
-// parent needs.
-bool _MakeMovable(const char *path, const TQFileStatus &status);

@@ -7,13 +7,14 @@
 #include "Shared/vaultry_storage.h"
 
 #include "Platform/Attributes.h"
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/FileStatus.h"
 #include "Platform/ProcPath.h"
 #include "Platform/Rename.h"
-#include "Platform/ScopeExit.h"
 #include "Platform/TreeWalk.h"
 #include "Platform/UniqueNames.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_storage_lift.h"
 
 #include <cerrno>
 #include <climits>
@@ -134,22 +135,7 @@ void PutBackRights(const Item &item, const TQFileStatus &status)
         Failure(nullptr).Errno("Failed to put the flags of \"%s\" back", item.path);
 }
 
-bool MakePinnedMovable(int fd, const TQFileStatus &status)
-{
-    if (platform::SetFlagsOfPinned(fd, status, status.flags & ~kBlockingFlags) != 0) return false;
-    return !S_ISDIR(status.mode) || (status.mode & 0200) != 0 ||
-           platform::SetModeOfPinned(fd, (status.mode | 0200) & 07777) == 0;
-}
-
 } // namespace
-
-bool _MakeMovable(const char *path, const TQFileStatus &status)
-{
-    const bool isMovable = (status.flags & kBlockingFlags) == 0 && (!S_ISDIR(status.mode) || (status.mode & 0200) != 0);
-    if (isMovable) return true;
-    const UniqueFd pinned = platform::PinItem(Item::AtPath(path), status);
-    return pinned && MakePinnedMovable(pinned.get(), status);
-}
 
 bool _GiveDocumentBack(const Item &moved, const Item &home, const MovedDocument &document)
 {
@@ -160,7 +146,7 @@ bool _GiveDocumentBack(const Item &moved, const Item &home, const MovedDocument 
 
     const bool known = platform::GetStatus(moved, Links::NoFollow, &status) == 0;
     const UniqueFd pinned = known ? platform::PinItem(moved, status) : UniqueFd();
-    if (pinned) (void)MakePinnedMovable(pinned.get(), status); // the rename tells whether it was enough
+    if (pinned) (void)_MakePinnedMovable(pinned.get(), status); // the rename tells whether it was enough
     const bool isHome = platform::RenameIntoNothing(moved, home) == 0;
     if (!isHome)
         Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", home.path, moved.path);
