@@ -18,6 +18,7 @@
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_internal_names.h"
 
 #include <vaultry/filesystem.h>
 #include <vaultry/path.h>
@@ -45,7 +46,7 @@ struct Request {
 // The name of the generation, and the path that the document has afterwards: with the generation's extension in place of
 // its own, if both have one and they differ.
 struct RestoredName {
-    char generation[256] = "";
+    char generation[kGenerationNameLimit + 1] = "";
     char path[PathBuffer::kCapacity] = "";
 
     bool Form(const Request &request, const ReplacedDocument &document, TQError **error)
@@ -172,7 +173,7 @@ bool Replace(const Request &request, ReplacedDocument &document, const char *res
 // There is no document to be replaced.
 bool CopyToItsPath(const Request &request, const char *documentPath, TQError **error)
 {
-    char generation[256];
+    char generation[kGenerationNameLimit + 1];
     return TQStringGetGenName(request.name, generation, error) &&
            _CopyGeneration(request.store(), generation, documentPath, /*durable=*/true, error);
 }

@@ -28,6 +28,7 @@ struct TQClientManagedStorage {
 };
 
 inline constexpr char kStagingName[] = ".vaultry_staging";
+inline constexpr char kUniqueTemplate[] = "XXXXXXX"; // of an operation's directory in staging
 inline constexpr char kLockFileName[] = ".vaultry_lockfile";
 inline constexpr mode_t kStagingMode = 0700;
 inline constexpr mode_t kLockFileMode = 0400;

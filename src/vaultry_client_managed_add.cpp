@@ -12,6 +12,7 @@
 #include "Runtime/UTF8.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_internal_names.h"
 #include "Shared/vaultry_storage.h"
 #include "Shared/vaultry_storage_lift.h"
 
@@ -25,8 +26,6 @@
 #include <sys/stat.h>
 
 namespace {
-
-constexpr size_t kMaximumNameLength = 254; // bytes
 
 // What the owner file says of this add. A move records what its document's top item had, for whoever gives it back.
 OwnerNote MakeNote(const char *source, bool copy)
@@ -152,7 +151,7 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
     PathBuffer generation;
     if (!_GetPathToGeneration(root, name, /*mustExist=*/false, generation, error)) return false;
     // Such names could be added, and then never removed; one that no text holds would stop every listing, too.
-    if (strlen(name) > kMaximumNameLength)
+    if (strlen(name) > kGenerationNameLimit)
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name is too long");
     if (!UTF16LengthOfUTF8(name, strlen(name)))
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");

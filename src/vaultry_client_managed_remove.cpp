@@ -12,6 +12,7 @@
 #include "Platform/UniqueNames.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_internal_names.h"
 #include "Shared/vaultry_storage_lift.h"
 
 #include <vaultry/filesystem.h>
@@ -23,7 +24,7 @@
 
 namespace {
 
-constexpr size_t kNameCapacity = 255;
+constexpr size_t kNameCapacity = kGenerationNameLimit + 1;
 
 bool GetName(TQValue *name, char *buffer, TQError **error)
 {
@@ -88,7 +89,7 @@ bool RemoveWithoutRoom(const char *root, const char *generation, TQError **error
     if (!LiftForMove(lifted, generation, error) || !_UnprotectGenerationStore(root, error)) return false;
     const ScopeExit protect([root] { _ProtectGenerationStore(root); });
     PathBuffer staged;
-    if (S_ISDIR(lifted.before().mode) && staged.Format("%s/%s/XXXXXXX", root, kStagingName)) {
+    if (S_ISDIR(lifted.before().mode) && staged.Format("%s/%s/%s", root, kStagingName, kUniqueTemplate)) {
         if (platform::RenameToUnique(generation, staged.data()) == 0) {
             (void)_RemoveStagingPath(root, staged.c_str(), nullptr);
             return lifted.Gone(true);

@@ -1,6 +1,7 @@
 #include "Platform/FileStatus.h"
 
 #include "Platform/InodeFlags.h"
+#include "Platform/ItemId.h"
 #include "Platform/KernelCalls.h"
 #include "Platform/ProcPath.h"
 
@@ -173,7 +174,7 @@ UniqueFd PinItem(const Item &item, const TQFileStatus &expected)
     UniqueFd fd(openat(item.directory, item.name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     TQFileStatus found;
     if (!fd || GetStatusOfFd(fd.get(), &found) != 0) return UniqueFd();
-    if (found.device == expected.device && found.inode == expected.inode) return fd;
+    if (ItemId::Of(found) == ItemId::Of(expected)) return fd;
     errno = ESTALE;
     return UniqueFd();
 }

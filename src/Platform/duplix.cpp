@@ -2,6 +2,7 @@
 
 #include "Platform/FileStatus.h"
 #include "Platform/Flush.h"
+#include "Platform/ItemId.h"
 #include "Platform/QuietOpener.h"
 #include "Platform/TreeWalk.h"
 #include "Platform/duplix_data.h"
@@ -201,7 +202,7 @@ UniqueFd TreeCopy::OpenSource(const Entry &entry, TQFileStatus *status)
         return fd;
     }
     if (GetStatusOfFd(fd.get(), status) != 0) return UniqueFd();
-    if (status->device != entry.status.device || status->inode != entry.status.inode || !S_ISREG(status->mode)) {
+    if (ItemId::Of(*status) != ItemId::Of(entry.status) || !S_ISREG(status->mode)) {
         errno = ESTALE;
         return UniqueFd();
     }

@@ -6,6 +6,7 @@
 
 #pragma once
 
+#include "Platform/FileStatus.h"
 #include "Platform/Item.h"
 #include "Platform/ItemId.h"
 #include "Platform/Volume.h"
@@ -17,11 +18,15 @@
 
 #include <optional>
 
-// The attributes that the store keeps on items.
+// The attributes that the store keeps on items of generations; a copy gets none of them.
 inline constexpr char kSavedPermissionsAttribute[] = "com.corvane.vaultry.orig_perms_v1"; // every archived item
 inline constexpr char kInfoAttribute[] = "com.corvane.vaultry.info";                      // top items only
 inline constexpr char kDisplayNameAttribute[] = "com.corvane.vaultry.origdisplayname";
 inline constexpr char kOptionsAttribute[] = "com.corvane.vaultry.gen_options";
+inline constexpr const char *kStoreAttributes[] = {kSavedPermissionsAttribute, kInfoAttribute, kDisplayNameAttribute,
+                                                   kOptionsAttribute};
+// Earlier versions noted with it, on a staging directory, where the document in it belongs. Read, and no longer written.
+inline constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
 
 // The saved-permissions byte.
 enum : uint8_t {
@@ -32,10 +37,10 @@ enum : uint8_t {
     kSavedOtherWrite = 0x10,
 };
 inline constexpr mode_t kWriteBits = 0222;
-inline constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend; // neither chmod nor rename takes place
-inline constexpr uint8_t kSavedBits = 0x1f;                                  // all that there are
+inline constexpr uint8_t kSavedBits = 0x1f; // all that there are
 uint8_t SavedPermissionsOf(uint32_t mode, uint32_t flags);
 mode_t SavedWriteBits(uint8_t saved);
+uint32_t SavedFlags(uint8_t saved);
 
 // Files that hold attributes of the file beside them, where a volume has no room for those: named "._" and its name.
 bool IsSidecarName(const char *name);
@@ -106,6 +111,9 @@ struct HardLinkedFile {
     size_t parentPathLength; // of item.path
 };
 bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *now, TQError **error);
+
+// How long the name of the original is, if `name` can be that of the copy which takes its place; else 0.
+size_t LengthOfLinkedName(const char *name);
 
 // What a by-moving add knew of its document before it took it.
 struct MovedDocument {

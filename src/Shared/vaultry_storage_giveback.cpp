@@ -12,7 +12,6 @@
 #include "Platform/ProcPath.h"
 #include "Platform/Rename.h"
 #include "Platform/TreeWalk.h"
-#include "Platform/UniqueNames.h"
 #include "Shared/vaultry_internal_failure.h"
 #include "Shared/vaultry_storage_lift.h"
 
@@ -26,8 +25,6 @@
 namespace {
 
 using Kind = TreeWalk::Kind;
-
-constexpr size_t kUniqueLength = 6; // behind "_", in the name of a copy that replaces a hard link
 
 bool IsBefore(const struct timespec &a, const struct timespec &b)
 {
@@ -53,9 +50,7 @@ bool GetRightsOfBefore(const Item &item, const TreeWalk::Entry &entry, const Mov
         *rights = {static_cast<mode_t>((entry.status.mode & 07777U & ~kWriteBits) | (document.topMode & kWriteBits)),
                    others | (document.topFlags & kBlockingFlags)}; // no other bit was taken
     else
-        *rights = {(entry.status.mode & 07777U & ~kWriteBits) | SavedWriteBits(saved),
-                   others | ((saved & kSavedImmutable) ? uint32_t{kTQFlagImmutable} : 0) |
-                       ((saved & kSavedAppend) ? uint32_t{kTQFlagAppend} : 0)};
+        *rights = {(entry.status.mode & 07777U & ~kWriteBits) | SavedWriteBits(saved), others | SavedFlags(saved)};
     return isTop || (*isRecorded && !IsBefore(entry.status.changeTime, document.since));
 }
 
@@ -86,15 +81,13 @@ void UndoArchiving(const TreeWalk::Entry &entry, const MovedDocument &document)
 bool IsLinkCopy(const TreeWalk::Entry &entry, const MovedDocument &document)
 {
     const char *const name = entry.item.name;
-    const size_t length = strlen(name);
-    if (entry.kind != Kind::File || length <= kUniqueLength + 1 || name[length - kUniqueLength - 1] != '_')
-        return false;
-    if (strspn(name + length - kUniqueLength, platform::kUniqueAlphabet) != kUniqueLength) return false;
+    const size_t length = LengthOfLinkedName(name);
+    if (entry.kind != Kind::File || length == 0) return false;
     const bool isYoung = entry.status.hasBirthTime && !IsBefore(entry.status.birthTime, document.since);
     if (entry.status.linkCount != 1 || !isYoung || document.since.tv_sec == 0) return false;
 
     char original[NAME_MAX + 1];
-    (void)snprintf(original, sizeof original, "%.*s", static_cast<int>(length - kUniqueLength - 1), name);
+    (void)snprintf(original, sizeof original, "%.*s", static_cast<int>(length), name);
     TQFileStatus status;
     return platform::GetStatus({entry.item.directory, original, original}, Links::NoFollow, &status) == 0 &&
            S_ISREG(status.mode) && status.linkCount > 1;
