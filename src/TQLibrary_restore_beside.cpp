@@ -24,7 +24,8 @@
 
 namespace {
 
-constexpr size_t kLongestAddition = sizeof "-tmp.nosync.XXXXXX"; // to a document's path, its zero included
+// To a document's path, its zero included.
+constexpr size_t kLongestAddition = sizeof PlaceholderName::kMark - 1 + sizeof PlaceholderName::kUnique;
 
 bool IsSameTime(const struct timespec &a, const struct timespec &b)
 {
@@ -44,10 +45,7 @@ int ReplacedDocument::Look()
 
 bool ReplacedDocument::OpenFolder(TQError **error)
 {
-    char parent[PATH_MAX];
-    const auto length = name() - trimmed.c_str();
-    (void)snprintf(parent, sizeof parent, "%.*s", static_cast<int>(length), trimmed.c_str());
-    folder.Reset(open(length > 0 ? parent : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    folder.Reset(open(ParentPath(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     return folder || Failure(error).Errno("Failed to open the folder of \"%s\"", path);
 }
 
