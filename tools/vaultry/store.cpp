@@ -25,36 +25,23 @@ Store::Store(const std::string &path) : path_(path), handle_(nullptr, TQClientMa
     if (!handle_) throw CommandFailure::Library("can't open the store " + Quoted(path), error.get());
 }
 
-Store Store::OpenOrMake(const std::string &path)
+// What is there, unless nothing can be made of it.
+static PlaceKind _RequirePlace(const std::string &path)
 {
     const PlaceKind kind = LookAtPlace(path);
-    switch (kind) {
-    case PlaceKind::Damaged:
-    case PlaceKind::Other:
-        throw NoStore(path, kind);
-    case PlaceKind::Missing:
-        MakePlace(path);
-        break;
-    case PlaceKind::Free:
-    case PlaceKind::Store:
-        break;
-    }
+    if (kind == PlaceKind::Damaged || kind == PlaceKind::Other) throw NoStore(path, kind);
+    return kind;
+}
+
+Store Store::OpenOrMake(const std::string &path)
+{
+    if (_RequirePlace(path) == PlaceKind::Missing) MakePlace(path);
     return Store(path);
 }
 
 std::optional<Store> Store::OpenExisting(const std::string &path)
 {
-    const PlaceKind kind = LookAtPlace(path);
-    switch (kind) {
-    case PlaceKind::Damaged:
-    case PlaceKind::Other:
-        throw NoStore(path, kind);
-    case PlaceKind::Missing:
-    case PlaceKind::Free:
-        return std::nullopt;
-    case PlaceKind::Store:
-        break;
-    }
+    if (_RequirePlace(path) != PlaceKind::Store) return std::nullopt;
     return Store(path);
 }
 
