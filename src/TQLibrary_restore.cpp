@@ -1,8 +1,10 @@
 // Restoring a document in place from a generation.
 //
-// Always, where the volume can exchange two names: the document's path holds the whole document or the whole copy, never
-// nothing, never half, never more open than the document was. The old document is removed last, when the copy has its
-// rights and is on disk. The caller's error is that of the first failure; the way back only logs.
+// Where the volume can exchange two names, the document's path holds the whole document or the whole copy, never
+// nothing, never half, never more open than the document was. Where it can't, the path is empty between two renames. If
+// the extension changes, the copy has a path of its own, and gets it before the document leaves its own. The old
+// document is removed last, when the copy has its rights and is on disk. The caller's error is that of the first
+// failure; the way back only logs.
 
 #include "TQLibrary.h"
 
@@ -43,8 +45,8 @@ struct Request {
     const TQClientManagedStorage *store() const { return _StorageOf(library); }
 };
 
-// The name of the generation, and the path that the document has afterwards: with the generation's extension in place of
-// its own, if both have one and they differ.
+// The name of the generation, and the path that the document has afterwards: with the generation's extension in place
+// of its own, if both have one and they differ.
 struct RestoredName {
     char generation[kGenerationNameLimit + 1] = "";
     char path[PathBuffer::kCapacity] = "";

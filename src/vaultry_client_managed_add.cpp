@@ -63,8 +63,8 @@ struct Placing {
     bool copied;
 };
 
-// An installed item that must go again. It goes back to staging, from where a copy is removed and a document given back:
-// in the root it would be listed while half of it is gone.
+// An installed item that must go again. It goes back to staging, from where a copy is removed and a document given
+// back: in the root it would be listed while half of it is gone.
 void TakeBack(const Placing &placing, const TQFileStatus &status)
 {
     const ErrnoKeeper keeper;

@@ -1,4 +1,5 @@
-// What is known of a generation, read and changed under the store's lock: options word, info dictionary and display name.
+// What is known of a generation, read and changed under the store's lock: options word, info dictionary and display
+// name.
 
 #include "vaultry_client_managed_locked.h"
 

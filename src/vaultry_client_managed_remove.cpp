@@ -80,9 +80,9 @@ bool RemoveByStaging(const char *root, const char *generation, TQError **error)
            lifted.Gone(MoveToStaging(root, generation, staging.staged(), error));
 }
 
-// For a disk without room for one more directory, on which a removal is what its owner needs most. A file goes at once. A
-// tree still leaves the root by one rename; where even a name takes room it is deleted as it stands, and only
-// there a kill leaves part of it, to be removed again.
+// For a disk without room for one more directory, on which a removal is what its owner needs most. A file goes at once.
+// A tree still leaves the root by one rename; where even a name takes room it is deleted as it stands, and only there a
+// kill leaves part of it, to be removed again.
 bool RemoveWithoutRoom(const char *root, const char *generation, TQError **error)
 {
     LiftedGeneration lifted(generation);

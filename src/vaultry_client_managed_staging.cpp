@@ -33,8 +33,8 @@ bool _GetPathToGeneration(const char *rootPath, const char *name, bool mustExist
     return true;
 }
 
-// A link that somebody planted there would lead the work, and the removal at its end, out of the store. False with errno;
-// where nothing is, or no directory, the work itself fails.
+// A link that somebody planted there would lead the work, and the removal at its end, out of the store. False with
+// errno; where nothing is, or no directory, the work itself fails.
 static bool _StagingLeadsNowhereElse(const char *rootPath)
 {
     PathBuffer staging;

@@ -12,8 +12,8 @@ constexpr size_t LengthOfCharacter(unsigned char lead)
     return lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
 }
 
-// How many of `length` bytes are left without a character that they cut short at their end. What is no UTF-8 stays as it
-// is.
+// How many of `length` bytes are left without a character that they cut short at their end. What is no UTF-8 stays as
+// it is.
 constexpr size_t LengthOfWholeCharacters(const char *bytes, size_t length)
 {
     constexpr size_t kLongest = 4;

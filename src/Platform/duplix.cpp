@@ -225,8 +225,8 @@ static Copied _CopyOpenFile(int from, const TQFileStatus &source, int to, TQFile
     return CopyMetadata({from, source, to, made, mayHaveInherited}, attributes, reports);
 }
 
-// Mostly the mode that a file gets in the end, which then takes no call of its own. Nobody else gets at a file before the
-// root of the copy has its own mode; a root that is a file has only itself to keep others out.
+// Mostly the mode that a file gets in the end, which then takes no call of its own. Nobody else gets at a file before
+// the root of the copy has its own mode; a root that is a file has only itself to keep others out.
 mode_t TreeCopy::FirstMode(const TQFileStatus &source) const
 {
     constexpr mode_t kOwners = S_IRUSR | S_IWUSR;

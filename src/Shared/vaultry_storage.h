@@ -1,8 +1,9 @@
 // The generation archive, seen from inside.
 //
 // An archived item carries one byte that records what write protection took from it, and has no write bit left.
-// Always: the byte is written before the rights go, and gone before nobody needs it any more, so that at any
-// moment an item that lacks rights says which ones it had.
+// The byte is written before the write bits go, and goes only when they are back, so that at any moment an item that
+// lacks them says which ones it had. The flags that bar a change have to go before the byte is written: of a moved
+// document's top item the owner file tells them until then, of what is below it nobody does.
 
 #pragma once
 
@@ -25,7 +26,8 @@ inline constexpr char kDisplayNameAttribute[] = "com.corvane.vaultry.origdisplay
 inline constexpr char kOptionsAttribute[] = "com.corvane.vaultry.gen_options";
 inline constexpr const char *kStoreAttributes[] = {kSavedPermissionsAttribute, kInfoAttribute, kDisplayNameAttribute,
                                                    kOptionsAttribute};
-// Earlier versions noted with it, on a staging directory, where the document in it belongs. Read, and no longer written.
+// Earlier versions noted with it, on a staging directory, where the document in it belongs. Read, and no longer
+// written.
 inline constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
 
 // The saved-permissions byte.
@@ -45,7 +47,8 @@ uint32_t SavedFlags(uint8_t saved);
 // Files that hold attributes of the file beside them, where a volume has no room for those: named "._" and its name.
 bool IsSidecarName(const char *name);
 
-// TQCopyMutableInfoDictionary and TQCopyOriginalDisplayName of an item that its caller holds. Links are followed, as there.
+// TQCopyMutableInfoDictionary and TQCopyOriginalDisplayName of an item that its caller holds. Links are followed, as
+// there.
 TQDictionary *_CopyInfoDictionaryOf(const Item &item, TQError **error);
 TQString *_CopyDisplayNameOf(const Item &item, TQError **error);
 

@@ -233,7 +233,8 @@ bool _ArchiveItemAt(const ArchivedItem &archived, const TQFileStatus &now, TQErr
     const Item &item = archived.item;
     if (NeedsLifting(archived.before) && !LiftPinned(archived, now, error)) return false;
 
-    // To open a device is to use it: some answer by rewinding a tape or by resetting the machine. None takes an attribute.
+    // To open a device is to use it: some answer by rewinding a tape or by resetting the machine. None takes an
+    // attribute.
     if (S_ISCHR(now.mode) || S_ISBLK(now.mode)) {
         errno = EPERM;
         return Failure(error).Errno("failed to save original permissions for \"%s\"", item.path);

@@ -52,7 +52,8 @@ bool Unarchive(const DuplixFinished &item, const char *path, TQError **error)
     if (!ReadRestoredRights(item, &rights))
         return Failure(error).Errno("Failed to retrieve original perms from xattr on item \"%s\"", path);
 
-    // An immutable item refuses chmod, and a directory without owner write could not even be removed if this goes wrong.
+    // An immutable item refuses chmod, and a directory without owner write could not even be removed if this goes
+    // wrong.
     uint32_t flags = item.status.flags;
     if ((flags & kTQFlagImmutable) != 0) {
         flags &= ~uint32_t{kTQFlagImmutable};

@@ -1,6 +1,6 @@
 // Whole stores made by somebody else: any kind of item at any place of a store, with any mode and any attributes; and
-// queries by anybody. Every operation answers, leaks no descriptor, and touches nothing outside the store but what a note
-// says belongs there.
+// queries by anybody. Every operation answers, leaks no descriptor, and touches nothing outside the store but what a
+// note says belongs there.
 
 #include "Shared/vaultry_storage.h"
 #include "fuzz/Fuzz.h"

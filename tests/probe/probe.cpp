@@ -120,8 +120,8 @@ bool Walk(const Words &w, TQError **)
     return true;
 }
 
-// What the copy service tells its client, a line each; at the line that is the third word the fourth is done: "skip" and
-// "quit" are answers, anything else is a command of the shell.
+// What the copy service tells its client, a line each; at the line that is the third word the fourth is done: "skip"
+// and "quit" are answers, anything else is a command of the shell.
 bool Copy(const Words &w, TQError **)
 {
     const auto hear = [](int what, int stage, DuplixState *, const char *source, const char *, void *context) {
