@@ -25,7 +25,7 @@ Store::Store(const std::string &path) : path_(path), handle_(nullptr, TQClientMa
     if (!handle_) throw CommandFailure::Library("can't open the store " + Quoted(path), error.get());
 }
 
-// What is there, unless nothing can be made of it.
+// What is there; throws for what is neither a store nor can become one.
 static PlaceKind _RequirePlace(const std::string &path)
 {
     const PlaceKind kind = LookAtPlace(path);
