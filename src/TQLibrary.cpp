@@ -121,8 +121,7 @@ int TQLibraryInternalStatGeneration(const char *path, TQFileStatus *status)
     const uint32_t flags = status->flags & ~uint32_t{kTQFlagImmutable | kTQFlagCompressed};
     if (length == 1) {
         status->mode |= SavedWriteBits(saved);
-        status->flags = flags | ((saved & kSavedImmutable) ? uint32_t{kTQFlagImmutable} : 0) |
-                        ((saved & kSavedAppend) ? uint32_t{kTQFlagAppend} : 0);
+        status->flags = flags | SavedFlags(saved);
     } else if (errno == ENODATA) {
         status->mode |= 0200;
         status->flags = flags;

@@ -5,6 +5,7 @@
 
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_internal_names.h"
 
 #include <vaultry/path.h>
 
@@ -18,7 +19,7 @@ public:
     const char *c_str() const { return text_; }
 
 private:
-    char text_[256];
+    char text_[kGenerationNameLimit + 1];
     bool valid_;
 };
 

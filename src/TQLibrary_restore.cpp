@@ -1,8 +1,10 @@
 // Restoring a document in place from a generation.
 //
-// Always, where the volume can exchange two names: the document's path holds the whole document or the whole copy, never
-// nothing, never half, never more open than the document was. The old document is removed last, when the copy has its
-// rights and is on disk. The caller's error is that of the first failure; the way back only logs.
+// Where the volume can exchange two names, the document's path holds the whole document or the whole copy, never
+// nothing, never half, never more open than the document was. Where it can't, the path is empty between two renames. If
+// the extension changes, the copy has a path of its own, and gets it before the document leaves its own. The old
+// document is removed last, when the copy has its rights and is on disk. The caller's error is that of the first
+// failure; the way back only logs.
 
 #include "TQLibrary.h"
 
@@ -11,13 +13,14 @@
 #include "vaultry_client_managed.h"
 #include "vaultry_client_managed_nesting.h"
 
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Mounts.h"
-#include "Platform/ScopeExit.h"
 #include "Runtime/Ref.h"
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_internal_names.h"
 
 #include <vaultry/filesystem.h>
 #include <vaultry/path.h>
@@ -42,10 +45,10 @@ struct Request {
     const TQClientManagedStorage *store() const { return _StorageOf(library); }
 };
 
-// The name of the generation, and the path that the document has afterwards: with the generation's extension in place of
-// its own, if both have one and they differ.
+// The name of the generation, and the path that the document has afterwards: with the generation's extension in place
+// of its own, if both have one and they differ.
 struct RestoredName {
-    char generation[256] = "";
+    char generation[kGenerationNameLimit + 1] = "";
     char path[PathBuffer::kCapacity] = "";
 
     bool Form(const Request &request, const ReplacedDocument &document, TQError **error)
@@ -173,7 +176,7 @@ bool Replace(const Request &request, ReplacedDocument &document, const char *res
 // There is no document to be replaced.
 bool CopyToItsPath(const Request &request, const char *documentPath, TQError **error)
 {
-    char generation[256];
+    char generation[kGenerationNameLimit + 1];
     return TQStringGetGenName(request.name, generation, error) &&
            _CopyGeneration(request.store(), generation, documentPath, /*durable=*/true, error);
 }

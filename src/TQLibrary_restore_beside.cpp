@@ -9,6 +9,7 @@
 #include "Platform/InodeFlags.h"
 #include "Platform/ProcPath.h"
 #include "Platform/Rename.h"
+#include "Platform/Times.h"
 #include "Platform/UniqueNames.h"
 #include "Platform/Volume.h"
 #include "Platform/duplix.h"
@@ -27,12 +28,8 @@ using platform::Held;
 
 namespace {
 
-constexpr size_t kLongestAddition = sizeof "-tmp.nosync.XXXXXX"; // to a document's path, its zero included
-
-bool IsSameTime(const struct timespec &a, const struct timespec &b)
-{
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
+// To a document's path, its zero included.
+constexpr size_t kLongestAddition = sizeof PlaceholderName::kMark - 1 + sizeof PlaceholderName::kUnique;
 
 } // namespace
 
@@ -47,10 +44,7 @@ int ReplacedDocument::Look()
 
 bool ReplacedDocument::OpenFolder(TQError **error)
 {
-    char parent[PATH_MAX];
-    const auto length = name() - trimmed.c_str();
-    (void)snprintf(parent, sizeof parent, "%.*s", static_cast<int>(length), trimmed.c_str());
-    folder.Reset(open(length > 0 ? parent : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    folder.Reset(open(ParentPath(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     return folder || Failure(error).Errno("Failed to open the folder of \"%s\"", path);
 }
 
@@ -86,8 +80,9 @@ int ReplacedDocument::IsUnchangedAt(const char *nameInFolder, bool *isUnchanged)
     TQFileStatus status;
     if (platform::GetStatus(At(nameInFolder), Links::NoFollow, &status) != 0) return -1;
     const bool isSame = ItemId::Of(status) == ItemId::Of(itself);
-    *isUnchanged = isSame && (!S_ISREG(itself.mode) || (status.size == itself.size &&
-                                                        IsSameTime(status.modificationTime, itself.modificationTime)));
+    *isUnchanged =
+        isSame && (!S_ISREG(itself.mode) || (status.size == itself.size &&
+                                             platform::IsSameTime(status.modificationTime, itself.modificationTime)));
     return 0;
 }
 

@@ -1,19 +1,22 @@
 // One store, seen from inside.
 //
-//     <root>/<name>                               one generation: a file or a tree, without write bits
+//     <root>/<name>                               one generation: a file or a tree, without write bits; for the span of
+//                                                 a change its top item has its owner's
 //     <root>/.vaultry_staging/<7 random>/staged   what one operation is building or removing
 //     <root>/.vaultry_staging/<7 random>/.vaultry_owner   whose it is; see vaultry_client_managed_owner.h
-//     <root>/.vaultry_lockfile                    empty, 0400; locked with flock
+//     <root>/.vaultry_lockfile                    empty, but for later versions; 0400; locked with flock
 //
-// Always, between operations: the root has no write bit, and staging holds nothing but copies that a caller has asked
-// for, documents that could not go home, and what killed operations left. A name in the root that begins with "." is
-// the store's own. The root is writable only for its owner, and only while its exclusive lock is held, or while the
-// store's own files are made.
+// Between operations the root has no write bit, and staging holds nothing but copies that a caller has asked for and
+// documents that could not go home. What a killed operation had lifted stays lifted, and what it had staged stays
+// there, until a repair; a root that can't be protected again is only logged. A name in the root that begins with "."
+// is no generation. The root is writable only for its owner, and only while its exclusive lock is held. Two exceptions:
+// the store's own files are made without the lock, since there is none before; and destroying a store takes none, and
+// lets its group write, too, to what it removes.
 
 #pragma once
 
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/Item.h"
-#include "Platform/ScopeExit.h"
 #include "Shared/PathBuffer.h"
 
 #include <vaultry/storage.h>
@@ -28,6 +31,7 @@ struct TQClientManagedStorage {
 };
 
 inline constexpr char kStagingName[] = ".vaultry_staging";
+inline constexpr char kUniqueTemplate[] = "XXXXXXX"; // of an operation's directory in staging
 inline constexpr char kLockFileName[] = ".vaultry_lockfile";
 inline constexpr mode_t kStagingMode = 0700;
 inline constexpr mode_t kLockFileMode = 0400;
@@ -40,7 +44,7 @@ bool _RequireKnownFormat(const char *rootPath, const Item &lockFile, TQError **e
 // The store lock: many readers or one writer, across threads and processes.
 //
 // flock belongs to the open file, not to the process. Each operation therefore opens its own descriptor, and two
-// threads exclude each other just as two processes do. Always: fd is -1 exactly when nothing is held.
+// threads exclude each other just as two processes do. fd is -1 when nothing is held, and nothing waited for.
 //
 // A killed process gives the lock back, unless it had forked meanwhile: then its child, which shares the open file,
 // keeps it until the child ends or runs another program. The lock is ended by a call of its own, so that a child of a
@@ -56,8 +60,8 @@ bool _TQLockGenerationInternal(const char *lockFilePath, StoreLock *lock, int op
 bool _LockItem(const Item &lockFile, StoreLock *lock, int operation, TQError **error);
 void _UnlockGenerationStore(StoreLock *lock);
 
-// While it lives, a cancelled progress ends no wait of this thread: the cancel that led to an undoing must not end that,
-// too.
+// While it lives, a cancelled progress ends no wait of this thread: the cancel that led to an undoing must not end
+// that, too.
 class UndoingScope {
 public:
     UndoingScope();
@@ -95,7 +99,7 @@ private:
 
 // --- protection of the root directory
 
-// Gives the owner write permission. The exclusive lock is held.
+// Gives the owner write permission. The exclusive lock is held, if there is one yet.
 bool _UnprotectGenerationStore(const char *rootPath, TQError **error);
 bool _UnprotectStoreRoot(const Item &root, TQError **error);
 

@@ -8,11 +8,14 @@
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Rename.h"
+#include "Platform/ScopeExit.h"
 #include "Runtime/Ref.h"
 #include "Runtime/UTF8.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_internal_names.h"
 #include "Shared/vaultry_storage.h"
+#include "Shared/vaultry_storage_lift.h"
 
 #include <vaultry/filesystem.h>
 #include <vaultry/path.h>
@@ -25,8 +28,6 @@
 #include <sys/stat.h>
 
 namespace {
-
-constexpr size_t kMaximumNameLength = 254; // bytes
 
 // What the owner file says of this add. A move records, for whoever gives its document back, the folder that this is in
 // and what its top item had.
@@ -67,8 +68,8 @@ struct Placing {
     bool copied;
 };
 
-// An installed item that must go again. It goes back to staging, from where a copy is removed and a document given back:
-// in the root it would be listed while half of it is gone.
+// An installed item that must go again. It goes back to staging, from where a copy is removed and a document given
+// back: in the root it would be listed while half of it is gone.
 void TakeBack(const Placing &placing, const TQFileStatus &status)
 {
     const ErrnoKeeper keeper;
@@ -155,7 +156,7 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
     PathBuffer generation;
     if (!_GetPathToGeneration(root, name, /*mustExist=*/false, generation, error)) return false;
     // Such names could be added, and then never removed; one that no text holds would stop every listing, too.
-    if (strlen(name) > kMaximumNameLength)
+    if (strlen(name) > kGenerationNameLimit)
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name is too long");
     if (!UTF16LengthOfUTF8(name, strlen(name)))
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");

@@ -5,6 +5,7 @@
 #include "vaultry_client_managed.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/ScopeExit.h"
 #include "Shared/vaultry_internal_failure.h"
 #include "Shared/vaultry_storage.h"
 

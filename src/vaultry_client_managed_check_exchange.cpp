@@ -7,6 +7,7 @@
 #include "Platform/ActingAs.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Rename.h"
+#include "Platform/Times.h"
 #include "Platform/TreeWalk.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_fs_wrappers.h"
@@ -24,11 +25,6 @@ enum class Holds { Nothing, Document, EditedDocument, Copy, Empty, Other, Unknow
 constexpr char kCopyBeside[] =
     "A restore was interrupted: this is what it was about to put in the document's place. The "
     "document is where it was.";
-
-bool IsBefore(const struct timespec &a, const struct timespec &b)
-{
-    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
-}
 
 bool IsDocument(Holds held)
 {
@@ -187,7 +183,7 @@ bool LeftExchange::IsCopyUntouched(const Item &item, const TQFileStatus &status)
     TreeWalk walk;
     if (!walk.Open(item)) return false;
     while (const TreeWalk::Entry *entry = walk.Next())
-        if (!entry->hasStatus || !IsBefore(entry->status.modificationTime, written_)) return false;
+        if (!entry->hasStatus || !platform::IsBefore(entry->status.modificationTime, written_)) return false;
     return true;
 }
 

@@ -8,7 +8,6 @@
 #include "Platform/FileStatus.h"
 #include "Platform/ProcPath.h"
 #include "Platform/Rename.h"
-#include "Platform/ScopeExit.h"
 #include "Platform/TreeWalk.h"
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_flush.h"
@@ -30,7 +29,6 @@ namespace {
 
 using Kind = TreeWalk::Kind;
 
-constexpr unsigned kSavedAll = kSavedImmutable | kSavedAppend | kSavedOwnerWrite | kSavedGroupWrite | kSavedOtherWrite;
 constexpr char kDocumentKey[] = "vaultry.document"; // absolute path, as data
 
 // An item with one of these flags refuses chmod even to its owner: they go for the moment.
@@ -58,7 +56,7 @@ void CheckProtection(const TreeWalk::Entry &entry, Findings &findings)
     else if (length < 0 && errno == ENODATA)
         findings.Add(path, "not-archived",
                      "The item lacks the record of its permissions; the library did not make it.");
-    else if (length != 1 || (saved & ~kSavedAll) != 0)
+    else if (length != 1 || (saved & ~kSavedBits) != 0)
         findings.Add(path, "permissions-malformed",
                      "The record of the item's permissions is damaged; the generation can't be copied out.");
     else if ((entry.status.mode & kWriteBits) != 0)

@@ -27,9 +27,6 @@
 
 namespace {
 
-constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from"; // the note of earlier versions
-constexpr size_t kUniqueLength = 7;
-constexpr size_t kLinkUnique = 6;
 constexpr int64_t kLitterAge = 3600; // seconds
 
 // What all of staging has in common.
@@ -49,9 +46,10 @@ struct Unique {
     FoundOwner owner{};
 };
 
-bool HoldsOnly(const char *name, size_t length, const char *alphabet)
+bool IsUnique(const char *name)
 {
-    return strlen(name) == length && strspn(name, alphabet) == length;
+    constexpr size_t length = sizeof kUniqueTemplate - 1;
+    return strlen(name) == length && strspn(name, platform::kUniqueAlphabet) == length;
 }
 
 // The owner file, the item in the making, and a copy that was to take the place of a hard link.
@@ -60,8 +58,7 @@ bool IsOurs(const char *name)
     constexpr size_t length = sizeof kStagedName - 1;
     if (strcmp(name, kOwnerFileName) == 0) return true;
     if (strncmp(name, kStagedName, length) != 0) return false;
-    return name[length] == '\0' ||
-           (name[length] == '_' && HoldsOnly(name + length + 1, kLinkUnique, platform::kUniqueAlphabet));
+    return name[length] == '\0' || LengthOfLinkedName(name) == length;
 }
 
 enum class Contents { Ours, Foreign, Unknown };
@@ -81,7 +78,8 @@ int64_t VolumeTime(const Area &area)
     const ErrnoKeeper keeper;
     UniqueFd file(openat(area.directory, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
     if (!file && area.mayMakeFiles) {
-        char name[] = "XXXXXXX";
+        char name[sizeof kUniqueTemplate];
+        (void)strcpy(name, kUniqueTemplate);
         file.Reset(platform::MakeUniqueFileAt(area.directory, name, 0));
         if (file) (void)unlinkat(area.directory, name, 0);
     }
@@ -291,8 +289,7 @@ void CheckEntry(int directory, const char *name, const char *path, const Area &a
         if (errno != ENOENT) findings.AddUnreadable(path); // else it was somebody's, who is done
         return;
     }
-    if (!S_ISDIR(status.mode) || !HoldsOnly(name, kUniqueLength, platform::kUniqueAlphabet))
-        return findings.AddForeign(path);
+    if (!S_ISDIR(status.mode) || !IsUnique(name)) return findings.AddForeign(path);
     const UniqueFd fd(openat(directory, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     TQFileStatus opened;
     PathBuffer staged;

@@ -5,12 +5,10 @@
 #include "Platform/FileStatus.h"
 #include "Platform/ItemId.h"
 #include "Platform/UniqueFd.h"
+#include "Shared/PathBuffer.h"
 #include "Shared/vaultry_internal_failure.h"
 
 #include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -68,13 +66,7 @@ Answer IsStoreAmong(UniqueFd directory)
 bool _RequireOutsideStores(const char *path, TQError **error)
 {
     const ErrnoKeeper keeper;
-    const TrimmedPath trimmed(path);
-    const char *const slash = strrchr(trimmed.c_str(), '/');
-    char folder[PATH_MAX] = ".";
-    if (slash)
-        (void)snprintf(folder, sizeof folder, "%.*s",
-                       static_cast<int>(slash == trimmed.c_str() ? 1 : slash - trimmed.c_str()), trimmed.c_str());
-    UniqueFd directory(open(folder, kPointing));
+    UniqueFd directory(open(ParentPath(path).c_str(), kPointing));
     if (!directory && (errno == ENOENT || errno == ENOTDIR)) return true;
     return OutsideOr(IsStoreAmong(std::move(directory)), path, error);
 }

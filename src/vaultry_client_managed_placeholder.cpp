@@ -1,5 +1,7 @@
 #include "vaultry_client_managed_placeholder.h"
 
+#include "Platform/WholeCharacters.h"
+
 #include <vaultry/path.h>
 
 #include <algorithm>
@@ -8,16 +10,12 @@
 
 namespace {
 
-constexpr char kMark[] = "-tmp.nosync.";
-constexpr char kUnique[] = "XXXXXX";
-constexpr size_t kRoom = NAME_MAX - (sizeof kMark - 1) - (sizeof kUnique - 1);
+constexpr size_t kRoom = NAME_MAX - (sizeof PlaceholderName::kMark - 1) - (sizeof PlaceholderName::kUnique - 1);
 
 // As much of `text` as has room, in whole characters.
 size_t Fitting(const char *text, size_t length, size_t room)
 {
-    if (length <= room) return length;
-    while (room > 0 && (static_cast<unsigned char>(text[room]) & 0xC0) == 0x80) --room;
-    return room;
+    return length <= room ? length : LengthOfWholeCharacters(text, room);
 }
 
 } // namespace

@@ -12,6 +12,8 @@
 #include <cstddef>
 
 struct PlaceholderName {
+    static constexpr char kMark[] = "-tmp.nosync.", kUnique[] = "XXXXXX";
+
     char text[NAME_MAX + 1]; // with an X for each of the six characters
     size_t stemLength;
     size_t extensionLength;

@@ -6,6 +6,7 @@
 #include "vaultry_client_managed_query.h"
 
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_names.h"
 
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
@@ -15,8 +16,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <dirent.h>
-#include <memory>
 
 namespace {
 
@@ -24,14 +23,6 @@ constexpr int64_t kDefaultWithOptions = 31; // leaves out generations whose opti
 constexpr uint64_t kSecondGroupBit = 0x4;
 constexpr char kFirstGroup[] = "com.corvane.draftline";
 constexpr char kSecondGroup[] = "com.corvane.nimbusync";
-
-struct CloseDirectory {
-    void operator()(DIR *directory) const
-    {
-        const ErrnoKeeper keeper;
-        (void)closedir(directory);
-    }
-};
 
 // A query without memory gives nothing: a fact that is left out would pass for one that is not there.
 bool Allocated(bool done, TQError **error)
@@ -247,16 +238,13 @@ TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQClientManage
 
     HeldLock lock;
     if (!lock.ForReading(store, error)) return nullptr;
-    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(store->rootPath));
-    if (!directory) return Failure(error).AtDebug().Errno("unable to opendir(%s)", store->rootPath);
+    const GenerationNames names(store->rootPath);
+    if (!names) return Failure(error).AtDebug().Errno("unable to opendir(%s)", store->rootPath);
 
     const auto first = Ref<TQArray>::Adopt(TQArrayCreateMutable());
     const auto second = Ref<TQArray>::Adopt(TQArrayCreateMutable());
-    // A read that fails ends the query like the end of the directory does.
-    while (const dirent *entry = readdir(directory.get())) {
-        if (entry->d_name[0] == '.') continue;
-        if (!AddToGroup(query, store->rootPath, entry->d_name, first.get(), second.get(), error)) return nullptr;
-    }
+    while (const char *name = names.Next())
+        if (!AddToGroup(query, store->rootPath, name, first.get(), second.get(), error)) return nullptr;
 
     auto result = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutable());
     if (!Allocated(static_cast<bool>(result), error)) return nullptr;

@@ -1,11 +1,11 @@
-// Reading generations: where one lies, its metadata, and copies of it.
+// Reading generations: where one lies, and copies of it.
 
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_locked.h"
 #include "vaultry_client_managed_nesting.h"
 #include "vaultry_client_managed_staging.h"
 
 #include "Platform/FileStatus.h"
-#include "Runtime/Ref.h"
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_fs_wrappers.h"
@@ -13,36 +13,12 @@
 #include "Shared/vaultry_storage.h"
 
 #include <vaultry/filesystem.h>
-#include <vaultry/metadata.h>
 
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
 
 namespace {
-
-// A generation that exists, and the lock that keeps it so while it is looked at or changed.
-class LockedGeneration {
-public:
-    bool ForReading(const TQClientManagedStorage *store, const char *name, TQError **error)
-    {
-        return lock_.ForReading(store, error) && Resolve(store, name, error);
-    }
-    bool ForWriting(const TQClientManagedStorage *store, const char *name, TQError **error)
-    {
-        return lock_.ForWriting(store, error) && Resolve(store, name, error);
-    }
-    const char *path() const { return path_.c_str(); }
-
-private:
-    bool Resolve(const TQClientManagedStorage *store, const char *name, TQError **error)
-    {
-        return _GetPathToGeneration(store->rootPath, name, /*mustExist=*/true, path_, error);
-    }
-
-    HeldLock lock_;
-    PathBuffer path_;
-};
 
 bool ApplyFinalRights(const char *destination, uint16_t mode, uint32_t flags, TQError **error)
 {
@@ -71,74 +47,6 @@ TQURL *TQClientManagedStorageCopyURLForGeneration(const TQClientManagedStorage *
     if (!generation.ForReading(store, name, error)) return nullptr;
     TQURL *url = TQURLCreateWithFileSystemPath(generation.path(), /*isDirectory=*/false);
     return url ? url : Failure(error).Status(kTQStatusFailed, "malloc failed");
-}
-
-uint64_t TQClientManagedStorageGetGenerationOptions(const TQClientManagedStorage *store, const char *name,
-                                                    TQError **error)
-{
-    LockedGeneration generation;
-    return generation.ForReading(store, name, error) ? TQGetGenerationOptions(generation.path()) : 0;
-}
-
-bool TQClientManagedStorageSetGenerationOptions(const TQClientManagedStorage *store, const char *name, uint64_t options,
-                                                TQError **error)
-{
-    LockedGeneration generation;
-    return generation.ForWriting(store, name, error) && TQSetGenerationOptions(generation.path(), options, error);
-}
-
-TQDictionary *TQClientManagedStorageCopyGenerationInfoDictionary(const TQClientManagedStorage *store, const char *name,
-                                                                 TQError **error)
-{
-    LockedGeneration generation;
-    if (!generation.ForReading(store, name, error)) return nullptr;
-    const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(generation.path(), error));
-    if (!info) return nullptr;
-    TQDictionary *copy = TQDictionaryCreateCopy(info.get());
-    return copy ? copy : Failure(error).Status(kTQStatusFailed, "malloc failed");
-}
-
-TQValue *TQClientManagedStorageCopyGenerationInfoValueForKey(const TQClientManagedStorage *store, const char *name,
-                                                             const TQString *key, TQError **error)
-{
-    // The dictionary is read under a second shared lock. Shared locks never wait for each other.
-    LockedGeneration generation;
-    if (!generation.ForReading(store, name, error)) return nullptr;
-    const auto info = Ref<TQDictionary>::Adopt(TQClientManagedStorageCopyGenerationInfoDictionary(store, name, error));
-    if (!info) return nullptr;
-    TQValue *value = TQDictionaryGetValue(info.get(), key);
-    if (!value) return Failure(error).Refused(kTQStatusNoSuchAttribute, "key not found");
-    return TQRetain(value);
-}
-
-bool TQClientManagedStorageSetGenerationInfoValueForKey(const TQClientManagedStorage *store, const char *name,
-                                                        TQString *key, TQValue *value, TQError **error)
-{
-    // Why a write fails is in the log alone; clients rely on their error being left as it was.
-    LockedGeneration generation;
-    return generation.ForWriting(store, name, error) &&
-           TQSetInfoValue(generation.path(), key, value, /*error=*/nullptr);
-}
-
-bool TQClientManagedStorageSetGenerationInfoValues(const TQClientManagedStorage *store, const char *name,
-                                                   const TQDictionary *values, TQError **error)
-{
-    LockedGeneration generation;
-    return generation.ForWriting(store, name, error) && TQSetInfoValues(generation.path(), values, error);
-}
-
-TQString *TQClientManagedStorageCopyGenerationOriginalDisplayName(const TQClientManagedStorage *store, const char *name,
-                                                                  TQError **error)
-{
-    LockedGeneration generation;
-    return generation.ForReading(store, name, error) ? TQCopyOriginalDisplayName(generation.path(), error) : nullptr;
-}
-
-bool TQClientManagedStorageSetGenerationOriginalDisplayName(const TQClientManagedStorage *store, const char *name,
-                                                            const TQString *displayName, TQError **error)
-{
-    LockedGeneration generation;
-    return generation.ForWriting(store, name, error) && TQSetOriginalDisplayName(generation.path(), displayName, error);
 }
 
 bool _CopyOutToStaging(const TQClientManagedStorage *store, const char *name, const OwnerNote &note,

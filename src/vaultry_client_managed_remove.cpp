@@ -1,4 +1,4 @@
-// Removing generations, and listing their names.
+// Removing generations.
 //
 // A generation leaves the root by one rename into staging, so that the slow part, deleting its tree, can be
 // interrupted without leaving half of it under its name. Where the kernel refuses that rename, the tree is deleted as
@@ -9,9 +9,11 @@
 
 #include "Platform/FileStatus.h"
 #include "Platform/Rename.h"
+#include "Platform/ScopeExit.h"
 #include "Platform/UniqueNames.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_internal_names.h"
 #include "Shared/vaultry_storage_lift.h"
 
 #include <vaultry/filesystem.h>
@@ -19,21 +21,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
-#include <memory>
 #include <sys/stat.h>
 
 namespace {
 
-constexpr size_t kNameCapacity = 255;
-
-struct CloseDirectory {
-    void operator()(DIR *directory) const
-    {
-        const ErrnoKeeper keeper;
-        (void)closedir(directory);
-    }
-};
+constexpr size_t kNameCapacity = kGenerationNameLimit + 1;
 
 bool GetName(TQValue *name, char *buffer, TQError **error)
 {
@@ -91,16 +83,16 @@ bool RemoveByStaging(const char *root, const char *generation, TQError **error)
            lifted.Gone(MoveToStaging(root, generation, ItemId::Of(lifted.before()), staging.staged(), error));
 }
 
-// For a disk without room for one more directory, on which a removal is what its owner needs most. A file goes at once. A
-// tree still leaves the root by one rename; where even a name takes room it is deleted as it stands, and only
-// there a kill leaves part of it, to be removed again.
+// For a disk without room for one more directory, on which a removal is what its owner needs most. A file goes at once.
+// A tree still leaves the root by one rename; where even a name takes room it is deleted as it stands, and only there a
+// kill leaves part of it, to be removed again.
 bool RemoveWithoutRoom(const char *root, const char *generation, TQError **error)
 {
     LiftedGeneration lifted(generation);
     if (!LiftForMove(lifted, generation, error) || !_UnprotectGenerationStore(root, error)) return false;
     const ScopeExit protect([root] { _ProtectGenerationStore(root); });
     PathBuffer staged;
-    if (S_ISDIR(lifted.before().mode) && staged.Format("%s/%s/XXXXXXX", root, kStagingName)) {
+    if (S_ISDIR(lifted.before().mode) && staged.Format("%s/%s/%s", root, kStagingName, kUniqueTemplate)) {
         if (platform::RenameToUnique(generation, ItemId::Of(lifted.before()), staged.data()) == 0) {
             (void)_RemoveStagingPath(root, staged.c_str(), nullptr);
             return lifted.Gone(true);
@@ -127,13 +119,6 @@ bool RemoveOne(const char *root, TQValue *nameValue, TQError **error)
     return false;
 }
 
-bool AppendName(TQArray *names, const char *entryName, TQError **error)
-{
-    const auto name = Ref<TQString>::Adopt(TQStringCreateWithFileSystemRepresentation(entryName));
-    if (name && TQArrayAppendValue(names, name.get())) return true;
-    return Failure(error).Status(kTQStatusFailed, "Failed to create string from file system name \"%s\"", entryName);
-}
-
 } // namespace
 
 bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store, const TQArray *names, TQError **error)
@@ -145,19 +130,4 @@ bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store
     for (size_t i = 0; i < count; ++i)
         if (!RemoveOne(store->rootPath, TQArrayGetValueAtIndex(names, i), error)) return false;
     return _FlushGenerationStore(store->rootPath, error);
-}
-
-TQArray *TQClientManagedStorageCopyGenerationNames(const TQClientManagedStorage *store, TQError **error)
-{
-    HeldLock lock;
-    if (!lock.ForReading(store, error)) return nullptr;
-
-    const auto names = Ref<TQArray>::Adopt(TQArrayCreateMutable());
-    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(store->rootPath));
-    if (!directory) return Failure(error).Errno("unable to opendir(%s)", store->rootPath);
-    // A read that fails ends the list like the end of the directory does.
-    while (const dirent *entry = readdir(directory.get()))
-        if (entry->d_name[0] != '.' && !AppendName(names.get(), entry->d_name, error)) return nullptr;
-    TQArray *copy = TQArrayCreateCopy(names.get());
-    return copy ? copy : Failure(error).Status(kTQStatusFailed, "malloc failed");
 }

@@ -33,8 +33,8 @@ bool _GetPathToGeneration(const char *rootPath, const char *name, bool mustExist
     return true;
 }
 
-// A link that somebody planted there would lead the work, and the removal at its end, out of the store. False with errno;
-// where nothing is, or no directory, the work itself fails.
+// A link that somebody planted there would lead the work, and the removal at its end, out of the store. False with
+// errno; where nothing is, or no directory, the work itself fails.
 static bool _StagingLeadsNowhereElse(const char *rootPath)
 {
     PathBuffer staging;
@@ -47,7 +47,7 @@ static bool _StagingLeadsNowhereElse(const char *rootPath)
 
 bool _GetUniqueStagingPath(const char *rootPath, PathBuffer &path, TQError **error)
 {
-    if (!path.Format("%s/%s/%s", rootPath, kStagingName, "XXXXXXX"))
+    if (!path.Format("%s/%s/%s", rootPath, kStagingName, kUniqueTemplate))
         return Failure(error).Status(kTQStatusBadPath, "staging path is too long");
     if (!_StagingLeadsNowhereElse(rootPath) || platform::MakeUniqueDirectory(path.data()) != 0)
         return Failure(error).Errno("mkdtemp(\"%s\") failed", path.c_str());

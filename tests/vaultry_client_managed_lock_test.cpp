@@ -20,8 +20,8 @@ TEST(StoreLocks, ReportMisuseAndFailure)
     ExpectRows({{System(EINVAL, "*->fd isn't -1"), lock(0, path)},
                 {Logs(EINVAL, "*->fd is -1"), CALL((_UnlockGenerationStore(&none), why))}},
                store.path());
-    // A lock that can't be released would stop every other process: this one stops instead. The second and third call are
-    // for the owner file.
+    // A lock that can't be released would stop every other process: this one stops instead. The second and third call
+    // are for the owner file.
     const Outcome stuck = InChild(FailCall(4, EIO, kLock), CALL(store.Add("g", why)));
     EXPECT_EQ(stuck.fate, Outcome::Fate::Crashed);
     EXPECT_EQ(store.List(), std::vector<std::string>{"g"});

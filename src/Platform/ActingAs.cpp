@@ -1,6 +1,6 @@
 #include "Platform/ActingAs.h"
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 
 #include <cstdlib>
 #include <new>
@@ -18,18 +18,6 @@ static constexpr gid_t kNoGroup = 65534;
 static bool _SetGroupsOfThread(int count, const gid_t *groups)
 {
     return syscall(SYS_setgroups, static_cast<long>(count), groups) == 0;
-}
-
-static bool _GetCapabilities(Capabilities *out)
-{
-    __user_cap_header_struct thread{_LINUX_CAPABILITY_VERSION_3, 0};
-    return syscall(SYS_capget, &thread, out->words) == 0;
-}
-
-static bool _SetCapabilities(const Capabilities &capabilities)
-{
-    __user_cap_header_struct thread{_LINUX_CAPABILITY_VERSION_3, 0};
-    return syscall(SYS_capset, &thread, capabilities.words) == 0;
 }
 
 // An id that none can have is refused, and tells what stands.
@@ -51,7 +39,7 @@ ActingAs::ActingAs(uid_t user)
     isDumpable_ = prctl(PR_GET_DUMPABLE) == 1;
     groupCount_ = getgroups(0, nullptr);
     groups_.reset(new (std::nothrow) gid_t[groupCount_ > 0 ? static_cast<size_t>(groupCount_) : 1]);
-    holds_ = prctl(PR_GET_PDEATHSIG, &deathSignal_) == 0 && _GetCapabilities(&capabilities_) && groupCount_ >= 0 &&
+    holds_ = prctl(PR_GET_PDEATHSIG, &deathSignal_) == 0 && GetCapabilities(&capabilities_) && groupCount_ >= 0 &&
              groups_ && getgroups(groupCount_, groups_.get()) == groupCount_ && _SetGroupsOfThread(0, nullptr);
     if (!holds_) return;
     isChanged_ = true;
@@ -63,13 +51,13 @@ bool ActingAs::DropCapabilities() const
 {
     Capabilities none = capabilities_;
     for (auto &word : none.words) word.effective = 0;
-    return _SetCapabilities(none);
+    return SetCapabilities(none);
 }
 
 // With root's id come capabilities that it may have laid down before.
 bool ActingAs::TakeBack() const
 {
-    return _SetCapabilities(capabilities_) && _SetIds(oldUser_, oldGroup_) && _SetCapabilities(capabilities_) &&
+    return SetCapabilities(capabilities_) && _SetIds(oldUser_, oldGroup_) && SetCapabilities(capabilities_) &&
            _SetGroupsOfThread(groupCount_, groups_.get());
 }
 

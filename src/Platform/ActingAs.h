@@ -6,16 +6,12 @@
 
 #pragma once
 
-#include <linux/capability.h>
+#include "Platform/Capabilities.h"
+
 #include <memory>
 #include <sys/types.h>
 
 namespace platform {
-
-// A thread's sets of them.
-struct Capabilities {
-    __user_cap_data_struct words[_LINUX_CAPABILITY_U32S_3];
-};
 
 class ActingAs {
 public:

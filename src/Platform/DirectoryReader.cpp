@@ -1,6 +1,6 @@
 #include "Platform/DirectoryReader.h"
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 
 #include <cerrno>
 #include <cstring>

@@ -11,7 +11,7 @@ namespace platform {
 bool DirectoryStack::Push(UniqueFd directory, const TQFileStatus &status)
 {
     try {
-        levels_.push_back({std::move(directory), status.device, status.inode, status.owner});
+        levels_.push_back({std::move(directory), ItemId::Of(status), status.owner});
     } catch (const std::bad_alloc &) {
         errno = ENOMEM;
         return false;
@@ -30,7 +30,7 @@ bool DirectoryStack::OpenParent()
     if (!found && errno == EACCES) found.Reset(openat(Top(), "..", O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     TQFileStatus status;
     if (!found || GetStatusOfFd(found.get(), &status) != 0) return false;
-    if (status.device != parent.device || status.inode != parent.inode) {
+    if (ItemId::Of(status) != parent.id) {
         errno = ESTALE;
         return false;
     }

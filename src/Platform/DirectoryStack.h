@@ -6,6 +6,7 @@
 
 #pragma once
 
+#include "Platform/ItemId.h"
 #include "Platform/QuietOpener.h"
 #include "Platform/UniqueFd.h"
 
@@ -36,8 +37,7 @@ public:
 private:
     struct Level {
         UniqueFd fd;
-        uint64_t device;
-        uint64_t inode;
+        ItemId id;
         uint32_t owner;
     };
     std::vector<Level> levels_;

@@ -1,14 +1,14 @@
 #include "Platform/FileStatus.h"
 
+#include "Platform/Capabilities.h"
 #include "Platform/InodeFlags.h"
+#include "Platform/ItemId.h"
 #include "Platform/KernelCalls.h"
 #include "Platform/ProcPath.h"
 
 #include <cerrno>
-#include <linux/capability.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
-#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
@@ -86,7 +86,7 @@ int GetStatusOfFd(int fd, TQFileStatus *out)
     return _Statx(fd, "", AT_EMPTY_PATH, out);
 }
 
-// Changes the bits that have a name in our word, and leaves extents, checksums and whatever else as they are.
+// Changes the flags of kFlagNames, and leaves all others, extents and checksums among them, as they are.
 static int _ChangeByDescriptor(int fd, uint32_t flags)
 {
     int before = 0;
@@ -162,10 +162,9 @@ int SetMode(const Item &item, Links links, mode_t mode)
 bool MaySetBlockingFlags()
 {
     const ErrnoKeeper keeper;
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3]{};
-    return syscall(SYS_capget, &header, sets) == 0 &&
-           (sets[CAP_TO_INDEX(CAP_LINUX_IMMUTABLE)].effective & CAP_TO_MASK(CAP_LINUX_IMMUTABLE)) != 0;
+    Capabilities own{};
+    return GetCapabilities(&own) &&
+           (own.words[CAP_TO_INDEX(CAP_LINUX_IMMUTABLE)].effective & CAP_TO_MASK(CAP_LINUX_IMMUTABLE)) != 0;
 }
 
 UniqueFd PinItem(const Item &item, const TQFileStatus &expected)
@@ -173,7 +172,7 @@ UniqueFd PinItem(const Item &item, const TQFileStatus &expected)
     UniqueFd fd(openat(item.directory, item.name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     TQFileStatus found;
     if (!fd || GetStatusOfFd(fd.get(), &found) != 0) return UniqueFd();
-    if (found.device == expected.device && found.inode == expected.inode) return fd;
+    if (ItemId::Of(found) == ItemId::Of(expected)) return fd;
     errno = ESTALE;
     return UniqueFd();
 }

@@ -17,6 +17,9 @@
 
 #include <sys/stat.h>
 
+// An item with one of these takes neither a change of its mode nor a new name.
+inline constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
+
 namespace platform {
 
 int GetStatus(const Item &item, Links links, TQFileStatus *out);
@@ -25,8 +28,8 @@ int GetStatusOfFd(int fd, TQFileStatus *out);
 int SetFlags(const Item &item, Links links, uint32_t flags);
 int SetFlagsOfFd(int fd, uint32_t flags);
 
-// Whether this thread has the privilege that setting and clearing the flags immutable and append-only takes. Root in a
-// container may have it in vain.
+// Whether this thread has the privilege that setting and clearing kBlockingFlags takes. Root in a container may have it
+// in vain.
 bool MaySetBlockingFlags();
 
 // With Links::NoFollow a link answers EOPNOTSUPP, and nothing it points to is touched.

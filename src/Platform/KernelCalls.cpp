@@ -1,6 +1,6 @@
 #include "Platform/KernelCalls.h"
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 
 #include <atomic>
 #include <cerrno>

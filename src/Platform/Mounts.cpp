@@ -1,6 +1,7 @@
 #include "Platform/Mounts.h"
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
+#include "Platform/ProcPath.h"
 #include "Platform/UniqueFd.h"
 
 #include <array>
@@ -40,9 +41,7 @@ bool GetCanonicalPath(const char *path, Path &canonical)
 {
     const UniqueFd fd(open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!fd) return false;
-    char link[sizeof "/proc/self/fd/" + 3 * sizeof(int)];
-    (void)snprintf(link, sizeof link, "/proc/self/fd/%d", fd.get());
-    const ssize_t length = readlink(link, canonical.data(), canonical.size());
+    const ssize_t length = readlink(ProcPath(fd.get()).c_str(), canonical.data(), canonical.size());
     if (length < 0) return false;
     if (static_cast<size_t>(length) == canonical.size()) {
         errno = ENAMETOOLONG;

@@ -9,7 +9,8 @@
 
 namespace platform {
 
-// Whether a rename that failed with `error` was refused for its flag, which the file system or the kernel does not know.
+// Whether a rename that failed with `error` was refused for its flag, which the file system or the kernel does not
+// know.
 inline bool IsRenameFlagUnknown(int error)
 {
     return error == EINVAL || error == ENOSYS || error == ENOTSUP || error == EOPNOTSUPP;

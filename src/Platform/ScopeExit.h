@@ -4,20 +4,9 @@
 
 #pragma once
 
-#include <cerrno>
+#include "Platform/ErrnoKeeper.h"
+
 #include <utility>
-
-// Puts errno back as it was when the scope began.
-class ErrnoKeeper {
-public:
-    ErrnoKeeper() : saved_(errno) {}
-    ~ErrnoKeeper() { errno = saved_; }
-    ErrnoKeeper(const ErrnoKeeper &) = delete;
-    ErrnoKeeper &operator=(const ErrnoKeeper &) = delete;
-
-private:
-    int saved_;
-};
 
 template <class Action> class [[nodiscard]] ScopeExit {
 public:

@@ -1,7 +1,8 @@
 #include "Platform/SystemLog.h"
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/UniqueFd.h"
+#include "Platform/WholeCharacters.h"
 
 #include <atomic>
 #include <cstring>
@@ -37,11 +38,8 @@ void WriteSystemLog(int level, const char *line)
 static void _CopyCut(char *out, size_t capacity, const char *text)
 {
     if (capacity == 0) return;
-    size_t length = strnlen(text, capacity);
-    if (length == capacity) {
-        --length;
-        while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) --length;
-    }
+    const size_t whole = strnlen(text, capacity);
+    const size_t length = whole < capacity ? whole : LengthOfWholeCharacters(text, capacity - 1);
     memcpy(out, text, length);
     out[length] = '\0';
 }

@@ -3,6 +3,7 @@
 #include "Platform/DirectoryReader.h"
 #include "Platform/DirectoryStack.h"
 #include "Platform/FileStatus.h"
+#include "Platform/ItemId.h"
 #include "Platform/QuietOpener.h"
 
 #include <cerrno>
@@ -202,7 +203,7 @@ int TreeWalk::State::OpenEntry()
     if (!directory) return errno == ENOTDIR || errno == ELOOP ? ESTALE : errno;
     TQFileStatus found;
     if (platform::GetStatusOfFd(directory.get(), &found) != 0) return errno;
-    if (found.device != entry.status.device || found.inode != entry.status.inode) return ESTALE;
+    if (ItemId::Of(found) != ItemId::Of(entry.status)) return ESTALE;
     opened = std::move(directory);
     return 0;
 }

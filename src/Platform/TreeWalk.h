@@ -22,8 +22,8 @@
 
 class TreeWalk {
 public:
-    // One name more than the kernel takes in a path, since the walk gives it none: a tree that was made within the kernel's
-    // limit and then renamed, as a generation is, can still be read and removed whole.
+    // One name more than the kernel takes in a path, since the walk gives it none: a tree that was made within the
+    // kernel's limit and then renamed, as a generation is, can still be read and removed whole.
     static constexpr size_t kPathLimit = PATH_MAX + NAME_MAX + 1;
 
     enum class Kind {

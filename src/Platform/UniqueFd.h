@@ -5,10 +5,11 @@
 
 #pragma once
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 
 #include <cerrno>
 #include <unistd.h>
+#include <utility>
 
 class UniqueFd {
 public:

@@ -22,8 +22,8 @@ int MakeUniqueDirectoryAt(int directory, char *nameTemplate, int suffixLength);
 int MakeUniqueFile(char *pathTemplate, int suffixLength);
 int MakeUniqueFileAt(int directory, char *nameTemplate, int suffixLength);
 
-// Only finds such a name in an open directory, for who has to note it before anything stands there; and makes what is to
-// stand there, with the modes above. 0 or the descriptor, or -1 with errno: EEXIST if the name was taken meanwhile.
+// Only finds such a name in an open directory, for who has to note it before anything stands there; and makes what is
+// to stand there, with the modes above. 0 or the descriptor, or -1 with errno: EEXIST if the name was taken meanwhile.
 int ChooseUniqueNameAt(int directory, char *nameTemplate, int suffixLength);
 int MakeOwnDirectoryAt(int directory, const char *name);
 int MakeOwnFileAt(int directory, const char *name);

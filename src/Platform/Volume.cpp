@@ -2,11 +2,8 @@
 
 #include "Platform/UniqueFd.h"
 
-#include <cerrno>
-#include <climits>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/vfs.h>
 
 namespace platform {
@@ -79,38 +76,6 @@ bool VolumeHonoursFlush(int fd)
 {
     const ErrnoKeeper keeper;
     return AskWhetherVolumeHonoursFlush(fd).value_or(false);
-}
-
-// 0 if `path` is a directory afterwards, whoever made it.
-static int _MakeOne(const char *path, mode_t mode)
-{
-    if (mkdir(path, mode) == 0) return 0;
-    const int error = errno;
-    struct stat existing;
-    return error != ENOENT && stat(path, &existing) == 0 && S_ISDIR(existing.st_mode) ? 0 : error;
-}
-
-int MakePath(const char *path, mode_t mode)
-{
-    const ErrnoKeeper keeper;
-    const size_t length = strlen(path);
-    if (length == 0) return ENOENT;
-    if (length >= PATH_MAX) return ENAMETOOLONG;
-
-    // Most often only the last one is missing, or nothing.
-    if (const int error = _MakeOne(path, mode); error != ENOENT) return error;
-
-    char prefix[PATH_MAX];
-    memcpy(prefix, path, length + 1);
-    for (char *slash = strchr(prefix + 1, '/'); slash; slash = strchr(slash + 1, '/')) {
-        if (slash[strspn(slash, "/")] == '\0') break; // the last one, however many slashes end it
-        *slash = '\0';
-        // What comes below has to be made too, whatever rights the last one is to have.
-        const int error = _MakeOne(prefix, mode | S_IWUSR | S_IXUSR);
-        *slash = '/';
-        if (error != 0) return error;
-    }
-    return _MakeOne(path, mode);
 }
 
 } // namespace platform

@@ -1,11 +1,10 @@
-// Volumes: statistics, native type, and directories made along a path.
+// Volumes: statistics, native type, and what can be relied on there.
 
 #pragma once
 
 #include <vaultry/file_status.h>
 
 #include <optional>
-#include <sys/types.h>
 
 namespace platform {
 
@@ -37,8 +36,5 @@ private:
     std::optional<uint64_t> device_;
     bool honours_ = false;
 };
-
-// Makes `path` and every missing parent. 0, or an errno value. What exists is fine if it is a directory.
-int MakePath(const char *path, mode_t mode);
 
 } // namespace platform

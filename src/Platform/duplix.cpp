@@ -2,6 +2,7 @@
 
 #include "Platform/FileStatus.h"
 #include "Platform/Flush.h"
+#include "Platform/ItemId.h"
 #include "Platform/QuietOpener.h"
 #include "Platform/TreeWalk.h"
 #include "Platform/duplix_data.h"
@@ -45,6 +46,7 @@ private:
     const char *Below(const Entry &entry) const { return entry.item.path + sourceLength_; }
     const char *Name(const Entry &entry) const { return entry.level == 0 ? nullptr : entry.item.name; }
     bool NameItem(const Entry &entry);
+    Answer Begin(const Entry &entry, int what, int *error);
     bool WasEntered(const Entry &entry) const { return tree_.depth() == static_cast<size_t>(entry.level) + 2; }
     bool GoOn(Copied result, int what) { return result == Copied::No ? reports_.Error(what) : result == Copied::Yes; }
 
@@ -113,18 +115,29 @@ bool TreeCopy::NameItem(const Entry &entry)
     return fits;
 }
 
+// What the client answers. `error` gets why there can be no copy all the same, or 0.
+Answer TreeCopy::Begin(const Entry &entry, int what, int *error)
+{
+    *error = NameItem(entry) ? 0 : errno;
+    return reports_.Start(what);
+}
+
+static Copied _Refuse(int error)
+{
+    errno = error;
+    return Copied::No;
+}
+
 bool TreeCopy::BeginDirectory(const Entry &entry)
 {
-    const bool fits = NameItem(entry);
-    const int tooLong = errno;
-    const Answer answer = reports_.Start(duplix_what::Directory);
+    int error = 0;
+    const Answer answer = Begin(entry, duplix_what::Directory, &error);
     if (answer == Answer::Quit) return false;
     if (answer == Answer::Skip) {
         walk_.SkipContents();
         return true;
     }
-    if (!fits) errno = tooLong;
-    const Copied result = fits ? EnterDirectory(entry) : Copied::No;
+    const Copied result = error == 0 ? EnterDirectory(entry) : _Refuse(error);
     if (result == Copied::Yes) return reports_.Finish(duplix_what::Directory, nullptr);
     walk_.SkipContents();
     return GoOn(result, duplix_what::Directory);
@@ -132,10 +145,8 @@ bool TreeCopy::BeginDirectory(const Entry &entry)
 
 Copied TreeCopy::EnterDirectory(const Entry &entry)
 {
-    if (tree_.IsRootMade(entry.status)) {
-        errno = EINVAL; // met through another mount: it would be copied into itself for ever
-        return Copied::No;
-    }
+    // Met through another mount: it would be copied into itself for ever.
+    if (tree_.IsRootMade(entry.status)) return _Refuse(EINVAL);
     return tree_.EnterNewDirectory() ? Copied::Yes : Copied::No;
 }
 
@@ -173,12 +184,10 @@ Copied TreeCopy::CopyDirectoryMetadata(const Entry &entry, TQFileStatus &made)
 
 bool TreeCopy::CopyLeaf(const Entry &entry)
 {
-    const bool fits = NameItem(entry);
-    const int tooLong = errno;
-    const Answer answer = reports_.Start(duplix_what::File);
+    int error = 0;
+    const Answer answer = Begin(entry, duplix_what::File, &error);
     if (answer != Answer::Continue) return answer == Answer::Skip;
-    if (!fits) errno = tooLong;
-    if (!fits) return GoOn(Copied::No, duplix_what::File);
+    if (error != 0) return GoOn(_Refuse(error), duplix_what::File);
 
     switch (entry.kind) {
     case TreeWalk::Kind::File:
@@ -186,8 +195,7 @@ bool TreeCopy::CopyLeaf(const Entry &entry)
     case TreeWalk::Kind::Link:
         return GoOn(CopyLink(entry), duplix_what::File);
     default:
-        errno = ENOTSUP;
-        return GoOn(Copied::No, duplix_what::File);
+        return GoOn(_Refuse(ENOTSUP), duplix_what::File);
     }
 }
 
@@ -201,7 +209,7 @@ UniqueFd TreeCopy::OpenSource(const Entry &entry, TQFileStatus *status)
         return fd;
     }
     if (GetStatusOfFd(fd.get(), status) != 0) return UniqueFd();
-    if (status->device != entry.status.device || status->inode != entry.status.inode || !S_ISREG(status->mode)) {
+    if (ItemId::Of(*status) != ItemId::Of(entry.status) || !S_ISREG(status->mode)) {
         errno = ESTALE;
         return UniqueFd();
     }
@@ -217,8 +225,8 @@ static Copied _CopyOpenFile(int from, const TQFileStatus &source, int to, TQFile
     return CopyMetadata({from, source, to, made, mayHaveInherited}, attributes, reports);
 }
 
-// Mostly the mode that a file gets in the end, which then takes no call of its own. Nobody else gets at a file before the
-// root of the copy has its own mode; a root that is a file has only itself to keep others out.
+// Mostly the mode that a file gets in the end, which then takes no call of its own. Nobody else gets at a file before
+// the root of the copy has its own mode; a root that is a file has only itself to keep others out.
 mode_t TreeCopy::FirstMode(const TQFileStatus &source) const
 {
     constexpr mode_t kOwners = S_IRUSR | S_IWUSR;

@@ -6,10 +6,11 @@
 // nanoseconds, flags. Each in the order in which nothing undoes another, and a directory's after its contents. Hard
 // links become files of their own. Volumes mounted inside the source are copied with it.
 //
-// What may be refused without a failure: owner and group (EPERM; EINVAL, where a user namespace has no number for the
-// owner; the set-id bits are then dropped),
-// flags (EPERM, ENOTSUP; each flag for itself), lists on a volume without them (the mode then grants nobody more
-// than the list did), the capability. An attribute that can't be set is a failure, ENOTSUP too.
+// What may be refused without a failure: owner and group together (EPERM; EINVAL, where a user namespace has no number
+// for the owner), and then the group alone, whatever the reason (the set-id bits are dropped); flags (EPERM costs the
+// copy immutable and append-only, ENOTSUP compressed; if the rest is refused too, it gets none), lists on a volume
+// without them (the mode then grants nobody more than the list did), the capability (EPERM, ENOTSUP). An attribute that
+// can't be set is a failure, ENOTSUP too.
 //
 // Items are made with owner-only rights and O_EXCL; nothing that holds anything is written over, and nothing is
 // followed (see `into` for what is filled). A directory that is swapped when it was just made is refused with ESTALE
@@ -20,10 +21,11 @@
 // time of access behind where that is allowed, which is to an item's owner and to root; reading a link leaves one.
 //
 // The callback sees, for each file, link or refused item: (File, Start), then (Data, Progress) at least every
-// 4 MiB while data goes over, then (File, Finish), all attributes done. For each directory: (Directory, Start),
-// (Directory, Finish) when it is made, its contents, (DirectoryDone, Start), (DirectoryDone, Finish) when all is
-// done. For each `user.` attribute of either: (Attribute, Start). Skip is heeded at a start: the item, the directory with
-// its contents, or the attribute, is not made; at (DirectoryDone, Start) the directory is left with owner-only rights.
+// 4 MiB while data goes over, and once for a file that was cloned, then (File, Finish), all attributes done. For each
+// directory: (Directory, Start), (Directory, Finish) when it is made, its contents, (DirectoryDone, Start),
+// (DirectoryDone, Finish) when all is done. For each `user.` attribute of either: (Attribute, Start). Skip counts at a
+// Start, and is Continue everywhere else: the item, the directory with its contents, or the attribute, is not made; at
+// (DirectoryDone, Start) the directory is left as it was made, with owner-only rights and no attributes.
 //
 // Whatever fails is reported as (what, Error) with errno set, and has no Finish; but for an item that could not be
 // brought to disk or closed, which has its Error behind its Finish. what is Walk for a directory that can't be read, an
@@ -51,9 +53,11 @@ enum : int { Continue = 0, Skip = 1, Quit = 2 };
 
 // A file or directory that is finished, still open.
 struct DuplixFinished {
-    int source;                 // for reading
-    int copy;                   // a file for writing, a directory for reading
-    const TQFileStatus &status; // the copy's; of kind, owner, mode and flags what it has now, the rest as it was made
+    int source; // for reading
+    int copy;   // a file for writing, a directory for reading
+    // The copy's. Device, inode, kind, owner, group, mode and flags are what it has now; size, blocks, link count and
+    // times are those of the empty item that was made.
+    const TQFileStatus &status;
 };
 
 // What the service tells its callback about the item at hand.

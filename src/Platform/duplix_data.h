@@ -1,7 +1,7 @@
 // The bytes of one file, by the cheapest way that the two volumes allow.
 //
-// Cloned, else copied by the kernel, else read and written, as small files are at once. What a pair of volumes refused is
-// remembered, so that a tree does not ask again for every file. Holes stay holes.
+// Cloned, else copied by the kernel, else read and written, as small files are at once. What a pair of volumes refused
+// is remembered, so that a tree does not ask again for every file. Holes stay holes.
 
 #pragma once
 

@@ -82,12 +82,10 @@ static bool _CopyTimes(const CopiedItem &item)
 // Carries what the file system and the user's rights allow, each flag for itself.
 static bool _CopyFlags(const CopiedItem &item)
 {
-    constexpr uint32_t kPrivileged = kTQFlagImmutable | kTQFlagAppend;
-    constexpr uint32_t kStored = kTQFlagCompressed;
     uint32_t flags = item.source.flags;
     while (SetFlagsOfKnown(item.to, item.made, flags) != 0) {
         if (errno != EPERM && errno != ENOTSUP) return false;
-        const uint32_t refused = flags & (errno == EPERM ? kPrivileged : kStored);
+        const uint32_t refused = flags & (errno == EPERM ? kBlockingFlags : uint32_t{kTQFlagCompressed});
         if (refused == 0) return true;
         flags &= ~refused;
     }

@@ -3,6 +3,7 @@
 #include "Platform/DirectoryReader.h"
 #include "Platform/FileStatus.h"
 #include "Platform/InodeFlags.h"
+#include "Platform/ItemId.h"
 #include "Platform/duplix_metadata.h"
 
 #include <cerrno>
@@ -12,11 +13,6 @@
 #include <unistd.h>
 
 namespace platform {
-
-static bool _IsSame(const TQFileStatus &a, const TQFileStatus &b)
-{
-    return a.device == b.device && a.inode == b.inode;
-}
 
 bool DestinationTree::Open(const char *path, const TQFileStatus *into)
 {
@@ -59,11 +55,11 @@ bool DestinationTree::IsOutside(const TQFileStatus &tree) const
         for (size_t length = 1; length + 4 < sizeof up; length += 3) {
             TQFileStatus above;
             if (GetStatus({from, up, up}, Links::NoFollow, &above) != 0) return false;
-            if (_IsSame(above, tree)) {
+            if (ItemId::Of(above) == ItemId::Of(tree)) {
                 errno = EINVAL;
                 return false;
             }
-            if (length > 1 && _IsSame(above, last)) return true; // the root of all is its own parent
+            if (length > 1 && ItemId::Of(above) == ItemId::Of(last)) return true; // the root of all is its own parent
             last = above;
             memcpy(up + length, "/..", 4);
         }
@@ -97,8 +93,9 @@ bool DestinationTree::NameItem(const char *name, const char *below)
 static bool _IsInto(int fd, const TQFileStatus &into, TQFileStatus *found)
 {
     if (GetStatusOfFd(fd, found) != 0) return false;
-    if (!_IsSame(*found, into)) errno = ESTALE;
-    return _IsSame(*found, into);
+    const bool isInto = ItemId::Of(*found) == ItemId::Of(into);
+    if (!isInto) errno = ESTALE;
+    return isInto;
 }
 
 // What has another kind now than it had is another item.
@@ -232,7 +229,7 @@ bool DestinationTree::EnterNewDirectory()
 
 bool DestinationTree::IsRootMade(const TQFileStatus &directory) const
 {
-    return rootMade_ && _IsSame(root_, directory);
+    return rootMade_ && ItemId::Of(root_) == ItemId::Of(directory);
 }
 
 bool DestinationTree::PrepareToLeave(const char *name, const char *below)

@@ -22,8 +22,8 @@ public:
     // Whether its volume does.
     bool HonoursFlush(VolumeMemory &volumes) const { return volumes.HonoursFlush(directories_.Top(), device_); }
 
-    // Whether the destination would lie outside the directory that `tree` describes. False with EINVAL, or with errno if
-    // it can't be told.
+    // Whether the destination would lie outside the directory that `tree` describes. False with EINVAL, or with errno
+    // if it can't be told.
     bool IsOutside(const TQFileStatus &tree) const;
 
     // Names what becomes of `name`, whose path below the root is `below`; a null name is the root. False with

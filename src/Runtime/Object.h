@@ -143,10 +143,10 @@ bool EqualMembers(const TQValue *a, const TQValue *b, const Comparison *outer);
 
 // --- hashing
 //
-// A value hashes all its members. Containers and data among them share a budget: how many members may be looked at in them and
-// below, in all; one that has more members than that left hashes its count, and as an array the first of them. So a
-// hash costs no more than the container's own size justifies, however often one is shared below it, and ends where one
-// holds itself, and yet a chain of containers with one member each is followed to its leaf. A budget follows from
+// A value hashes all its members. Containers and data among them share a budget: how many members may be looked at in
+// them and below, in all; one that has more members than that left hashes its count, and as an array the first of them.
+// So a hash costs no more than the container's own size justifies, however often one is shared below it, and ends where
+// one holds itself, and yet a chain of containers with one member each is followed to its leaf. A budget follows from
 // nothing but the counts on the way down, which equal containers have in common.
 
 inline constexpr size_t kWholeValue = SIZE_MAX;

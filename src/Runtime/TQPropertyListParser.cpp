@@ -11,6 +11,7 @@
 #include "Runtime/Error.h"
 #include "Runtime/NoThrow.h"
 #include "Runtime/PropertyList.h"
+#include "Runtime/PropertyListCopy.h"
 #include "Runtime/Ref.h"
 #include "Runtime/String.h"
 #include "Runtime/UTF8.h"
@@ -32,34 +33,6 @@ namespace {
 constexpr size_t kBytesOfCopies = size_t{4} << 20;
 constexpr size_t kBytesOfCopiesPerByte = 32;
 constexpr size_t kTooManyBytes = SIZE_MAX / 4; // sums stop here
-
-// A value, or the end of all work for want of memory.
-template <class T> Ref<T> _Made(T *value)
-{
-    if (!value) throw std::bad_alloc();
-    return Ref<T>::Adopt(value);
-}
-
-Ref<TQValue> _CopyMutable(TQValue *value)
-{
-    if (IsKind(value, kTypeArray)) {
-        auto copy = _Made(TQArrayCreateMutable());
-        auto &members = copy.get()->values;
-        members.reserve(static_cast<TQArray *>(value)->values.size());
-        for (TQValue *member : static_cast<TQArray *>(value)->values) members.push_back(_CopyMutable(member).Detach());
-        return Ref<TQValue>::Adopt(copy.Detach());
-    }
-    if (IsKind(value, kTypeDictionary)) {
-        auto copy = _Made(TQDictionaryCreateMutable());
-        copy.get()->table.Reserve(static_cast<TQDictionary *>(value)->table.count());
-        static_cast<TQDictionary *>(value)->table.Every([&](const OrderedTable::Entry &entry) {
-            copy.get()->table.Set(entry.key, _CopyMutable(entry.value).get());
-            return true;
-        });
-        return Ref<TQValue>::Adopt(copy.Detach());
-    }
-    return Ref<TQValue>::Retain(value);
-}
 
 class Parser {
 public:
@@ -213,7 +186,7 @@ bool Parser::ReadContents(Slot &slot, Cursor cursor, size_t depth)
     case kDate &kKindMask:
         if (marker != kDate) break;
         if (!Claim(cursor, 1, 8)) return false;
-        slot.value = _Made<TQValue>(MakeDateSince2001(std::bit_cast<double>(Integer(cursor.at, 8))));
+        slot.value = Made<TQValue>(MakeDateSince2001(std::bit_cast<double>(Integer(cursor.at, 8))));
         return true;
     case kData:
         return ReadCount(cursor, marker, count) && ReadData(slot, cursor, count);
@@ -271,12 +244,12 @@ bool Parser::ReadInteger(Slot &slot, Cursor cursor, unsigned sizeBits)
         const bool isNegative = high == UINT64_MAX && value > INT64_MAX;
         if (high != 0 && !isNegative) return Refuse(cursor.start, "an integer of more than 64 bits");
         if (!isNegative) {
-            slot.value = _Made<TQValue>(TQNumberCreateUInt64(value));
+            slot.value = Made<TQValue>(TQNumberCreateUInt64(value));
             return true;
         }
     }
     // Eight bytes are signed, fewer are not.
-    slot.value = _Made<TQValue>(TQNumberCreateInt64(static_cast<int64_t>(value)));
+    slot.value = Made<TQValue>(TQNumberCreateInt64(static_cast<int64_t>(value)));
     return true;
 }
 
@@ -288,14 +261,14 @@ bool Parser::ReadReal(Slot &slot, Cursor cursor, unsigned sizeBits)
     const uint64_t bits = Integer(cursor.at, size);
     const double real = size == 8 ? std::bit_cast<double>(bits)
                                   : static_cast<double>(std::bit_cast<float>(static_cast<uint32_t>(bits)));
-    slot.value = _Made<TQValue>(TQNumberCreateDouble(real));
+    slot.value = Made<TQValue>(TQNumberCreateDouble(real));
     return true;
 }
 
 bool Parser::ReadData(Slot &slot, Cursor cursor, size_t count)
 {
     if (!Claim(cursor, count, 1)) return false;
-    slot.value = _Made<TQValue>(TQDataCreate(bytes_ + cursor.at, count));
+    slot.value = Made<TQValue>(TQDataCreate(bytes_ + cursor.at, count));
     return true;
 }
 
@@ -305,7 +278,7 @@ bool Parser::ReadASCII(Slot &slot, Cursor cursor, size_t count)
     const uint8_t *const bytes = bytes_ + cursor.at;
     const uint8_t *const wrong = std::find_if(bytes, bytes + count, [](uint8_t byte) { return byte >= 0x80; });
     if (wrong != bytes + count) return Refuse(static_cast<size_t>(wrong - bytes_), "a byte that is not ASCII");
-    slot.value = _Made<TQValue>(TQStringCreateWithBytes(bytes, count));
+    slot.value = Made<TQValue>(TQStringCreateWithBytes(bytes, count));
     return true;
 }
 
@@ -321,7 +294,7 @@ bool Parser::ReadUTF16(Slot &slot, Cursor cursor, size_t count)
             character = 0x10000 + ((character & 0x3ff) << 10 | (unit(++i) & 0x3ff));
         if (!AppendUTF8(text, character)) return Refuse(cursor.at + 2 * i, "half a surrogate pair");
     }
-    slot.value = _Made<TQValue>(MakeString(text));
+    slot.value = Made<TQValue>(MakeString(text));
     return true;
 }
 
@@ -349,7 +322,7 @@ Ref<TQValue> Parser::Use(Slot &member, size_t from)
     copied_ = std::min(copied_ + member.bytes, kTooManyBytes);
     if (copied_ > kBytesOfCopies + length_ * kBytesOfCopiesPerByte)
         return Refuse(from, "shared containers that would take more memory than the file justifies");
-    return _CopyMutable(member.value.get());
+    return CopyMutable(member.value.get());
 }
 
 bool Parser::ReadArray(Slot &slot, Cursor cursor, size_t count, size_t depth)
@@ -357,7 +330,7 @@ bool Parser::ReadArray(Slot &slot, Cursor cursor, size_t count, size_t depth)
     if (depth > kMaximumDepth) return Refuse(cursor.start, "containers nested more than %zu deep", kMaximumDepth);
     if (!Claim(cursor, count, numberSize_)) return false;
     slot.height = 1;
-    auto array = _Made(TQArrayCreateMutable());
+    auto array = Made(TQArrayCreateMutable());
     array.get()->values.reserve(count);
     for (size_t i = 0; i < count; ++i) {
         Slot *member = ReadMember(slot, cursor, i, depth);
@@ -377,7 +350,7 @@ bool Parser::ReadDictionary(Slot &slot, Cursor cursor, size_t count, size_t dept
     if (depth > kMaximumDepth) return Refuse(cursor.start, "containers nested more than %zu deep", kMaximumDepth);
     if (!Claim(cursor, count, 2 * numberSize_)) return false;
     slot.height = 1;
-    auto dictionary = _Made(TQDictionaryCreateMutable());
+    auto dictionary = Made(TQDictionaryCreateMutable());
     OrderedTable &table = dictionary.get()->table;
     table.Reserve(count);
     for (size_t i = 0; i < count; ++i) {

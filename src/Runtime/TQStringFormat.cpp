@@ -5,6 +5,7 @@
 // that is not known makes the whole result null instead of reading arguments of the wrong type.
 
 #include "Platform/ScopeExit.h"
+#include "Platform/WholeCharacters.h"
 #include "Runtime/NoThrow.h"
 #include "Runtime/Ref.h"
 #include "Runtime/String.h"
@@ -355,24 +356,11 @@ bool Formatter::AppendValue(const Conversion &conversion, const TQValue *value)
     return true;
 }
 
-// What is left of `text`, which was cut, without the part of a character at its end.
-std::string_view _WholeCharacters(std::string_view text)
-{
-    for (size_t tail = 1; tail <= 4 && tail <= text.size(); ++tail) {
-        const auto byte = static_cast<unsigned char>(text[text.size() - tail]);
-        if ((byte & 0xc0) == 0x80) continue;
-        const size_t length = byte < 0xc0 ? 1 : byte < 0xe0 ? 2 : byte < 0xf0 ? 3 : 4;
-        if (length > tail) text.remove_suffix(tail);
-        break;
-    }
-    return text;
-}
-
 // Appends at most `precision` bytes of `text`, and no part of a character, padded with spaces to the width.
 void Formatter::AppendText(const Conversion &conversion, std::string_view text)
 {
     if (conversion.precision >= 0 && text.size() >= static_cast<size_t>(conversion.precision))
-        text = _WholeCharacters(text.substr(0, static_cast<size_t>(conversion.precision)));
+        text = text.substr(0, LengthOfWholeCharacters(text.data(), static_cast<size_t>(conversion.precision)));
     const auto width = static_cast<size_t>(conversion.width);
     const size_t padding = width > text.size() ? width - text.size() : 0;
     if (!conversion.left) text_.append(padding, ' ');

@@ -1,22 +1,22 @@
 #include "Runtime/UTF8.h"
 
+#include "Platform/WholeCharacters.h"
+
 #include <cstring>
 
 namespace {
 
 struct Lead {
-    unsigned length; // of the whole character; 0 for a byte that begins none
+    size_t length; // of the whole character; 0 for a byte that begins none
     char32_t bits;
     char32_t smallest; // below it the form is overlong
 };
 
 constexpr Lead _ReadLead(unsigned char byte)
 {
-    if (byte < 0x80) return {1, byte, 0};
-    if (byte >= 0xc2 && byte < 0xe0) return {2, byte & 0x1fU, 0x80};
-    if (byte >= 0xe0 && byte < 0xf0) return {3, byte & 0x0fU, 0x800};
-    if (byte >= 0xf0 && byte < 0xf5) return {4, byte & 0x07U, 0x10000};
-    return {0, 0, 0};
+    constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    const size_t length = LengthOfCharacter(byte);
+    return {length, length > 1 ? byte & (0x7fU >> length) : byte, kSmallest[length]};
 }
 
 constexpr bool _IsCharacter(char32_t value)
@@ -48,7 +48,7 @@ std::optional<size_t> UTF16LengthOfUTF8(const void *bytes, size_t length)
         const Lead lead = _ReadLead(*at);
         if (lead.length == 0 || lead.length > left) return std::nullopt;
         char32_t value = lead.bits;
-        for (unsigned i = 1; i < lead.length; ++i) {
+        for (size_t i = 1; i < lead.length; ++i) {
             if ((at[i] & 0xc0) != 0x80) return std::nullopt;
             value = value << 6 | (at[i] & 0x3fU);
         }
@@ -60,21 +60,11 @@ std::optional<size_t> UTF16LengthOfUTF8(const void *bytes, size_t length)
     return units;
 }
 
-size_t LengthOfWholeCharacters(const char *bytes, size_t length)
-{
-    constexpr size_t kLongest = 4;
-    for (size_t back = 1; back < kLongest && back <= length; ++back) {
-        const auto byte = static_cast<unsigned char>(bytes[length - back]);
-        if ((byte & 0xc0) != 0x80) return _ReadLead(byte).length > back ? length - back : length;
-    }
-    return length;
-}
-
 char32_t NextCharacter(const char *&at)
 {
     const Lead lead = _ReadLead(static_cast<unsigned char>(*at++));
     char32_t value = lead.bits;
-    for (unsigned i = 1; i < lead.length; ++i) value = value << 6 | (static_cast<unsigned char>(*at++) & 0x3fU);
+    for (size_t i = 1; i < lead.length; ++i) value = value << 6 | (static_cast<unsigned char>(*at++) & 0x3fU);
     return value;
 }
 

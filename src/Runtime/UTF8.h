@@ -11,9 +11,6 @@
 // surrogates and what lies past U+10FFFF are not.
 std::optional<size_t> UTF16LengthOfUTF8(const void *bytes, size_t length);
 
-// How many of `length` bytes are left without a character that they cut short at their end.
-size_t LengthOfWholeCharacters(const char *bytes, size_t length);
-
 // The character that begins at `at`, which moves behind it. The bytes must be valid.
 char32_t NextCharacter(const char *&at);
 

@@ -62,3 +62,21 @@ public:
 private:
     char text_[PATH_MAX] = "";
 };
+
+// The path of the directory that holds the item at a path, with or without slashes at its end; "." for a name alone.
+class ParentPath {
+public:
+    explicit ParentPath(const char *item)
+    {
+        const TrimmedPath trimmed(item);
+        const char *const slash = strrchr(trimmed.c_str(), '/');
+        if (!slash) return;
+        const auto length = slash - trimmed.c_str();
+        (void)snprintf(text_, sizeof text_, "%.*s", static_cast<int>(length > 0 ? length : 1), trimmed.c_str());
+    }
+
+    const char *c_str() const { return text_; }
+
+private:
+    char text_[PATH_MAX] = ".";
+};

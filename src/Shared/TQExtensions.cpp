@@ -7,9 +7,10 @@
 #include <vaultry/filesystem.h>
 #include <vaultry/status.h>
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_internal_names.h"
 
 #include <climits>
 #include <cstring>
@@ -17,7 +18,6 @@
 
 namespace {
 
-constexpr size_t kNameUnitLimit = 255; // a name has fewer UTF-16 units than this
 constexpr uint32_t kInvalidURLCode = 2;
 
 bool HoldsSlash(const TQString *name)
@@ -28,7 +28,7 @@ bool HoldsSlash(const TQString *name)
 // The rules in their order; the first that fails decides. Null when all hold.
 const char *BrokenNameRule(const TQString *name)
 {
-    if (TQStringGetLength(name) >= kNameUnitLimit) return "Invalid Name: too long [%@]";
+    if (TQStringGetLength(name) > kGenerationNameLimit) return "Invalid Name: too long [%@]";
     if (TQStringGetCharacterAtIndex(name, 0) == '.') return "Invalid Name: begins with a `.' [%@]";
     if (HoldsSlash(name)) return "Invalid Name: contains a `/' [%@]";
     // A zero byte would end the name early in every path that is made of it.

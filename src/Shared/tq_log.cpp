@@ -2,10 +2,10 @@
 
 #include "Shared/tq_log.h"
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/SystemLog.h"
+#include "Platform/WholeCharacters.h"
 #include "Runtime/Ref.h"
-#include "Runtime/UTF8.h"
 
 #include <vaultry/path.h>
 #include <vaultry/string.h>
@@ -46,35 +46,60 @@ const char *ShownFileName(const char *path)
     return name ? name : path ? path : "";
 }
 
-// A message of any length is logged whole; only when there is no memory for it is it cut, and says so.
+// Formatted text of any length; only when there is no memory for it is it cut, after `capacity` bytes at the most.
+template <size_t capacity> class FormattedText {
+public:
+    // False, and the text is empty, for a format that can't be used.
+    [[gnu::format(printf, 2, 0)]] bool FormatWith(const char *format, va_list arguments)
+    {
+        va_list again;
+        va_copy(again, arguments);
+        const int needed = vsnprintf(local_, sizeof local_, format, arguments);
+        length_ = needed > 0 ? static_cast<size_t>(needed) : 0;
+        if (needed < 0) local_[0] = '\0';
+        if (length_ >= sizeof local_) {
+            whole_.reset(static_cast<char *>(malloc(length_ + 1)));
+            if (whole_) (void)vsnprintf(whole_.get(), length_ + 1, format, again);
+        }
+        va_end(again);
+        return needed >= 0;
+    }
+    [[gnu::format(printf, 2, 3)]] bool Format(const char *format, ...)
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        const bool isFormatted = FormatWith(format, arguments);
+        va_end(arguments);
+        return isFormatted;
+    }
+
+    // Ends a text that is cut with `mark`, behind a whole character.
+    void MarkIfCut(const char *mark)
+    {
+        if (whole_ || length_ < sizeof local_) return;
+        const size_t markLength = strlen(mark);
+        length_ = LengthOfWholeCharacters(local_, sizeof local_ - 1 - markLength);
+        memcpy(local_ + length_, mark, markLength + 1);
+        length_ += markLength;
+    }
+
+    char *text() { return whole_ ? whole_.get() : local_; }
+    size_t length() const { return length_; }
+
+private:
+    char local_[capacity];
+    HeapText whole_;
+    size_t length_ = 0;
+};
+
 [[gnu::format(printf, 4, 0)]] void LogFormatted(int level, const char *path, int line, const char *format,
                                                 va_list arguments)
 {
-    char local[kMessageCapacity];
-    va_list again;
-    va_copy(again, arguments);
-    const int needed = vsnprintf(local, sizeof local, format, arguments);
-    size_t length = needed > 0 ? static_cast<size_t>(needed) : 0;
-    if (needed < 0) local[0] = '\0';
-
-    char *message = local;
-    HeapText whole;
-    if (length >= sizeof local) {
-        whole.reset(static_cast<char *>(malloc(length + 1)));
-        if (whole) {
-            (void)vsnprintf(whole.get(), length + 1, format, again);
-            message = whole.get();
-        } else {
-            static constexpr char kMark[] = "...";
-            length = LengthOfWholeCharacters(local, sizeof local - sizeof kMark);
-            memcpy(local + length, kMark, sizeof kMark);
-            length += sizeof kMark - 1;
-        }
-    }
-    va_end(again);
-
-    TrimEnd(message, length);
-    tq_do_log(level, ShownFileName(path), line, message);
+    FormattedText<kMessageCapacity> message;
+    (void)message.FormatWith(format, arguments);
+    message.MarkIfCut("...");
+    TrimEnd(message.text(), message.length());
+    tq_do_log(level, ShownFileName(path), line, message.text());
 }
 
 } // namespace
@@ -87,19 +112,10 @@ void tq_do_log(int level, const char *fileName, int line, const char *message)
     const size_t prefix = sizeof kLabelPrefix - 1;
     const char *shown = strncmp(label, kLabelPrefix, prefix) == 0 ? label + prefix : label;
 
-    char local[kMessageCapacity + 256];
-    const int needed = snprintf(local, sizeof local, "%s:%i %s (on %s)\n", fileName, line, message, shown);
-    if (needed < 0) return;
-    HeapText whole;
-    if (static_cast<size_t>(needed) >= sizeof local) {
-        const size_t size = static_cast<size_t>(needed) + 1;
-        whole.reset(static_cast<char *>(malloc(size)));
-        if (whole)
-            (void)snprintf(whole.get(), size, "%s:%i %s (on %s)\n", fileName, line, message, shown);
-        else
-            local[LengthOfWholeCharacters(local, sizeof local - 1)] = '\0';
-    }
-    platform::WriteSystemLog(level, whole ? whole.get() : local);
+    FormattedText<kMessageCapacity + 256> whole;
+    if (!whole.Format("%s:%i %s (on %s)\n", fileName, line, message, shown)) return;
+    whole.MarkIfCut("");
+    platform::WriteSystemLog(level, whole.text());
 }
 
 void Log::Line(const char *format, ...) const

@@ -7,9 +7,6 @@
 #include "Shared/vaultry_internal_failure.h"
 
 #include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <optional>
 #include <sys/stat.h>
@@ -26,20 +23,6 @@ UniqueFd OpenDirectory(const char *path)
 {
     return UniqueFd(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
-
-// The directory that holds an item.
-struct Parent {
-    char path[PATH_MAX] = ".";
-
-    explicit Parent(const char *item)
-    {
-        const TrimmedPath trimmed(item);
-        const char *slash = strrchr(trimmed.c_str(), '/');
-        if (!slash) return;
-        const auto length = slash - trimmed.c_str();
-        (void)snprintf(path, sizeof path, "%.*s", static_cast<int>(length > 0 ? length : 1), trimmed.c_str());
-    }
-};
 
 // What has no descriptor to be flushed by: a link, a socket, an item that its own owner may not read.
 bool CannotBeOpened()
@@ -84,10 +67,10 @@ UniqueFd OpenVolumeOf(const char *item, const char *directory)
 int FlushUnopened(const char *path)
 {
     const bool isOnlyEntry = errno != EACCES; // a link or a socket
-    const Parent parent(path);
-    const UniqueFd volume = OpenVolumeOf(path, parent.path);
+    const ParentPath parent(path);
+    const UniqueFd volume = OpenVolumeOf(path, parent.c_str());
     if (volume) return platform::FlushVolumeOfFd(volume.get());
-    const UniqueFd directory = isOnlyEntry ? OpenDirectory(parent.path) : UniqueFd();
+    const UniqueFd directory = isOnlyEntry ? OpenDirectory(parent.c_str()) : UniqueFd();
     return directory ? platform::FlushFd(directory.get()) : -1;
 }
 
@@ -105,10 +88,10 @@ int FlushUnopenedDirectory(const char *path, const char *itemOnIt)
 }
 
 // `directory` is the parent, or errno says why it could not be opened.
-bool FlushFolder(const UniqueFd &directory, const Parent &parent, const char *itemOnIt, TQError **error)
+bool FlushFolder(const UniqueFd &directory, const ParentPath &parent, const char *itemOnIt, TQError **error)
 {
-    if (directory) return Report(platform::FlushFd(directory.get()), parent.path, error);
-    return Report(CannotBeOpened() ? FlushUnopenedDirectory(parent.path, itemOnIt) : -1, parent.path, error);
+    if (directory) return Report(platform::FlushFd(directory.get()), parent.c_str(), error);
+    return Report(CannotBeOpened() ? FlushUnopenedDirectory(parent.c_str(), itemOnIt) : -1, parent.c_str(), error);
 }
 
 } // namespace
@@ -122,14 +105,14 @@ bool _FlushItem(const char *path, TQError **error)
 
 bool _FlushEntry(const char *path, TQError **error)
 {
-    const Parent parent(path);
-    return FlushFolder(OpenDirectory(parent.path), parent, path, error);
+    const ParentPath parent(path);
+    return FlushFolder(OpenDirectory(parent.c_str()), parent, path, error);
 }
 
 bool _FlushFormerEntry(const char *path, const char *now, TQError **error)
 {
-    const Parent parent(path);
-    const UniqueFd directory = OpenDirectory(parent.path);
+    const ParentPath parent(path);
+    const UniqueFd directory = OpenDirectory(parent.c_str());
     // Somebody has tidied the folder away since, and the entry was gone by then.
     if (!directory && errno == ENOENT) return true;
     return FlushFolder(directory, parent, now, error);
@@ -138,7 +121,7 @@ bool _FlushFormerEntry(const char *path, const char *now, TQError **error)
 TreeFlush TreeFlush::At(const char *path)
 {
     TreeFlush flush;
-    flush.own_ = OpenDirectory(Parent(path).path);
+    flush.own_ = OpenDirectory(ParentPath(path).c_str());
     return flush;
 }
 

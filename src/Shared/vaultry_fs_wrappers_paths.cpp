@@ -2,7 +2,7 @@
 
 #include <vaultry/path.h>
 
-#include "Platform/Volume.h"
+#include "Platform/MakePath.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -9,8 +9,10 @@
 
 #include "Shared/vaultry_fs_wrappers.h"
 
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/FileStatus.h"
-#include "Platform/ScopeExit.h"
+#include "Platform/ItemId.h"
+#include "Platform/ProcPath.h"
 #include "Platform/TreeWalk.h"
 #include "Platform/UniqueFd.h"
 #include "Shared/vaultry_internal_failure.h"
@@ -26,17 +28,11 @@ namespace {
 using Kind = TreeWalk::Kind;
 using Entry = TreeWalk::Entry;
 
-constexpr uint32_t kDeletionBlockers = kTQFlagImmutable | kTQFlagAppend;
 constexpr mode_t kDirectoryWriteBits = 0220;
-
-bool IsSame(const TQFileStatus &a, const TQFileStatus &b)
-{
-    return a.device == b.device && a.inode == b.inode;
-}
 
 bool IsBlocked(const TQFileStatus &status)
 {
-    return (status.flags & kDeletionBlockers) != 0 && (S_ISREG(status.mode) || S_ISDIR(status.mode));
+    return (status.flags & kBlockingFlags) != 0 && (S_ISREG(status.mode) || S_ISDIR(status.mode));
 }
 
 // A directory gives up its contents only with write permission; nothing else needs any.
@@ -54,23 +50,14 @@ public:
 
     // Any item, without a right to open it: by a descriptor that grants nothing, and the name that the kernel gives
     // that.
-    HeldItem(const Item &item, const TQFileStatus &status)
-        : own_(openat(item.directory, item.name, O_PATH | O_NOFOLLOW | O_CLOEXEC))
-    {
-        TQFileStatus found;
-        if (!own_ || platform::GetStatusOfFd(own_.get(), &found) != 0) return;
-        errno = ESTALE;
-        if (!IsSame(found, status)) return;
-        fd_ = own_.get();
-        (void)snprintf(link_, sizeof link_, "/proc/self/fd/%d", fd_);
-    }
+    HeldItem(const Item &item, const TQFileStatus &status) : own_(platform::PinItem(item, status)), fd_(own_.get()) {}
 
     // If not, errno says why: ESTALE if something else has the name.
     bool isHeld() const { return fd_ >= 0; }
 
     bool MakeDeletable(const TQFileStatus &status) const
     {
-        if (IsBlocked(status) && !SetFlags(status.flags & ~kDeletionBlockers)) return false;
+        if (IsBlocked(status) && !SetFlags(status.flags & ~kBlockingFlags)) return false;
         if (!LacksWriteBits(status) || SetMode(status.mode | kDirectoryWriteBits)) return true;
         const ErrnoKeeper keeper;
         if (IsBlocked(status)) (void)SetFlags(status.flags);
@@ -85,17 +72,17 @@ private:
     bool SetMode(mode_t mode) const
     {
         mode &= 07777;
-        return (own_ ? platform::SetMode(Item::AtPath(link_), Links::Follow, mode) : fchmod(fd_, mode)) == 0;
+        if (!own_) return fchmod(fd_, mode) == 0;
+        return platform::SetMode(Item::AtPath(platform::ProcPath(fd_).c_str()), Links::Follow, mode) == 0;
     }
     bool SetFlags(uint32_t flags) const
     {
-        return (own_ ? platform::SetFlags(Item::AtPath(link_), Links::Follow, flags)
-                     : platform::SetFlagsOfFd(fd_, flags)) == 0;
+        if (!own_) return platform::SetFlagsOfFd(fd_, flags) == 0;
+        return platform::SetFlags(Item::AtPath(platform::ProcPath(fd_).c_str()), Links::Follow, flags) == 0;
     }
 
     UniqueFd own_;
     int fd_ = -1;
-    char link_[sizeof "/proc/self/fd/" + 3 * sizeof(int)] = "";
 };
 
 class Removal {
@@ -183,7 +170,8 @@ bool Removal::RemoveDirectory(const Entry &entry)
 
 bool Removal::Remove(const Entry &entry)
 {
-    if (entry.level == 0 && entry.hasStatus && how_.expected && !IsSame(entry.status, *how_.expected)) {
+    if (entry.level == 0 && entry.hasStatus && how_.expected &&
+        ItemId::Of(entry.status) != ItemId::Of(*how_.expected)) {
         errno = ESTALE;
         return Failure(error_).Errno("Failed to remove \"%s\"", entry.item.path);
     }

@@ -2,7 +2,7 @@
 
 #include "Shared/vaultry_internal.h"
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 #include "Runtime/Ref.h"
 #include "Runtime/UTF8.h"
 #include "Shared/tq_log.h"

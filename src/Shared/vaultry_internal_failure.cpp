@@ -2,7 +2,8 @@
 
 #include "Shared/vaultry_internal_failure.h"
 
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
+#include "Platform/WholeCharacters.h"
 #include "Runtime/Ref.h"
 #include "Runtime/UTF8.h"
 
@@ -46,8 +47,8 @@ private:
     {
         while (*at != '\0') {
             const unsigned char first = static_cast<unsigned char>(*at);
-            const size_t wanted = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : first >= 0xc0 ? 2 : 1;
-            const bool isCharacter = strnlen(at, wanted) == wanted && UTF16LengthOfUTF8(at, wanted);
+            const size_t wanted = LengthOfCharacter(first);
+            const bool isCharacter = wanted > 0 && strnlen(at, wanted) == wanted && UTF16LengthOfUTF8(at, wanted);
             if (!isCharacter) *at = '?';
             at += isCharacter ? wanted : 1;
         }
@@ -64,9 +65,9 @@ Failure &Failure::AtDebug()
     return *this;
 }
 
-void Failure::Write(const Message &message) const
+void Failure::Write(int level, const Message &message) const
 {
-    if (LogAdmits(level_)) tq_log_msg(level_, file_, line_, "%s\n", message.text);
+    if (LogAdmits(level)) tq_log_msg(level, file_, line_, "%s\n", message.text);
 }
 
 Failed Failure::Errno(const char *format, ...) const
@@ -77,38 +78,38 @@ Failed Failure::Errno(const char *format, ...) const
     message.Format(format, arguments);
     va_end(arguments);
     message.AppendErrno(errno_);
-    Write(message);
+    Write(level_, message);
     (void)_TQCreateErrorUseErrno(error_, errno_, message.text);
+    errno = errno_;
+    return {};
+}
+
+Failed Failure::Report(int level, int32_t status, const char *format, va_list arguments) const
+{
+    Message message;
+    message.Format(format, arguments);
+    Write(level, message);
+    (void)_TQCreateErrorForStatus(error_, status, message.text, /*underlying=*/nullptr);
     errno = errno_;
     return {};
 }
 
 Failed Failure::Status(int32_t status, const char *format, ...) const
 {
-    Message message;
     va_list arguments;
     va_start(arguments, format);
-    message.Format(format, arguments);
+    const Failed failed = Report(level_, status, format, arguments);
     va_end(arguments);
-    Write(message);
-    (void)_TQCreateErrorForStatus(error_, status, message.text, /*underlying=*/nullptr);
-    errno = errno_;
-    return {};
+    return failed;
 }
 
 Failed Failure::Refused(int32_t status, const char *format, ...) const
 {
-    Failure quiet = *this;
-    quiet.level_ = kLogDebug;
-    Message message;
     va_list arguments;
     va_start(arguments, format);
-    message.Format(format, arguments);
+    const Failed failed = Report(kLogDebug, status, format, arguments);
     va_end(arguments);
-    quiet.Write(message);
-    (void)_TQCreateErrorForStatus(error_, status, message.text, /*underlying=*/nullptr);
-    errno = errno_;
-    return {};
+    return failed;
 }
 
 bool ReportStringFailure(TQError **error, int level, int32_t status, TQString *message, TQError *underlying,

@@ -13,6 +13,8 @@
 #include "Shared/tq_log.h"
 #include "Shared/vaultry_internal.h"
 
+#include <cstdarg>
+
 // What a failing function returns: false, or a null pointer.
 struct Failed {
     operator bool() const { return false; }
@@ -38,7 +40,8 @@ public:
 
 private:
     struct Message;
-    void Write(const Message &message) const;
+    void Write(int level, const Message &message) const;
+    [[gnu::format(printf, 4, 0)]] Failed Report(int level, int32_t status, const char *format, va_list arguments) const;
 
     TQError **error_;
     const char *file_;

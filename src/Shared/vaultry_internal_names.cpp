@@ -1,14 +1,12 @@
 // Generation names in the form that file systems take.
 
+#include "Shared/vaultry_internal_names.h"
+
 #include "Shared/vaultry_internal_failure.h"
 
 #include <vaultry/path.h>
 
 #include <cstring>
-
-namespace {
-constexpr size_t kGenNameCapacity = 255; // the longest name that file systems hold, less one
-}
 
 bool TQValidateGenerationName(const char *name)
 {
@@ -17,6 +15,6 @@ bool TQValidateGenerationName(const char *name)
 
 bool TQStringGetGenName(const TQString *name, char *buffer, TQError **error)
 {
-    if (buffer && TQStringGetFileSystemRepresentation(name, buffer, kGenNameCapacity)) return true;
+    if (buffer && TQStringGetFileSystemRepresentation(name, buffer, kGenerationNameLimit + 1)) return true;
     return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
 }

@@ -1,11 +1,13 @@
 // The generation archive, seen from inside.
 //
 // An archived item carries one byte that records what write protection took from it, and has no write bit left.
-// Always: the byte is written before the rights go, and gone before nobody needs it any more, so that at any
-// moment an item that lacks rights says which ones it had.
+// The byte is written before the write bits go, and goes only when they are back, so that at any moment an item that
+// lacks them says which ones it had. The flags that bar a change have to go before the byte is written: of a moved
+// document's top item the owner file tells them until then, of what is below it nobody does.
 
 #pragma once
 
+#include "Platform/FileStatus.h"
 #include "Platform/Item.h"
 #include "Platform/ItemId.h"
 #include "Platform/Volume.h"
@@ -17,11 +19,16 @@
 
 #include <optional>
 
-// The attributes that the store keeps on items.
+// The attributes that the store keeps on items of generations; a copy gets none of them.
 inline constexpr char kSavedPermissionsAttribute[] = "com.corvane.vaultry.orig_perms_v1"; // every archived item
 inline constexpr char kInfoAttribute[] = "com.corvane.vaultry.info";                      // top items only
 inline constexpr char kDisplayNameAttribute[] = "com.corvane.vaultry.origdisplayname";
 inline constexpr char kOptionsAttribute[] = "com.corvane.vaultry.gen_options";
+inline constexpr const char *kStoreAttributes[] = {kSavedPermissionsAttribute, kInfoAttribute, kDisplayNameAttribute,
+                                                   kOptionsAttribute};
+// Earlier versions noted with it, on a staging directory, where the document in it belongs. Read, and no longer
+// written.
+inline constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
 
 // The saved-permissions byte.
 enum : uint8_t {
@@ -32,19 +39,21 @@ enum : uint8_t {
     kSavedOtherWrite = 0x10,
 };
 inline constexpr mode_t kWriteBits = 0222;
-inline constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend; // neither chmod nor rename takes place
-inline constexpr uint8_t kSavedBits = 0x1f;                                  // all that there are
+inline constexpr uint8_t kSavedBits = 0x1f; // all that there are
 uint8_t SavedPermissionsOf(uint32_t mode, uint32_t flags);
 mode_t SavedWriteBits(uint8_t saved);
+uint32_t SavedFlags(uint8_t saved);
 
 // Files that hold attributes of the file beside them, where a volume has no room for those: named "._" and its name.
 bool IsSidecarName(const char *name);
 
-// TQCopyMutableInfoDictionary and TQCopyOriginalDisplayName of an item that its caller holds. Links are followed, as there.
+// TQCopyMutableInfoDictionary and TQCopyOriginalDisplayName of an item that its caller holds. Links are followed, as
+// there.
 TQDictionary *_CopyInfoDictionaryOf(const Item &item, TQError **error);
 TQString *_CopyDisplayNameOf(const Item &item, TQError **error);
 
-// TQSetGenerationOptions for a generation that its caller flushes.
+// _SetEAOnGeneration and TQSetGenerationOptions for a generation that its caller flushes.
+bool _WriteProtectedAttribute(const char *path, const char *name, const void *value, size_t size, TQError **error);
 bool _WriteGenerationOptions(const char *path, uint64_t options, TQError **error);
 
 // What the copy service's callback carries while adding.
@@ -106,6 +115,9 @@ struct HardLinkedFile {
 };
 bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *now, TQError **error);
 
+// How long the name of the original is, if `name` can be that of the copy which takes its place; else 0.
+size_t LengthOfLinkedName(const char *name);
+
 // What a by-moving add knew of its document before it took it.
 struct MovedDocument {
     // Mode and flags of its top item, if that is still `top`; else the record of permissions is all there is.
@@ -120,7 +132,3 @@ struct MovedDocument {
 // back to where it came from. Nothing at `home` is replaced. True also if there is nothing at `moved`. False if it
 // can't be moved: the item then lies where it was, and a line at level 3 says where.
 bool _GiveDocumentBack(const Item &moved, const Item &home, const MovedDocument &document);
-
-// Gives an item that may stand immutable, or a directory without owner write, what a rename to another
-// parent needs.
-bool _MakeMovable(const char *path, const TQFileStatus &status);

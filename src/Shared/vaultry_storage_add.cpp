@@ -4,9 +4,9 @@
 #include "Shared/vaultry_storage.h"
 
 #include "Platform/Attributes.h"
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Mounts.h"
-#include "Platform/ScopeExit.h"
 #include "Platform/TreeWalk.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_fs_wrappers.h"

@@ -21,11 +21,9 @@ namespace {
 
 using Kind = TreeWalk::Kind;
 
-constexpr uint32_t kProtectingFlags = kTQFlagImmutable | kTQFlagAppend;
-
 uint32_t LiftedFlags(const TQFileStatus &status)
 {
-    return status.flags & ~(kProtectingFlags | kTQFlagTracked);
+    return status.flags & ~(kBlockingFlags | kTQFlagTracked);
 }
 
 bool NeedsLifting(const TQFileStatus &status)
@@ -71,7 +69,7 @@ UniqueFd OpenForArchiving(const Item &item, const TQFileStatus &now)
     UniqueFd fd(openat(item.directory, item.name, access | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     TQFileStatus found;
     if (!fd || platform::GetStatusOfFd(fd.get(), &found) != 0) return UniqueFd();
-    if (found.device == now.device && found.inode == now.inode) return fd;
+    if (ItemId::Of(found) == ItemId::Of(now)) return fd;
     errno = ESTALE;
     return UniqueFd();
 }
@@ -79,7 +77,7 @@ UniqueFd OpenForArchiving(const Item &item, const TQFileStatus &now)
 bool StoreUncompressed(int fd, const Item &item, const TQFileStatus &status, TQError **error)
 {
     if ((status.flags & kTQFlagCompressed) == 0) return true;
-    const uint32_t flags = status.flags & ~(kTQFlagCompressed | kTQFlagTracked | kProtectingFlags);
+    const uint32_t flags = status.flags & ~(kTQFlagCompressed | kTQFlagTracked | kBlockingFlags);
     if (platform::SetFlagsOfFd(fd, flags) == 0) return true;
     return Failure(error).Errno("failed make path \"%s\" uncompressed", item.path);
 }
@@ -213,6 +211,12 @@ mode_t SavedWriteBits(uint8_t saved)
            ((saved & kSavedOtherWrite) ? 02U : 0U);
 }
 
+uint32_t SavedFlags(uint8_t saved)
+{
+    return ((saved & kSavedImmutable) ? uint32_t{kTQFlagImmutable} : 0) |
+           ((saved & kSavedAppend) ? uint32_t{kTQFlagAppend} : 0);
+}
+
 bool IsSidecarName(const char *name)
 {
     const char *last = strrchr(name, '/');
@@ -229,7 +233,8 @@ bool _ArchiveItemAt(const ArchivedItem &archived, const TQFileStatus &now, TQErr
     const Item &item = archived.item;
     if (NeedsLifting(archived.before) && !LiftPinned(archived, now, error)) return false;
 
-    // To open a device is to use it: some answer by rewinding a tape or by resetting the machine. None takes an attribute.
+    // To open a device is to use it: some answer by rewinding a tape or by resetting the machine. None takes an
+    // attribute.
     if (S_ISCHR(now.mode) || S_ISBLK(now.mode)) {
         errno = EPERM;
         return Failure(error).Errno("failed to save original permissions for \"%s\"", item.path);

@@ -21,9 +21,8 @@ namespace {
 // What a copy never gets, so that nothing has to be taken from it again.
 bool IsStoreAttribute(const char *name)
 {
-    constexpr const char *kOwn[] = {kSavedPermissionsAttribute, kInfoAttribute, kDisplayNameAttribute,
-                                    kOptionsAttribute};
-    return std::any_of(std::begin(kOwn), std::end(kOwn), [name](const char *own) { return strcmp(name, own) == 0; });
+    return std::any_of(std::begin(kStoreAttributes), std::end(kStoreAttributes),
+                       [name](const char *own) { return strcmp(name, own) == 0; });
 }
 
 struct RestoredRights {
@@ -39,9 +38,7 @@ bool ReadRestoredRights(const DuplixFinished &item, RestoredRights *rights)
     const mode_t mode = item.status.mode & 07777;
     const uint32_t flags = item.status.flags & ~uint32_t{kTQFlagImmutable};
     if (length == 1) {
-        const uint32_t immutable = (saved & kSavedImmutable) ? kTQFlagImmutable : 0;
-        const uint32_t append = (saved & kSavedAppend) ? kTQFlagAppend : 0;
-        *rights = {mode | SavedWriteBits(saved), flags | immutable | append};
+        *rights = {mode | SavedWriteBits(saved), flags | SavedFlags(saved)};
         return true;
     }
     *rights = {mode | 0200, flags};
@@ -55,7 +52,8 @@ bool Unarchive(const DuplixFinished &item, const char *path, TQError **error)
     if (!ReadRestoredRights(item, &rights))
         return Failure(error).Errno("Failed to retrieve original perms from xattr on item \"%s\"", path);
 
-    // An immutable item refuses chmod, and a directory without owner write could not even be removed if this goes wrong.
+    // An immutable item refuses chmod, and a directory without owner write could not even be removed if this goes
+    // wrong.
     uint32_t flags = item.status.flags;
     if ((flags & kTQFlagImmutable) != 0) {
         flags &= ~uint32_t{kTQFlagImmutable};

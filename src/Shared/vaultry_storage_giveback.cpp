@@ -7,13 +7,14 @@
 #include "Shared/vaultry_storage.h"
 
 #include "Platform/Attributes.h"
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/FileStatus.h"
 #include "Platform/ProcPath.h"
 #include "Platform/Rename.h"
-#include "Platform/ScopeExit.h"
+#include "Platform/Times.h"
 #include "Platform/TreeWalk.h"
-#include "Platform/UniqueNames.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_storage_lift.h"
 
 #include <cerrno>
 #include <climits>
@@ -25,13 +26,6 @@
 namespace {
 
 using Kind = TreeWalk::Kind;
-
-constexpr size_t kUniqueLength = 6; // behind "_", in the name of a copy that replaces a hard link
-
-bool IsBefore(const struct timespec &a, const struct timespec &b)
-{
-    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
-}
 
 struct Rights {
     mode_t mode;
@@ -52,10 +46,8 @@ bool GetRightsOfBefore(const Item &item, const TreeWalk::Entry &entry, const Mov
         *rights = {static_cast<mode_t>((entry.status.mode & 07777U & ~kWriteBits) | (document.topMode & kWriteBits)),
                    others | (document.topFlags & kBlockingFlags)}; // no other bit was taken
     else
-        *rights = {(entry.status.mode & 07777U & ~kWriteBits) | SavedWriteBits(saved),
-                   others | ((saved & kSavedImmutable) ? uint32_t{kTQFlagImmutable} : 0) |
-                       ((saved & kSavedAppend) ? uint32_t{kTQFlagAppend} : 0)};
-    return isTop || (*isRecorded && !IsBefore(entry.status.changeTime, document.since));
+        *rights = {(entry.status.mode & 07777U & ~kWriteBits) | SavedWriteBits(saved), others | SavedFlags(saved)};
+    return isTop || (*isRecorded && !platform::IsBefore(entry.status.changeTime, document.since));
 }
 
 // Best effort, item by item: what can't be undone stays protected, and its byte still says what it had.
@@ -85,15 +77,13 @@ void UndoArchiving(const TreeWalk::Entry &entry, const MovedDocument &document)
 bool IsLinkCopy(const TreeWalk::Entry &entry, const MovedDocument &document)
 {
     const char *const name = entry.item.name;
-    const size_t length = strlen(name);
-    if (entry.kind != Kind::File || length <= kUniqueLength + 1 || name[length - kUniqueLength - 1] != '_')
-        return false;
-    if (strspn(name + length - kUniqueLength, platform::kUniqueAlphabet) != kUniqueLength) return false;
-    const bool isYoung = entry.status.hasBirthTime && !IsBefore(entry.status.birthTime, document.since);
+    const size_t length = LengthOfLinkedName(name);
+    if (entry.kind != Kind::File || length == 0) return false;
+    const bool isYoung = entry.status.hasBirthTime && !platform::IsBefore(entry.status.birthTime, document.since);
     if (entry.status.linkCount != 1 || !isYoung || document.since.tv_sec == 0) return false;
 
     char original[NAME_MAX + 1];
-    (void)snprintf(original, sizeof original, "%.*s", static_cast<int>(length - kUniqueLength - 1), name);
+    (void)snprintf(original, sizeof original, "%.*s", static_cast<int>(length), name);
     TQFileStatus status;
     return platform::GetStatus({entry.item.directory, original, original}, Links::NoFollow, &status) == 0 &&
            S_ISREG(status.mode) && status.linkCount > 1;
@@ -134,22 +124,7 @@ void PutBackRights(const Item &item, const TQFileStatus &status)
         Failure(nullptr).Errno("Failed to put the flags of \"%s\" back", item.path);
 }
 
-bool MakePinnedMovable(int fd, const TQFileStatus &status)
-{
-    if (platform::SetFlagsOfPinned(fd, status, status.flags & ~kBlockingFlags) != 0) return false;
-    return !S_ISDIR(status.mode) || (status.mode & 0200) != 0 ||
-           platform::SetModeOfPinned(fd, (status.mode | 0200) & 07777) == 0;
-}
-
 } // namespace
-
-bool _MakeMovable(const char *path, const TQFileStatus &status)
-{
-    const bool isMovable = (status.flags & kBlockingFlags) == 0 && (!S_ISDIR(status.mode) || (status.mode & 0200) != 0);
-    if (isMovable) return true;
-    const UniqueFd pinned = platform::PinItem(Item::AtPath(path), status);
-    return pinned && MakePinnedMovable(pinned.get(), status);
-}
 
 bool _GiveDocumentBack(const Item &moved, const Item &home, const MovedDocument &document)
 {
@@ -165,7 +140,7 @@ bool _GiveDocumentBack(const Item &moved, const Item &home, const MovedDocument 
 
     known = platform::GetStatus(moved, Links::NoFollow, &status) == 0;
     const UniqueFd pinned = known ? platform::PinItem(moved, status) : UniqueFd();
-    if (pinned) (void)MakePinnedMovable(pinned.get(), status); // the rename tells whether it was enough
+    if (pinned) (void)_MakePinnedMovable(pinned.get(), status); // the rename tells whether it was enough
     const bool isHome = platform::RenameIntoNothing(moved, known ? ItemId::Of(status) : ItemId(), home) == 0;
     if (!isHome)
         Failure(nullptr).Errno("Failed to give the document back to \"%s\"; it lies at \"%s\"", home.path, moved.path);

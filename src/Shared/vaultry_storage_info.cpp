@@ -6,7 +6,7 @@
 #include "Shared/vaultry_storage.h"
 
 #include "Platform/Attributes.h"
-#include "Platform/ScopeExit.h"
+#include "Platform/ErrnoKeeper.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
 

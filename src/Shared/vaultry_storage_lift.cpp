@@ -1,10 +1,12 @@
 #include "Shared/vaultry_storage_lift.h"
 
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/FileStatus.h"
-#include "Platform/ScopeExit.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_storage.h"
 
 #include <cerrno>
+#include <sys/stat.h>
 
 bool LiftedGeneration::Look()
 {
@@ -50,4 +52,19 @@ LiftedGeneration::~LiftedGeneration()
         Failure(nullptr).Errno("Failed to revert permissions on generation root at \"%s\"", path_);
     if (flagTaken_ && platform::SetFlags(item, Links::NoFollow, before_.flags) != 0)
         Failure(nullptr).Errno("Failed to revert flags on generation root at \"%s\"", path_);
+}
+
+bool _MakePinnedMovable(int fd, const TQFileStatus &status)
+{
+    if (platform::SetFlagsOfPinned(fd, status, status.flags & ~kBlockingFlags) != 0) return false;
+    return !S_ISDIR(status.mode) || (status.mode & 0200) != 0 ||
+           platform::SetModeOfPinned(fd, (status.mode | 0200) & 07777) == 0;
+}
+
+bool _MakeMovable(const char *path, const TQFileStatus &status)
+{
+    const bool isMovable = (status.flags & kBlockingFlags) == 0 && (!S_ISDIR(status.mode) || (status.mode & 0200) != 0);
+    if (isMovable) return true;
+    const UniqueFd pinned = platform::PinItem(Item::AtPath(path), status);
+    return pinned && _MakePinnedMovable(pinned.get(), status);
 }

@@ -24,10 +24,12 @@
 
 namespace {
 
+constexpr char kSuffix[] = "_XXXXXX"; // of the copy's name
+
 // Whether what was found is the file that the walk described; else ESTALE.
 bool IsDescribed(const TQFileStatus &found, const HardLinkedFile &file)
 {
-    const bool isSame = found.device == file.status.device && found.inode == file.status.inode;
+    const bool isSame = ItemId::Of(found) == ItemId::Of(file.status);
     if (!isSame) errno = ESTALE;
     return isSame;
 }
@@ -51,8 +53,8 @@ public:
         known_ = platform::GetStatus(parent_, Links::Follow, &before_) == 0;
         if (geteuid() == 0) return true; // modes do not stop root
         if (!known_) return Fail(error);
-        if ((before_.mode & 0222) == 0) {
-            if (platform::SetMode(parent_, Links::Follow, (before_.mode | 0222) & 07777) != 0) return Fail(error);
+        if ((before_.mode & kWriteBits) == 0) {
+            if (platform::SetMode(parent_, Links::Follow, (before_.mode | kWriteBits) & 07777) != 0) return Fail(error);
             modeChanged_ = true;
         }
         if ((before_.flags & kBlockingFlags) != 0) {
@@ -98,8 +100,8 @@ public:
     bool Name(const Item &item, TQError **error)
     {
         // The name is never longer than the path.
-        if (path_.Format("%s_XXXXXX", item.path) && name_.Format("%s_XXXXXX", item.name)) return true;
-        return Failure(error).Status(kTQStatusBadPath, "temporary path \"%s_XXXXXX\" too long", item.path);
+        if (path_.Format("%s%s", item.path, kSuffix) && name_.Format("%s%s", item.name, kSuffix)) return true;
+        return Failure(error).Status(kTQStatusBadPath, "temporary path \"%s%s\" too long", item.path, kSuffix);
     }
 
     bool Make(const Item &item, TQError **error)
@@ -168,6 +170,15 @@ Item ParentOf(const HardLinkedFile &file, const char *parentPath)
 }
 
 } // namespace
+
+size_t LengthOfLinkedName(const char *name)
+{
+    const char *const unique = strrchr(name, kSuffix[0]);
+    constexpr size_t length = sizeof kSuffix - 2;
+    const bool isCopy =
+        unique && strlen(unique + 1) == length && strspn(unique + 1, platform::kUniqueAlphabet) == length;
+    return isCopy ? static_cast<size_t>(unique - name) : 0;
+}
 
 bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *now, TQError **error)
 {

@@ -1,5 +1,5 @@
-// Attributes of a generation: how one is written through the item's write protection, the display name and the options
-// word. The info dictionary has a file of its own.
+// Attributes of a generation: how one is written through the item's write protection, and the display name. The info
+// dictionary and the options word have files of their own.
 
 #include "Shared/vaultry_storage.h"
 
@@ -17,8 +17,6 @@
 namespace {
 
 constexpr size_t kDisplayNameCapacity = 768; // its zero included
-constexpr uint64_t kStoredOptionBits = 0x1e; // a word without any of them is not stored
-constexpr uint64_t kDefaultOptions = 1;
 
 // A link that somebody put into the store takes no attribute, and its target is not ours to lift.
 bool LiftForChange(LiftedGeneration &item, const char *path, TQError **error)
@@ -45,8 +43,9 @@ bool WriteAttribute(const char *path, const char *name, const void *value, size_
     return Failure(error).Errno("setxattr(\"%s\") failed", path);
 }
 
-// Attribute and protection; the caller flushes them.
-bool WriteProtectedAttribute(const char *path, const char *name, const void *value, size_t size, TQError **error)
+} // namespace
+
+bool _WriteProtectedAttribute(const char *path, const char *name, const void *value, size_t size, TQError **error)
 {
     if (!name) return Failure(error).Refused(kTQStatusInvalidArgument, "no attribute name was supplied");
     if (geteuid() == 0) return WriteAttribute(path, name, value, size, error); // modes do not stop root
@@ -55,12 +54,10 @@ bool WriteProtectedAttribute(const char *path, const char *name, const void *val
     return LiftForChange(lifted, path, error) && WriteAttribute(path, name, value, size, error);
 }
 
-} // namespace
-
 bool _SetEAOnGeneration(const char *path, const char *name, const void *value, size_t size, TQError **error)
 {
     if (!path) path = "";
-    return WriteProtectedAttribute(path, name, value, size, error) && _FlushItem(path, error);
+    return _WriteProtectedAttribute(path, name, value, size, error) && _FlushItem(path, error);
 }
 
 bool TQSetOriginalDisplayName(const char *path, const TQString *name, TQError **error)
@@ -96,25 +93,4 @@ TQString *_CopyDisplayNameOf(const Item &item, TQError **error)
         return Failure(error).Status(kTQStatusFailed,
                                      "Could not create string from original display name xattr at path \"%s\"\n", path);
     return name;
-}
-
-bool _WriteGenerationOptions(const char *path, uint64_t options, TQError **error)
-{
-    if ((options & kStoredOptionBits) == 0) return WriteProtectedAttribute(path, kOptionsAttribute, nullptr, 0, error);
-    return WriteProtectedAttribute(path, kOptionsAttribute, &options, sizeof options, error);
-}
-
-bool TQSetGenerationOptions(const char *path, uint64_t options, TQError **error)
-{
-    if (!path) path = "";
-    return _WriteGenerationOptions(path, options, error) && _FlushItem(path, error);
-}
-
-uint64_t TQGetGenerationOptions(const char *path)
-{
-    uint64_t options = 0;
-    const ssize_t length = platform::GetAttribute(Item::AtPath(path ? path : ""), Links::NoFollow, kOptionsAttribute,
-                                                  &options, sizeof options);
-    if (length < 0) return errno == ENODATA ? kDefaultOptions : 0;
-    return length == sizeof options ? options : 0;
 }

@@ -1,5 +1,6 @@
 #include "Platform/UniqueNames.h"
 
+#include "Platform/ScopeExit.h"
 #include "Platform/UniqueFd.h"
 #include "support/Disk.h"
 

@@ -74,8 +74,8 @@ std::string MayLack(int call, int error)
     return error == ENOTSUP || error == EPERM ? " flags \\d+| \\S*orig_perms_v1=\\d+" : ""; // which records flags too
 }
 
-// A row has five cells that are read: where what lies, in three places, what a repair finds, and what it leaves. In a cell
-// "or" parts what may be; "perhaps" is before what need not be found.
+// A row has five cells that are read: where what lies, in three places, what a repair finds, and what it leaves. In a
+// cell "or" parts what may be; "perhaps" is before what need not be found.
 struct KillTable {
     std::vector<std::vector<std::string>> rows;
     std::vector<bool> met;

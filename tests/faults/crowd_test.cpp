@@ -1,5 +1,5 @@
-// A crowd in one store: processes that add, remove and set, killed at any moment; threads that read, query, copy out and
-// write beside them. Every reader sees whole generations and moments that were, and in the end the store is well.
+// A crowd in one store: processes that add, remove and set, killed at any moment; threads that read, query, copy out
+// and write beside them. Every reader sees whole generations and moments that were, and in the end the store is well.
 
 #include "Platform/SystemLog.h"
 #include "support/Tests.h"

@@ -3,6 +3,7 @@
 // say is in messages.txt.
 
 #include "Runtime/Values.h"
+#include "Shared/vaultry_storage.h"
 #include "faults/Sweep.h"
 
 namespace {
@@ -66,7 +67,7 @@ TEST_P(FaultsWhile, CopyingOut)
         SetFlags(kept + "/twin");
         chmod(kept.c_str(), 0755);
         const char *wasImmutable = GetParam() == As::Capable ? "\5" : "\4";
-        disk::SetAttribute(kept, "com.corvane.vaultry.orig_perms_v1", wasImmutable);
+        disk::SetAttribute(kept, kSavedPermissionsAttribute, wasImmutable);
         chmod(kept.c_str(), 0555);
         disk::SetFlags(kept, FS_NODUMP_FL);
     };

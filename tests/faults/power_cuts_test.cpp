@@ -17,10 +17,11 @@ namespace {
 
 using Document = TestStore::Document;
 
-// The power of the volume at `path` fails and comes back: what had not reached its disk is gone, with or without what its
-// journal holds of the last seconds. By the file system's own shutdown; the disk itself loses nothing that it was given,
-// so this tells whether everything was handed to it, not whether its cache was emptied. Btrfs has no such call, tmpfs no
-// disk. Nobody has anything open there; the device, which would go with its last mount, is kept open meanwhile.
+// The power of the volume at `path` fails and comes back: what had not reached its disk is gone, with or without what
+// its journal holds of the last seconds. By the file system's own shutdown; the disk itself loses nothing that it was
+// given, so this tells whether everything was handed to it, not whether its cache was emptied. Btrfs has no such call,
+// tmpfs no disk. Nobody has anything open there; the device, which would go with its last mount, is kept open
+// meanwhile.
 bool CutPower(const std::string &path, bool losesJournal)
 {
     const std::string how = losesJournal ? "" : "-f", disk = "disk=$(findmnt -no SOURCE " + path + "); exec 3<$disk; ";

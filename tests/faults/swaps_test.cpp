@@ -4,6 +4,7 @@
 // else's, and who repairs them root.
 
 #include "Platform/UniqueFd.h"
+#include "Shared/vaultry_storage.h"
 #include "support/Tests.h"
 
 #include <vaultry/vaultry.hpp>
@@ -115,8 +116,8 @@ void MakeDead(const TestStore &store)
     EXPECT_FALSE(disk::Exists(moving));
     EXPECT_EQ(disk::List(store / "desk").size(), 2U);
     const std::string moved = disk::MakeDirectory(store.Staging() + "/Moved00");
-    disk::SetAttribute(moved, "com.corvane.vaultry.moved_from", store / "home");
-    MakeTree(moved + "/staged", "\4", "com.corvane.vaultry.orig_perms_v1", 0222);             // had owner write
+    disk::SetAttribute(moved, kMovedFromAttribute, store / "home");
+    MakeTree(moved + "/staged", "\4", kSavedPermissionsAttribute, 0222);                      // had owner write
     for (const auto &level : kLevels) chmod((store.Generation("old") + level).c_str(), 0755); // to be mended
 }
 

@@ -1,5 +1,5 @@
-// Property lists from anybody: whatever the bytes, no crash and no endless work. They are refused with a reason, or they
-// are a value that can be written, read again and is still the same.
+// Property lists from anybody: whatever the bytes, no crash and no endless work. They are refused with a reason, or
+// they are a value that can be written, read again and is still the same.
 
 #include "Runtime/Values.h"
 #include "fuzz/Fuzz.h"

@@ -1,7 +1,8 @@
 // Whole stores made by somebody else: any kind of item at any place of a store, with any mode and any attributes; and
-// queries by anybody. Every operation answers, leaks no descriptor, and touches nothing outside the store but what a note
-// says belongs there.
+// queries by anybody. Every operation answers, leaks no descriptor, and touches nothing outside the store but what a
+// note says belongs there.
 
+#include "Shared/vaultry_storage.h"
 #include "fuzz/Fuzz.h"
 #include "support/Identity.h"
 #include "support/Store.h"
@@ -35,7 +36,7 @@ const std::vector<std::string> kItems = [] {
                              ".vaultry_staging/AAAAAAA .vaultry_staging/AAAAAAA/staged .vaultry_staging/BBBBBBB .hid");
     return std::vector<std::string>(std::istream_iterator<std::string>(words), {});
 }();
-const std::string kAttributes[] = {"orig_perms_v1", "info", "origdisplayname", "gen_options", "moved_from"};
+constexpr size_t kNote = std::size(kStoreAttributes), kMode = kNote + 1; // what is changed, if it is no attribute
 
 class HostileStore {
 public:
@@ -74,16 +75,18 @@ private:
     void Change(const std::string &item, unsigned act, std::string text) const
     {
         const std::string path = root + "/" + item;
-        const size_t attribute = act % 8;
-        if (attribute == 4) text = home + "/" + text; // a note may name any place, and is believed
-        if (attribute == 4 && text.find("..") != std::string::npos) return;
-        if (attribute == 5)
+        const size_t what = act % (kMode + 3);
+        if (what == kNote) text = home + "/" + text; // it may name any place, and is believed
+        if (what == kNote && text.find("..") != std::string::npos) return;
+        if (what == kMode)
             (void)fchmodat(AT_FDCWD, path.c_str(), act * 73 & 07777, AT_SYMLINK_NOFOLLOW);
-        else if (attribute > 5)
+        else if (what > kMode)
             MakeItem(item, act / 8 % 9);
         else
-            (void)lsetxattr(path.c_str(), ("user.com.corvane.vaultry." + kAttributes[attribute]).c_str(), text.data(),
-                            text.size(), 0);
+            (void)lsetxattr(
+                path.c_str(),
+                (std::string("user.") + (what == kNote ? kMovedFromAttribute : kStoreAttributes[what])).c_str(),
+                text.data(), text.size(), 0);
     }
 };
 

@@ -11,6 +11,7 @@
 #include "Platform/UniqueFd.h"
 #include "Shared/vaultry_fs_wrappers.h"
 #include "Shared/vaultry_internal.h"
+#include "Shared/vaultry_internal_names.h"
 #include "Shared/vaultry_storage.h"
 #include "TQLibrary.h"
 #include "support/Disk.h"
@@ -86,8 +87,9 @@ void Show(const std::string &path)
     for (const auto &[flag, letter] : letters)
         if ((disk::Flags(path) & flag) != 0) flags.push_back(letter);
     std::cout << (flags.size() > 2 ? flags : "");
-    for (const char *name : {"com.corvane.vaultry.orig_perms_v1", "com.corvane.vaultry.info",
-                             "com.corvane.vaultry.origdisplayname", "com.corvane.vaultry.gen_options", "own"})
+    std::vector<const char *> names(std::begin(kStoreAttributes), std::end(kStoreAttributes));
+    names.push_back("own");
+    for (const char *name : names)
         if (const auto value = disk::Attribute(path, name))
             std::cout << ' ' << name + (strrchr(name, '.') ? strrchr(name, '.') - name + 1 : 0) << '=' << Shown(*value);
     if (S_ISREG(status.st_mode) && status.st_size > 0) std::cout << " holds " << Shown(disk::Read(path));
@@ -118,8 +120,8 @@ bool Walk(const Words &w, TQError **)
     return true;
 }
 
-// What the copy service tells its client, a line each; at the line that is the third word the fourth is done: "skip" and
-// "quit" are answers, anything else is a command of the shell.
+// What the copy service tells its client, a line each; at the line that is the third word the fourth is done: "skip"
+// and "quit" are answers, anything else is a command of the shell.
 bool Copy(const Words &w, TQError **)
 {
     const auto hear = [](int what, int stage, DuplixState *, const char *source, const char *, void *context) {
@@ -218,7 +220,7 @@ const std::map<std::string, Function> kFunctions = {
     {"validate-name", [](const Words &w, TQError **error) { return validateTQName(String(w[0]).get(), error); }},
     {"generation-name",
      [](const Words &w, TQError **error) {
-         char buffer[255];
+         char buffer[kGenerationNameLimit + 1];
          const bool done = TQStringGetGenName(String(w[0]).get(), buffer, error);
          return Say(TQValidateGenerationName(w[0]) ? "valid " : "invalid ", done ? buffer : "-") && done;
      }},

@@ -57,7 +57,8 @@ private:
     std::string path_;
 };
 
-// A volume in memory for tests that make thousands of stores; "", the usual place, where it can't hold what a store needs.
+// A volume in memory for tests that make thousands of stores; "", the usual place, where it can't hold what a store
+// needs.
 const std::string &QuickVolume();
 
 // Everything that is known of a tree, in a form that compares and prints.

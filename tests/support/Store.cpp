@@ -1,5 +1,7 @@
 #include "support/Store.h"
 
+#include "Shared/vaultry_storage.h"
+
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/file.h>
@@ -29,7 +31,7 @@ static void ExpectProtected(const std::string &path)
 {
     SCOPED_TRACE(path);
     EXPECT_EQ(disk::Mode(path) & 0222U, 0U);
-    EXPECT_EQ(disk::Attribute(path, "com.corvane.vaultry.orig_perms_v1").value_or("").size(), 1U);
+    EXPECT_EQ(disk::Attribute(path, kSavedPermissionsAttribute).value_or("").size(), 1U);
     for (const auto &name : disk::List(path))
         if (name.rfind("._", 0) != 0) ExpectProtected(path + "/" + name);
 }

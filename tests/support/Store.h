@@ -41,8 +41,8 @@ public:
 
     // What holds after any operation, failed or not: every listed generation is whole and write-protected, with its
     // record of permissions; the root is protected; staging is empty; the lock is free; the next operations work.
-    // After a kill staging may be filled and what was worked on, `lifted`, unprotected, until a repair has mended it: all
-    // of it, but for copies that clients asked for, and findings of the kind `stays`.
+    // After a kill staging may be filled and what was worked on, `lifted`, unprotected, until a repair has mended it:
+    // all of it, but for copies that clients asked for, and findings of the kind `stays`.
     void CheckInvariants(const std::string &lifted = "", bool killed = false, const std::string &stays = "");
 
 private:

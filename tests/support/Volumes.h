@@ -14,7 +14,9 @@ struct TestVolume {
     std::string whyNot; // the reason
 };
 
-// "ext4", "xfs", "btrfs" or "tmpfs". Made on first use and kept.
+inline constexpr const char *kVolumeTypes[] = {"ext4", "xfs", "btrfs", "tmpfs"};
+
+// One of them. Made on first use and kept.
 const TestVolume &VolumeOfType(const std::string &type);
 
 // A fixture of tests that run on each type, in a directory of their own.
@@ -34,5 +36,5 @@ private:
 };
 
 #define INSTANTIATE_ON_EACH_VOLUME(suite)                                                                              \
-    INSTANTIATE_TEST_SUITE_P(On, suite, testing::Values("ext4", "xfs", "btrfs", "tmpfs"),                              \
+    INSTANTIATE_TEST_SUITE_P(On, suite, testing::ValuesIn(kVolumeTypes),                                               \
                              [](const auto &each) { return std::string(each.param); })

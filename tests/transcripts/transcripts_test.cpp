@@ -39,8 +39,7 @@ struct Section {
 };
 
 using Conditions = std::set<std::string>;
-constexpr const char *kTypes[] = {"ext4", "xfs", "btrfs", "tmpfs"},
-                     *kMeasured[] = {"flags", "compression", "mount", "inode", "tracing", "namespaces", "fuse"};
+constexpr const char *kMeasured[] = {"flags", "compression", "mount", "inode", "tracing", "namespaces", "fuse"};
 
 // What this user meets in a directory there; "" is the usual place.
 Conditions ConditionsAt(const std::string &place, As who)
@@ -175,7 +174,7 @@ TEST_P(Transcripts, Hold)
     const auto &[name, who] = GetParam();
     if (!CanBe(who)) GTEST_SKIP() << "this process can't be " << NameOf(who);
     std::map<std::string, std::string> places = {{"", ""}}; // by type
-    for (const char *type : kTypes)
+    for (const char *type : kVolumeTypes)
         if (const std::string place = VolumeOfType(type).path; !place.empty()) places[type] = place;
     const Impersonate identity(who);
     const std::string file = kFolder + "/" + name + ".txt";
@@ -191,7 +190,7 @@ TEST_P(Transcripts, Hold)
     const Conditions here = ConditionsAt("", who);
     for (const char *condition : kMeasured)
         if (who == As::Root && here.count(condition) == 0) GTEST_SKIP() << "not played without: " << condition;
-    for (const char *type : kTypes)
+    for (const char *type : kVolumeTypes)
         if (who == As::Root && places.count(type) == 0) GTEST_SKIP() << "not played on: " << type;
 }
 INSTANTIATE_TEST_SUITE_P(Of, Transcripts,

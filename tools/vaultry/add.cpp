@@ -13,6 +13,7 @@
 #include "space.h"
 #include "store.h"
 #include "text.h"
+#include "times.h"
 
 #include <vaultry/filesystem.h>
 #include <vaultry/status.h>

@@ -157,8 +157,8 @@ class Formatter : public CLI::Formatter {
 public:
     std::string make_option_usage(const CLI::Option *option) const override
     {
-        const bool isCounted = option->get_expected_max() == 2;
-        return isCounted ? make_option_name(option, /*is_positional=*/true) : CLI::Formatter::make_option_usage(option);
+        const bool namesTwo = option->get_expected_max() == 2;
+        return namesTwo ? make_option_name(option, /*is_positional=*/true) : CLI::Formatter::make_option_usage(option);
     }
 };
 
@@ -183,6 +183,42 @@ static CLI::App *_AddCommand(CLI::App &app, Arguments &arguments, Command comman
 static void _AddJson(CLI::App *command, Arguments &arguments)
 {
     command->add_flag("--json", arguments.json, "Print JSON, one object a line");
+}
+
+static void _DefineAdd(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *add = _AddCommand(app, arguments, Command::Add, "add", "Keep documents as they are now", kAddFooter);
+    add->add_option("DOCUMENT", arguments.documents, "What to keep")->required()->option_text("...");
+    add->add_flag("--move", arguments.move, "Move the document into the store instead of copying it");
+    CLI::Option *name = add->add_option("--name", arguments.newName, "What to call the generation (one DOCUMENT only)");
+    name->option_text("NAME");
+    _AddJson(add, arguments);
+}
+
+static void _DefineList(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *list = _AddCommand(app, arguments, Command::List, "list", "Show what is kept", kListFooter);
+    list->add_option("DOCUMENT", arguments.document, "Only generations of this document")->option_text(" ");
+    list->add_flag("--long", arguments.longList, "Show options and display names too");
+    list->add_option("--client", arguments.client, "Only generations of this client: draftline or nimbusync")
+        ->option_text("CLIENT")
+        ->check(CLI::IsMember({"draftline", "nimbusync"}));
+    list->add_option("--with-options", arguments.withOptions, "Only with one of these option bits")
+        ->option_text("WORD");
+    list->add_option("--without-options", arguments.withoutOptions, "Only with none of these option bits")
+        ->option_text("WORD");
+    _AddJson(list, arguments);
+}
+
+static void _DefineSet(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *set = _AddCommand(app, arguments, Command::Set, "set", "Change what is known of one", kSetFooter);
+    set->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
+    set->add_option("KEY=VALUE", arguments.assignments, "What to set in its info dictionary")->option_text("...");
+    set->add_option("--unset", arguments.unset, "Remove a key")->option_text("KEY")->expected(1)->take_all();
+    set->add_option("--display-name", arguments.displayName, "What to show the document as; \"\" for nothing")
+        ->option_text("NAME");
+    set->add_option("--options", arguments.options, "The options word, such as 0x4")->option_text("WORD");
 }
 
 // NAME DOCUMENT, or DOCUMENT alone with --latest or --at.
@@ -215,29 +251,23 @@ static void _SortOutRestore(Arguments &arguments)
     if (wanted == 2) arguments.name = arguments.names.front();
 }
 
+static void _DefineCompletion(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *completion = _AddCommand(app, arguments, Command::Completion, "completion",
+                                       "Print the completions of a shell", kCompletionFooter);
+    completion->add_option("SHELL", arguments.shell, "bash, zsh or fish")
+        ->required()
+        ->option_text(" ")
+        ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+}
+
 static void _DefineCommands(CLI::App &app, Arguments &arguments)
 {
     _AddCommand(app, arguments, Command::Init, "init", "Make a store", kInitFooter);
 
-    CLI::App *add = _AddCommand(app, arguments, Command::Add, "add", "Keep documents as they are now", kAddFooter);
-    add->add_option("DOCUMENT", arguments.documents, "What to keep")->required()->option_text("...");
-    add->add_flag("--move", arguments.move, "Move the document into the store instead of copying it");
-    CLI::Option *name = add->add_option("--name", arguments.newName, "What to call the generation (one DOCUMENT only)");
-    name->option_text("NAME");
-    _AddJson(add, arguments);
+    _DefineAdd(app, arguments);
 
-    CLI::App *list = _AddCommand(app, arguments, Command::List, "list", "Show what is kept", kListFooter);
-    list->add_option("DOCUMENT", arguments.document, "Only generations of this document")->option_text(" ");
-
-    list->add_flag("--long", arguments.longList, "Show options and display names too");
-    list->add_option("--client", arguments.client, "Only generations of this client: draftline or nimbusync")
-        ->option_text("CLIENT")
-        ->check(CLI::IsMember({"draftline", "nimbusync"}));
-    list->add_option("--with-options", arguments.withOptions, "Only with one of these option bits")
-        ->option_text("WORD");
-    list->add_option("--without-options", arguments.withoutOptions, "Only with none of these option bits")
-        ->option_text("WORD");
-    _AddJson(list, arguments);
+    _DefineList(app, arguments);
 
     CLI::App *show = _AddCommand(app, arguments, Command::Show, "show", "Show all of one generation", kShowFooter);
     show->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
@@ -247,7 +277,6 @@ static void _DefineCommands(CLI::App &app, Arguments &arguments)
         _AddCommand(app, arguments, Command::Copy, "copy", "Bring a generation back as a document", kCopyFooter);
     copy->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
     copy->add_option("DESTINATION", arguments.destination, "Where to")->required()->option_text(" ");
-
     _AddJson(copy, arguments);
 
     _DefineRestore(app, arguments);
@@ -257,13 +286,7 @@ static void _DefineCommands(CLI::App &app, Arguments &arguments)
     diff->add_option("OTHER", arguments.other, "A document, or another generation")->option_text(" ");
     _AddJson(diff, arguments);
 
-    CLI::App *set = _AddCommand(app, arguments, Command::Set, "set", "Change what is known of one", kSetFooter);
-    set->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
-    set->add_option("KEY=VALUE", arguments.assignments, "What to set in its info dictionary")->option_text("...");
-    set->add_option("--unset", arguments.unset, "Remove a key")->option_text("KEY")->expected(1)->take_all();
-    set->add_option("--display-name", arguments.displayName, "What to show the document as; \"\" for nothing")
-        ->option_text("NAME");
-    set->add_option("--options", arguments.options, "The options word, such as 0x4")->option_text("WORD");
+    _DefineSet(app, arguments);
 
     CLI::App *remove =
         _AddCommand(app, arguments, Command::Remove, "remove", "Remove generations from the store", kRemoveFooter);
@@ -278,12 +301,7 @@ static void _DefineCommands(CLI::App &app, Arguments &arguments)
                                     "Remove the whole store with all generations", kDestroyFooter);
     destroy->add_flag("--yes", arguments.yes, "Don't ask");
 
-    CLI::App *completion = _AddCommand(app, arguments, Command::Completion, "completion",
-                                       "Print the completions of a shell", kCompletionFooter);
-    completion->add_option("SHELL", arguments.shell, "bash, zsh or fish")
-        ->required()
-        ->option_text(" ")
-        ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+    _DefineCompletion(app, arguments);
 }
 
 std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)

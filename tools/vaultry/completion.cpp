@@ -92,7 +92,7 @@ public:
 
     void Print() const
     {
-        puts(also_);
+        puts(shellAdds_);
         for (const std::string &candidate : candidates_) puts(candidate.c_str());
     }
 
@@ -120,8 +120,8 @@ private:
                      const std::string &word)
     {
         const Values values = _ValuesOf(name);
-        if (values == Values::Files || values == Values::GenerationsAndFiles) also_ = "files";
-        if (values == Values::Directories) also_ = "directories";
+        if (values == Values::Files || values == Values::GenerationsAndFiles) shellAdds_ = "files";
+        if (values == Values::Directories) shellAdds_ = "directories";
         for (const std::string &choice : _Choices(option)) Offer(prefix + choice, word);
         // Without the store's lock, which may be held as long as somebody adds a big document.
         if (values == Values::Generations || values == Values::GenerationsAndFiles)
@@ -140,7 +140,7 @@ private:
     int arguments_ = 0;                     // of the command, so far
     bool optionsMayCome_ = true;
     std::optional<std::string> store_;
-    const char *also_ = "words";
+    const char *shellAdds_ = "words";
     std::vector<std::string> candidates_;
 };
 

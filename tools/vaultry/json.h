@@ -9,7 +9,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -25,13 +24,3 @@ void PutBytes(Json &object, const char *key, std::string_view bytes);
 
 // One object a line.
 void PrintLine(const Json &json);
-
-// UTC, with as many digits of the second as it needs.
-std::string IsoTime(double secondsSince1970);
-
-// What a time stands for that was given no more exactly than to the day, the minute, the second, or a part of it.
-enum class Moment { First, Last };
-
-// "2026-03-01", "2026-03-01 10:15", "2026-03-01T10:15:30.25Z": local time unless it ends in "Z". None if it can't
-// be read, or the calendar has no such day.
-std::optional<double> ParseTime(const std::string &text, Moment moment);

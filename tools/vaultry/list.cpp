@@ -6,6 +6,7 @@
 #include "json.h"
 #include "store.h"
 #include "text.h"
+#include "times.h"
 
 #include <vaultry/archive.h>
 #include <vaultry/number.h>

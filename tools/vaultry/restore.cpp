@@ -11,6 +11,7 @@
 #include "json.h"
 #include "naming.h"
 #include "text.h"
+#include "times.h"
 
 #include <vaultry/library.h>
 

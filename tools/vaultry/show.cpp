@@ -5,6 +5,7 @@
 #include "generation.h"
 #include "json.h"
 #include "text.h"
+#include "times.h"
 
 #include <vaultry/archive.h>
 #include <vaultry/library.h>
@@ -12,11 +13,6 @@
 
 #include <cerrno>
 #include <sys/stat.h>
-
-static double _Seconds(const struct timespec &time)
-{
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
 
 static Json _FlagsToJson(uint32_t flags)
 {
@@ -48,7 +44,7 @@ static void _DescribeItem(const std::string &path, Json &object)
     object["owner"] = item.st_uid;
     object["group"] = item.st_gid;
     if (reason == 0) object["flags"] = _FlagsToJson(status.flags);
-    object["modified"] = IsoTime(_Seconds(item.st_mtim));
+    object["modified"] = IsoTime(ToSeconds(item.st_mtim));
     if (reason != 0)
         throw CommandFailure::Errno("can't read the record of the document's permissions on " + Quoted(path), reason);
 }

@@ -8,7 +8,6 @@
 #include <vaultry/url.h>
 
 #include <cerrno>
-#include <ctime>
 
 CommandFailure NoStore(const std::string &path, PlaceKind kind)
 {
@@ -26,36 +25,23 @@ Store::Store(const std::string &path) : path_(path), handle_(nullptr, TQClientMa
     if (!handle_) throw CommandFailure::Library("can't open the store " + Quoted(path), error.get());
 }
 
-Store Store::OpenOrMake(const std::string &path)
+// What is there; throws for what is neither a store nor can become one.
+static PlaceKind _RequirePlace(const std::string &path)
 {
     const PlaceKind kind = LookAtPlace(path);
-    switch (kind) {
-    case PlaceKind::Damaged:
-    case PlaceKind::Other:
-        throw NoStore(path, kind);
-    case PlaceKind::Missing:
-        MakePlace(path);
-        break;
-    case PlaceKind::Free:
-    case PlaceKind::Store:
-        break;
-    }
+    if (kind == PlaceKind::Damaged || kind == PlaceKind::Other) throw NoStore(path, kind);
+    return kind;
+}
+
+Store Store::OpenOrMake(const std::string &path)
+{
+    if (_RequirePlace(path) == PlaceKind::Missing) MakePlace(path);
     return Store(path);
 }
 
 std::optional<Store> Store::OpenExisting(const std::string &path)
 {
-    const PlaceKind kind = LookAtPlace(path);
-    switch (kind) {
-    case PlaceKind::Damaged:
-    case PlaceKind::Other:
-        throw NoStore(path, kind);
-    case PlaceKind::Missing:
-    case PlaceKind::Free:
-        return std::nullopt;
-    case PlaceKind::Store:
-        break;
-    }
+    if (_RequirePlace(path) != PlaceKind::Store) return std::nullopt;
     return Store(path);
 }
 
@@ -148,11 +134,4 @@ GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
     const TQValue *time = TQDictionaryGetValue(dictionary, MakeString(kTimeKey).get());
     if (TQGetTypeID(time) == TQDateGetTypeID()) info.time = TQDateGetSeconds(static_cast<const TQDate *>(time));
     return info;
-}
-
-double PresentTime()
-{
-    struct timespec now {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }

@@ -63,9 +63,6 @@ private:
 // Why what is at `path` can't be used as a store.
 CommandFailure NoStore(const std::string &path, PlaceKind kind);
 
-// Seconds since 1970 with their fraction, so that what is kept within a second is listed in its order.
-double PresentTime();
-
 // The info dictionary's keys, which other clients may read and write.
 inline constexpr char kDocumentKey[] = "vaultry.document"; // data: the bytes of the absolute path
 inline constexpr char kTimeKey[] = "vaultry.time";         // date

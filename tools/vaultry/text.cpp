@@ -3,9 +3,7 @@
 #include "text.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
-#include <ctime>
 #include <cwchar>
 #include <cwctype>
 #include <unistd.h>
@@ -108,17 +106,6 @@ std::string HumanSize(uint64_t bytes)
     // What would be printed as 1024 belongs to the next unit.
     for (; value >= 1023.5 && unit + 1 < std::size(units); ++unit) value /= 1024;
     snprintf(text, sizeof text, value < 9.95 ? "%.1f %s" : "%.0f %s", value, units[unit]);
-    return text;
-}
-
-std::string HumanTime(double secondsSince1970)
-{
-    // Beyond these years the conversion can't be relied on; not-a-number fails the comparison too.
-    if (!(std::fabs(secondsSince1970) < 1e11)) return "-";
-    const auto seconds = static_cast<time_t>(std::floor(secondsSince1970));
-    struct tm local {};
-    char text[64];
-    if (!localtime_r(&seconds, &local) || !strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local)) return "-";
     return text;
 }
 

@@ -1,4 +1,4 @@
-// Text for people: names that can't harm a terminal, sizes, times, columns.
+// Text for people: names that can't harm a terminal, sizes, columns.
 
 #pragma once
 
@@ -23,9 +23,6 @@ std::string FittedTo(std::string_view text, size_t width);
 
 // "512 B", "4.0 KiB", "1.2 GiB".
 std::string HumanSize(uint64_t bytes);
-
-// Local time, "2026-03-01 10:15:30"; "-" for what is no time.
-std::string HumanTime(double secondsSince1970);
 
 // Whether a person reads `stream` on a terminal that knows escape sequences; and whether to use colour there.
 bool IsTerminal(FILE *stream);

@@ -1,0 +1,33 @@
+// The names of a store's generations, in the order of its directory. A read that fails ends them like the end of the
+// directory does.
+
+#pragma once
+
+#include "Platform/ErrnoKeeper.h"
+
+#include <dirent.h>
+
+class GenerationNames {
+public:
+    explicit GenerationNames(const char *rootPath) : directory_(opendir(rootPath)) {}
+    ~GenerationNames()
+    {
+        const ErrnoKeeper keeper;
+        if (directory_) (void)closedir(directory_);
+    }
+    GenerationNames(const GenerationNames &) = delete;
+    GenerationNames &operator=(const GenerationNames &) = delete;
+
+    explicit operator bool() const { return directory_ != nullptr; } // else errno
+
+    // Null at the end. Valid until the next call.
+    const char *Next() const
+    {
+        while (const dirent *entry = readdir(directory_))
+            if (entry->d_name[0] != '.') return entry->d_name; // such names are the store's own
+        return nullptr;
+    }
+
+private:
+    DIR *directory_;
+};
