@@ -78,7 +78,7 @@ private:
         if (attribute == 4) text = home + "/" + text; // a note may name any place, and is believed
         if (attribute == 4 && text.find("..") != std::string::npos) return;
         if (attribute == 5)
-            (void)fchmodat(AT_FDCWD, path.c_str(), act * 73 & 07777, AT_SYMLINK_NOFOLLOW);
+            (void)!fchmodat(AT_FDCWD, path.c_str(), act * 73 & 07777, AT_SYMLINK_NOFOLLOW);
         else if (attribute > 5)
             MakeItem(item, act / 8 % 9);
         else
