@@ -10,7 +10,7 @@
 
 namespace platform {
 
-static constexpr size_t kBufferSize = 32 * 1024;
+static constexpr size_t kNamesSize = 32 * 1024;
 
 static bool _IsDot(const char *name)
 {
@@ -21,10 +21,10 @@ static bool _IsDot(const char *name)
 int DirectoryReader::Fill(int directory)
 {
     started_ = true;
-    if (!buffer_) buffer_.reset(new (std::nothrow) char[kBufferSize]);
+    if (!buffer_) buffer_.reset(new (std::nothrow) char[kNamesSize]);
     if (!buffer_) return ENOMEM;
     next_ = end_ = 0;
-    const ssize_t read = getdents64(directory, buffer_.get(), kBufferSize);
+    const ssize_t read = getdents64(directory, buffer_.get(), kNamesSize);
     if (read < 0) return errno;
     end_ = static_cast<size_t>(read);
     return 0;

@@ -11,11 +11,11 @@
 namespace platform {
 
 static constexpr size_t kProgressStep = 4 << 20; // a client hears at least this often
-static constexpr size_t kBufferSize = 256 << 10;
+static constexpr size_t kDataSize = 256 << 10;
 
 // Up to this size one read and one write take less than asking for holes and the kernel's own copying.
 static constexpr uint64_t kSmallFile = 64 << 10;
-static_assert(kSmallFile < kBufferSize); // a read that asks for more than the file tells where it ends
+static_assert(kSmallFile < kDataSize); // a read that asks for more than the file tells where it ends
 
 // No file system has smaller blocks, and a hole has whole ones.
 static constexpr size_t kSmallestBlock = 512;
@@ -51,7 +51,7 @@ Copied DataCopier::Copy(int from, const TQFileStatus &status, int to, DuplixRepo
     // A clone would share compressed extents, which are to be stored plain.
     if (job.size > 0 && !job.bytesOnly() && Clone(job))
         return reports.Progress(job.size) ? Copied::Yes : Copied::Stopped;
-    if (!buffer_) buffer_.reset(new (std::nothrow) char[kBufferSize]);
+    if (!buffer_) buffer_.reset(new (std::nothrow) char[kDataSize]);
     if (!buffer_) {
         errno = ENOMEM;
         return Copied::No;
@@ -96,7 +96,7 @@ static bool _WriteAll(int to, const char *bytes, size_t size, uint64_t offset)
 
 Copied DataCopier::CopyAtOnce(Job &job)
 {
-    const ssize_t got = Read(job, 0, kBufferSize);
+    const ssize_t got = Read(job, 0, kDataSize);
     if (got < 0) return Copied::No;
     if (got == 0) return Copied::Yes;
     const auto size = static_cast<size_t>(got);
@@ -104,7 +104,7 @@ Copied DataCopier::CopyAtOnce(Job &job)
     if (!_WriteAll(job.to, buffer_.get(), size, 0)) return Copied::No;
     job.offset = size;
     if (!job.reports.Progress(job.offset)) return Copied::Stopped;
-    return job.IsEnd(size, size, kBufferSize) ? Copied::Yes : CopyRange(job, UINT64_MAX);
+    return job.IsEnd(size, size, kDataSize) ? Copied::Yes : CopyRange(job, UINT64_MAX);
 }
 
 // Where the data at or behind `offset` begins and ends. The size for both if only a hole follows. What a file system
@@ -197,7 +197,7 @@ ssize_t DataCopier::ReadAndWrite(Job &job, size_t size)
     size_t done = 0;
     while (done < size && !job.ended) {
         const uint64_t offset = job.offset + done;
-        const size_t asked = std::min(size - done, kBufferSize);
+        const size_t asked = std::min(size - done, kDataSize);
         const ssize_t read = Read(job, offset, asked);
         if (read < 0) return -1;
         const auto got = static_cast<size_t>(read);

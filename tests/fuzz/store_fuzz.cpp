@@ -79,7 +79,7 @@ private:
         if (what == kNote) text = home + "/" + text; // it may name any place, and is believed
         if (what == kNote && text.find("..") != std::string::npos) return;
         if (what == kMode)
-            (void)fchmodat(AT_FDCWD, path.c_str(), act * 73 & 07777, AT_SYMLINK_NOFOLLOW);
+            (void)!fchmodat(AT_FDCWD, path.c_str(), act * 73 & 07777, AT_SYMLINK_NOFOLLOW);
         else if (what > kMode)
             MakeItem(item, act / 8 % 9);
         else
