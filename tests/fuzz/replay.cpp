@@ -7,7 +7,8 @@ TEST(Corpus, Holds)
     const auto use = [](const std::string &bytes) {
         EXPECT_EQ(LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size()), 0);
     };
-    const std::string corpus = VAULTRY_CORPUS;
+    const std::string program = program_invocation_short_name, // "plist_fuzz_test", which has the corpus "plist"
+        corpus = VAULTRY_TESTS_DIRECTORY "/fuzz/corpus/" + program.substr(0, program.find("_fuzz"));
     const auto names = disk::List(corpus);
     EXPECT_GT(names.size(), 4U);
     for (const auto &name : names) {
