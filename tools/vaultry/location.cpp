@@ -106,6 +106,12 @@ bool HasLockFile(const std::string &path)
     return IsThere(path + "/" + std::string(kLockFileName), &status);
 }
 
+bool IsInStaging(const std::string &store, const std::string &path)
+{
+    const std::string staging = store + "/" + std::string(kStagingName);
+    return path == staging || path.rfind(staging + "/", 0) == 0;
+}
+
 void MakePlace(const std::string &path)
 {
     if (TQRecursiveMkdir(path.c_str(), 0700) != 0)

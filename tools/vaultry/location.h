@@ -30,6 +30,9 @@ bool IsEmpty(const std::string &path);
 // Of a store, or what is left of one: the file goes last when a store is destroyed.
 bool HasLockFile(const std::string &path);
 
+// Whether a path is that of a store's staging area, or leads into it.
+bool IsInStaging(const std::string &store, const std::string &path);
+
 // Makes the directory of a store, which nobody else may look into, and its parents.
 void MakePlace(const std::string &path);
 
