@@ -35,8 +35,14 @@ static PlaceKind _RequirePlace(const std::string &path)
 
 Store Store::OpenOrMake(const std::string &path)
 {
-    if (_RequirePlace(path) == PlaceKind::Missing) MakePlace(path);
-    return Store(path);
+    const bool isMissing = _RequirePlace(path) == PlaceKind::Missing;
+    const std::vector<std::string> made = isMissing ? MakePlace(path) : std::vector<std::string>();
+    try {
+        return Store(path);
+    } catch (const CommandFailure &) { // such as a place in another store
+        RemoveMade(made);
+        throw;
+    }
 }
 
 std::optional<Store> Store::OpenExisting(const std::string &path)
