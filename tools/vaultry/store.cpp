@@ -5,6 +5,7 @@
 #include "failure.h"
 #include "text.h"
 
+#include <vaultry/archive.h>
 #include <vaultry/url.h>
 
 #include <cerrno>
@@ -63,10 +64,9 @@ std::set<std::string> Store::Names() const
     Owned<TQError> error;
     const Owned<TQArray> array(TQClientManagedStorageCopyGenerationNames(handle(), error.out()));
     if (!array) throw CommandFailure::Library("can't list the store " + Quoted(path_), error.get());
-    std::set<std::string> names;
-    for (size_t i = 0; i < TQArrayGetCount(array.get()); ++i)
-        names.insert(ToText(static_cast<const TQString *>(TQArrayGetValueAtIndex(array.get(), i))));
-    return names;
+    // The library has waited for its turn, and refuses names that are no text; but it ends without a word where the
+    // directory can't be read any further.
+    return PeekAtNames(path_);
 }
 
 bool Store::Lacks(const std::string &name) const noexcept
@@ -140,4 +140,12 @@ GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
     const TQValue *time = TQDictionaryGetValue(dictionary, MakeString(kTimeKey).get());
     if (TQGetTypeID(time) == TQDateGetTypeID()) info.time = TQDateGetSeconds(static_cast<const TQDate *>(time));
     return info;
+}
+
+uint64_t SizeOfTree(const std::string &path)
+{
+    Owned<TQError> error;
+    const int64_t size = TQComputeTreeSize(path.c_str(), error.out());
+    if (size < 0 || error) throw CommandFailure::Library("can't measure " + Quoted(path), error.get());
+    return static_cast<uint64_t>(size);
 }
