@@ -57,12 +57,16 @@ bool LookWhetherWhole(const StoreFiles &files, bool *standsWhole, TQError **erro
     return true;
 }
 
-// With their modes, whatever the process's umask is.
+// With their modes, whatever the process's umask is; also a directory whose maker was cut short before it had its mode.
+// What else stands at the name is not looked at.
 bool MakeStagingArea(const char *path)
 {
-    if (mkdir(path, kStagingMode) == 0)
-        return platform::SetMode(Item::AtPath(path), Links::NoFollow, kStagingMode) == 0;
-    return errno == EEXIST;
+    const Item item = Item::AtPath(path);
+    TQFileStatus status;
+    if (mkdir(path, kStagingMode) != 0 && errno != EEXIST) return false;
+    if (platform::GetStatus(item, Links::NoFollow, &status) != 0) return false;
+    if (!S_ISDIR(status.mode) || (status.mode & 0777) == kStagingMode) return true;
+    return platform::SetMode(item, Links::NoFollow, kStagingMode) == 0;
 }
 
 bool MakeLockFile(const StoreFiles &files)

@@ -46,15 +46,25 @@ UndoingScope::~UndoingScope()
     isUndoing = before_;
 }
 
-// Waits without limit. A signal does not end the wait, but a client may use one to say that it has given up.
+static bool _IsGivenUp()
+{
+    const TQProgress *progress = isUndoing ? nullptr : TQProgressGetCurrent();
+    return progress && TQProgressIsCancelled(progress);
+}
+
+// Waits without limit. A signal does not end the wait, but a client may use one to say that it has given up. It may
+// have come before there was anything to wait for.
 static int _WaitForLock(int fd, int operation)
 {
-    while (flock(fd, operation) != 0) {
-        if (errno != EINTR) return -1;
-        const TQProgress *progress = isUndoing ? nullptr : TQProgressGetCurrent();
-        if (!progress || !TQProgressIsCancelled(progress)) continue;
-        errno = ECANCELED;
-        return -1;
+    int attempt = operation | LOCK_NB;
+    while (flock(fd, attempt) != 0) {
+        const bool mustWait = errno == EWOULDBLOCK && attempt != operation;
+        if (errno != EINTR && !mustWait) return -1;
+        if (_IsGivenUp()) {
+            errno = ECANCELED;
+            return -1;
+        }
+        attempt = operation;
     }
     return 0;
 }

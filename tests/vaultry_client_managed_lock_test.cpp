@@ -16,8 +16,21 @@ TEST(StoreLocks, ReportMisuseAndFailure)
             return _TQLockGenerationInternal(file.c_str(), &holder, LOCK_SH, error) || holder.fd != held;
         };
     };
+    const auto givenUp = [&](TQError **error) {
+        StoreLock writer{-1};
+        EXPECT_TRUE(_WriteLockGenerationStore(store.root().c_str(), &writer, nullptr));
+        const auto progress = Ref<TQProgress>::Adopt(TQProgressCreate(0));
+        TQProgressCancel(progress.get());
+        TQProgressBecomeCurrent(progress.get());
+        const bool added = store.Add("g", error);
+        TQProgressResignCurrent(progress.get());
+        _UnlockGenerationStore(&writer);
+        return added;
+    };
     StoreLock none;
     ExpectRows({{System(EINVAL, "*->fd isn't -1"), lock(0, path)},
+                // A client that has given up waits for nothing.
+                {System(ECANCELED, "Failed to lock generation path \"$/store/.vaultry_lockfile\""), givenUp},
                 {Logs(EINVAL, "*->fd is -1"), CALL((_UnlockGenerationStore(&none), why))}},
                store.path());
     // A lock that can't be released would stop every other process: this one stops instead. The second and third call

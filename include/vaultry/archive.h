@@ -6,8 +6,9 @@
 /// copied, counted nor archived. Symbolic links can't be archived; FIFOs, sockets and devices neither.
 ///
 /// These functions take paths and no lock, and leave clean-up of a partly made destination, and flushing to disk, to
-/// the caller: a client works through storage.h. Only where nobody but the writer of an item can flush it, as on some
-/// network volumes, adding does so itself. Statuses are those of the failing system call unless said otherwise.
+/// the caller: a client works through storage.h. There are two exceptions. The copy that takes a hard link's place is
+/// always flushed first. And where nobody but the writer of an item can flush it, as on some network volumes, adding
+/// does so itself. Statuses are those of the failing system call unless said otherwise.
 
 #ifndef VAULTRY_ARCHIVE_H
 #define VAULTRY_ARCHIVE_H

@@ -55,12 +55,12 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 /// The generation appears whole or not at all: it is built in the staging area and moved into place by one rename,
 /// so no reader ever lists half of it or finds it writable. An existing generation is never replaced.
 ///
-/// @param source   Absolute path of a file or a directory tree.
-/// @param options  Stored with the generation; read back as 1 if none of the bits 0x1e is set.
 /// Attributes of the store's own names that the document has are kept if they are well-formed: an info dictionary and a
 /// display name for the generation, and the record of permissions as TQAddPathAsGeneration says. A damaged info
 /// dictionary or display name is left out.
 ///
+/// @param source   Absolute path of a file or a directory tree.
+/// @param options  Stored with the generation; read back as 1 if none of the bits 0x1e is set.
 /// @param copy     true leaves `source` alone; false moves it, and on failure it is back where it was, unless the
 ///                 generation stays. If it can't be given back, it waits in the staging area for the
 ///                 repair of TQClientManagedStorageCopyFindings, and a line of the log at level 3 says where.
@@ -118,7 +118,8 @@ TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValues(const TQClientManag
 TQ_EXPORT TQString *TQClientManagedStorageCopyGenerationOriginalDisplayName(const TQClientManagedStorage *store,
                                                                             const char *name, TQError **error);
 
-/// Sets the original display name, of at most 767 bytes; null or "" removes it. On disk on return. Exclusive lock.
+/// Sets the original display name, of at most 767 bytes and no zero (else kTQStatusInvalidArgument, and the old one
+/// stays); null or "" removes it. On disk on return. Exclusive lock.
 TQ_EXPORT bool TQClientManagedStorageSetGenerationOriginalDisplayName(const TQClientManagedStorage *store,
                                                                       const char *name, const TQString *displayName,
                                                                       TQError **error);
@@ -161,6 +162,9 @@ TQ_EXPORT bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStor
 
 /// The names of all generations, strings in no particular order, in an array that the caller owns. Shared lock.
 ///
+/// Where reading the store's directory fails on the way, the names so far are returned as if they were all. A client
+/// that has to be sure reads the directory itself as well; names that begin with "." are none of a generation.
+///
 /// @return null with kTQStatusFailed if a name in the store is not UTF-8.
 TQ_EXPORT TQArray *TQClientManagedStorageCopyGenerationNames(const TQClientManagedStorage *store, TQError **error);
 
@@ -184,8 +188,9 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyGenerationInfos(const TQClient
 /// @param spec  May be null. Beside "fields": "withOptions", a number: only generations that share a bit with it, or
 ///              all for 0; 31 when absent. "withoutOptions", a number: none that shares a bit with it. "clients", an
 ///              array of strings: only these groups. Of a mask all 64 bits count.
-/// @return null as above; a query that fails for one generation fails whole. Shared lock: the result is one
-///         moment of the store.
+/// @return null as above; a query that fails for one generation fails whole. But where reading the store's directory
+///         fails on the way, the generations so far are returned as if they were all: see
+///         TQClientManagedStorageCopyGenerationNames. Shared lock: the result is one moment of the store.
 TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQClientManagedStorage *store,
                                                                       const TQDictionary *spec, TQError **error);
 

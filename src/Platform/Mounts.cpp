@@ -21,7 +21,7 @@ namespace {
 using Path = std::array<char, PATH_MAX>;
 
 struct MountList {
-    FILE *file = fopen("/proc/self/mountinfo", "re");
+    FILE *file = fopen("/proc/thread-self/mountinfo", "re");
     char *line = nullptr;
     size_t capacity = 0;
 

@@ -58,6 +58,8 @@ static Ownership _CopyOwner(int to, const TQFileStatus &source, TQFileStatus &ma
     if (fchownat(to, "", static_cast<uid_t>(-1), source.group, AT_EMPTY_PATH) == 0) {
         made.group = source.group;
         result.complete = source.owner == made.owner;
+    } else {
+        result.failed = !_IsNotOursToGive(errno);
     }
     return result;
 }

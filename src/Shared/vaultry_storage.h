@@ -106,14 +106,16 @@ bool _ArchiveOpenItem(const ArchivedItem &archived, int fd, TQError **error);
 // Records that the document brought along are replaced, and what a flush of the volume would not reach is flushed.
 bool _ArchiveMovedTree(const char *path, bool makeReadable, TQError **error);
 
-// Gives a file with several links its own data: the name at `file` becomes a new file, which `now` then describes; the
-// other links stay.
+// Gives a file with several links its own data: the name at `file` becomes a new file, which `made` then describes; the
+// other links stay. It has the file's owner, mode and flags as far as its maker may give them, and set-id bits only with
+// the owner.
 struct HardLinkedFile {
     Item item;
     const TQFileStatus &status;
     size_t parentPathLength; // of item.path
+    bool noteParent;         // what its directory loses meanwhile is recorded on it, as archiving would
 };
-bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *now, TQError **error);
+bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *made, TQError **error);
 
 // How long the name of the original is, if `name` can be that of the copy which takes its place; else 0.
 size_t LengthOfLinkedName(const char *name);

@@ -128,8 +128,9 @@ bool KeepSidecar(const TreeWalk::Entry &entry, TreeArchiving &how, TQError **err
     return Failure(error).Errno("Failed to flush \"%s\" to disk", entry.item.path);
 }
 
-// `now` says which item it is: at first that of the entry.
-bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus *now, TQError **error)
+// `before` is what the item has; where a copy takes the place of a hard link, it becomes what that has: one of another
+// owner's file belongs to whoever made it, and the set-id bits of the file would lend rights that nobody gave.
+bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus *before, TQError **error)
 {
     switch (entry.kind) {
     case Kind::Unreadable:
@@ -142,7 +143,8 @@ bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus
     case Kind::File:
         if (IsSidecarName(entry.item.name)) return KeepSidecar(entry, how, error);
         if (entry.status.linkCount >= 2 &&
-            !_BreakHardLink({entry.item, entry.status, entry.parentPathLength}, now, error))
+            !_BreakHardLink({entry.item, entry.status, entry.parentPathLength, /*noteParent=*/how.moved}, before,
+                            error))
             return false;
         if (how.totalSize) *how.totalSize += entry.status.size;
         break;
@@ -152,11 +154,11 @@ bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus
         break;
     }
     const ArchivedItem archived{.item = entry.item,
-                                .before = entry.status,
+                                .before = *before,
                                 .makeReadable = how.makeReadable,
                                 .replaceRecord = how.moved,
                                 .flush = how.moved ? &how.volumes : nullptr};
-    return _ArchiveItemAt(archived, *now, error);
+    return _ArchiveItemAt(archived, *before, error);
 }
 
 // What a moved tree has to be so that it stays whole and can be copied out: on one volume, since what is mounted inside
@@ -169,16 +171,16 @@ bool CanStay(const TreeWalk::Entry &entry, TQError **error)
     return Failure(error).Errno("fts_read() failed for path '%s'\n", entry.item.path);
 }
 
-void PutBackModeAndFlags(const TreeWalk::Entry &entry, const TQFileStatus &now)
+void PutBackModeAndFlags(const TreeWalk::Entry &entry, const TQFileStatus &before)
 {
     if (!entry.hasStatus || entry.kind == Kind::Link) return;
     const ErrnoKeeper keeper;
-    const UniqueFd pinned = platform::PinItem(entry.item, now);
+    const UniqueFd pinned = platform::PinItem(entry.item, before);
     TQFileStatus found;
-    if (!pinned || platform::SetModeOfPinned(pinned.get(), entry.status.mode & 07777) != 0)
+    if (!pinned || platform::SetModeOfPinned(pinned.get(), before.mode & 07777) != 0)
         Failure(nullptr).Errno("Failed to put the mode of \"%s\" back", entry.item.path);
     if (!pinned || platform::GetStatusOfFd(pinned.get(), &found) != 0 ||
-        (platform::SetFlagsOfPinned(pinned.get(), found, entry.status.flags) != 0 && errno != ENOTSUP))
+        (platform::SetFlagsOfPinned(pinned.get(), found, before.flags) != 0 && errno != ENOTSUP))
         Failure(nullptr).Errno("Failed to put the flags of \"%s\" back", entry.item.path);
 }
 
@@ -188,9 +190,9 @@ bool ArchiveTree(const char *path, TreeArchiving how, TQError **error)
     const char *root = path ? path : "";
     if (!walk.Open(root)) return Failure(error).Errno("fts_open(\"%s\") failed", root);
     while (const TreeWalk::Entry *entry = walk.Next()) {
-        TQFileStatus now = entry->status;
-        if ((!how.moved || CanStay(*entry, error)) && ArchiveEntry(*entry, how, &now, error)) continue;
-        if (how.moved) PutBackModeAndFlags(*entry, now);
+        TQFileStatus before = entry->status;
+        if ((!how.moved || CanStay(*entry, error)) && ArchiveEntry(*entry, how, &before, error)) continue;
+        if (how.moved) PutBackModeAndFlags(*entry, before);
         return false;
     }
     return true;

@@ -5,6 +5,7 @@
 
 #include "Shared/vaultry_storage.h"
 
+#include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Flush.h"
 #include "Platform/QuietOpener.h"
@@ -48,26 +49,30 @@ public:
     WritableParent(const WritableParent &) = delete;
     WritableParent &operator=(const WritableParent &) = delete;
 
-    bool MakeWritable(TQError **error)
+    // Open to all for the span of a copy. Should that be cut short, a record on it tells what the directory had. It
+    // takes the place of one that the document brought along, which would pass for ours now that the directory has
+    // changed. It can only be written once the owner may write and the flags have gone.
+    bool MakeWritable(bool note, TQError **error)
     {
         known_ = platform::GetStatus(parent_, Links::Follow, &before_) == 0;
-        if (geteuid() == 0) return true; // modes do not stop root
-        if (!known_) return Fail(error);
-        if ((before_.mode & kWriteBits) == 0) {
-            if (platform::SetMode(parent_, Links::Follow, (before_.mode | kWriteBits) & 07777) != 0) return Fail(error);
+        const bool modesStop = geteuid() != 0; // they do not stop root
+        if (!known_ && (modesStop || note)) return Fail(error);
+        const bool opens = modesStop && (before_.mode & kWriteBits) == 0;
+        if (opens) {
+            if (!SetMode(before_.mode | (note ? 0200 : kWriteBits))) return Fail(error);
             modeChanged_ = true;
         }
-        if ((before_.flags & kBlockingFlags) != 0) {
+        if (modesStop && (before_.flags & kBlockingFlags) != 0) {
             if (platform::SetFlags(parent_, Links::Follow, before_.flags & ~kBlockingFlags) != 0) return Fail(error);
             flagsChanged_ = true;
         }
-        return true;
+        return !note || (Record(error) && (!opens || SetMode(before_.mode | kWriteBits) || Fail(error)));
     }
 
     ~WritableParent()
     {
         const ErrnoKeeper keeper;
-        if (modeChanged_ && platform::SetMode(parent_, Links::Follow, before_.mode & 07777) != 0)
+        if (modeChanged_ && !SetMode(before_.mode))
             Failure(nullptr).Errno("failed to restore parent path \"%s\" mode", parent_.path);
         const struct timespec times[] = {before_.accessTime, before_.modificationTime};
         if (known_)
@@ -78,6 +83,15 @@ public:
     }
 
 private:
+    bool SetMode(mode_t mode) const { return platform::SetMode(parent_, Links::Follow, mode & 07777) == 0; }
+
+    bool Record(TQError **error) const
+    {
+        const uint8_t saved = SavedPermissionsOf(before_.mode, before_.flags);
+        return platform::SetAttribute(parent_, Links::Follow, kSavedPermissionsAttribute, &saved, sizeof saved) == 0 ||
+               Failure(error).Errno("failed to save original permissions for \"%s\"", parent_.path);
+    }
+
     bool Fail(TQError **error) const
     {
         return Failure(error).Errno("failed to make parent path \"%s\" writable", parent_.path);
@@ -125,9 +139,9 @@ public:
 
     // A journal may take the new name to disk before the bytes; should the power fail in between, a file that somebody
     // has nowhere else would be as long as ever, and hold zeros.
-    bool Keep(TQFileStatus *now, TQError **error)
+    bool Keep(TQFileStatus *copy, TQError **error)
     {
-        return (platform::GetStatusOfFd(fd_.get(), now) == 0 && platform::FlushFd(fd_.get()) == 0 &&
+        return (platform::GetStatusOfFd(fd_.get(), copy) == 0 && platform::FlushFd(fd_.get()) == 0 &&
                 fd_.Close() == 0) ||
                Failure(error).Errno("Failed to flush \"%s\" to disk", path_.c_str());
     }
@@ -180,7 +194,7 @@ size_t LengthOfLinkedName(const char *name)
     return isCopy ? static_cast<size_t>(unique - name) : 0;
 }
 
-bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *now, TQError **error)
+bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *made, TQError **error)
 {
     const Item &item = file.item;
     Log(kLogDebug).Line("Encountered hardlinked file at path \"%s\" with link count of %hu; breaking link.\n",
@@ -193,7 +207,8 @@ bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *now, TQError **err
     UniqueFd source;
 
     // The name comes first: one that is too long is refused before the directory is touched.
-    if (!temporary.Name(item, error) || !parent.MakeWritable(error) || !temporary.Make(item, error)) return false;
+    if (!temporary.Name(item, error) || !parent.MakeWritable(file.noteParent, error) || !temporary.Make(item, error))
+        return false;
 
     source = OpenDescribed(file);
     if (!source) return Failure(error).Errno("failed open source file at \"%s\"", item.path);
@@ -202,8 +217,8 @@ bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *now, TQError **err
 
     if (file.status.hasBirthTime)
         (void)_SetBirthTimeSpecForFD(temporary.fd(), file.status.birthTime.tv_sec, file.status.birthTime.tv_nsec);
-    TQFileStatus made;
-    if (!temporary.Keep(&made, error) || !temporary.RenameOver(file, error)) return false;
-    *now = made;
+    TQFileStatus copy;
+    if (!temporary.Keep(&copy, error) || !temporary.RenameOver(file, error)) return false;
+    *made = copy;
     return true;
 }

@@ -20,12 +20,46 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 // Names of documents added in one second differ by a number; more than this many are not to be expected.
 static constexpr unsigned kMaximumAttempts = 1000;
+
+// What is to be removed, held open: it still stands for its volume when it has left its folder. Read through alone, so
+// that closing it has nothing to tell.
+class OpenSource {
+public:
+    explicit OpenSource(const std::string &path)
+        : fd_(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)),
+          isKnown_(_SafeStatFS(path.c_str(), &volume_) == 0)
+    {
+    }
+    OpenSource(const OpenSource &) = delete;
+    OpenSource &operator=(const OpenSource &) = delete;
+    ~OpenSource()
+    {
+        if (fd_ >= 0) (void)close(fd_);
+    }
+
+    // 0, or the reason why not: EACCES where a flush of the volume is not known to reach all that is on it.
+    int FlushVolume() const
+    {
+        if (fd_ < 0 || !isKnown_) return EACCES;
+        if (strcmp(volume_.typeName, "tmpfs") == 0) return 0; // which a power failure empties
+        Owned<TQError> error;
+        const bool isNative = TQSystemManagedStorageIsSupportedForStatFSInfo(&volume_, error.out()) ||
+                              UnderlyingErrno(error.get()) == ENOSPC; // too small for something else
+        return !isNative ? EACCES : syncfs(fd_) == 0 ? 0 : errno;
+    }
+
+private:
+    const int fd_;
+    TQVolumeStatus volume_{};
+    const bool isKnown_;
+};
 
 class Addition {
 public:
@@ -48,7 +82,7 @@ private:
     void EndWhereInterrupted();
     bool WriteInfo();
     void RemoveSource();
-    void FlushRemoval();
+    void FlushRemoval(const OpenSource &former);
     void Complain(int exitCode, const std::string &message);
 
     const Store &store_;
@@ -180,21 +214,28 @@ void Addition::RemoveSource()
     try {
         if (FingerprintOf(path_) != beforeCopying_)
             return Complain(kExitFailure, kept + "it was changed while it was copied");
+        if (CountSidecars(path_) != 0)
+            return Complain(kExitFailure, kept + "what is named \"._...\" in it was left out of the copy");
     } catch (const CommandFailure &failure) {
         return Complain(failure.exitCode(), kept + failure.what());
     }
+    const OpenSource former(path_);
+    struct stat now {};
+    if (lstat(path_.c_str(), &now) != 0 || now.st_dev != beforeCopying_.device || now.st_ino != beforeCopying_.inode)
+        return Complain(kExitFailure, kept + "another took its place");
     Owned<TQError> error;
-    if (_RemoveTree(path_.c_str(), 0, error.out())) return FlushRemoval();
+    if (_RemoveTree(path_.c_str(), 0, error.out())) return FlushRemoval(former);
     const CommandFailure failure = CommandFailure::Library(
         Quoted(name_) + " holds " + Quoted(path_) + ", but not all of it could be removed where it was", error.get());
     Complain(failure.exitCode(), failure.what());
 }
 
-// 0, or the reason why not.
-static int _FlushFolder(const std::string &folder)
+// Of what has left it. A folder may be changed by who may not read it; then its volume is flushed. 0, or the reason why
+// not.
+static int _FlushFolder(const std::string &folder, const OpenSource &former)
 {
     const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return errno;
+    if (fd < 0) return errno == EACCES ? former.FlushVolume() : errno;
     // A file system that can't flush a directory has nothing to tell.
     const int reason = fsync(fd) == 0 || errno == EINVAL || errno == ENOTSUP ? 0 : errno;
     const bool isClosed = close(fd) == 0 || errno == EINTR;
@@ -202,10 +243,10 @@ static int _FlushFolder(const std::string &folder)
 }
 
 // A power cut would bring back what has not left its folder on disk as well.
-void Addition::FlushRemoval()
+void Addition::FlushRemoval(const OpenSource &former)
 {
     const std::string folder = path_.substr(0, std::max<size_t>(path_.rfind('/'), 1));
-    const int reason = _FlushFolder(folder);
+    const int reason = _FlushFolder(folder, former);
     if (reason == 0) return;
     const CommandFailure failure = CommandFailure::Errno(Quoted(name_) + " holds " + Quoted(path_) +
                                                              ", which may be back after a power failure: can't flush " +

@@ -11,10 +11,16 @@
 #include "store.h"
 #include "text.h"
 
+#include <vaultry/filesystem.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <sys/stat.h>
 #include <unistd.h>
+
+// What Ctrl-C says while the copy is made, which can't be stopped half-way.
+static constexpr char kCopyIsRemoved[] = "\nvaultry: stopping: the copy is removed as soon as it is through; "
+                                         "once more ends at once and leaves what is there\n";
 
 // What the document was called, where the store knows it; else the generation's own name.
 static std::string _OwnName(const Store &store, const std::string &name)
@@ -64,7 +70,32 @@ static std::string _FreeDestination(const Store &store, const std::string &given
     return destination;
 }
 
-static std::string _CopyTo(const Arguments &arguments, std::string &name)
+// Whether what is at `destination` is still the copy: it has brought its time along, and whoever saves there leaves
+// another. Nobody tells which inode the copy was made as.
+static bool _IsCopyOf(const std::string &generation, const std::string &destination)
+{
+    struct stat kept {
+    }, copy{};
+    return IsThere(generation, &kept) && IsThere(destination, &copy) && ((kept.st_mode ^ copy.st_mode) & S_IFMT) == 0 &&
+           (S_ISDIR(copy.st_mode) || kept.st_size == copy.st_size) && kept.st_mtim.tv_sec == copy.st_mtim.tv_sec &&
+           kept.st_mtim.tv_nsec == copy.st_mtim.tv_nsec;
+}
+
+// What came too late to stop the copy. Leaves alone what somebody else has put in its place.
+static void _TakeBack(const std::string &generation, const std::string &destination)
+{
+    if (!_IsCopyOf(generation, destination))
+        throw CommandFailure(InterruptGuard::ExitCode(),
+                             "stopped, but what is at " + Quoted(destination) + " stays: it was changed meanwhile");
+    Owned<TQError> error;
+    if (!_RemoveTree(destination.c_str(), 0, error.out()))
+        throw CommandFailure(
+            InterruptGuard::ExitCode(),
+            CommandFailure::Library("stopped, but can't remove " + Quoted(destination), error.get()).what());
+    throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
+}
+
+static std::string _CopyTo(const Arguments &arguments, std::string &name, std::string &kept)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
     name = ResolveGeneration(store, arguments.name);
@@ -73,19 +104,21 @@ static std::string _CopyTo(const Arguments &arguments, std::string &name)
             [&](TQError **error) {
                 return TQClientManagedStorageCopyGeneration(store.handle(), name.c_str(), destination.c_str(), error);
             });
+    if (InterruptGuard::Came()) kept = store.PathOf(name);
     return destination;
 }
 
 int RunCopy(const Arguments &arguments)
 {
     const InterruptGuard interrupts(kCopyIsRemoved);
-    std::string name, destination;
+    std::string name, destination, kept;
     try {
-        destination = _CopyTo(arguments, name);
+        destination = _CopyTo(arguments, name, kept);
     } catch (const CommandFailure &) {
         if (!InterruptGuard::Came()) throw; // else it failed because it was stopped
+        throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
     }
-    if (InterruptGuard::Came()) throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
+    if (InterruptGuard::Came()) _TakeBack(kept, destination);
     if (arguments.json) {
         Json object;
         PutBytes(object, "generation", name);

@@ -9,14 +9,7 @@
 #include "space.h"
 #include "text.h"
 
-#include <vaultry/filesystem.h>
-
-static void _TakeBack(const std::string &destination)
-{
-    Owned<TQError> error;
-    if (!_RemoveTree(destination.c_str(), 0, error.out()))
-        Say(CommandFailure::Library("can't remove " + Quoted(destination), error.get()).what());
-}
+#include <cerrno>
 
 void CopyOut(const Store &store, const std::string &name, const std::string &destination, const std::string &what,
              const std::function<bool(TQError **error)> &copy)
@@ -29,11 +22,9 @@ void CopyOut(const Store &store, const std::string &name, const std::string &des
                               [&] { return std::vector<std::string>{destination}; });
         isCopied = copy(error.out());
     }
-    if (InterruptGuard::Came()) {
-        if (isCopied) _TakeBack(destination);
-        throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
-    }
     if (isCopied) return;
+    if (InterruptGuard::Came() && UnderlyingErrno(error.get()) == ECANCELED)
+        throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
     const CommandFailure failure = CommandFailure::Library(what, error.get());
     const std::string parent = destination.substr(0, destination.rfind('/') + 1);
     if (!IsAttributeSpace(error.get(), parent, store.PathOf(name))) throw failure;

@@ -5,11 +5,15 @@
 #include "failure.h"
 #include "location.h"
 #include "naming.h"
+#include "quiet_walk.h"
 #include "space.h"
 #include "text.h"
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <filesystem>
 #include <memory>
 #include <sys/stat.h>
@@ -63,30 +67,24 @@ uint64_t CountSidecars(const std::string &path)
 {
     if (!_IsDirectory(path)) return 0;
     uint64_t count = 0;
-    // The kind of an entry comes with its name: no item is looked at. What can't be read stops the add itself.
-    std::error_code error;
-    for (fs::recursive_directory_iterator item(path, fs::directory_options::skip_permission_denied, error), end;
-         !error && item != end; item.increment(error)) {
-        const std::string &whole = item->path().native();
-        std::error_code ignored;
-        if (whole.compare(whole.rfind('/') + 1, 2, "._") == 0 &&
-            item->symlink_status(ignored).type() != fs::file_type::directory)
-            ++count;
-    }
+    // What can't be read stops the add itself.
+    (void)WalkBelow(path, [&](const WalkedItem &item) {
+        if (strncmp(item.name, "._", 2) == 0 && item.kind != DT_DIR) ++count;
+    });
     return count;
 }
 
-static const char *_WhyNotKept(fs::file_type type)
+static const char *_WhyNotKept(unsigned char kind)
 {
-    switch (type) {
-    case fs::file_type::symlink:
+    switch (kind) {
+    case DT_LNK:
         return "is a symbolic link";
-    case fs::file_type::fifo:
+    case DT_FIFO:
         return "is a FIFO";
-    case fs::file_type::socket:
+    case DT_SOCK:
         return "is a socket";
-    case fs::file_type::block:
-    case fs::file_type::character:
+    case DT_BLK:
+    case DT_CHR:
         return "is a device";
     default:
         return nullptr;
@@ -96,19 +94,18 @@ static const char *_WhyNotKept(fs::file_type type)
 // The first item, as part of a sentence.
 static std::string _FindWhatCannotBeKept(const std::string &path)
 {
-    std::error_code error;
-    const fs::file_status top = fs::symlink_status(path, error);
-    if (const char *why = _WhyNotKept(top.type()))
+    struct stat top {};
+    if (lstat(path.c_str(), &top) != 0) return "";
+    if (const char *why = _WhyNotKept(static_cast<unsigned char>(IFTODT(top.st_mode))))
         return Quoted(path) + " " + why + ": only files and directories can be kept";
-    if (top.type() != fs::file_type::directory) return "";
-    for (fs::recursive_directory_iterator item(path, fs::directory_options::skip_permission_denied, error), end;
-         !error && item != end; item.increment(error)) {
-        std::error_code ignored;
-        const char *why = _WhyNotKept(item->symlink_status(ignored).type());
-        if (why && BaseName(item->path()).rfind("._", 0) != 0)
-            return Quoted(item->path().native()) + " " + why + ": a document that holds one can't be kept";
-    }
-    return "";
+    if (!S_ISDIR(top.st_mode)) return "";
+    std::string found;
+    (void)WalkBelow(path, [&](const WalkedItem &item) {
+        const char *why = _WhyNotKept(item.kind);
+        if (found.empty() && why && strncmp(item.name, "._", 2) != 0)
+            found = Quoted(item.path) + " " + why + ": a document that holds one can't be kept";
+    });
+    return found;
 }
 
 std::string ExplainRefusal(const TQError *error, const std::string &store, const std::string &document)
@@ -136,10 +133,8 @@ static uint64_t _Mixed(uint64_t hash, uint64_t value)
     return hash ^ hash >> 31;
 }
 
-static void _Include(Fingerprint &fingerprint, const std::string &path)
+static void _Include(Fingerprint &fingerprint, const std::string &path, const struct stat &status)
 {
-    struct stat status {};
-    if (lstat(path.c_str(), &status) != 0) throw CommandFailure::Errno("can't look at " + Quoted(path), errno);
     uint64_t hash = std::hash<std::string>()(path);
     for (const auto value : {status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_ctim.tv_sec,
                              status.st_ctim.tv_nsec, static_cast<long>(status.st_size)})
@@ -149,14 +144,23 @@ static void _Include(Fingerprint &fingerprint, const std::string &path)
     ++fingerprint.items;
 }
 
+static struct stat _StatusOf(int directory, const char *name, const std::string &path)
+{
+    struct stat status {};
+    if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        throw CommandFailure::Errno("can't look at " + Quoted(path), errno);
+    return status;
+}
+
 Fingerprint FingerprintOf(const std::string &path)
 {
-    Fingerprint fingerprint;
-    _Include(fingerprint, path);
-    if (!_IsDirectory(path)) return fingerprint;
-    std::error_code error;
-    for (fs::recursive_directory_iterator item(path, error), end; !error && item != end; item.increment(error))
-        _Include(fingerprint, item->path());
-    if (error) throw CommandFailure::Errno("can't read all of " + Quoted(path), error.value());
+    const struct stat top = _StatusOf(AT_FDCWD, path.c_str(), path);
+    Fingerprint fingerprint{.device = top.st_dev, .inode = top.st_ino};
+    _Include(fingerprint, path, top);
+    if (!S_ISDIR(top.st_mode)) return fingerprint;
+    const int reason = WalkBelow(path, [&](const WalkedItem &item) {
+        _Include(fingerprint, item.path, _StatusOf(item.directory, item.name, item.path));
+    });
+    if (reason != 0) throw CommandFailure::Errno("can't read all of " + Quoted(path), reason);
     return fingerprint;
 }

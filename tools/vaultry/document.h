@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 
 struct Document {
     std::string path; // absolute, free of links
@@ -34,6 +35,8 @@ std::string ExplainRefusal(const TQError *error, const std::string &store, const
 // Stands for the whole tree as it is now: two that are equal were taken of an unchanged tree. Names, inodes, sizes
 // and times of every item; not contents, since writing them changes the times. Throws if part can't be read.
 struct Fingerprint {
+    dev_t device = 0; // of the top item
+    ino_t inode = 0;
     uint64_t items = 0;
     uint64_t sum = 0;
     friend bool operator==(const Fingerprint &, const Fingerprint &) = default;

@@ -8,7 +8,6 @@
 #include "text.h"
 #include "times.h"
 
-#include <vaultry/archive.h>
 #include <vaultry/number.h>
 #include <vaultry/url.h>
 
@@ -27,7 +26,7 @@ struct Entry {
     GenerationInfo info;
     uint64_t options;
     std::string displayName;
-    int64_t size = -1;                      // that can't be told
+    std::optional<uint64_t> size = {};      // none if it can't be told
     std::vector<std::string> problems = {}; // with what is known of it
     bool isKnown = true;                    // what the command noted
 };
@@ -45,21 +44,6 @@ public:
         const bool second = (options & kSecondClientBit) != 0;
         return (!client_ || second == (*client_ == kSecondClient)) && (with_ == 0 || (options & with_) != 0) &&
                (options & without_) == 0;
-    }
-
-    // The same for a query over all generations.
-    Owned<TQDictionary> ToSpec() const
-    {
-        Owned<TQDictionary> spec(TQDictionaryCreateMutable());
-        const std::pair<const char *, uint64_t> words[] = {{"withOptions", with_}, {"withoutOptions", without_}};
-        for (const auto &[key, word] : words)
-            TQDictionarySetValue(spec.get(), MakeString(key).get(),
-                                 Owned<TQNumber>(TQNumberCreateInt64(static_cast<int64_t>(word))).get());
-        if (!client_) return spec;
-        const Owned<TQString> group = MakeString(kGroupPrefix + *client_);
-        TQValue *groups[] = {group.get()};
-        TQDictionarySetValue(spec.get(), MakeString("clients").get(), Owned<TQArray>(TQArrayCreate(groups, 1)).get());
-        return spec;
     }
 
 private:
@@ -91,22 +75,34 @@ static Entry _ToEntry(const TQDictionary *record)
             ToText(static_cast<const TQString *>(_Lookup(record, "ODN")))};
 }
 
-// Reads all that are looked for in one go. False if that can't be done, as for a single one that is damaged.
-static bool _ReadAll(const Store &store, const std::string &document, const Filter &filter, std::vector<Entry> &entries)
+// All generations, with their options and all else that is known.
+static Owned<TQDictionary> _QueryAll(const Store &store)
 {
-    const Owned<TQDictionary> groups(
-        TQClientManagedStorageCopyAllGenerationsInfos(store.handle(), filter.ToSpec().get(), nullptr));
+    const Owned<TQDictionary> spec(TQDictionaryCreateMutable());
+    TQDictionarySetValue(spec.get(), MakeString("withOptions").get(), Owned<TQNumber>(TQNumberCreateInt64(0)).get());
+    return Owned<TQDictionary>(TQClientManagedStorageCopyAllGenerationsInfos(store.handle(), spec.get(), nullptr));
+}
+
+// Reads all that are looked for in one go. False if that can't be done, as for a single one that is damaged; or if
+// there are more, since the query ends without a word where the store's directory can't be read any further.
+static bool _ReadAll(const Store &store, const std::string &document, const Filter &filter, std::vector<Entry> &entries)
+try {
+    const Owned<TQDictionary> groups = _QueryAll(store);
+    std::set<std::string> missing = PeekAtNames(store.path());
     for (const char *client : {kFirstClient, kSecondClient}) {
         const auto *records = static_cast<const TQArray *>(_Lookup(groups.get(), kGroupPrefix + client));
         for (size_t i = 0; i < TQArrayGetCount(records); ++i) {
             const auto *record = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(records, i));
             Entry entry = _ToEntry(record);
-            if (!document.empty() && entry.info.document != document) continue;
-            entry.size = TQComputeTreeSize(TQURLGetPath(static_cast<const TQURL *>(_Lookup(record, "URL"))), nullptr);
+            missing.erase(entry.name);
+            if (!filter.Admits(entry.options) || (!document.empty() && entry.info.document != document)) continue;
+            entry.size = SizeOfTree(TQURLGetPath(static_cast<const TQURL *>(_Lookup(record, "URL"))));
             entries.push_back(std::move(entry));
         }
     }
-    return static_cast<bool>(groups);
+    return missing.empty();
+} catch (const CommandFailure &) {
+    return false; // which one, the other way tells
 }
 
 // Reads one generation, as far as that is possible; none if it went meanwhile or is not one of those looked for. One
@@ -120,7 +116,7 @@ static std::optional<Entry> _ReadEntry(const Store &store, const std::string &na
     problems.Note([&] { entry.info = store.InfoOf(name); });
     entry.isKnown = problems.none();
     problems.Note([&] { entry.displayName = store.DisplayNameOf(name); });
-    problems.Note([&] { entry.size = TQComputeTreeSize(store.PathOf(name).c_str(), nullptr); });
+    problems.Note([&] { entry.size = SizeOfTree(store.PathOf(name)); });
     entry.problems = problems.texts();
     if (!problems.none() && store.Lacks(name)) {
         problems = {};
@@ -135,6 +131,7 @@ static int _ReadOneByOne(const Store &store, const std::string &document, const 
                          std::vector<Entry> &entries)
 {
     int exitCode = kExitSuccess;
+    entries.clear();
     for (const std::string &name : store.Names()) {
         Problems problems;
         if (auto entry = _ReadEntry(store, name, document, filter, problems)) entries.push_back(std::move(*entry));
@@ -151,7 +148,7 @@ static void _PrintJson(const std::vector<Entry> &entries)
         PutBytes(object, "name", entry.name);
         if (entry.info.document) PutBytes(object, "document", *entry.info.document);
         if (entry.info.time) object["kept"] = IsoTime(*entry.info.time);
-        if (entry.size >= 0) object["size"] = entry.size;
+        if (entry.size) object["size"] = *entry.size;
         object["options"] = entry.options;
         if (!entry.displayName.empty()) PutBytes(object, "display_name", entry.displayName);
         if (!entry.problems.empty()) object["problems"] = entry.problems;
@@ -171,7 +168,7 @@ static void _PrintTable(const std::vector<Entry> &entries, bool isLong)
         snprintf(options, sizeof options, "0x%llx", static_cast<unsigned long long>(entry.options));
         const std::string none = entry.isKnown ? "-" : "?";
         std::vector<std::string> cells = {Printable(entry.name), entry.info.time ? HumanTime(*entry.info.time) : none,
-                                          entry.size < 0 ? "?" : HumanSize(static_cast<uint64_t>(entry.size))};
+                                          entry.size ? HumanSize(*entry.size) : "?"};
         if (isLong) {
             cells.push_back(options);
             cells.push_back(entry.displayName.empty() ? "-" : Printable(entry.displayName));

@@ -5,8 +5,6 @@
 #include "failure.h"
 #include "text.h"
 
-#include <vaultry/path.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <dirent.h>
@@ -106,10 +104,43 @@ bool HasLockFile(const std::string &path)
     return IsThere(path + "/" + std::string(kLockFileName), &status);
 }
 
-void MakePlace(const std::string &path)
+bool IsInStaging(const std::string &store, const std::string &path)
 {
-    if (TQRecursiveMkdir(path.c_str(), 0700) != 0)
-        throw CommandFailure::Errno("can't make the directory " + Quoted(path) + " for the store", errno);
+    const std::string staging = store + "/" + std::string(kStagingName);
+    return path == staging || path.rfind(staging + "/", 0) == 0;
+}
+
+// 0, or errno. Bits that the parent hands down stay.
+static int _MakeOwn(const std::string &path)
+{
+    struct stat status {};
+    if (mkdir(path.c_str(), 0700) != 0) return errno;
+    if (lstat(path.c_str(), &status) != 0) return errno;
+    const mode_t mode = (status.st_mode | 0700) & 07777;
+    return mode == (status.st_mode & 07777) || chmod(path.c_str(), mode) == 0 ? 0 : errno;
+}
+
+std::vector<std::string> MakePlace(const std::string &path)
+{
+    std::vector<std::string> made;
+    for (size_t slash = 0; slash != path.npos;) {
+        slash = path.find('/', slash + 1);
+        const std::string folder = path.substr(0, slash);
+        struct stat status {};
+        int reason = stat(folder.c_str(), &status) == 0 ? EEXIST : errno;
+        if (reason == ENOENT) reason = _MakeOwn(folder);
+        if (reason == 0) made.push_back(folder);
+        if (reason == 0 || reason == EEXIST) continue; // what is no directory refuses the next
+        RemoveMade(made);
+        throw CommandFailure::Errno("can't make the directory " + Quoted(path) + " for the store", reason);
+    }
+    return made;
+}
+
+void RemoveMade(const std::vector<std::string> &made)
+{
+    for (auto folder = made.rbegin(); folder != made.rend(); ++folder)
+        if (rmdir(folder->c_str()) != 0) return;
 }
 
 std::set<std::string> PeekAtNames(const std::string &path)

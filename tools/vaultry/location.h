@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <sys/stat.h>
+#include <vector>
 
 // The absolute path of the store: what --store said, else $VAULTRY_STORE, else the user's data directory. With links
 // resolved where it exists, since the library takes no link for a store.
@@ -30,8 +31,15 @@ bool IsEmpty(const std::string &path);
 // Of a store, or what is left of one: the file goes last when a store is destroyed.
 bool HasLockFile(const std::string &path);
 
-// Makes the directory of a store, which nobody else may look into, and its parents.
-void MakePlace(const std::string &path);
+// Whether a path is that of a store's staging area, or leads into it.
+bool IsInStaging(const std::string &store, const std::string &path);
+
+// Makes the directory of a store, and those parents that are missing, all for their owner alone whatever the umask is.
+// Says which, parents first; none if it throws.
+std::vector<std::string> MakePlace(const std::string &path);
+
+// Removes them again, as far as they are empty.
+void RemoveMade(const std::vector<std::string> &made);
 
 // The names of the generations in a store's directory as they are at the moment, without the store's lock.
 std::set<std::string> PeekAtNames(const std::string &path);

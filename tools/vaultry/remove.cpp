@@ -46,5 +46,14 @@ int RunRemove(const Arguments &arguments)
         // One by one: the others still go, and the user hears which can't. Those that went are passed over.
         for (const std::string &name : names) attempt([&] { store.Remove({name}); });
     }
+    // The library takes a link to nothing, which only another program can have put there, for nothing.
+    attempt([&] {
+        const std::set<std::string> left = names.empty() ? std::set<std::string>() : PeekAtNames(store.path());
+        for (const std::string &name : names) {
+            struct stat status {};
+            if (left.contains(name) && IsThere(store.path() + "/" + name, &status) && S_ISLNK(status.st_mode))
+                throw CommandFailure(kExitFailure, Quoted(name) + " is a link, and no generation: it stays");
+        }
+    });
     return exitCode;
 }

@@ -60,12 +60,24 @@ static void _RecordBackup(const Store &store, const std::string &backup, const s
         Say("list may not show " + Quoted(backup) + " with its document: that could not be written");
 }
 
+// After a restore that failed the backup is gone, unless a part of the old state is, or somebody saved the document
+// meanwhile.
+static void _NameBackup(const Store &store, const std::string &document, const std::optional<std::string> &backup,
+                        bool isNew, double now)
+{
+    if (!isNew || !store.Names().contains(*backup)) return;
+    _RecordBackup(store, *backup, document, now);
+    Say("what " + Quoted(document) + " was is kept as " + Quoted(*backup));
+}
+
 // What Ctrl-C does: the backup can be cancelled, and then the document is not touched. Without one nothing is asked
 // before the exchange, which is over at once and is not cut short by the first.
 static constexpr char kStopsAtBackup[] = "\nvaultry: stopping, unless the document is being replaced already; "
                                          "once more ends at once\n";
 static constexpr char kReplacesFirst[] = "\nvaultry: the document is replaced as soon as the generation is copied out; "
                                          "once more ends at once\n";
+static constexpr char kCopiesFirst[] = "\nvaultry: the document is there as soon as the generation is copied out; "
+                                       "once more ends at once and leaves what is there\n";
 
 static Owned<TQLibrary> _OpenLibrary(const Store &store)
 {
@@ -111,11 +123,7 @@ static void _Replace(const Store &store, const std::string &name, const std::str
         progress.bar().Clear();
     }
     if (restored) return;
-    // The backup is gone, unless a part of the old state is, or somebody saved the document meanwhile.
-    if (isNew && store.Names().contains(*backup)) {
-        _RecordBackup(store, *backup, document, now);
-        Say("what " + Quoted(document) + " was is kept as " + Quoted(*backup));
-    }
+    _NameBackup(store, document, backup, isNew, now);
     if (InterruptGuard::Came() && UnderlyingErrno(error.get()) == ECANCELED)
         throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(document) + " is as it was");
     const CommandFailure failure =
@@ -124,17 +132,21 @@ static void _Replace(const Store &store, const std::string &name, const std::str
                          failure.what() + (backup ? ExplainRefusal(error.get(), store.path(), document) : ""));
 }
 
-// A document that appears meanwhile is kept under the name of a backup.
+// A document that appears meanwhile is kept under the name of a backup, and replaced: what is at its path afterwards is
+// never taken away again.
 static void _CopyBack(const Store &store, const std::string &name, const std::string &document,
-                      const std::optional<std::string> &backup)
-{
+                      const std::optional<std::string> &backup, bool isNew, double now)
+try {
     const Owned<TQLibrary> library = _OpenLibrary(store);
     const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
-    const InterruptGuard interrupts(kCopyIsRemoved);
+    const InterruptGuard interrupts(kCopiesFirst);
     CopyOut(store, name, document, "can't restore " + Quoted(document) + " from " + Quoted(name), [&](TQError **error) {
         return TQLibraryRestoreGeneration(library.get(), MakeString(name).get(), url.get(),
                                           backup ? MakeString(*backup).get() : nullptr, error);
     });
+} catch (const CommandFailure &) {
+    _NameBackup(store, document, backup, isNew, now);
+    throw;
 }
 
 // What can't be looked at would be replaced without a backup if it were taken for absent.
@@ -162,10 +174,10 @@ int RunRestore(const Arguments &arguments)
     if (isThere)
         _Replace(store, name, document, backup, isNew, now);
     else
-        _CopyBack(store, name, document, backup);
+        _CopyBack(store, name, document, backup, isNew, now);
     if (!isThere && (!isNew || !store.Names().contains(*backup))) backup.reset();
     if (backup) _RecordBackup(store, *backup, document, now);
-    const std::string restored = isThere ? RestoredPath(document, name) : document;
+    const std::string restored = isThere || backup ? RestoredPath(document, name) : document;
     if (arguments.json) {
         Json object;
         PutBytes(object, "document", restored);

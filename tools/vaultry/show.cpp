@@ -7,7 +7,6 @@
 #include "text.h"
 #include "times.h"
 
-#include <vaultry/archive.h>
 #include <vaultry/library.h>
 #include <vaultry/number.h>
 
@@ -32,12 +31,12 @@ static std::string _Octal(uint32_t mode)
 }
 
 // With permissions as the document had them, not as the store protects them.
-static void _DescribeItem(const std::string &path, Json &object)
+static void _DescribeItem(const std::string &path, Json &object, Problems &problems)
 {
     struct stat item {};
     if (!IsThere(path, &item)) throw CommandFailure::Errno("can't look at " + Quoted(path), ENOENT);
     object["kind"] = S_ISDIR(item.st_mode) ? "directory" : S_ISREG(item.st_mode) ? "file" : "other";
-    object["size"] = TQComputeTreeSize(path.c_str(), nullptr);
+    problems.Note([&] { object["size"] = SizeOfTree(path); });
     TQFileStatus status;
     const int reason = TQLibraryInternalStatGeneration(path.c_str(), &status) == 0 ? 0 : errno;
     if (reason == 0) object["mode"] = _Octal(status.mode);
@@ -59,7 +58,7 @@ static Json _Describe(const Store &store, const std::string &name, Problems &pro
     const GenerationInfo info = ToGenerationInfo(dictionary.get());
     if (info.document) PutBytes(object, "document", *info.document);
     if (info.time) object["kept"] = IsoTime(*info.time);
-    problems.Note([&] { _DescribeItem(store.PathOf(name), object); });
+    problems.Note([&] { _DescribeItem(store.PathOf(name), object, problems); });
     problems.Note([&] {
         if (const std::string shown = store.DisplayNameOf(name); !shown.empty())
             PutBytes(object, "display_name", shown);

@@ -5,6 +5,7 @@
 #include "failure.h"
 #include "text.h"
 
+#include <vaultry/archive.h>
 #include <vaultry/url.h>
 
 #include <cerrno>
@@ -35,8 +36,14 @@ static PlaceKind _RequirePlace(const std::string &path)
 
 Store Store::OpenOrMake(const std::string &path)
 {
-    if (_RequirePlace(path) == PlaceKind::Missing) MakePlace(path);
-    return Store(path);
+    const bool isMissing = _RequirePlace(path) == PlaceKind::Missing;
+    const std::vector<std::string> made = isMissing ? MakePlace(path) : std::vector<std::string>();
+    try {
+        return Store(path);
+    } catch (const CommandFailure &) { // such as a place in another store
+        RemoveMade(made);
+        throw;
+    }
 }
 
 std::optional<Store> Store::OpenExisting(const std::string &path)
@@ -57,10 +64,9 @@ std::set<std::string> Store::Names() const
     Owned<TQError> error;
     const Owned<TQArray> array(TQClientManagedStorageCopyGenerationNames(handle(), error.out()));
     if (!array) throw CommandFailure::Library("can't list the store " + Quoted(path_), error.get());
-    std::set<std::string> names;
-    for (size_t i = 0; i < TQArrayGetCount(array.get()); ++i)
-        names.insert(ToText(static_cast<const TQString *>(TQArrayGetValueAtIndex(array.get(), i))));
-    return names;
+    // The library has waited for its turn, and refuses names that are no text; but it ends without a word where the
+    // directory can't be read any further.
+    return PeekAtNames(path_);
 }
 
 bool Store::Lacks(const std::string &name) const noexcept
@@ -134,4 +140,12 @@ GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
     const TQValue *time = TQDictionaryGetValue(dictionary, MakeString(kTimeKey).get());
     if (TQGetTypeID(time) == TQDateGetTypeID()) info.time = TQDateGetSeconds(static_cast<const TQDate *>(time));
     return info;
+}
+
+uint64_t SizeOfTree(const std::string &path)
+{
+    Owned<TQError> error;
+    const int64_t size = TQComputeTreeSize(path.c_str(), error.out());
+    if (size < 0 || error) throw CommandFailure::Library("can't measure " + Quoted(path), error.get());
+    return static_cast<uint64_t>(size);
 }

@@ -63,6 +63,9 @@ private:
 // Why what is at `path` can't be used as a store.
 CommandFailure NoStore(const std::string &path, PlaceKind kind);
 
+// The bytes of a generation's files. Throws if not all of it can be read.
+uint64_t SizeOfTree(const std::string &path);
+
 // The info dictionary's keys, which other clients may read and write.
 inline constexpr char kDocumentKey[] = "vaultry.document"; // data: the bytes of the absolute path
 inline constexpr char kTimeKey[] = "vaultry.time";         // date
