@@ -213,7 +213,7 @@ TEST(Crowd, RestoresOfOneDocumentLoseNoneOfItsStates)
         EXPECT_TRUE(vaultry::Store::findings(at.root(), /*repair=*/true));
         // What came out of another's restore, or was to go in, is reported and left to a person.
         const auto left = *vaultry::Store::findings(at.root());
-        for (const auto &finding : left) 
+        for (const auto &finding : left)
             EXPECT_TRUE(finding.kind == "document-aside" || finding.kind == "copy-beside") << finding.kind;
         EXPECT_EQ(disk::List(place).size(), 1 + left.size());
         aside += left.empty() ? 0 : 1;
