@@ -10,6 +10,7 @@
 #include "Platform/ProcPath.h"
 #include "Platform/Rename.h"
 #include "Platform/Times.h"
+#include "Platform/TreeWalk.h"
 #include "Platform/UniqueNames.h"
 #include "Platform/Volume.h"
 #include "Platform/duplix.h"
@@ -229,10 +230,12 @@ bool Beside::GiveRights(mode_t staged, const char *restoredPath, TQError **error
     if (!copy_) return true; // a link that somebody put into the store has no rights of its own
     const platform::ProcPath open(copy_.get());
     _SetFileNameExtensionHiding({AT_FDCWD, open.c_str(), restoredPath}, Links::Follow, document_.extensionHidden);
-    const bool isGiven = GiveOwner() &&
-                         platform::GiveListsOf(document_.At(document_.name()), Links::Follow, copy_.get()) == 0 &&
-                         fchmod(copy_.get(), _RestoredModeFor(staged, document_.rights, status_)) == 0;
-    if (!isGiven) return Failure(error).Errno("failed to set final mode on \"%s\"", restoredPath);
+    mode_t denied = 0;
+    const Item document = document_.At(document_.name());
+    const bool isGiven = GiveOwner() && platform::GiveListsOf(document, Links::Follow, copy_.get(), &denied) == 0 &&
+                         fchmod(copy_.get(), _RestoredModeFor(staged, document_.rights, status_) & ~denied) == 0;
+    if (!isGiven || platform::GetStatusOfFd(copy_.get(), &given_) != 0)
+        return Failure(error).Errno("failed to set final mode on \"%s\"", restoredPath);
     const uint32_t flags = document_.rights.flags & ~kBlockingFlags;
     if (platform::SetFlagsOfKnown(copy_.get(), status_, flags) != 0) {
         if (errno != ENOTSUP) return Failure(error).Errno("failed to set final flags on \"%s\"", restoredPath);
@@ -259,6 +262,22 @@ void Beside::TakeBlockingFlags()
 {
     const uint32_t flags = status_.flags & ~kBlockingFlags;
     if (copy_ && platform::SetFlagsOfKnown(copy_.get(), status_, flags) == 0) status_.flags = flags;
+}
+
+// Its own change is a rename alone. What was made in it before is older than its last right.
+bool Beside::IsWorkedOn() const
+{
+    const ErrnoKeeper keeper;
+    TQFileStatus now;
+    if (!wasShown_ || !copy_ || name_[0] == '\0') return false;
+    if (platform::GetStatus(item(), Links::NoFollow, &now) != 0 || ItemId::Of(now) != id()) return false;
+    if (now.size != given_.size || !platform::IsSameTime(now.modificationTime, given_.modificationTime)) return true;
+    TreeWalk walk;
+    if (!S_ISDIR(now.mode) || !walk.Open(item())) return false;
+    while (const TreeWalk::Entry *entry = walk.Next())
+        if (entry->level > 0 && entry->hasStatus && platform::IsBefore(given_.changeTime, entry->status.changeTime))
+            return true;
+    return false;
 }
 
 // What came by a rename was flushed in staging, all but its top item. What was copied here was flushed item by item,

@@ -18,6 +18,8 @@
 #include <vaultry/file_status.h>
 
 #include <climits>
+#include <cstdio>
+#include <cstring>
 
 // The document as it was looked at first, and its folder, held open.
 struct ReplacedDocument {
@@ -88,8 +90,15 @@ public:
     void TakeBlockingFlags();
 
     // It has another name now, or is nothing of ours any more.
-    void MovedTo(const char *name) { (void)snprintf(name_, sizeof name_, "%s", name); }
+    void MovedTo(const char *name)
+    {
+        wasShown_ = wasShown_ || strcmp(name, placeholder_) != 0;
+        (void)snprintf(name_, sizeof name_, "%s", name);
+    }
     void Release() { name_[0] = '\0'; }
+
+    // Whether somebody has worked on it since it had the document's name.
+    bool IsWorkedOn() const;
 
     const char *name() const { return name_; }
     const char *placeholder() const { return placeholder_; } // its first name, once chosen
@@ -114,5 +123,7 @@ private:
     TQFileStatus status_{}; // of the placeholder, then of the copy
     UniqueFd copy_;         // opened before its final mode, which may let nobody read it; none for a link
     TreeFlush flush_;
+    TQFileStatus given_{}; // of the copy with all its rights
     bool isAcross_ = false;
+    bool wasShown_ = false;
 };

@@ -225,9 +225,27 @@ bool Exchange::RenameBack()
 // Once. What is given up for the document, the backup and the note, goes only when its way back is on disk.
 void Exchange::TakeBack()
 {
-    if (old_[0] == '\0' || isTakenBack_) return;
-    const ErrnoKeeper keeper;
+    if (isTakenBack_) return;
     isTakenBack_ = true;
+    if (old_[0] != '\0') BringHome();
+    if (copy_.IsWorkedOn()) LeaveCopy();
+}
+
+// What somebody has written to it while it had the document's name is nowhere else.
+void Exchange::LeaveCopy()
+{
+    const ErrnoKeeper keeper;
+    Failure(nullptr).Status(kTQStatusFailed,
+                            "\"%s\" was changed while it was being restored; what was saved lies beside it as \"%s\"",
+                            document_.path, copy_.name());
+    copy_.Release();
+    staging_.Keep();
+    NoteFailure();
+}
+
+void Exchange::BringHome()
+{
+    const ErrnoKeeper keeper;
     copy_.TakeBlockingFlags();
     if (isSwapped_ ? SwapBack() : RenameBack()) {
         old_[0] = '\0';

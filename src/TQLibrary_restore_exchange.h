@@ -50,6 +50,8 @@ private:
     bool changesName() const;
     bool Plan(PlannedExchange *plan) const;
     void NoteFailure();
+    void BringHome();
+    void LeaveCopy();
     platform::Held HeldAtHome() const;
     bool Rename(const char *from, const char *to, const ItemId &id, bool mayReplace = false);
     bool Swap(TQError **error);

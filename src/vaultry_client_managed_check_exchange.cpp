@@ -42,8 +42,8 @@ public:
     // True if nothing is left at the name of `path`.
     bool Settle(const char *path);
     bool SettleRenamed();
-    // Whether a folder is the document's, as it was noted.
-    bool IsFolder(int fd, TQFileStatus *status) const;
+    // Its volume is not there, or it was moved, and with it what the note tells of.
+    bool IsFolderAway() const;
 
 private:
     static Item In(int folder, const char *path)
@@ -59,6 +59,7 @@ private:
     bool GiveBack(const Item &item, Holds held, const TQFileStatus &status, const Item &home) const;
     static bool Remove(const Item &item, const TQFileStatus &status);
     bool IsCopyUntouched(const Item &item, const TQFileStatus &status) const;
+    bool MayGoTo(int folder, TQFileStatus *status) const;
 
     const OwnerNote &note_;
     const struct timespec written_; // the note's time, by its volume's clock
@@ -116,7 +117,7 @@ bool LeftExchange::Report(const char *path, const char *kind, const char *meanin
             const platform::ActingAs author(author_.owner);
             const OpenedFolder folder(path);
             TQFileStatus status;
-            return author && folder && IsFolder(folder.fd(), &status) && mend(folder.fd()) &&
+            return author && folder && MayGoTo(folder.fd(), &status) && mend(folder.fd()) &&
                    (status.device == author_.device || _FlushEntry(path, nullptr));
         },
         home);
@@ -204,9 +205,22 @@ bool LeftExchange::SettleRenamed()
     return false;
 }
 
-bool LeftExchange::IsFolder(int fd, TQFileStatus *status) const
+// Root's own note would lead it through any link.
+bool LeftExchange::MayGoTo(int folder, TQFileStatus *status) const
 {
-    return platform::GetStatusOfFd(fd, status) == 0 && note_.exchange.folder.IsOf(*status, note_.IsOfThisStart());
+    return platform::GetStatusOfFd(folder, status) == 0 &&
+           (author_.owner != 0 || note_.exchange.folder.IsFolder(*status, note_.IsOfThisStart()));
+}
+
+bool LeftExchange::IsFolderAway() const
+{
+    TQFileStatus status;
+    const PlannedExchange &plan = note_.exchange;
+    if (platform::GetStatusOfFd(folder_, &status) == 0 && plan.folder.IsFolder(status, note_.IsOfThisStart()))
+        return false;
+    for (const char *path : {plan.waiting.c_str(), plan.aside.c_str()})
+        if (path[0] != '\0' && Look(At(path), &status) != Holds::Nothing) return false;
+    return true;
 }
 
 // The document may be in it, under a name that nothing but the note tells.
@@ -243,8 +257,7 @@ bool _CheckExchange(const char *notePath, const FoundOwner &owner, const TQFileS
         return false;
     }
     LeftExchange left(owner, folder.fd(), author, findings);
-    TQFileStatus status;
-    if (!left.IsFolder(folder.fd(), &status)) {
+    if (left.IsFolderAway()) {
         AddAway(notePath, note, findings);
         return false;
     }

@@ -123,14 +123,15 @@ void CheckLitter(const Unique &unique, bool isDead, Findings &findings)
                      "Something was staged here less than an hour ago: a copy in use, or one that was interrupted.");
 }
 
-// Whether the folder at the path is the one that the document was taken from: root's own note would lead it through any
-// link. An earlier version noted no folder, and is followed where its owner alone could have gone.
-bool IsFormerFolder(const Unique &unique, const OpenedFolder &folder)
+// Root's own note, in somebody else's store, would lead it through any link of theirs: the folder at the path has to be
+// the one that the document was taken from. Everybody else goes where they may. An earlier version noted no folder.
+bool MayGoTo(const OpenedFolder &folder, const Unique &unique)
 {
     const OwnerNote &note = unique.owner.note;
     TQFileStatus status;
-    if (unique.owner.life == OwnerLife::None) return unique.status.owner == unique.area.owner;
-    return platform::GetStatusOfFd(folder.fd(), &status) == 0 && note.folder.IsOf(status, note.IsOfThisStart());
+    if (unique.status.owner == unique.area.owner || unique.status.owner != 0) return true;
+    return unique.owner.life != OwnerLife::None && platform::GetStatusOfFd(folder.fd(), &status) == 0 &&
+           note.folder.IsFolder(status, note.IsOfThisStart());
 }
 
 // The document goes home with the rights that it had, and the directory that held it goes with its note once that is on
@@ -141,7 +142,7 @@ bool GiveBack(const Unique &unique, uint32_t mode, const char *home, const Moved
         const platform::ActingAs maker(unique.status.owner);
         const OpenedFolder folder(home);
         const auto flush = TreeFlush::By(unique.fd);
-        if (!maker || !folder || !IsFormerFolder(unique, folder) ||
+        if (!maker || !folder || !MayGoTo(folder, unique) ||
             !_GiveDocumentBack(unique.staged, folder.item(), document) || !flush.Flush(home, mode, nullptr) ||
             !_FlushEntry(home, nullptr))
             return false;
@@ -209,7 +210,8 @@ bool IsBare(const Unique &unique)
 }
 
 // A move that was cut short before its document went has made that writable, and nobody knows but its note.
-void CheckDocumentAtHome(const Unique &unique, Findings &findings)
+// False if its note is still needed.
+bool CheckDocumentAtHome(const Unique &unique, Findings &findings)
 {
     const OwnerNote &note = unique.owner.note;
     const OpenedFolder folder(note.document);
@@ -219,8 +221,8 @@ void CheckDocumentAtHome(const Unique &unique, Findings &findings)
     const uint32_t flags = isThere ? status.flags | (note.topFlags & kBlockingFlags) : 0;
     const bool isLifted = isThere && (flags != status.flags || (status.mode & 07777) != note.topMode) &&
                           (status.mode & 07777) == (note.topMode | 0200);
-    if (!isLifted) return;
-    findings.AddMendable(
+    if (!isLifted) return true;
+    const bool mended = findings.AddMendable(
         note.document, "document-lifted",
         "A move into the store was interrupted before it began: the document can be written to, and could not before.",
         [&] {
@@ -229,6 +231,7 @@ void CheckDocumentAtHome(const Unique &unique, Findings &findings)
             return pinned && platform::SetModeOfPinned(pinned.get(), static_cast<mode_t>(note.topMode)) == 0 &&
                    platform::SetFlagsOfPinned(pinned.get(), status, flags) == 0;
         });
+    return mended || !findings.repair();
 }
 
 // What a restore put beside its document is settled before its note goes.
@@ -238,8 +241,8 @@ void CheckLeftovers(const Unique &unique, Findings &findings)
     // A client that had a copy was cut off with the note's bytes.
     const bool isOver = owner.readable ? owner.note.work != Work::CopyOut : owner.isBlank;
     const bool isDead = owner.life == OwnerLife::Dead && isOver;
-    if (isDead && owner.note.work == Work::Move && owner.note.topMode != OwnerNote::kUnknownMode)
-        CheckDocumentAtHome(unique, findings);
+    const bool isOfMove = owner.note.work == Work::Move && owner.note.topMode != OwnerNote::kUnknownMode;
+    if (isDead && isOfMove && !CheckDocumentAtHome(unique, findings)) return;
     // Age says nothing of what stands beside a document.
     const bool isNoted = owner.life != OwnerLife::None && owner.readable && owner.note.hasExchange;
     if (isNoted && !_CheckExchange(unique.item.path, owner, unique.status, findings)) return;

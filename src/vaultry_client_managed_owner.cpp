@@ -198,6 +198,8 @@ OwnerLife ReadUnderLock(int fd, FoundOwner *found)
     do result = flock(fd, LOCK_SH | LOCK_NB);
     while (result != 0 && errno == EINTR);
     const int why = result != 0 ? errno : 0;
+    TQFileStatus status;
+    if (platform::GetStatusOfFd(fd, &status) == 0) found->written = status.modificationTime;
     ReadOwnerFile(fd, found);
     if (why != 0) return why == EWOULDBLOCK ? OwnerLife::Alive : OwnerLife::Doubtful;
     (void)flock(fd, LOCK_UN);
@@ -243,6 +245,11 @@ bool ItemMark::IsOf(const TQFileStatus &status, bool deviceCounts) const
     const ItemMark other = Of(status);
     return id.inode != 0 && id.inode == other.id.inode && (!deviceCounts || id.device == other.id.device) &&
            born == other.born && bornNanoseconds == other.bornNanoseconds;
+}
+
+bool ItemMark::IsFolder(const TQFileStatus &status, bool deviceCounts) const
+{
+    return id.inode != 0 && id.inode == status.inode && (!deviceCounts || id.device == status.device);
 }
 
 bool ItemMark::IsUnchanged(const TQFileStatus &status) const
@@ -336,6 +343,5 @@ void _LookForOwner(int directory, uint32_t areaOwner, FoundOwner *found)
     if (!S_ISREG(status.mode) || (status.mode & 07777) != kOwnerFileMode || status.linkCount != 1 ||
         status.owner != areaOwner)
         return;
-    found->written = status.modificationTime;
     found->life = ReadUnderLock(fd.get(), found);
 }

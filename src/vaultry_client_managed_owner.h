@@ -34,6 +34,8 @@ struct ItemMark {
     static ItemMark Of(const TQFileStatus &status);
     // Since the machine was started anew the volume's device may have another number.
     bool IsOf(const TQFileStatus &status, bool deviceCounts) const;
+    // The same of a folder, whose birth changes where an overlay copies it up.
+    bool IsFolder(const TQFileStatus &status, bool deviceCounts) const;
     // A file that has not been written to since.
     bool IsUnchanged(const TQFileStatus &status) const;
 };

@@ -5,6 +5,8 @@
 #include "Platform/ScopeExit.h"
 
 #include <cerrno>
+#include <cstring>
+#include <endian.h>
 #include <fcntl.h>
 #include <linux/limits.h>
 #include <memory>
@@ -18,19 +20,49 @@ static bool _HasNone(int error)
     return error == ENODATA || error == ENOTSUP; // a file system without lists
 }
 
-static bool _GiveList(const char *name, const char *from, int to)
+static bool _GiveList(const char *name, const char *from, int to, mode_t *denied)
 {
-    const std::unique_ptr<char[]> list(new (std::nothrow) char[XATTR_SIZE_MAX]);
+    const std::unique_ptr<unsigned char[]> list(new (std::nothrow) unsigned char[XATTR_SIZE_MAX]);
     if (!list) {
         errno = ENOMEM;
         return false;
     }
     const ssize_t size = getxattr(from, name, list.get(), XATTR_SIZE_MAX);
-    if (size >= 0) return fsetxattr(to, name, list.get(), static_cast<size_t>(size), 0) == 0;
-    return _HasNone(errno) && (fremovexattr(to, name) == 0 || _HasNone(errno));
+    if (size >= 0 && fsetxattr(to, name, list.get(), static_cast<size_t>(size), 0) == 0) return true;
+    if (size >= 0) {
+        if (!IsListForgiven(errno)) return false;
+        if (denied) *denied = DeniedByList(list.get(), static_cast<size_t>(size));
+    } else if (!_HasNone(errno)) {
+        return false;
+    }
+    return fremovexattr(to, name) == 0 || _HasNone(errno);
 }
 
-int GiveListsOf(const Item &from, Links links, int to)
+mode_t DeniedByList(const unsigned char *list, size_t size)
+{
+    enum : uint16_t { kUser = 0x02, kGroupObject = 0x04, kGroup = 0x08, kMask = 0x10 };
+    struct Entry {
+        uint16_t tag;
+        uint16_t rights;
+        uint32_t id;
+    };
+    unsigned mask = 07, group = 07, named = 07;
+    bool namesAny = false;
+    for (size_t at = sizeof(uint32_t); at + sizeof(Entry) <= size; at += sizeof(Entry)) {
+        Entry entry;
+        memcpy(&entry, list + at, sizeof entry);
+        const uint16_t tag = le16toh(entry.tag), rights = le16toh(entry.rights);
+        namesAny = namesAny || tag == kUser || tag == kGroup;
+        if (tag == kUser || tag == kGroup) named &= rights;
+        if (tag == kGroupObject) group &= rights;
+        if (tag == kMask) mask &= rights;
+    }
+    if (namesAny) named &= mask;
+    group &= mask & named;
+    return static_cast<mode_t>((~group & 07) << 3 | (~named & 07));
+}
+
+int GiveListsOf(const Item &from, Links links, int to, mode_t *denied)
 {
     const int before = errno;
     const UniqueFd pinned(
@@ -39,8 +71,9 @@ int GiveListsOf(const Item &from, Links links, int to)
     TQFileStatus target;
     if (!pinned || GetStatusOfFd(pinned.get(), &source) != 0 || GetStatusOfFd(to, &target) != 0) return -1;
     const ProcPath path(pinned.get());
-    if (!_GiveList("system.posix_acl_access", path.c_str(), to)) return -1;
-    if (S_ISDIR(source.mode) && S_ISDIR(target.mode) && !_GiveList("system.posix_acl_default", path.c_str(), to))
+    if (!_GiveList("system.posix_acl_access", path.c_str(), to, denied)) return -1;
+    if (S_ISDIR(source.mode) && S_ISDIR(target.mode) &&
+        !_GiveList("system.posix_acl_default", path.c_str(), to, nullptr))
         return -1;
     errno = before;
     return 0;

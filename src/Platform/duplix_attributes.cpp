@@ -1,8 +1,9 @@
 #include "Platform/duplix_metadata.h"
 
+#include "Platform/AccessLists.h"
+
 #include <cerrno>
 #include <cstring>
-#include <endian.h>
 #include <linux/limits.h>
 #include <new>
 #include <sys/stat.h>
@@ -94,32 +95,6 @@ Copied AttributeCopier::CopyUserAttributes(const CopiedItem &item, DuplixReports
     return Copied::Yes;
 }
 
-// What a mode without its access list may not grant, so that nobody gets more than the list, in the form in which the
-// kernel hands it out, gave. Whom it names falls into the group or among the others then.
-static mode_t _DeniedByList(const unsigned char *list, size_t size)
-{
-    enum : uint16_t { kUser = 0x02, kGroupObject = 0x04, kGroup = 0x08, kMask = 0x10 };
-    struct Entry {
-        uint16_t tag;
-        uint16_t rights;
-        uint32_t id;
-    };
-    unsigned mask = 07, group = 07, named = 07;
-    bool namesAny = false;
-    for (size_t at = sizeof(uint32_t); at + sizeof(Entry) <= size; at += sizeof(Entry)) {
-        Entry entry;
-        memcpy(&entry, list + at, sizeof entry);
-        const uint16_t tag = le16toh(entry.tag), rights = le16toh(entry.rights);
-        namesAny = namesAny || tag == kUser || tag == kGroup;
-        if (tag == kUser || tag == kGroup) named &= rights;
-        if (tag == kGroupObject) group &= rights;
-        if (tag == kMask) mask &= rights;
-    }
-    if (namesAny) named &= mask;
-    group &= mask & named;
-    return static_cast<mode_t>((~group & 07) << 3 | (~named & 07));
-}
-
 static bool _RemoveInherited(int to, const char *list)
 {
     return fremovexattr(to, list) == 0 || errno == ENODATA || errno == ENOTSUP;
@@ -132,9 +107,9 @@ bool AttributeCopier::CopyAccessList(const CopiedItem &item, CopiedLists *lists)
     if (size == 0) return !item.mayHaveInherited || _RemoveInherited(item.to, kAccessList);
     lists->touched = true;
     if (fsetxattr(item.to, kAccessList, value_.get(), size, 0) == 0) return true;
-    if (errno != ENOTSUP) return false;
+    if (!IsListForgiven(errno)) return false;
     // The mode's group bits were the list's mask. Without the list they would grant that to the whole group.
-    lists->denied = _DeniedByList(value_.get(), size);
+    lists->denied = DeniedByList(value_.get(), size);
     return true;
 }
 
@@ -144,7 +119,7 @@ bool AttributeCopier::CopyDefaultList(const CopiedItem &item)
     size_t size = 0;
     if (!ReadList(item, kDefaultList, &size)) return false;
     if (size == 0) return !item.mayHaveInherited || _RemoveInherited(item.to, kDefaultList);
-    return fsetxattr(item.to, kDefaultList, value_.get(), size, 0) == 0 || errno == ENOTSUP;
+    return fsetxattr(item.to, kDefaultList, value_.get(), size, 0) == 0 || IsListForgiven(errno);
 }
 
 Copied AttributeCopier::CopyLists(const CopiedItem &item, CopiedLists *lists, DuplixReports &reports)

@@ -113,7 +113,7 @@ struct HardLinkedFile {
     Item item;
     const TQFileStatus &status;
     size_t parentPathLength; // of item.path
-    bool noteParent;         // what its directory loses meanwhile is recorded on it, as archiving would
+    bool noteParent;         // what its directory, if that is the document's, loses meanwhile is recorded on it
 };
 bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *made, TQError **error);
 

@@ -142,9 +142,9 @@ bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus
         return true;
     case Kind::File:
         if (IsSidecarName(entry.item.name)) return KeepSidecar(entry, how, error);
-        if (entry.status.linkCount >= 2 &&
-            !_BreakHardLink({entry.item, entry.status, entry.parentPathLength, /*noteParent=*/how.moved}, before,
-                            error))
+        if (entry.status.linkCount >= 2 && !_BreakHardLink({entry.item, entry.status, entry.parentPathLength,
+                                                            /*noteParent=*/how.moved && entry.level > 0},
+                                                           before, error))
             return false;
         if (how.totalSize) *how.totalSize += entry.status.size;
         break;

@@ -66,6 +66,7 @@ public:
     Addition(const Store &store, const Document &document, const Arguments &arguments, ProgressBar &bar)
         : store_(store), path_(document.path), givenName_(arguments.newName), isMove_(arguments.move), bar_(bar)
     {
+        (void)lstat(path_.c_str(), &before_); // adding says what is wrong
     }
 
     // Throws if nothing was kept. Else an exit code: not success if something beside the generation is missing.
@@ -89,6 +90,7 @@ private:
     const std::string path_;
     const std::optional<std::string> givenName_;
     const bool isMove_;
+    struct stat before_ {}; // the document's top item
     ProgressBar &bar_;
     const double now_ = PresentTime();
 
@@ -176,7 +178,9 @@ void Addition::Refuse() const
     const auto isGone = [&status](const std::string &path) {
         return lstat(path.c_str(), &status) != 0 && errno == ENOENT;
     };
-    if (isMove_ && isGone(path_))
+    const bool isNotHome =
+        isGone(path_) || (before_.st_ino != 0 && (status.st_ino != before_.st_ino || status.st_dev != before_.st_dev));
+    if (isMove_ && isNotHome)
         message += !isGone(store_.path() + "/" + name_)
                        ? "\n  the document was moved all the same: the store holds it as " + Quoted(name_)
                        : "\n  the document could not be put back: it lies below " +

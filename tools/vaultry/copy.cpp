@@ -71,14 +71,14 @@ static std::string _FreeDestination(const Store &store, const std::string &given
 }
 
 // Whether what is at `destination` is still the copy: it has brought its time along, and whoever saves there leaves
-// another. Nobody tells which inode the copy was made as.
+// another. Volumes keep times to two seconds at worst. Nobody tells which inode the copy was made as.
 static bool _IsCopyOf(const std::string &generation, const std::string &destination)
 {
     struct stat kept {
     }, copy{};
     return IsThere(generation, &kept) && IsThere(destination, &copy) && ((kept.st_mode ^ copy.st_mode) & S_IFMT) == 0 &&
-           (S_ISDIR(copy.st_mode) || kept.st_size == copy.st_size) && kept.st_mtim.tv_sec == copy.st_mtim.tv_sec &&
-           kept.st_mtim.tv_nsec == copy.st_mtim.tv_nsec;
+           (S_ISDIR(copy.st_mode) || kept.st_size == copy.st_size) &&
+           std::abs(kept.st_mtim.tv_sec - copy.st_mtim.tv_sec) <= 2;
 }
 
 // What came too late to stop the copy. Leaves alone what somebody else has put in its place.

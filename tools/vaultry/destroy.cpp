@@ -34,21 +34,25 @@ static std::string _Text(const TQDictionary *finding, const char *key)
 }
 
 // What a move left in staging when it was interrupted is no earlier version: it is the document. Whatever a check can't
-// see through there may be one, too.
+// see through there may be one, too; and where a restore left the document beside its path, the store has the only note.
 static void _RequireNoDocument(const std::string &path)
 {
-    static const std::set<std::string> harmless = {"staging-litter", "staging-recent", "staging-missing"};
+    static const std::set<std::string> harmless = {"staging-litter", "staging-recent", "staging-missing",
+                                                   "staging-mode"},
+                                       documents = {"document-in-staging", "document-aside"};
     Owned<TQError> error;
     const Owned<TQArray> findings(TQClientManagedStorageCopyFindings(path.c_str(), /*repair=*/false, error.out()));
     if (!findings) throw CommandFailure::Library("not destroying " + Quoted(path) + " unseen", error.get());
     for (size_t i = 0; i < TQArrayGetCount(findings.get()); ++i) {
         const auto *finding = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(findings.get(), i));
-        const std::string item = _Text(finding, "path");
-        if (!IsInStaging(path, item) || harmless.contains(_Text(finding, "kind"))) continue;
-        throw CommandFailure(kExitFailure, "not destroying the store " + Quoted(path) + ": " + Quoted(item) + ": " +
-                                               _Text(finding, "meaning") +
-                                               "\n  what lies there may be somebody's only copy; \"vaultry check "
-                                               "--repair\" gives a document back that a killed move left");
+        const std::string item = _Text(finding, "path"), kind = _Text(finding, "kind");
+        const bool isDocument = documents.contains(kind);
+        if (!isDocument && (!IsInStaging(path, item) || harmless.contains(kind))) continue;
+        throw CommandFailure(kExitFailure,
+                             "not destroying the store " + Quoted(path) + ": " + Quoted(item) + ": " +
+                                 _Text(finding, "meaning") +
+                                 (isDocument ? "\n  \"vaultry check --repair\" gives it back where it can"
+                                             : "\n  look at it first, and remove it yourself if it may go"));
     }
 }
 
