@@ -1,7 +1,7 @@
 // The library object: a data value whose whole content is a pointer to a store handle.
 //
-// Its last release frees the handle through the allocator that the data value was told to give its bytes back to. The
-// store on disk has nothing to do with it.
+// Its last release frees the handle, through the allocator to which the data value returns its bytes. The store on disk
+// is not touched.
 
 #include "TQLibrary.h"
 
@@ -25,7 +25,7 @@ using StorageSlot = TQClientManagedStorage *;
 TQAllocator *sTQLibraryAllocator;
 std::once_flag sTQLibraryAllocatorOnce;
 
-// The allocator exists only to give slots back.
+// The allocator exists only to free slots.
 [[noreturn]] void *__TQLibraryAllocate(size_t, void *)
 {
     abort();
@@ -113,7 +113,8 @@ int TQLibraryInternalStatGeneration(const char *path, TQFileStatus *status)
     if (result != 0) return result;
     const int before = errno;
 
-    // The store's own protection is not the document's, and a stored item is never compressed for its reader.
+    // The store's own protection is not shown as the document's, and a stored item never looks compressed to its
+    // reader.
     uint8_t saved = 0;
     errno = 0;
     const ssize_t length =
@@ -134,8 +135,8 @@ int TQLibraryInternalStatGeneration(const char *path, TQFileStatus *status)
     return 0;
 }
 
-// Storage options and transfers between clients are things of stores that the system manages; the calls
-// stay for clients that make them.
+// Only stores that the system manages have storage options and transfers between clients. The calls stay for clients
+// that make them.
 
 bool TQLibrarySetStorageOptions(TQLibrary *, uint64_t, TQError **)
 {

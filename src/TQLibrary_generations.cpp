@@ -1,5 +1,5 @@
 // The operations that a client calls: each turns names and URLs into the forms that the store takes, and calls the one
-// store operation that does the work. Which of them hand the caller's error down is part of their contract.
+// store operation that does the work. Which of them pass the caller's error on is part of their contract.
 
 #include "TQLibrary.h"
 

@@ -69,7 +69,8 @@ struct RestoredName {
     }
 };
 
-// Before anything is copied: neither may hold the other, and what is mounted inside a document would be lost with it.
+// Checked before anything is copied: document and store may not hold each other, and what is mounted inside a document
+// would be lost with it.
 bool RequireReplaceable(const Request &request, const ReplacedDocument &document, TQError **error)
 {
     const char *const path = document.trimmed.c_str();
@@ -89,13 +90,13 @@ class CopiedOut {
 public:
     bool Make(const Request &request, const char *generation, const char *documentPath, TQError **error)
     {
-        uint32_t flags = 0; // the document's own count in the end
+        uint32_t flags = 0; // not used: the copy gets the document's own
         return _CopyOutToStaging(request.store(), generation, OwnerNote::Of(Work::Restore, documentPath), staging_,
                                  &mode_, &flags, error);
     }
 
-    // The document is not touched before what replaces it is on disk. Until it gets its final mode it is open to nobody
-    // but its owner.
+    // The document is not touched before the copy is on disk. Until the copy gets its final mode, only its owner can
+    // open it.
     bool Flush(TQError **error)
     {
         const Item item = Item::AtPath(staging_.staged());
@@ -118,7 +119,7 @@ private:
     StagedCopy staged_{};
 };
 
-// The document as it was, kept as a generation; removed again at the end of its scope unless it is to stay.
+// The document as it was, kept as a generation. It is removed again at the end of its scope unless it is to stay.
 class Backup {
 public:
     explicit Backup(const Request &request) : request_(request) {}
@@ -173,7 +174,7 @@ bool Replace(const Request &request, ReplacedDocument &document, const char *res
     return replaced;
 }
 
-// There is no document to be replaced.
+// For a restore where there is no document to replace.
 bool CopyToItsPath(const Request &request, const char *documentPath, TQError **error)
 {
     char generation[kGenerationNameLimit + 1];
@@ -185,7 +186,7 @@ mode_t RestoredMode(mode_t staged, mode_t document)
 {
     mode_t mode = document & 07777;
     if (S_ISDIR(staged) && !S_ISDIR(document)) {
-        // Who may read or write a document may also enter it.
+        // A class that may read or write the document may also enter it.
         for (const unsigned shift : {6U, 3U, 0U}) {
             const mode_t search = 1U << shift;
             mode = (mode & (6U << shift)) != 0 ? mode | search : mode & ~search;
@@ -201,7 +202,8 @@ mode_t RestoredMode(mode_t staged, mode_t document)
 mode_t _RestoredModeFor(mode_t staged, const TQFileStatus &document, const TQFileStatus &copy)
 {
     const mode_t mode = RestoredMode(staged, static_cast<mode_t>(document.mode));
-    // Set-id bits would lend the rights of somebody who did not give them, and another group was among the others.
+    // Set-id bits would lend the rights of somebody who did not give them. A group that is not the document's was among
+    // the others before, and gets no more than they have.
     if (copy.group == document.group) return copy.owner == document.owner ? mode : mode & ~mode_t{S_ISUID | S_ISGID};
     const mode_t setUser = copy.owner == document.owner ? mode & S_ISUID : 0;
     return setUser | (mode & (S_ISVTX | S_IRWXU | S_IRWXO)) | (mode & S_IRWXG & (mode & S_IRWXO) << 3);

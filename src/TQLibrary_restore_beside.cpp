@@ -29,7 +29,7 @@ using platform::Held;
 
 namespace {
 
-// To a document's path, its zero included.
+// The most that is added to a document's path, its zero included.
 constexpr size_t kLongestAddition = sizeof PlaceholderName::kMark - 1 + sizeof PlaceholderName::kUnique;
 
 } // namespace
@@ -66,7 +66,7 @@ bool ReplacedDocument::LookAgain(TQError **error)
     if (platform::GetStatus(At(name()), Links::Follow, &now) != 0)
         return Failure(error).Errno("stat(\"%s\") failed", path);
     if (ItemId::Of(now) == ItemId::Of(rights)) rights = now;
-    return true; // another one is met by the exchange
+    return true; // the exchange notices if it is another item
 }
 
 Held ReplacedDocument::Rename(const char *from, const char *to, const ItemId &id, bool mayReplace) const
@@ -87,7 +87,7 @@ int ReplacedDocument::IsUnchangedAt(const char *nameInFolder, bool *isUnchanged)
     return 0;
 }
 
-// An item whose mode gives its owner nothing could not be taken away again.
+// An item whose mode gives its owner nothing could not be removed, so it gets its owner's rights first.
 Beside::~Beside()
 {
     if (name_[0] == '\0') return;
@@ -140,7 +140,7 @@ bool Beside::Make(bool isDirectory, TQError **error)
         return FailToMake(isDirectory, error);
     const bool isKnown = isDirectory ? platform::GetStatus(document_.At(placeholder_), Links::NoFollow, &status_) == 0
                                      : platform::GetStatusOfFd(file.get(), &status_) == 0;
-    // Nothing was written, so that only what is there now can be taken for it.
+    // Nothing was written to it, and only its name tells what to remove.
     if (!isKnown || file.Close() != 0) {
         Failure(error).Errno("stat(\"%s\") failed", path_.c_str());
         if (unlinkat(folder, placeholder_, isDirectory ? AT_REMOVEDIR : 0) != 0) staging_.Keep();
@@ -177,17 +177,18 @@ bool Beside::CopyAcross(const StagedCopy &staged, const char *restoredPath, TQEr
     if (!S_ISLNK(staged.status.mode))
         options.into = &status_;
     else
-        (void)unlinkat(document_.folder.get(), name_, 0); // a link can only be made anew
+        (void)unlinkat(document_.folder.get(), name_, 0); // a link can't be filled, only made anew
     if (platform::duplix(staged.path, path_.c_str(), /*callback=*/nullptr, /*context=*/nullptr, options) != 0)
         return Failure(error).Errno("duplix from \"%s\" to \"%s\" failed", staged.path, restoredPath);
-    // To the document's own path, where the old one still is: clients know a copy from another volume as new.
+    // This goes to the document's own path, where the old document still is: clients know a copy from another volume as
+    // new.
     (void)_TransferBirthTime(staged.path, document_.path);
     if (S_ISLNK(staged.status.mode) && platform::GetStatus(item(), Links::NoFollow, &status_) != 0)
         return Failure(error).Errno("stat(\"%s\") failed", path_.c_str());
     return OpenCopy(id(), error);
 }
 
-// What is opened has to be what was brought. A link can't be opened, and needs it not.
+// The item that is opened has to be the one that was brought. A link can't be opened, and need not be.
 bool Beside::OpenCopy(const ItemId &expected, TQError **error)
 {
     copy_.Reset(openat(document_.folder.get(), name_, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -204,7 +205,7 @@ bool Beside::OpenCopy(const ItemId &expected, TQError **error)
     return true;
 }
 
-// Whoever may not give it away may be in its group. A volume without owners refuses both.
+// A process that may not give the copy away may still be in the document's group. A volume without owners refuses both.
 bool Beside::GiveOwner()
 {
     const TQFileStatus &document = document_.rights;
@@ -245,7 +246,7 @@ bool Beside::GiveRights(mode_t staged, const char *restoredPath, TQError **error
     return Flush(error);
 }
 
-// In place of a document whose volume holds none, flags that were asked for are left out.
+// Flags that the copy's volume can't hold are left out.
 bool Beside::GiveBlockingFlags(const char *restoredPath, TQError **error)
 {
     const uint32_t flags = document_.rights.flags;
@@ -264,7 +265,7 @@ void Beside::TakeBlockingFlags()
     if (copy_ && platform::SetFlagsOfKnown(copy_.get(), status_, flags) == 0) status_.flags = flags;
 }
 
-// Its own change is a rename alone. What was made in it before is older than its last right.
+// Exchanging the copy changes nothing in it, and what was made in it before is older than its last right.
 bool Beside::IsWorkedOn() const
 {
     const ErrnoKeeper keeper;
@@ -280,8 +281,8 @@ bool Beside::IsWorkedOn() const
     return false;
 }
 
-// What came by a rename was flushed in staging, all but its top item. What was copied here was flushed item by item,
-// unless the volume has a flush of its own.
+// A copy that came by a rename was flushed in staging, and only its top item has changed since. A copy that was written
+// here was flushed item by item, unless the volume honours a flush.
 bool Beside::Flush(TQError **error) const
 {
     if (platform::FlushFd(copy_.get()) != 0)
@@ -290,7 +291,7 @@ bool Beside::Flush(TQError **error) const
     return isWhole || flush_.Flush(path_.c_str(), status_.mode, error);
 }
 
-// Who may make entries in a folder need not be allowed to read it; the copy is on the same volume.
+// A process may be allowed to make entries in a folder, but not to read it. The copy is on the same volume.
 bool Beside::FlushFolder(TQError **error) const
 {
     const UniqueFd folder(openat(document_.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));

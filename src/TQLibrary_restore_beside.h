@@ -1,7 +1,7 @@
-// A document that is to be replaced, and what stands beside it for the time of its restore.
+// A document that is to be replaced, and the item that stands beside it during its restore.
 //
-// Everything here goes by the document's folder, held open, and names in it: whatever its path leads to by now, the
-// work stays where it began. Only a copy from another volume is written by path, into the placeholder alone.
+// Everything here goes by names in the document's folder, which is held open: whatever its path leads to by now, the
+// work stays where it began. Only a copy from another volume is written by path, and only into the placeholder.
 
 #pragma once
 
@@ -34,7 +34,7 @@ struct ReplacedDocument {
 
     // 0, or -1 with errno: ENOENT if there is nothing.
     int Look();
-    // At its rights, which may have become narrower while the copy was made.
+    // Reads its rights again, which may have become narrower while the copy was made.
     bool LookAgain(TQError **error);
     bool OpenFolder(TQError **error);
 
@@ -46,8 +46,8 @@ struct ReplacedDocument {
         return platform::HoldsItem(At(nameInFolder), id);
     }
 
-    // Renames the item `id`, replacing nothing but what the name is known to hold. Yes once it has the new name; Unknown,
-    // with errno, where neither the answer nor a look tells.
+    // Renames the item `id`. It replaces nothing, unless `mayReplace` says that the caller knows what has the new name.
+    // Yes once the item has that name; Unknown, with errno, if neither the answer nor a look tells.
     platform::Held Rename(const char *from, const char *to, const ItemId &id, bool mayReplace = false) const;
     // Whether what stands there is what was looked at first, and has not been written to since.
     // 0, or -1 with errno.
@@ -60,8 +60,8 @@ struct StagedCopy {
     TQFileStatus status;
 };
 
-// A unique item beside a document: at first an empty placeholder, then the copy. Removed at the end of its scope, unless it
-// is released; what can't be removed is left to a repair, with the staging directory that notes it.
+// A unique item beside a document: at first an empty placeholder, then the copy. It is removed at the end of its scope,
+// unless it is released. If it can't be removed, it is left to a repair, with the staging directory that notes it.
 class Beside {
 public:
     Beside(const ReplacedDocument &document, StagingDirectory &staging) : document_(document), staging_(staging) {}
@@ -69,27 +69,28 @@ public:
     Beside(const Beside &) = delete;
     Beside &operator=(const Beside &) = delete;
 
-    // A free name, which follows the document's kind: to be noted before anything stands there.
+    // Chooses a free name, which follows the document's kind. It is to be noted before anything stands there.
     bool Choose(bool isDirectory, TQError **error);
     bool Make(bool isDirectory, TQError **error);
 
-    // The staged copy takes its place by a rename; or is copied into it, if that said that it is on another volume.
+    // Bring renames the staged copy onto the placeholder. If it says that the copy is on another volume, CopyAcross
+    // copies it there.
     bool Bring(const StagedCopy &staged, bool *isAcross, TQError **error);
     bool CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error);
 
-    // The document's owner and group where they can be given, its hidden extension, access-control lists, mode, and the
-    // flags that don't bar a rename; on disk when it returns true.
+    // Gives the copy the document's owner and group where that is possible, its hidden extension, access-control lists,
+    // mode, and the flags that don't bar a rename. All of it is on disk when it returns true.
     bool GiveRights(mode_t staged, const char *restoredPath, TQError **error);
-    // The flags that do, once it has its place.
+    // Gives it the flags that bar a rename, once it has its place.
     bool GiveBlockingFlags(const char *restoredPath, TQError **error);
 
-    // The folder's entries, to disk.
+    // Flushes the folder's entries.
     bool FlushFolder(TQError **error) const;
 
     // Makes it movable again, for the way back.
     void TakeBlockingFlags();
 
-    // It has another name now, or is nothing of ours any more.
+    // Says that it has another name now, or that it is no longer ours.
     void MovedTo(const char *name)
     {
         wasShown_ = wasShown_ || strcmp(name, placeholder_) != 0;

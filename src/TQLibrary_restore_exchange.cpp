@@ -65,8 +65,8 @@ bool Exchange::Note(TQError **error)
     return staging_.NoteExchange(plan, error);
 }
 
-// Its caller is told that the restore has failed: a repair is not to finish it. What is not known as the copy is left to
-// a person, but for the document whose path is empty.
+// The caller is told that the restore has failed, so a repair must not finish it. If the note does not name the copy, a
+// repair leaves things to a person, unless the document's path is empty.
 void Exchange::NoteFailure()
 {
     PlannedExchange plan;
@@ -75,7 +75,7 @@ void Exchange::NoteFailure()
     (void)staging_.NoteExchange(plan, nullptr);
 }
 
-// What is half a copy can be told only by the item that is filled with it.
+// Half a copy can be recognised only by the item that it is being copied into, so that is noted.
 bool Exchange::Bring(TQError **error)
 {
     bool isAcross = false;
@@ -100,7 +100,8 @@ bool Exchange::Swap(TQError **error)
         return true;
     }
     if (platform::IsRenameFlagUnknown(errno)) return ByTwoRenames(error);
-    // Whichever of the two is the document now, neither it nor what tells them apart is given up.
+    // Nobody knows which of the two is the document now. So the backup stays, and so does the note that tells them
+    // apart.
     if (atHome == Held::Unknown) {
         isBackupNeeded_ = true;
         staging_.Keep();
@@ -109,8 +110,7 @@ bool Exchange::Swap(TQError **error)
                                 copy_.path());
 }
 
-// Where nothing tells what was done, neither the backup nor the note is given up, and the document is looked for at both
-// names.
+// If nothing tells what was done, the backup and the note stay, and the document is looked for at both names.
 bool Exchange::Rename(const char *from, const char *to, const ItemId &id, bool mayReplace)
 {
     const Held moved = document_.Rename(from, to, id, mayReplace);
@@ -124,14 +124,14 @@ bool Exchange::Rename(const char *from, const char *to, const ItemId &id, bool m
     return moved == Held::Yes;
 }
 
-// Some volumes lose the answer of what they did.
+// Whether the copy is at the document's path. Some volumes exchange, and lose the answer.
 Held Exchange::HeldAtHome() const
 {
     const ErrnoKeeper keeper;
     return document_.Holds(document_.name(), copy_.id());
 }
 
-// The path is empty for a moment: a kill in it leaves the document under a name that was noted before.
+// The path is empty for a moment. A kill in that moment leaves the document under a name that was noted before.
 bool Exchange::ByTwoRenames(TQError **error)
 {
     const bool isDirectory = S_ISDIR(document_.itself.mode);
@@ -147,7 +147,7 @@ bool Exchange::ByTwoRenames(TQError **error)
     return true;
 }
 
-// The copy gets its new name first, so that at no moment there is neither.
+// The copy gets its new name first, so that one of the two is always there.
 bool Exchange::ByNewName(TQError **error)
 {
     if (!Rename(copy_.name(), restoredName(), copy_.id()))
@@ -159,7 +159,7 @@ bool Exchange::ByNewName(TQError **error)
                                 copy_.path());
 }
 
-// Another program may have saved the document since it was looked at; what it saved is nobody's to give up.
+// Another program may have saved the document since it was looked at; what it saved must not be lost.
 bool Exchange::RequireUnchanged(TQError **error)
 {
     bool isUnchanged = false;
@@ -169,7 +169,8 @@ bool Exchange::RequireUnchanged(TQError **error)
     return Failure(error).Status(kTQStatusFailed, "\"%s\" was changed while it was being restored", document_.path);
 }
 
-// Looked at once more: the flush takes its time, and who has the document open may have written to it.
+// The document is looked at once more: the flush takes time, and a program that has the document open may have written
+// to it.
 bool Exchange::RemoveOld(TQError **error)
 {
     if (!RequireUnchanged(error)) return false;
@@ -178,9 +179,9 @@ bool Exchange::RemoveOld(TQError **error)
     how.expected = &document_.itself;
     how.begun = &begun;
     const bool removed = _RemoveTreeAt({document_.folder.get(), old_, oldPath()}, how, error);
-    // With a part of the old state gone, the new one is all that is whole; a repair takes the rest away.
+    // Once a part of the old state has gone, only the new one is whole. A repair removes the rest.
     if (!removed && begun) staging_.Keep();
-    // The note goes next, and on another volume that may be on disk first.
+    // The note is removed next. If it is on another volume, its removal may reach the disk first.
     if (removed && copy_.isAcross() && !copy_.FlushFolder(nullptr)) staging_.Keep();
     if (removed || begun) {
         copy_.Release();
@@ -190,7 +191,8 @@ bool Exchange::RemoveOld(TQError **error)
     return removed;
 }
 
-// If somebody saves in between, what was saved stays at the path, or comes back to it. What can't be told is left as it is.
+// If somebody saves meanwhile, what was saved stays at the path, or comes back to it. If nothing tells what was done,
+// all is left as it is.
 bool Exchange::SwapBack()
 {
     const int folder = document_.folder.get();
@@ -206,7 +208,8 @@ bool Exchange::SwapBack()
     return false;
 }
 
-// The document's path is freed by a rename, and only of what was put there; what can't go home leaves the path to it.
+// Frees the document's path by a rename, but only if it holds the copy that was put there. If the document can't go
+// back, the copy returns to the path.
 bool Exchange::RenameBack()
 {
     const ItemId document = ItemId::Of(document_.itself);
@@ -222,7 +225,7 @@ bool Exchange::RenameBack()
     return false;
 }
 
-// Once. What is given up for the document, the backup and the note, goes only when its way back is on disk.
+// Done once. The backup and the note are given up only when the document's way back is on disk.
 void Exchange::TakeBack()
 {
     if (isTakenBack_) return;
@@ -255,7 +258,7 @@ void Exchange::BringHome()
         return;
     }
     const int why = errno;
-    // It may be all that is at the document's path; beside the document it is of no use.
+    // The copy may be all that is at the document's path, and then stays. Beside the document it is of no use.
     if (strcmp(copy_.name(), copy_.placeholder()) != 0) copy_.Release();
     staging_.Keep(); // its note says what is where
     NoteFailure();

@@ -2,22 +2,23 @@
 //
 // The copy waits beside the document, under the placeholder's name, until it is whole, has the document's rights and is
 // on disk. Then the two change places by one call, so that the document's path is never empty and never holds half of
-// anything. What comes out is held against what was looked at first; only then is it given up. Where the volume can't
-// exchange, two renames do it, with the document's place between them noted on disk before.
+// anything. The item that comes out is compared with the one that was looked at first, and is given up only if they are
+// the same. Where the volume can't exchange, two renames do it; the document's place between them is noted on disk
+// before.
 //
-// Always: each object undoes what it did when its scope ends without success. What is removed or renamed on the way
-// back is only what was put there, told by device and inode. Two exceptions: once a part of the old document has gone,
-// the new one stays; and a document that can't go home stays where it is, with a line in the log.
+// Always: each object undoes what it did when its scope ends without success. The way back removes or renames only what
+// was put there, known by device and inode. There are two exceptions. Once a part of the old document has gone, the new
+// one stays. And a document that can't be put back stays where it is, with a line in the log.
 
 #pragma once
 
 #include "TQLibrary_restore_beside.h"
 #include "vaultry_client_managed_staging.h"
 
-// The two changing places.
+// Lets the document and the copy change places.
 class Exchange {
 public:
-    // All borrowed. `restoredName` is the document's, unless the extension changes.
+    // All borrowed. `restoredPath` is the document's, unless the extension changes.
     Exchange(const ReplacedDocument &document, Beside &copy, StagingDirectory &staging, const char *restoredPath,
              const StagedCopy &staged)
         : document_(document), copy_(copy), aside_(document, staging), staging_(staging), restoredPath_(restoredPath),
@@ -28,20 +29,21 @@ public:
     Exchange(const Exchange &) = delete;
     Exchange &operator=(const Exchange &) = delete;
 
-    // What is to happen, noted on disk before anything stands beside the document.
+    // Notes on disk what is to happen, before anything stands beside the document.
     bool Note(TQError **error);
 
-    // The copy, to the placeholder.
+    // Brings the copy to the placeholder.
     bool Bring(TQError **error);
     bool Do(TQError **error);
     bool RemoveOld(TQError **error);
 
-    // The other way round, as far as what was put there is still there. Done at the end of the scope too.
+    // Takes the exchange back, if what was put there is still there. The end of the scope does so too.
     void TakeBack();
 
-    // Whether nothing that was at the document's path waits elsewhere: it is back, or given up.
+    // Whether the old document waits nowhere else: it is at its path, or given up.
     bool isDocumentHome() const { return old_[0] == '\0'; }
-    // Whether somebody saved the document meanwhile, or a part of the old one is gone: the backup then stays.
+    // Whether the backup has to stay: somebody saved the document meanwhile, a part of the old one has gone, or it is
+    // not known to be at its path.
     bool isBackupNeeded() const { return isBackupNeeded_ || !isDocumentHome(); }
 
 private:

@@ -18,7 +18,7 @@ void TQLibraryDocumentDidSafeSave(const TQURL *, const TQURL *)
     const DeferredScope scope;
 }
 
-// The out-slot is not optional, unlike an error's.
+// Unlike an error's, this out-slot must not be null.
 bool TQLibraryHasGenerationsForPaths(TQLibrary *, const TQValue *, TQValue **generations)
 {
     const DeferredScope scope;

@@ -35,7 +35,7 @@ bool NameStoreFiles(StoreFiles &files, TQError **error)
     return _GetPathToLockFile(files.root, files.lockFile, error);
 }
 
-// Opens the lock file of a store, which grants nothing but being locked.
+// Opens the lock file of a store, only to lock it or to see whether that is possible.
 UniqueFd OpenLockFile(const StoreFiles &files, int creationFlag)
 {
     return UniqueFd(
@@ -57,8 +57,8 @@ bool LookWhetherWhole(const StoreFiles &files, bool *standsWhole, TQError **erro
     return true;
 }
 
-// With their modes, whatever the process's umask is; also a directory whose maker was cut short before it had its mode.
-// What else stands at the name is not looked at.
+// The directory gets its mode whatever the umask is, even if an earlier maker was cut short before giving it. If
+// something else stands at the name, it is left alone.
 bool MakeStagingArea(const char *path)
 {
     const Item item = Item::AtPath(path);
@@ -73,10 +73,10 @@ bool MakeLockFile(const StoreFiles &files)
 {
     UniqueFd fd = OpenLockFile(files, O_CREAT | O_EXCL);
     if (fd) return fchmod(fd.get(), kLockFileMode) == 0 && fd.Close() == 0;
-    return errno == EEXIST && OpenLockFile(files, O_CREAT); // which refuses a directory
+    return errno == EEXIST && OpenLockFile(files, O_CREAT); // O_CREAT refuses a directory
 }
 
-// Stops where it fails, with the root still writable: what is missing can then be put right and tried again.
+// If a step fails, the root stays writable, so that the cause can be put right and this be tried again.
 bool MakeStoreFiles(const StoreFiles &files, TQError **error)
 {
     if (!_UnprotectGenerationStore(files.root, error)) return false;
@@ -132,11 +132,11 @@ bool TQClientManagedStorageDestroy(const char *rootPath, TQError **error)
     if (lockFile.Format("%s/%s", root, kLockFileName) &&
         !_RequireKnownFormat(root, Item::AtPath(lockFile.c_str()), error))
         return false;
-    // As long as the lock file is there, a store whose destruction was killed is told from any other directory.
+    // As long as the lock file is there, a store whose destruction was killed can be told from any other directory.
     return _RemoveTreeAt(Item::AtPath(root), {.last = kLockFileName}, error);
 }
 
-// Later versions write into the lock file what this one can't know.
+// A lock file that is not empty was written by a later version, whose format this one can't know.
 bool _RequireKnownFormat(const char *rootPath, const Item &lockFile, TQError **error)
 {
     const ErrnoKeeper keeper;
@@ -188,8 +188,8 @@ void _ProtectStoreRoot(const Item &root)
         Failure(nullptr).Errno("failed to protect store at \"%s\", chomd(%04o) failed", root.path, mode);
 }
 
-// As the directory of an entry that is always there: the root may have become a link to where the store was moved, or
-// its owner may have taken the right to read it.
+// Flushes the root as the directory of its lock file, which is always there: the root may have become a link to where
+// the store was moved, or may no longer be readable.
 bool _FlushGenerationStore(const char *rootPath, TQError **error)
 {
     PathBuffer lockFile;

@@ -1,17 +1,17 @@
 // One store, seen from inside.
 //
-//     <root>/<name>                               one generation: a file or a tree, without write bits; for the span of
-//                                                 a change its top item has its owner's
+//     <root>/<name>                               one generation: a file or a tree, without write bits; during a
+//                                                 change its top item has its owner's
 //     <root>/.vaultry_staging/<7 random>/staged   what one operation is building or removing
 //     <root>/.vaultry_staging/<7 random>/.vaultry_owner   whose it is; see vaultry_client_managed_owner.h
-//     <root>/.vaultry_lockfile                    empty, but for later versions; 0400; locked with flock
+//     <root>/.vaultry_lockfile                    empty, unless a later version made it; 0400; locked with flock
 //
-// Between operations the root has no write bit, and staging holds nothing but copies that a caller has asked for and
-// documents that could not go home. What a killed operation had lifted stays lifted, and what it had staged stays
-// there, until a repair; a root that can't be protected again is only logged. A name in the root that begins with "."
-// is no generation. The root is writable only for its owner, and only while its exclusive lock is held. Two exceptions:
-// the store's own files are made without the lock, since there is none before; and destroying a store takes none, and
-// lets its group write, too, to what it removes.
+// Between operations the root has no write bit, and staging holds only copies that a caller has asked for and documents
+// that could not be given back. But what a killed operation had lifted stays lifted, and what it had staged stays
+// there, until a repair; and if a root can't be protected again, that is only logged. A name in the root that begins
+// with "." is not a generation's. The root is writable only for its owner, and only while its exclusive lock is held.
+// There are two exceptions. The store's own files are made without the lock, since there is none before. And destroying
+// a store takes no lock, and makes the directories that it removes writable for their group, too.
 
 #pragma once
 
@@ -36,7 +36,7 @@ inline constexpr char kLockFileName[] = ".vaultry_lockfile";
 inline constexpr mode_t kStagingMode = 0700;
 inline constexpr mode_t kLockFileMode = 0400;
 
-// False, and a refusal, for a store of a later version. One that has no lock file is none of any.
+// Refuses a store of a later version. A directory without a lock file passes.
 bool _RequireKnownFormat(const char *rootPath, const Item &lockFile, TQError **error);
 
 // --- the lock
@@ -44,11 +44,11 @@ bool _RequireKnownFormat(const char *rootPath, const Item &lockFile, TQError **e
 // The store lock: many readers or one writer, across threads and processes.
 //
 // flock belongs to the open file, not to the process. Each operation therefore opens its own descriptor, and two
-// threads exclude each other just as two processes do. fd is -1 when nothing is held, and nothing waited for.
+// threads exclude each other just as two processes do. fd is -1 when no lock is held or waited for.
 //
 // A killed process gives the lock back, unless it had forked meanwhile: then its child, which shares the open file,
-// keeps it until the child ends or runs another program. The lock is ended by a call of its own, so that a child of a
-// process that lives keeps nothing. A signal ends the wait for it only if the thread's progress is cancelled by then.
+// keeps it until the child ends or runs another program. Unlocking is a call of its own, so that a child of a living
+// process keeps nothing. A signal ends the wait for it only if the thread's progress is cancelled by then.
 struct StoreLock {
     int fd = -1;
 };
@@ -60,8 +60,8 @@ bool _TQLockGenerationInternal(const char *lockFilePath, StoreLock *lock, int op
 bool _LockItem(const Item &lockFile, StoreLock *lock, int operation, TQError **error);
 void _UnlockGenerationStore(StoreLock *lock);
 
-// While it lives, a cancelled progress ends no wait of this thread: the cancel that led to an undoing must not end
-// that, too.
+// While this object lives, a cancelled progress does not end a wait of this thread: a cancel that led to an undoing
+// must not end the undoing, too.
 class UndoingScope {
 public:
     UndoingScope();
@@ -86,11 +86,11 @@ public:
     HeldLock(const HeldLock &) = delete;
     HeldLock &operator=(const HeldLock &) = delete;
 
-    // False if there is no store, or the lock can't be had.
+    // False if there is no store, or the lock can't be taken.
     bool ForReading(const TQClientManagedStorage *store, TQError **error);
     bool ForWriting(const TQClientManagedStorage *store, TQError **error);
 
-    // By the lock file itself, for who has no handle.
+    // By the lock file itself, for a caller without a handle.
     bool At(const Item &lockFile, bool exclusive, TQError **error);
 
 private:
@@ -99,7 +99,7 @@ private:
 
 // --- protection of the root directory
 
-// Gives the owner write permission. The exclusive lock is held, if there is one yet.
+// Gives the owner write permission. The caller holds the exclusive lock, if there is one yet.
 bool _UnprotectGenerationStore(const char *rootPath, TQError **error);
 bool _UnprotectStoreRoot(const Item &root, TQError **error);
 
@@ -112,7 +112,7 @@ bool _FlushGenerationStore(const char *rootPath, TQError **error);
 
 // --- paths
 
-// The path of a generation; with `mustExist`, of one that is there.
+// The path of a generation; with `mustExist`, of one that exists.
 bool _GetPathToGeneration(const char *rootPath, const char *name, bool mustExist, PathBuffer &path, TQError **error);
 
 // A path in a fresh staging directory of its own; nothing is there yet. StagingDirectory adds the owner file.
@@ -123,10 +123,10 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
 
 // --- copies for a restore
 
-// TQClientManagedStorageCopyOut for an operation that goes on: the staging directory stays its own.
+// As TQClientManagedStorageCopyOut, for an operation that goes on: the staging directory stays its own.
 bool _CopyOutToStaging(const TQClientManagedStorage *store, const char *name, const OwnerNote &note,
                        StagingDirectory &staging, uint16_t *mode, uint32_t *flags, TQError **error);
 
-// TQClientManagedStorageCopyGeneration; what is `durable` is on disk when it returns true.
+// As TQClientManagedStorageCopyGeneration; if `durable`, the copy is on disk when it returns true.
 bool _CopyGeneration(const TQClientManagedStorage *store, const char *name, const char *destination, bool durable,
                      TQError **error);

@@ -29,8 +29,8 @@
 
 namespace {
 
-// What the owner file says of this add. A move records, for whoever gives its document back, the folder that this is in
-// and what its top item had.
+// Makes what the owner file says of this add. A move also notes the document's folder and what its top item had, for
+// whoever gives the document back.
 OwnerNote MakeNote(const char *source, const OpenedFolder *movedFrom)
 {
     OwnerNote note = OwnerNote::Of(movedFrom ? Work::Move : Work::Copy, source);
@@ -44,8 +44,8 @@ OwnerNote MakeNote(const char *source, const OpenedFolder *movedFrom)
     return note;
 }
 
-// Damaged attributes of these names that the document brought along would be taken for the store's: the generation
-// could be listed but not described.
+// Drops damaged attributes of these names that the document brought along. They would be taken for the store's, and the
+// generation could be listed but not described.
 bool DropMalformedMetadata(const char *staged, TQError **error)
 {
     const Item item = Item::AtPath(staged);
@@ -60,7 +60,7 @@ bool DropMalformedMetadata(const char *staged, TQError **error)
            (isNameWell || _SetEAOnGeneration(staged, kDisplayNameAttribute, nullptr, 0, error));
 }
 
-// What is on its way from staging to its name.
+// An item on its way from staging to its name.
 struct Placing {
     const char *root;
     const char *staged;
@@ -68,8 +68,8 @@ struct Placing {
     bool copied;
 };
 
-// An installed item that must go again. It goes back to staging, from where a copy is removed and a document given
-// back: in the root it would be listed while half of it is gone.
+// Takes an installed item back to staging, from where a copy is removed and a document given back. In the root, it
+// would be listed while half of it is gone.
 void TakeBack(const Placing &placing, const TQFileStatus &status)
 {
     const ErrnoKeeper keeper;
@@ -83,7 +83,7 @@ void TakeBack(const Placing &placing, const TQFileStatus &status)
         Failure(nullptr).Errno("Failed to take the document back from \"%s\", where it stays", placing.generation);
 }
 
-// The staged item gets what a rename to another parent needs. Its flags and mode of before are kept in `status`.
+// Prepares the staged item for a rename to another parent. `status` gets the flags and mode that it had before.
 bool MakeStagedMovable(const char *staged, TQFileStatus *status, TQError **error)
 {
     if (platform::GetStatus(Item::AtPath(staged), Links::NoFollow, status) != 0)
@@ -105,8 +105,8 @@ bool FinishInstalled(const char *generation, const TQFileStatus &status, TQError
 
 enum class Installed { No, WithoutOptions, Whole };
 
-// From staging to its name, which it gets only when its content is on disk. The root is writable from the unprotect to
-// the end of this function.
+// Moves the item from staging to its name, once its content is on disk. The root is writable from the unprotect to the
+// end of this function.
 Installed InstallStaged(const Placing &placing, uint64_t options, const TreeFlush &flush, TQError **error)
 {
     const char *const staged = placing.staged, *const generation = placing.generation;
@@ -127,8 +127,8 @@ Installed InstallStaged(const Placing &placing, uint64_t options, const TreeFlus
     return _WriteGenerationOptions(generation, options, error) ? Installed::Whole : Installed::WithoutOptions;
 }
 
-// The name, the options and the protection. The item goes first: where the disk keeps a journal that takes all of them
-// with it, and the rest costs nothing.
+// Flushes the name, the options and the protection. The item goes first: if the file system keeps a journal, that takes
+// all of them to disk, and the rest costs nothing.
 bool FlushInstalled(const Placing &placing, const char *source, TQError **error)
 {
     return _FlushItem(placing.generation, error) && _FlushGenerationStore(placing.root, error) &&
@@ -138,7 +138,7 @@ bool FlushInstalled(const Placing &placing, const char *source, TQError **error)
 bool RequireSource(const char *source, const char *root, bool copy, TQError **error)
 {
     if (!source || source[0] == '\0') return Failure(error).Refused(kTQStatusBadPath, "no source path was supplied");
-    // Whoever gives a moved document back stands in a directory of its own.
+    // A process that gives a moved document back later may have another current directory.
     if (!copy && source[0] != '/')
         return Failure(error).Refused(kTQStatusBadPath, "path \"%s\" is not absolute", source);
     return _RequireNoStoreInside(source, root, error) && (copy || _RequireOutsideStores(source, error));
@@ -155,7 +155,7 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
 
     PathBuffer generation;
     if (!_GetPathToGeneration(root, name, /*mustExist=*/false, generation, error)) return false;
-    // Such names could be added, and then never removed; one that no text holds would stop every listing, too.
+    // Such a name could be added, but never removed. A name that is not UTF-8 would also stop every listing.
     if (strlen(name) > kGenerationNameLimit)
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name is too long");
     if (!UTF16LengthOfUTF8(name, strlen(name)))
@@ -172,7 +172,7 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
     if (!staging.Make(root, note, error)) return false;
     const char *const staged = staging.staged();
     const auto flush = TreeFlush::By(staging.openedFirst());
-    // Without the note on disk, a document that the power cuts off here would be nobody's.
+    // Without the note on disk, nobody would know after a power cut where the document belongs.
     if (!copy && !staging.FlushNote(error)) return false;
     if (TQAddPathAsGeneration(source, staged, copy, /*makeReadable=*/false, /*archive=*/true, error) &&
         DropMalformedMetadata(staged, error)) {
@@ -181,7 +181,7 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
         if (installed != Installed::No) return installed == Installed::Whole && FlushInstalled(placing, source, error);
     }
 
-    // A moved document is somebody's only copy: it goes home first. If it can't, staging stays.
+    // A moved document may be somebody's only copy, so it is given back first. If it can't be, staging stays.
     const MovedDocument moved{note.topMode != OwnerNote::kUnknownMode, note.top, note.topMode, note.topFlags,
                               staging.written()};
     const Item home = movedFrom && *movedFrom ? movedFrom->item() : Item::AtPath(source);

@@ -1,4 +1,4 @@
-// Checking a store: the root, its own files, and then each room in turn.
+// Checks a store: its own files, the generations and the root.
 
 #include "vaultry_client_managed_check.h"
 
@@ -22,21 +22,21 @@
 
 namespace {
 
-// The store as it is reached: its directory, and its own files in it.
+// The store as it is reached: its directory, and the store's own files in it.
 struct OpenStore {
     Item root;
     Item lockFile;
     Item staging;
-    TQFileStatus owner; // of the root: on whose word a repair acts
+    TQFileStatus owner; // the root's status; a repair acts for its owner
 };
 
-// Root makes it for the store's owner, who could not use it else.
+// Root gives what it makes to the store's owner, who could not use it otherwise.
 bool BelongsToOwner(int fd, const TQFileStatus &root)
 {
     return geteuid() != 0 || root.owner == 0 || fchown(fd, root.owner, root.group) == 0;
 }
 
-// Before there is a lock to be held, so the root is as open afterwards as it was.
+// There is no lock yet that could be held, so afterwards the root has the mode that it had.
 bool MakeLockFile(const OpenStore &store)
 {
     TQFileStatus status;
@@ -49,15 +49,15 @@ bool MakeLockFile(const OpenStore &store)
     return fd && fchmod(fd.get(), kLockFileMode) == 0 && BelongsToOwner(fd.get(), status) && fd.Close() == 0;
 }
 
-// Of exactly the item that was looked at.
+// Sets the mode of exactly the item that was looked at.
 bool SetModeOf(const Item &item, const TQFileStatus &status, mode_t mode)
 {
     const UniqueFd pinned = platform::PinItem(item, status);
     return pinned && platform::SetModeOfPinned(pinned.get(), mode) == 0;
 }
 
-// The lock file is looked at, and mended, before it is locked: nothing else is mended without the lock, so not where
-// something else stands in its place. Looking goes on without one.
+// Checks the lock file, and mends it, before it is locked. Nothing else is mended without the lock, so nothing is
+// mended if something else stands in its place. Checking goes on without a lock.
 bool CheckAndTakeLock(const OpenStore &store, Findings &findings, HeldLock &lock, TQError **error)
 {
     const Item &item = store.lockFile;
@@ -68,7 +68,7 @@ bool CheckAndTakeLock(const OpenStore &store, Findings &findings, HeldLock &lock
                              [&] { return MakeLockFile(store); });
         return !findings.repair() || lock.At(item, /*exclusive=*/true, error);
     }
-    // A further link may be to anybody's file, which is none to be changed.
+    // A file with a second link may be anybody's, and must not be changed.
     if (!S_ISREG(status.mode) || status.linkCount != 1) {
         findings.Add(item.path, "lock-file-foreign",
                      "What stands in the place of the lock file is no file of its own; nothing can be mended before it "
@@ -124,8 +124,8 @@ bool CheckGenerations(const OpenStore &store, Findings &findings, TQError **erro
     return errno == 0 || Failure(error).Errno("unable to read the directory \"%s\"", store.root.path);
 }
 
-// The files of the store can only be mended while its root is writable. Staging comes first: what operations that live,
-// or that left a note, have put beside documents is known from there.
+// The files of the store can only be mended while its root is writable. Staging comes first: it tells what operations
+// that live, or that left a note, have put beside documents.
 bool CheckContents(const OpenStore &store, Findings &findings, TQError **error)
 {
     if (findings.repair() && !_UnprotectStoreRoot(store.root, error)) return false;
@@ -142,7 +142,7 @@ bool GetRootStatus(const OpenStore &store, TQFileStatus *status, TQError **error
            Failure(error).Errno("stat(\"%s\") failed", store.root.path);
 }
 
-// Whether the root is protected is looked at twice, since repairing lifts its protection and puts it back.
+// The root's protection is looked at twice, since repairing lifts it and puts it back.
 bool CheckStore(OpenStore &store, Findings &findings, TQError **error)
 {
     HeldLock lock;
@@ -160,7 +160,7 @@ bool CheckStore(OpenStore &store, Findings &findings, TQError **error)
     return true;
 }
 
-// Whether it is surely not there.
+// Whether the item is certainly not there.
 bool IsMissing(const Item &item)
 {
     TQFileStatus status;
@@ -199,8 +199,8 @@ bool Findings::Note(const Ref<TQSet> &set, const void *bytes, size_t size)
     return true;
 }
 
-// Another machine numbers the volume's device as it likes. Before it has noted what it put beside the document, its path is
-// all that is known of it.
+// On another machine, the volume's device may have another number. Before a restore has noted what it put beside its
+// document, only the document's path is known.
 void Findings::AddLiving(const OwnerNote &note)
 {
     if (note.work == Work::Restore) (void)BeginDocument(note.document);

@@ -1,8 +1,8 @@
-// What a check of a store has found, collected; and the rooms of a check.
+// Collects what a check of a store finds; and the parts of a check.
 //
-// What is changed in the store is reached by descriptor from its directory, and no link is followed: who repairs may be
-// root, and the store somebody else's, who swaps names meanwhile. The folders of documents are opened by path, as their
-// owners would; what root may do there, Platform/ActingAs.h tells.
+// Everything that is changed in the store is reached by descriptor from its directory, and no link is followed: root
+// may be repairing, and the store's owner, somebody else, may swap names meanwhile. The folders of documents are opened
+// by path, as their owners would do it. Platform/ActingAs.h tells what root may do there.
 
 #pragma once
 
@@ -30,7 +30,7 @@ public:
     // `home`, unless null, is where a document belongs.
     void Add(const char *path, const char *kind, const char *meaning, bool mended = false, const char *home = nullptr);
 
-    // What can't be read is not well either.
+    // An item that can't be read is a finding too.
     void AddUnreadable(const char *path) { Add(path, "unreadable", "The item can't be read, so it can't be checked."); }
 
     void AddForeign(const char *path)
@@ -38,7 +38,7 @@ public:
         Add(path, "staging-foreign", "The library did not make all of this; a person should look at it.");
     }
 
-    // What can be mended by one step: takes it if repairing. True if it worked.
+    // Adds what one step can mend, and takes that step if repairing. True if it worked.
     template <class Mend>
     bool AddMendable(const char *path, const char *kind, const char *meaning, Mend mend, const char *home = nullptr)
     {
@@ -47,11 +47,12 @@ public:
         return mended;
     }
 
-    // Notes that the folder of a document is looked at now; false if it was before: many generations are of one
+    // Notes that the folder of a document is looked at now. False if it was before: many generations are of one
     // document.
     bool BeginDocument(const char *path) { return Note(documents_, path, strlen(path)); }
 
-    // What lies beside a document because of an operation that still lives, and what its owner file has explained.
+    // AddLiving notes what an operation that still lives has put beside its document, AddExplained what an owner file
+    // explains. IsAccountedFor tells whether an item is one of these.
     void AddLiving(const OwnerNote &note);
     void AddExplained(const char *path) { (void)Note(explained_, path, strlen(path)); }
     bool IsAccountedFor(const char *path, const TQFileStatus &status) const;
@@ -70,7 +71,7 @@ private:
     Ref<TQSet> living_ = Ref<TQSet>::Adopt(TQSetCreateMutable());
 };
 
-// The names in a directory. After the last one, error() tells whether they are all: 0, or an errno.
+// The names in a directory. After the last one, error() tells whether these were all: 0, or an errno.
 class Names {
 public:
     explicit Names(const Item &directory)
@@ -88,16 +89,17 @@ private:
     int error_;
 };
 
-// Its items, its attributes, and what restores of its document left beside that. `owner` is of the store's directory.
+// Checks its items, its attributes, and what restores left beside its document. `owner` is the status of the store's
+// directory.
 void _CheckGeneration(const Item &generation, const TQFileStatus &owner, Findings &findings);
 
-// Whether there is something in it.
+// Whether an item has contents.
 enum class Filling { Empty, Full, Unknown };
 Filling _FillingOf(const Item &item, const TQFileStatus &status);
 
-// What operations left in staging, and of restores beside their documents.
+// Checks what operations left in staging, and what restores left beside their documents.
 void _CheckStagingArea(const Item &area, Findings &findings);
 
-// What a restore left beside its document, by what it noted. `notePath` and `author` are of the directory that holds the
-// note. True if nothing is left there.
+// Checks what a restore left beside its document, by its note. `notePath` and `author` are the path and the status of
+// the directory that holds the note. True if nothing is left beside the document.
 bool _CheckExchange(const char *notePath, const FoundOwner &owner, const TQFileStatus &author, Findings &findings);

@@ -1,6 +1,6 @@
-// Checking what a restore left beside its document: by device, inode and birth it is told which item is the document and
-// which the copy, wherever the restore was cut short. What is neither, or was written to since, is reported and left to a
-// person; so is everything of a restore that may live.
+// Checks what a restore left beside its document. Device, inode and birth tell which item is the document and which is
+// the copy, wherever the restore was cut short. An item that is neither, or was written to since, is reported and left
+// to a person. So is everything of a restore that may still live.
 
 #include "vaultry_client_managed_check.h"
 
@@ -65,7 +65,7 @@ private:
     const struct timespec written_; // the note's time, by its volume's clock
     bool isOver_;
     int folder_;
-    const TQFileStatus &author_; // the directory that holds the note: whose word it is
+    const TQFileStatus &author_; // the directory that holds the note; root acts for its owner
     Findings &findings_;
 };
 
@@ -75,14 +75,14 @@ Holds LeftExchange::Look(const Item &item, TQFileStatus *status) const
         return errno == ENOENT ? Holds::Nothing : Holds::Unknown;
     const PlannedExchange &plan = note_.exchange;
     const bool deviceCounts = note_.IsOfThisStart();
-    // What was typed into the document since is nowhere else.
+    // What was written into the document since exists nowhere else.
     if (plan.document.IsOf(*status, deviceCounts))
         return plan.document.IsUnchanged(*status) ? Holds::Document : Holds::EditedDocument;
     if (plan.copy.IsOf(*status, deviceCounts) || plan.placeholder.IsOf(*status, deviceCounts)) return Holds::Copy;
     return _FillingOf(item, *status) == Filling::Empty ? Holds::Empty : Holds::Other;
 }
 
-// Right before a step that goes by the name.
+// Asked right before a step that goes by the name.
 bool LeftExchange::IsStill(const Item &item, Holds held, const TQFileStatus &status) const
 {
     TQFileStatus now;
@@ -102,8 +102,8 @@ bool LeftExchange::Remove(const Item &item, const TQFileStatus &status)
     return _RemoveTreeAt(item, how, nullptr);
 }
 
-// Root mends what its author could have mended, in the folder that was noted. On another volume the note may be gone from
-// disk before what it tells of.
+// Root mends only what the note's author could have mended, in the folder that was noted. If the note is on another
+// volume, its removal may reach the disk before the mend does, so the mend is flushed.
 template <class Mend>
 bool LeftExchange::Report(const char *path, const char *kind, const char *meaning, Mend mend, const char *home)
 {
@@ -131,7 +131,7 @@ bool LeftExchange::Settle(const char *path)
     const Holds held = Look(item, &status);
     if (held == Holds::Nothing) return true;
     const auto remove = [&](int folder) { return Remove(In(folder, path), status); };
-    // The name was noted before anything stood there, and nothing can be lost with what holds nothing.
+    // The name was noted before anything stood there, and with an empty item nothing can be lost.
     if (held == Holds::Empty)
         return Report(path, "placeholder-empty",
                       "A restore was interrupted: this is the empty item that it put beside the document.",
@@ -177,7 +177,8 @@ bool LeftExchange::Settle(const char *path)
     return false;
 }
 
-// A document's own name invites to work on it. Nothing in a copy bears a later time than the note, until somebody has.
+// Under a document's own name, somebody may have worked on the copy. Until then, nothing in it has a later time than
+// the note.
 bool LeftExchange::IsCopyUntouched(const Item &item, const TQFileStatus &status) const
 {
     if (!S_ISDIR(status.mode)) return note_.exchange.copy.IsUnchanged(status);
@@ -188,7 +189,7 @@ bool LeftExchange::IsCopyUntouched(const Item &item, const TQFileStatus &status)
     return true;
 }
 
-// What stands there and is not the copy is somebody's own.
+// If the item there is not the copy, it is somebody's own.
 bool LeftExchange::SettleRenamed()
 {
     TQFileStatus status, there;
@@ -223,7 +224,7 @@ bool LeftExchange::IsFolderAway() const
     return true;
 }
 
-// The document may be in it, under a name that nothing but the note tells.
+// The document may be in the folder that is away, under a name that only the note tells.
 void AddAway(const char *notePath, const OwnerNote &note, Findings &findings)
 {
     findings.Add(
@@ -261,10 +262,10 @@ bool _CheckExchange(const char *notePath, const FoundOwner &owner, const TQFileS
         AddAway(notePath, note, findings);
         return false;
     }
-    // The document goes home first: then it is known what the other one is.
+    // The document is given back first; then it is known what the other item is.
     const bool isAsideSettled = left.Settle(plan.aside.c_str());
     const bool isSettled = left.Settle(plan.waiting.c_str()) && isAsideSettled;
-    // A copy that has got a name of its own, while the document still has its.
+    // The copy may have got a name of its own, while the document still has its name.
     const bool isRenamed = strcmp(plan.restored.c_str(), note.document) != 0;
     return (!isRenamed || left.SettleRenamed()) && isSettled;
 }

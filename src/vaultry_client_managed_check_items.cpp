@@ -1,4 +1,4 @@
-// Checking generations: protection and attributes of every item, and placeholders beside recorded documents.
+// Checks generations: the protection of every item, the attributes, and placeholders beside recorded documents.
 
 #include "vaultry_client_managed_check.h"
 #include "vaultry_client_managed_placeholder.h"
@@ -31,7 +31,7 @@ using Kind = TreeWalk::Kind;
 
 constexpr char kDocumentKey[] = "vaultry.document"; // absolute path, as data
 
-// An item with one of these flags refuses chmod even to its owner: they go for the moment.
+// An item with one of these flags refuses chmod even to its owner, so they are taken away meanwhile.
 bool TakeWriteBits(const TreeWalk::Entry &entry)
 {
     const UniqueFd pinned = platform::PinItem(entry.item, entry.status);
@@ -51,7 +51,7 @@ void CheckProtection(const TreeWalk::Entry &entry, Findings &findings)
     uint8_t saved = 0;
     const ssize_t length =
         platform::GetAttribute(entry.item, Links::NoFollow, kSavedPermissionsAttribute, &saved, sizeof saved);
-    if (length < 0 && errno != ENODATA && errno != ERANGE) // a longer one than can be
+    if (length < 0 && errno != ENODATA && errno != ERANGE) // ERANGE: too long for a record
         findings.AddUnreadable(path);
     else if (length < 0 && errno == ENODATA)
         findings.Add(path, "not-archived",
@@ -86,7 +86,7 @@ void CheckItem(const TreeWalk::Entry &entry, Findings &findings)
     }
 }
 
-// Errors are what is looked for here; the findings say what they mean.
+// Errors are what this looks for; the findings tell what they mean.
 void CheckAttributes(const Item &item, Findings &findings)
 {
     const bool unnamed =
@@ -100,8 +100,8 @@ void CheckAttributes(const Item &item, Findings &findings)
         findings.Add(item.path, "options-malformed", "The generation's options word has a wrong size, and reads as 0.");
 }
 
-// A restore that noted nothing, or whose note is gone: all that can be told is by name. An empty placeholder is one that
-// no document was moved to; a full one may be the document itself.
+// Checks what is left of a restore that noted nothing, or whose note is gone. Only its name tells what it is. No
+// document was moved to an empty placeholder; a full one may be the document itself.
 void CheckPlaceholder(const Item &placeholder, const Item &document, bool isOnly, const TQFileStatus &owner,
                       Findings &findings)
 {
@@ -124,7 +124,7 @@ void CheckPlaceholder(const Item &placeholder, const Item &document, bool isOnly
             placeholder.path, "document-aside",
             "A restore that was interrupted left the document, or its old state, under this name.",
             [&] {
-                // Anybody may have written that the document is there: root goes only where the store's owner can.
+                // Anybody may have recorded that the document is there, so root goes only where the store's owner can.
                 const platform::ActingAs author(owner.owner);
                 const OpenedFolder folder(document.path);
                 return isOnly && author && folder &&
@@ -159,7 +159,7 @@ bool GetRecordedDocument(const TQDictionary *info, PathBuffer &document)
     return length < PathBuffer::kCapacity && document.Format("%.*s", static_cast<int>(length), bytes);
 }
 
-// What restores of the recorded document left beside it.
+// Checks what restores of the recorded document left beside it.
 void CheckPlaceholders(const TQDictionary *info, const TQFileStatus &owner, Findings &findings)
 {
     PathBuffer document;
@@ -172,7 +172,7 @@ void CheckPlaceholders(const TQDictionary *info, const TQFileStatus &owner, Find
     const PlaceholderName ofFile(item.name, /*isFolder=*/false), ofFolder(item.name, /*isFolder=*/true);
     const auto folderLength = static_cast<int>(item.name - item.path);
     const auto matches = [&](const char *name) { return ofFile.Matches(name) || ofFolder.Matches(name); };
-    // Which of several is the document can't be told: they are counted before one is given back.
+    // If there are several, nobody can tell which is the document. So they are counted before one is given back.
     int fullCount = 0;
     Names all({folder.fd(), ".", item.path});
     while (const char *candidate = folder ? all.Next() : nullptr) {
@@ -195,7 +195,7 @@ void CheckPlaceholders(const TQDictionary *info, const TQFileStatus &owner, Find
                      "The document's folder can't be read: an interrupted restore may have left something there.");
 }
 
-// Some volumes say 0 of a file whose size they don't know.
+// Some volumes report 0 for a file whose size they don't know.
 Filling FillingOfFile(const Item &item, const TQFileStatus &status)
 {
     if (status.size != 0) return Filling::Full;

@@ -1,8 +1,8 @@
-// Checking the staging area: what dead operations left there, and the documents among it.
+// Checks the staging area: what dead operations left there, and the documents among that.
 //
-// The owner file tells the living from the dead. A copy that a client has asked for outlives its operation, and a
-// directory without an owner file may be anybody's: those go by age, and old is what nothing in it was changed of for
-// an hour, by the volume's own clock.
+// The owner file tells living operations from dead ones. A copy that a client has asked for outlives its operation, and
+// a directory without an owner file may be anybody's. Their age decides: one is old if nothing in it has changed for an
+// hour, by the volume's own clock.
 
 #include "vaultry_client_managed_check.h"
 
@@ -71,8 +71,8 @@ Contents ContentsOf(const Unique &unique)
     return names.error() == 0 ? Contents::Ours : Contents::Unknown;
 }
 
-// A file without a name tells the time on the volume, and leaves nothing behind. Where there is none of that kind, only a
-// repair makes one with a name; looking takes the host's word.
+// A file without a name tells the time on the volume, and leaves nothing behind. Where the volume has no such files, a
+// repair makes one with a name; a mere check goes by the host's clock.
 int64_t VolumeTime(const Area &area)
 {
     const ErrnoKeeper keeper;
@@ -88,7 +88,7 @@ int64_t VolumeTime(const Area &area)
                                                                      : time(nullptr);
 }
 
-// Whether nothing in the whole tree was changed for an hour.
+// Whether nothing in the whole tree has changed for an hour.
 bool IsOld(const Unique &unique)
 {
     TreeWalk walk;
@@ -101,7 +101,7 @@ bool IsOld(const Unique &unique)
     return true;
 }
 
-// Root removes for its maker, so that nothing goes that was put there and is not the maker's.
+// Root removes as the directory's maker, and so nothing that the maker could not remove.
 bool RemoveUnique(const Unique &unique)
 {
     const platform::ActingAs maker(unique.status.owner);
@@ -123,8 +123,9 @@ void CheckLitter(const Unique &unique, bool isDead, Findings &findings)
                      "Something was staged here less than an hour ago: a copy in use, or one that was interrupted.");
 }
 
-// Root's own note, in somebody else's store, would lead it through any link of theirs: the folder at the path has to be
-// the one that the document was taken from. Everybody else goes where they may. An earlier version noted no folder.
+// Whether to give a document back to a folder. A note that root made in somebody else's store would lead root through any
+// link of theirs, so the folder has to be the one that the document was taken from. Others go where their rights let
+// them. An earlier version noted no folder.
 bool MayGoTo(const OpenedFolder &folder, const Unique &unique)
 {
     const OwnerNote &note = unique.owner.note;
@@ -134,8 +135,8 @@ bool MayGoTo(const OpenedFolder &folder, const Unique &unique)
            note.folder.IsFolder(status, note.IsOfThisStart());
 }
 
-// The document goes home with the rights that it had, and the directory that held it goes with its note once that is on
-// disk; not if there is more in it.
+// Gives the document back, with the rights that it had. Once that is on disk, the directory that held it is removed
+// with its note, unless there is more in it.
 bool GiveBack(const Unique &unique, uint32_t mode, const char *home, const MovedDocument &document)
 {
     {
@@ -151,7 +152,7 @@ bool GiveBack(const Unique &unique, uint32_t mode, const char *home, const Moved
     return true;
 }
 
-// Where the document belongs that is being moved, as an earlier version noted it.
+// Whether there is a note of where a moved document belongs.
 enum class Note { Absent, Path, Malformed, Unreadable };
 
 Note GetNoteOfEarlierVersion(const Unique &unique, char (&home)[PATH_MAX])
@@ -162,12 +163,12 @@ Note GetNoteOfEarlierVersion(const Unique &unique, char (&home)[PATH_MAX])
     return home[0] == '/' && strlen(home) == static_cast<size_t>(length) ? Note::Path : Note::Malformed;
 }
 
-// The note in the owner file, or an older one; `document` gets what it tells beside the path.
+// Gets the note from the owner file, or that of an earlier version. `document` gets what it tells besides the path.
 Note GetNote(const Unique &unique, char (&home)[PATH_MAX], MovedDocument *document)
 {
     const FoundOwner &owner = unique.owner;
     if (owner.life == OwnerLife::None) return GetNoteOfEarlierVersion(unique, home);
-    // The note of a move is on disk before its document comes.
+    // The note of a move is on disk before its document is moved.
     if (!owner.readable) return owner.isBlank && owner.life == OwnerLife::Dead ? Note::Absent : Note::Malformed;
     if (owner.note.work != Work::Move) return Note::Absent;
     memcpy(home, owner.note.document, sizeof home);
@@ -199,7 +200,8 @@ void CheckDocument(const Unique &unique, uint32_t mode, const char *home, const 
             [&] { return GiveBack(unique, mode, home, document); }, home);
 }
 
-// Made and filled under the store's lock: who holds that alone finds bare only what a kill left so.
+// A directory is made and filled under the store's lock. So whoever holds that lock alone finds one bare only if a kill
+// left it so.
 bool IsBare(const Unique &unique)
 {
     TQFileStatus note;
@@ -209,8 +211,8 @@ bool IsBare(const Unique &unique)
     return errno == ENOENT && _FillingOf(unique.item, unique.status) == Filling::Empty;
 }
 
-// A move that was cut short before its document went has made that writable, and nobody knows but its note.
-// False if its note is still needed.
+// A move that was cut short before it took its document may have made that writable, and only its note tells. False if
+// the note is still needed.
 bool CheckDocumentAtHome(const Unique &unique, Findings &findings)
 {
     const OwnerNote &note = unique.owner.note;
@@ -234,28 +236,29 @@ bool CheckDocumentAtHome(const Unique &unique, Findings &findings)
     return mended || !findings.repair();
 }
 
-// What a restore put beside its document is settled before its note goes.
+// What a restore put beside its document is settled before its note is removed.
 void CheckLeftovers(const Unique &unique, Findings &findings)
 {
     const FoundOwner &owner = unique.owner;
-    // A client that had a copy was cut off with the note's bytes.
+    // If a power cut took the note's bytes, it also ended a client that had a copy.
     const bool isOver = owner.readable ? owner.note.work != Work::CopyOut : owner.isBlank;
     const bool isDead = owner.life == OwnerLife::Dead && isOver;
     const bool isOfMove = owner.note.work == Work::Move && owner.note.topMode != OwnerNote::kUnknownMode;
     if (isDead && isOfMove && !CheckDocumentAtHome(unique, findings)) return;
-    // Age says nothing of what stands beside a document.
+    // Age says nothing about what stands beside a document.
     const bool isNoted = owner.life != OwnerLife::None && owner.readable && owner.note.hasExchange;
     if (isNoted && !_CheckExchange(unique.item.path, owner, unique.status, findings)) return;
     CheckLitter(unique, isDead || (findings.repair() && IsBare(unique)), findings);
 }
 
-// What can't be read may be somebody's only copy: only what is surely absent counts as absent.
+// An item that can't be read may be somebody's only copy, so only what is certainly absent counts as absent.
 void CheckUnique(Unique &unique, Findings &findings)
 {
-    // A mend goes by the rights of the directory's owner: what others could write into it doesn't borrow them.
+    // A repair acts with the rights of the directory's owner, which must not serve what others could write into it.
     if ((unique.status.mode & (S_IWGRP | S_IWOTH)) != 0) return findings.AddForeign(unique.item.path);
 
-    // A generation that a full disk let out by no other way; what lies in it is not ours to believe.
+    // This was a generation, which on a full disk could leave the root in no other way. Nothing that lies in it is
+    // believed.
     const bool wasGeneration = platform::GetAttributeOfFd(unique.fd, kSavedPermissionsAttribute, nullptr, 0) >= 0;
     if (wasGeneration) return CheckLitter(unique, /*isDead=*/false, findings);
     if (errno != ENODATA && errno != ENOTSUP) return findings.AddUnreadable(unique.item.path);
@@ -289,7 +292,7 @@ void CheckEntry(int directory, const char *name, const char *path, const Area &a
     const Item item{directory, name, path};
     TQFileStatus status;
     if (platform::GetStatus(item, Links::NoFollow, &status) != 0) {
-        if (errno != ENOENT) findings.AddUnreadable(path); // else it was somebody's, who is done
+        if (errno != ENOENT) findings.AddUnreadable(path); // otherwise its operation has ended
         return;
     }
     if (!S_ISDIR(status.mode) || !IsUnique(name)) return findings.AddForeign(path);

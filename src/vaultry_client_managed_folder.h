@@ -1,4 +1,4 @@
-// The folder of a document, held open: what its path leads to later doesn't count.
+// The folder of a document, held open, so that it does not matter what its path leads to later.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 class OpenedFolder {
 public:
     explicit OpenedFolder(const char *path);
-    explicit operator bool() const { return static_cast<bool>(fd_); } // else errno
+    explicit operator bool() const { return static_cast<bool>(fd_); } // if not, errno says why
     int fd() const { return fd_.get(); }
     Item item() const { return {fd_.get(), name_, path_}; }
 

@@ -52,8 +52,8 @@ static bool _IsGivenUp()
     return progress && TQProgressIsCancelled(progress);
 }
 
-// Waits without limit. A signal does not end the wait, but a client may use one to say that it has given up. It may
-// have come before there was anything to wait for.
+// Waits without limit. A signal does not end the wait, but a client may use one to say that it has given up. The client
+// may have done so before there was anything to wait for.
 static int _WaitForLock(int fd, int operation)
 {
     int attempt = operation | LOCK_NB;
@@ -98,7 +98,7 @@ void _UnlockGenerationStore(StoreLock *lock)
         Failure(nullptr).Errno("%p->fd is -1", static_cast<void *>(lock));
         return;
     }
-    // A lock that stays held would stop every other process for good; ending this one frees it.
+    // A lock that stays held would stop every other process for good. Ending this process frees it.
     if (flock(lock->fd, LOCK_UN) != 0) abort();
     (void)close(lock->fd);
     lock->fd = -1;

@@ -49,7 +49,7 @@ TQValue *TQClientManagedStorageCopyGenerationInfoValueForKey(const TQClientManag
 bool TQClientManagedStorageSetGenerationInfoValueForKey(const TQClientManagedStorage *store, const char *name,
                                                         TQString *key, TQValue *value, TQError **error)
 {
-    // Why a write fails is in the log alone; clients rely on their error being left as it was.
+    // Only the log tells why a write fails: clients rely on their error being left as it was.
     LockedGeneration generation;
     return generation.ForWriting(store, name, error) &&
            TQSetInfoValue(generation.path(), key, value, /*error=*/nullptr);

@@ -1,5 +1,5 @@
-// The names of a store's generations, in the order of its directory. A read that fails ends them like the end of the
-// directory does.
+// The names of a store's generations, in the order of its directory. If reading fails, they end as at the end of the
+// directory.
 
 #pragma once
 
@@ -18,7 +18,7 @@ public:
     GenerationNames(const GenerationNames &) = delete;
     GenerationNames &operator=(const GenerationNames &) = delete;
 
-    explicit operator bool() const { return directory_ != nullptr; } // else errno
+    explicit operator bool() const { return directory_ != nullptr; } // if not, errno says why
 
     // Null at the end. Valid until the next call.
     const char *Next() const

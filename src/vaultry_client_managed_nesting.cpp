@@ -26,14 +26,16 @@ Answer IsThere(int directory, const char *name)
     return errno == ENOENT ? Answer::No : Answer::Unknown;
 }
 
-// Both of a store's own files: a directory with one of them is somebody's own, or a store that is being destroyed.
+// A store has both of its own files. A directory with only one of them is somebody's own, or a store that is being
+// destroyed.
 Answer IsStore(int directory)
 {
     const Answer hasLock = IsThere(directory, kLockFileName);
     return hasLock == Answer::Yes ? IsThere(directory, kStagingName) : hasLock;
 }
 
-// Climbs from `directory` to the top, until `isWanted`, asked of the descriptor and the status of each, says Yes.
+// Climbs from `directory` to the top, until `isWanted`, called with the descriptor and id of each directory, gives an
+// answer other than No.
 template <class IsWanted> Answer Climb(UniqueFd directory, IsWanted isWanted)
 {
     ItemId last;

@@ -1,21 +1,22 @@
 // Documents and stores never hold each other.
 //
-// A restore replaces what it restores to, and a move takes what it moves: done to a part of a store, or to a folder
-// around one, either would cost generations. Stores and documents are told by device and inode, whatever names lead
+// A restore replaces its target, and a move takes its source away. Done to a part of a store, or to a folder around
+// one, either would cost generations. Stores and documents are recognised by device and inode, whatever names lead
 // there.
 //
-// False is a refusal (kTQStatusInvalidArgument), or a path that can't be looked at. A path at which there is nothing
-// holds nothing and lies where its folder lies; where that is missing too, whoever works there says so.
+// False means a refusal (kTQStatusInvalidArgument), or a path that can't be looked at. If there is nothing at a path,
+// it holds nothing and lies where its folder lies. If the folder is missing too, the operation that works there reports
+// it.
 
 #pragma once
 
 #include <vaultry/error.h>
 
-// For what is at `path`, or will be: it lies in no store.
+// Requires that what is at `path`, or will be, lies in no store.
 bool _RequireOutsideStores(const char *path, TQError **error);
 
-// For a document at `path` of the store at `root`: it is no folder around it, nor the store itself.
+// Requires that the document at `path` is neither the store at `root` nor a folder around it.
 bool _RequireNoStoreInside(const char *path, const char *root, TQError **error);
 
-// For a directory that is to become a store: none of those around it is one.
+// Requires that no directory around `root`, which is to become a store, is one.
 bool _RequireNoStoreAround(const char *root, TQError **error);

@@ -19,13 +19,14 @@
 namespace {
 
 constexpr mode_t kOwnerFileMode = 0600;
-constexpr const char *kWords[] = {"copy", "move", "remove", "copy-out", "restore"}; // of Work, in its order
+constexpr const char *kWords[] = {"copy", "move", "remove", "copy-out", "restore"}; // for Work, in its order
 constexpr char kFirstLine[] = "vaultry owner 1\n", kExchangeLine[] = "exchange\n", kLastLine[] = "end\n";
 
-// A path may hold any byte but zero, so its length stands before it. A restore notes its exchange when its copy is
-// staged, anew when that has to be copied across, where the volume can't exchange, and when its way back fails.
+// A path may hold any byte except zero, so its length stands before it. A restore notes its exchange when its copy is
+// staged. It notes it again when the copy has to be copied across, when the volume can't exchange, and when its way
+// back fails.
 constexpr size_t kNoteCapacity = 6 * PATH_MAX;
-constexpr size_t kWordsCapacity = 1024; // the words and numbers of one of them
+constexpr size_t kWordsCapacity = 1024; // the words and numbers of one part
 constexpr size_t kMostExchanges = 4;
 static_assert(PATH_MAX + kWordsCapacity + kMostExchanges * (3 * PathBuffer::kCapacity + kWordsCapacity) <=
               kNoteCapacity);
@@ -49,8 +50,8 @@ public:
             static_cast<uint64_t>(mark.modifiedNanoseconds));
     }
 
-    // One write: whole, or not to be believed. The file is open for appending, so that it goes behind what is there,
-    // whatever the offset.
+    // Writes in one call: a note that is not whole is not believed. The file is open for appending, so the note goes
+    // after what is there, whatever the offset.
     bool WriteTo(int fd) const
     {
         const ssize_t written = pwrite(fd, text_, length_, 0);
@@ -77,7 +78,7 @@ public:
         return true;
     }
 
-    // The word behind `key`, up to the end of the line.
+    // Takes the word after `key`, up to the end of the line.
     template <size_t size> bool TakeWord(const char *key, char (&word)[size])
     {
         if (!Take(key) || !Take(" ")) return false;
@@ -167,7 +168,7 @@ bool ReadExchange(NoteReader &reader, PlannedExchange *exchange)
            takePath("restored", exchange->restored) && reader.Take(kLastLine);
 }
 
-// What a restore added last counts: it notes anew where it learns more.
+// The last one counts: a restore notes its exchange again when it learns more.
 void ReadExchanges(NoteReader &reader, OwnerNote *note)
 {
     PlannedExchange exchange;
@@ -181,7 +182,7 @@ void ReadOwnerFile(int fd, FoundOwner *found)
 {
     char text[kNoteCapacity];
     const ssize_t length = pread(fd, text, sizeof text, 0);
-    // A file system that had noted the size, and not written the bytes, gives zeros.
+    // A file system that has recorded the size, but not written the bytes, gives zeros.
     found->isBlank = length >= 0 && std::all_of(text, text + length, [](char byte) { return byte == '\0'; });
     if (length <= 0) return;
     NoteReader reader(text, static_cast<size_t>(length));
@@ -189,9 +190,9 @@ void ReadOwnerFile(int fd, FoundOwner *found)
     if (found->readable) ReadExchanges(reader, &found->note);
 }
 
-// The file as it is left by whoever has died: read under the lock, or it may have been noted in meanwhile. Where locks may
-// stay on their host a free one says nothing of others, nor of another start of this machine: that may be a clone of it,
-// which bears its name.
+// Reads the file under the lock, since otherwise its owner could note more in it meanwhile. Where locks may stay on
+// their host, a free lock says nothing about other hosts. Nor does it about another boot of this machine, which may be
+// that of a clone with the same name.
 OwnerLife ReadUnderLock(int fd, FoundOwner *found)
 {
     int result = 0;
@@ -206,7 +207,7 @@ OwnerLife ReadUnderLock(int fd, FoundOwner *found)
     return platform::VolumeHonoursFlush(fd) || found->note.IsOfThisStart() ? OwnerLife::Dead : OwnerLife::Doubtful;
 }
 
-// Waits for whoever is looking whether it is locked.
+// Waits for a process that is just testing whether the file is locked.
 bool LockForLife(int fd)
 {
     int result = 0;
@@ -215,7 +216,7 @@ bool LockForLife(int fd)
     return result == 0;
 }
 
-// Root, too, works for the staging area's owner: a file of anybody else is not believed.
+// Root gives the file to the staging area's owner, since a file of anybody else is not believed.
 bool GiveToAreaOwner(int directory, int fd)
 {
     if (geteuid() != 0) return true;
@@ -296,7 +297,8 @@ UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, 
     constexpr int kFlags = O_RDWR | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     UniqueFd fd(openat(directory, kOwnerFileName, kFlags, kOwnerFileMode));
     TQFileStatus made;
-    // The lock comes before the first byte: who finds the file without it finds it empty. A umask counts for nothing.
+    // The lock comes before the first byte, so a process that finds the file unlocked then finds it empty. The mode
+    // does not depend on the umask.
     if (fd && LockForLife(fd.get()) && platform::GetStatusOfFd(fd.get(), &made) == 0 &&
         ((made.mode & 07777) == kOwnerFileMode || fchmod(fd.get(), kOwnerFileMode) == 0) &&
         GiveToAreaOwner(directory, fd.get()) && text.WriteTo(fd.get())) {
@@ -327,7 +329,7 @@ void _ReleaseOwnerFile(UniqueFd &ownerFile)
 {
     const ErrnoKeeper keeper;
     if (ownerFile) (void)flock(ownerFile.get(), LOCK_UN);
-    // Whatever hung on the note was flushed when it was written; what it says now is only how old the rest may be.
+    // Whatever depended on the note was flushed when it was written. Now it only tells how old the rest may be.
     (void)ownerFile.Close();
 }
 

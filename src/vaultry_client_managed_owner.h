@@ -1,13 +1,14 @@
-// Whose a staging directory is, and what is done in it.
+// Who owns a staging directory, and what is done in it.
 //
-// Beside what is staged lies the owner file: what is done, of which document or generation, by which process of
-// which machine, and since when; a restore adds what it is about to exchange. It is written before anything is
-// staged, and locked with flock for as long as its operation lives, so that whoever finds the directory can tell
-// work in progress from what a kill left. A child that a killed process had forked keeps the lock like that of the
-// store: until it ends, the operation counts as alive. A copy for a client outlives its operation, and so its lock.
+// The owner file lies beside what is staged. It says what is done, to which document or generation, by which process of
+// which machine, and since when; a restore adds what it is about to exchange. It is written before anything is staged,
+// and locked with flock for as long as its operation lives, so that whoever finds the directory can tell work in
+// progress from what a kill left. A child that a killed process had forked keeps this lock as it keeps the store's:
+// until it ends or runs another program, the operation counts as alive. A copy for a client outlives its operation, and
+// so its lock.
 //
-// What the file says is believed only of a regular file of the staging area's owner, with the mode 0600 and one link,
-// and never in a directory that was a generation: a generation on its way out may hold any name.
+// The file is believed only if it is a regular file of the staging area's owner, with the mode 0600 and one link. It is
+// never believed in a directory that was a generation: a generation on its way out may hold any name.
 
 #pragma once
 
@@ -24,7 +25,8 @@ inline constexpr char kOwnerFileName[] = ".vaultry_owner";
 
 enum class Work { Copy, Move, Remove, CopyOut, Restore };
 
-// An item as it was when it was noted. The number of an inode that has gone is given to another, born later.
+// An item as it was when it was noted. The inode number of an item that has gone may be given to another, which is born
+// later.
 struct ItemMark {
     ItemId id{};
     int64_t born = 0, bornNanoseconds = 0; // zero where the volume does not tell
@@ -32,11 +34,11 @@ struct ItemMark {
     int64_t modified = 0, modifiedNanoseconds = 0;
 
     static ItemMark Of(const TQFileStatus &status);
-    // Since the machine was started anew the volume's device may have another number.
+    // The device does not count after a restart of the machine, since the volume may have another number then.
     bool IsOf(const TQFileStatus &status, bool deviceCounts) const;
-    // The same of a folder, whose birth changes where an overlay copies it up.
+    // The same for a folder. Its birth does not count, since that changes when an overlay copies it up.
     bool IsFolder(const TQFileStatus &status, bool deviceCounts) const;
-    // A file that has not been written to since.
+    // Whether a file has not been written to since; true for any other item.
     bool IsUnchanged(const TQFileStatus &status) const;
 };
 
@@ -53,7 +55,7 @@ struct PlannedExchange {
 
 struct OwnerNote {
     Work work = Work::Copy;
-    char document[PATH_MAX] = ""; // or the generation that leaves
+    char document[PATH_MAX] = ""; // or the generation that is removed or copied out
     static constexpr uint32_t kUnknownMode = UINT32_MAX;
     uint32_t topMode = kUnknownMode; // a move: what the document's top item had
     uint32_t topFlags = 0;
@@ -66,17 +68,17 @@ struct OwnerNote {
     bool hasExchange = false;
     PlannedExchange exchange{};
 
-    // Made here, now.
+    // A note of this process, as of now.
     static OwnerNote Of(Work work, const char *document);
     bool IsOfThisMachine() const;
     bool IsOfThisStart() const;
 };
 
-// Makes the owner file in `directory`, which is `path`, and locks it; says which item it is. An empty descriptor on
-// failure.
+// Makes the owner file in `directory`, whose path is `path`, and locks it. `id` tells which item the file is. An empty
+// descriptor on failure.
 UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, ItemId *id, TQError **error);
 
-// Adds what is about to be exchanged. The caller brings it to disk.
+// Adds what is about to be exchanged. The caller flushes it.
 bool _NoteExchange(int ownerFile, const char *path, const PlannedExchange &exchange, TQError **error);
 
 // Gives the lock back, so that a child that was forked meanwhile keeps nothing of it.
@@ -89,8 +91,8 @@ enum class OwnerLife {
     Dead,
 };
 
-// What the owner file in `directory` says. `areaOwner` is whom the staging area belongs to. `note` is filled for Alive
-// and Dead, and for Doubtful if `readable` is set; `written` is when it was, by the volume's clock.
+// What the owner file in `directory` says. The staging area belongs to `areaOwner`. `note` counts only if `readable` is
+// set. `written` is when the file was last written, by the volume's clock.
 struct FoundOwner {
     OwnerLife life = OwnerLife::None;
     bool readable = false;

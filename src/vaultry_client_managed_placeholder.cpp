@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t kRoom = NAME_MAX - (sizeof PlaceholderName::kMark - 1) - (sizeof PlaceholderName::kUnique - 1);
 
-// As much of `text` as has room, in whole characters.
+// How much of `text` fits, in whole characters.
 size_t Fitting(const char *text, size_t length, size_t room)
 {
     return length <= room ? length : LengthOfWholeCharacters(text, room);

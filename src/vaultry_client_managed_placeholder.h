@@ -1,10 +1,10 @@
-// The names under which a restore keeps things beside a document, for its time.
+// The names under which a restore keeps items beside a document while it runs.
 //
 //     letter-tmp.nosync.k3Yz90.txt    of a file: stem, mark, six characters, extension
 //     photos-tmp.nosync.k3Yz90        of a folder: its whole name, mark, six characters
 //
-// No file system takes a longer name than 255 bytes: first the stem is made shorter, then the extension, between
-// characters.
+// No file system takes a name of more than 255 bytes. So the stem is made shorter first, then the extension, always
+// between characters.
 
 #pragma once
 

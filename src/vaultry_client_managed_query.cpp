@@ -1,7 +1,7 @@
 // Info queries: records of chosen facts about one generation or all of them.
 //
-// The selector of the info dictionary is read from "ODN", as that of the display name is: one number switches both, and
-// a list of keys passes the first test only to fail the second. Clients were written against this.
+// The selector of the info dictionary is read from "ODN", like that of the display name. So one number switches both,
+// and a list of keys passes the first test but fails the second. Clients were written against this.
 
 #include "vaultry_client_managed_query.h"
 
@@ -24,7 +24,7 @@ constexpr uint64_t kSecondGroupBit = 0x4;
 constexpr char kFirstGroup[] = "com.corvane.draftline";
 constexpr char kSecondGroup[] = "com.corvane.nimbusync";
 
-// A query without memory gives nothing: a fact that is left out would pass for one that is not there.
+// A query that runs out of memory returns nothing: a fact that is left out would look as if it did not exist.
 bool Allocated(bool done, TQError **error)
 {
     return done || Failure(error).Status(kTQStatusFailed, "malloc failed");
@@ -38,7 +38,7 @@ bool Get(const TQDictionary *dictionary, const char *key, TQValue **value, TQErr
     return Allocated(static_cast<bool>(string), error);
 }
 
-// False too if there was no memory for the value itself, which then is null.
+// Also false if there was no memory for the value itself, which is then null.
 bool Set(const Ref<TQDictionary> &dictionary, const char *key, TQValue *value, TQError **error)
 {
     const auto string = Ref<TQString>::Adopt(TQStringCreate(key));
@@ -90,7 +90,8 @@ bool GetMask(const TQDictionary *spec, const char *key, const char *complaint, i
     TQValue *value = nullptr;
     if (!Get(spec, key, &value, error)) return false;
     if (value && !TQIsNumber(value)) return Failure(error).Refused(kTQStatusInvalidType, "%s", complaint);
-    // By its bits: a mask with the highest one is given as a negative number, or as one that only fits without a sign.
+    // The bits count: a mask with the highest bit is given as a negative number, or as one that fits only without a
+    // sign.
     const int64_t number = value ? TQNumberGetInt64(value) : absent;
     *mask = number == INT64_MAX ? TQNumberGetUInt64(value) : static_cast<uint64_t>(number);
     return true;
@@ -136,7 +137,7 @@ bool GetPath(const char *root, const char *name, PathBuffer &path, TQError **err
     return Failure(error).Refused(kTQStatusBadPath, "Path to generation is too long");
 }
 
-// Adds the display name where there is one. That there is none is no failure, and leaves no error behind.
+// Adds the display name, if there is one. A missing name is not a failure, and leaves no error behind.
 bool AddDisplayName(const Ref<TQDictionary> &record, const char *path, TQError **error)
 {
     Ref<TQError> why;

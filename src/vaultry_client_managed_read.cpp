@@ -30,7 +30,7 @@ bool ApplyFinalRights(const char *destination, uint16_t mode, uint32_t flags, TQ
     return true;
 }
 
-// What somebody put there since we looked, or saved over the copy, is not ours to remove.
+// If somebody has put another item there since we looked, or saved over the copy, that item is not ours to remove.
 void RemoveMade(const char *path, const platform::DuplixMade &made)
 {
     TreeRemoval how;

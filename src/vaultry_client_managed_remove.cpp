@@ -1,8 +1,8 @@
 // Removing generations.
 //
-// A generation leaves the root by one rename into staging, so that the slow part, deleting its tree, can be
-// interrupted without leaving half of it under its name. Where the kernel refuses that rename, the tree is deleted as
-// it stands, under the lock: a failure is told, and a kill leaves part of it, to be removed again.
+// A generation leaves the root by one rename into staging, so that the slow part, deleting its tree, can be interrupted
+// without leaving half of it under its name. Where the kernel refuses that rename, the tree is deleted as it stands,
+// under the lock. A failure is then reported, and a kill leaves a part of the tree, which can be removed again.
 
 #include "vaultry_client_managed.h"
 #include "vaultry_client_managed_staging.h"
@@ -40,7 +40,7 @@ bool GetName(TQValue *name, char *buffer, TQError **error)
            Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
 }
 
-// Unlike an item that is being added, one that is removed keeps its append-only flag; it then can't be moved.
+// Unlike an item that is being added, one that is removed keeps its append-only flag, and then can't be moved.
 bool LiftForMove(LiftedGeneration &item, const char *generation, TQError **error)
 {
     if (!item.Look()) return Failure(error).Errno("failed to stat source path %s", generation);
@@ -50,7 +50,7 @@ bool LiftForMove(LiftedGeneration &item, const char *generation, TQError **error
     return true;
 }
 
-// What lies under a mount can't be reached, and what is mounted there is no generation.
+// What lies under a mount can't be reached, and what is mounted there is not a generation.
 bool RemoveAsItStands(const char *generation, TQError **error)
 {
     TQFileStatus now;
@@ -68,14 +68,14 @@ bool MoveToStaging(const char *root, const char *generation, const ItemId &id, c
     if (rename(generation, staged) == 0 ||
         platform::HasMoved(Item::AtPath(generation), id, Item::AtPath(staged)) == platform::Held::Yes)
         return true;
-    // A folder of an overlay's lower layer has no other place to go.
+    // A folder of an overlay's lower layer can't be renamed.
     if (errno == EXDEV) return RemoveAsItStands(generation, error);
     return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged);
 }
 
 bool RemoveByStaging(const char *root, const char *generation, TQError **error)
 {
-    // What can't be deleted at its end is not reported: by then the generation is gone for everybody.
+    // If something can't be deleted at the end, that is not reported: by then the generation is gone for everybody.
     StagingDirectory staging;
     if (!staging.Make(root, OwnerNote::Of(Work::Remove, generation), error)) return false;
     LiftedGeneration lifted(generation);
@@ -83,9 +83,9 @@ bool RemoveByStaging(const char *root, const char *generation, TQError **error)
            lifted.Gone(MoveToStaging(root, generation, ItemId::Of(lifted.before()), staging.staged(), error));
 }
 
-// For a disk without room for one more directory, on which a removal is what its owner needs most. A file goes at once.
-// A tree still leaves the root by one rename; where even a name takes room it is deleted as it stands, and only there a
-// kill leaves part of it, to be removed again.
+// For a disk without room for one more directory, whose owner needs a removal more than anything. A file is deleted at
+// once. A tree still leaves the root by one rename. Where even a name takes room, it is deleted as it stands; there a
+// kill leaves a part of it, which can be removed again.
 bool RemoveWithoutRoom(const char *root, const char *generation, TQError **error)
 {
     LiftedGeneration lifted(generation);

@@ -25,7 +25,7 @@ bool _GetPathToGeneration(const char *rootPath, const char *name, bool mustExist
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
     if (!path.Format("%s/%s", rootPath, name))
         return Failure(error).Refused(kTQStatusBadPath, "The supplied generation name is too long");
-    // The path of the empty name is the root itself, and no generation.
+    // The path of the empty name is the root itself, which is not a generation.
     if (name[0] == '\0' && !mustExist)
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
     if (mustExist && (name[0] == '\0' || _PathNotExists(path.c_str())))
@@ -34,7 +34,7 @@ bool _GetPathToGeneration(const char *rootPath, const char *name, bool mustExist
 }
 
 // A link that somebody planted there would lead the work, and the removal at its end, out of the store. False with
-// errno; where nothing is, or no directory, the work itself fails.
+// errno. If nothing is there, or something other than a directory, the work itself fails.
 static bool _StagingLeadsNowhereElse(const char *rootPath)
 {
     PathBuffer staging;
@@ -55,14 +55,14 @@ bool _GetUniqueStagingPath(const char *rootPath, PathBuffer &path, TQError **err
     const size_t uniqueLength = strlen(path.c_str());
     if (path.Append("/") && path.Append(kStagedName)) return true;
 
-    // The cut path names nothing, or the directory itself; either way the directory goes.
+    // The cut path names nothing, or the directory itself; either way the directory is removed.
     (void)_RemoveTree(path.c_str(), 0, nullptr);
     path.data()[uniqueLength] = '\0';
     (void)rmdir(path.c_str());
     return Failure(error).Status(kTQStatusBadPath, "path name is too long");
 }
 
-// The owner file goes last: what is left after a kill still says whose it was.
+// The owner file is removed last, so that what a kill leaves still says whose it was.
 static bool RemoveUnique(const char *path, TQError **error)
 {
     TreeRemoval how;
@@ -80,7 +80,7 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
         return Failure(error).Status(kTQStatusFailed, "Staging path provided to remove was not in staging directory");
     if (path[prefixLength] == '\0') return true;
 
-    // Such names lead back to the staging area or out of it, and with it everything would go.
+    // Such names lead back to the staging area or out of it, and everything there would be removed.
     const char *unique = path + prefixLength;
     const size_t uniqueLength = strcspn(unique, "/");
     if (uniqueLength == 0 || strncmp(unique, "..", uniqueLength) == 0)
@@ -98,13 +98,13 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
 StagingDirectory::~StagingDirectory()
 {
     const ErrnoKeeper keeper;
-    // What has taken the directory's place is somebody's own.
+    // If something has taken the directory's place, it is somebody's own.
     if (root_ && !RemoveWhatIsUsual() && !(owner_ && errno == ESTALE))
         (void)_RemoveStagingPath(root_, unique_.c_str(), nullptr);
     _ReleaseOwnerFile(owner_);
 }
 
-// Mostly nothing is left but the owner file, or the staged item with it: then nothing has to be listed.
+// Usually only the owner file is left, or the staged item with it. Then nothing has to be listed.
 bool StagingDirectory::RemoveWhatIsUsual() const
 {
     const UniqueFd directory = Open();
@@ -114,7 +114,7 @@ bool StagingDirectory::RemoveWhatIsUsual() const
     return unlinkat(directory.get(), kOwnerFileName, 0) == 0 && unlinkat(directory.get(), self, AT_REMOVEDIR) == 0;
 }
 
-// Not held open meanwhile: an operation inside another one has few descriptors.
+// The directory is not held open meanwhile: an operation inside another one has few descriptors.
 UniqueFd StagingDirectory::Open() const
 {
     UniqueFd directory(open(unique_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

@@ -6,8 +6,8 @@
 
 inline constexpr char kStagedName[] = "staged"; // the item in the making, in it
 
-// Made with its owner file, which stays locked as long as the object lives; removed at the end of its scope with all
-// that is in it, unless it is kept.
+// It is made with its owner file, which stays locked as long as the object lives. At the end of its scope it is removed
+// with all that is in it, unless it is kept.
 class StagingDirectory {
 public:
     StagingDirectory() = default;
@@ -15,23 +15,23 @@ public:
     StagingDirectory(const StagingDirectory &) = delete;
     StagingDirectory &operator=(const StagingDirectory &) = delete;
 
-    // `root` is borrowed. The store's lock is held, shared or alone.
+    // `root` is borrowed. The caller holds the store's lock, shared or alone.
     bool Make(const char *root, const OwnerNote &note, TQError **error);
 
-    // Brings the owner file and the way to it to disk: before a document is moved here, which without it nobody could
-    // give back.
+    // Flushes the owner file and the directories that lead to it. Without it on disk, nobody could give back a document
+    // that is moved here.
     bool FlushNote(TQError **error) const;
 
     // Notes, on disk, what is about to be exchanged for what lies here.
     bool NoteExchange(const PlannedExchange &exchange, TQError **error) const;
 
-    // Leaves the directory and what is in it: to a client, or because it holds a document that could not go home.
+    // Leaves the directory and what is in it, to a client or to a repair.
     void Keep();
 
     // When the owner file was written, by the volume's clock; zero if that can't be told.
     struct timespec written() const;
 
-    // Something on its volume, opened before anything was written here.
+    // A descriptor on its volume that was opened before anything was written here.
     int openedFirst() const { return owner_.get(); }
 
     // Where the item in the making goes.
@@ -45,5 +45,5 @@ private:
     PathBuffer unique_;
     PathBuffer staged_;
     UniqueFd owner_;
-    ItemId ownerId_; // by which the directory is told from any other
+    ItemId ownerId_; // tells the directory from any other
 };

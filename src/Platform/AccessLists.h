@@ -1,4 +1,4 @@
-// Access-control lists of one item, given to another; and what stands for one that can't be given.
+// Gives one item the access-control lists of another. Copying an item already carries its lists.
 
 #pragma once
 
@@ -10,20 +10,20 @@
 
 namespace platform {
 
-// Gives the open item `to` the lists that `from` has, and takes away those that it has not. Lists that a directory hands
-// down count only where both are directories. A list that the volume can't hold, or that names somebody whom a user
-// namespace doesn't know, is left out; `denied` is then what the mode of `to` may not grant. 0, or -1 with errno; errno
-// is untouched on success. The mode of `to` may have changed then.
+// Gives the open item `to` the lists that `from` has, and takes away those that `from` does not have. Default lists
+// count only where both are directories. A list is left out if the volume can't hold it, or if it names somebody whom a
+// user namespace does not know; `denied` then says what the mode of `to` may not grant. 0, or -1 with errno; errno is
+// untouched on success. A success may have changed the mode of `to`.
 int GiveListsOf(const Item &from, Links links, int to, mode_t *denied);
 
-// Whether a list that was refused with `error` is to be left out.
+// Whether a list that was refused with `error` is left out.
 inline bool IsListForgiven(int error)
 {
     return error == ENOTSUP || error == EINVAL;
 }
 
-// What a mode without its access list, in the form in which the kernel hands it out, may not grant, so that nobody gets
-// more than the list gave. Whom it names falls into the group or among the others then.
+// What a mode without its access list may not grant, so that nobody gets more than the list gave. Those whom the list
+// names then fall into the group or among the others. `list` has the form in which the kernel hands it out.
 mode_t DeniedByList(const unsigned char *list, size_t size);
 
 } // namespace platform

@@ -11,7 +11,7 @@
 
 namespace platform {
 
-// Which groups the user is in can't be told; so none but that of nobody lends its rights.
+// There is no way to tell which groups the user is in, so the thread gets only the group of nobody.
 static constexpr gid_t kNoGroup = 65534;
 
 // The C library's call would change the groups of all threads.
@@ -20,7 +20,7 @@ static bool _SetGroupsOfThread(int count, const gid_t *groups)
     return syscall(SYS_setgroups, static_cast<long>(count), groups) == 0;
 }
 
-// An id that none can have is refused, and tells what stands.
+// Setting -1, which nobody can have, is refused and returns the current id.
 static bool _SetIds(uid_t user, gid_t group)
 {
     (void)setfsgid(group);
@@ -34,7 +34,7 @@ ActingAs::ActingAs(uid_t user)
     const ErrnoKeeper keeper;
     oldUser_ = static_cast<uid_t>(setfsuid(static_cast<uid_t>(-1)));
     oldGroup_ = static_cast<gid_t>(setfsgid(static_cast<gid_t>(-1)));
-    // Who has put on another's rights before has none of root's to take off.
+    // A thread that already acts as somebody else has no rights of root to give up.
     if (geteuid() != 0 || oldUser_ != 0 || user == 0) return;
     isDumpable_ = prctl(PR_GET_DUMPABLE) == 1;
     groupCount_ = getgroups(0, nullptr);
@@ -46,7 +46,8 @@ ActingAs::ActingAs(uid_t user)
     holds_ = _SetIds(user, kNoGroup) && DropCapabilities();
 }
 
-// The id alone takes off those over files, and not even them if the process has asked to keep all.
+// A change of the id alone drops only the capabilities over files, and not even those if the process has asked to keep
+// them.
 bool ActingAs::DropCapabilities() const
 {
     Capabilities none = capabilities_;
@@ -54,14 +55,15 @@ bool ActingAs::DropCapabilities() const
     return SetCapabilities(none);
 }
 
-// With root's id come capabilities that it may have laid down before.
+// Root's id brings back capabilities that the thread may have dropped before, so they are set once more.
 bool ActingAs::TakeBack() const
 {
     return SetCapabilities(capabilities_) && _SetIds(oldUser_, oldGroup_) && SetCapabilities(capabilities_) &&
            _SetGroupsOfThread(groupCount_, groups_.get());
 }
 
-// A thread that stayed somebody else would do the client's next work wrongly: this process stops instead.
+// A thread that stayed somebody else would do the client's next work with the wrong rights, so the process stops
+// instead.
 ActingAs::~ActingAs()
 {
     if (!isChanged_) return;

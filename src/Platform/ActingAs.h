@@ -1,8 +1,8 @@
 // The rights of another user, for the calling thread and a scope.
 //
-// Root that works for somebody else on that user's word lets the kernel decide what the user could have done: with the
-// user's file-system id, and without any group or capability, no file of others can be removed, changed or reached that
-// the user could not. Anybody but root keeps their own rights, and so does root for itself.
+// When root works on a user's word, it lets the kernel decide what that user could have done. With the user's
+// file-system id, and without any group or capability, root can't remove, change or reach a file that the user could
+// not. Anybody other than root keeps their own rights, and so does root when it works for itself.
 
 #pragma once
 
@@ -20,7 +20,7 @@ public:
     ActingAs(const ActingAs &) = delete;
     ActingAs &operator=(const ActingAs &) = delete;
 
-    // False if the rights could not be had; nothing is to be done then.
+    // False if the rights could not be changed; the caller then does nothing.
     explicit operator bool() const { return holds_; }
 
 private:
@@ -35,7 +35,7 @@ private:
     bool isDumpable_ = false;
     int deathSignal_ = 0;
     int groupCount_ = 0;
-    std::unique_ptr<gid_t[]> groups_; // root's further groups
+    std::unique_ptr<gid_t[]> groups_; // root's supplementary groups
 };
 
 } // namespace platform

@@ -45,8 +45,8 @@ static UniqueFd _Pin(const Item &item, Links links)
         openat(item.directory, item.name, O_PATH | O_CLOEXEC | (links == Links::NoFollow ? O_NOFOLLOW : 0)));
 }
 
-// An item in an open directory: the calls that take a directory, else the item's other name. `call` and
-// `callByPath` return as the system calls do.
+// Works on an item in an open directory, by the call that takes a directory or, where the kernel has none, by the
+// item's path in /proc. `call` and `callByPath` return as the system calls do.
 template <class Call, class CallByPath>
 static auto _InDirectory(const Item &item, Links links, Call call, CallByPath callByPath)
 {

@@ -1,8 +1,9 @@
-// Extended attributes, under the names that the library speaks.
+// Extended attributes, under the names that the library uses.
 //
-// On disk every name begins with "user.", the only namespace that is free for applications; it is added here
-// and nowhere else. Sizes, or 0 for set and remove, or -1 with errno: ENODATA when absent, ERANGE when
-// the buffer is too small. errno is untouched on success. A null buffer of size 0 asks for the size.
+// On disk every name begins with "user.", the only namespace that is free for applications; it is added here and
+// nowhere else. Getting returns the size, setting and removing return 0; -1 with errno on failure: ENODATA when the
+// attribute is absent, ERANGE when the buffer is too small. errno is untouched on success. A null buffer of size 0 asks
+// for the size.
 
 #pragma once
 

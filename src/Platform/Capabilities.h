@@ -6,12 +6,12 @@
 
 namespace platform {
 
-// A thread's sets of them.
+// A thread's capability sets.
 struct Capabilities {
     __user_cap_data_struct words[_LINUX_CAPABILITY_U32S_3];
 };
 
-// False with errno.
+// Both return false with errno on failure.
 bool GetCapabilities(Capabilities *out);
 bool SetCapabilities(const Capabilities &capabilities);
 

@@ -64,13 +64,13 @@ int DirectoryReader::Resume(int directory, const char *name)
     if (error == 0) found = Next(directory, &error);
     if (found && strcmp(found, name) == 0) return 0;
 
-    // A directory that somebody has removed may refuse the position. It does not refuse its beginning, and then says
+    // A directory that somebody has removed may refuse the position, but not its beginning. Reading from there tells
     // what became of it.
     error = Seek(directory, 0);
     if (error != 0) return error;
     while ((found = Next(directory, &error)))
         if (strcmp(found, name) == 0) return 0;
-    // Somebody has renamed it. Its position is the best that is known of what comes behind.
+    // Somebody has renamed it. The position after it is the best guess at where the rest begins.
     return error != 0 ? error : Seek(directory, behind);
 }
 

@@ -1,8 +1,8 @@
 // The names in an open directory, read through one bounded buffer.
 //
-// The place reached can be found again after the directory was closed and opened anew: by the position that the kernel
-// gave for it, checked against the name that was read there. A file system that counts its
-// entries moves them up when earlier ones are removed; then the name is looked for from the start.
+// After the directory was closed and opened again, reading resumes at the position that the kernel gave, which is
+// checked against the name that was read there. On a file system that numbers its entries, positions shift when earlier
+// entries are removed; the name is then looked for from the start.
 
 #pragma once
 
@@ -15,15 +15,15 @@ namespace platform {
 
 class DirectoryReader {
 public:
-    // The next name but "." and "..", or null: at the end with 0 in *error, else with an errno there. The
+    // The next name other than "." and "..", or null: at the end with 0 in *error, on failure with an errno there. The
     // name stays valid until the next call. Keeps errno.
     const char *Next(int directory, int *error);
 
-    // Lets go of the buffer. Before the next call of Next comes Resume.
+    // Frees the buffer. Resume has to be called before the next call of Next.
     void Suspend() { buffer_.reset(); }
 
-    // Goes on in a freshly opened `directory` behind `name`, the last that Next gave. 0 or an errno: ENOENT if the
-    // directory itself was removed meanwhile.
+    // Continues in a freshly opened `directory` after `name`, the last name that Next returned. 0 or an errno: ENOENT
+    // if the directory itself was removed meanwhile.
     int Resume(int directory, const char *name);
     bool suspended() const { return !buffer_ && started_; }
 
@@ -34,7 +34,7 @@ private:
     std::unique_ptr<char[]> buffer_;
     size_t next_ = 0;
     size_t end_ = 0;
-    off_t reached_ = 0; // behind the name that Next gave last
+    off_t reached_ = 0; // after the name that Next returned last
     off_t before_ = 0;  // before it
     bool started_ = false;
 };

@@ -26,7 +26,7 @@ bool DirectoryStack::OpenParent()
     if (parent.fd) return true;
 
     UniqueFd found = opener_.Open({Top(), "..", ".."}, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, parent.owner);
-    // The root's parent may be searchable only, and is never read.
+    // The root's parent is never read, so permission to search it is enough.
     if (!found && errno == EACCES) found.Reset(openat(Top(), "..", O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     TQFileStatus status;
     if (!found || GetStatusOfFd(found.get(), &status) != 0) return false;

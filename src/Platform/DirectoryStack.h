@@ -1,8 +1,8 @@
-// The open directories on the way from a root down to where work goes on.
+// The directories on the way from a root down to the one that is worked in.
 //
-// At most kOpenLimit of them are open, the deepest ones, whatever the depth. A shallower one is closed and opened
-// again through ".." of its child when the work climbs back; what is found there must be the directory
-// that was left, by device and inode, since either of the two may have been moved meanwhile.
+// Only the deepest kOpenLimit of them are open. A shallower one is closed, and is opened again through ".." of its
+// child when the work climbs back. By device and inode it must still be the directory that was left, since either of
+// the two may have been moved meanwhile.
 
 #pragma once
 
@@ -20,10 +20,10 @@ class DirectoryStack {
 public:
     static constexpr size_t kOpenLimit = 4;
 
-    // Goes down into `directory`, which is what `status` describes. False with ENOMEM.
+    // Goes down into `directory`, which `status` describes. False with ENOMEM.
     bool Push(UniqueFd directory, const TQFileStatus &status);
 
-    // Makes sure that the directory above the top is open. False with errno, ESTALE if ".." is another.
+    // Makes sure that the directory above the top is open. False with errno: ESTALE if ".." is another directory.
     bool OpenParent();
 
     // Leaves the top, and closes it.

@@ -99,8 +99,8 @@ static int _ChangeByDescriptor(int fd, uint32_t flags)
     return 0;
 }
 
-// For the owner of an item without read permission, who may change its flags but can't open it. The call
-// knows no compressed flag, so a change of that one stays refused.
+// For the owner of an item without read permission, who may change its flags but can't open it. The call does not know
+// the compressed flag, so changing that one still fails.
 static int _ChangeByName(const Item &item, int atFlags, uint32_t before, uint32_t flags)
 {
     if ((before ^ flags) & kTQFlagCompressed) return _Fail(EACCES);

@@ -1,12 +1,13 @@
 // Status records, modes and file flags of items.
 //
-// All return 0, or -1 with errno; errno is untouched on success. A status is one statx.
+// Unless their comments say otherwise, the functions return 0, or -1 with errno; errno is untouched on success. A
+// status is one statx.
 //
-// Flags are inode flags, and setting them needs a descriptor, or file_setattr where the kernel has it and
-// the item can't be opened. Bits that already stand are not set again: that would need a
-// privilege, or a file system, that leaving them alone does not. What the file system cannot hold, 0x40, and any
-// item that is neither file nor directory answer ENOTSUP; the kernel's EPERM stays EPERM. Inode
-// flags that have no bit in our word survive.
+// Flags are inode flags, and setting them needs a descriptor, or file_setattr where the kernel has it and the item
+// can't be opened. Flags that are already as they should be are not set again: that would need a privilege, or a file
+// system, that leaving them alone does not. The answer is ENOTSUP for a flag that the file system can't hold, for 0x40,
+// and for an item that is neither a file nor a directory; the kernel's EPERM stays EPERM. Inode flags that TQFileStatus
+// has no bit for stay as they are.
 
 #pragma once
 
@@ -17,7 +18,7 @@
 
 #include <sys/stat.h>
 
-// An item with one of these takes neither a change of its mode nor a new name.
+// Neither the mode nor the name of an item with one of these can be changed.
 inline constexpr uint32_t kBlockingFlags = kTQFlagImmutable | kTQFlagAppend;
 
 namespace platform {
@@ -28,19 +29,19 @@ int GetStatusOfFd(int fd, TQFileStatus *out);
 int SetFlags(const Item &item, Links links, uint32_t flags);
 int SetFlagsOfFd(int fd, uint32_t flags);
 
-// Whether this thread has the privilege that setting and clearing kBlockingFlags takes. Root in a container may have it
-// in vain.
+// Whether this thread has the privilege to set and clear kBlockingFlags. Root in a container may have it and still be
+// refused.
 bool MaySetBlockingFlags();
 
-// With Links::NoFollow a link answers EOPNOTSUPP, and nothing it points to is touched.
+// With Links::NoFollow, a link fails with EOPNOTSUPP, and what it points to is not touched.
 int SetMode(const Item &item, Links links, mode_t mode);
 
-// For work on exactly the item that was looked at before, whatever its name leads to meanwhile. The descriptor only
-// points: it takes neither permission nor time of access, and reads nothing. Empty, with ESTALE if the item is another
-// by device or inode, or with errno.
+// Pins exactly the item that was looked at before, whatever its name leads to by now. The descriptor only points to it:
+// opening it needs no permission on the item and changes no access time, and nothing can be read through it. Empty,
+// with ESTALE if device or inode are different, or with another errno.
 UniqueFd PinItem(const Item &item, const TQFileStatus &expected);
-int SetModeOfPinned(int fd, mode_t mode); // of a link EOPNOTSUPP
-// `status` is the item's as it stands.
+int SetModeOfPinned(int fd, mode_t mode); // EOPNOTSUPP for a link
+// `status` is the item's current status.
 int SetFlagsOfPinned(int fd, const TQFileStatus &status, uint32_t flags);
 
 // Linux has no call that writes a birth time: always -1 with ENOTSUP.

@@ -1,8 +1,8 @@
 // Making what was written survive a power cut.
 //
 // Both return 0, or -1 with errno; errno is untouched on success. A file system that can't flush answers EINVAL or
-// ENOTSUP: it promises nothing that a failure here could tell anybody, so it is passed over. What failed is never tried
-// again: the kernel has dropped what it could not write, and the next call would succeed.
+// ENOTSUP. It promises nothing, so this counts as success. A flush that failed is never tried again: the kernel has
+// dropped what it could not write, and the next call would succeed.
 
 #pragma once
 
@@ -11,8 +11,8 @@ namespace platform {
 // The content and the attributes of one open item; the entries of a directory.
 int FlushFd(int fd);
 
-// All that lies on the file system of an open item. Errors of writing back what was written since it was opened are
-// reported, those from before too if nobody has heard of them.
+// Everything on the file system of an open item. Reports errors in writing back what was written since the item was
+// opened, and earlier ones if nobody was told of them yet.
 int FlushVolumeOfFd(int fd);
 
 } // namespace platform

@@ -6,7 +6,8 @@
 
 namespace platform {
 
-// Gives the open item `fd` exactly the bits of `flags`; `status` is what statx said of it. As SetFlagsOfFd.
+// Gives the open item `fd` exactly the bits of `flags`; `status` is what statx said of it. Otherwise it is as
+// SetFlagsOfFd.
 int SetFlagsOfKnown(int fd, const TQFileStatus &status, uint32_t flags);
 
 } // namespace platform

@@ -1,4 +1,4 @@
-// One item, whatever its name is by now.
+// Identifies an item, whatever its name is by now.
 
 #pragma once
 

@@ -8,7 +8,7 @@
 
 namespace platform::kernel {
 
-// One number on every architecture, for calls of this age.
+// Calls as recent as these have the same number on every architecture.
 enum : long {
     kFchmodAt2 = 452,
     kSetXattrAt = 463,
@@ -37,7 +37,7 @@ public:
 private:
     enum : int { kUnknown, kPresent, kAbsent };
 
-    // No descriptor, an empty name, flags that don't exist: every one of the calls refuses this at once.
+    // Each of the calls refuses an invalid descriptor with an empty name and unknown flags at once.
     bool Probe() const
     {
         const ErrnoKeeper keeper;
@@ -56,7 +56,7 @@ int FchmodAt2(int directory, const char *name, mode_t mode, int atFlags)
     return static_cast<int>(syscall(kFchmodAt2, directory, name, mode, atFlags));
 }
 
-// What the calls that carry a value expect; eight bytes for the pointer on every architecture.
+// What the calls that carry a value expect. The pointer takes eight bytes on every architecture.
 struct XattrArgs {
     alignas(8) uint64_t value;
     uint32_t size;

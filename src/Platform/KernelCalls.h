@@ -1,8 +1,8 @@
 // System calls that are younger than the C library of our oldest target, so that it has no name for them.
 //
-// Each answers -1 with ENOSYS where the kernel has no such call. A sandbox may answer EPERM
-// for numbers it does not know; a first probe with arguments that no kernel accepts tells that from a
-// refusal that concerns the item.
+// Each answers -1 with ENOSYS where the kernel has no such call. A sandbox may answer EPERM for numbers that it does
+// not know. A first probe with arguments that no kernel accepts tells such an answer from a refusal that concerns the
+// item.
 
 #pragma once
 

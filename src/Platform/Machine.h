@@ -1,14 +1,14 @@
-// Which machine this is, and which of its starts.
+// Identifies this machine and its current boot.
 //
-// Several machines may share a volume. What a process of another one noted can't be looked up here, and what one of an
-// earlier start noted is over.
+// Several machines may share a volume. A process of another machine can't be looked up here, and a process of an
+// earlier boot no longer runs.
 
 #pragma once
 
 namespace platform {
 
 struct Machine {
-    char id[80];   // of the installation; without one the machine's name
+    char id[80];   // the installation's; if it has none, the machine's name
     char boot[80]; // "-" where the kernel does not tell
 };
 

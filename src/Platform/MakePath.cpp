@@ -24,15 +24,15 @@ int MakePath(const char *path, mode_t mode)
     if (length == 0) return ENOENT;
     if (length >= PATH_MAX) return ENAMETOOLONG;
 
-    // Most often only the last one is missing, or nothing.
+    // Usually only the last directory is missing, or none.
     if (const int error = _MakeOne(path, mode); error != ENOENT) return error;
 
     char prefix[PATH_MAX];
     memcpy(prefix, path, length + 1);
     for (char *slash = strchr(prefix + 1, '/'); slash; slash = strchr(slash + 1, '/')) {
-        if (slash[strspn(slash, "/")] == '\0') break; // the last one, however many slashes end it
+        if (slash[strspn(slash, "/")] == '\0') break; // the last name, however many slashes follow it
         *slash = '\0';
-        // What comes below has to be made too, whatever rights the last one is to have.
+        // The owner has to be able to make what comes below, whatever rights the last directory gets.
         const int error = _MakeOne(prefix, mode | S_IWUSR | S_IXUSR);
         *slash = '/';
         if (error != 0) return error;

@@ -1,4 +1,4 @@
-// Directories made along a path.
+// Makes the directories along a path.
 
 #pragma once
 
@@ -6,7 +6,7 @@
 
 namespace platform {
 
-// Makes `path` and every missing parent. 0, or an errno value. What exists is fine if it is a directory.
+// Makes `path` and every missing parent. 0, or an errno value. A directory that exists already is not an error.
 int MakePath(const char *path, mode_t mode);
 
 } // namespace platform

@@ -56,7 +56,7 @@ bool IsOctal(const char *text)
     return text[0] >= '0' && text[0] <= '3' && text[1] >= '0' && text[1] <= '7' && text[2] >= '0' && text[2] <= '7';
 }
 
-// In place: the list writes blanks, line ends and backslashes as a backslash and three octal digits.
+// Decodes in place: the list writes blanks, line ends and backslashes as a backslash and three octal digits.
 void DecodeEscapes(char *text)
 {
     char *to = text;
@@ -75,7 +75,8 @@ bool IsAtOrBelow(const char *path, const char *top)
     return path[length] == '\0' || path[length] == '/' || top[length - 1] == '/';
 }
 
-// A mount that lies below another one is still in the list, and can't be reached. Where it can't be told, it counts.
+// A mount that is covered by another one is still in the list, but can't be reached. If that can't be told, it counts
+// as reached.
 bool IsReached(const char *mountPoint, uint64_t id)
 {
     struct statx status;

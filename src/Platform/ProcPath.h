@@ -1,5 +1,5 @@
-// Another name for the inode behind a descriptor that only points, which most calls refuse. As the calling thread sees
-// it, which may have descriptors of its own.
+// A path to the inode behind an O_PATH descriptor, which most calls refuse. It holds for the calling thread, which may
+// have descriptors of its own.
 
 #pragma once
 

@@ -1,5 +1,5 @@
-// Opens items for reading without leaving a time of access behind, where the kernel allows it: to an item's owner and
-// to root. Otherwise a second copy of a tree would carry the time at which the first was made.
+// Opens items for reading without changing their access times. The kernel allows this to an item's owner and to root.
+// Without it, a second copy of a tree would carry the time at which the first was made.
 
 #pragma once
 
@@ -13,7 +13,7 @@ namespace platform {
 
 class QuietOpener {
 public:
-    // As openat does it; `owner` is whose the item seems to be.
+    // Opens as openat does. `owner` is the item's owner as far as is known.
     UniqueFd Open(const Item &item, int flags, uint32_t owner)
     {
         if (refused_ != owner) {
@@ -25,7 +25,7 @@ public:
     }
 
 private:
-    std::optional<uint32_t> refused_; // whose items were last refused
+    std::optional<uint32_t> refused_; // the owner whose items were refused last
 };
 
 } // namespace platform

@@ -24,8 +24,8 @@ static bool _IsAt(const Item &place, const ItemId &id)
     return HoldsItem(place, id) == Held::Yes;
 }
 
-// With two names for one file: the second goes if the first has gone for sure, or the other way round. Where that
-// can't be told, both stay.
+// The file has two names now, and the first is removed. If it is certain that the first is still there, the second is
+// removed instead. If that can't be told, both stay.
 static bool _DropFirstName(const Item &from, const ItemId &id, const Item &to)
 {
     if (unlinkat(from.directory, from.name, 0) == 0) return true;
@@ -35,15 +35,15 @@ static bool _DropFirstName(const Item &from, const ItemId &id, const Item &to)
     return held == Held::No;
 }
 
-// A link replaces nothing, and leaves no gap for anybody. False with EEXIST, or if the item can't be linked or both
-// names could not be brought down to one.
+// A link replaces nothing, and leaves no gap in which somebody could take the name. False with EEXIST, or if the item
+// can't be linked, or if its first name could not be removed.
 static bool _MoveByLink(const Item &from, const ItemId &id, const Item &to)
 {
     const bool isLinked = linkat(from.directory, from.name, to.directory, to.name, 0) == 0 || _IsAt(to, id);
     return isLinked && _DropFirstName(from, id, to);
 }
 
-// A kill between the two steps of a move by link leaves both names.
+// Finishes a move by link that was killed between its two steps and left both names.
 static bool _FinishMoveByLink(const Item &from, const ItemId &id, const Item &to)
 {
     const ErrnoKeeper keeper;
@@ -52,7 +52,7 @@ static bool _FinishMoveByLink(const Item &from, const ItemId &id, const Item &to
            HoldsItem(to, id) == Held::Yes && unlinkat(from.directory, from.name, 0) == 0;
 }
 
-// Looking first leaves a gap, but refuses what is there.
+// Looking first leaves a gap, but keeps what is there already.
 static bool _MoveAfterLook(const Item &from, const Item &to)
 {
     TQFileStatus status;

@@ -1,6 +1,6 @@
-// What must be undone or given back, declared where it becomes due.
+// An action that undoes something or gives it back, declared where it becomes due.
 //
-// Clean-up keeps errno: a function that fails with errno set still does after its scope has ended.
+// Clean-up keeps errno, so a caller still gets the errno of what failed.
 
 #pragma once
 

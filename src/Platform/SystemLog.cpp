@@ -57,15 +57,15 @@ static bool _GetMainThreadName(char *name)
     const UniqueFd file(open("/proc/self/comm", O_RDONLY | O_CLOEXEC));
     const ssize_t length = file ? read(file.get(), name, kKernelNameCapacity) : -1;
     if (length <= 0) return false;
-    name[length - 1] = '\0'; // a line's end
+    name[length - 1] = '\0'; // the end of the line
     return true;
 }
 
-// A thread carries the name of the one that started it, in the end the main thread's, until somebody gives it another.
-// The main thread's own is the process's: the program's as it was called (which for a script is not its interpreter's),
-// or a title. What can't be told: a label given to the main thread by its kernel name, taken for a title; a title given
-// after other threads were started, which keep what was the title before and show it as a label, unless that was the
-// program's name; and a thread whose starter had a label.
+// A thread inherits the name of the thread that started it, and so in the end the main thread's, until somebody gives
+// it another. The main thread's name is the process's: the program's name as it was called (for a script, not its
+// interpreter's), or a title. Three cases come out wrong. A label that is given to the main thread as its kernel
+// name is taken for a title. If a title is given after other threads were started, they keep the old one and show it as
+// a label, unless it was the program's name. And a thread whose starter had a label shows that label.
 static bool _IsProcessName(const char *name)
 {
     if (strncmp(name, program_invocation_short_name, kKernelNameCapacity - 1) == 0 || gettid() == getpid()) return true;

@@ -9,7 +9,7 @@ namespace platform {
 // One line to the system log at `level` (its lowest three bits). Keeps errno.
 void WriteSystemLog(int level, const char *line);
 
-// Tests listen here. Null goes back to the system log.
+// Tests listen here. Null restores the system log.
 using LogSink = void (*)(int level, const char *line);
 void SetLogSink(LogSink sink);
 
@@ -17,7 +17,7 @@ void SetLogSink(LogSink sink);
 // it has one that differs from the process's, else "". Keeps errno.
 void GetThreadLabel(char *buffer, size_t capacity);
 
-// Null takes the label away. Copied, cut to 127 bytes.
+// The label is copied and cut to 127 bytes. Null takes it away.
 void SetThreadLabel(const char *label);
 
 } // namespace platform

@@ -18,7 +18,7 @@ using platform::DirectoryStack;
 // The walk is a machine of a few states, so that everything about an entry happens in the call that reports it.
 struct TreeWalk::State {
     enum class Due {
-        Root,     // nothing was reported
+        Root,     // nothing was reported yet
         Enter,    // the directory in `entry` was reported
         Contents, // in the directory at the top
         Leave,    // its DirectoryDone was reported
@@ -31,7 +31,7 @@ struct TreeWalk::State {
         size_t pathLength;
         size_t parentPathLength;
         DirectoryReader reader;
-        int error = 0; // why it can't be read on
+        int error = 0; // why reading can't go on
     };
 
     Entry entry{};
@@ -180,7 +180,7 @@ const TreeWalk::Entry *TreeWalk::State::Root()
     return ReportByStatus();
 }
 
-// 0, or an errno. The directories too shallow to stay open give their buffers back.
+// 0, or an errno. A directory that is too shallow to stay open frees its buffer.
 int TreeWalk::State::Push(UniqueFd directory)
 {
     if (!directories.Push(std::move(directory), entry.status)) return errno;
@@ -210,7 +210,7 @@ int TreeWalk::State::OpenEntry()
 
 const TreeWalk::Entry *TreeWalk::State::Enter()
 {
-    due = levels.empty() ? Due::Nothing : Due::Contents; // where it goes on if this one can't be entered
+    due = levels.empty() ? Due::Nothing : Due::Contents; // where the walk goes on if this one can't be entered
     if (volumes == Volumes::One && entry.isElsewhere) return Report(Kind::DirectoryDone);
     if (const int error = OpenEntry(); error != 0)
         return Report(error == ESTALE ? Kind::Error : Kind::Unreadable, error);
@@ -230,7 +230,7 @@ const TreeWalk::Entry *TreeWalk::State::Contents()
     return Done(error == 0 ? Kind::DirectoryDone : error == ENOMEM ? Kind::Error : Kind::Unreadable, error);
 }
 
-// The one place where a path grows: that of the directory at the top, a slash, a name.
+// The path grows only here: it is that of the directory at the top, a slash and a name.
 const TreeWalk::Entry *TreeWalk::State::Child(const char *name)
 {
     const Level &level = levels.back();
@@ -255,8 +255,8 @@ const TreeWalk::Entry *TreeWalk::State::Child(const char *name)
     return ReportByStatus();
 }
 
-// Opens the directory above the top again if it was closed, and finds the place where its reading stopped. Where there
-// is none any more, since somebody has removed that directory, its own turn tells it.
+// Opens the directory above the top again if it was closed, and finds the place where its reading stopped. If that
+// place is gone because somebody has removed the directory, this is reported when its own turn comes.
 bool TreeWalk::State::OpenAbove()
 {
     if (!directories.OpenParent()) return false;
@@ -265,7 +265,7 @@ bool TreeWalk::State::OpenAbove()
     return true;
 }
 
-// The end of the directory at the top: by `kind` and `error` it was read whole, or not.
+// Ends the directory at the top. `kind` and `error` tell whether it was read whole.
 const TreeWalk::Entry *TreeWalk::State::Done(Kind kind, int error)
 {
     const Level &level = levels.back();

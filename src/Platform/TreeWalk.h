@@ -6,10 +6,10 @@
 // ENOENT), at any depth. A few descriptors are open at a time whatever the depth, and entries are streamed, so memory
 // does not grow with the size of a folder.
 //
-// Directories of another file system, and those on which something is mounted, are reported, and entered only where
-// the caller asks for it or where the walk begins. Each entry's status is one statx. Removing entries while the walk
-// goes on is fine, and so is adding rights to a directory when it is reported: it is opened by the call of Next that
-// follows.
+// Directories of another file system, and those on which something is mounted, are reported. They are entered only if
+// the caller asks for it, or if the walk begins there. Each entry's status is one statx. Removing entries while the
+// walk goes on is fine, and so is adding rights to a directory when it is reported: it is opened by the call of Next
+// that follows.
 
 #pragma once
 
@@ -22,8 +22,8 @@
 
 class TreeWalk {
 public:
-    // One name more than the kernel takes in a path, since the walk gives it none: a tree that was made within the
-    // kernel's limit and then renamed, as a generation is, can still be read and removed whole.
+    // A path may be one name longer than the kernel takes, since the walk goes by descriptor. A tree that was made
+    // within the kernel's limit and then renamed, as a generation is, can still be read and removed whole.
     static constexpr size_t kPathLimit = PATH_MAX + NAME_MAX + 1;
 
     enum class Kind {
@@ -51,8 +51,8 @@ public:
         bool isElsewhere;    // something is mounted on it, or it is a directory of another file system; never the root
         int fd;              // the directory itself, in DirectoryDone of one that was entered; else -1
 
-        // How much of item.path is that of the directory that holds the entry; 0 for a root whose path is a single
-        // relative name.
+        // How many bytes of item.path are the path of the directory that holds the entry; 0 for a root whose path is a
+        // single relative name.
         size_t parentPathLength;
     };
 
@@ -75,11 +75,11 @@ public:
     // Leaves out the contents of the Directory that Next has just reported, and its DirectoryDone.
     void SkipContents();
 
-    // The same, and leaves out what is left of the directory that holds the entry: its DirectoryDone comes next.
+    // Does the same, and also leaves out the rest of the directory that holds the entry: its DirectoryDone comes next.
     void SkipRest();
 
-    // Opens the Directory that Next has just reported, as the next call of Next would, which then finds it open. The
-    // descriptor is the walk's. -1 with errno, ESTALE if something else stands there.
+    // Opens the Directory that Next has just reported; otherwise the next call of Next would. The walk owns the
+    // descriptor. -1 with errno: ESTALE if something else stands there.
     int OpenDirectory();
 
 private:

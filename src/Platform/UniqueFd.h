@@ -1,7 +1,7 @@
 // A descriptor with one owner.
 //
-// The destructor and Reset close one that was only read through; they keep errno. One that was written through ends
-// with Close, since some volumes tell only there that they could not keep what was written.
+// The destructor and Reset are for a descriptor that was only read through; they keep errno. One that was written
+// through is closed by Close, since some volumes report only then that they could not keep what was written.
 
 #pragma once
 

@@ -17,7 +17,7 @@ namespace platform {
 // With one X there are 62 names; a run of this many collisions means that the names are used up.
 static constexpr int kAttempts = 1000;
 
-// The Xs of a template, within a copy of it.
+// A copy of a template, and where its Xs are.
 struct UniqueName {
     char path[PATH_MAX];
     size_t firstX;
@@ -76,14 +76,14 @@ template <class Make> static int _MakeUnique(char *pathTemplate, int suffixLengt
     return -1;
 }
 
-// The process's mask may have taken rights that the owner needs. A look tells, and nothing is changed by name.
+// The umask may have taken rights that the owner needs. They are given back by descriptor, never by name.
 static int _GiveOwner(const Item &item, mode_t rights)
 {
     TQFileStatus status;
     if (GetStatus(item, Links::NoFollow, &status) != 0) return -1;
     if ((status.mode & rights) == rights) return 0;
     if (status.owner != geteuid()) {
-        errno = ESTALE; // somebody has put another one there
+        errno = ESTALE; // somebody has put another item there
         return -1;
     }
     const UniqueFd pinned = PinItem(item, status);

@@ -16,13 +16,13 @@ bool IsNativeVolumeType(const char *typeName);
 
 // Whether the volume of an open item is of a type that is known to keep its word: a flush of the volume reaches all
 // that lies on it, a late error is told to a descriptor that did not write, the access lists of an item are among the
-// names of its attributes, and the size of a file is what it holds. None, with errno, where it can't be told.
+// names of its attributes, and the size of a file is what it holds. Empty, with errno, if it can't be told.
 std::optional<bool> AskWhetherVolumeHonoursFlush(int fd);
 
-// The same for who is on the safe side with a no: false where it can't be told. errno is untouched.
+// The same for callers to whom false is the safe answer: it is false if it can't be told. errno is untouched.
 bool VolumeHonoursFlush(int fd);
 
-// The same, asked once for as long as it is about one device.
+// The same, but asks again only when the device changes.
 class VolumeMemory {
 public:
     bool HonoursFlush(int fd, uint64_t device)

@@ -4,7 +4,7 @@
 
 #include <cstddef>
 
-// Of a whole character that begins with `lead`; 0 for a byte that begins none.
+// The length of a character that begins with `lead`; 0 if none begins with it.
 constexpr size_t LengthOfCharacter(unsigned char lead)
 {
     if (lead < 0x80) return 1;
@@ -12,8 +12,8 @@ constexpr size_t LengthOfCharacter(unsigned char lead)
     return lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
 }
 
-// How many of `length` bytes are left without a character that they cut short at their end. What is no UTF-8 stays as
-// it is.
+// How many of `length` bytes are left when a character that is cut short at their end is dropped. Bytes that are not
+// UTF-8 are kept.
 constexpr size_t LengthOfWholeCharacters(const char *bytes, size_t length)
 {
     constexpr size_t kLongest = 4;

@@ -79,7 +79,7 @@ bool TreeCopy::Run(const char *source, const char *destination, const DuplixOpti
     return true;
 }
 
-// The client hears of it, but there is nothing to go on with.
+// The client is told, but the copy ends whatever it answers.
 bool TreeCopy::RefusedFromTheStart(const char *source, const char *destination)
 {
     const int error = errno;
@@ -107,7 +107,7 @@ bool TreeCopy::Visit(const Entry &entry)
     return true;
 }
 
-// Names the copy of `entry`, and says so in the reports that follow. False with ENAMETOOLONG.
+// Names the copy of `entry`, which the reports that follow are about. False with ENAMETOOLONG.
 bool TreeCopy::NameItem(const Entry &entry)
 {
     const bool fits = tree_.NameItem(Name(entry), Below(entry));
@@ -115,7 +115,7 @@ bool TreeCopy::NameItem(const Entry &entry)
     return fits;
 }
 
-// What the client answers. `error` gets why there can be no copy all the same, or 0.
+// Returns the client's answer. *error is why the item can't be copied whatever the answer is, or 0.
 Answer TreeCopy::Begin(const Entry &entry, int what, int *error)
 {
     *error = NameItem(entry) ? 0 : errno;
@@ -145,7 +145,7 @@ bool TreeCopy::BeginDirectory(const Entry &entry)
 
 Copied TreeCopy::EnterDirectory(const Entry &entry)
 {
-    // Met through another mount: it would be copied into itself for ever.
+    // The walk met the copy through another mount, and would copy it into itself for ever.
     if (tree_.IsRootMade(entry.status)) return _Refuse(EINVAL);
     return tree_.EnterNewDirectory() ? Copied::Yes : Copied::No;
 }
@@ -199,7 +199,7 @@ bool TreeCopy::CopyLeaf(const Entry &entry)
     }
 }
 
-// The file whose status the walk read, or none: what has taken its place is not what was asked for.
+// Opens the file whose status the walk read. A file that has taken its place is not what was asked for.
 UniqueFd TreeCopy::OpenSource(const Entry &entry, TQFileStatus *status)
 {
     constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
@@ -225,8 +225,9 @@ static Copied _CopyOpenFile(int from, const TQFileStatus &source, int to, TQFile
     return CopyMetadata({from, source, to, made, mayHaveInherited}, attributes, reports);
 }
 
-// Mostly the mode that a file gets in the end, which then takes no call of its own. Nobody else gets at a file before
-// the root of the copy has its own mode; a root that is a file has only itself to keep others out.
+// This is mostly the mode that a file gets in the end, which then needs no call of its own. Nobody else can reach a
+// file before the root of the copy has its final mode. A root that is a file has no directory to protect it, so only
+// its owner gets rights at first.
 mode_t TreeCopy::FirstMode(const TQFileStatus &source) const
 {
     constexpr mode_t kOwners = S_IRUSR | S_IWUSR;
@@ -247,7 +248,7 @@ Copied TreeCopy::CopyFile(const Entry &entry)
     if (result != Copied::Yes) return result;
     const DuplixFinished finished{from.get(), to.get(), made};
     if (!reports_.Finish(duplix_what::File, &finished)) return Copied::Stopped;
-    // Some volumes say only now that there was no room for what they took.
+    // Some volumes report only now that they had no room for what they accepted.
     return IsKept(to.get()) && to.Close() == 0 ? Copied::Yes : Copied::No;
 }
 
@@ -255,7 +256,7 @@ Copied TreeCopy::CopyLink(const Entry &entry)
 {
     char target[PATH_MAX];
     const ssize_t length = readlinkat(entry.item.directory, entry.item.name, target, sizeof target);
-    if (length < 0 && errno == EINVAL) errno = ESTALE; // no link any more
+    if (length < 0 && errno == EINVAL) errno = ESTALE; // it is no longer a link
     if (length == sizeof target) errno = ENAMETOOLONG;
     if (length < 0 || length == sizeof target) return Copied::No;
     target[length] = '\0';
@@ -265,7 +266,7 @@ Copied TreeCopy::CopyLink(const Entry &entry)
     return reports_.Finish(duplix_what::File, nullptr) ? Copied::Yes : Copied::Stopped;
 }
 
-// What the walk could not read. A directory that was made for it stays as it is, for its owner only.
+// Reports what the walk could not read. A directory that was made for it stays as it is, with owner-only rights.
 bool TreeCopy::ReportWalk(const Entry &entry)
 {
     const int error = entry.error;

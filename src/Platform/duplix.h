@@ -1,37 +1,38 @@
 // The file-copy service: whole trees with a callback for each item, and one open file into another.
 //
-// What is copied: data (cloned, else copied in the kernel, else read and written; holes stay holes; a source marked
+// It copies data (cloned, else copied in the kernel, else read and written; holes stay holes; a source marked
 // compressed is copied byte by byte), `user.` attributes, access-control lists (those that the destination's directory
 // would hand down are taken away), owner, group, security.capability as root, mode with its set-id bits, times in
-// nanoseconds, flags. Each in the order in which nothing undoes another, and a directory's after its contents. Hard
-// links become files of their own. Volumes mounted inside the source are copied with it.
+// nanoseconds, and flags. It does so in an order in which no step undoes another, and finishes a directory after its
+// contents. Hard links become files of their own. Volumes mounted inside the source are copied with it.
 //
-// What may be refused without a failure: owner and group together (EPERM; EINVAL, where a user namespace has no number
-// for the owner), and then the group alone, whatever the reason (the set-id bits are dropped); flags (EPERM costs the
-// copy immutable and append-only, ENOTSUP compressed; if the rest is refused too, it gets none), lists on a volume
-// without them (the mode then grants nobody more than the list did), the capability (EPERM, ENOTSUP). An attribute that
-// can't be set is a failure, ENOTSUP too.
+// Some refusals are not failures. Owner and group together may be refused (EPERM, or EINVAL where a user namespace has
+// no number for the owner), and then the group alone, for the same reasons; a copy that does not get both loses its
+// set-id bits. If flags are refused, EPERM costs the copy immutable and append-only, and ENOTSUP compressed; if the
+// rest is refused too, it gets none. On a volume without access lists, the mode grants nobody more than the list did.
+// The capability may be refused (EPERM, ENOTSUP). An attribute that can't be set is a failure, even with ENOTSUP.
 //
-// Items are made with owner-only rights and O_EXCL; nothing that holds anything is written over, and nothing is
-// followed (see `into` for what is filled). A directory that is swapped when it was just made is refused with ESTALE
-// where it can be told: it is not empty, or is somebody else's on a volume that keeps owners. The source is
-// opened without following links, and what was swapped since its status was read is refused with ESTALE. Links are
-// copied as links. FIFOs, sockets and devices are refused with ENOTSUP, never opened. A file is read to where its end
-// is found, whatever its size was said to be: some volumes do not know it. Reading files and directories leaves no
-// time of access behind where that is allowed, which is to an item's owner and to root; reading a link leaves one.
+// Every item is made new, files with O_EXCL. Directories, and a root that is a file, have owner-only rights at first.
+// Nothing that has content is overwritten, and no link is followed; `into` is the only item that is filled. A directory
+// that was swapped right after it was made is refused with ESTALE where that can be told: it is not empty, or belongs
+// to somebody else on a volume that keeps owners. The source is opened without following links, and what was swapped
+// since its status was read is refused with ESTALE. Links are copied as links. FIFOs, sockets and devices are refused
+// with ENOTSUP, never opened. A file is read until its end is found, whatever its reported size: some volumes do not
+// know it. Reading a file or directory does not change its access time where the kernel allows that, to the item's
+// owner and to root. Reading a link does.
 //
-// The callback sees, for each file, link or refused item: (File, Start), then (Data, Progress) at least every
-// 4 MiB while data goes over, and once for a file that was cloned, then (File, Finish), all attributes done. For each
-// directory: (Directory, Start), (Directory, Finish) when it is made, its contents, (DirectoryDone, Start),
+// The callback sees, for each file, link or refused item: (File, Start), then (Data, Progress) at least every 4 MiB
+// while data is copied, and once for a file that was cloned, then (File, Finish), when all attributes are done. For
+// each directory: (Directory, Start), (Directory, Finish) when it is made, its contents, (DirectoryDone, Start),
 // (DirectoryDone, Finish) when all is done. For each `user.` attribute of either: (Attribute, Start). Skip counts at a
-// Start, and is Continue everywhere else: the item, the directory with its contents, or the attribute, is not made; at
-// (DirectoryDone, Start) the directory is left as it was made, with owner-only rights and no attributes.
+// Start, and means Continue everywhere else. The item, the directory with its contents, or the attribute is then not
+// made. At (DirectoryDone, Start), the directory is left as it was made, with owner-only rights and no attributes.
 //
-// Whatever fails is reported as (what, Error) with errno set, and has no Finish; but for an item that could not be
-// brought to disk or closed, which has its Error behind its Finish. what is Walk for a directory that can't be read, an
-// item that has no status, and a copy that can't begin; Attribute for one attribute or list. Continue after an
-// Attribute error goes on with the same item, after another with the next, and what was made so far stays. Nothing goes
-// on, whatever the answer, from a copy that could not begin or that was moved away while it was made.
+// A failure is reported as (what, Error) with errno set, and the item has no Finish. Only an item that could not be
+// flushed or closed has its Error after its Finish. `what` is Walk for a directory that can't be read, an item that has
+// no status, and a copy that can't begin; it is Attribute for one attribute or list. After an Attribute error, Continue
+// goes on with the same item. After any other, it goes on with the next, and what was made so far stays. A copy that
+// can't begin, or that was moved away while it was made, ends whatever the answer is.
 
 #pragma once
 
@@ -55,8 +56,8 @@ enum : int { Continue = 0, Skip = 1, Quit = 2 };
 struct DuplixFinished {
     int source; // for reading
     int copy;   // a file for writing, a directory for reading
-    // The copy's. Device, inode, kind, owner, group, mode and flags are what it has now; size, blocks, link count and
-    // times are those of the empty item that was made.
+    // The copy's status. Device, inode, kind, owner, group, mode and flags are what it has now; size, blocks, link
+    // count and times are those of the empty item that was made.
     const TQFileStatus &status;
 };
 
@@ -80,27 +81,27 @@ struct DuplixMade {
 };
 
 struct DuplixOptions {
-    // Gets what there is at the destination that was made here, or begun in the item of `into`.
+    // Receives what the copy made at the destination, or began in the item of `into`.
     DuplixMade *made = nullptr;
 
-    // Each item is brought to disk through the descriptor that wrote it, where nothing else tells for certain that the
-    // destination's volume has kept it (VolumeHonoursFlush). Elsewhere the copy flushes nothing.
+    // Whether each item is flushed through the descriptor that wrote it. That is done only on a destination volume
+    // where nothing else proves that it has kept the item (VolumeHonoursFlush); elsewhere the copy flushes nothing.
     bool flushEach = false;
 
-    // What the root is made of: the empty item of this status, a regular file or a directory as the source is one, that
-    // stands at the destination. ESTALE if another is found there, EEXIST if it is not empty, EISDIR or ENOTDIR if it
-    // is of the other kind. If null, nothing may be at the destination.
+    // The status of an empty item at the destination, which becomes the root; it is a regular file or a directory, as
+    // the source is. ESTALE if another item is found there, EEXIST if it is not empty, EISDIR or ENOTDIR if it is of
+    // the other kind. If null, nothing may be at the destination.
     const TQFileStatus *into = nullptr;
 };
 
-// 0 if the end was reached; -1 with errno when the callback quit (ECANCELED if it left none) or, with no callback, at
+// 0 if the end was reached; -1 with errno when the callback quit (ECANCELED if it set none) or, with no callback, at
 // the first error. EINVAL if the destination lies inside the source. Both paths, and those of every item, have at most
 // 4,095 bytes. Nothing is removed on failure. errno is untouched on success.
 int duplix(const char *source, const char *destination, DuplixCallback callback, void *context,
            const DuplixOptions &options = {});
 
-// The same of one open regular file's data, attributes, lists, owner, mode, times and flags. What the destination
-// holds goes first; attributes that only it has stay. Moves the position of `source`. A failure leaves part of a copy.
+// The same for one open regular file: its data, attributes, lists, owner, mode, times and flags. The destination is
+// emptied first, but attributes that only it has stay. Moves the position of `source`. A failure leaves part of a copy.
 int fduplix(int source, int destination);
 
 } // namespace platform

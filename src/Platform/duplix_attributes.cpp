@@ -20,7 +20,7 @@ static constexpr char kUserPrefix[] = "user.";
 // Neither the names of an item nor one value can be longer.
 static_assert(XATTR_LIST_MAX == 65536 && XATTR_SIZE_MAX == 65536);
 
-// The list is small nearly always; one that does not fit is asked for again with all the room there can be.
+// The list is nearly always small. One that does not fit is read again with the most room that a list can take.
 static constexpr size_t kUsualNames = 1024;
 
 bool AttributeCopier::ReadNames(int from)
@@ -55,7 +55,7 @@ ssize_t AttributeCopier::ReadValue(int from, const char *name)
     return fgetxattr(from, name, value_.get(), XATTR_SIZE_MAX);
 }
 
-// One that was taken away since the names were read is copied as what it is: absent.
+// If an attribute was removed since the names were read, there is nothing to copy.
 bool AttributeCopier::CopyOne(const CopiedItem &item, const char *name)
 {
     const ssize_t length = ReadValue(item.from, name);
@@ -63,7 +63,8 @@ bool AttributeCopier::CopyOne(const CopiedItem &item, const char *name)
     return fsetxattr(item.to, name, value_.get(), static_cast<size_t>(length), 0) == 0;
 }
 
-// Some volumes have a list and don't name it: those that are not known to do so are asked. 0 in *size if there is none.
+// Some volumes have a list but don't name it, so a volume that is not known to name it is asked. *size is 0 if there is
+// none.
 bool AttributeCopier::ReadList(const CopiedItem &item, const char *name, size_t *size)
 {
     *size = 0;

@@ -13,11 +13,11 @@ namespace platform {
 static constexpr size_t kProgressStep = 4 << 20; // a client hears at least this often
 static constexpr size_t kDataSize = 256 << 10;
 
-// Up to this size one read and one write take less than asking for holes and the kernel's own copying.
+// Up to this size, one read and one write take less time than asking for holes and letting the kernel copy.
 static constexpr uint64_t kSmallFile = 64 << 10;
-static_assert(kSmallFile < kDataSize); // a read that asks for more than the file tells where it ends
+static_assert(kSmallFile < kDataSize); // a read that asks for more than the file has shows where it ends
 
-// No file system has smaller blocks, and a hole has whole ones.
+// No file system has smaller blocks, and a hole consists of whole ones.
 static constexpr size_t kSmallestBlock = 512;
 
 struct DataCopier::Job {
@@ -30,7 +30,7 @@ struct DataCopier::Job {
     bool ended = false;          // a read has found the end
 
     bool bytesOnly() const { return (status.flags & kTQFlagCompressed) != 0; }
-    // A call that asked for more, and stopped just where the file was said to end.
+    // Whether a call that asked for more got nothing, or stopped just where the file was said to end.
     bool IsEnd(uint64_t reached, size_t got, size_t asked) const
     {
         return got == 0 || (got < asked && reached == size);
@@ -46,7 +46,7 @@ static bool _IsRefusalForever(int error)
 Copied DataCopier::Copy(int from, const TQFileStatus &status, int to, DuplixReports &reports)
 {
     Job job{from, to, status, reports};
-    // Only some volumes say this of a file that holds something.
+    // Only some volumes report this size for a file that is not empty.
     if (job.size == 0 && volumes_.HonoursFlush(from, status.device)) return Copied::Yes;
     // A clone would share compressed extents, which are to be stored plain.
     if (job.size > 0 && !job.bytesOnly() && Clone(job))
@@ -56,13 +56,13 @@ Copied DataCopier::Copy(int from, const TQFileStatus &status, int to, DuplixRepo
         errno = ENOMEM;
         return Copied::No;
     }
-    // With fewer blocks than its size takes, a file has holes for certain. With as many it can have some all the same:
+    // A file with fewer blocks than its size takes certainly has holes. A file with as many may have holes too:
     // attributes take blocks, and there may be some beyond its end.
     if (job.size > kSmallFile || status.blocks * 512 < job.size) return CopyExtents(job);
     return CopyAtOnce(job);
 }
 
-// Whatever stops a clone, copying says what is really wrong, if anything is.
+// A clone may fail for any reason. If something is really wrong, copying reports it.
 bool DataCopier::Clone(const Job &job)
 {
     if (noCloneFrom_ == job.status.device) return false;
@@ -71,7 +71,7 @@ bool DataCopier::Clone(const Job &job)
     return false;
 }
 
-// Whether some of it could have been read from a hole.
+// Whether a part of it could have been read from a hole.
 static bool _HasBlockOfZeros(const char *bytes, size_t size)
 {
     static constexpr char kZeros[kSmallestBlock] = {};
@@ -85,7 +85,7 @@ static bool _WriteAll(int to, const char *bytes, size_t size, uint64_t offset)
     while (size > 0) {
         const ssize_t written = pwrite(to, bytes, size, static_cast<off_t>(offset));
         if (written < 0 && errno == EINTR) continue;
-        if (written == 0) errno = EIO; // nothing was wrong, and nothing would ever come of it
+        if (written == 0) errno = EIO; // there is no error, but trying again would never end
         if (written <= 0) return false;
         bytes += written;
         size -= static_cast<size_t>(written);
@@ -107,13 +107,13 @@ Copied DataCopier::CopyAtOnce(Job &job)
     return job.IsEnd(size, size, kDataSize) ? Copied::Yes : CopyRange(job, UINT64_MAX);
 }
 
-// Where the data at or behind `offset` begins and ends. The size for both if only a hole follows. What a file system
-// tells that makes no sense counts as data up to the size.
+// Finds where the data at or after `offset` begins and ends. Both are the size if only a hole follows. If the file
+// system's answer makes no sense, all up to the size counts as data.
 static void _NextExtent(int from, uint64_t offset, uint64_t size, uint64_t *begin, uint64_t *end)
 {
     const off_t data = lseek(from, static_cast<off_t>(offset), SEEK_DATA);
     if (data < 0) {
-        // A file system that does not know has told nothing about holes.
+        // An error other than ENXIO tells nothing about holes.
         *begin = errno == ENXIO ? size : offset;
         *end = size;
         return;
@@ -135,7 +135,7 @@ Copied DataCopier::CopyExtents(Job &job)
     }
     if (job.ended) return Copied::Yes;
     if (written < job.offset) {
-        // It ends in a hole, or was cut there meanwhile.
+        // The file ends in a hole, or was cut there meanwhile.
         const off_t length = lseek(job.from, 0, SEEK_END);
         if (length < 0) return Copied::No;
         job.offset = std::min(job.offset, static_cast<uint64_t>(length));
@@ -145,14 +145,14 @@ Copied DataCopier::CopyExtents(Job &job)
     return CopyRange(job, UINT64_MAX);
 }
 
-// To the end of the file if `end` is not before the size that was told.
+// Copies to `end`, or to the end of the file if `end` is not before the reported size.
 Copied DataCopier::CopyRange(Job &job, uint64_t end)
 {
     if (end >= job.size) end = UINT64_MAX;
     while (job.offset < end && !job.ended) {
         const size_t size = static_cast<size_t>(std::min<uint64_t>(end - job.offset, kProgressStep));
         ssize_t copied = CopyInKernel(job, size);
-        // Also asked when the kernel copied nothing: only a read tells for certain that the file ends here.
+        // Also done when the kernel copied nothing: only a read tells for certain that the file ends here.
         if (copied <= 0) copied = ReadAndWrite(job, size);
         if (copied < 0) return Copied::No;
         if (copied == 0) return Copied::Yes;
@@ -162,7 +162,7 @@ Copied DataCopier::CopyRange(Job &job, uint64_t end)
     return Copied::Yes;
 }
 
-// Bytes copied, or 0 if this is to be read and written.
+// Bytes copied, or 0 if they have to be read and written instead.
 ssize_t DataCopier::CopyInKernel(Job &job, size_t size)
 {
     if (job.bytesOnly() || job.size <= kSmallFile || job.offset >= job.size || noKernelCopyFrom_ == job.status.device)

@@ -1,7 +1,8 @@
 // The bytes of one file, by the cheapest way that the two volumes allow.
 //
-// Cloned, else copied by the kernel, else read and written, as small files are at once. What a pair of volumes refused
-// is remembered, so that a tree does not ask again for every file. Holes stay holes.
+// They are cloned, else copied by the kernel, else read and written; small files that can't be cloned are read and
+// written at once. What a pair of volumes refused is remembered, so that a tree does not ask again for every file.
+// Holes stay holes.
 
 #pragma once
 
@@ -17,8 +18,8 @@ class DataCopier {
 public:
     explicit DataCopier(VolumeMemory &volumes) : volumes_(volumes) {}
 
-    // Copies the bytes of `from`, which `status` describes, into the empty file `to`, up to where its end is found. The
-    // size that the status tells is where it is looked for first. The position of `from` is not kept.
+    // Copies the bytes of `from`, which `status` describes, into the empty file `to`, until its end is found. The size
+    // in `status` is where the end is expected. The position of `from` is not kept.
     Copied Copy(int from, const TQFileStatus &status, int to, DuplixReports &reports);
 
 private:
@@ -33,7 +34,7 @@ private:
     ssize_t ReadAndWrite(Job &job, size_t size);
 
     VolumeMemory &volumes_;
-    std::optional<uint64_t> noCloneFrom_; // devices; what is written to stays the same for a whole copy
+    std::optional<uint64_t> noCloneFrom_; // source devices; the destination stays the same for a whole copy
     std::optional<uint64_t> noKernelCopyFrom_;
     std::unique_ptr<char[]> buffer_;
 };

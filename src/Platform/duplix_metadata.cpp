@@ -14,7 +14,7 @@ void GiveOwnerRights(int fd, TQFileStatus *made)
 {
     const mode_t needed = S_ISDIR(made->mode) ? S_IRWXU : S_IRUSR | S_IWUSR;
     if ((made->mode & needed) == needed) return;
-    // Where this is refused, what needs the rights will say so.
+    // If this is refused, the step that needs the rights will fail and say so.
     if (fchmod(fd, (made->mode & 07777) | needed) == 0) made->mode |= needed;
 }
 
@@ -32,8 +32,8 @@ struct Ownership {
     bool complete = false; // both are the source's
 };
 
-// To an ordinary user, and to root without the privilege. In a user namespace an owner from outside has no number to be
-// given by, which the kernel calls invalid.
+// The kernel answers EPERM to an ordinary user, and to root without the privilege. In a user namespace, an owner from
+// outside has no number, and the kernel answers EINVAL.
 static bool _IsNotOursToGive(int error)
 {
     return error == EPERM || error == EINVAL;
@@ -67,7 +67,7 @@ static Ownership _CopyOwner(int to, const TQFileStatus &source, TQFileStatus &ma
 static bool _CopyMode(const CopiedItem &item, const Ownership &owner, const CopiedLists &lists)
 {
     mode_t mode = item.source.mode & 07777;
-    if (!owner.complete) mode &= ~kSetIdBits; // else they would lend the rights of somebody else
+    if (!owner.complete) mode &= ~kSetIdBits; // otherwise they would lend the rights of somebody else
     mode &= ~lists.denied;
     if (!owner.changed && !lists.touched && mode == (item.made.mode & 07777)) return true;
     if (fchmod(item.to, mode) != 0) return false;
@@ -81,7 +81,7 @@ static bool _CopyTimes(const CopiedItem &item)
     return futimens(item.to, times) == 0;
 }
 
-// Carries what the file system and the user's rights allow, each flag for itself.
+// Sets the flags that the file system and the user's rights allow.
 static bool _CopyFlags(const CopiedItem &item)
 {
     uint32_t flags = item.source.flags;

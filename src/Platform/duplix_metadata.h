@@ -1,4 +1,4 @@
-// Everything about one item but its bytes, in the order in which nothing undoes another.
+// Everything about one item except its bytes, in an order in which no step undoes another.
 //
 // A change of owner clears set-id bits and capabilities, an access list changes the mode, every change of
 // contents changes the times, and an immutable item takes no change at all. Hence: attributes, owner and
@@ -23,7 +23,7 @@ struct CopiedItem {
     bool mayHaveInherited; // the directory above may have handed lists down
 };
 
-// What the extended attributes of the source were, as far as the mode depends on it.
+// What copying the access lists means for the mode.
 struct CopiedLists {
     bool touched = false; // an access list was set: the mode's group bits are no longer what they were
     mode_t denied = 0;    // what the mode may not grant
@@ -35,7 +35,7 @@ public:
     explicit AttributeCopier(VolumeMemory &volumes) : volumes_(volumes) {}
 
     Copied CopyUserAttributes(const CopiedItem &item, DuplixReports &reports);
-    // Goes by what CopyUserAttributes found on the same item.
+    // Both use what CopyUserAttributes found on the same item.
     Copied CopyLists(const CopiedItem &item, CopiedLists *lists, DuplixReports &reports);
     Copied CopyCapability(const CopiedItem &item, DuplixReports &reports);
 
@@ -54,17 +54,17 @@ private:
     VolumeMemory &volumes_;
 };
 
-// A new item has the rights that its owner needs to fill it, unless a strict umask took them. Gives them, and
-// notes it in `made`.
+// Gives a new item the rights that its owner needs to fill it, if a strict umask took them, and notes that in `made`.
 void GiveOwnerRights(int fd, TQFileStatus *made);
 
-// Takes away a compressed flag that the directory above has handed down, before there is data, and notes it.
+// Takes away a compressed flag that the directory above has handed down, before there is data, and notes that in
+// `made`.
 void StorePlain(int fd, TQFileStatus *made);
 
-// Notes owner, mode and flags in `item.made`.
+// Copies all of this, and notes owner, mode and flags in `item.made`.
 Copied CopyMetadata(const CopiedItem &item, AttributeCopier &attributes, DuplixReports &reports);
 
-// The same of a symbolic link, which has neither attributes nor a mode or flags.
+// The same for a symbolic link, which has neither attributes nor a mode or flags.
 Copied CopyLinkMetadata(const TQFileStatus &source, const Item &link);
 
 } // namespace platform

@@ -22,7 +22,7 @@ int DuplixReports::Ask(int what, int stage)
 DuplixReports::Answer DuplixReports::Start(int what)
 {
     if (!callback_) return Answer::Continue;
-    errno = 0; // what a quit leaves here is the client's own
+    errno = 0; // if the client quits, what it leaves here is its own
     const int answer = Ask(what, duplix_stage::Start);
     if (answer == duplix_answer::Quit) return Answer::Quit;
     return answer == duplix_answer::Skip ? Answer::Skip : Answer::Continue;

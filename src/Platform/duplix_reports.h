@@ -1,7 +1,7 @@
 // What the copy service tells its client, and what the client answers.
 //
-// Without a callback everything goes on until the first error. A client's Quit is final: errno is then as it
-// left it, ECANCELED if it left none.
+// Without a callback, the copy goes on until the first error. A client's Quit is final: errno is then what the client
+// set, or ECANCELED if it set none.
 
 #pragma once
 
@@ -27,7 +27,7 @@ public:
 
     Answer Start(int what);
     Answer StartAttribute(const char *name);
-    // The others answer whether to go on.
+    // The others return whether to go on.
     bool Finish(int what, const DuplixFinished *finished);
     bool Progress(uint64_t bytesCopied);
     bool Error(int what); // errno says what failed

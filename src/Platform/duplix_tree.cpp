@@ -35,10 +35,10 @@ bool DestinationTree::Open(const char *path, const TQFileStatus *into)
         parent[length] = '\0';
     }
     if (*rootName_ == '\0') {
-        errno = EEXIST; // the root of all
+        errno = EEXIST; // the root directory
         return false;
     }
-    // Search permission is all that making an item in it takes besides write permission.
+    // Making an item in a directory takes no permission to read it.
     UniqueFd directory(open(parent, O_PATH | O_DIRECTORY | O_CLOEXEC));
     TQFileStatus status;
     if (!directory || GetStatusOfFd(directory.get(), &status) != 0) return false;
@@ -59,11 +59,11 @@ bool DestinationTree::IsOutside(const TQFileStatus &tree) const
                 errno = EINVAL;
                 return false;
             }
-            if (length > 1 && ItemId::Of(above) == ItemId::Of(last)) return true; // the root of all is its own parent
+            if (length > 1 && ItemId::Of(above) == ItemId::Of(last)) return true; // "/" is its own parent
             last = above;
             memcpy(up + length, "/..", 4);
         }
-        // So deep that one path does not reach the top.
+        // The directory is so deep that one path does not reach the top.
         UniqueFd next(openat(from, up, O_PATH | O_DIRECTORY | O_CLOEXEC));
         if (!next) return false;
         at = std::move(next);
@@ -89,7 +89,7 @@ bool DestinationTree::NameItem(const char *name, const char *below)
     return true;
 }
 
-// Whether an item that was opened in the place of `into` is that one; false with ESTALE or errno.
+// Whether an item that was opened where `into` should be is that item; false with ESTALE or errno.
 static bool _IsInto(int fd, const TQFileStatus &into, TQFileStatus *found)
 {
     if (GetStatusOfFd(fd, found) != 0) return false;
@@ -98,7 +98,7 @@ static bool _IsInto(int fd, const TQFileStatus &into, TQFileStatus *found)
     return isInto;
 }
 
-// What has another kind now than it had is another item.
+// An item that is now of another kind is another item.
 static UniqueFd _OpenInto(const Item &item, int flags)
 {
     UniqueFd fd(openat(item.directory, item.name, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -140,8 +140,8 @@ UniqueFd DestinationTree::OpenRootDirectory() const
     return fd;
 }
 
-// Whether a directory that was opened can be the one that was just made; else ESTALE. Some volumes give all that is on
-// them to one owner.
+// Whether a directory that was opened can be the one that was just made; if not, false with ESTALE. On some volumes
+// everything belongs to one owner.
 static bool _CanBeNew(int fd, const TQFileStatus &status)
 {
     if (status.linkCount <= 2 && (status.owner == geteuid() || !VolumeHonoursFlush(fd))) return true;
@@ -149,8 +149,8 @@ static bool _CanBeNew(int fd, const TQFileStatus &status)
     return false;
 }
 
-// The same of one that can be read. Only the root is looked into: others get at nothing below it, whose rights are its
-// owner's alone by then.
+// The same for a directory that can be read. Only the root is looked into: it has owner-only rights by then, so others
+// can reach nothing below it.
 bool DestinationTree::IsNew(int fd, const TQFileStatus &status) const
 {
     if (!_CanBeNew(fd, status)) return false;
@@ -159,7 +159,7 @@ bool DestinationTree::IsNew(int fd, const TQFileStatus &status) const
     return false;
 }
 
-// A strict umask can make a directory that its maker can't read.
+// With a strict umask, a process can make a directory that it can't read.
 static UniqueFd _OpenWithoutRights(const Item &item, int flags)
 {
     const UniqueFd pinned(openat(item.directory, item.name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

@@ -1,7 +1,7 @@
 // The destination side of a tree copy: where the next item is made, by descriptor and by path.
 //
-// It goes down and up in step with the walk over the source. What it makes it makes new, in the directory that it made
-// before; whatever has the name already stays as it is. The root alone can be made of an empty item that stands there.
+// It goes down and up in step with the walk over the source. Each item is made new, in the directory that was made
+// before it; what already has the name stays as it is. Only the root can be made of an empty item that stands there.
 
 #pragma once
 
@@ -19,15 +19,15 @@ public:
     // Opens the directory that is to hold `path`; `into` is borrowed, and as in DuplixOptions. False with errno.
     bool Open(const char *path, const TQFileStatus *into);
 
-    // Whether its volume does.
+    // Whether the destination's volume honours a flush.
     bool HonoursFlush(VolumeMemory &volumes) const { return volumes.HonoursFlush(directories_.Top(), device_); }
 
     // Whether the destination would lie outside the directory that `tree` describes. False with EINVAL, or with errno
     // if it can't be told.
     bool IsOutside(const TQFileStatus &tree) const;
 
-    // Names what becomes of `name`, whose path below the root is `below`; a null name is the root. False with
-    // ENAMETOOLONG, and the item's path is then that of the root.
+    // Names the copy of `name`, whose path below the root is `below`; a null name is the root. False with ENAMETOOLONG;
+    // the item's path is then that of the root.
     bool NameItem(const char *name, const char *below);
 
     // The item named last, in the directory reached.
@@ -38,10 +38,10 @@ public:
     UniqueFd MakeFile(mode_t mode, TQFileStatus *made);
     // False with errno.
     bool MakeLink(const char *target);
-    // Makes the item named last a directory and goes down into it. What the directory above hands down, a default list
-    // or flags, is taken from the root at once, so that it reaches nothing below. False with errno.
+    // Makes the item named last a directory and goes down into it. The root at once loses the default list and the
+    // flags that the directory above hands down, so that they reach nothing below. False with errno.
     bool EnterNewDirectory();
-    // Whether any of them was at least made, or begun in the item that stood there.
+    // What was made, or begun in the item that stood there.
     const DuplixMade &made() const { return made_; }
     // Whether `directory` is the root that was made: a copy met in its own source.
     bool IsRootMade(const TQFileStatus &directory) const;

@@ -35,7 +35,7 @@ struct TQSet : Object {
     OrderedTable table;
 };
 
-// A container that can be filled: mutable until whoever made it says otherwise; null if there is no memory.
+// A container to be filled, which is mutable until its maker says otherwise; null if there is no memory.
 template <class Container> Container *MakeContainer()
 {
     auto *container = MakeObject<Container>(nullptr, 0);

@@ -1,4 +1,4 @@
-// Data: bytes behind the object, or taken over with the allocator that gives them back.
+// Data: its bytes follow the object, or were taken over with the allocator that frees them.
 
 #pragma once
 

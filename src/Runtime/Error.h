@@ -23,7 +23,7 @@ struct TQError : Object {
     TQString *constantText = nullptr; // the description of a constant, which has no user information
 };
 
-// Says that there is no memory; a constant, so that who asks for an error always gets one.
+// The error for a lack of memory. It is a constant, so that a caller always gets an error.
 TQError *NoMemoryError();
 
 // An error of the library's domain with code 1; NoMemoryError if there is no memory for it, or `text` is null.

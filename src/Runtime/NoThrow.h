@@ -1,4 +1,4 @@
-// Where exceptions end. Inside, memory that runs out is a bad_alloc; a client sees null or false.
+// Exceptions end here. Inside the library, running out of memory throws bad_alloc; a client sees null or false.
 
 #pragma once
 

@@ -1,8 +1,8 @@
 // What every counted value begins with.
 //
-// A value is a struct that derives from Object and has no virtual functions, so that the pointer clients hold
-// is a pointer to its header, and so that constants can be initialised by the compiler, before any code runs.
-// What a kind of value does differently stands in its Kind, one constant table a kind.
+// A value is a struct that derives from Object and has no virtual functions, so that the pointer clients hold is a
+// pointer to its header, and so that constants can be initialised by the compiler, before any code runs. What differs
+// between kinds of values is in their Kind, one constant table for each.
 //
 // Always: a count of kImmortal never changes; a value whose count reached 0 is being destroyed and has no other
 // owner; destruction uses no stack for members, however deep they nest, and asks for no memory.
@@ -49,7 +49,7 @@ struct Kind {
     void (*destroy)(Object *);
     // Both are of this kind and different objects. Null: only the same object is equal.
     bool (*equal)(const Object *, const Object *, const Comparison *);
-    // Looks at as much as the budget allows, see below. Null: by identity.
+    // Looks at as much as the budget allows, see below. Null: the address is the hash.
     uintptr_t (*hash)(const Object *, size_t budget);
     void (*describe)(const Object *, Description &);
 };
@@ -70,7 +70,7 @@ struct Object {
     TQAllocator *allocator = nullptr;  // where the memory came from; retained. Null is the C heap.
 };
 
-// A value given by a client; one that is no value, or was freed, stops a debug build.
+// A value that a client gave. A pointer to anything else, or to a freed value, stops a debug build.
 inline const Object *AsObject(const TQValue *value)
 {
     const auto *object = static_cast<const Object *>(value);
@@ -113,16 +113,16 @@ template <class T, class... Arguments> T *MakeObject(TQAllocator *allocator, siz
 
 // --- comparing
 
-// How deep containers are followed by comparison and description. Property lists stay below it.
+// How deep comparison and description follow containers. Property lists stay below it.
 inline constexpr size_t kMaximumNesting = 1024;
 
-// Pairs of containers that others share and that were found equal: where every level shares the next one twice,
-// comparing each pair each time would never end.
+// Pairs of shared containers that were found equal. Where every level holds the next one twice, comparing each pair
+// every time would never end.
 class KnownEqual {
 public:
     bool Holds(const Object *a, const Object *b) const { return pairs_.contains({a, b}); }
     void Add(const Object *a, const Object *b);
-    // What follows is only known if all pairs around it are equal.
+    // Notes no more pairs: from here on, a result is certain only if all pairs around it are equal.
     void Stop() { isStopped_ = true; }
 
 private:
@@ -143,15 +143,15 @@ bool EqualMembers(const TQValue *a, const TQValue *b, const Comparison *outer);
 
 // --- hashing
 //
-// A value hashes all its members. Containers and data among them share a budget: how many members may be looked at in
-// them and below, in all; one that has more members than that left hashes its count, and as an array the first of them.
-// So a hash costs no more than the container's own size justifies, however often one is shared below it, and ends where
-// one holds itself, and yet a chain of containers with one member each is followed to its leaf. A budget follows from
-// nothing but the counts on the way down, which equal containers have in common.
+// A value hashes all its members. The containers and data among them share a budget: how many members may be looked at
+// in them and below, in all. A container that has more members than its share hashes their count, and an array also the
+// first of them. So a hash costs no more than the container's own size justifies, however often one is shared below it,
+// and it ends even if a container holds itself. Yet a chain of containers with one member each is followed to its leaf.
+// A budget depends only on the counts on the way down, which are the same in equal containers.
 
 inline constexpr size_t kWholeValue = SIZE_MAX;
 
-// What each of those `sharers` among `count` members may spend.
+// What each of the `sharers`, the containers and data among `count` members, may spend.
 constexpr size_t ShareOfBudget(size_t budget, size_t count, size_t sharers)
 {
     if (sharers == 0) return 0;
@@ -178,7 +178,8 @@ public:
     void AppendMember(const TQValue *value);
     void AppendValue(const Object *object);
 
-    // Containers behind so many bytes are not followed: those that share others without end would have no end.
+    // After this many bytes, containers are not followed: where they share others, a description could grow without
+    // end.
     static constexpr size_t kMaximumLength = size_t{1} << 20;
 
     const std::string &text() const { return text_; }

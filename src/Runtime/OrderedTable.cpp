@@ -57,7 +57,7 @@ void OrderedTable::Reserve(size_t count)
 
 void OrderedTable::Set(TQValue *key, TQValue *value)
 {
-    // Doubles, or stays as it is where gaps make the room.
+    // The table grows, or keeps its size if closing the gaps makes enough room.
     if ((entries_.size() + 1) * 2 > slots_.size() || entries_.size() == entries_.capacity())
         Rebuild(std::max<size_t>(count_ + count_ / 2 + 1, 4));
 
@@ -96,7 +96,7 @@ bool OrderedTable::EqualTo(const OrderedTable &other, const Comparison *comparis
 uintptr_t OrderedTable::Hash(uintptr_t kind, size_t budget) const
 {
     uintptr_t sum = HashInteger(kind + count_);
-    if (count_ > budget) return sum; // which of them come first says nothing of an equal table
+    if (count_ > budget) return sum; // an equal table may have others first
     size_t sharers = 0;
     Every([&](const Entry &entry) {
         sharers += size_t{TakesShare(entry.key)} + size_t{TakesShare(entry.value)};

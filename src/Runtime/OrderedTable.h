@@ -3,8 +3,8 @@
 // Entries stand in one vector in their order; slots, a power of two of them, hold where each one is. Removing an
 // entry leaves a gap (a null key) that goes when the table is next rebuilt.
 //
-// Always: every key and value is retained; a change happens wholly or, if memory runs out, not at all; what a
-// change drops is released last, when the table is consistent again, for a release may call anybody.
+// Always: every key and value is retained; a change happens wholly or, if memory runs out, not at all; what a change
+// drops is released last, when the table is consistent again, since a release may call anybody's code.
 
 #pragma once
 
@@ -33,7 +33,7 @@ public:
     void Set(TQValue *key, TQValue *value); // adds, or replaces the value; may throw bad_alloc
     bool Remove(const TQValue *key);
 
-    // Calls `use` with each entry in order while it returns true; whether it always did.
+    // Calls `use` with each entry in order while it returns true. Returns whether it always did.
     template <class Use> bool Every(Use use) const
     {
         for (const Entry &entry : entries_)
@@ -42,7 +42,7 @@ public:
     }
 
     bool EqualTo(const OrderedTable &other, const Comparison *comparison) const;
-    uintptr_t Hash(uintptr_t kind, size_t budget) const; // whatever the order
+    uintptr_t Hash(uintptr_t kind, size_t budget) const; // the same in any order
 
 private:
     static constexpr size_t kEmpty = SIZE_MAX;

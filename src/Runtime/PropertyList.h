@@ -21,7 +21,7 @@ inline constexpr size_t kHeaderSize = 8;
 inline constexpr size_t kTrailerSize = 32;
 inline constexpr size_t kTrailerUnused = 6;
 
-// Containers inside containers; the stack is used for each.
+// How deep containers may nest; each level takes stack.
 inline constexpr size_t kMaximumDepth = 512;
 
 enum Marker : uint8_t {

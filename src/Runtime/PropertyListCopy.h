@@ -9,14 +9,14 @@
 
 namespace plist {
 
-// A value, or the end of all work for want of memory.
+// Takes over a new value. Throws std::bad_alloc if it could not be made.
 template <class T> Ref<T> Made(T *value)
 {
     if (!value) throw std::bad_alloc();
     return Ref<T>::Adopt(value);
 }
 
-// What is no container is shared. Throws std::bad_alloc.
+// Members that are not containers are shared. Throws std::bad_alloc.
 Ref<TQValue> CopyMutable(TQValue *value);
 
 } // namespace plist

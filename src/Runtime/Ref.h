@@ -46,7 +46,7 @@ private:
     T *value_ = nullptr;
 };
 
-// Releases what the calls of its span deferred, when it ends.
+// Releases at its end what was deferred since it began.
 class DeferredScope {
 public:
     DeferredScope() : token_(TQDeferredScopePush()) {}

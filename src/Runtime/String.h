@@ -12,7 +12,7 @@ struct TQString : Object {
     static constexpr Type kType = kTypeString;
 
     TQString(size_t ofLength, size_t ofUnits) noexcept;
-    // A constant, of ASCII.
+    // A constant, in ASCII.
     constexpr TQString(const Kind *ofKind, std::string_view text) noexcept
         : Object(ofKind, kImmortal), bytes(text.data()), length(text.size()), units(text.size())
     {

@@ -7,7 +7,7 @@
 TQValue *TQDefer(TQValue *value)
 {
     if (!value || ThreadStack::Deferred().Push(value)) return value;
-    // Nobody would give the reference back any more, so the caller can't have the value either.
+    // Nobody would release the reference later, so the caller can't have the value either.
     TQRelease(value);
     return nullptr;
 }

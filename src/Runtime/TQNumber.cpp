@@ -1,4 +1,4 @@
-// Numbers and booleans: kept as they were given, compared by what they stand for.
+// Numbers and booleans: kept as they were given, compared by value.
 
 #include "Runtime/ByteHash.h"
 #include "Runtime/Number.h"
@@ -12,8 +12,8 @@ namespace {
 constexpr double kTwoTo63 = 9223372036854775808.0;
 constexpr double kTwoTo64 = 18446744073709551616.0;
 
-// Whether `real` is exactly the integer that `number` holds. Never through a rounded conversion: 2^53 + 1 as a
-// double would be 2^53.
+// Whether `real` is exactly the integer that `number` holds. The integer is never converted to a double, which may
+// round it: 2^53 + 1 would be 2^53.
 bool _IsInteger(double real, const TQNumber *number)
 {
     if (number->numberKind == kTQNumberInt64)

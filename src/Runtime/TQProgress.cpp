@@ -1,7 +1,7 @@
 // Progress of long operations.
 //
-// Always: the parent is fixed and retained, so walking up needs no lock; what one atomic word can't hold is under
-// the mutex; no client's code, an observer or the release of a value, runs while it is held.
+// Always: the parent is fixed and retained, so walking up needs no lock; the mutex guards what one atomic word can't
+// hold; no client's code (an observer, or the release of a value) runs while it is held.
 
 #include "Runtime/NoThrow.h"
 #include "Runtime/Object.h"

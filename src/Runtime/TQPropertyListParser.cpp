@@ -1,9 +1,9 @@
 // Reading property lists, whoever wrote them.
 //
-// What bounds the work that a file can cause: every object is read once, and objects may not overlap, so that together
-// they hold no more than the file does. A container that several others refer to is one value for all of them. Where
-// containers are to be mutable each gets a copy of its own, and what the copies take is bounded by the file's size. The
-// stack is bounded by the depth.
+// The work that a file can cause is bounded. Every object is read once, and objects may not overlap, so together they
+// hold no more than the file does. A container that several others refer to is one value for all of them. If containers
+// are to be mutable, each of the others gets a copy of its own, and the file's size bounds what the copies take. The
+// greatest depth bounds the stack.
 
 #include "Runtime/Collections.h"
 #include "Runtime/Data.h"
@@ -28,8 +28,8 @@ using namespace plist;
 
 namespace {
 
-// What copies of shared containers may take: something in any case, since writers that share all equal containers
-// exist, and so much more for each byte of the file.
+// The memory that copies of shared containers may take: a fixed amount, since some writers share all equal containers,
+// and more for each byte of the file.
 constexpr size_t kBytesOfCopies = size_t{4} << 20;
 constexpr size_t kBytesOfCopiesPerByte = 32;
 constexpr size_t kTooManyBytes = SIZE_MAX / 4; // sums stop here
@@ -51,7 +51,7 @@ private:
 
     struct Slot {
         Ref<TQValue> value;
-        size_t bytes = 0; // that a copy would take: of its containers, however often one is met
+        size_t bytes = 0; // that a copy would take: its containers', each as often as it is met
         uint16_t height = 0;
         State state = State::kUnread;
         bool inUse = false; // by a container
@@ -221,8 +221,8 @@ bool Parser::ReadCount(Cursor &cursor, uint8_t marker, size_t &count)
     return true;
 }
 
-// Whether `count` pieces of `size` bytes are there, and were not part of the objects read before, as far as their
-// sum tells. Nothing is allocated for an object before.
+// Whether `count` pieces of `size` bytes are there, and are not part of an object that was read before, as far as the
+// sum of all sizes tells. Nothing is allocated for an object before this call.
 bool Parser::Claim(const Cursor &cursor, size_t count, size_t size)
 {
     if (count > (objectsEnd_ - cursor.at) / size) return Refuse(cursor.start, "an object that is cut off");
@@ -300,21 +300,20 @@ bool Parser::ReadUTF16(Slot &slot, Cursor cursor, size_t count)
 
 // --- containers
 
-// The member whose number is at `index`, with the limits of the container checked.
+// Reads the member whose number is at `index`, and checks the limits of the container.
 Parser::Slot *Parser::ReadMember(Slot &container, const Cursor &cursor, size_t index, size_t depth)
 {
     const size_t from = cursor.at + index * numberSize_;
     Slot *member = Read(Integer(from, numberSize_), from, depth + 1);
     if (!member) return nullptr;
-    // One that was read already, closer to the top, may reach too deep from here.
+    // A member that was read already, closer to the top, may reach too deep from here.
     container.height = std::max(container.height, static_cast<uint16_t>(member->height + 1));
     if (container.height > kMaximumDepth) return Refuse(from, "containers nested more than %zu deep", kMaximumDepth);
     container.bytes = std::min(container.bytes + member->bytes, kTooManyBytes);
     return member;
 }
 
-// The value for one more place, which is referred to at the offset `from`. Containers that can be changed are never in
-// two places.
+// The value for one more reference, which stands at the offset `from`. A mutable container is never in two places.
 Ref<TQValue> Parser::Use(Slot &member, size_t from)
 {
     const bool again = std::exchange(member.inUse, true);

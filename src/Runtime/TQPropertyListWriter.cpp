@@ -1,8 +1,8 @@
 // Writing property lists.
 //
-// The first pass numbers the objects, the top one 0, and encodes the scalars; two scalars are the same exactly when
-// their encodings are, which tells 1, 1.0 and true, or 0.0 and -0.0, apart. The second pass knows how many objects
-// there are, and with that how large an object number is, and writes everything into memory of the exact size.
+// The first pass numbers the objects, the top one 0, and encodes the scalars. Two scalars are the same exactly when
+// their encodings are: 1, 1.0 and true are different, and so are 0.0 and -0.0. The second pass knows how many objects
+// there are, and so how large an object number is. It writes everything into memory of the exact size.
 
 #include "Runtime/ByteHash.h"
 #include "Runtime/Collections.h"
@@ -67,7 +67,7 @@ struct Output {
 
 class Writer {
 public:
-    // False if the value can't be in a property list; why() then says why.
+    // False if the value can't be in a property list; TakeReason() then says why.
     bool Number(const TQValue *top) { return Visit(top, 1) != kRefused; }
     TQData *Write() const;
 
@@ -84,7 +84,7 @@ private:
         uintptr_t hash; // of a scalar's bytes
     };
 
-    // For a set of scalars by their bytes, of which it holds only the numbers.
+    // Hashes and compares scalars by their bytes, for a set that holds only their numbers.
     struct BytesOf {
         const Writer *writer;
         size_t operator()(size_t number) const { return writer->items_[number].hash; }
@@ -158,7 +158,7 @@ size_t Writer::VisitContainer(const Object *container, size_t depth)
                                  : 2 * static_cast<const TQDictionary *>(container)->table.count();
     const size_t number = items_.size();
     const size_t first = members_.size();
-    // Containers that share others without end would be written without end.
+    // A shared container is written once for each reference, so the output could grow without end.
     if (count > kMaximumMembers - first || number > kMaximumMembers)
         return Refuse("more than %zu values can't be in a property list", kMaximumMembers);
     items_.push_back({isArray ? kArray : kDictionary, first, count, 0});
@@ -180,7 +180,7 @@ bool Writer::VisitMembers(const TQArray *array, size_t first, size_t depth)
     return true;
 }
 
-// All keys, then all values, as other writers number them too.
+// Numbers all keys, then all values, as other writers do.
 bool Writer::VisitMembers(const TQDictionary *dictionary, size_t first, size_t depth)
 {
     const auto visit = [&](const TQValue *member) {
@@ -229,7 +229,7 @@ void Writer::EncodeNumber(const TQNumber *number)
         return _Append(scalars_, std::bit_cast<uint64_t>(number->real), 8);
     }
     if (number->numberKind == kTQNumberInt64 && number->int64 >= 0) return _AppendInteger(scalars_, number->uint64);
-    // Eight bytes are signed; what is too large for them is written as sixteen.
+    // Eight bytes are signed; a number that is too large for them takes sixteen.
     const bool isLarge = number->numberKind == kTQNumberUInt64;
     scalars_.push_back(static_cast<uint8_t>(kInteger | (isLarge ? 4 : 3)));
     if (isLarge) _Append(scalars_, 0, 8);

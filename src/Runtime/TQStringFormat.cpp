@@ -21,8 +21,8 @@
 // The formats given to the C library are rebuilt here from conversions that were checked one by one.
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
-// The analyzer does not follow a list into the struct below. The branches that it finds alike are so on some
-// systems only, and a signed char is meant to be a number.
+// The analyzer does not follow a list into the struct below. The branches that it calls identical are so only on some
+// systems, and a signed char is meant to be a number.
 // NOLINTBEGIN(clang-analyzer-valist.Uninitialized,bugprone-branch-clone,bugprone-signed-char-misuse,cert-str34-c)
 
 namespace {
@@ -133,7 +133,7 @@ private:
     void AppendText(const Conversion &conversion, std::string_view text);
 
     std::string text_;
-    int errno_ = errno; // "%m" speaks of the error that was there before anything here could change it
+    int errno_ = errno; // for "%m": the error from before anything here could change it
 };
 
 bool Formatter::Run(const char *format, Arguments &arguments)

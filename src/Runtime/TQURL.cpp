@@ -26,7 +26,7 @@ struct TQURL : Object {
     ~TQURL() { TQRelease(base); }
 
     bool isAbsolutePath() const { return fromPath && path[0] == '/'; }
-    // Made from a relative path without a base: a file URL although its text has no scheme.
+    // It was made from a relative path without a base, and is a file URL although its text has no scheme.
     bool dependsOnCurrentDirectory() const { return fromPath && !base && !isAbsolutePath(); }
 
     std::string text; // escaped, not resolved
@@ -39,7 +39,7 @@ struct TQURL : Object {
 
 namespace {
 
-// Compares the chain of bases in a loop; nobody bounds its length.
+// Compares the chain of bases in a loop, since its length has no bound.
 bool _EqualURLs(const Object *a, const Object *b, const Comparison *)
 {
     const auto *first = static_cast<const TQURL *>(a);
@@ -96,7 +96,7 @@ bool _Resolve(const TQURL *url, URLParts &parts)
     if (root->dependsOnCurrentDirectory()) {
         std::string directory;
         if (!_AppendCurrentDirectory(directory)) return false;
-        // Not resolved like a URL: what ".." means behind a symbolic link is for the kernel to say.
+        // This is not resolved like a URL: only the kernel knows what ".." means after a symbolic link.
         parts.scheme = "file";
         parts.authority = "";
         parts.path = EscapePath(directory) + parts.path;

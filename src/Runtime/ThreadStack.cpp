@@ -19,7 +19,7 @@ thread_local constinit ThreadStacks stacks;
 
 void _DrainAtEnd(void *)
 {
-    // What the releases below push again is drained by another round of the C library's.
+    // If the releases below push values again, the C library calls this once more.
     stacks.drainedAtEnd = false;
     stacks.deferred.Drain();
     stacks.currentProgress.Drain();
@@ -38,7 +38,7 @@ bool _RegisterDrainAtEnd()
         made.made = pthread_key_create(&made.key, _DrainAtEnd) == 0;
         return made;
     }();
-    // The value only has to be not null for the clean-up to be called.
+    // The clean-up is called only if this value is not null.
     stacks.drainedAtEnd = drain.made && pthread_setspecific(drain.key, &stacks) == 0;
     return stacks.drainedAtEnd;
 }

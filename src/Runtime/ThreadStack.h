@@ -1,7 +1,7 @@
 // Values that a thread holds until it lets go of them, or ends.
 //
-// The memory is plain and the clean-up a thread-specific key's, not a destructor's: registering a destructor of a
-// thread-local object stops the process when memory runs out, and such an object can't be used once destroyed.
+// The memory is plain, and a thread-specific key cleans it up instead of a destructor. Registering the destructor of a
+// thread-local object stops the process when memory runs out, and such an object can't be used once it is destroyed.
 // These stacks work at any time, also in clean-up code that runs while its thread ends.
 
 #pragma once
@@ -20,7 +20,7 @@ public:
     TQValue *top() const { return count_ > 0 ? values_[count_ - 1] : nullptr; }
     size_t count() const { return count_; }
 
-    // Releases everything, newest first, and what that adds; keeps no memory.
+    // Releases everything, newest first, and what is added meanwhile, and frees the memory.
     void Drain();
 
 private:

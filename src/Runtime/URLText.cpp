@@ -44,7 +44,7 @@ bool _IsScheme(std::string_view text)
     return !text.empty() && _IsLetter(text[0]) && std::all_of(text.begin(), text.end(), isPart);
 }
 
-// Undoes "." and ".." in a path; ".." above the top is dropped.
+// Resolves "." and ".." in a path; ".." above the top is dropped.
 std::string _RemoveDots(std::string_view path)
 {
     std::string result;
@@ -58,7 +58,7 @@ std::string _RemoveDots(std::string_view path)
             continue;
         }
         if (name == "..") result.erase(result.rfind('/') == std::string::npos ? 0 : result.rfind('/'));
-        // At the end it leaves the directory it stands for.
+        // At the end of a path it stands for a directory, so the slash stays.
         if (path.empty() && (segment[0] == '/' || !result.empty())) result.push_back('/');
     }
     return result;

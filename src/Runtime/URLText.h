@@ -20,13 +20,13 @@ struct URLParts {
 // Whether every character may stand in a URL and every "%" begins an escape.
 bool IsURLText(std::string_view text);
 
-// The same without memory.
+// As URLParts::IsFile, but takes no memory.
 bool HasFileScheme(std::string_view text);
 
 URLParts SplitURL(std::string_view text);
 std::string JoinURL(const URLParts &parts);
 URLParts ResolveURL(const URLParts &base, const URLParts &relative);
 
-// A path's bytes as a URL's path. In a relative one a colon is escaped too, for it would end a scheme.
+// A path's bytes as a URL's path. In a relative path a colon is escaped too, since it would end a scheme.
 std::string EscapePath(std::string_view path);
 std::string UnescapePath(std::string_view text);

@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-// How many UTF-16 units `length` bytes of UTF-8 stand for; nothing if they are not UTF-8: overlong forms,
-// surrogates and what lies past U+10FFFF are not.
+// How many UTF-16 units `length` bytes of UTF-8 stand for; nothing if they are not UTF-8. Overlong forms, surrogates
+// and numbers past U+10FFFF are not UTF-8.
 std::optional<size_t> UTF16LengthOfUTF8(const void *bytes, size_t length);
 
 // The character that begins at `at`, which moves behind it. The bytes must be valid.

@@ -43,7 +43,7 @@ private:
     char text_[kCapacity] = "";
 };
 
-// A caller's path without the slashes that it may end in: the URL of a directory does, and the path of a file must not.
+// A caller's path without slashes at its end: the URL of a directory has one, and the path of a file must not.
 class TrimmedPath {
 public:
     explicit TrimmedPath(const char *path)

@@ -1,5 +1,5 @@
-// What strings and URLs can do for paths: between path bytes and strings, between paths and file URLs, and
-// whether a string may name a generation.
+// Converts between path bytes and strings and between paths and file URLs, and tells whether a string may name a
+// generation.
 
 #include <vaultry/path.h>
 
@@ -25,7 +25,7 @@ bool HoldsSlash(const TQString *name)
     return memchr(TQStringGetUTF8(name), '/', TQStringGetUTF8Length(name)) != nullptr;
 }
 
-// The rules in their order; the first that fails decides. Null when all hold.
+// The rules are checked in order, and the first that fails decides. Null if all hold.
 const char *BrokenNameRule(const TQString *name)
 {
     if (TQStringGetLength(name) > kGenerationNameLimit) return "Invalid Name: too long [%@]";
@@ -58,8 +58,8 @@ TQURL *tq_fileURLWithFileSystemRepresentation(const char *path)
     return static_cast<TQURL *>(TQDefer(TQURLCreateWithFileSystemPath(path, /*isDirectory=*/false)));
 }
 
-// What is relative means something only together with its base; below, the path would be taken for one
-// relative to the current directory.
+// A relative URL means something only together with its base. Its bare path would be taken as relative to the current
+// directory.
 const char *tq_fileSystemRepresentation(const TQURL *url)
 {
     const char *path = TQURLGetPath(url);

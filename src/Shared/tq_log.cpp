@@ -46,7 +46,7 @@ const char *ShownFileName(const char *path)
     return name ? name : path ? path : "";
 }
 
-// Formatted text of any length; only when there is no memory for it is it cut, after `capacity` bytes at the most.
+// Formatted text of any length. It is cut, to fewer than `capacity` bytes, only if there is no memory for all of it.
 template <size_t capacity> class FormattedText {
 public:
     // False, and the text is empty, for a format that can't be used.
@@ -73,7 +73,7 @@ public:
         return isFormatted;
     }
 
-    // Ends a text that is cut with `mark`, behind a whole character.
+    // If the text is cut, ends it with `mark` after a whole character.
     void MarkIfCut(const char *mark)
     {
         if (whole_ || length_ < sizeof local_) return;
@@ -155,7 +155,7 @@ void _TQLogMsg(int level, const char *path, int line, const TQString *format, ..
     const auto message = Ref<TQString>::Adopt(TQStringCreateWithFormatAndArguments(text, arguments));
     va_end(arguments);
 
-    // A line is written in any case: one whose arguments can't be made into a string shows its bare format.
+    // A line is always written. If its arguments can't be made into a string, it shows the bare format.
     const char *begin = message ? TQStringGetUTF8(message.get()) : text;
     while (IsSpace(*begin)) ++begin;
     const HeapText trimmed(strdup(begin));

@@ -13,7 +13,7 @@
 
 namespace {
 
-// Never waits for whoever holds the other end of a FIFO.
+// Never waits for the other end of a FIFO.
 UniqueFd Open(const char *path)
 {
     return UniqueFd(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -24,7 +24,7 @@ UniqueFd OpenDirectory(const char *path)
     return UniqueFd(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-// What has no descriptor to be flushed by: a link, a socket, an item that its own owner may not read.
+// Whether errno says that the item has no descriptor to be flushed by: it is a link, a socket or unreadable.
 bool CannotBeOpened()
 {
     return errno == EACCES || errno == ELOOP || errno == ENXIO;
@@ -36,8 +36,8 @@ bool Report(int result, const char *path, TQError **error, const char *file = __
     return result == 0 || Failure(error, file, line).Errno("Failed to flush \"%s\" to disk", path);
 }
 
-// The nearest directory, from `directory` upwards, that can be read and is on the item's volume. Empty with errno,
-// EACCES if there is none.
+// Opens the nearest directory, from `directory` upwards, that can be read and is on the item's volume. Empty with
+// errno: EACCES if there is none.
 UniqueFd OpenOnVolumeOf(const char *item, const char *directory)
 {
     TQFileStatus wanted, status;
@@ -55,8 +55,8 @@ UniqueFd OpenOnVolumeOf(const char *item, const char *directory)
     return UniqueFd();
 }
 
-// What stands for an item that can't be opened, if a flush of the volume reaches all that is on it. Empty, and errno as
-// it was, if there is none.
+// Opens a directory through which an item that can't be opened is flushed with its volume, if that reaches all that is
+// on it. Empty, with errno as it was, if there is none.
 UniqueFd OpenVolumeOf(const char *item, const char *directory)
 {
     const ErrnoKeeper keeper;
@@ -74,8 +74,8 @@ int FlushUnopened(const char *path)
     return directory ? platform::FlushFd(directory.get()) : -1;
 }
 
-// Who may make entries in a directory need not be allowed to read it. An item that lies on its volume may be readable
-// where nothing above is.
+// A process may be allowed to make entries in a directory, but not to read it. An item on its volume may be readable
+// even if no directory above is.
 int FlushUnopenedDirectory(const char *path, const char *itemOnIt)
 {
     const UniqueFd volume = OpenVolumeOf(path, path);
@@ -113,7 +113,7 @@ bool _FlushFormerEntry(const char *path, const char *now, TQError **error)
 {
     const ParentPath parent(path);
     const UniqueFd directory = OpenDirectory(parent.c_str());
-    // Somebody has tidied the folder away since, and the entry was gone by then.
+    // Somebody has removed the folder since, so the entry is gone too.
     if (!directory && errno == ENOENT) return true;
     return FlushFolder(directory, parent, now, error);
 }
@@ -139,7 +139,7 @@ bool TreeFlush::Flush(const char *path, uint32_t mode, TQError **error) const
     if (volume() < 0 && !other) return Report(-1, path, error);
     const int open = other ? other.get() : volume();
     const std::optional<bool> honours = platform::AskWhetherVolumeHonoursFlush(open);
-    if (!honours) return Report(-1, path, error); // to flush its top alone could leave all that is in it unwritten
+    if (!honours) return Report(-1, path, error); // flushing only the top could leave all that is in it unwritten
     if (*honours) return Report(platform::FlushVolumeOfFd(open), path, error);
-    return _FlushItem(path, error); // whoever wrote what is in it has flushed that
+    return _FlushItem(path, error); // whoever wrote its contents has flushed them
 }

@@ -192,7 +192,7 @@ void TQSetRemoveValues(TQSet *set, const TQSet *values)
         TQSetApply(values, _RemoveValueCB, set);
         return;
     }
-    // A set must not change while it is walked, so one that is emptied by itself is listed first.
+    // A set must not change while it is walked, so if it is emptied by itself, its members are listed first.
     const size_t count = TQSetGetCount(set);
     const std::unique_ptr<TQValue *[]> members(new (std::nothrow) TQValue *[count]);
     if (!members) return;

@@ -13,7 +13,7 @@ struct TreeRemoval {
     const char *last = nullptr; // an entry directly below the root that goes when all else has gone
     // What the root must be (device and inode), else ESTALE. Null: whatever is there.
     const TQFileStatus *expected = nullptr;
-    bool *begun = nullptr; // set true as soon as something of the tree has gone, whoever took it
+    bool *begun = nullptr; // set true as soon as a part of the tree has gone, whoever removed it
 };
 
 // Removes the tree at `root`, as _RemoveTree does.

@@ -1,7 +1,7 @@
 // Removal of whole trees, protected items included.
 //
-// One walk: what stands in the way of an item's removal is taken away just before its turn comes. Files go as they
-// are met, directories on the way back up. What others remove meanwhile is no failure, and what is mounted inside is
+// One walk: what stands in the way of an item's removal is taken away just before its turn comes. Files go as they are
+// met, directories on the way back up. It is no failure if others remove items meanwhile. What is mounted inside is
 // left as it is.
 //
 // Always: rights change only on the item that was looked at, never on what has taken its name. A removal that fails
@@ -35,21 +35,20 @@ bool IsBlocked(const TQFileStatus &status)
     return (status.flags & kBlockingFlags) != 0 && (S_ISREG(status.mode) || S_ISDIR(status.mode));
 }
 
-// A directory gives up its contents only with write permission; nothing else needs any.
+// Only a directory needs write permission, for the removal of its contents.
 bool LacksWriteBits(const TQFileStatus &status)
 {
     return S_ISDIR(status.mode) && (status.mode & kDirectoryWriteBits) != kDirectoryWriteBits;
 }
 
-// What of an item's rights stands in the way, taken and given back. Flags go first and come back last: an immutable
-// item refuses chmod.
+// Changes the rights of an item that bar its removal, and puts them back. Flags go first and come back last: an
+// immutable item refuses chmod.
 class HeldItem {
 public:
-    // A directory that is open.
+    // For a directory that is open.
     explicit HeldItem(int fd) : fd_(fd) {}
 
-    // Any item, without a right to open it: by a descriptor that grants nothing, and the name that the kernel gives
-    // that.
+    // For any item, even one that may not be opened: by a descriptor that only points to it, and its path in /proc.
     HeldItem(const Item &item, const TQFileStatus &status) : own_(platform::PinItem(item, status)), fd_(own_.get()) {}
 
     // If not, errno says why: ESTALE if something else has the name.
@@ -110,7 +109,7 @@ private:
     bool begun_ = false;
 };
 
-// Whoever took it: the tree is not whole any more.
+// Notes that the tree is no longer whole, whoever removed a part of it.
 bool Removal::HasGone()
 {
     begun_ = true;
@@ -122,7 +121,7 @@ bool Removal::Unlink(const Item &item, int unlinkFlags)
 {
     if (unlinkat(item.directory, item.name, unlinkFlags) == 0 || errno == ENOENT) return HasGone();
     Failure(error_).Errno("Failed to remove \"%s\"", item.path);
-    // Where a server removes it, the answer can be lost on the way. What can't be told counts as gone.
+    // A server may remove the item, and its answer be lost. If that can't be told, the item counts as gone.
     TQFileStatus status;
     if (platform::GetStatus(item, Links::NoFollow, &status) != 0) HasGone();
     return false;
@@ -195,7 +194,7 @@ bool Removal::Remove(const Entry &entry)
     return true;
 }
 
-// Always false, as what went before.
+// Always returns false, since the removal has failed.
 bool Removal::PutBack(const HeldItem &held, const char *path, const TQFileStatus &status) const
 {
     const ErrnoKeeper keeper;

@@ -36,7 +36,7 @@ constexpr StatusRow kStatusTable[] = {
     {kTQStatusLibraryCode10, Domain::Library, 10},
 };
 
-// The way back knows fewer codes than the way there: 10 is not among them.
+// Fewer codes are translated back into statuses: 10 is not among them.
 constexpr StatusRow kReverseTable[] = {
     {kTQStatusExists, Domain::Application, 516},     {kTQStatusReadOnly, Domain::Application, 642},
     {kTQStatusNoSpace, Domain::Application, 640},    {kTQStatusNoErrorCode, Domain::Library, 0},

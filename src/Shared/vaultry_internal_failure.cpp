@@ -25,7 +25,7 @@ struct Failure::Message {
 
     void AppendErrno(int errorNumber)
     {
-        if (isCut) return; // what is read there would pass for what is missing
+        if (isCut) return; // the number would look like the part that is missing
         char buffer[256];
         const size_t length = strlen(text);
         Finish(length, snprintf(text + length, sizeof text - length, "; error %d (%s)", errorNumber,
@@ -42,7 +42,7 @@ private:
         MarkOtherBytes(text + start);
     }
 
-    // A name on disk may be any bytes; those that are no characters are shown as "?".
+    // A name on disk may hold any bytes; those that are not characters are shown as "?".
     static void MarkOtherBytes(char *at)
     {
         while (*at != '\0') {
@@ -121,7 +121,7 @@ bool ReportStringFailure(TQError **error, int level, int32_t status, TQString *m
         const auto format = Ref<TQString>::Adopt(TQStringCreate("%@; status %d"));
         _TQLogMsg(level, file, line, format.get(), message, status);
     }
-    // Nobody owns the error that the status gives; the caller of this will.
+    // The error made from the status is deferred, so the caller needs a reference of its own.
     if (error) *error = static_cast<TQError *>(TQRetain(_TQErrorForStatus(status, message, underlying)));
     return false;
 }

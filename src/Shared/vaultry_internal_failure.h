@@ -4,9 +4,9 @@
 //     if (rename(staged, generation) != 0)
 //         return Failure(error).Errno("rename (\"%s\" -> \"%s\") failed", staged, generation);
 //
-// Always: errno is taken before anything else can change it, and is the same afterwards. A message is
-// bounded by 1,024 bytes and cut between characters, so that a long path never costs the caller its error; one that is
-// cut is the beginning of the whole, without the error's number behind it.
+// Always: errno is taken before anything else can change it, and is the same afterwards. A message is bounded by 1,024
+// bytes and cut between characters, so that a long path never costs the caller its error. A message that is cut is the
+// beginning of the whole one, without the error's number after it.
 
 #pragma once
 
@@ -29,13 +29,13 @@ public:
     // System failures that are logged at level 7 instead of 3.
     Failure &AtDebug();
 
-    // A system call's: status from errno, and "; error %d (%s)" behind the message.
+    // A system call failed: the status is from errno, and "; error %d (%s)" follows the message.
     [[gnu::format(printf, 2, 3)]] Failed Errno(const char *format, ...) const;
 
-    // The library's own.
+    // The library itself failed.
     [[gnu::format(printf, 3, 4)]] Failed Status(int32_t status, const char *format, ...) const;
 
-    // The caller's: logged at level 7.
+    // The caller was at fault: logged at level 7.
     [[gnu::format(printf, 3, 4)]] Failed Refused(int32_t status, const char *format, ...) const;
 
 private:

@@ -4,5 +4,5 @@
 
 #include <cstddef>
 
-// Bytes, and UTF-16 units of a name that is a string: one less than file systems hold.
+// In bytes, and for a name that is a string also in UTF-16 units. It is one less than file systems hold.
 inline constexpr size_t kGenerationNameLimit = 254;

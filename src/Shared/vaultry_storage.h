@@ -1,9 +1,9 @@
 // The generation archive, seen from inside.
 //
-// An archived item carries one byte that records what write protection took from it, and has no write bit left.
-// The byte is written before the write bits go, and goes only when they are back, so that at any moment an item that
-// lacks them says which ones it had. The flags that bar a change have to go before the byte is written: of a moved
-// document's top item the owner file tells them until then, of what is below it nobody does.
+// An archived item carries one byte that records what write protection took from it, and has no write bit left. The
+// byte is written before the write bits are taken, and removed only when they are back, so an item that lacks them
+// always says which ones it had. The flags that bar a change have to be cleared before the byte is written. Until then
+// only the owner file records them, and only for the top item of a moved document.
 
 #pragma once
 
@@ -26,8 +26,8 @@ inline constexpr char kDisplayNameAttribute[] = "com.corvane.vaultry.origdisplay
 inline constexpr char kOptionsAttribute[] = "com.corvane.vaultry.gen_options";
 inline constexpr const char *kStoreAttributes[] = {kSavedPermissionsAttribute, kInfoAttribute, kDisplayNameAttribute,
                                                    kOptionsAttribute};
-// Earlier versions noted with it, on a staging directory, where the document in it belongs. Read, and no longer
-// written.
+// On a staging directory, it is where earlier versions noted to which path the document in it belongs. It is read, but
+// no longer written.
 inline constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
 
 // The saved-permissions byte.
@@ -44,11 +44,11 @@ uint8_t SavedPermissionsOf(uint32_t mode, uint32_t flags);
 mode_t SavedWriteBits(uint8_t saved);
 uint32_t SavedFlags(uint8_t saved);
 
-// Files that hold attributes of the file beside them, where a volume has no room for those: named "._" and its name.
+// Whether the name is that of a sidecar: "._" and the name of a file beside it, whose attributes it holds where the
+// volume has no room for them.
 bool IsSidecarName(const char *name);
 
-// TQCopyMutableInfoDictionary and TQCopyOriginalDisplayName of an item that its caller holds. Links are followed, as
-// there.
+// TQCopyMutableInfoDictionary and TQCopyOriginalDisplayName for an item that the caller holds. Both follow links too.
 TQDictionary *_CopyInfoDictionaryOf(const Item &item, TQError **error);
 TQString *_CopyDisplayNameOf(const Item &item, TQError **error);
 
@@ -72,65 +72,66 @@ int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *sour
 int _DuplixUnarchiveCallback(int what, int stage, DuplixState *state, const char *source, const char *destination,
                              void *errorOut);
 
-// What both callbacks do alike.
+// What both callbacks have in common.
 bool IsSidecarStart(int what, int stage, const char *source);
 bool IsItemFinished(int what, int stage);
 int QuitOnCopyError(TQError **error, int what, int stage, const char *source, const char *destination);
 bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status);
 
-// TQCopyOutGeneration for a copy that is never more open than it will be, unless `leaveWritable`; that is for one which
-// is still to be moved. `made`, unless null, says what there is at the destination that was made here.
-// With `flushEach` each item is brought to disk as DuplixOptions says.
+// As TQCopyOutGeneration. The copy is never more open than it will be in the end, unless `leaveWritable` is set, which
+// is for a copy that is still to be moved. `made`, unless null, tells what was made at the destination. With
+// `flushEach`, each item is flushed as DuplixOptions says.
 bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags,
                         platform::DuplixMade *made, bool flushEach, bool leaveWritable, TQError **error);
 
-// Archives one item, which keeps a record that it has. `status` may be null; it is then asked for.
+// Archives one item. A record that it has already stays. `status` may be null; it is then read.
 bool _ArchiveItem(const char *path, const TQFileStatus *status, bool makeReadable, TQError **error);
 
-// An item that is archived: `before` is what it had, and is recorded unless `record` says otherwise.
+// An item to be archived. `before` is what it had, and is recorded unless `record` is given.
 struct ArchivedItem {
     const Item &item;
     const TQFileStatus &before;
     bool makeReadable;
-    bool replaceRecord = false;         // one that it has is of another time, or of somebody else's making
-    std::optional<uint8_t> record = {}; // in place of what `before` tells
-    platform::VolumeMemory *flush = {}; // not null: brought to disk by its descriptor where the volume needs that
+    bool replaceRecord = false;         // a record that it has is of another time, or made by somebody else
+    std::optional<uint8_t> record = {}; // recorded in place of `before`
+    platform::VolumeMemory *flush = {}; // if not null, the item is flushed where the volume needs that
 };
 
-// The first opens the item, which has to be the one that `now` describes (ESTALE if another took its place); the second
-// has it open as `fd`.
+// The first opens the item, which has to be the one that `now` describes (ESTALE if another took its place). For the
+// second, the caller has it open as `fd`.
 bool _ArchiveItemAt(const ArchivedItem &archived, const TQFileStatus &now, TQError **error);
 bool _ArchiveOpenItem(const ArchivedItem &archived, int fd, TQError **error);
 
-// TQArchiveTree for a document that goes home if this fails: the item at which it failed gets its mode and flags back.
-// Records that the document brought along are replaced, and what a flush of the volume would not reach is flushed.
+// As TQArchiveTree, for a document that is given back if this fails: the item at which it failed gets its mode and
+// flags back. Records that the document brought along are replaced, and items that a flush of the volume would not
+// reach are flushed.
 bool _ArchiveMovedTree(const char *path, bool makeReadable, TQError **error);
 
 // Gives a file with several links its own data: the name at `file` becomes a new file, which `made` then describes; the
-// other links stay. It has the file's owner, mode and flags as far as its maker may give them, and set-id bits only with
-// the owner.
+// other links stay. The new file has the old one's owner, mode and flags as far as its maker may give them, and the
+// set-id bits only if it got owner and group.
 struct HardLinkedFile {
     Item item;
     const TQFileStatus &status;
     size_t parentPathLength; // of item.path
-    bool noteParent;         // what its directory, if that is the document's, loses meanwhile is recorded on it
+    bool noteParent;         // whether to record on its directory, one of the document's, what that loses meanwhile
 };
 bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *made, TQError **error);
 
-// How long the name of the original is, if `name` can be that of the copy which takes its place; else 0.
+// If `name` can be that of a copy that was to replace a hard link, the length of the original's name; otherwise 0.
 size_t LengthOfLinkedName(const char *name);
 
-// What a by-moving add knew of its document before it took it.
+// What an add by moving knew of its document before it took it.
 struct MovedDocument {
     // Mode and flags of its top item, if that is still `top`; else the record of permissions is all there is.
     bool knowsTop = false;
     ItemId top{};
     uint32_t topMode = 0;
     uint32_t topFlags = 0;
-    struct timespec since {}; // the add's beginning, by the volume's clock: an older change is none of its own
+    struct timespec since {}; // when the add began, by the volume's clock; it made no change before that
 };
 
-// Undoes the archiving of what a by-moving add took, takes away copies that were to replace hard links, and moves it
-// back to where it came from. Nothing at `home` is replaced. True also if there is nothing at `moved`. False if it
-// can't be moved: the item then lies where it was, and a line at level 3 says where.
+// Undoes the archiving of what an add by moving took, removes copies that were to replace hard links, and moves the
+// document back to where it came from. Nothing at `home` is replaced. True also if there is nothing at `moved`. False
+// if it can't be moved: the item then lies where it was, and a line at level 3 says where.
 bool _GiveDocumentBack(const Item &moved, const Item &home, const MovedDocument &document);

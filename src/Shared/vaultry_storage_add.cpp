@@ -38,7 +38,7 @@ bool MakeProgress(const char *source, Ref<TQProgress> *progress, TQError **error
         return false;
     }
     *progress = Ref<TQProgress>::Adopt(TQProgressCreateChild(current, size));
-    if (!*progress) return Failure(error).Status(kTQStatusFailed, "malloc failed"); // it could not be cancelled
+    if (!*progress) return Failure(error).Status(kTQStatusFailed, "malloc failed"); // the copy could not be cancelled
     const auto url = Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPath(source, /*isDirectory=*/false));
     TQProgressSetUserInfo(progress->get(), kTQProgressFileOperationKindKey, kTQProgressFileOperationKindCopying);
     TQProgressSetUserInfo(progress->get(), kTQProgressFileURLKey, url.get());
@@ -52,13 +52,13 @@ bool CopyAsGeneration(const char *source, const char *destination, bool makeRead
     Ref<TQProgress> progress;
     if (!MakeProgress(source, &progress, error)) return false;
 
-    // A walk that could not even begin has counted nothing; the copy decides what is wrong.
+    // If the walk could not even begin, nothing was counted; the copy decides what is wrong.
     if (error) *error = nullptr;
     TQAddContext context{makeReadable, archive, 0, progress.get(), error};
     return platform::duplix(source, destination, _DuplixAddCallback, &context, {.flushEach = true}) == 0;
 }
 
-// What a move takes from the source for its span, and what it gives back.
+// The rights of the source, which a move changes while it lasts and then puts back.
 struct MovedItem {
     TQFileStatus before{};
     bool changed = false;
@@ -99,7 +99,7 @@ struct MovedItem {
                platform::SetFlags(Item::AtPath(path), Links::NoFollow, before.flags) == 0 || errno == ENOTSUP;
     }
 
-    // For a source that stays, or comes home.
+    // For a source that stays, or is given back.
     void PutBack(const char *source) const
     {
         const ErrnoKeeper keeper;
@@ -108,12 +108,12 @@ struct MovedItem {
     }
 };
 
-// What is mounted in a tree goes with it when it is moved, and is no part of it.
+// A mount inside a tree would be moved with it, but is not a part of it.
 bool HoldsNoMount(const char *source, TQError **error)
 {
     TQFileStatus status;
     if (platform::GetStatus(Item::AtPath(source), Links::NoFollow, &status) != 0)
-        return errno == ENOENT || errno == ENOTDIR || // the rename says so
+        return errno == ENOENT || errno == ENOTDIR || // the rename reports it
                Failure(error).Errno("stat(\"%s\") failed", source);
     if (!S_ISDIR(status.mode)) return true; // the kernel refuses to rename a mount point
     bool isMountedOn = false;
@@ -124,7 +124,7 @@ bool HoldsNoMount(const char *source, TQError **error)
     return Failure(error).Errno("Failed to move \"%s\", in which something is mounted", source);
 }
 
-// The document goes home before anything is removed; it may be the only copy.
+// The document is given back before anything is removed: it may be the only copy.
 bool FailedAfterMove(const MovedItem &moved, const char *source, const char *destination)
 {
     MovedDocument notArchived;
@@ -133,7 +133,7 @@ bool FailedAfterMove(const MovedItem &moved, const char *source, const char *des
     return false;
 }
 
-// Some volumes lose the answer of a rename that they did. Nobody else puts anything in staging.
+// Some volumes rename, and lose the answer. Nobody else puts anything in staging, so what is there is the document.
 bool CameAllTheSame(const char *source, const char *destination)
 {
     const ErrnoKeeper keeper;
@@ -149,7 +149,7 @@ bool MoveAsGeneration(const char *source, const char *destination, bool makeRead
 
     if (rename(source, destination) != 0 && !CameAllTheSame(source, destination)) {
         Failure(error).Errno("rename(\"%s\", \"%s\") failed", source, destination);
-        // The usual restoring finds nothing and says so; the source gets back what it had all the same.
+        // There is nothing at the destination, and RestoreMode reports that. The source still gets back what it had.
         if (!moved.RestoreMode(destination))
             Failure(nullptr).Errno("failed to make directory (\"%s\") non-writable after moving", destination);
         moved.PutBack(source);
@@ -166,7 +166,7 @@ bool MoveAsGeneration(const char *source, const char *destination, bool makeRead
     return !archive || _ArchiveMovedTree(destination, makeReadable, error);
 }
 
-// What has grown since the tree was measured, or was on a volume that does not know sizes, is more than the total.
+// A tree that has grown since it was measured, or whose volume does not know sizes, has more bytes than the total.
 void ReportCompleted(TQProgress *progress, uint64_t bytes)
 {
     if (!progress) return;
@@ -174,9 +174,9 @@ void ReportCompleted(TQProgress *progress, uint64_t bytes)
     TQProgressSetCompletedUnits(progress, static_cast<int64_t>(std::min(bytes, total)));
 }
 
-// What a copied item of a generation, brought from elsewhere, had before it was archived there; none if its record
-// can't be one. An item that can be written was changed since, and a record never gives write to who may not even read,
-// nor a flag that whoever adds it could not set: the copy-out would fail.
+// What a copied item that comes from another store's generation had before it was archived there; none if its record
+// can't be believed. An item with a write bit was changed since. A record never gives write access to a class that may
+// not read, nor a flag that the adding process could not set: the copy-out would fail.
 std::optional<uint8_t> BroughtRecord(const DuplixFinished &item, const TQFileStatus &source, TQAddContext &context)
 {
     uint8_t record[2];
@@ -190,7 +190,7 @@ std::optional<uint8_t> BroughtRecord(const DuplixFinished &item, const TQFileSta
     return record[0] & readable;
 }
 
-// A link is archived as what it is, not as its target.
+// A link is archived itself, not its target.
 bool ArchiveCopied(const DuplixState &state, TQAddContext &context, TQError **error)
 {
     const Item &item = state.destination;
@@ -279,7 +279,7 @@ int QuitOnCopyError(TQError **error, int what, int stage, const char *source, co
 bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status)
 {
     if (!state.finished) return platform::GetStatus(state.destination, Links::Follow, status) == 0;
-    *status = state.finished->status; // what the copy service has just set needs no look
+    *status = state.finished->status; // what the copy service has just set need not be read again
     return true;
 }
 

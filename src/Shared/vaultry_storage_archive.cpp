@@ -47,8 +47,8 @@ bool LiftOpen(int fd, const ArchivedItem &archived, TQError **error)
     return Failure(error).Errno("failed to make path \"%s\" writable", archived.item.path);
 }
 
-// What can't be opened before it is lifted is held by a descriptor that only points: whatever its name leads to by now,
-// nothing else is lifted.
+// An item that can't be opened before it is lifted is held by a descriptor that only points to it. So nothing else is
+// lifted, whatever its name leads to by now.
 bool LiftPinned(const ArchivedItem &archived, const TQFileStatus &now, TQError **error)
 {
     const TQFileStatus &before = archived.before;
@@ -62,7 +62,7 @@ bool LiftPinned(const ArchivedItem &archived, const TQFileStatus &now, TQError *
     return Failure(error).Errno("failed to make path \"%s\" writable", archived.item.path);
 }
 
-// Never blocks, on a FIFO either; that fails later, when the attribute is set.
+// Never blocks, not even on a FIFO, which fails later, when the attribute is set.
 UniqueFd OpenForArchiving(const Item &item, const TQFileStatus &now)
 {
     const int access = S_ISDIR(now.mode) ? O_RDONLY : O_RDWR;
@@ -88,8 +88,8 @@ bool RecordPermissions(int fd, const ArchivedItem &archived, TQError **error)
     const uint8_t saved = archived.record.value_or(own);
     const auto write = archived.replaceRecord ? platform::SetAttributeOfFd : platform::AddAttributeOfFd;
     if (write(fd, kSavedPermissionsAttribute, &saved, sizeof saved) == 0) return true;
-    // Refused for the byte that is there and stays: it says what the document had when it was archived first. Or, on a
-    // full volume, for want of room before the byte was looked for.
+    // A byte that is there already stays: it says what the document had when it was first archived. The refusal may
+    // also be of a full volume, which asks for room before it looks for the byte.
     const int refused = errno;
     if (!archived.replaceRecord && _FDHasAttribute(fd, kSavedPermissionsAttribute)) return true;
     errno = refused;
@@ -118,7 +118,8 @@ struct TreeArchiving {
     platform::VolumeMemory volumes{};
 };
 
-// A moved sidecar stays as it is, but is somebody's file all the same. (The root is flushed by whoever moved it.)
+// A moved sidecar is not archived, but it is somebody's file, and so it is flushed. (Whoever moved the root flushes
+// that.)
 bool KeepSidecar(const TreeWalk::Entry &entry, TreeArchiving &how, TQError **error)
 {
     if (!how.moved || entry.level == 0 || how.volumes.HonoursFlush(entry.item.directory, entry.status.device))
@@ -128,8 +129,8 @@ bool KeepSidecar(const TreeWalk::Entry &entry, TreeArchiving &how, TQError **err
     return Failure(error).Errno("Failed to flush \"%s\" to disk", entry.item.path);
 }
 
-// `before` is what the item has; where a copy takes the place of a hard link, it becomes what that has: one of another
-// owner's file belongs to whoever made it, and the set-id bits of the file would lend rights that nobody gave.
+// `before` is what the item has. If a copy takes the place of a hard link, it becomes what the copy has: a copy of
+// another owner's file belongs to its maker, and the file's set-id bits would lend rights that nobody gave.
 bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus *before, TQError **error)
 {
     switch (entry.kind) {
@@ -161,8 +162,8 @@ bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus
     return _ArchiveItemAt(archived, *before, error);
 }
 
-// What a moved tree has to be so that it stays whole and can be copied out: on one volume, since what is mounted inside
-// goes when it is unmounted, and within the kernel's limit for paths, which a copy keeps by itself.
+// Whether a moved tree will stay whole and can be copied out. It has to be on one volume, since what is mounted inside
+// goes when it is unmounted. It also has to be within the kernel's limit for paths, which a copy always is.
 bool CanStay(const TreeWalk::Entry &entry, TQError **error)
 {
     const bool elsewhere = entry.hasStatus && entry.isElsewhere;
@@ -235,8 +236,7 @@ bool _ArchiveItemAt(const ArchivedItem &archived, const TQFileStatus &now, TQErr
     const Item &item = archived.item;
     if (NeedsLifting(archived.before) && !LiftPinned(archived, now, error)) return false;
 
-    // To open a device is to use it: some answer by rewinding a tape or by resetting the machine. None takes an
-    // attribute.
+    // Opening a device uses it: some rewind a tape or reset the machine. None takes an attribute.
     if (S_ISCHR(now.mode) || S_ISBLK(now.mode)) {
         errno = EPERM;
         return Failure(error).Errno("failed to save original permissions for \"%s\"", item.path);

@@ -18,7 +18,7 @@
 
 namespace {
 
-// What a copy never gets, so that nothing has to be taken from it again.
+// A copy never gets these, so they need not be removed from it again.
 bool IsStoreAttribute(const char *name)
 {
     return std::any_of(std::begin(kStoreAttributes), std::end(kStoreAttributes),
@@ -42,7 +42,7 @@ bool ReadRestoredRights(const DuplixFinished &item, RestoredRights *rights)
         return true;
     }
     *rights = {mode | 0200, flags};
-    if (length == 0) errno = EINVAL; // nothing failed, and yet there must be a reason
+    if (length == 0) errno = EINVAL; // nothing failed, but the error needs a reason
     return length < 0 && errno == ENODATA;
 }
 
@@ -66,7 +66,7 @@ bool Unarchive(const DuplixFinished &item, const char *path, TQError **error)
         if (fchmod(item.copy, mode) != 0)
             return Failure(error).Errno("Failed to temporarily make \"%s\" writable", path);
     }
-    // Neither call would change anything where the value already stands.
+    // A call that would change nothing is left out.
     if (rights.mode != mode && fchmod(item.copy, rights.mode) != 0)
         return Failure(error).Errno("chmod(%s, %04o) failed", path, rights.mode);
     if (rights.flags != flags && platform::SetFlagsOfFd(item.copy, rights.flags) != 0 && errno != ENOTSUP)
@@ -74,7 +74,7 @@ bool Unarchive(const DuplixFinished &item, const char *path, TQError **error)
     return true;
 }
 
-// An item with these flags takes neither its final mode nor a new name.
+// An item with these flags can get neither its final mode nor a new name.
 void TakeBlockingFlags(int pinned, const TQFileStatus &status, const char *path)
 {
     char text[256];
@@ -116,7 +116,8 @@ bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mod
         0)
         return false;
 
-    // Of what was made, whatever has its name by now; and of a link that somebody put into the store its own.
+    // The status is of what was made, whatever has its name by now. Of a link that somebody put into the store, it is
+    // the link's own.
     TQFileStatus status;
     const UniqueFd copy = platform::PinItem(Item::AtPath(destination), made->item);
     if (!copy || platform::GetStatusOfFd(copy.get(), &status) != 0)

@@ -1,8 +1,8 @@
-// A by-moving add that fails gives the document back: with the rights that archiving took, moved home.
+// An add by moving that fails gives the document back, with the rights that archiving took, at its old path.
 //
 // Once moved, the item may be somebody's only copy. It is renamed, never copied, and never over anything that stands at
-// its old path meanwhile. The rights come first: if this is cut short, the document still lies where it is looked
-// for, and whoever gives it back next goes on. At home nobody would know that they are missing.
+// its old path meanwhile. The rights come first: if this is cut short, the document still lies where it is looked for,
+// and the next attempt goes on. At its old path, nobody would know that rights are missing.
 
 #include "Shared/vaultry_storage.h"
 
@@ -32,7 +32,8 @@ struct Rights {
     uint32_t flags;
 };
 
-// What the item had, if this add has taken it. A record that is older came along with the document and says nothing.
+// Gets what the item had before this add took it; false if it took nothing. An older record came along with the
+// document and tells nothing.
 bool GetRightsOfBefore(const Item &item, const TreeWalk::Entry &entry, const MovedDocument &document, Rights *rights,
                        bool *isRecorded)
 {
@@ -61,8 +62,8 @@ void UndoArchiving(const TreeWalk::Entry &entry, const MovedDocument &document)
     bool isRecorded = false;
     if (!GetRightsOfBefore(item, entry, document, &rights, &isRecorded)) return;
 
-    // Removing the byte takes write permission, which the item may not have had, and no flag may stand in the way: the
-    // item at which archiving failed has its flags already.
+    // Removing the byte takes write permission, which the item may not have had. No flag may bar it either: the item at
+    // which archiving failed already has its flags back.
     TQFileStatus now = entry.status;
     const uint32_t others = now.flags & ~kBlockingFlags;
     if (platform::SetFlagsOfPinned(pinned.get(), now, others) == 0) now.flags = others;
@@ -72,8 +73,8 @@ void UndoArchiving(const TreeWalk::Entry &entry, const MovedDocument &document)
     (void)platform::SetFlagsOfPinned(pinned.get(), now, rights.flags);
 }
 
-// Whether this is the copy that was to take the place of a hard link when the add was cut short: younger than the add,
-// with one link, and named after a file beside it that has more.
+// Whether this is the copy that was to take the place of a hard link when the add was cut short. It is younger than the
+// add, has one link, and is named after a file beside it that has more.
 bool IsLinkCopy(const TreeWalk::Entry &entry, const MovedDocument &document)
 {
     const char *const name = entry.item.name;
@@ -91,7 +92,7 @@ bool IsLinkCopy(const TreeWalk::Entry &entry, const MovedDocument &document)
 
 void TakeAway(const TreeWalk::Entry &linkCopy)
 {
-    // A copied flag would keep it where it is.
+    // A copied flag would bar its removal.
     if (linkCopy.status.flags != 0) (void)platform::SetFlags(linkCopy.item, Links::NoFollow, 0);
     if (unlinkat(linkCopy.item.directory, linkCopy.item.name, 0) != 0 && errno != ENOENT)
         Failure(nullptr).Errno("Failed to remove \"%s\"", linkCopy.item.path);
@@ -112,7 +113,7 @@ void UndoArchivingOfTree(const Item &moved, const MovedDocument &document)
     }
 }
 
-// What the rename needed lifted.
+// Puts back what had to be lifted for the rename.
 void PutBackRights(const Item &item, const TQFileStatus &status)
 {
     const UniqueFd pinned = platform::PinItem(item, status);
@@ -132,7 +133,8 @@ bool _GiveDocumentBack(const Item &moved, const Item &home, const MovedDocument 
     TQFileStatus status;
     bool known = platform::GetStatus(moved, Links::NoFollow, &status) == 0;
     if (!known && errno == ENOENT) return true;
-    // It may be home already, and only its second name was left by a kill: what it is now, somebody has made it.
+    // It may be home already, and a kill has left only its second name here. Its rights may have been changed since,
+    // and are left alone.
     const bool isHomeToo =
         known && !S_ISDIR(status.mode) && platform::HoldsItem(home, ItemId::Of(status)) == platform::Held::Yes;
     if (isHomeToo) return platform::RenameIntoNothing(moved, ItemId::Of(status), home) == 0;

@@ -24,7 +24,7 @@ struct FreeBytes {
     void operator()(void *bytes) const { free(bytes); }
 };
 
-// The attribute's bytes; absent gives null without an error.
+// Reads the attribute's bytes. If it is absent, returns null without an error.
 Ref<TQData> ReadInfoAttribute(const Item &item, bool *absent, TQError **error)
 {
     const char *const path = item.path;

@@ -13,7 +13,8 @@ bool LiftedGeneration::Look()
     return platform::GetStatus(Item::AtPath(path_), Links::NoFollow, &before_) == 0;
 }
 
-// After a refusal. A server may have made the change and its answer been lost; what can't be told counts as changed.
+// Called after a refusal. A server may have made the change, and its answer been lost. If that can't be told, the item
+// counts as changed.
 bool LiftedGeneration::IsChanged() const
 {
     const ErrnoKeeper keeper;

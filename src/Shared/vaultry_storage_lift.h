@@ -1,4 +1,4 @@
-// Lifting the protection of a generation's top item: for the span of one change, or so that it can be moved.
+// Lifts the protection of a generation's top item, for the span of one change or so that it can be moved.
 
 #pragma once
 
@@ -6,8 +6,9 @@
 
 // For the span of one change.
 //
-// Always: what was taken from the item is back when the object goes, unless the item itself has gone. What can't be put
-// back is only logged: the change stands. A link that somebody put into the store is looked at itself.
+// Always: when the object is destroyed, what it changed is put back, unless the item itself has gone. A failure to put
+// it back is only logged: the caller's change stands. Of a link that somebody put into the store, the link itself is
+// looked at.
 class LiftedGeneration {
 public:
     // `path` is borrowed.
@@ -22,10 +23,10 @@ public:
     bool TakeImmutableFlag();
     bool AddOwnerWrite();
 
-    // What it was before.
+    // The item's status before.
     const TQFileStatus &before() const { return before_; }
 
-    // Says that the item has gone, or hands on that it has not.
+    // Notes that the item has gone, if `gone`. Returns `gone`.
     bool Gone(bool gone);
 
 private:
@@ -37,8 +38,8 @@ private:
     bool modeChanged_ = false;
 };
 
-// Gives an item that may stand immutable or append-only, or a directory without owner write, what a rename to another
-// parent needs; whoever moves it puts back what that took. `status` is the item's as it stands, and the second has it
-// held by a descriptor that only points (PinItem). False with errno.
+// Prepares an item for a rename to another parent: takes its immutable and append-only flags, and gives a directory
+// owner write. Whoever moves it puts both back. `status` is the item's current status. The second takes a descriptor
+// that only points to the item (PinItem). False with errno.
 bool _MakeMovable(const char *path, const TQFileStatus &status);
 bool _MakePinnedMovable(int fd, const TQFileStatus &status);

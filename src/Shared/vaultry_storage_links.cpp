@@ -27,7 +27,7 @@ namespace {
 
 constexpr char kSuffix[] = "_XXXXXX"; // of the copy's name
 
-// Whether what was found is the file that the walk described; else ESTALE.
+// Whether what was found is the file that the walk described; if not, errno is ESTALE.
 bool IsDescribed(const TQFileStatus &found, const HardLinkedFile &file)
 {
     const bool isSame = ItemId::Of(found) == ItemId::Of(file.status);
@@ -41,17 +41,17 @@ bool IsAtItsName(const HardLinkedFile &file)
     return platform::GetStatus(file.item, Links::NoFollow, &found) == 0 && IsDescribed(found, file);
 }
 
-// The directory of the file, made writable for the span of the exchange and then as it was. Its times come back too:
-// the document's owner has changed nothing in it.
+// The directory of the file, which is made writable while the copy takes the file's place, and is then put back as it
+// was. Its times are put back too: the document's owner has changed nothing in it.
 class WritableParent {
 public:
     explicit WritableParent(const Item &parent) : parent_(parent) {}
     WritableParent(const WritableParent &) = delete;
     WritableParent &operator=(const WritableParent &) = delete;
 
-    // Open to all for the span of a copy. Should that be cut short, a record on it tells what the directory had. It
-    // takes the place of one that the document brought along, which would pass for ours now that the directory has
-    // changed. It can only be written once the owner may write and the flags have gone.
+    // Opens the directory to all while the copy is made. With `note`, a record on it tells what it had, in case this is
+    // cut short. The record replaces one that the document brought along, which would pass for ours now that the
+    // directory has changed. It can be written only when the owner may write and the flags have gone.
     bool MakeWritable(bool note, TQError **error)
     {
         known_ = platform::GetStatus(parent_, Links::Follow, &before_) == 0;
@@ -77,7 +77,7 @@ public:
         const struct timespec times[] = {before_.accessTime, before_.modificationTime};
         if (known_)
             (void)utimensat(parent_.directory, parent_.name, times,
-                            0); // refused in somebody else's folder, unless to root
+                            0); // refused in another user's folder, except to root
         if (flagsChanged_ && platform::SetFlags(parent_, Links::Follow, before_.flags) != 0)
             Failure(nullptr).Errno("failed to restore parent path \"%s\" flags", parent_.path);
     }
@@ -104,7 +104,7 @@ private:
     bool flagsChanged_ = false;
 };
 
-// The file's name for the span of the exchange: gone at the end unless it was renamed over the original.
+// The copy under a name of its own, which is removed at the end unless it was renamed over the original.
 class TemporaryFile {
 public:
     explicit TemporaryFile(int directory) : directory_(directory) {}
@@ -127,7 +127,7 @@ public:
         return true;
     }
 
-    // A copied immutable flag would keep the file where it is; it was never anybody's document.
+    // A copied immutable flag would bar the removal. The file was never anybody's document.
     ~TemporaryFile()
     {
         if (!made_) return;
@@ -137,8 +137,8 @@ public:
         (void)unlinkat(directory_, name_.c_str(), 0);
     }
 
-    // A journal may take the new name to disk before the bytes; should the power fail in between, a file that somebody
-    // has nowhere else would be as long as ever, and hold zeros.
+    // A journal may bring the new name to disk before the bytes. If the power failed in between, a file that somebody
+    // has nowhere else would keep its length, and hold zeros.
     bool Keep(TQFileStatus *copy, TQError **error)
     {
         return (platform::GetStatusOfFd(fd_.get(), copy) == 0 && platform::FlushFd(fd_.get()) == 0 &&
@@ -146,7 +146,7 @@ public:
                Failure(error).Errno("Failed to flush \"%s\" to disk", path_.c_str());
     }
 
-    // What has taken the name of the file since it was copied stays.
+    // If another item has taken the file's name since it was copied, that item stays.
     bool RenameOver(const HardLinkedFile &file, TQError **error)
     {
         const Item &item = file.item;
@@ -167,7 +167,7 @@ private:
     PathBuffer path_;
 };
 
-// The file whose status the walk read, or none: what has taken its place is not what is archived.
+// Opens the file whose status the walk read. A file that has taken its place is not archived.
 UniqueFd OpenDescribed(const HardLinkedFile &file)
 {
     constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;

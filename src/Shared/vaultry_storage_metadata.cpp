@@ -85,7 +85,7 @@ TQString *_CopyDisplayNameOf(const Item &item, TQError **error)
     if (length >= static_cast<ssize_t>(kDisplayNameCapacity))
         return Failure(error).Status(kTQStatusFailed, "Original display name xattr too large (%ld) at path \"%s\"",
                                      static_cast<long>(length), path);
-    // The read has succeeded, so this errno is an older one; the error says it all the same.
+    // The read has succeeded, so this errno is an older one, but the error shows it.
     if (length == 0) return Failure(error).Errno("Original display name xattr too short (0) at path \"%s\"", path);
 
     TQString *name = TQStringCreateWithFileSystemRepresentation(buffer);

@@ -1,5 +1,5 @@
-// The options word of a generation, in one attribute: a word with none of the bits 0x1e is not stored, and one that is
-// not there reads as 1. What is damaged or can't be read reads as 0.
+// The options word of a generation, in one attribute. A word with none of the bits 0x1e is not stored, and an absent
+// one reads as 1. One that is damaged or can't be read reads as 0.
 
 #include "Shared/vaultry_storage.h"
 
