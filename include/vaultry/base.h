@@ -1,5 +1,5 @@
 /// @file
-/// What every other header stands on: visibility, linkage, and the names of the counted kinds.
+/// The basis of every other header: visibility, linkage, and the names of the counted kinds.
 
 #ifndef VAULTRY_BASE_H
 #define VAULTRY_BASE_H
@@ -21,7 +21,7 @@
 /// Any counted value. Every `TQString *`, `TQArray *` and so on passes for one without a cast.
 typedef void TQValue;
 
-/// Tells the kinds of counted values apart; see TQGetTypeID. 0 is no kind.
+/// Tells the kinds of counted values apart; see TQGetTypeID. 0 stands for none.
 typedef uintptr_t TQTypeID;
 
 typedef struct TQString TQString;

@@ -1,12 +1,12 @@
 /// @file
 /// Arrays, dictionaries and sets. A container retains its members.
 ///
-/// The mutable form is the same type, made by `…CreateMutable…`; changing one that is not mutable, or giving a
-/// null where a member is asked for, does nothing and returns false. Getters of a null container
-/// answer as an empty one does. A mutable container that is a key of a dictionary or a member of a set must not
-/// change meanwhile, and one that comes to hold itself is only freed when that is undone.
+/// The mutable form is the same type, made by `…CreateMutable…`; changing an immutable one, or passing null for a
+/// member, does nothing and returns false. Getters answer for a null container as for an empty one. A mutable container
+/// must not change while it is a key of a dictionary or a member of a set. One that comes to hold itself is only freed
+/// once that is undone.
 ///
-/// Getters lend; what they gave lives as long as the container holds it. Copies hold the same members, and a copy of an
+/// Getters lend: a value lives as long as the container holds it. Copies hold the same members, and a copy of an
 /// immutable container may be that container with one more reference. Copying null gives null.
 
 #ifndef VAULTRY_COLLECTIONS_H
@@ -29,7 +29,7 @@ TQ_EXPORT bool TQArrayContainsValue(const TQArray *array, const TQValue *value);
 TQ_EXPORT bool TQArrayAppendValue(TQArray *array, TQValue *value);
 
 TQ_EXPORT TQTypeID TQDictionaryGetTypeID(void);
-/// Keys are any values; of equal keys the last one's value stands. Null if one of the keys or values is null.
+/// Keys are any values; among equal keys the last one's value counts. Null if one of the keys or values is null.
 TQ_EXPORT TQDictionary *TQDictionaryCreate(TQValue *const *keys, TQValue *const *values, size_t count);
 /// Immutable, whatever `dictionary` is.
 TQ_EXPORT TQDictionary *TQDictionaryCreateCopy(const TQDictionary *dictionary);
@@ -46,14 +46,14 @@ TQ_EXPORT bool TQDictionarySetValue(TQDictionary *dictionary, TQValue *key, TQVa
 TQ_EXPORT bool TQDictionaryRemoveValue(TQDictionary *dictionary, const TQValue *key);
 
 TQ_EXPORT TQTypeID TQSetGetTypeID(void);
-/// Of equal values the first one is kept. Null if one of the values is null.
+/// Among equal values the first is kept. Null if one of the values is null.
 TQ_EXPORT TQSet *TQSetCreate(TQValue *const *values, size_t count);
 TQ_EXPORT TQSet *TQSetCreateMutable(void);
 TQ_EXPORT size_t TQSetGetCount(const TQSet *set);
 TQ_EXPORT bool TQSetContainsValue(const TQSet *set, const TQValue *value);
 /// Fills `values`, with room for the set's count, in insertion order.
 TQ_EXPORT void TQSetGetValues(const TQSet *set, TQValue **values);
-/// True too if an equal member is there already, which then stays.
+/// Also true if there is an equal member already, which then stays.
 TQ_EXPORT bool TQSetAddValue(TQSet *set, TQValue *value);
 /// True if it was a member.
 TQ_EXPORT bool TQSetRemoveValue(TQSet *set, const TQValue *value);

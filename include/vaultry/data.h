@@ -21,7 +21,7 @@ TQ_EXPORT TQData *TQDataCreate(const void *bytes, size_t length);
 /// @return null if memory ran out; the bytes then still belong to the caller.
 TQ_EXPORT TQData *TQDataCreateNoCopy(TQAllocator *allocator, void *bytes, size_t length, TQAllocator *bytesDeallocator);
 
-/// Good as long as the data; null for null.
+/// Valid as long as the data; null for null.
 TQ_EXPORT const void *TQDataGetBytes(const TQData *data);
 TQ_EXPORT size_t TQDataGetLength(const TQData *data);
 

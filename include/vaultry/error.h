@@ -1,5 +1,5 @@
 /// @file
-/// Error objects: a domain, a code, and at most a description and an underlying error. Immutable; any thread.
+/// Error objects: a domain, a code, and perhaps a description and an underlying error. Immutable; any thread.
 
 #ifndef VAULTRY_ERROR_H
 #define VAULTRY_ERROR_H
@@ -21,15 +21,15 @@ TQ_EXPORT extern TQString *const kTQErrorUnderlyingKey;
 
 TQ_EXPORT TQTypeID TQErrorGetTypeID(void);
 
-/// @param domain    Retained. Without one there is no error: null.
+/// @param domain    Retained. If it is null, so is the result.
 /// @param userInfo  May be null. Copied.
 TQ_EXPORT TQError *TQErrorCreate(TQString *domain, intptr_t code, const TQDictionary *userInfo);
 TQ_EXPORT TQString *TQErrorGetDomain(const TQError *error);
 TQ_EXPORT intptr_t TQErrorGetCode(const TQError *error);
 /// Null when there is none.
 TQ_EXPORT TQDictionary *TQErrorGetUserInfo(const TQError *error);
-/// The description; one made from domain and code where the error has none ("TQPOSIXErrorDomain error 2"). The
-/// caller owns it. Null for null.
+/// The description. If the error has none, one is made from domain and code ("TQPOSIXErrorDomain error 2"). The caller
+/// owns it. Null for null.
 TQ_EXPORT TQString *TQErrorCopyDescription(const TQError *error);
 /// The error underneath, or null.
 TQ_EXPORT TQError *TQErrorGetUnderlying(const TQError *error);

@@ -1,7 +1,7 @@
 /// @file
-/// Whole trees removed, and single attributes and flags of files.
+/// Removing whole trees, and reading and changing single attributes and flags of files.
 ///
-/// Stateless; any thread may call. Unless said otherwise a result is all that a function reports, with errno set on
+/// Stateless; any thread may call. Unless said otherwise a function reports its result alone, and sets errno on
 /// failure.
 
 #ifndef VAULTRY_FILESYSTEM_H
@@ -14,12 +14,12 @@
 
 TQ_BEGIN_DECLS
 
-/// Removes the item at `path`, a tree with all below it, write-protected and immutable items included. Links are
-/// removed as links. What is mounted inside, of another volume or of the same one, is neither entered nor changed; its
-/// mount point can't be removed, and that is a failure. What is mounted on `path` itself is emptied, and then fails the
-/// same way. What somebody else removes meanwhile is no failure, nor is a path at which there is nothing.
+/// Removes the item at `path` and everything below it, including write-protected and immutable items. Links are removed
+/// as links. A mount inside the tree, of another volume or of the same one, is neither entered nor changed; its mount
+/// point can't be removed, and so the call fails. A mount on `path` itself is emptied, and then the call fails in the
+/// same way. The call does not fail if somebody else removes an item meanwhile, or if there is nothing at `path`.
 ///
-/// Not transactional: it stops at the first failure, and what was removed before stays removed. If nothing was,
+/// Not transactional: it stops at the first failure, and what was removed before stays removed. If nothing was removed,
 /// the modes and flags that it changed on the way are put back.
 ///
 /// @param unused  Ignored; pass 0.
@@ -27,8 +27,8 @@ TQ_BEGIN_DECLS
 ///         kTQStatusPermissionDenied, a directory that can't be emptied kTQStatusBadPath).
 TQ_EXPORT bool _RemoveTree(const char *path, uintptr_t unused, TQError **error);
 
-/// Removes everything below a directory and keeps it, made writable for owner and group. What is not a directory
-/// is removed itself.
+/// Removes everything below a directory and keeps it, made writable for owner and group. An item that is not a
+/// directory is removed itself.
 TQ_EXPORT bool _RemoveSubTrees(const char *path, uintptr_t unused, TQError **error);
 
 /// Statistics of the volume that holds `path`; a final symbolic link is refused (ELOOP). 0 or -1.
@@ -51,7 +51,7 @@ TQ_EXPORT bool _SetCopyOnWrite(const char *path);
 TQ_EXPORT bool _UnsetCopyOnWrite(const char *path);
 
 /// The file manager's mark that the name's extension is not shown: bit 0x10 of byte 9 of the 32-byte attribute
-/// "com.corvane.NavvexInfo". Of an attribute of another size, false.
+/// "com.corvane.NavvexInfo". False if the attribute has another size.
 TQ_EXPORT bool TQFSFilenameExtensionIsHidden(const char *path);
 
 /// Sets or clears that mark and leaves every other bit alone. A failure is logged at level 3.

@@ -21,8 +21,8 @@ TQ_BEGIN_DECLS
 /// A data value that holds one pointer, the store's handle.
 typedef TQData TQLibrary;
 
-/// The building block of TQLibraryCreateClientManaged: a library object without a store. It is never to be released,
-/// and no operation may be called with it.
+/// The building block of TQLibraryCreateClientManaged: a library object without a store. Never release it, and never
+/// call an operation with it.
 TQ_EXPORT TQLibrary *TQLibraryAllocate(TQAllocator *allocator);
 
 /// The type of data values, which library objects are.
@@ -38,7 +38,7 @@ TQ_EXPORT TQTypeID TQLibraryGetTypeID(void);
 ///         kTQStatusNotSupported     a later version made the store
 TQ_EXPORT TQLibrary *TQLibraryCreateClientManaged(TQAllocator *allocator, const TQURL *storeURL, TQError **error);
 
-/// Removes a whole store, as TQClientManagedStorageDestroy. Library objects over it stay valid as objects.
+/// Removes a whole store, as TQClientManagedStorageDestroy does. Library objects of it stay valid as objects.
 TQ_EXPORT bool TQLibraryDestroyClientManaged(const TQURL *storeURL, TQError **error);
 
 /// Keeps the document at `document` as the generation `name`, and leaves it where it is.
@@ -61,7 +61,7 @@ TQ_EXPORT uint64_t TQLibraryGetGenerationOptions(TQLibrary *library, const TQStr
 /// Where a generation lies, for reading; owned by the caller. Null on failure.
 TQ_EXPORT TQURL *TQLibraryCopyURLForGeneration(TQLibrary *library, const TQString *name);
 
-/// Copies a generation to `destination`, where nothing may be (kTQStatusExists). The copy is not flushed to disk.
+/// Copies a generation to `destination`, which must not exist (kTQStatusExists). The copy is not flushed to disk.
 ///
 /// @return false with kTQStatusBadPath if `destination` is not a file URL; otherwise as
 ///         TQClientManagedStorageCopyGeneration.
@@ -106,21 +106,21 @@ TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, con
                                                          const TQDictionary *spec, TQError **error);
 
 /// Puts a generation in the place of a document, which keeps its own permissions, flags and hidden extension, and its
-/// owner and group where the caller may give them. Set-id bits are left out if it does not keep its owner, or its group;
-/// and a group that is not the document's may do no more with it than all others may.
+/// owner and group where the caller may give them. Set-id bits are left out if it does not keep its owner or its group.
+/// A group that is not the document's may do no more with it than all others may.
 ///
 /// The generation waits beside the document, under a name with "-tmp.nosync.", until it is whole, has the document's
 /// permissions and is on disk. Then the two are exchanged by one call, so that the document's path is never empty and
-/// never holds half of anything. The old document is removed last, and only if it is the item that was looked at
-/// first, of a file with the same size and modification time too; what is saved inside a folder meanwhile is not
-/// noticed. The removal is not flushed: a power cut right after a success can bring the old document back under such a
-/// name.
+/// never holds half of anything. The old document is removed last, and only if it is the item that was looked at first;
+/// a file must have the same size and modification time too. Changes that somebody saves inside a folder meanwhile are
+/// not noticed. The removal is not flushed: a power cut right after a success can bring the old document back under
+/// such a name.
 ///
 /// Where the volume can't exchange, two renames do the same, and the path is empty between them. If the process is
 /// killed there, the document lies under such a name, and the repair of TQClientManagedStorageCopyFindings puts it back.
 ///
 /// If the extensions of `name` and of the document differ, the restored document gets the generation's, and nothing
-/// may stand at that path (kTQStatusExists). A document that is a link is itself replaced, not what it leads to. Where
+/// may stand at that path (kTQStatusExists). If the document is a link, the link itself is replaced, not its target. If
 /// there is no document, the generation is copied to its path and flushed to disk.
 ///
 /// @param document    File URL of a file or a directory.
@@ -141,19 +141,19 @@ TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, con
 ///                                    underneath)
 ///         another                    what the failing system call reported
 ///
-/// Takes the store's lock for each of its steps, none for the whole. The document itself is not locked. The backup
-/// reports to the thread's current progress and can be cancelled through it.
+/// Takes the store's lock for each of its steps except the exchange, and none for the whole. The document itself is not
+/// locked. The backup reports to the thread's current progress and can be cancelled through it.
 TQ_EXPORT bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const TQURL *document,
                                           const TQString *backupName, TQError **error);
 
-/// Says that `document` is about to be replaced by what lies at `replacement`. Tests that both are file URLs; nothing
-/// is kept of it. Always false.
+/// Announces that the item at `replacement` is about to replace `document`. Tests that both are file URLs, and keeps
+/// nothing. Always false.
 TQ_EXPORT bool TQLibraryDocumentWillSafeSave(const TQURL *document, const TQURL *replacement);
 
-/// Says that a document has been replaced. Does nothing.
+/// Announces that a document has been replaced. Does nothing.
 TQ_EXPORT void TQLibraryDocumentDidSafeSave(const TQURL *document, const TQURL *replacement);
 
-/// Whether paths have generations: always false, with null in `paths`' out-slot.
+/// Whether paths have generations: always false.
 ///
 /// @param generations  Must be valid; gets null.
 TQ_EXPORT bool TQLibraryHasGenerationsForPaths(TQLibrary *library, const TQValue *paths, TQValue **generations);

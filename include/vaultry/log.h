@@ -12,8 +12,8 @@
 
 TQ_BEGIN_DECLS
 
-/// The threshold: a line is written if its level is not above it. 5 at first, so that level 3 is
-/// written and level 7 is not. Call sites test it; the functions below do not.
+/// The threshold: a line is written if its level is not above it. It is 5 at first, so that level 3 is written and
+/// level 7 is not. Call sites test it; the functions below do not.
 TQ_EXPORT extern int32_t tq_log_min_priority;
 
 /// Sets the threshold by one compare-and-swap; any value is taken. False if another thread changed it at the same
@@ -29,9 +29,9 @@ TQ_EXPORT void tq_log_msg(int level, const char *path, int line, const char *for
 /// The same from a string object that may hold "%@"; white space at both ends is cut off.
 TQ_EXPORT void _TQLogMsg(int level, const char *path, int line, const TQString *format, ...);
 
-/// What the lines of the calling thread show as their label; a leading "com.corvane." is not shown.
-/// Copied. Null takes it away: then the thread's own name stands there, if it was given one. The main thread's name
-/// is the process's, and never stands there.
+/// Sets the label that the lines of the calling thread show; a leading "com.corvane." is not shown. Copied. Null
+/// removes the label: then the thread's own name is shown, if it was given one. The main thread's name is the
+/// process's, and is never shown.
 TQ_EXPORT void TQSetThreadLabel(const char *label);
 
 TQ_END_DECLS

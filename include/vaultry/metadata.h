@@ -19,11 +19,11 @@ TQ_BEGIN_DECLS
 
 /// Sets an attribute of a generation's top item, or removes it when `value` is null or `size` 0. An absent
 /// attribute is removed successfully. A failed change leaves the old value, unless only flushing the new one to disk
-/// failed. What the functions below set is on disk in the same way when they return true.
+/// failed. When this function or one of those below returns true, the change is on disk.
 TQ_EXPORT bool _SetEAOnGeneration(const char *path, const char *name, const void *value, size_t size, TQError **error);
 
-/// A mutable dictionary that the caller owns; empty when the item has none. On failure null: bytes that are
-/// no property list give the parser's error, one that is no dictionary kTQStatusFailed.
+/// A mutable dictionary that the caller owns; empty when the item has none. Null on failure: bytes that are not a
+/// property list give the parser's error, a list that is not a dictionary kTQStatusFailed.
 TQ_EXPORT TQDictionary *TQCopyMutableInfoDictionary(const char *path, TQError **error);
 
 /// The value under `key`, owned by the caller; null with kTQStatusNoSuchAttribute when there is none.
@@ -32,17 +32,17 @@ TQ_EXPORT TQValue *TQCopyInfoValue(const char *path, const TQString *key, TQErro
 /// Adds or replaces a value; a null `value` removes the key (kTQStatusNoSuchAttribute when it isn't there).
 TQ_EXPORT bool TQSetInfoValue(const char *path, TQString *key, TQValue *value, TQError **error);
 
-/// Adds or replaces all of `values` in one write: whoever reads meanwhile, or after a kill, finds all of them or none.
+/// Adds or replaces all of `values` in one write: a reader finds all of them or none, also after a kill.
 TQ_EXPORT bool TQSetInfoValues(const char *path, const TQDictionary *values, TQError **error);
 
-/// Sets the display name, of at most 767 bytes and no zero (else kTQStatusInvalidArgument, and the old one stays); a
+/// Sets the display name, at most 767 bytes without a zero (else kTQStatusInvalidArgument, and the old one stays); a
 /// null or empty name removes it.
 TQ_EXPORT bool TQSetOriginalDisplayName(const char *path, const TQString *name, TQError **error);
 
 /// The display name, owned by the caller; null with kTQStatusNoSuchAttribute when there is none.
 TQ_EXPORT TQString *TQCopyOriginalDisplayName(const char *path, TQError **error);
 
-/// Stores the options word if any of the bits 0x1e is set, and else removes it, so that it reads back as 1.
+/// Stores the options word if any of the bits 0x1e is set; otherwise removes it, so that it reads back as 1.
 TQ_EXPORT bool TQSetGenerationOptions(const char *path, uint64_t options, TQError **error);
 
 /// The options word: 1 when none is stored, 0 when it can't be read or has the wrong size. Never logs.

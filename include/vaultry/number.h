@@ -1,5 +1,5 @@
 /// @file
-/// Numbers and booleans. Wherever a number is asked for, a boolean is one too: 0 or 1. Immutable; any thread.
+/// Numbers and booleans. A boolean counts as 0 or 1 wherever a number is asked for. Immutable; any thread.
 
 #ifndef VAULTRY_NUMBER_H
 #define VAULTRY_NUMBER_H
@@ -23,18 +23,18 @@ TQ_EXPORT TQTypeID TQBooleanGetTypeID(void);
 
 /// Numbers that the caller releases.
 TQ_EXPORT TQNumber *TQNumberCreateInt64(int64_t value);
-/// Kept as an int64_t where one holds it.
+/// Kept as an int64_t if that can hold it.
 TQ_EXPORT TQNumber *TQNumberCreateUInt64(uint64_t value);
 TQ_EXPORT TQNumber *TQNumberCreateDouble(double value);
 
 /// Whether `value` is a number or a boolean; false for null.
 TQ_EXPORT bool TQIsNumber(const TQValue *value);
 
-/// How the number is kept; kTQNumberInt64 for a boolean, and for what is no number.
+/// How the number is kept; kTQNumberInt64 for a boolean, and for a value that is not a number.
 TQ_EXPORT TQNumberKind TQNumberGetKind(const TQNumber *number);
 
-/// The value of a number or a boolean. What the wanted type can't hold becomes its nearest value, what is
-/// neither a number nor a boolean 0, and not-a-number 0.
+/// The value of a number or a boolean. A value that the wanted type can't hold becomes the nearest one that it can.
+/// Not-a-number becomes 0, and so does a value that is neither a number nor a boolean.
 TQ_EXPORT int64_t TQNumberGetInt64(const TQValue *number);
 TQ_EXPORT uint64_t TQNumberGetUInt64(const TQValue *number);
 TQ_EXPORT double TQNumberGetDouble(const TQValue *number);

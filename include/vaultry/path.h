@@ -1,9 +1,8 @@
 /// @file
 /// Paths, file URLs and generation names.
 ///
-/// A path is a string of bytes, unchanged, at most 1,023 of them wherever the library keeps one. A generation name is
-/// one path component that does not begin with "." and needs at most 254 bytes.
-/// All functions are reentrant.
+/// A path is a string of bytes, used unchanged; where the library keeps one, it has at most 1,023 bytes. A generation
+/// name is one path component that does not begin with "." and needs at most 254 bytes. All functions are reentrant.
 
 #ifndef VAULTRY_PATH_H
 #define VAULTRY_PATH_H
@@ -25,12 +24,12 @@ TQ_EXPORT TQString *tq_stringWithFileSystemRepresentation(const char *path);
 /// @return false with kTQStatusInvalidArgument and a message that says which rule failed.
 TQ_EXPORT bool validateTQName(const TQString *name, TQError **error);
 
-/// A file URL for `path` as it is, not marked as a directory, without a look at the disk. Not owned by
-/// the caller: it lives until the innermost deferred-release scope ends. Null for a null or empty path.
+/// A file URL for `path` as it is, not marked as a directory, made without looking at the disk. Not owned by the
+/// caller: it lives until the innermost deferred-release scope ends. Null for a null or empty path.
 TQ_EXPORT TQURL *tq_fileURLWithFileSystemRepresentation(const char *path);
 
-/// The path of `url`, a relative one of a file URL resolved against its base or else the current directory. Lives as
-/// long as the URL and the innermost deferred-release scope. Null if it has none, or one of 4,096 bytes or more.
+/// The path of `url`. A relative path of a file URL is resolved against its base or else the current directory. Lives
+/// as long as the URL and the innermost deferred-release scope. Null if it has none, or one of 4,096 bytes or more.
 TQ_EXPORT const char *tq_fileSystemRepresentation(const TQURL *url);
 
 /// Writes the absolute path of a file URL, resolved against its base.
@@ -57,11 +56,11 @@ TQ_EXPORT const char *TQGetFileNameForPath(const char *path);
 /// without "/", and for "".
 TQ_EXPORT char *_CopyParentDirectoryPath(const char *path);
 
-/// Makes `path` and every missing parent with `mode`, less what the process's umask takes, parents with owner write and
-/// search too. 0 also if the directory is there; else -1 with errno.
+/// Makes `path` and every missing parent with `mode`, less what the process's umask takes; parents also get owner write
+/// and search. 0 also if the directory is there already; else -1 with errno.
 TQ_EXPORT int TQRecursiveMkdir(const char *path, mode_t mode);
 
-/// Whether `name` neither begins with "." nor holds a "/". Nothing else is tested; null is no name.
+/// Whether `name` neither begins with "." nor holds a "/". Nothing else is tested. False for null.
 TQ_EXPORT bool TQValidateGenerationName(const char *name);
 
 /// Writes the name's file-system form into `buffer` of at least 255 bytes.

@@ -1,11 +1,11 @@
 /// @file
 /// Property lists, in the binary format, version 1.0.
 ///
-/// A property-list value is a string, number, boolean, data, date, array, or a dictionary with string keys. What was
-/// written is read back equal, and dictionaries keep their order.
+/// A property-list value is a string, number, boolean, data, date, array, or a dictionary with string keys. A value
+/// that was written is read back equal, and dictionaries keep their order.
 ///
-/// Every error is one that the caller releases, stored only on failure, and `error` may be null. Any thread, as long as
-/// nobody changes the value meanwhile.
+/// An error is stored only on failure, and the caller releases it; `error` may be null. Any thread, as long as nobody
+/// changes the value meanwhile.
 
 #ifndef VAULTRY_PLIST_H
 #define VAULTRY_PLIST_H
@@ -24,16 +24,15 @@ TQ_EXPORT TQData *TQPropertyListCreateData(TQValue *value, TQError **error);
 /// Parses bytes from anywhere, hostile ones included.
 ///
 /// A container that the bytes hold once and refer to in several places is one value in all of them, and takes no more
-/// memory than that. Whoever walks the result meets it at each place, which a few bytes from a stranger can make
+/// memory than that. A walk of the result meets it at each place, so a few bytes from a stranger can make that walk
 /// endless. TQEqual, TQHash and TQCopyDescription are safe with it.
 ///
 /// @param mutableContainers  Whether every array and dictionary, at any depth, can be changed. Then each place has a
 ///                           container of its own.
 /// @return null, and an error of kTQLibraryErrorDomain with code 1 that says what is wrong and where, if the bytes
-///         are not one whole property list, nest more than 512 deep, refer to themselves, hold a key twice, or
-///         copies of shared containers, which only mutable ones need, would take more than 4 MiB plus 32 times the
-///         size of `data`. Sets, unique identifiers and null are refused, because no property-list value stands for
-///         them.
+///         are not one whole property list, nest more than 512 deep, refer to themselves or hold a key twice, or if the
+///         copies of shared containers, which only mutable ones need, would take more than 4 MiB plus 32 times the size
+///         of `data`. Sets, unique identifiers and null are refused, because no property-list value stands for them.
 TQ_EXPORT TQValue *TQPropertyListCreateWithData(const TQData *data, bool mutableContainers, TQError **error);
 
 TQ_END_DECLS

@@ -37,11 +37,11 @@ TQ_EXPORT TQProgress *TQProgressCreateChild(TQProgress *parent, int64_t totalUni
 /// The current progress of this thread, or null.
 TQ_EXPORT TQProgress *TQProgressGetCurrent(void);
 
-/// Makes `progress` current on this thread and retains it until it resigns or the thread ends. Nests. Without memory
-/// to note it, it does not become current.
+/// Makes `progress` current on this thread and retains it until it resigns or the thread ends. Nests. If memory runs
+/// out, it does not become current.
 TQ_EXPORT void TQProgressBecomeCurrent(TQProgress *progress);
 
-/// Gives the place back to what was current before. Does nothing if `progress` is not current here.
+/// Makes the progress that was current before current again. Does nothing if `progress` is not current here.
 TQ_EXPORT void TQProgressResignCurrent(TQProgress *progress);
 
 /// How much there is to do, and how much of it is done; the library counts in bytes.
@@ -59,7 +59,8 @@ TQ_EXPORT void TQProgressSetUserInfo(TQProgress *progress, TQString *key, TQValu
 TQ_EXPORT TQString *TQProgressCopyKind(const TQProgress *progress);
 TQ_EXPORT void TQProgressSetKind(TQProgress *progress, TQString *kind);
 
-/// Whether cancelling has an effect: advice for whoever offers a button, set by the operation; false at first.
+/// Whether cancelling has an effect: the operation sets it, as advice for a client that offers a button. False at
+/// first.
 TQ_EXPORT bool TQProgressIsCancellable(const TQProgress *progress);
 TQ_EXPORT void TQProgressSetCancellable(TQProgress *progress, bool cancellable);
 
@@ -73,8 +74,8 @@ TQ_EXPORT bool TQProgressIsCancelled(const TQProgress *progress);
 /// Several threads may call it at once. It may use any progress object, but if it sets units it is called again.
 typedef void (*TQProgressObserver)(TQProgress *changed, void *context);
 
-/// One observer a progress; null takes it away. Set it before the operation begins, and keep `context` until after its
-/// end: a call that is already under way is not waited for.
+/// A progress has one observer; null removes it. Set it before the operation begins, and keep `context` until after its
+/// end: nobody waits for a call that is already under way.
 TQ_EXPORT void TQProgressSetObserver(TQProgress *progress, TQProgressObserver observer, void *context);
 
 TQ_END_DECLS

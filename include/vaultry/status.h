@@ -2,8 +2,8 @@
 /// Status codes, what they become as error objects, and the way back.
 ///
 /// Inside the library a failure is a status; a caller gets it as an error object through an optional last
-/// `TQError **`. On failure the out-parameter holds an error that the caller releases; on success it is
-/// not to be read. Null is always allowed and means that nobody wants to know.
+/// `TQError **`. On failure the out-parameter holds an error that the caller releases; on success it must not be read.
+/// Null is always allowed, for a caller that does not want the error.
 ///
 /// All functions are reentrant, keep no state, and leave errno as it was.
 
@@ -14,8 +14,8 @@
 
 TQ_BEGIN_DECLS
 
-/// Beside each status: the domain and code of its error object, and what TQErrorGetStatus reads back
-/// where that differs. Several are lopsided, and clients rely on them as they are.
+/// Beside each status: the domain and code of its error object, and what TQErrorGetStatus reads back if that differs.
+/// Several are lopsided, and clients rely on them as they are.
 enum {
     kTQStatusSuccess = 0,            ///< library 1; reads back as 101
     kTQStatusNoErrorCode = 100,      ///< yields no error object
@@ -41,8 +41,8 @@ TQ_EXPORT int32_t TQGetStatusForErrno(int errorNumber);
 /// For an error that the library does not know, 0, and "SHOULD NOT HAPPEN" in the log at level 3.
 TQ_EXPORT int32_t TQErrorGetStatus(const TQError *error);
 
-/// A new error object that the caller releases; null if `description` is not UTF-8 or memory ran out. Where memory only
-/// lacks for the description and `underlying`, an error without them.
+/// A new error object that the caller releases; null if `description` is not UTF-8 or memory ran out. If only the
+/// memory for the description and `underlying` is missing, an error without them.
 ///
 /// @param description  UTF-8; may be null.
 /// @param underlying   May be null; retained.

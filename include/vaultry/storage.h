@@ -14,8 +14,9 @@
 /// Every function that takes a name reports, beside its own statuses:
 ///     kTQStatusInvalidArgument  the name is not a generation name, or there is no such generation
 ///     kTQStatusBadPath          the generation's path would need 1,024 bytes or more
-/// and every function the status of a system call that fails (a store of another user: kTQStatusPermissionDenied).
-/// Null pointers for a store, name or path are refused with kTQStatusInvalidArgument or kTQStatusBadPath.
+/// Every function also reports the status of a system call that fails (a store of another user:
+/// kTQStatusPermissionDenied). Null pointers for a store, name or path are refused with kTQStatusInvalidArgument or
+/// kTQStatusBadPath.
 
 #ifndef VAULTRY_STORAGE_H
 #define VAULTRY_STORAGE_H
@@ -34,20 +35,20 @@ typedef struct TQClientManagedStorage TQClientManagedStorage;
 ///
 /// @return a handle for TQClientManagedStorageFree, or null:
 ///         kTQStatusBadPath          not an existing directory, too long, or the store's own files can't be made
-///         kTQStatusInvalidArgument  it is no store yet, and would lie in one
+///         kTQStatusInvalidArgument  it is not a store yet, and would lie in one
 ///         kTQStatusNotSupported     a later version made the store: its lock file is not empty
 TQ_EXPORT TQClientManagedStorage *TQClientManagedStorageCreate(const char *rootPath, TQError **error);
 
 /// Frees a handle; null does nothing. The store on disk is not touched.
 TQ_EXPORT void TQClientManagedStorageFree(TQClientManagedStorage *store);
 
-/// Removes a whole store, its directory included, whatever its protection; and any other directory or file, too: a
-/// client looks first. Takes no lock, and flushes nothing to disk. A document that a killed move left in the staging
-/// area goes with the store: TQClientManagedStorageCopyFindings tells whether there is one.
+/// Removes a whole store, including its directory, whatever its protection. It would remove any other directory or file
+/// too, so a client looks first. Takes no lock, and flushes nothing to disk. A document that a killed move left in the
+/// staging area goes with the store: TQClientManagedStorageCopyFindings tells whether there is one.
 ///
-/// True also if there is nothing at the path, or somebody else destroys it at the same time. Cut short, it leaves parts
-/// of generations and, as long as there is anything else, the lock file; called again, it takes them. A store that a
-/// later version made is refused (kTQStatusNotSupported).
+/// True also if there is nothing at the path, or somebody else destroys it at the same time. If it is cut short, it
+/// leaves parts of generations and, as long as there is anything else, the lock file; the next call removes them. A
+/// store that a later version made is refused (kTQStatusNotSupported).
 TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **error);
 
 /// Adds the item at `source` to the store as the generation `name`.
@@ -55,8 +56,8 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 /// The generation appears whole or not at all: it is built in the staging area and moved into place by one rename,
 /// so no reader ever lists half of it or finds it writable. An existing generation is never replaced.
 ///
-/// Attributes of the store's own names that the document has are kept if they are well-formed: an info dictionary and a
-/// display name for the generation, and the record of permissions as TQAddPathAsGeneration says. A damaged info
+/// If the document has attributes with the store's own names, they are kept if they are well-formed: an info dictionary
+/// and a display name for the generation, and the record of permissions as TQAddPathAsGeneration says. A damaged info
 /// dictionary or display name is left out.
 ///
 /// @param source   Absolute path of a file or a directory tree.
@@ -65,7 +66,8 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 ///                 generation stays. If it can't be given back, it waits in the staging area for the
 ///                 repair of TQClientManagedStorageCopyFindings, and a line of the log at level 3 says where.
 /// @return true once the generation is on disk, and would survive a power cut. If only the options could not be stored,
-///         or not all of it be flushed in the end, false, and the generation stays. Otherwise nothing was added:
+///         or not all of it could be flushed in the end, the result is false, and the generation stays. Otherwise
+///         nothing was added:
 ///         kTQStatusExists           the store has a generation of that name
 ///         kTQStatusInvalidArgument  also: `source` contains the store; or, when moving, lies in a store
 ///         kTQStatusNotSupported     the tree holds a FIFO, a socket or a device
@@ -73,7 +75,7 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 ///                                   moving, is not all on the store's volume
 ///         kTQStatusFailed           also, when moving: something is mounted in the tree (EBUSY underneath)
 ///
-/// Exclusive lock. Reports to the thread's current progress and can be cancelled through it, when copying.
+/// Exclusive lock. When copying, it reports to the thread's current progress and can be cancelled through it.
 TQ_EXPORT bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *name, const char *source,
                                          uint64_t options, TQError **error, bool copy);
 
@@ -81,11 +83,11 @@ TQ_EXPORT bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, co
 TQ_EXPORT TQURL *TQClientManagedStorageCopyURLForGeneration(const TQClientManagedStorage *store, const char *name,
                                                             TQError **error);
 
-/// The options word; 0 on failure too, which only the error tells. Shared lock.
+/// The options word; also 0 on failure, which only the error shows. Shared lock.
 TQ_EXPORT uint64_t TQClientManagedStorageGetGenerationOptions(const TQClientManagedStorage *store, const char *name,
                                                               TQError **error);
 
-/// Stores the options word, on disk on return; one without any of the bits 0x1e reads back as 1. Exclusive lock.
+/// Stores the options word. A word without any of the bits 0x1e reads back as 1. On disk on return. Exclusive lock.
 TQ_EXPORT bool TQClientManagedStorageSetGenerationOptions(const TQClientManagedStorage *store, const char *name,
                                                           uint64_t options, TQError **error);
 
@@ -106,10 +108,10 @@ TQ_EXPORT TQValue *TQClientManagedStorageCopyGenerationInfoValueForKey(const TQC
 TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValueForKey(const TQClientManagedStorage *store, const char *name,
                                                                   TQString *key, TQValue *value, TQError **error);
 
-/// Adds or replaces several values at once: readers find all of them or none, and so does whoever comes after a kill.
-/// On disk on return, for one flush. Exclusive lock.
+/// Adds or replaces several values at once: a reader finds all of them or none, also after a kill. On disk on return,
+/// with one flush. Exclusive lock.
 ///
-/// @param values  Strings to values; kTQStatusInvalidArgument for none at all.
+/// @param values  Strings mapped to values; kTQStatusInvalidArgument if there are none.
 TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValues(const TQClientManagedStorage *store, const char *name,
                                                              const TQDictionary *values, TQError **error);
 
@@ -118,7 +120,7 @@ TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValues(const TQClientManag
 TQ_EXPORT TQString *TQClientManagedStorageCopyGenerationOriginalDisplayName(const TQClientManagedStorage *store,
                                                                             const char *name, TQError **error);
 
-/// Sets the original display name, of at most 767 bytes and no zero (else kTQStatusInvalidArgument, and the old one
+/// Sets the original display name, at most 767 bytes without a zero (else kTQStatusInvalidArgument, and the old one
 /// stays); null or "" removes it. On disk on return. Exclusive lock.
 TQ_EXPORT bool TQClientManagedStorageSetGenerationOriginalDisplayName(const TQClientManagedStorage *store,
                                                                       const char *name, const TQString *displayName,
@@ -130,8 +132,8 @@ TQ_EXPORT bool TQClientManagedStorageSetGenerationOriginalDisplayName(const TQCl
 /// @param stagedPath  Buffer of 1,024 bytes; gets the path of the copy. The copy belongs to the caller until
 ///                    TQClientManagedStorageCopyOutDone is called with this path. A repair removes it when nothing in
 ///                    it has changed for an hour.
-/// @param mode        What the copy's top item is to be given in the end,
-/// @param flags       and its flags; until then it is left changeable, a directory for all who can reach it.
+/// @param mode        Gets the mode that the client gives the copy's top item in the end,
+/// @param flags       and its flags. Until then the item stays changeable, a directory for everybody who can reach it.
 ///
 /// Shared lock.
 TQ_EXPORT bool TQClientManagedStorageCopyOut(const TQClientManagedStorage *store, const char *name, char *stagedPath,
@@ -150,8 +152,8 @@ TQ_EXPORT bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage
                                                     const char *destination, TQError **error);
 
 /// Removes generations by name, in order; a name that has no generation is passed over. On disk on return. Works on a
-/// disk without room, too, and where a folder can't be renamed (one of an overlay's lower layer): there alone it may be
-/// deleted as it stands, and a failure or a kill leave part of it under its name, to be removed again.
+/// full disk too, and where a folder can't be renamed (one of an overlay's lower layer). Only there a generation may be
+/// deleted where it stands, and a failure or a kill may leave part of it under its name, to be removed again.
 ///
 /// @param names  Strings; the empty one is refused.
 /// @return false at the first failure; those before it stay removed, those after it are not looked at.
@@ -162,8 +164,8 @@ TQ_EXPORT bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStor
 
 /// The names of all generations, strings in no particular order, in an array that the caller owns. Shared lock.
 ///
-/// Where reading the store's directory fails on the way, the names so far are returned as if they were all. A client
-/// that has to be sure reads the directory itself as well; names that begin with "." are none of a generation.
+/// If reading the store's directory fails half-way, the names read so far are returned as if they were all. A client
+/// that has to be sure reads the directory itself as well; names that begin with "." are not those of generations.
 ///
 /// @return null with kTQStatusFailed if a name in the store is not UTF-8.
 TQ_EXPORT TQArray *TQClientManagedStorageCopyGenerationNames(const TQClientManagedStorage *store, TQError **error);
@@ -172,9 +174,9 @@ TQ_EXPORT TQArray *TQClientManagedStorageCopyGenerationNames(const TQClientManag
 /// "URL", "ODN" (the original display name, where there is one) and "info" (the info dictionary). The caller owns it.
 ///
 /// @param name  Neither validated nor looked for: a name without a generation gives a record of what can be told.
-/// @param spec  May be null, which is an empty one. "fields" is a dictionary of numbers (or booleans):
-///              "URL", "options", and "ODN", which selects display name and info together. Without
-///              "fields" everything is selected; in one, what is absent is off.
+/// @param spec  May be null, which counts as empty. "fields" is a dictionary of numbers (or booleans): "URL",
+///              "options", and "ODN", which selects display name and info together. Without "fields" everything is
+///              selected; with it, only the keys that are there and true.
 /// @return null with kTQStatusInvalidType for a value of the wrong type, kTQStatusBadPath for a path that is too
 ///         long, or what reading the metadata reported. Shared lock.
 TQ_EXPORT TQDictionary *TQClientManagedStorageCopyGenerationInfos(const TQClientManagedStorage *store,
@@ -187,42 +189,43 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyGenerationInfos(const TQClient
 ///
 /// @param spec  May be null. Beside "fields": "withOptions", a number: only generations that share a bit with it, or
 ///              all for 0; 31 when absent. "withoutOptions", a number: none that shares a bit with it. "clients", an
-///              array of strings: only these groups. Of a mask all 64 bits count.
-/// @return null as above; a query that fails for one generation fails whole. But where reading the store's directory
-///         fails on the way, the generations so far are returned as if they were all: see
-///         TQClientManagedStorageCopyGenerationNames. Shared lock: the result is one moment of the store.
+///              array of strings: only these groups. All 64 bits of a mask count.
+/// @return null as above; a query that fails for one generation fails as a whole. But if reading the store's directory
+///         fails half-way, the generations read so far are returned as if they were all: see
+///         TQClientManagedStorageCopyGenerationNames. Shared lock: the result shows the store at one moment.
 TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQClientManagedStorage *store,
                                                                       const TQDictionary *spec, TQError **error);
 
-/// Verifies what a store promises, and says where it is not so. Looking changes nothing, so that all is reported that
-/// TQClientManagedStorageCreate would mend.
+/// Verifies that a store is as it should be, and reports where it is not. Looking changes nothing, so it also reports
+/// everything that TQClientManagedStorageCreate would mend.
 ///
-/// Looked at: the root's protection, the lock file, the staging area and what killed operations left in it, every item
+/// It looks at the root's protection, the lock file, the staging area and what killed operations left in it, every item
 /// of every generation (write-protected, with a well-formed record of its permissions; "._" files are exempt), the
-/// attributes of generations, what killed restores noted that they put beside documents, and whatever else has a
-/// placeholder's name beside a document that a generation names in its info dictionary under "vaultry.document".
-/// What a living operation works on is no finding: each holds a lock in its staging directory. Only a copy for a client
-/// is always one, since nobody holds a lock for it.
+/// attributes of generations, the items that killed restores noted to have put beside documents, and any other item
+/// with a placeholder's name beside a document that a generation names in its info dictionary under "vaultry.document".
+/// An item that a living operation works on is not a finding: each operation holds a lock in its staging directory.
+/// Only a copy for a client is always a finding, since nobody holds a lock for it.
 ///
 /// @param repair  Also mends what is safe to mend. Protection is put back on the root and on items that carry the
 ///                record of their permissions. A missing lock file or staging directory is made. What a dead operation
-///                left in staging is removed, whatever its age; a copy for a client, and a directory that does not say
-///                whose it is, when nothing in it has changed for an hour by the volume's clock. A document that a
-///                killed move left in staging, or a killed restore beside its path, is put back if nothing is there;
-///                the copy that it left beside the document, and the old document beside the restored one, are removed
-///                if both are what it noted. What was moved or restored on another machine is left to a repair there.
-///                Root follows the note of somebody else's store only where the store's owner could have done the same.
-///                Everything else is reported and left alone; generations' contents are never touched.
+///                left in staging is removed, whatever its age. A copy for a client, and a directory that does not say
+///                whose it is, are removed when nothing in them has changed for an hour by the volume's clock. A
+///                document that a killed move left in staging, or a killed restore beside its path, is put back if
+///                nothing is there. The copy that a killed restore left beside the document, and the old document
+///                beside the restored one, are removed if both are what the restore noted. What was moved or restored
+///                on another machine is left to a repair there. Root follows the note of somebody else's store only
+///                where the store's owner could have done the same. Everything else is reported and left alone;
+///                generations' contents are never touched.
 /// @return an array that the caller owns, empty when all is well, of dictionaries: "path" (data: the bytes of the
 ///         path), "kind" (a string of lower-case words that a program can tell apart), "meaning" (a string for people),
-///         "mended" (a boolean), and for a document that is not where it belongs "home" (data: the path where it does).
-///         Null with an error:
-///         kTQStatusBadPath       what is not a directory, or has neither a lock file nor a staging directory and so is
-///                                no store
+///         "mended" (a boolean), and, for a document that is not where it belongs, "home" (data: the path where it
+///         belongs). Null with an error:
+///         kTQStatusBadPath       not a directory; or one that is not a store, since it has neither a lock file nor a
+///                                staging directory
 ///         kTQStatusNotSupported  a later version made the store
 ///
-/// Shared lock, exclusive with `repair`. Looking goes on without one where the lock file is missing or can't be read;
-/// repairing makes or mends it first, and mends nothing where something else stands in its place.
+/// Shared lock, exclusive with `repair`. Looking goes on without a lock if the lock file is missing or can't be read.
+/// Repairing first makes or mends the lock file, and mends nothing if something else stands in its place.
 TQ_EXPORT TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, TQError **error);
 
 TQ_END_DECLS

@@ -18,11 +18,11 @@ TQ_EXPORT TQTypeID TQStringGetTypeID(void);
 /// Null if `utf8` is null or not valid UTF-8 (overlong forms and surrogates are not).
 TQ_EXPORT TQString *TQStringCreate(const char *utf8);
 
-/// The same of `length` bytes, which may contain zeros; `bytes` may be null when `length` is 0.
+/// The same from `length` bytes, which may contain zeros; `bytes` may be null when `length` is 0.
 TQ_EXPORT TQString *TQStringCreateWithBytes(const void *bytes, size_t length);
 
 /// printf's conversions, and "%@" for a counted value, which gives its description. "%@", "%s" and "%ls" give
-/// "(null)" for null. A width or precision counts bytes, and a precision never leaves a part of a character.
+/// "(null)" for null. A width or precision counts bytes, and a precision never cuts a character.
 ///
 /// Null if the result, a "%s" or "%c" argument included, is not valid UTF-8, or if `format` holds a conversion that
 /// printf does not know; "%n" and positional arguments ("%1$d") are refused. Leaves errno as it was.
@@ -38,14 +38,14 @@ TQ_EXPORT size_t TQStringGetLength(const TQString *string);
 /// The UTF-16 unit at `index`; 0 when there is none. Takes time in proportion to `index` unless the string is ASCII.
 TQ_EXPORT uint16_t TQStringGetCharacterAtIndex(const TQString *string, size_t index);
 
-/// Zero-terminated, and good as long as the string. Null for null.
+/// Zero-terminated, and valid as long as the string. Null for null.
 TQ_EXPORT const char *TQStringGetUTF8(const TQString *string);
 
-/// In bytes, the terminating zero not counted.
+/// In bytes, without the terminating zero.
 TQ_EXPORT size_t TQStringGetUTF8Length(const TQString *string);
 
-/// Writes the path's bytes and a zero; false, with nothing promised of the buffer, if they need more
-/// than `capacity` bytes or the string holds a zero (no path does).
+/// Writes the path's bytes and a zero. False if they need more than `capacity` bytes or the string holds a zero (no
+/// path does); the buffer may then hold anything.
 TQ_EXPORT bool TQStringGetFileSystemRepresentation(const TQString *string, char *buffer, size_t capacity);
 
 TQ_END_DECLS

@@ -8,10 +8,10 @@
 /// without a mutable form never changes, so any thread may read it; a mutable array, dictionary
 /// or set belongs to one thread at a time.
 ///
-/// A null value is nothing everywhere: it can be retained and released, equals only null, hashes
-/// to 0 and has the type 0. Creating functions give null, and changing ones false, when memory runs out;
-/// nothing has changed then. In a debug build of the library a pointer that is no value, a freed value, or one of
-/// another kind than the function is for, stops the process; otherwise one of another kind counts as null.
+/// Null is allowed everywhere: it can be retained and released, equals only null, hashes to 0 and has the type 0.
+/// Creating functions give null, and changing ones false, when memory runs out; nothing has changed then. A debug build
+/// of the library stops the process if it is given a pointer that is not a value, a freed value, or a value of another
+/// kind than the function takes. In other builds a value of another kind counts as null.
 
 #ifndef VAULTRY_VALUE_H
 #define VAULTRY_VALUE_H
@@ -29,24 +29,24 @@ TQ_EXPORT void TQRelease(TQValue *value);
 /// The kind of `value`, to be compared with `TQStringGetTypeID()` and its siblings.
 TQ_EXPORT TQTypeID TQGetTypeID(const TQValue *value);
 
-/// Equality by value. Numbers compare by what they stand for (1 and 1.0 are equal), not-a-number equals itself, a
-/// boolean never equals a number. Two containers are equal when their members are; two values of different
-/// kinds never are. Allocators and progress objects equal only themselves. Different containers that nest more
-/// than 1,024 deep count as different; those that hold themselves can be compared.
+/// Equality by value. Numbers compare by their value (1 and 1.0 are equal), not-a-number equals itself, a boolean never
+/// equals a number. Two containers are equal when their members are; two values of different kinds never are.
+/// Allocators and progress objects equal only themselves. Different containers that nest more than 1,024 deep count as
+/// different; those that hold themselves can be compared.
 TQ_EXPORT bool TQEqual(const TQValue *a, const TQValue *b);
 
 /// Equal values have equal hashes in one process; in another one they differ.
 TQ_EXPORT uintptr_t TQHash(const TQValue *value);
 
-/// Text for people and logs, of any kind: a string is itself, a container lists its members. The caller
-/// owns it. Not to be parsed.
+/// Text about any kind of value, for people and logs: a string is its own text, a container lists its members. The
+/// caller owns it. Don't parse it.
 TQ_EXPORT TQString *TQCopyDescription(const TQValue *value);
 
 // --- deferred release
 
-/// Hands the caller's reference of `value` to the innermost open scope of this thread, which
-/// gives it back when it is popped; with no scope open, when the thread ends (the end of the process releases
-/// nothing). Returns `value`, or null if there was no memory to note it; it is released at once then.
+/// Hands the caller's reference of `value` to the innermost open scope of this thread, which gives it back when it is
+/// popped. If no scope is open, it is given back when the thread ends (the end of the process releases nothing).
+/// Returns `value`, or null if there was no memory to note it; then it is released at once.
 TQ_EXPORT TQValue *TQDefer(TQValue *value);
 
 /// Opens a scope for this thread. Scopes nest; every push is matched by one pop, on the same thread, with the
@@ -68,8 +68,8 @@ typedef void (*TQAllocatorDeallocateCallback)(void *pointer, void *info);
 /// Called to learn how many bytes a request for `size` would really get.
 typedef size_t (*TQAllocatorPreferredSizeCallback)(size_t size, void *info);
 
-/// How an allocator works. Every callback may be null: what it would do is then not done, and no memory is given.
-/// No callback may throw.
+/// How an allocator works. Every callback may be null: its work is then not done, and no memory is given. No callback
+/// may throw.
 typedef struct TQAllocatorContext {
     int64_t version;                                ///< 0
     void *info;                                     ///< handed to every callback
@@ -82,7 +82,7 @@ typedef struct TQAllocatorContext {
     TQAllocatorPreferredSizeCallback preferredSize;
 } TQAllocatorContext;
 
-/// Takes and gives memory from and to the C heap; what null stands for wherever an allocator is asked for.
+/// The C heap. Null stands for it wherever an allocator is asked for.
 TQ_EXPORT extern TQAllocator *const kTQAllocatorDefault;
 
 /// Gives nothing and takes nothing back: for bytes that outlive the value made over them.
@@ -102,7 +102,7 @@ TQ_EXPORT void *TQAllocatorAllocate(TQAllocator *allocator, size_t size);
 /// `pointer` asks for a new block, and the size 0 gives the block back and returns null.
 TQ_EXPORT void *TQAllocatorReallocate(TQAllocator *allocator, void *pointer, size_t size);
 
-/// Gives a block back. A null `pointer` is nothing, and the callback does not hear of it.
+/// Gives a block back. For a null `pointer` it does nothing and calls no callback.
 TQ_EXPORT void TQAllocatorDeallocate(TQAllocator *allocator, void *pointer);
 
 /// How many bytes a request for `size` would get: `size`, unless the allocator says otherwise.

@@ -1,5 +1,5 @@
 /// @file
-/// Everything at once. A client starts with library.h, and with storage.h where it wants every error.
+/// Everything at once. A client starts with library.h, or with storage.h if it wants every error.
 
 #ifndef VAULTRY_VAULTRY_H
 #define VAULTRY_VAULTRY_H

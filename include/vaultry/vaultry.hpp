@@ -4,17 +4,18 @@
 /// Everything here is inline and calls the C functions; storage.h and library.h tell what each operation does, what it
 /// locks and which statuses it fails with. Both can be mixed: every handle gives its C pointer by get().
 ///
-/// Failures. What can fail gives a Result: test it, then use `*result` or `result->`, or ask for an exception
-/// by `result.value()`. Nothing else throws, except that std::bad_alloc may come from wherever text is copied.
+/// Failures. A function that can fail gives a Result: test it, then use `*result` or `result->`, or ask for an
+/// exception by `result.value()`. Nothing else throws, except that std::bad_alloc may come from wherever text is
+/// copied.
 ///
 ///     if (auto store = vaultry::Store::open("versions"); !store)
 ///         std::cerr << store.error().description() << '\n';
 ///     else if (auto kept = store->add("first draft", "letter.txt"); !kept)
 ///         std::cerr << kept.error().description() << '\n';
 ///
-/// Paths may be relative; they are resolved when a function is called. Names and keys are UTF-8. What C reads as "none"
-/// when it is null, such as a value to set or the name of a backup, is never taken from text that could not be
-/// converted: that fails with kTQStatusInvalidArgument, and so does a name with a zero byte in it.
+/// Paths may be relative; they are resolved when a function is called. Names and keys are UTF-8. In C some arguments
+/// may be null for "none", such as a value to set or the name of a backup. Text that can't be converted never stands
+/// for "none": it fails with kTQStatusInvalidArgument, and so does a name with a zero byte in it.
 ///
 /// Threads. Handles are like std::shared_ptr: a copy is one more reference to the same thing, which any number of
 /// threads may use, while one handle that is assigned to belongs to one thread at a time. A moved-from or
@@ -45,8 +46,8 @@ namespace vaultry {
 
 // --- counted values
 
-/// How a handle comes by its reference: it takes over the caller's, as of what a `Create` or `Copy` function gave;
-/// or it adds one of its own, as to what a `Get` function lent.
+/// How a handle gets its reference. It takes over the caller's, which a `Create` or `Copy` function gave; or it adds
+/// one of its own to a value that a `Get` function lent.
 struct Adopt {};
 struct Retain {};
 inline constexpr Adopt adopt{};
@@ -70,7 +71,7 @@ public:
     }
     ~Handle() { TQRelease(counted_); }
 
-    /// Lent: good as long as this handle, or another one, holds the value.
+    /// Lent: valid as long as this handle, or another one, holds the value.
     Counted *get() const noexcept { return counted_; }
     explicit operator bool() const noexcept { return counted_ != nullptr; }
 
@@ -109,14 +110,14 @@ public:
     Value(const char *utf8) noexcept;
     Value(std::chrono::system_clock::time_point time) noexcept;
 
-    /// The same value as the kind that it is; null if it is of another kind.
+    /// The same value as a `Kind`; null if it is of another kind.
     template <class Kind> Kind as() const noexcept
     {
         return Kind::is(get()) ? Kind(static_cast<typename Kind::Counted *>(get()), retain) : Kind();
     }
 };
 
-/// Text. Null if it was made of what is not UTF-8.
+/// Text. Null if it was made from bytes that are not UTF-8.
 class String : public Handle<TQString> {
 public:
     using Handle::Handle;
@@ -128,7 +129,7 @@ public:
 
     static bool is(const TQValue *value) noexcept { return value && TQGetTypeID(value) == TQStringGetTypeID(); }
 
-    /// Good as long as the string; empty for null.
+    /// Valid as long as the string; empty for null.
     std::string_view view() const noexcept
     {
         return *this ? std::string_view(TQStringGetUTF8(get()), TQStringGetUTF8Length(get())) : std::string_view();
@@ -139,7 +140,7 @@ private:
     String(std::string_view text, int) noexcept : Handle(TQStringCreateWithBytes(text.data(), text.size()), adopt) {}
 };
 
-/// A number, or a boolean, which is one wherever a number is asked for.
+/// A number, or a boolean, which counts as one wherever a number is asked for.
 class Number : public Handle<TQNumber> {
 public:
     using Handle::Handle;
@@ -151,7 +152,7 @@ public:
     static bool is(const TQValue *value) noexcept { return TQIsNumber(value); }
     bool is_boolean() const noexcept { return *this && TQGetTypeID(get()) == TQBooleanGetTypeID(); }
 
-    /// What the wanted type can't hold becomes its nearest value; 0 for null.
+    /// A value that the wanted type can't hold becomes the nearest one that it can; 0 for null.
     std::int64_t to_int64() const noexcept { return TQNumberGetInt64(get()); }
     std::uint64_t to_uint64() const noexcept { return TQNumberGetUInt64(get()); }
     double to_double() const noexcept { return TQNumberGetDouble(get()); }
@@ -171,7 +172,7 @@ private:
     }
 };
 
-/// Bytes that somebody else owns. A contiguous range, and so whatever takes one, std::span for instance, takes it.
+/// Bytes that somebody else owns. It is a contiguous range, so std::span and others that take one accept it.
 class ByteView {
 public:
     ByteView(const void *bytes, std::size_t size) noexcept : data_(static_cast<const std::byte *>(bytes)), size_(size)
@@ -187,13 +188,13 @@ private:
     std::size_t size_;
 };
 
-/// Bytes, copied when made. Of a path that is not UTF-8, for one: `Data(path.native())`.
+/// Bytes, copied when made; for example a path that may not be UTF-8: `Data(path.native())`.
 class Data : public Handle<TQData> {
 public:
     using Handle::Handle;
     Data(const void *bytes, std::size_t size) noexcept : Handle(TQDataCreate(bytes, size), adopt) {}
     explicit Data(std::string_view bytes) noexcept : Data(bytes.data(), bytes.size()) {}
-    /// Of std::vector<std::byte>, std::span and their like.
+    /// From std::vector<std::byte>, std::span and the like.
     template <class Bytes, class Element = std::remove_pointer_t<decltype(std::declval<const Bytes &>().data())>,
               std::enable_if_t<std::is_trivially_copyable_v<Element>, int> = 0>
     explicit Data(const Bytes &bytes) noexcept : Data(bytes.data(), bytes.size() * sizeof(Element))
@@ -202,7 +203,7 @@ public:
 
     static bool is(const TQValue *value) noexcept { return value && TQGetTypeID(value) == TQDataGetTypeID(); }
 
-    /// Good as long as the data.
+    /// Valid as long as the data.
     ByteView bytes() const noexcept { return {TQDataGetBytes(get()), TQDataGetLength(get())}; }
     /// The bytes in a string, whatever they are.
     std::string str() const { return std::string(static_cast<const char *>(TQDataGetBytes(get())), bytes().size()); }
@@ -221,7 +222,7 @@ public:
     static bool is(const TQValue *value) noexcept { return value && TQGetTypeID(value) == TQDateGetTypeID(); }
 
     double seconds() const noexcept { return TQDateGetSeconds(get()); }
-    /// The nearest moment that the clock can tell; its epoch for null and for what is no number.
+    /// The nearest moment that the clock can represent; its epoch for null and for not-a-number.
     Clock::time_point time() const noexcept
     {
         using Seconds = std::chrono::duration<double>;
@@ -249,7 +250,7 @@ public:
     {
         return URL(TQURLCreateWithFileSystemPath(path.c_str(), isDirectory), adopt);
     }
-    /// Null if `text` is no URL.
+    /// Null if `text` is not a URL.
     static URL parse(const String &text, const URL &base = {}) noexcept
     {
         return URL(TQURLCreateWithString(text.get(), base.get()), adopt);
@@ -258,7 +259,7 @@ public:
     static bool is(const TQValue *value) noexcept { return value && TQGetTypeID(value) == TQURLGetTypeID(); }
     bool is_file() const noexcept { return TQURLIsFileURL(get()); }
     std::string str() const { return String(TQURLCopyString(get()), adopt).str(); }
-    /// Absolute; empty if it is not a file URL, and where the path needs 1,024 bytes or more.
+    /// Absolute; empty if it is not a file URL or the path needs 1,024 bytes or more.
     std::filesystem::path path() const
     {
         char buffer[1024];
@@ -320,8 +321,8 @@ public:
     using Handle::Handle;
     using Item = std::pair<Value, Value>;
 
-    /// `Dictionary::of({{"pages", 12}, {"author", "me"}, {"printed", true}})`. Of equal keys the last one's value
-    /// stands. Null if a key or a value is null.
+    /// `Dictionary::of({{"pages", 12}, {"author", "me"}, {"printed", true}})`. Among equal keys the last one's value
+    /// counts. Null if a key or a value is null.
     static Dictionary of(std::initializer_list<std::pair<String, Value>> items)
     {
         std::vector<TQValue *> keys, values;
@@ -354,7 +355,7 @@ public:
 
 // --- failures
 
-/// Why something failed; null where nothing did.
+/// Why something failed; null if nothing did.
 class Error : public Handle<TQError> {
 public:
     using Handle::Handle;
@@ -367,7 +368,7 @@ public:
 
     static bool is(const TQValue *value) noexcept { return value && TQGetTypeID(value) == TQErrorGetTypeID(); }
 
-    /// One of kTQStatus…. Ask for it only of errors that an operation gave: status.h tells what it does with others.
+    /// One of kTQStatus…. Only for errors that an operation gave: status.h tells what happens to others.
     std::int32_t status() const noexcept { return *this ? TQErrorGetStatus(get()) : 0; }
     std::intptr_t code() const noexcept { return TQErrorGetCode(get()); }
     String domain() const noexcept { return String(TQErrorGetDomain(get()), retain); }
@@ -386,7 +387,7 @@ private:
     Error error_;
 };
 
-/// A value, or the error that it was not to be had for.
+/// A value, or the error that explains why there is none.
 template <class T> class [[nodiscard]] Result {
 public:
     Result(T value) : value_(std::move(value)) {}
@@ -396,7 +397,7 @@ public:
     /// Null on success.
     Error error() const noexcept { return error_; }
 
-    /// Only after a test.
+    /// Use these only after a test.
     T &operator*() & { return *value_; }
     const T &operator*() const & { return *value_; }
     T operator*() && { return *std::move(value_); }
@@ -420,7 +421,7 @@ private:
     Error error_;
 };
 
-/// Done, or the error that kept it from being done.
+/// Success, or the error that prevented it.
 template <> class [[nodiscard]] Result<void> {
 public:
     Result() noexcept = default;
@@ -438,16 +439,16 @@ private:
     Error error_;
 };
 
-/// What connects the two worlds; not for clients.
+/// The connection between C and C++; not for clients.
 namespace detail {
 
-// A zero byte would end a name early, and so make it another one. "." is no generation's name.
+// A zero byte would end a name early, and so make it another name. "." is never a generation's name.
 inline std::string name(std::string_view name)
 {
     return std::string(name.find('\0') == name.npos ? name : ".");
 }
 
-// Absolute; empty, which the library refuses, for what can't be a path.
+// Absolute. Empty for anything that can't be a path; the library refuses that.
 inline std::string path(const std::filesystem::path &path)
 {
     std::error_code failed;
@@ -460,7 +461,7 @@ inline Error refused()
     return Error::make(kTQStatusInvalidArgument, "a name, key or value is null or not UTF-8");
 }
 
-// Where C reports no error object, the system's error number is all that tells why, if there is one.
+// If C reports no error object, only the system's error number tells why, if there is one.
 inline Error taken(TQError *error, int errorNumber = 0)
 {
     if (error) return Error(error, adopt);
@@ -470,7 +471,7 @@ inline Error taken(TQError *error, int errorNumber = 0)
     return Error(error, adopt);
 }
 
-// Every C function but one takes the out-parameter last.
+// Every C function except one takes the out-parameter last.
 template <class Operation, class... Arguments> Result<void> attempt(Operation operation, Arguments... arguments)
 {
     TQError *error = nullptr;
@@ -502,7 +503,7 @@ Result<Kind> fetch(Operation operation, Arguments... arguments)
 /// Outlives the operations that report to it.
 class Progress {
 public:
-    /// Of the units done and all that there are, those of the object that changed.
+    /// Gets the completed and total units of the object that changed.
     using Observer = std::function<void(std::int64_t done, std::int64_t total)>;
 
     explicit Progress(std::int64_t total = 0) : progress_(TQProgressCreate(total), adopt) {}
@@ -512,7 +513,7 @@ public:
 
     TQProgress *get() const noexcept { return progress_.get(); }
 
-    /// Called on the thread that works. One that throws cancels the operation, and what it threw is dropped.
+    /// Called on the thread that works. An observer that throws cancels the operation, and its exception is dropped.
     void observe(Observer observer)
     {
         TQProgressSetObserver(get(), nullptr, nullptr);
@@ -522,7 +523,7 @@ public:
     void cancel() const noexcept { TQProgressCancel(get()); }
     bool is_cancelled() const noexcept { return TQProgressIsCancelled(get()); }
 
-    /// Current on the thread that made it, which is the one to end it; scopes nest.
+    /// Makes the progress current on the thread that made the scope. The same thread must end it. Scopes nest.
     class [[nodiscard]] Scope {
     public:
         explicit Scope(const Progress &progress) : progress_(progress.progress_)
@@ -561,11 +562,11 @@ private:
 // --- the store
 
 /// Keys of the info dictionary that clients share: the document's absolute path, as data, since a path may have any
-/// bytes; and the date at which it was kept. Nobody writes them for you.
+/// bytes; and the date at which it was kept. The library does not write them for you.
 inline constexpr char document_key[] = "vaultry.document";
 inline constexpr char time_key[] = "vaultry.time";
 
-/// What a query is to tell beside the name.
+/// What a query tells beside the name.
 struct Fields {
     bool path = true;
     bool options = true;
@@ -589,7 +590,7 @@ struct Record {
     Dictionary info;
     std::string client; ///< the group that a query of all found it in
 
-    /// What stands under document_key and time_key; a document that is a string is taken too.
+    /// The values of document_key and time_key. The document may also be a string.
     std::optional<std::filesystem::path> document() const
     {
         const Value value = info[document_key];
@@ -607,7 +608,7 @@ struct Record {
     {
         Record made;
         made.name = record["name"].as<String>().str();
-        // The word comes as a signed number, bit by bit.
+        // The word comes as a signed number with the same bits.
         if (const auto word = record["options"].as<Number>())
             made.options = static_cast<std::uint64_t>(word.to_int64());
         if (const auto url = record["URL"].as<URL>()) made.path = url.path();
@@ -624,11 +625,11 @@ struct Finding {
     std::string kind;    ///< for programs
     std::string meaning; ///< for people
     bool mended = false;
-    std::filesystem::path home; ///< where a document belongs that is not there; else empty
+    std::filesystem::path home; ///< where a misplaced document belongs; else empty
 };
 
-/// A generation that was copied into the staging area, to be put somewhere by rename. What is left of it in the
-/// end goes when this goes.
+/// A generation that was copied into the staging area, to be put somewhere by rename. The destructor removes what is
+/// left of it.
 class Staged {
 public:
     Staged(std::shared_ptr<const TQClientManagedStorage> store, std::string path, std::uint16_t mode,
@@ -641,11 +642,11 @@ public:
     ~Staged() { (void)done(); }
 
     const std::string &path() const noexcept { return path_; }
-    /// What the top item is to be given in the end.
+    /// The mode and flags that you give the top item in the end.
     std::uint16_t mode() const noexcept { return mode_; }
     std::uint32_t flags() const noexcept { return flags_; }
 
-    /// Removes what is left now, for who wants to know whether that succeeded.
+    /// Removes what is left now, and tells whether that succeeded.
     Result<void> done()
     {
         const auto store = std::exchange(store_, nullptr);
@@ -694,8 +695,7 @@ public:
         return detail::taken(error);
     }
 
-    /// Removes a whole store, its directory included; see TQClientManagedStorageDestroy for what a client looks at
-    /// first.
+    /// Removes a whole store, its directory included; TQClientManagedStorageDestroy tells what to look at first.
     static Result<void> destroy(const std::filesystem::path &directory)
     {
         const std::string root = detail::path(directory);
@@ -703,7 +703,7 @@ public:
         return detail::attempt(TQClientManagedStorageDestroy, root.c_str());
     }
 
-    /// Verifies what a store promises, and with `repair` mends what is safe to mend. Empty if all is well.
+    /// Verifies that a store is as it should be, and with `repair` mends what is safe to mend. Empty if all is well.
     static Result<std::vector<Finding>> findings(const std::filesystem::path &directory, bool repair = false)
     {
         const std::string root = detail::path(directory);
@@ -735,7 +735,7 @@ public:
         return add_(name, document, options, /*copy=*/false);
     }
 
-    /// Copies a generation to `destination`, where nothing may be, and which lies in no store.
+    /// Copies a generation to `destination`, which must neither exist nor lie in a store.
     Result<void> copy(std::string_view name, const std::filesystem::path &destination) const
     {
         return attempt_(TQClientManagedStorageCopyGeneration, name, detail::path(destination).c_str());
@@ -752,7 +752,7 @@ public:
         return Staged(store_, path, mode, flags);
     }
 
-    /// Puts a generation in the document's place, as Library::restore.
+    /// Puts a generation in the document's place, as Library::restore does.
     Result<void> restore(std::string_view name, const std::filesystem::path &document,
                          std::optional<std::string_view> backup = std::nullopt) const
     {
@@ -761,7 +761,7 @@ public:
     }
 
     /// `store.remove({"a", "b"})`, or of any range of names. In order, up to the first failure; a name without a
-    /// generation is passed over. None is removed if one of them is no text.
+    /// generation is passed over. None is removed if one of the names is not UTF-8.
     Result<void> remove(std::initializer_list<std::string_view> names) const { return remove_(names); }
     template <class Names> Result<void> remove(const Names &names) const { return remove_(names); }
 
@@ -803,13 +803,14 @@ public:
         return fetch_<Dictionary>(TQClientManagedStorageCopyGenerationInfoDictionary, name);
     }
 
-    /// A missing key is a failure, with the status of a missing generation. Where the difference matters, ask for all.
+    /// A missing key is a failure, with the status of a missing generation. If the difference matters, ask for the
+    /// whole dictionary.
     Result<Value> info(std::string_view name, const String &key) const
     {
         return fetch_<Value>(TQClientManagedStorageCopyGenerationInfoValueForKey, name, key.get());
     }
 
-    /// Why a value can't be stored is in the log; the error tells only the system's reason, where there was one.
+    /// The log tells why a value can't be stored; the error has only the system's reason, if there was one.
     Result<void> set_info(std::string_view name, const String &key, const Value &value) const
     {
         if (!key || !value) return detail::refused();
@@ -827,7 +828,7 @@ public:
         return attempt_(TQClientManagedStorageSetGenerationInfoValueForKey, name, key.get(), nullptr);
     }
 
-    /// None is a failure, with the status of a missing generation; a record tells the difference.
+    /// A missing display name is a failure, with the status of a missing generation; a record tells the difference.
     Result<std::string> display_name(std::string_view name) const
     {
         const auto text = fetch_<String>(TQClientManagedStorageCopyGenerationOriginalDisplayName, name);
@@ -842,7 +843,7 @@ public:
         return attempt_(TQClientManagedStorageSetGenerationOriginalDisplayName, name, displayName.get());
     }
 
-    /// About one generation, which is not looked for: what can't be told is absent.
+    /// A record about one generation, whether or not it exists: a field that can't be told is absent.
     Result<Record> record(std::string_view name, const Fields &fields = {}) const
     {
         const String asked(name);
@@ -854,7 +855,7 @@ public:
         return Record::of(*record);
     }
 
-    /// About all generations of one moment that the query selects, in no particular order.
+    /// Records about all generations that the query selects, at one moment, in no particular order.
     Result<std::vector<Record>> query(const Query &query = {}) const
     {
         const Dictionary spec = spec_of_(query);
@@ -910,7 +911,7 @@ private:
         return Dictionary::of({{"URL", fields.path}, {"options", fields.options}, {"ODN", fields.details}});
     }
 
-    // The words go as they come back, as signed numbers, bit by bit.
+    // The words are passed as they come back: as signed numbers with the same bits.
     static Dictionary spec_of_(const Query &query)
     {
         const Value fields = spec_of_(query.fields);
