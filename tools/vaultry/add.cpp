@@ -25,11 +25,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// Names of documents added in one second differ by a number; more than this many are not to be expected.
+// Names of documents added in one second differ by a number; nobody is expected to need more than this many.
 static constexpr unsigned kMaximumAttempts = 1000;
 
-// What is to be removed, held open: it still stands for its volume when it has left its folder. Read through alone, so
-// that closing it has nothing to tell.
+// Holds open the item that is to be removed: it still gives access to its volume when it has left its folder. It is
+// only read through, so closing it has no error to report.
 class OpenSource {
 public:
     explicit OpenSource(const std::string &path)
@@ -44,11 +44,11 @@ public:
         if (fd_ >= 0) (void)close(fd_);
     }
 
-    // 0, or the reason why not: EACCES where a flush of the volume is not known to reach all that is on it.
+    // 0, or the reason why not: EACCES if a flush of the volume is not known to reach everything on it.
     int FlushVolume() const
     {
         if (fd_ < 0 || !isKnown_) return EACCES;
-        if (strcmp(volume_.typeName, "tmpfs") == 0) return 0; // which a power failure empties
+        if (strcmp(volume_.typeName, "tmpfs") == 0) return 0; // a power failure empties it
         Owned<TQError> error;
         const bool isNative = TQSystemManagedStorageIsSupportedForStatFSInfo(&volume_, error.out()) ||
                               UnderlyingErrno(error.get()) == ENOSPC; // too small for something else
@@ -69,7 +69,7 @@ public:
         (void)lstat(path_.c_str(), &before_); // adding says what is wrong
     }
 
-    // Throws if nothing was kept. Else an exit code: not success if something beside the generation is missing.
+    // Throws if nothing was kept. Else returns an exit code: not success if something beside the generation is missing.
     int Run();
     const std::string &name() const { return name_; }
 
@@ -97,7 +97,7 @@ private:
     std::string name_;
     Owned<TQError> error_;      // of the last try
     bool copied_ = false;       // the document is still where it was
-    Fingerprint beforeCopying_; // of one that is to be removed after copying
+    Fingerprint beforeCopying_; // of a document that is to be removed after copying
     int exitCode_ = kExitSuccess;
 };
 
@@ -126,7 +126,7 @@ void Addition::CountWhatIsLeftOut() const
     if (count == 0) return;
     const std::string what = Quoted(path_) + ": " + std::to_string(count) +
                              (count == 1 ? " file named \"._...\" is" : " files named \"._...\" are");
-    // Moving takes them along, since a directory moves as a whole; copying out passes them over.
+    // A move takes them along, since a directory moves as a whole; copying out passes them over.
     Say(what + (isMove_ ? " no part of what can be copied out again" : " left out"));
 }
 
@@ -136,8 +136,8 @@ bool Addition::AddOnce(bool copy)
     return TQClientManagedStorageAdd(store_.handle(), name_.c_str(), path_.c_str(), 0, error_.out(), copy);
 }
 
-// A document on another file system can't be renamed into the store; only trying tells, since bind mounts and
-// subvolumes count as others too.
+// A document on another file system can't be renamed into the store. Only trying tells, since bind mounts and
+// subvolumes count as other file systems too.
 bool Addition::AddByWhateverWay()
 {
     if (!isMove_) return AddOnce(/*copy=*/true);
@@ -172,8 +172,8 @@ void Addition::Refuse() const
             : CommandFailure::Library(what + " as " + Quoted(name_) + " in the store " + Quoted(store_.path()),
                                       error_.get());
     std::string message = failure.what() + ExplainRefusal(error_.get(), store_.path(), path_);
-    // A document that was moved whole stays in the store if the last flush fails. Giving one back can fail too; the
-    // library then leaves it where it is and touches it no more.
+    // A document that was moved whole stays in the store if the last flush fails. Giving a document back can fail too;
+    // then the library leaves it where it is and no longer touches it.
     struct stat status {};
     const auto isGone = [&status](const std::string &path) {
         return lstat(path.c_str(), &status) != 0 && errno == ENOENT;
@@ -188,8 +188,8 @@ void Addition::Refuse() const
     throw CommandFailure(failure.exitCode(), message);
 }
 
-// A signal that came too late to cancel. What was copied is taken out again; what was moved is kept, since
-// the store has it whole and it is nowhere else.
+// Handles a signal that came too late to cancel. A copied document is removed from the store again. A moved one is
+// kept, since the store has it whole and it is nowhere else.
 void Addition::EndWhereInterrupted()
 {
     if (!InterruptGuard::Came() || !copied_) return;
@@ -234,19 +234,19 @@ void Addition::RemoveSource()
     Complain(failure.exitCode(), failure.what());
 }
 
-// Of what has left it. A folder may be changed by who may not read it; then its volume is flushed. 0, or the reason why
-// not.
+// Flushes the folder that an item has left. A user may be allowed to change a folder but not to read it; then its
+// volume is flushed. 0, or the reason why not.
 static int _FlushFolder(const std::string &folder, const OpenSource &former)
 {
     const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return errno == EACCES ? former.FlushVolume() : errno;
-    // A file system that can't flush a directory has nothing to tell.
+    // It is not a failure if the file system can't flush a directory.
     const int reason = fsync(fd) == 0 || errno == EINVAL || errno == ENOTSUP ? 0 : errno;
     const bool isClosed = close(fd) == 0 || errno == EINTR;
     return reason == 0 && !isClosed ? errno : reason;
 }
 
-// A power cut would bring back what has not left its folder on disk as well.
+// A power cut would bring back an item that has not left its folder on disk as well.
 void Addition::FlushRemoval(const OpenSource &former)
 {
     const std::string folder = path_.substr(0, std::max<size_t>(path_.rfind('/'), 1));
@@ -280,7 +280,7 @@ static int _AddDocument(const Store &store, const std::string &given, const Argu
         fflush(stdout);
         return exitCode;
     }
-    // For a script the name as it is, for a terminal in a form that can't harm it.
+    // A script gets the name as it is, a terminal in a form that can't harm it.
     puts(isatty(STDOUT_FILENO) ? Printable(addition.name()).c_str() : addition.name().c_str());
     fflush(stdout);
     return exitCode;

@@ -28,13 +28,13 @@ Exit status:
 Examples:
   vaultry add report.txt                 keep report.txt as it is now
   vaultry list report.txt                what is kept of it
-  vaultry restore --latest report.txt    as it was then; what it is now is kept
-  vaultry copy report-2026-03 /tmp       beside it; a beginning of the name will do
+  vaultry restore --latest report.txt    back as it was; its present state is kept
+  vaultry copy report-2026-03 /tmp       a copy of it; the beginning of a name will do
 
 "vaultry COMMAND --help" explains a command.)";
 
 static constexpr char kAddFooter[] = R"(
-Each document, a file or a directory with all that is in it, becomes a
+Each document, a file or a directory with everything in it, becomes a
 generation: a write-protected copy. Its name is printed. Files named "._..."
 are left out; symbolic links, FIFOs, sockets and devices can't be kept. A
 document that is itself a link is resolved first. Ctrl-C leaves nothing behind.
@@ -68,9 +68,9 @@ Example:
   vaultry show before-review)";
 
 static constexpr char kRestoreFooter[] = R"(
-The document keeps its own permissions and flags. What it was is kept first, as
-a generation of its own, and its name is printed; nothing is lost by restoring
-the wrong one. If another program saves the file meanwhile, the restore fails
+The document keeps its own permissions and flags. Its present state is kept
+first, as a generation of its own whose name is printed; nothing is lost by
+restoring the wrong one. If another program saves the file meanwhile, the restore fails
 and what was saved stays. If the generation's name ends in another extension,
 the document gets that extension. A document that is gone is copied back.
 
@@ -83,7 +83,7 @@ Examples:
   vaultry restore before-review report.txt)";
 
 static constexpr char kDiffFooter[] = R"(
-Compares with the document that the generation was made of, or with another
+Compares with the document that the generation was made from, or with another
 document or generation. Exit status 0 if nothing differs, 1 if something does,
 2 or more if that can't be told.
 
@@ -100,11 +100,11 @@ Examples:
   vaultry set before-review --unset author --display-name "Report")";
 
 static constexpr char kCheckFooter[] = R"(
-Each finding is named with its path and what it means. With --repair, what is
-safe to mend is mended: protection is put back, a document that an interrupted
-operation left aside goes home, and what else it left behind is removed. What
-may be in use stays for an hour after its last change. The contents of
-generations are never touched.
+Each finding is shown with its path and its meaning. --repair mends what is safe
+to mend: it puts protection back, returns a document that an interrupted
+operation left aside to its place, and removes anything else that the operation
+left behind. An item that may be in use stays for an hour after its last change.
+The contents of generations are never touched.
 
 Example:
   vaultry check --repair)";
@@ -118,27 +118,27 @@ Examples:
   vaultry completion fish | source       in ~/.config/fish/config.fish)";
 
 static constexpr char kCopyFooter[] = R"(
-What is copied is an ordinary document again, with the permissions that it had.
+The copy is an ordinary document again, with the permissions that it had.
 As with cp, a DESTINATION that is a directory receives it under the document's
 own name, and any other DESTINATION is its new name. Nothing that exists is
 ever replaced. The path of the copy is printed. Copying can't be interrupted
-half-way: after Ctrl-C it is removed as soon as it is through; a second Ctrl-C
-ends at once and leaves what has been written.
+half-way: after Ctrl-C the copy is removed as soon as it is complete; a second
+Ctrl-C ends at once and leaves what has been written.
 
 Examples:
   vaultry copy before-review report-old.txt
   vaultry copy report-2026-03-01T10-15-30Z.txt /tmp    to /tmp/report.txt)";
 
 static constexpr char kRemoveFooter[] = R"(
-A generation is named whole here: a beginning that is typed once too often
-would remove the next one. Names that the store doesn't hold are reported; the
+Give the whole name of a generation here: a beginning that is typed once too
+often could remove another one. Names that the store doesn't hold are reported; the
 others are removed.
 
 Example:
   vaultry remove before-review)";
 
 static constexpr char kDestroyFooter[] = R"(
-Says how many generations go, and asks first. Refuses a directory that is no
+Says how many generations go, and asks first. Refuses a directory that is not a
 store, and a store in which an interrupted move left a document, which
 "check --repair" gives back. If it is cut short, call it again: it goes on.
 
@@ -152,7 +152,7 @@ a directory that is a store already, and any other is refused.
 Example:
   vaultry init --store /srv/versions)";
 
-// An argument that names two things by itself is not counted as well.
+// An argument whose name stands for two things, "[NAME] DOCUMENT", is shown without a count.
 class Formatter : public CLI::Formatter {
 public:
     std::string make_option_usage(const CLI::Option *option) const override

@@ -12,7 +12,7 @@ struct Arguments {
     Command command = Command::List;
     std::optional<std::string> store;
     bool verbose = false;
-    bool json = false; // what is printed is for a program
+    bool json = false; // print for a program
 
     std::vector<std::string> documents; // add
     std::string document;               // list: empty for all; restore
@@ -46,5 +46,5 @@ struct Arguments {
     std::string shell; // completion
 };
 
-// Fills `arguments`. Or shows help or what is wrong with them, and returns the exit code.
+// Fills `arguments`; or shows help, or what is wrong with them, and returns the exit code.
 std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments);

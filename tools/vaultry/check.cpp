@@ -53,7 +53,7 @@ int RunCheck(const Arguments &arguments)
         throw CommandFailure(kExitFailure, "there is no store at " + Quoted(path));
     case PlaceKind::Other:
         throw CommandFailure(kExitFailure, Quoted(path) + " is no store");
-    case PlaceKind::Free: // may hold one of a store's own two files; the library tells
+    case PlaceKind::Free: // may hold one of the store's own two files; the library tells
     case PlaceKind::Damaged:
     case PlaceKind::Store:
         break;

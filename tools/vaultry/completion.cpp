@@ -1,4 +1,4 @@
-// What a shell offers. See completion.h.
+// The candidates that a shell offers. See completion.h.
 
 #include "completion.h"
 
@@ -12,7 +12,7 @@
 
 enum class Values { None, Generations, Files, GenerationsAndFiles, Directories };
 
-// By the names that the definition gives to options and arguments.
+// Goes by the names that the definition gives to options and arguments.
 static Values _ValuesOf(const std::string &name)
 {
     static const std::map<std::string, Values> values = {
@@ -28,7 +28,7 @@ static Values _ValuesOf(const std::string &name)
     return found == values.end() ? Values::None : found->second;
 }
 
-// The words that alone are allowed; a type's name ends in them, "TEXT:{bash,zsh,fish}".
+// The only words that are allowed; a type's name ends in them, "TEXT:{bash,zsh,fish}".
 static std::vector<std::string> _Choices(const CLI::Option &option)
 {
     const std::string type = option.get_type_name();
@@ -42,7 +42,7 @@ static bool _TakesValue(const CLI::Option &option)
     return option.get_items_expected_max() > 0;
 }
 
-// What the words before the cursor have come to.
+// The state that the words before the cursor lead to.
 class Line {
 public:
     explicit Line(const CLI::App &app) : command_(&app) {}
@@ -123,12 +123,12 @@ private:
         if (values == Values::Files || values == Values::GenerationsAndFiles) shellAdds_ = "files";
         if (values == Values::Directories) shellAdds_ = "directories";
         for (const std::string &choice : _Choices(option)) Offer(prefix + choice, word);
-        // Without the store's lock, which may be held as long as somebody adds a big document.
+        // This takes no lock, since somebody who adds a big document may hold the store's lock for long.
         if (values == Values::Generations || values == Values::GenerationsAndFiles)
             for (const std::string &generation : PeekAtNames(LocateStore(store_))) Offer(prefix + generation, word);
     }
 
-    // What could not be typed as it stands is left out.
+    // A candidate that could not be typed as it stands is left out.
     void Offer(const std::string &candidate, const std::string &word, const std::string &meaning = "")
     {
         if (candidate.rfind(word, 0) != 0 || Printable(candidate) != candidate) return;
@@ -150,7 +150,7 @@ void PrintCandidates(const CLI::App &app, const std::vector<std::string> &words)
     for (size_t i = 0; i + 1 < words.size(); ++i) line.Read(words[i]);
     try {
         line.Complete(words.empty() ? "" : words.back());
-    } catch (const CommandFailure &) { // no store that could be read, so no generations
+    } catch (const CommandFailure &) { // no readable store, so no generations
     }
     line.Print();
 }

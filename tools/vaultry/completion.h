@@ -15,10 +15,10 @@ class App;
 // The script that a shell reads.
 void PrintCompletion(const std::string &shell);
 
-// What the scripts call the command with; behind it come the words of the line up to the cursor, the last one perhaps
+// The scripts call the command with this word, followed by the words of the line up to the cursor, the last one perhaps
 // empty.
 inline constexpr char kCompleteWord[] = "__complete";
 
-// What may stand in the place of the last word: first a line that says what else may, "words" (nothing), "files" or
-// "directories"; then a line each, with a tab and what it means behind it where that is known.
+// Prints the candidates for the last word. The first line says what else fits: "words" (nothing), "files" or
+// "directories". Then each candidate has a line, followed by a tab and its meaning if that is known.
 void PrintCandidates(const CLI::App &app, const std::vector<std::string> &words);

@@ -1,7 +1,7 @@
 // The scripts that the shells read. See completion.h.
 //
-// Each takes the words of the line out of their quotes, without expanding anything in them: what is typed is not to
-// run before it is entered. What is offered goes back quoted by the shell.
+// Each script takes the words of the line out of their quotes, without expanding anything in them: nothing that is
+// typed may run before it is entered. The shell quotes the candidates that it offers.
 
 #include "completion.h"
 

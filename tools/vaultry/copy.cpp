@@ -18,24 +18,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// What Ctrl-C says while the copy is made, which can't be stopped half-way.
+// The message of Ctrl-C while the copy is made, which can't be stopped half-way.
 static constexpr char kCopyIsRemoved[] = "\nvaultry: stopping: the copy is removed as soon as it is through; "
                                          "once more ends at once and leaves what is there\n";
 
-// What the document was called, where the store knows it; else the generation's own name.
+// The document's name, if the store knows it; else the generation's own name.
 static std::string _OwnName(const Store &store, const std::string &name)
 {
     std::string own;
     try {
         own = BaseName(store.InfoOf(name).document.value_or(""));
-    } catch (const CommandFailure &failure) { // which keeps nobody from what the generation holds
+    } catch (const CommandFailure &failure) { // the generation can still be copied
         Say(failure.what());
     }
-    // Any client may have written it, so it is no path before it was looked at.
+    // Any client may have written it, so it is checked before it becomes part of a path.
     return own.empty() || own == "." || own == ".." || own.find('\0') != own.npos ? name : own;
 }
 
-// As cp has it: into an existing directory, else under exactly this name.
+// As with cp: into an existing directory, else under exactly this name.
 static std::string _DestinationPath(const Store &store, const std::string &name, const std::string &given)
 {
     if (given.empty()) throw CommandFailure(kExitUsage, "the destination is empty");
@@ -48,7 +48,7 @@ static std::string _DestinationPath(const Store &store, const std::string &name,
     return path;
 }
 
-// The destination's absolute path, free of links but for what may stand there itself.
+// The destination's absolute path, free of links except for an item at the destination itself.
 static std::string _FreeDestination(const Store &store, const std::string &given)
 {
     const size_t slash = given.rfind('/');
@@ -59,19 +59,19 @@ static std::string _FreeDestination(const Store &store, const std::string &given
     const std::string destination = folder + "/" + BaseName(given);
 
     struct stat status {};
-    // The library takes a link to nothing for nothing, and would remove it after failing on it.
+    // The library takes a dangling link for nothing, and would remove it after failing on it.
     if (lstat(destination.c_str(), &status) == 0)
         throw CommandFailure(kExitExists, Quoted(destination) + " is there already, and nothing is ever replaced");
     if (errno != ENOENT) throw CommandFailure::Errno("can't copy to " + Quoted(destination), errno);
 
-    // Root could write there, and would make a generation that nothing protects.
+    // Root could write there, and would make an unprotected generation.
     if (destination.rfind(store.path() + "/", 0) == 0)
         throw CommandFailure(kExitFailure, Quoted(destination) + " is inside the store " + Quoted(store.path()));
     return destination;
 }
 
-// Whether what is at `destination` is still the copy: it has brought its time along, and whoever saves there leaves
-// another. Volumes keep times to two seconds at worst. Nobody tells which inode the copy was made as.
+// Whether the item at `destination` is still the copy: the copy has the generation's time, and anybody who saves there
+// leaves another. Volumes keep times to two seconds at worst. Nothing tells which inode the copy got.
 static bool _IsCopyOf(const std::string &generation, const std::string &destination)
 {
     struct stat kept {
@@ -81,7 +81,7 @@ static bool _IsCopyOf(const std::string &generation, const std::string &destinat
            std::abs(kept.st_mtim.tv_sec - copy.st_mtim.tv_sec) <= 2;
 }
 
-// What came too late to stop the copy. Leaves alone what somebody else has put in its place.
+// Removes the copy after a signal that came too late to stop it. Leaves alone what somebody else has put in its place.
 static void _TakeBack(const std::string &generation, const std::string &destination)
 {
     if (!_IsCopyOf(generation, destination))
@@ -115,7 +115,7 @@ int RunCopy(const Arguments &arguments)
     try {
         destination = _CopyTo(arguments, name, kept);
     } catch (const CommandFailure &) {
-        if (!InterruptGuard::Came()) throw; // else it failed because it was stopped
+        if (!InterruptGuard::Came()) throw; // otherwise it failed because it was stopped
         throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
     }
     if (InterruptGuard::Came()) _TakeBack(kept, destination);

@@ -12,7 +12,7 @@
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// What is allocated, where that is less than the size: a file may have its full size before it has its data.
+// The allocated bytes if they are fewer than the size: a file may have its full size before it has its data.
 static int64_t _Written(const std::string &path)
 {
     struct stat status {};
@@ -70,7 +70,7 @@ void CopyWatch::Watch()
         int64_t written = 0;
         for (const std::string &place : places_()) written += _WrittenTree(place);
         bar.Update(written, total);
-        // Looking at a big tree takes time from copying it: never more than a tenth.
+        // Looking at a big tree takes time from copying it, but never more than a tenth.
         pause = std::max<Clock::duration>(std::chrono::milliseconds(200), 10 * (Clock::now() - start));
     } while (Wait(pause));
 }

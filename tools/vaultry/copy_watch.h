@@ -11,10 +11,10 @@
 #include <thread>
 #include <vector>
 
-// Watches on a thread of its own as long as it lives; no thread where nobody would see it.
+// Watches on a thread of its own as long as it lives; makes no thread if nobody would see the bar.
 class CopyWatch {
 public:
-    // Where what is written lies; asked each time.
+    // The paths that are being written; asked for each time.
     using Places = std::function<std::vector<std::string>()>;
 
     CopyWatch(std::string source, std::string label, Places places);

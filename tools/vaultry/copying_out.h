@@ -1,6 +1,6 @@
 // Copying a generation out to a path where nothing is.
 //
-// It shows a bar, and can't be stopped half-way: what Ctrl-C comes too late for is the caller's to decide.
+// It shows a bar, and can't be stopped half-way: if Ctrl-C comes too late, the caller decides what becomes of the copy.
 
 #pragma once
 
@@ -8,7 +8,7 @@
 
 #include <functional>
 
-// `copy` makes `destination` of the generation `name`. Throws if it fails, or was interrupted before anything was made;
-// `what` was being done.
+// `copy` makes `destination` of the generation `name`. Throws if it fails, or was interrupted before anything was made.
+// `what` begins the message of a failure.
 void CopyOut(const Store &store, const std::string &name, const std::string &destination, const std::string &what,
              const std::function<bool(TQError **error)> &copy);

@@ -33,8 +33,8 @@ static std::string _Text(const TQDictionary *finding, const char *key)
     return {static_cast<const char *>(TQDataGetBytes(data)), TQDataGetLength(data)};
 }
 
-// What a move left in staging when it was interrupted is no earlier version: it is the document. Whatever a check can't
-// see through there may be one, too; and where a restore left the document beside its path, the store has the only note.
+// If an interrupted move left an item in staging, it is not an earlier version: it is the document. Any item there that
+// a check can't read may be a document too. If a restore left the document beside its path, only the store has a note.
 static void _RequireNoDocument(const std::string &path)
 {
     static const std::set<std::string> harmless = {"staging-litter", "staging-recent", "staging-missing",
@@ -56,7 +56,7 @@ static void _RequireNoDocument(const std::string &path)
     }
 }
 
-// What would be removed, in words. Throws if it is nothing that may be.
+// Says in words what would be removed. Throws if it must not be removed.
 static std::string _LookAt(const std::string &path)
 {
     switch (LookAtPlace(path)) {
@@ -64,7 +64,7 @@ static std::string _LookAt(const std::string &path)
         throw CommandFailure(kExitFailure, "there is no store at " + Quoted(path));
     case PlaceKind::Other:
         throw CommandFailure(kExitFailure, Quoted(path) + " is no store; nothing was removed");
-    case PlaceKind::Damaged: // also what is left of a store whose destruction was cut short
+    case PlaceKind::Damaged: // also the rest of a store whose destruction was cut short
         if (!HasLockFile(path)) throw NoStore(path, PlaceKind::Damaged);
         break;
     case PlaceKind::Free:
@@ -86,7 +86,7 @@ int RunDestroy(const Arguments &arguments)
         if (!isatty(STDIN_FILENO))
             throw CommandFailure(kExitUsage, "not destroying " + what + ": nobody can be asked; give --yes");
         if (!_Confirmed("Destroy " + what + "?")) throw CommandFailure(kExitFailure, "nothing was removed");
-        // An answer takes its time, and holds for what was asked.
+        // The user takes time to answer, and the answer holds only for the store as it was then.
         if (const std::string now = _LookAt(path); now != what)
             throw CommandFailure(kExitFailure, "nothing was removed: by now it is " + now);
     }

@@ -1,7 +1,6 @@
 // vaultry diff: what has changed between a generation and its document, or another generation.
 //
-// The trees are compared here, so that only files that differ are named; what changed inside a text is shown by the
-// system's diff.
+// The trees are compared here, so that only files that differ are named; the system's diff shows changes inside a text.
 
 #include "commands.h"
 #include "document.h"
@@ -21,7 +20,8 @@
 
 namespace fs = std::filesystem;
 
-// As diff(1) has it: what can't be compared is not said to differ. A failure of a kind of its own keeps its code.
+// As with diff(1), items that can't be compared do not count as different. A failure with an exit code of its own keeps
+// that.
 static constexpr int kExitDiffers = 1;
 static constexpr int kExitTrouble = 2;
 
@@ -91,7 +91,7 @@ static bool _SameBytes(const std::string &a, const std::string &b)
     }
 }
 
-// The system's diff says what it can: the lines of a text, or that binary files differ.
+// The system's diff shows the changed lines of a text, or says that binary files differ.
 static void _ShowContents(const Side &a, const Side &b, const std::string &below)
 {
     fflush(stdout);
@@ -156,7 +156,7 @@ private:
     bool differs_ = false;
 };
 
-// A document that is there, else a generation; without either, the document that the generation was made of.
+// A document if it exists, else a generation; without an argument, the document that the generation was made from.
 static Side _OtherSide(const Store &store, const std::string &name, const std::string &given)
 {
     const std::string document = given.empty() ? store.InfoOf(name).document.value_or("") : DocumentPath(given);

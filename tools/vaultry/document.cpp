@@ -67,7 +67,7 @@ uint64_t CountSidecars(const std::string &path)
 {
     if (!_IsDirectory(path)) return 0;
     uint64_t count = 0;
-    // What can't be read stops the add itself.
+    // A folder that can't be read stops the add itself.
     (void)WalkBelow(path, [&](const WalkedItem &item) {
         if (strncmp(item.name, "._", 2) == 0 && item.kind != DT_DIR) ++count;
     });
@@ -116,7 +116,7 @@ std::string ExplainRefusal(const TQError *error, const std::string &store, const
     case ENOENT:
     case ENOTSUP:
     case ENXIO:
-    case EPERM: // what the tree walk finds of these is the reason
+    case EPERM: // the tree walk tells which item is the reason, if one is
         if (const std::string item = _FindWhatCannotBeKept(document); !item.empty()) return "\n  " + item;
         break;
     default:

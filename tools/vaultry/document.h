@@ -16,10 +16,10 @@ struct Document {
 // The document that `given` names. Throws if there is none.
 Document ResolveDocument(const std::string &given);
 
-// The absolute path that the document has, or would have if it existed, free of links. Throws if that can't be told.
+// The absolute path that the document has, or would have if it existed, free of links. Throws if nothing can tell it.
 std::string DocumentPath(const std::string &given);
 
-// The same, to find out what is kept of a document that can't be reached any more: then as it was given.
+// The same, for looking up generations. If the document can't be reached any more, the path as it was given.
 std::string DocumentPathIfKnown(const std::string &given);
 
 // Whether the library passes the item over, as it does with files that are named "._...".
@@ -28,12 +28,13 @@ bool IsSidecar(const std::string &path);
 // How many such files a tree holds.
 uint64_t CountSidecars(const std::string &path);
 
-// What a person should know beside `error`, for which the store has not kept the document: which item can't be kept, or
-// what has no space. A line of its own, or nothing.
+// Explains `error`, with which the store refused the document: it names the item that can't be kept, or what has no
+// space. A line of its own, or nothing.
 std::string ExplainRefusal(const TQError *error, const std::string &store, const std::string &document);
 
-// Stands for the whole tree as it is now: two that are equal were taken of an unchanged tree. Names, inodes, sizes
-// and times of every item; not contents, since writing them changes the times. Throws if part can't be read.
+// Stands for the whole tree as it is now: if two are equal, the tree has not changed in between. It covers names,
+// inodes, sizes and times of every item, but not contents, since writing them changes the times. Throws if part can't
+// be read.
 struct Fingerprint {
     dev_t device = 0; // of the top item
     ino_t inode = 0;

@@ -27,13 +27,13 @@ int ExitCodeForStatus(int status)
 
 CommandFailure CommandFailure::Library(const std::string &what, const TQError *error)
 {
-    // A message with a path that is not UTF-8 costs the library its error object: the log has the reason then.
+    // If a message has a path that is not UTF-8, the library makes no error object: then the log has the reason.
     if (!error)
         return CommandFailure(kExitFailure, what + ": the library gave no reason (-v shows its diagnostic lines)");
     const Owned<TQString> description(TQErrorCopyDescription(error));
     const std::string details = Printable(ToText(description.get()));
     const int exitCode = ExitCodeForStatus(TQErrorGetStatus(error));
-    // The library names the call that failed; what that means to the user comes first.
+    // The library names the call that failed; its meaning for the user comes first.
     const int reason = UnderlyingErrno(error);
     return CommandFailure(exitCode, what + ": " + (reason ? strerror(reason) + ("\n  " + details) : details));
 }
@@ -64,7 +64,7 @@ void Problems::SayAll() const
 
 void Say(const std::string &message)
 {
-    // Whatever was listed so far comes first where both streams end up in one place.
+    // The list so far comes first if both streams end up in one place.
     fflush(stdout);
     fprintf(stderr, "vaultry: %s\n", message.c_str());
 }

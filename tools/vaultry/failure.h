@@ -1,7 +1,7 @@
-// What the command says when something goes wrong, and the number with which it ends.
+// The command's message when something goes wrong, and its exit code.
 //
 // A failure is one sentence that names the operation, the place and the reason, then at most a few lines that
-// explain it. It is thrown where it is known and said once, where the command decides whether to go on.
+// explain it. It is thrown where it is known, and shown once, where the command decides whether to go on.
 
 #pragma once
 
@@ -41,10 +41,10 @@ int ExitCodeForStatus(int status);
 // The number of the system error underneath `error`; 0 if there is none.
 int UnderlyingErrno(const TQError *error);
 
-// What was looked for and could not be read, where the rest is worth showing all the same.
+// Parts that could not be read, if the rest is worth showing all the same.
 class Problems {
 public:
-    // Takes a step; a failure is noted instead of thrown.
+    // Runs a step; a failure is noted instead of thrown.
     template <class Step> void Note(Step step)
     {
         try {
@@ -56,9 +56,9 @@ public:
     bool none() const { return failures_.empty(); }
     const CommandFailure &first() const { return failures_.front(); }
     std::vector<std::string> texts() const;
-    // Says each.
+    // Shows each.
     void SayAll() const;
-    // The first one's, or success.
+    // The exit code of the first, or success.
     int exitCode() const { return none() ? kExitSuccess : failures_.front().exitCode(); }
 
 private:

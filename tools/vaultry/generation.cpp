@@ -35,7 +35,8 @@ std::string NewestGenerationOf(const Store &store, const std::string &document, 
         try {
             info = store.InfoOf(name);
         } catch (const CommandFailure &failure) {
-            // One that is damaged does not keep the others from being found; one that went meanwhile is not missed.
+            // A damaged generation must not keep the others from being found, and one that went meanwhile is not
+            // missed.
             if (!store.Lacks(name)) Say(failure.what());
             continue;
         }

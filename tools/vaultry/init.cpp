@@ -1,4 +1,4 @@
-// vaultry init: makes the store, or says that it is there.
+// vaultry init: makes the store, or says that it exists.
 
 #include "commands.h"
 #include "store.h"

@@ -1,9 +1,8 @@
-// Ctrl-C while something is under way.
+// Ctrl-C during an operation.
 //
-// What is under way ends cleanly: adding is cancelled through its progress; copying out can't be, and is undone when
-// it is through. A handler only stores flags, cancels (which is one atomic store) and writes. Waiting for
-// the store's lock ends at once in any case: the handlers don't restart system calls, and the wait looks at the
-// thread's progress then.
+// The operation ends cleanly: adding is cancelled through its progress; copying out can't be, and is undone when it is
+// complete. A handler only stores flags, cancels (which is one atomic store) and writes. Waiting for the store's lock
+// ends at once in any case: the handlers don't restart system calls, and the wait looks at the thread's progress then.
 
 #pragma once
 
@@ -11,15 +10,16 @@
 
 #include <vaultry/progress.h>
 
-// Catches SIGINT, SIGTERM and SIGHUP as long as it lives; one at a time. A signal that was ignored stays so.
+// Catches SIGINT, SIGTERM and SIGHUP as long as it lives; only one guard may live at a time. A signal that was ignored
+// stays ignored.
 class InterruptGuard {
 public:
-    // Cancels `progress`, as often as a signal comes.
+    // Cancels `progress` whenever a signal comes.
     explicit InterruptGuard(TQProgress *progress) : InterruptGuard(progress, nullptr) {}
-    // Writes `message` at the first signal. The second ends the process as if nobody had caught it. A progress of its
-    // own is the thread's current one meanwhile, and is cancelled.
+    // Writes `message` at the first signal. The second ends the process as if nobody had caught it. Meanwhile a
+    // progress of its own is the thread's current one, and is cancelled.
     explicit InterruptGuard(const char *message);
-    // Both.
+    // Does both.
     InterruptGuard(TQProgress *progress, const char *message);
     ~InterruptGuard();
     InterruptGuard(const InterruptGuard &) = delete;

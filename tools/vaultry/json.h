@@ -1,7 +1,7 @@
 // JSON, for programs that read what the command prints, and for values that users type.
 //
-// What JSON lacks is written as an object with one key: {"$date": "2026-03-01T10:15:30.25Z"} and {"$data": "base64"}.
-// Bytes that are not UTF-8 are shown with replacement characters, and whole in a second entry, "…_base64".
+// A type that JSON lacks is written as an object with one key: {"$date": "2026-03-01T10:15:30.25Z"} and {"$data":
+// "base64"}. Bytes that are not UTF-8 are shown with replacement characters, and whole in a second entry, "…_base64".
 
 #pragma once
 
@@ -16,8 +16,8 @@ using Json = nlohmann::ordered_json;
 
 Json ToJson(const TQValue *value);
 
-// Throws CommandFailure for what is no JSON, or can be no property-list value (null, a "$date" or "$data" that is none,
-// containers in containers without end).
+// Throws CommandFailure if the text is not JSON, or can't be a property-list value (null, a malformed "$date" or
+// "$data", containers nested too deep).
 Owned<TQValue> ParseValue(const std::string &text);
 
 void PutBytes(Json &object, const char *key, std::string_view bytes);

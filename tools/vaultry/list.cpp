@@ -26,12 +26,12 @@ struct Entry {
     GenerationInfo info;
     uint64_t options;
     std::string displayName;
-    std::optional<uint64_t> size = {};      // none if it can't be told
-    std::vector<std::string> problems = {}; // with what is known of it
-    bool isKnown = true;                    // what the command noted
+    std::optional<uint64_t> size = {};      // none if it can't be read
+    std::vector<std::string> problems = {}; // with reading this generation
+    bool isKnown = true;                    // whether the info could be read
 };
 
-// What the user asked for, beside the document.
+// The user's conditions, except for the document.
 class Filter {
 public:
     explicit Filter(const Arguments &arguments)
@@ -75,7 +75,7 @@ static Entry _ToEntry(const TQDictionary *record)
             ToText(static_cast<const TQString *>(_Lookup(record, "ODN")))};
 }
 
-// All generations, with their options and all else that is known.
+// All generations, with their options and everything else that is known.
 static Owned<TQDictionary> _QueryAll(const Store &store)
 {
     const Owned<TQDictionary> spec(TQDictionaryCreateMutable());
@@ -83,8 +83,8 @@ static Owned<TQDictionary> _QueryAll(const Store &store)
     return Owned<TQDictionary>(TQClientManagedStorageCopyAllGenerationsInfos(store.handle(), spec.get(), nullptr));
 }
 
-// Reads all that are looked for in one go. False if that can't be done, as for a single one that is damaged; or if
-// there are more, since the query ends without a word where the store's directory can't be read any further.
+// Reads all wanted generations in one go. False if that fails, as it does for a single damaged one; or if there are
+// more, since the query ends without an error if the store's directory can't be read any further.
 static bool _ReadAll(const Store &store, const std::string &document, const Filter &filter, std::vector<Entry> &entries)
 try {
     const Owned<TQDictionary> groups = _QueryAll(store);
@@ -102,11 +102,11 @@ try {
     }
     return missing.empty();
 } catch (const CommandFailure &) {
-    return false; // which one, the other way tells
+    return false; // reading one by one tells which
 }
 
-// Reads one generation, as far as that is possible; none if it went meanwhile or is not one of those looked for. One
-// whose document can't be told is none of a document's.
+// Reads one generation as far as possible; none if it went meanwhile or is not wanted. If its document can't be read,
+// it does not count as a generation of any document.
 static std::optional<Entry> _ReadEntry(const Store &store, const std::string &name, const std::string &document,
                                        const Filter &filter, Problems &problems)
 {
@@ -126,7 +126,7 @@ static std::optional<Entry> _ReadEntry(const Store &store, const std::string &na
     return entry;
 }
 
-// So that one that is damaged does not hide the others. Says of each what is wrong with it.
+// Reads each by itself, so that a damaged one does not hide the others. Says what is wrong with each.
 static int _ReadOneByOne(const Store &store, const std::string &document, const Filter &filter,
                          std::vector<Entry> &entries)
 {

@@ -55,7 +55,7 @@ std::string LocateStore(const std::optional<std::string> &given)
     return resolved ? resolved.get() : path;
 }
 
-// Calls `visit` with every name but "." and ".." until it returns false.
+// Calls `visit` with every name except "." and ".." until it returns false.
 template <class Visit> static void _EachName(const std::string &path, Visit visit)
 {
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(path.c_str()), closedir);
@@ -110,7 +110,7 @@ bool IsInStaging(const std::string &store, const std::string &path)
     return path == staging || path.rfind(staging + "/", 0) == 0;
 }
 
-// 0, or errno. Bits that the parent hands down stay.
+// 0, or errno. Bits inherited from the parent stay.
 static int _MakeOwn(const std::string &path)
 {
     struct stat status {};
@@ -130,7 +130,7 @@ std::vector<std::string> MakePlace(const std::string &path)
         int reason = stat(folder.c_str(), &status) == 0 ? EEXIST : errno;
         if (reason == ENOENT) reason = _MakeOwn(folder);
         if (reason == 0) made.push_back(folder);
-        if (reason == 0 || reason == EEXIST) continue; // what is no directory refuses the next
+        if (reason == 0 || reason == EEXIST) continue; // if it is not a directory, the next call fails
         RemoveMade(made);
         throw CommandFailure::Errno("can't make the directory " + Quoted(path) + " for the store", reason);
     }

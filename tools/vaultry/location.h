@@ -8,8 +8,8 @@
 #include <sys/stat.h>
 #include <vector>
 
-// The absolute path of the store: what --store said, else $VAULTRY_STORE, else the user's data directory. With links
-// resolved where it exists, since the library takes no link for a store.
+// The absolute path of the store: from --store, else $VAULTRY_STORE, else the user's data directory. If it exists, its
+// links are resolved, since the library does not accept a link as a store.
 std::string LocateStore(const std::optional<std::string> &given);
 
 enum class PlaceKind {
@@ -20,25 +20,25 @@ enum class PlaceKind {
     Other,   // anything else: never to be touched
 };
 
-// Whether there is an item, a link included, and what it is. Throws for anything but "there is none": what can't be
-// looked at is not taken for absent.
+// Whether there is an item, or a link, and its status. Throws if that can't be told: an item that can't be looked at
+// does not count as absent.
 bool IsThere(const std::string &path, struct stat *status);
 
 PlaceKind LookAtPlace(const std::string &path);
 
 bool IsEmpty(const std::string &path);
 
-// Of a store, or what is left of one: the file goes last when a store is destroyed.
+// True for a store, or the rest of one: the file goes last when a store is destroyed.
 bool HasLockFile(const std::string &path);
 
 // Whether a path is that of a store's staging area, or leads into it.
 bool IsInStaging(const std::string &store, const std::string &path);
 
-// Makes the directory of a store, and those parents that are missing, all for their owner alone whatever the umask is.
-// Says which, parents first; none if it throws.
+// Makes the directory of a store and its missing parents, all for their owner alone whatever the umask is. Returns
+// those that it made, parents first; leaves none if it throws.
 std::vector<std::string> MakePlace(const std::string &path);
 
-// Removes them again, as far as they are empty.
+// Removes them again if they are empty.
 void RemoveMade(const std::vector<std::string> &made);
 
 // The names of the generations in a store's directory as they are at the moment, without the store's lock.

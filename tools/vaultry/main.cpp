@@ -1,7 +1,7 @@
 // The vaultry command: earlier versions of documents, kept and brought back from a shell.
 //
-// A client like any other: it uses the public headers alone. One subcommand a file; what goes wrong is thrown as a
-// CommandFailure and said here.
+// A client like any other: it uses only the public headers. Each subcommand has a file; failures are thrown as a
+// CommandFailure and shown here.
 
 #include "commands.h"
 #include "failure.h"
@@ -18,7 +18,7 @@
 
 static void _OpenLog(bool verbose)
 {
-    // What the library logs carries this name in the system log; with -v it comes here too.
+    // The library's lines have this name in the system log; with -v they also appear here.
     openlog("vaultry", verbose ? LOG_PERROR : 0, LOG_USER);
     if (!verbose) return;
     while (!tq_log_set_level(LOG_DEBUG)) {
@@ -77,10 +77,10 @@ static int _RunAndReport(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
-    // Only the width of characters is wanted: names are UTF-8 whatever the user's locale is.
+    // This is only for the width of characters: names are UTF-8 whatever the user's locale is.
     setlocale(LC_CTYPE, "C.UTF-8");
     const int exitCode = _RunAndReport(argc, argv);
-    // A list that did not arrive is no success.
+    // It is a failure if the output did not arrive.
     if (fflush(stdout) != 0 && exitCode == kExitSuccess) {
         Say(std::string("can't write to standard output: ") + strerror(errno));
         return kExitFailure;

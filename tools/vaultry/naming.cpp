@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <string_view>
 
-// An extension that is longer than this is part of somebody's sentence, not a kind of file.
+// A longer extension is part of somebody's sentence, not a kind of file.
 static constexpr size_t kMaximumExtensionLength = 32;
 
 static std::string _Escaped(std::string_view bytes)
@@ -34,7 +34,7 @@ static std::string _Escaped(std::string_view bytes)
     return text;
 }
 
-// From its dot on, as the library sees it; empty if there is none.
+// The extension with its dot, as the library sees it; empty if there is none.
 static std::string_view _ExtensionOf(const std::string &path)
 {
     const char *extension = TQGetFileNameExtensionForPath(path.c_str());

@@ -24,7 +24,7 @@ public:
     T *get() const { return value_; }
     explicit operator bool() const { return value_ != nullptr; }
 
-    // For an out-parameter; what was held before is released.
+    // For an out-parameter; a value that was held before is released.
     T **out()
     {
         TQRelease(std::exchange(value_, nullptr));

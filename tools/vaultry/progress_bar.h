@@ -1,4 +1,4 @@
-// One line on the terminal that shows how far a long operation is.
+// One line on the terminal that shows how far a long operation has come.
 
 #pragma once
 
@@ -7,7 +7,7 @@
 #include <string>
 
 // Appears after half a second, so that short operations leave the terminal alone, and goes without a trace. Shows
-// nothing where standard error is no terminal. Belongs to one thread at a time.
+// nothing if standard error is not a terminal. Belongs to one thread at a time.
 class ProgressBar {
 public:
     using Clock = std::chrono::steady_clock;
@@ -18,13 +18,13 @@ public:
     ProgressBar(const ProgressBar &) = delete;
     ProgressBar &operator=(const ProgressBar &) = delete;
 
-    // What took its time until now was something else.
+    // Starts counting time anew: until now something else took it.
     void Restart();
-    // Draws, if it is time to. A total of 0 or less is unknown.
+    // Draws if it is time. A total of 0 or less means unknown.
     void Update(int64_t done, int64_t total);
     void Clear();
 
-    // Whether bars are shown at all, which is where standard error is a terminal.
+    // Whether bars are shown at all: only if standard error is a terminal.
     static bool AreShown();
     static void DisableAll();
 

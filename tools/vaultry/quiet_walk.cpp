@@ -12,7 +12,7 @@
 
 using Folder = std::unique_ptr<DIR, int (*)(DIR *)>;
 
-// Refused for somebody else's folder, which is then opened as usual.
+// The kernel refuses this for somebody else's folder, which is then opened as usual.
 static Folder _OpenQuietly(int at, const char *name)
 {
     constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
@@ -23,7 +23,7 @@ static Folder _OpenQuietly(int at, const char *name)
     return folder;
 }
 
-// Not every volume tells the kind with the name.
+// Not every volume gives the kind with the name.
 static unsigned char _KindOf(int directory, const dirent &entry)
 {
     struct stat status {};

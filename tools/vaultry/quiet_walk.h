@@ -1,5 +1,4 @@
-// The items below a folder, read without leaving a time of access behind where that is allowed: to keep a document is
-// not to use it.
+// The items below a folder, read without changing access times if that is allowed: keeping a document is not using it.
 
 #pragma once
 
@@ -8,11 +7,11 @@
 
 struct WalkedItem {
     const std::string &path;
-    int directory; // that holds it, open
+    int directory; // the open directory that holds it
     const char *name;
     unsigned char kind; // as of an entry in a directory: DT_REG, DT_DIR, ...
 };
 
-// Calls `visit` with each, a folder before what is in it. Links are not followed. 0, or the first reason why something
-// could not be read; it goes on behind that.
+// Calls `visit` with each item, a folder before its contents. Links are not followed. 0, or the first reason why
+// something could not be read; the walk goes on after it.
 int WalkBelow(const std::string &folder, const std::function<void(const WalkedItem &)> &visit);

@@ -1,7 +1,7 @@
 // vaultry remove: takes generations out of the store.
 //
-// Only by their whole names, all looked at before the first goes: a beginning that named several generations a moment
-// ago may name one, and another one, when some are gone.
+// It takes only whole names, and looks at all of them before it removes the first. Once some generations are gone, a
+// beginning that named several may name a single one, and perhaps the wrong one.
 
 #include "commands.h"
 #include "failure.h"
@@ -31,7 +31,7 @@ int RunRemove(const Arguments &arguments)
         }
     };
 
-    // The library passes over a name without a generation; somebody who mistyped one has to know.
+    // The library passes over a name without a generation, but a user who mistyped a name has to know.
     const std::set<std::string> present = store.Names();
     std::vector<std::string> names;
     for (const std::string &name : arguments.names) {
@@ -43,10 +43,11 @@ int RunRemove(const Arguments &arguments)
     try {
         store.Remove(names);
     } catch (const CommandFailure &) {
-        // One by one: the others still go, and the user hears which can't. Those that went are passed over.
+        // Try one by one: the others still go, and the user hears which can't be removed. Those that went are passed
+        // over.
         for (const std::string &name : names) attempt([&] { store.Remove({name}); });
     }
-    // The library takes a link to nothing, which only another program can have put there, for nothing.
+    // The library takes a dangling link for nothing. Only another program can have put one there.
     attempt([&] {
         const std::set<std::string> left = names.empty() ? std::set<std::string>() : PeekAtNames(store.path());
         for (const std::string &name : names) {

@@ -36,7 +36,7 @@ static std::string _Generation(const Store &store, const Arguments &arguments, c
     return NewestGenerationOf(store, document, time);
 }
 
-// The name under which the document's present state is kept; none if it is not to be.
+// The name under which the document's present state is kept; none if it is not kept.
 static std::optional<std::string> _BackupName(const Store &store, const Arguments &arguments,
                                               const std::string &document, double now)
 {
@@ -53,14 +53,15 @@ static std::optional<std::string> _BackupName(const Store &store, const Argument
     throw CommandFailure(kExitExists, "there is no free name for the backup of " + Quoted(document));
 }
 
-// So that the backup shows in the document's history. The restore has succeeded, so a failure is only said.
+// Notes the document, so that the backup shows in its history. The document is safe by then, so a failure is only
+// reported.
 static void _RecordBackup(const Store &store, const std::string &backup, const std::string &document, double now)
 {
     if (!store.SetInfoOf(backup, document, now, nullptr))
         Say("list may not show " + Quoted(backup) + " with its document: that could not be written");
 }
 
-// After a restore that failed the backup is gone, unless a part of the old state is, or somebody saved the document
+// After a failed restore the backup is gone, unless a part of the old state is gone or somebody saved the document
 // meanwhile.
 static void _NameBackup(const Store &store, const std::string &document, const std::optional<std::string> &backup,
                         bool isNew, double now)
@@ -70,8 +71,8 @@ static void _NameBackup(const Store &store, const std::string &document, const s
     Say("what " + Quoted(document) + " was is kept as " + Quoted(*backup));
 }
 
-// What Ctrl-C does: the backup can be cancelled, and then the document is not touched. Without one nothing is asked
-// before the exchange, which is over at once and is not cut short by the first.
+// What Ctrl-C does. The backup can be cancelled, and then the document is not touched. Without a backup nothing looks
+// at the signal before the exchange. The exchange is over at once, and the first Ctrl-C does not cut it short.
 static constexpr char kStopsAtBackup[] = "\nvaultry: stopping, unless the document is being replaced already; "
                                          "once more ends at once\n";
 static constexpr char kReplacesFirst[] = "\nvaultry: the document is replaced as soon as the generation is copied out; "
@@ -132,8 +133,8 @@ static void _Replace(const Store &store, const std::string &name, const std::str
                          failure.what() + (backup ? ExplainRefusal(error.get(), store.path(), document) : ""));
 }
 
-// A document that appears meanwhile is kept under the name of a backup, and replaced: what is at its path afterwards is
-// never taken away again.
+// A document that appears meanwhile is kept under the name of a backup, and replaced. The item at its path is never
+// removed again afterwards.
 static void _CopyBack(const Store &store, const std::string &name, const std::string &document,
                       const std::optional<std::string> &backup, bool isNew, double now)
 try {
@@ -149,7 +150,7 @@ try {
     throw;
 }
 
-// What can't be looked at would be replaced without a backup if it were taken for absent.
+// If a document that can't be looked at counted as absent, it would be replaced without a backup.
 static bool _IsThere(const std::string &document)
 {
     struct stat status {};
@@ -165,7 +166,7 @@ int RunRestore(const Arguments &arguments)
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string document = DocumentPath(arguments.document);
     const std::string name = _Generation(store, arguments, document);
-    const double now = PresentTime(); // before anything is done: it is the moment of what the document was
+    const double now = PresentTime(); // before anything is done, since the backup is of this moment
     const bool isThere = _IsThere(document);
     std::optional<std::string> backup = _BackupName(store, arguments, document, now);
     const bool isNew = backup && !store.Names().contains(*backup);

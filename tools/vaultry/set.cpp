@@ -1,4 +1,4 @@
-// vaultry set: changes what is known of a generation, never what it holds.
+// vaultry set: changes the metadata of a generation, never its content.
 
 #include "commands.h"
 #include "failure.h"
@@ -15,7 +15,7 @@ struct Change {
     Owned<TQValue> value; // null removes the key
 };
 
-// "key=text", or "key:=json" for what is no text.
+// "key=text", or "key:=json" for any other value.
 static Change _ParseAssignment(const std::string &assignment)
 {
     const size_t equals = assignment.find('=');
@@ -68,7 +68,7 @@ static void _SetKey(const Store &store, const std::string &name, const Change &c
                          failure.what() + (isOfAttributes ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
 }
 
-// The library gives no error object for what fails behind the lock: why is told by looking again, and by errno.
+// The library gives no error object for a failure under the lock. Looking again, and errno, tell the reason.
 static void _RemoveKey(const Store &store, const std::string &name, const std::string &key)
 {
     Owned<TQError> error;
@@ -107,7 +107,7 @@ struct Step {
     std::function<void()> take;
 };
 
-// There is no way back from a change, so a failure says which were made before it.
+// A change can't be undone, so a failure says which changes were made before it.
 static void _Take(const std::vector<Step> &steps)
 {
     std::string done;

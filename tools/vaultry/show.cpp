@@ -1,4 +1,4 @@
-// vaultry show: everything that is known of one generation.
+// vaultry show: everything that is known about one generation.
 
 #include "commands.h"
 #include "failure.h"
@@ -30,7 +30,7 @@ static std::string _Octal(uint32_t mode)
     return text;
 }
 
-// With permissions as the document had them, not as the store protects them.
+// Permissions are those that the document had, not those that protect it in the store.
 static void _DescribeItem(const std::string &path, Json &object, Problems &problems)
 {
     struct stat item {};
@@ -48,7 +48,7 @@ static void _DescribeItem(const std::string &path, Json &object, Problems &probl
         throw CommandFailure::Errno("can't read the record of the document's permissions on " + Quoted(path), reason);
 }
 
-// As far as it can be read; what can't is left out, and noted.
+// Shows what can be read; the rest is left out, and noted.
 static Json _Describe(const Store &store, const std::string &name, Problems &problems)
 {
     Json object;
@@ -70,7 +70,7 @@ static Json _Describe(const Store &store, const std::string &name, Problems &pro
     return object;
 }
 
-// A line for each entry; those of the info dictionary as JSON below it.
+// One line for each entry; the entries of the info dictionary follow it as JSON.
 static void _PrintForPeople(const Json &object)
 {
     for (const auto &[key, value] : object.items()) {

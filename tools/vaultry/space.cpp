@@ -17,7 +17,7 @@ static bool _HasFreeSpace(const std::string &directory, uint64_t bytes, uint64_t
 {
     struct statvfs volume {};
     if (statvfs(directory.c_str(), &volume) != 0) return false;
-    // File systems that make inodes as they need them count none.
+    // File systems that make inodes on demand report none.
     const bool inodesLeft = volume.f_files == 0 || volume.f_favail > items;
     return inodesLeft && volume.f_bavail * volume.f_frsize > bytes;
 }
@@ -25,7 +25,7 @@ static bool _HasFreeSpace(const std::string &directory, uint64_t bytes, uint64_t
 bool IsAttributeSpace(const TQError *error, const std::string &directory, const std::string &needed)
 {
     if (UnderlyingErrno(error) != ENOSPC) return false;
-    // What failed has been removed again: that there is room now says something only of what would have fitted.
+    // The failed copy has been removed again, so free space now matters only if the whole tree would have fitted.
     static constexpr uint64_t kOverheadOfAnItem = 4096;
     uint64_t bytes = kBytesToSpare;
     uint64_t items = kItemsToSpare;

@@ -1,7 +1,7 @@
-// "No space" that is not the disk's.
+// "No space" that does not come from a full disk.
 //
 // ext4 keeps all extended attributes of an item in about 4 KiB and answers as a full disk does when they are used up.
-// The remedy is another one, so a person has to be told.
+// The remedy is different, so the user has to be told.
 
 #pragma once
 
@@ -13,7 +13,7 @@
 // at `needed`.
 bool IsAttributeSpace(const TQError *error, const std::string &directory, const std::string &needed);
 
-// The same of the errno of a call that writes an attribute and nothing else.
+// The same for the errno of a call that writes only an attribute.
 bool IsAttributeSpace(int reason, const std::string &directory);
 
 inline constexpr char kAttributeSpaceIsFull[] =

@@ -26,7 +26,7 @@ Store::Store(const std::string &path) : path_(path), handle_(nullptr, TQClientMa
     if (!handle_) throw CommandFailure::Library("can't open the store " + Quoted(path), error.get());
 }
 
-// What is there; throws for what is neither a store nor can become one.
+// The kind of place; throws if it neither is a store nor can become one.
 static PlaceKind _RequirePlace(const std::string &path)
 {
     const PlaceKind kind = LookAtPlace(path);
@@ -64,7 +64,7 @@ std::set<std::string> Store::Names() const
     Owned<TQError> error;
     const Owned<TQArray> array(TQClientManagedStorageCopyGenerationNames(handle(), error.out()));
     if (!array) throw CommandFailure::Library("can't list the store " + Quoted(path_), error.get());
-    // The library has waited for its turn, and refuses names that are no text; but it ends without a word where the
+    // The library has waited for its turn, and refuses names that are not UTF-8. But it ends without an error if the
     // directory can't be read any further.
     return PeekAtNames(path_);
 }

@@ -1,4 +1,4 @@
-// An open store, and what every subcommand asks of it.
+// An open store, with the questions that every subcommand asks it.
 
 #pragma once
 
@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-// What the command wrote beside a generation when it kept it; absent where another client did.
+// What the command noted beside a generation when it kept it; absent if another client kept it.
 struct GenerationInfo {
     std::optional<std::string> document; // absolute path, any bytes
     std::optional<double> time;          // seconds since 1970
@@ -26,31 +26,31 @@ GenerationInfo ToGenerationInfo(const TQDictionary *info);
 
 class Store {
 public:
-    // Opens the store; makes it first where there is nothing or an empty directory.
+    // Opens the store; makes it first if there is nothing or an empty directory.
     static Store OpenOrMake(const std::string &path);
-    // Opens the store; none if there is nothing yet, and refuses what is no store.
+    // Opens the store; none if there is nothing yet. Throws if the item there is not a store.
     static std::optional<Store> OpenExisting(const std::string &path);
-    // The same, where a generation is asked for: without a store there is none.
+    // The same, but throws if there is no store: for a caller that wants a generation.
     static Store Require(const std::string &path);
 
     const std::string &path() const { return path_; }
     const TQClientManagedStorage *handle() const { return handle_.get(); }
 
     std::set<std::string> Names() const;
-    // Whether there is surely no such generation, by the names: the status of a failed operation would not tell this
-    // from an invalid name. False too if the names can't be read.
+    // Whether there is surely no such generation. It goes by the names, since the status of a failed operation would be
+    // the same for an invalid name. Also false if the names can't be read.
     bool Lacks(const std::string &name) const noexcept;
     // Where a generation lies.
     std::string PathOf(const std::string &name) const;
-    // The whole info dictionary, what the command wrote there, and the display name, "" if there is none. Each throws
-    // if it can't be read, which says nothing of the others.
+    // The whole info dictionary, the command's own entries in it, and the display name, "" if there is none. Each
+    // throws if it can't be read, whether or not the others can.
     Owned<TQDictionary> InfoDictionaryOf(const std::string &name) const;
     GenerationInfo InfoOf(const std::string &name) const { return ToGenerationInfo(InfoDictionaryOf(name).get()); }
     std::string DisplayNameOf(const std::string &name) const;
-    // Writes both, for the document's history; neither if that fails.
+    // Writes both for the document's history; on failure, neither.
     bool SetInfoOf(const std::string &name, const std::string &document, double time, TQError **error) const;
-    // Removes them in order, up to the first that can't be; passes over a name without a generation. Under one lock
-    // and with one flush, however many.
+    // Removes them in order, up to the first that can't be removed; passes over a name without a generation. Takes one
+    // lock and one flush, however many they are.
     void Remove(const std::vector<std::string> &names) const;
 
 private:
@@ -60,10 +60,10 @@ private:
     std::unique_ptr<TQClientManagedStorage, void (*)(TQClientManagedStorage *)> handle_;
 };
 
-// Why what is at `path` can't be used as a store.
+// Why the item at `path` can't be used as a store.
 CommandFailure NoStore(const std::string &path, PlaceKind kind);
 
-// The bytes of a generation's files. Throws if not all of it can be read.
+// The bytes of a generation's files. Throws if a part of it can't be read.
 uint64_t SizeOfTree(const std::string &path);
 
 // The info dictionary's keys, which other clients may read and write.

@@ -64,7 +64,7 @@ std::string Quoted(std::string_view bytes)
     return std::string(1, '"').append(Printable(bytes)).append(1, '"');
 }
 
-// Columns of the first character of `text`, which has at least one, and the bytes that it takes.
+// The columns of the first character of `text`, which must not be empty, and its bytes.
 static size_t _FirstCharacterWidth(std::string_view text, size_t *length)
 {
     *length = std::max<size_t>(CharacterLength(text), 1);
@@ -103,7 +103,7 @@ std::string HumanSize(uint64_t bytes)
     static const char *const units[] = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     double value = static_cast<double>(bytes) / 1024;
     size_t unit = 0;
-    // What would be printed as 1024 belongs to the next unit.
+    // A figure that would be printed as 1024 belongs to the next unit.
     for (; value >= 1023.5 && unit + 1 < std::size(units); ++unit) value /= 1024;
     snprintf(text, sizeof text, value < 9.95 ? "%.1f %s" : "%.0f %s", value, units[unit]);
     return text;

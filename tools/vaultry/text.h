@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-// The bytes as text. Control characters, those that turn the writing direction, and bytes that are not
-// UTF-8 become escapes such as \n, \x1b and \u202e, so that a name can neither move the cursor nor forge a line.
+// The bytes as text. Control characters, characters that change the writing direction, and bytes that are not UTF-8
+// become escapes such as \n, \x1b and \u202e, so that a name can neither move the cursor nor forge a line.
 std::string Printable(std::string_view bytes);
 
 // Printable, in double quotes.
@@ -18,17 +18,17 @@ std::string Quoted(std::string_view bytes);
 // Length of the UTF-8 character at the start of `bytes`; 0 if there is no valid one.
 size_t CharacterLength(std::string_view bytes);
 
-// The printable text cut between characters to at most `width` columns, with "..." where something is missing.
+// The printable text, cut between characters to at most `width` columns, with "..." if something is missing.
 std::string FittedTo(std::string_view text, size_t width);
 
 // "512 B", "4.0 KiB", "1.2 GiB".
 std::string HumanSize(uint64_t bytes);
 
-// Whether a person reads `stream` on a terminal that knows escape sequences; and whether to use colour there.
+// Whether `stream` is a terminal that knows escape sequences; and whether to use colour there.
 bool IsTerminal(FILE *stream);
 bool UsesColour(FILE *stream);
 
-// Rows under a header, aligned by the width in which a terminal shows them.
+// Rows under a header, aligned by their width on a terminal.
 class Table {
 public:
     enum class Align { Left, Right };
@@ -38,9 +38,9 @@ public:
     };
 
     explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
-    // One cell a column, printable.
+    // One printable cell for each column.
     void AddRow(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
-    // Nothing at all if there are no rows.
+    // Prints nothing if there are no rows.
     void Print(FILE *stream) const;
 
 private:

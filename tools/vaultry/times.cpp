@@ -36,7 +36,7 @@ std::string IsoTime(double secondsSince1970)
 
 std::string HumanTime(double secondsSince1970)
 {
-    // Beyond these years the conversion can't be relied on; not-a-number fails the comparison too.
+    // Beyond these years the conversion is unreliable; not-a-number fails the comparison too.
     if (!(std::fabs(secondsSince1970) < 1e11)) return "-";
     const auto seconds = static_cast<time_t>(std::floor(secondsSince1970));
     struct tm local {};
