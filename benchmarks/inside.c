@@ -1,4 +1,4 @@
-/* What a process that links the library waits for, beside the least calls that could do the same.
+/* Times a process that links the library, and beside it the fewest calls that could do the same.
  *
  *     inside keep STORE DOCUMENT FIRST COUNT        adds generations numbered from FIRST, flushed as always
  *     inside keep-floor DIRECTORY DOCUMENT FIRST COUNT
@@ -6,7 +6,7 @@
  *     inside query STORE COUNT                      all records with every field
  *     inside query-floor DIRECTORY COUNT
  *
- * Prints the nanoseconds of each, a line each, when all are done. */
+ * Prints the nanoseconds of each turn on a line of its own, when all are done. */
 #include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -19,8 +19,8 @@
 #include <vaultry/vaultry.h>
 
 typedef struct {
-    const char *directory; /* the store, or what stands for one */
-    const char *what;      /* a document or a name, where there is one */
+    const char *directory; /* the store, or the directory in its place */
+    const char *what;      /* a document or a name, if there is one */
     long turn;
     TQLibrary *library;
 } Work;

@@ -1,6 +1,6 @@
-// A store's operations on one small document: the lock alone, adding, copying out, what is noted beside a generation.
+// A store's operations on one small document: the lock alone, adding, copying out, and the metadata of a generation.
 //
-// In $TMPDIR, so that any file system can be measured, with the flush that each of them ends in.
+// They run in $TMPDIR, so that any file system can be measured, with the flush that each of them ends in.
 
 #include "vaultry_client_managed.h"
 
@@ -126,7 +126,7 @@ void SetInfoValue(benchmark::State &state)
 }
 BENCHMARK(SetInfoValue);
 
-// As a client's list of versions asks for it: every field of one generation.
+// Every field of one generation, as a client's list of versions asks for it.
 void QueryRecord(benchmark::State &state)
 {
     const SmallStore small;

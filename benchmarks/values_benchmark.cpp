@@ -1,4 +1,4 @@
-// What needs no disk: names, formatted strings, failures and the log, property lists.
+// Pieces that need no disk: names, formatted strings, failures and the log, property lists.
 
 #include "Shared/tq_log.h"
 #include "Shared/vaultry_internal_failure.h"
@@ -39,7 +39,7 @@ void MakeErrorObject(benchmark::State &state)
 }
 BENCHMARK(MakeErrorObject);
 
-// What a refusal costs beyond its error object: the message, and a line of the log that the threshold holds back.
+// The cost of a refusal beyond its error object: the message, and a line of the log that the threshold holds back.
 void RefuseWithoutLogging(benchmark::State &state)
 {
     for ([[maybe_unused]] auto _ : state) {
@@ -81,7 +81,7 @@ TQDictionary *MakeInfo(int64_t count)
     return info;
 }
 
-// In entries, of which 25 come to about a KiB.
+// Counted in entries: 25 of them are about a KiB.
 void FromOneKiBToOneMiB(benchmark::internal::Benchmark *family)
 {
     for (const int64_t kibibytes : {1, 32, 1024}) family->Arg(25 * kibibytes);

@@ -1,4 +1,4 @@
-// A history browser: what a store holds of a document, the newest first, or of every document that it knows.
+// A history browser: the generations of one document, or of every document that the store knows, the newest first.
 //
 //     c++ -std=c++17 history.cpp -o history $(pkg-config --cflags --libs vaultry)
 //     history STORE [DOCUMENT]
@@ -12,7 +12,7 @@
 
 namespace fs = std::filesystem;
 
-// Of a file, or of all files in a tree.
+// The size of a file, or of all files in a tree.
 static std::uintmax_t SizeOf(const fs::path &generation)
 {
     std::uintmax_t size = 0;
@@ -34,11 +34,11 @@ static void Show(const vaultry::Record &record, bool withDocument)
 
 static void Browse(const fs::path &directory, const fs::path &document)
 {
-    // value() throws what went wrong; see sync_agent.cpp for the way without exceptions.
+    // value() throws on failure; see sync_agent.cpp for the way without exceptions.
     const auto store = vaultry::Store::open(directory).value();
     auto history = store.query().value();
 
-    // Generations of clients that note neither document nor time are not in anybody's history.
+    // Generations of clients that do not note document and time are not in anybody's history.
     const auto isForeign = [&](const vaultry::Record &record) {
         return !record.time() || !record.document() || (!document.empty() && *record.document() != document);
     };
@@ -56,7 +56,7 @@ int main(int argc, char **argv)
         return 2;
     }
     try {
-        // Not canonical(): the document may be gone, and its history is what is wanted most then.
+        // Not canonical(): the document may be gone, and then its history is wanted most.
         Browse(argv[1], argc == 3 ? fs::weakly_canonical(fs::absolute(argv[2])) : fs::path());
         return 0;
     } catch (const std::exception &failure) { // of the library, or of the file system

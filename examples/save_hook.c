@@ -1,8 +1,8 @@
-// An editor's save hook: keep what the document holds, then save; and go back to what was kept.
+// An editor's save hook: keeps what the document holds, and then saves; or goes back to what was kept.
 //
 //     cc save_hook.c -o save_hook $(pkg-config --cflags --libs vaultry)
 //     save_hook STORE DOCUMENT save < NEW-CONTENTS    keeps what the document held and prints that generation's name
-//     save_hook STORE DOCUMENT restore NAME           keeps what it replaces, too
+//     save_hook STORE DOCUMENT restore NAME           keeps what it replaces too
 // The store is any existing directory, and the document an existing file.
 
 #define _XOPEN_SOURCE 700 // realpath
@@ -12,7 +12,7 @@
 #include <time.h>
 #include <vaultry/vaultry.h>
 
-// The time, and the document's extension, by which a restored document keeps its own.
+// The time, and the document's extension, so that a restored document keeps that.
 static TQString *CreateName(const char *path, struct timespec now)
 {
     char day[32];
@@ -21,13 +21,13 @@ static TQString *CreateName(const char *path, struct timespec now)
     return TQStringCreateWithFormat("%s.%09ldZ%s", day, now.tv_nsec, extension ? extension : "");
 }
 
-// What other clients find the document's history by: its path, as bytes, and the time.
+// Notes what other clients need to find the document's history: its path, as bytes, and the time.
 static bool Describe(TQLibrary *library, const TQString *name, const char *path, struct timespec now)
 {
     TQValue *keys[] = {TQStringCreate("vaultry.document"), TQStringCreate("vaultry.time")};
     TQValue *values[] = {TQDataCreate(path, strlen(path)),
                          TQDateCreate((double)now.tv_sec + (double)now.tv_nsec / 1e9)};
-    TQDictionary *info = TQDictionaryCreate(keys, values, 2); // null if one of them is
+    TQDictionary *info = TQDictionaryCreate(keys, values, 2); // null if one of these is null
     const bool done = TQLibrarySetGenerationInfoValues(library, name, info);
     TQValue *owned[] = {info, keys[0], keys[1], values[0], values[1]};
     for (size_t i = 0; i < sizeof owned / sizeof *owned; ++i) TQRelease(owned[i]);
@@ -60,7 +60,7 @@ int main(int argc, char **argv)
     const bool isKept = library && kept && // a null name for the backup would mean none
                         (restores ? TQLibraryRestoreGeneration(library, wanted, document, kept, &error)
                                   : TQLibraryAddGenerationWithOptionsByCopyingFile(library, kept, document, 1, &error));
-    if (isKept) error = NULL; // not to be read after a success
+    if (isKept) error = NULL; // must not be read after a success
     TQString *why = TQErrorCopyDescription(error);
     const char *failed = isKept ? NULL : restores ? "can't restore" : "can't keep what is there, so nothing is saved";
     if (isKept) printf("%s\n", TQStringGetUTF8(kept));

@@ -1,4 +1,4 @@
-// A sync agent: brings what is new in one folder to another, and keeps every document that it overwrites.
+// A sync agent: copies newer files from one folder to another, and keeps every document that it overwrites.
 //
 //     c++ -std=c++17 sync_agent.cpp -o sync_agent $(pkg-config --cflags --libs vaultry)
 //     sync_agent STORE FROM TO
@@ -16,11 +16,11 @@ static bool Complain(const fs::path &path, const std::string &why)
     return false;
 }
 
-// Keeps the document and notes whose generation that is. Whatever fails, the caller leaves the document alone.
+// Keeps the document, and notes whose generation that is. If anything fails, the caller leaves the document alone.
 static vaultry::Result<void> Keep(const vaultry::Store &store, const fs::path &document)
 {
     const auto now = system_clock::now();
-    // Unique, and with the extension that a restored document is to have.
+    // Unique, and with the extension that a restored document should have.
     const std::string name = "sync " + std::to_string(now.time_since_epoch().count()) + document.extension().native();
 
     std::int64_t bytes = 0;

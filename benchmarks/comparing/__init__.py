@@ -1,1 +1,1 @@
-"""What benchmarks/compare is made of."""
+"""The parts of benchmarks/compare."""

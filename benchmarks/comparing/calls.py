@@ -13,7 +13,7 @@ HEAD = """\
 # docs/performance.md tells more. Written by benchmarks/compare --calls --write.
 """
 ORDINARY = 64099  # no account has it, and none is needed
-OLDEST = (6, 6)  # without fchmodat2 the C library needs several calls in its place
+OLDEST = (6, 6)  # without fchmodat2 the C library makes several calls instead
 
 
 def require_kernel():
@@ -37,7 +37,7 @@ def write_figures(figures):
 
 
 def become_ordinary():
-    """Root, who may do more, needs fewer calls; where no file system can be mounted there is mostly no root."""
+    """Root may do more and so needs fewer calls. Where no file system can be mounted, the user is mostly not root."""
     if os.geteuid() == 0:
         os.setgroups([])
         os.setgid(ORDINARY)
@@ -45,7 +45,7 @@ def become_ordinary():
 
 
 def count(kind, rows, tools, directory):
-    """{row: calls by name}, of vaultry alone."""
+    """{row: calls by name}, for vaultry only."""
     ways.require_tracing()
     require_kernel()
     with places.mounted("ext4", directory, 1 << 30) if kind == "ext4" else places.in_memory() as place:
@@ -62,7 +62,7 @@ KINDS = {"ext4": count, "tmpfs": count_as_ordinary}
 
 
 def grown(key, calls, figure):
-    """Whether a row costs more than it may; says by which calls."""
+    """Whether a row costs more than it may; prints the calls that make the difference."""
     now = sum(calls.values())
     if round(now, 2) <= figure:
         return False
@@ -73,7 +73,7 @@ def grown(key, calls, figure):
 
 
 def take(rows, tools, options):
-    """Writes what is counted now as the figures of these rows."""
+    """Writes the present counts as the figures of these rows."""
     figures = read_figures()
     for kind, how in KINDS.items():
         for key, calls in how(kind, rows, tools, options.directory).items():
@@ -82,7 +82,7 @@ def take(rows, tools, options):
 
 
 def compare(rows, tools, options):
-    """On ext4 as root, else on tmpfs as an ordinary user: how many rows passed and failed, or why none was counted."""
+    """Runs on ext4 as root, else on tmpfs as an ordinary user: how many rows passed and failed, or why none did."""
     figures, skips = read_figures(), []
     for kind, how in KINDS.items():
         try:
@@ -96,7 +96,7 @@ def compare(rows, tools, options):
 
 
 def check(rows, tools, options):
-    """The part of ./check: an exit status, and a line in its list of results if it wants one."""
+    """For ./check: an exit status, and a line in its list of results if it wants one."""
     print("\n== system calls per item", flush=True)
     if options.write:
         take(rows, tools, options)
@@ -109,4 +109,4 @@ def check(rows, tools, options):
         return 1 if record["failed"] else 0
     with options.sum.open("a", encoding="utf-8") as file:
         file.write(json.dumps(record) + "\n")
-    return 0  # ./check has the failures; another answer tells it that nothing was counted
+    return 0  # ./check gets the failures from the list; another status tells it that nothing was counted

@@ -1,4 +1,4 @@
-"""The rows of the comparison, and how one is measured: everybody in turns, or call by call."""
+"""The rows of the comparison, and how one is measured: all ways in turns, or call by call."""
 import contextlib
 import dataclasses
 import statistics
@@ -8,7 +8,7 @@ from . import jobs, places, ways
 
 @dataclasses.dataclass
 class Row:
-    """One job against its goals. `counted` are two sizes: what lies between them tells what one more item costs."""
+    """One job against its goals. `counted` are two sizes: their difference tells the cost of one more item."""
 
     key: str
     title: str
@@ -62,7 +62,7 @@ def opened(job, tools, place, size):
 
 
 def take_turns(job, rounds):
-    """Samples of every way, in turns, the order changed each round; slow peers sit out after the third."""
+    """Samples of every way, in turns, in an order that changes each round; slow peers sit out after the third."""
     samples = {name: {"wall": [], "cpu": []} for name in job.ways()}
     for name, way in job.ways().items():
         # Not timed: it brings programs, libraries and directories into the cache.
@@ -81,7 +81,7 @@ def take_turns(job, rounds):
 
 
 def calls_of_one_more(row, tools, place, name):
-    """What one more item costs, by system call: two sizes apart, so that starting up and an empty job cancel out."""
+    """The cost of one more item, by system call: from two sizes, so that starting up and an empty job cancel out."""
     totals = []
     for size in row.counted:
         with opened(row.job, tools, place, size) as job:

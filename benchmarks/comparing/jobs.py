@@ -1,9 +1,8 @@
 """The jobs: each makes its workload, and knows how vaultry does it and how it is done by hand.
 
 A way prepares what one run needs, untimed, and returns its steps. Destinations are fresh in every run and small files
-stay until the job ends: a file system may look long for a place among inodes that have just been freed, and
-whoever comes next would pay for it.
-"""
+stay until the job ends: a file system may search long for a place among inodes that have just been freed, and the next
+way would pay for that. """
 import functools
 import os
 import shutil
@@ -15,11 +14,11 @@ CP = ["cp", "-a", "--reflink=auto"]
 
 
 class Job:
-    """`size` says how much work it is; `items` is what its calls are divided by."""
+    """`size` says how much work it is; its calls are divided by `items`."""
 
     inside = False  # whether its programs measure themselves
     by_hand = "cp -a"  # what vaultry is compared with
-    peers = {}  # and who else does it
+    peers = {}  # other programs that do it
 
     def __init__(self, tools, home, size):
         self.tools, self.home, self.items = tools, home, size
@@ -38,7 +37,7 @@ class Job:
         subprocess.run(self.vaultry(*words), check=True, stdout=subprocess.DEVNULL)
 
     def next(self):
-        """A name that this run is the first to use."""
+        """A name that no run has used before."""
         self.turn += 1
         return f"run{self.turn:04}"
 
@@ -68,7 +67,7 @@ class Files(Job):
 
 
 class Add(Files):
-    """Until it is on disk: the library flushes, and so does everybody."""
+    """It lasts until everything is on disk: the library flushes, and so do the others."""
 
     peers = peers.INSTALLED
 
@@ -133,7 +132,7 @@ class CopyOut(Files):
         return [self.vaultry("copy", "generation", f"{self.target}/{self.next()}")]
 
     def theirs(self):
-        # From the store too: the same data, on the same disk, equally cached.
+        # By hand, too, the copy is made from the store: the same data, on the same disk, equally cached.
         return [[*CP, f"{self.store}/generation", f"{self.target}/{self.next()}"]]
 
 

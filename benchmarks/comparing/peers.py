@@ -1,8 +1,7 @@
-"""Other programs that keep a copy of a document, those that are installed.
+"""Other programs that keep a copy of a document, if they are installed.
 
-Each starts with a repository of its own every time, made untimed, since all but rsync keep nothing of what they have
-already; and ends with the same flush as everybody.
-"""
+Each starts every time with a fresh repository, made untimed, since all except rsync store nothing that they have
+already. Each ends with the same flush as the others. """
 import os
 import shutil
 import subprocess
@@ -26,14 +25,14 @@ def git(job):
     repository = prepared(job, "git", "init", "-q", "--bare", "{}")
     work = os.path.dirname(job.source)
     git = ["git", "-C", work, f"--git-dir={repository}", f"--work-tree={work}"]
-    # Packing what was just written goes on in the background, and would be a burden on whoever is next.
+    # Packing would go on in the background, and slow down the next program.
     who = ["-c", "user.name=ann", "-c", "user.email=ann@example.org", "-c", "maintenance.auto=false"]
     return [[*git, "add", "-f", os.path.basename(job.source)], [*git, *who, "commit", "-qm", "kept"], job.flush()]
 
 
 def ostree(job):
     repository = prepared(job, "ostree", "--repo={}", "init", "--mode=bare")
-    folder = job.source if os.path.isdir(job.source) else os.path.dirname(job.source)  # it takes no file alone
+    folder = job.source if os.path.isdir(job.source) else os.path.dirname(job.source)  # it can't take a single file
     return [["ostree", f"--repo={repository}", "commit", "-b", "kept", f"--tree=dir={folder}"], job.flush()]
 
 

@@ -1,4 +1,4 @@
-"""The picture of docs/performance.md: how long each job takes against doing it by hand, and how cost grows.
+"""The picture of docs/performance.md: the time of each job against doing it by hand, and how cost grows.
 
 Plain SVG: the same figures give the same bytes.
 """
@@ -45,7 +45,7 @@ def place(ratio):
 
 
 def ratios(rows):
-    """A line for each job, a dot for each who does it; to the left is faster."""
+    """A line for each job, with a dot for each program; further left is faster."""
     bottom = TOP + ROW * len(rows)
     shapes = [text(20, 28, "Time, against doing it by hand (cp -a and the like)", size=16),
               text(20, TOP - 12, "further left is faster", colour="#777")]
@@ -69,7 +69,7 @@ def ratios(rows):
 
 
 def chart(title, series, x, y):
-    """Cost over number, both logarithmic: what rises as the dashed line does is in proportion."""
+    """Cost over number, both logarithmic: a curve that rises like the dashed line is in proportion."""
     points = [(max(int(number), 0.5), seconds * 1e3) for number, seconds in series.items()]
     left, right, bottom, top = x + 44, x + CHART - 20, y + 150, y + 26
     numbers, costs = zip(*points)

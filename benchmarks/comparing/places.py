@@ -7,13 +7,13 @@ import subprocess
 import tempfile
 
 LIBC = ctypes.CDLL(None, use_errno=True)
-NAMES = {"ext2/ext3": "ext4"}  # stat(1) tells the three no further apart
-# Else the kernel goes on making it, behind whatever is measured.
+NAMES = {"ext2/ext3": "ext4"}  # stat(1) does not tell the three apart
+# Otherwise the kernel goes on making the file system during the measurement.
 MAKE = {"ext4": ["-E", "lazy_itable_init=0,lazy_journal_init=0"]}
 
 
 class Absent(Exception):
-    """Something can't be had here; the words say what and why."""
+    """Something is not available here; the words say what and why."""
 
 
 def kind_of(path):
@@ -40,7 +40,7 @@ def sync_directory(path):
 
 @contextlib.contextmanager
 def directory(parent):
-    """One of our own below `parent`, gone in the end whatever is in it."""
+    """One of our own below `parent`, removed in the end whatever is in it."""
     path = tempfile.mkdtemp(prefix="vaultry-compare-", dir=parent)
     try:
         yield path

@@ -1,4 +1,4 @@
-"""What was measured, for people: a line for each row, the tables of docs/performance.md, a picture beside them."""
+"""The results for people: a line for each row, the tables of docs/performance.md, and the picture beside them."""
 import statistics
 
 from . import picture
@@ -23,7 +23,7 @@ def line(row, kind, got):
 
 
 def against(figure, goal, unit=""):
-    """A figure beside its goal; in bold where it is missed."""
+    """A figure beside its goal; in bold if it misses that."""
     text = f"{figure:.2f}".rstrip("0").rstrip(".") + unit
     if goal is None:
         return text

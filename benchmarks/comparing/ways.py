@@ -1,8 +1,7 @@
 """How a way of doing a job is run and measured.
 
 A way is a list of steps: an argument list is a program, a callable is done in this process (a flush, a rename), so that
-what is done by hand pays for no program. Those that measure themselves print the nanoseconds of every turn.
-"""
+doing it by hand does not pay for a program. Those that measure themselves print the nanoseconds of every turn. """
 import collections
 import os
 import resource
@@ -15,12 +14,12 @@ import time
 
 from .places import Absent
 
-# When the allocator asks for more memory is its own affair, and would make exact counts inexact.
+# The allocator decides when it asks for more memory, and that would make exact counts inexact.
 NOT_COUNTED = {"total", "brk", "mmap", "munmap", "mremap", "madvise"}
 
 
 def spawn(words, **more):
-    # Without close_fds a child is made without copying this process.
+    # Without close_fds, Python makes a child without copying this process.
     return subprocess.run(words, check=True, close_fds=False, stdin=subprocess.DEVNULL, **more)
 
 
@@ -29,7 +28,7 @@ def quietly(words):
 
 
 def measure(steps, inside):
-    """Seconds that passed, and of processor time; `inside` if the program takes its own times."""
+    """Elapsed seconds, and seconds of processor time; `inside` if the program measures itself."""
     before = resource.getrusage(resource.RUSAGE_CHILDREN)
     start = time.perf_counter()
     if inside:
@@ -45,7 +44,7 @@ def measure(steps, inside):
 
 
 def peak_memory(steps):
-    """KiB that the largest program had resident. A child of ours would begin with our own, so time(1) starts it."""
+    """KiB that the largest program had resident. A child of ours would begin with our memory, so time(1) starts it."""
     with tempfile.NamedTemporaryFile(mode="r") as report:
         peaks = []
         for step in steps:
@@ -59,7 +58,7 @@ def peak_memory(steps):
 
 
 def count_calls(steps):
-    """System calls by name, children and threads included; what a callable does is not counted."""
+    """System calls by name, including children and threads; the calls of a callable are not counted."""
     calls = collections.Counter()
     with tempfile.NamedTemporaryFile(mode="r") as report:
         for step in steps:

@@ -1,4 +1,4 @@
-"""What the jobs work on. The same bytes, names and sizes at every run, on every machine."""
+"""The documents and stores of the jobs, with the same bytes, names and sizes in every run, on every machine."""
 import os
 import plistlib
 import random
@@ -9,7 +9,7 @@ PREFIX = "user.com.corvane.vaultry."
 
 
 def make_file(path, size):
-    # Not zeros and not repeating within a block: nothing that a file system could store as less.
+    # Not zeros, and not repeating within a block, so that no file system can store them in less space.
     block = random.Random(1).randbytes(1 << 20)
     with open(path, "wb") as file:
         for start in range(0, size, len(block)):
@@ -28,7 +28,7 @@ def make_tree(path, files):
 
 
 def access_list(user):
-    """An access-control list as the kernel takes it: what the mode says, and one more user who may read."""
+    """An access-control list in the kernel's form: the rights of the mode, and one more user who may read."""
     entries = [(0x01, 6, -1), (0x02, 4, user), (0x04, 4, -1), (0x10, 4, -1), (0x20, 4, -1)]
     return struct.pack("<I", 2) + b"".join(struct.pack("<HHi", *entry) for entry in entries)
 
@@ -58,7 +58,7 @@ def make_package(path, size):
 
 
 def make_attributed_tree(path, attributes):
-    """A thousand small files with so many attributes each."""
+    """A thousand small files, each with that many attributes."""
     make_tree(path, 1000)
     for folder, _, names in os.walk(path):
         for name in names:
@@ -71,7 +71,7 @@ def count_items(path):
 
 
 def read_everything(path):
-    """Brings it into the cache, so that nobody is the first who has to read it."""
+    """Brings it into the cache, so that no program has to read it first."""
     for name in [path] if os.path.isfile(path) else [f"{d}/{f}" for d, _, files in os.walk(path) for f in files]:
         with open(name, "rb") as file:
             while file.read(1 << 20):
@@ -83,7 +83,7 @@ def generation_name(number):
 
 
 def fill_store(store, first, count):
-    """Generations of 1 KiB written straight into a store: adding one waits for the disk, and we want 100,000."""
+    """Generations of 1 KiB, written straight into a store: adding each would wait for the disk, and we want 100,000."""
     os.chmod(store, 0o755)
     for number in range(first, first + count):
         path = f"{store}/{generation_name(number)}"

@@ -70,9 +70,10 @@ Example:
 static constexpr char kRestoreFooter[] = R"(
 The document keeps its own permissions and flags. Its present state is kept
 first, as a generation of its own whose name is printed; nothing is lost by
-restoring the wrong one. If another program saves the file meanwhile, the restore fails
-and what was saved stays. If the generation's name ends in another extension,
-the document gets that extension. A document that is gone is copied back.
+restoring the wrong one. If another program saves the file meanwhile, the
+restore fails and keeps what was saved. If the generation's name ends in another
+extension, the document gets that extension. A document that is gone is copied
+back.
 
 A TIME is local, 2026-03-01 or "2026-03-01 10:15:30", or UTC with a Z at its
 end. It stands for the last moment of the day, minute or second that it names.
@@ -131,8 +132,8 @@ Examples:
 
 static constexpr char kRemoveFooter[] = R"(
 Give the whole name of a generation here: a beginning that is typed once too
-often could remove another one. Names that the store doesn't hold are reported; the
-others are removed.
+often could remove another one. Names that the store doesn't hold are reported;
+the others are removed.
 
 Example:
   vaultry remove before-review)";
