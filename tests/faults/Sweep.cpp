@@ -14,15 +14,15 @@ using Fate = Outcome::Fate;
 using Act = Fault::Act;
 constexpr unsigned kLasting = Snapshot::kContents | Snapshot::kRights;
 
-// Beside EIO, which is never taken for an answer.
+// Errors beside EIO, which the library never takes for an answer.
 constexpr int kErrors[] = {ENOSPC, EACCES, EPERM, EMFILE, ENOMEM, EINTR, EDQUOT, EROFS, EXDEV, EINVAL, ENOTSUP};
-// From some call on: a disk that broke, is full, or was made read-only.
+// Errors of every call from some call on: a disk that broke, is full, or was made read-only.
 constexpr int kLastingErrors[] = {EIO, ENOSPC, EROFS};
 
-// The way back met a fault itself: both states stay, and a person decides.
+// The undo met a fault itself: both states stay, and a person decides.
 constexpr char kNotHome[] = "Failed to give the document back to .*nosync";
 
-// What one failing call leaves because it struck the clean-up, which said so in the log.
+// Remains of a clean-up that the failing call struck, and the log line that says so.
 const struct {
     std::regex said, left;
 } kResidue[] = {
@@ -44,7 +44,7 @@ bool IsLong()
     return std::getenv("VAULTRY_LONG") != nullptr;
 }
 
-// Under a sanitizer, which makes them slow, a few of the calls.
+// Sanitizers are slow, so under one only a few of the calls fail.
 const int kStep = kCanFailAllocations ? 1 : 7;
 
 int failingCalls, kills, allocations, violations;
@@ -64,18 +64,18 @@ int Failures()
     return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
 }
 
-// What is left out of a comparison because a call that is allowed to fail did.
+// Items that a comparison leaves out because a call failed that may fail.
 std::string MayLack(int call, int error)
 {
-    // The store's attributes stay on a copy that can't lose them.
+    // The store's attributes stay on a copy if they can't be removed.
     if (call == SYS_fremovexattr) return " user\\.com\\.corvane\\.vaultry\\.\\w+=\\S+";
     // A file system without attributes, and one without flags, or a user without the right to them.
     if (error == ENOTSUP && call == SYS_flistxattr) return " (user|system)\\.\\S+=\\S+";
-    return error == ENOTSUP || error == EPERM ? " flags \\d+| \\S*orig_perms_v1=\\d+" : ""; // which records flags too
+    return error == ENOTSUP || error == EPERM ? " flags \\d+| \\S*orig_perms_v1=\\d+" : ""; // it records flags too
 }
 
-// A row has five cells that are read: where what lies, in three places, what a repair finds, and what it leaves. In a
-// cell "or" parts what may be; "perhaps" is before what need not be found.
+// Five cells of a row are read: the items in each of three places, the findings of a repair, and what it leaves. In a
+// cell, "or" separates alternatives; "perhaps" stands before a finding that may be absent.
 struct KillTable {
     std::vector<std::vector<std::string>> rows;
     std::vector<bool> met;
@@ -148,12 +148,12 @@ Scene::Scene(TestStore::Document kind, bool lifts)
         disk::SetAttribute(document, "com.example.kind", "file");
         disk::SetFlags(document, FS_NODUMP_FL);
     } else {
-        // Everything that archiving has to lift: no write bits, and flags where they are lifted; and hard links.
+        // Everything that archiving has to lift: missing write bits, and flags if they are lifted; and hard links.
         const std::string flagged = disk::MakeDirectory(document + "/flagged");
         for (const std::string &name : {flagged + "/link", store / "outside"})
             EXPECT_EQ(link((document + "/twin").c_str(), name.c_str()), 0);
         chmod((document + "/folder").c_str(), 0555);
-        chmod(document.c_str(), lifts ? 0775 : 0555); // a flag would not let it be made writable again
+        chmod(document.c_str(), lifts ? 0775 : 0555); // with the flag nobody could make it writable again
         disk::SetFlags(flagged, lifts ? FS_APPEND_FL : 0);
         disk::SetFlags(document, lifts ? FS_NODUMP_FL | FS_IMMUTABLE_FL : FS_NODUMP_FL);
     }
@@ -205,7 +205,7 @@ bool Scene::HoldsDocument(const Snapshot &contents) const
 
 Sweeper::Sweeper(const Swept &swept, As who) : swept_(swept), who_(who)
 {
-    // Twice, and once in this process: what is made once and kept is then no leak.
+    // Twice, the first time in this process: objects that are made once and kept then don't count as a leak.
     for (const bool here : {true, false}) {
         Scene scene(swept_.kind, who == As::Capable);
         swept_.prepare(scene);
@@ -243,7 +243,7 @@ void Sweeper::Walk()
     Walk(kills, [](int nth) { return KillAfter(nth); });
     for (const int error : kErrors) {
         Walk(failingCalls, [error](int nth) { return FailCall(nth, error); });
-        // A call that is interrupted is made again, for as long as that takes.
+        // An interrupted call is repeated, so it must not be interrupted for ever.
         if (error != EINTR)
             Walk(failingCalls, [error](int nth) { return FailCall(nth, error, {}, /*fromThereOn=*/true); });
     }
@@ -271,7 +271,7 @@ void Sweeper::Walk(int &points, const Faults &faults)
         const int failures = Failures();
         Judge(fault, outcome, scene);
         swept_.then(scene);
-        // By which a check looks beside the document, note or not.
+        // With this a check looks beside the document, whether or not there is a note.
         if (!scene.restored.empty()) {
             EXPECT_TRUE(vaultry::Store::open(scene.store.root())
                             ->set_info("kept", vaultry::document_key, vaultry::Data(scene.document)));
@@ -304,7 +304,7 @@ std::string Sweeper::Named(const std::string &path) const
     return isOld ? "a part of the document" : "a part of the copy";
 }
 
-// What lies where has to be a row of the table, and so has what a repair finds and leaves.
+// The items in each place have to match a row of the table, and so have the findings of a repair and what it leaves.
 void Sweeper::JudgeKill(Scene &scene) const
 {
     const bool moves = scene.restored.empty();
@@ -316,7 +316,7 @@ void Sweeper::JudgeKill(Scene &scene) const
     };
     const std::string generation = scene.store.Generation(swept_.subject);
     const auto inStore = [&] { return std::string(disk::Exists(generation) ? "the generation" : "nothing"); };
-    std::string beside, own, other; // what lies in staging of itself, and of the backup
+    std::string beside, own, other; // in staging: the operation's own items, and those of the backup
     for (const auto &path : scene.Placeholders()) beside += Named(path);
     for (const auto &name : disk::List(scene.store.Staging())) {
         const std::string unique = scene.store.Staging() + "/" + name, note = disk::Read(unique + "/.vaultry_owner"),
@@ -349,7 +349,7 @@ void Sweeper::JudgeKill(Scene &scene) const
 
 void Sweeper::Judge(const Fault &fault, const Outcome &outcome, Scene &scene)
 {
-    // A process that can't release its lock stops, on purpose.
+    // A process that can't release its lock stops itself on purpose.
     const bool stopped = outcome.fate == Fate::Crashed;
     const bool mayStop =
         outcome.signal == SIGABRT && fault.act == Act::Fail && (fault.fromThereOn || outcome.call == SYS_flock);
@@ -415,7 +415,7 @@ void Sweeper::JudgeReport(const Fault &fault, const Outcome &outcome, const Scen
     EXPECT_TRUE(outcome.hasError) << "no error object";
     const std::string text = bare(plain(outcome.message)),
                       logged = outcome.message.substr(0, outcome.message.find_last_not_of('\n') + 1);
-    // A property list that can't be read says why in words of its own.
+    // The reader of property lists has its own words for what is wrong.
     EXPECT_TRUE(std::any_of(outcome.log.begin(), outcome.log.end(),
                             [&](const LogLine &line) {
                                 return line.text.find(logged) != std::string::npos ||

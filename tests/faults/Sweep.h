@@ -1,7 +1,7 @@
-// One operation met by a fault at each of its calls in turn, until the fault lies past the last.
+// One operation, with a fault at each of its calls in turn, until the fault lies past the last.
 //
-// Every round has a scene of its own, and after every round the same is asked: is everything as it was before, or as
-// it is after success? Is every generation whole, is the document somewhere, does the next operation work?
+// Every round has a scene of its own, and ends with the same questions. Is everything as it was before, or as it is
+// after success? Is every generation whole, is the document somewhere, does the next operation work?
 
 #pragma once
 
@@ -15,7 +15,7 @@
 struct Scene {
     explicit Scene(TestStore::Document kind, bool lifts);
 
-    // The document that is worked on, in place of the store's own.
+    // Works on this document instead of the store's own.
     void WorkOn(const std::string &path, bool folder);
     Snapshot Now() const;
     std::vector<std::string> Placeholders() const; // beside the document
@@ -24,11 +24,11 @@ struct Scene {
     TestStore store;
     std::optional<TempDirectory> otherVolume;
     const std::string out = store / "out";
-    std::string document, restored; // and where what takes its place will be, if anything does
+    std::string document, restored; // and the path of its replacement, if there is one
     Ref<TQLibrary> library;
 };
 
-// A failure that comes last, when what was done stays.
+// A failure in the last step, after which the change stays.
 inline const std::string kLastFlush = "Failed to flush (?!.*/staged[/\"])";
 
 // An operation to be swept. Paths and words are regular expressions.
@@ -38,16 +38,16 @@ struct Swept {
     std::function<void(Scene &)> prepare = [](Scene &) {};
     std::function<bool(Scene &, TQError **)> run = {};
     std::string subject = "";         // the generation that it works on
-    std::string unfinished = "";      // what else a kill may leave half done
-    std::string stays = kLastFlush;   // failures that may leave what was done
-    std::string lesser = "the whole"; // what a failing call may reduce the answer to
-    int step = 1;                     // between the calls that the daily run meets
+    std::string unfinished = "";      // other items that a kill may leave half done
+    std::string stays = kLastFlush;   // failures after which the change may stay
+    std::string lesser = "the whole"; // a smaller answer that a failing call may cause
+    int step = 1;                     // from one call that the daily run disturbs to the next
     bool silent = false;              // its failures have no error object
     std::function<void(Scene &)> then = [](Scene &) {};
-    std::string table = ""; // of docs/architecture.md, by its first words: what a kill leaves, and a repair makes of it
+    std::string table = ""; // the first words of a table in docs/architecture.md: remains of a kill, and their repair
 };
 
-// Whether since the last time kills have met every row of the table.
+// Expects that kills have met every row of the table since the last call.
 void ExpectEveryRowMet(const std::string &table);
 
 class Sweeper {

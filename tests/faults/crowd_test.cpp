@@ -1,5 +1,6 @@
-// A crowd in one store: processes that add, remove and set, killed at any moment; threads that read, query, copy out
-// and write beside them. Every reader sees whole generations and moments that were, and in the end the store is well.
+// A crowd in one store: processes that add, remove and set, and are killed at any moment; threads beside them that
+// read, query, copy out and write. Every reader sees whole generations and moments that existed, and in the end the
+// store is sound.
 
 #include "Platform/SystemLog.h"
 #include "support/Tests.h"
@@ -19,7 +20,7 @@
 
 namespace {
 
-// What all processes see.
+// Shared by all processes.
 struct Tally {
     std::atomic<bool> stop;
     std::atomic<long> writes, kills, reads, wrong;
@@ -30,7 +31,7 @@ Tally &NewTally()
         mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 }
 
-// One process. Everything that is kept has one content, that of "base", which nobody removes.
+// One writing process. Every generation has the same content, that of "base", which nobody removes.
 [[noreturn]] void Write(const TestStore &at, Tally &tally, unsigned seed)
 {
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -47,7 +48,7 @@ Tally &NewTally()
         if (what == 3) (void)store.set_display_name("base", vaultry::String(letters));
         if (what == 4) (void)store.set_info("base", "k", vaultry::String(letters));
         if (what != 5) continue;
-        // Made and removed under another name, so that what stands at `home` is whole.
+        // Made and removed under another name, so that the item at `home` is always whole.
         if (store.copy("base", part) && rename(part.c_str(), home.c_str()) == 0) (void)store.add_by_moving(name, home);
         if (rename(home.c_str(), part.c_str()) == 0) (void)vaultry::Store::destroy(part);
     }
@@ -56,7 +57,7 @@ Tally &NewTally()
 // Keeps three writers going: kills one after the other, and puts another in its place.
 [[noreturn]] void Herd(const TestStore &at, Tally &tally)
 {
-    (void)prctl(PR_SET_PDEATHSIG, SIGKILL); // and theirs follow
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL); // and its writers follow it
     std::mt19937 random(1);
     pid_t writers[3] = {};
     for (unsigned seed = 0; !tally.stop; ++seed) {
@@ -87,7 +88,7 @@ void Read(const TestStore &at, Tally &tally, unsigned seed)
     std::mt19937 random(seed);
     const vaultry::Store store = *vaultry::Store::open(at.root());
     for (const std::string out = at / "out-" + std::to_string(seed); !tally.stop; ++tally.reads) {
-        usleep(static_cast<useconds_t>(random() % 2000)); // readers without a pause would leave writers none
+        usleep(static_cast<useconds_t>(random() % 2000)); // without a pause, readers would never let writers in
         const auto names = store.names();
         const auto records = store.query();
         ASSERT_TRUE(names && records);
@@ -95,7 +96,7 @@ void Read(const TestStore &at, Tally &tally, unsigned seed)
         std::vector<std::string> recorded;
         for (const auto &record : *records) {
             recorded.push_back(record.name);
-            const std::string name = record.display_name.value_or("n"); // all one letter
+            const std::string name = record.display_name.value_or("n"); // one letter, repeated
             EXPECT_EQ(name.find_first_not_of(name[0]), std::string::npos);
         }
         ExpectMoment(recorded);
@@ -141,7 +142,7 @@ TEST(Crowd, ConcurrentReadersSeeWholeGenerationsWhileWritersAreKilled)
                 testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count());
 }
 
-// Runs `work` again and again in a process of its own, until the tally says stop.
+// Runs `work` again and again in a process of its own, until the tally tells it to stop.
 pid_t Repeat(Tally &tally, const std::function<bool()> &work)
 {
     const pid_t process = fork();
@@ -151,7 +152,7 @@ pid_t Repeat(Tally &tally, const std::function<bool()> &work)
     _exit(0);
 }
 
-// One document, of which each state is told by its bytes: "saved" and a number, or a generation's name.
+// One document. Its bytes tell each of its states: "saved" and a number, or a generation's name.
 TEST(Crowd, RestoresOfOneDocumentLoseNoneOfItsStates)
 {
     const int rounds = std::getenv("VAULTRY_LONG") != nullptr ? 10000 : 300;
@@ -189,7 +190,8 @@ TEST(Crowd, RestoresOfOneDocumentLoseNoneOfItsStates)
                 (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
                 const auto done = store.restore(names[i], document, "backup " + names[i]);
                 const std::string why = done ? "" : done.error().description();
-                // Saved by the other one before it was its turn, or while it was copied for the backup.
+                // The other restorer replaced the document before this one's turn, or while it was copied for the
+                // backup.
                 const bool gaveWay =
                     std::regex_search(why, std::regex("was changed while|src=" + document + ".*(Stale|No such)"));
                 if (!done && !gaveWay) std::puts(why.c_str());
@@ -211,7 +213,7 @@ TEST(Crowd, RestoresOfOneDocumentLoseNoneOfItsStates)
         EXPECT_EQ(tally.wrong, 0);
 
         EXPECT_TRUE(vaultry::Store::findings(at.root(), /*repair=*/true));
-        // What came out of another's restore, or was to go in, is reported and left to a person.
+        // An item that belongs to another's restore is reported and left to a person.
         const auto left = *vaultry::Store::findings(at.root());
         for (const auto &finding : left)
             EXPECT_TRUE(finding.kind == "document-aside" || finding.kind == "copy-beside") << finding.kind;

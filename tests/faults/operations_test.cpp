@@ -1,6 +1,6 @@
-// Every operation of the library under every fault: each system call made to fail, the process killed there, each
-// allocation refused. Whatever happens, nobody loses a document and the next operation works. What the failing calls
-// say is in messages.txt.
+// Every operation of the library under every fault: each system call fails, the process is killed there, each
+// allocation is refused. Whatever happens, nobody loses a document and the next operation works. The messages of
+// failing calls are in messages.txt.
 
 #include "Runtime/Values.h"
 #include "Shared/vaultry_storage.h"
@@ -11,14 +11,14 @@ namespace {
 constexpr auto kFile = TestStore::Document::File, kFolder = TestStore::Document::Folder;
 using Store = const TQClientManagedStorage *;
 
-// What is run: on `scene` and its `store`, with `why` for the error.
+// A function that runs `expression` on `scene` and its `store`, with `why` for the error.
 #define DO(expression)                                                                                                 \
     [=](Scene &scene, TQError **why) -> bool {                                                                         \
         [[maybe_unused]] const Store store = scene.store.handle();                                                     \
         return static_cast<bool>(expression);                                                                          \
     }
 
-// Tells the test what was read, with which a read ends.
+// Ends a read: hands the test the value that was read.
 bool Told(const Scene &scene, const Value &value)
 {
     Answer([&] { return value ? Plain(Describe(value.get()), scene.store.path()) : "nothing"; });
@@ -37,7 +37,7 @@ protected:
         SCOPED_TRACE(operation.name);
         Sweeper(operation, GetParam()).Walk();
     }
-    // Root lifts nothing, so that its own flags would stop it.
+    // Only for a user with the capability: root lifts no flags, so a flag would stop root.
     void SetFlags(const std::string &path) const
     {
         disk::SetFlags(path, GetParam() == As::Capable ? FS_IMMUTABLE_FL : 0);
@@ -78,7 +78,7 @@ TEST_P(FaultsWhile, CopyingOut)
 
 TEST_P(FaultsWhile, Restoring)
 {
-    // Over a document that is not the store's own.
+    // Restores over a document of its own, not the one that the store was made with.
     const auto over = [](const std::string &name, bool folder) {
         return [=](Scene &scene) { scene.WorkOn(scene.store / name, folder); };
     };
@@ -111,10 +111,10 @@ TEST_P(FaultsWhile, Restoring)
         {"restore a folder, with a backup", kFolder, over("d", true), "kept", "backup", "/d(-tmp.*|/.*)?"},
         {"restore with another extension", kFile, otherExtension, "kept.txt", "backup", "/d\\..*"},
         {"restore a folder across volumes", kFolder, onOtherVolume, "kept", nullptr, "/other volume.*",
-         5}, // a disk takes its time
+         5}, // a disk is slow
         {"restore where nothing is", kFile, onNothing, "kept", nullptr, "/d"},
     };
-    // What is left when the old document can't be removed; and a backup that can't be finished.
+    // `unfinished` covers the rest of an old document that can't be removed, and a backup that can't be finished.
     for (const auto &row : rows)
         Sweep({.name = row.name,
                .kind = row.kind,
@@ -138,7 +138,7 @@ TEST_P(FaultsWhile, Reading)
     const auto read = [this](const char *name, const auto &run, const char *lesser = "the whole") {
         Sweep({.name = name, .run = run, .lesser = lesser});
     };
-    // A list ends where it can't be read on, and a word that can't be read is 0.
+    // A list ends where reading fails, and an options word that can't be read is 0.
     read("read the options", DO(Told(TQClientManagedStorageGetGenerationOptions(store, "kept", why), why)), "0");
     read("read the info", READ(TQClientManagedStorageCopyGenerationInfoDictionary(store, "kept", why)));
     read("read one value", READ(TQClientManagedStorageCopyGenerationInfoValueForKey(store, "kept", key.get(), why)));
@@ -181,7 +181,7 @@ TEST_P(FaultsWhile, CreatingRemovingAndDestroying)
            .run = DO(TQClientManagedStorageRemoveGenerations(store, names.get(), why)),
            .subject = "kept"});
 
-    // What is half made or half removed is made or removed by the next call.
+    // The next call completes a store that is half made or half removed.
     const auto create = DO(Ref<TQLibrary>::Adopt(TQLibraryCreateClientManaged(nullptr, FileURL(scene.out).get(), why)));
     const auto destroy = DO(TQLibraryDestroyClientManaged(FileURL(scene.store.root()).get(), why));
     Sweep({.name = "create a store",
@@ -201,7 +201,7 @@ TEST_P(FaultsWhile, CreatingRemovingAndDestroying)
            .unfinished = "/store.*",
            .stays = ".*",
            .then = [=](Scene &scene) {
-               // What is left of it still tells what it was, unless it is nothing but an empty folder.
+               // The rest can still be told for a store, unless it is only an empty folder.
                const auto left = disk::List(scene.store.root());
                EXPECT_TRUE(left.empty() || disk::Exists(scene.store.root() + "/.vaultry_lockfile"));
                EXPECT_TRUE(destroy(scene, nullptr));

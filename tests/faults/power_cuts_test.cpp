@@ -1,5 +1,5 @@
-// Power that fails at any moment of an operation, or right after it: what returned true is on disk, to the byte and the
-// attribute; what did not is there whole or not at all; and what lies about is named and mended.
+// Power fails at any moment of an operation, or right after it. The result of an operation that returned true is on
+// disk, to the byte and the attribute; any other is there whole or not at all; and a check names and mends the remains.
 
 #include "support/Tests.h"
 #include "support/Volumes.h"
@@ -17,11 +17,11 @@ namespace {
 
 using Document = TestStore::Document;
 
-// The power of the volume at `path` fails and comes back: what had not reached its disk is gone, with or without what
-// its journal holds of the last seconds. By the file system's own shutdown; the disk itself loses nothing that it was
-// given, so this tells whether everything was handed to it, not whether its cache was emptied. Btrfs has no such call,
-// tmpfs no disk. Nobody has anything open there; the device, which would go with its last mount, is kept open
-// meanwhile.
+// The power of the volume at `path` fails and comes back: data that had not reached its disk is gone, with or without
+// the last seconds in its journal. This uses the file system's own shutdown. The disk itself loses nothing that it was
+// given, so this tells whether everything was handed to the disk, not whether its cache was emptied. Btrfs has no such
+// call, and tmpfs no disk. Nobody may have anything open there; the device would go with its last mount, so it is kept
+// open meanwhile.
 bool CutPower(const std::string &path, bool losesJournal)
 {
     const std::string how = losesJournal ? "" : "-f", disk = "disk=$(findmnt -no SOURCE " + path + "); exec 3<$disk; ";
@@ -34,7 +34,8 @@ bool IsAside(const std::string &name)
     return name.find("-tmp.nosync.") != std::string::npos;
 }
 
-// A store with one generation, the document that it was made of, and on a desk another one that it may replace.
+// A store with one generation, the document that it was made from, and another document on a desk, to be replaced by
+// it.
 struct Scene {
     Scene(Document kind, const std::string &generation, const std::string &storeVolume, const std::string &volume)
         : store(kind, storeVolume), desk(volume)
@@ -44,11 +45,11 @@ struct Scene {
         draftContents = Snapshot::Of(draft, Snapshot::kContents);
         store.Remember(draft, "draft");
         EXPECT_TRUE(handle.add(generation, store.document()));
-        // By which a check finds what a restore put aside.
+        // With this a check finds what a restore put aside.
         EXPECT_TRUE(handle.set_info(generation, vaultry::document_key, vaultry::Data(draft)));
     }
 
-    // All that the user has: generations and documents.
+    // Everything that the user has: generations and documents.
     std::map<std::string, Snapshot> State() const
     {
         std::map<std::string, Snapshot> all = {{"document", Snapshot::Of(store.document())}};
@@ -65,7 +66,7 @@ struct Scene {
         auto litter = disk::List(store.Staging());
         for (const auto &name : disk::List(desk.path()))
             if (IsAside(name)) litter.push_back(name);
-        // What is beside a document because of it is named in its place.
+        // Instead of a staging directory, the findings may name the item beside a document that belongs to it.
         const auto isNamed = [&](const std::string &name) {
             const std::string note = disk::Read(store.Staging() + "/" + name + "/.vaultry_owner");
             return named.find("/" + name + "/") != named.npos ||
@@ -76,7 +77,7 @@ struct Scene {
         for (const auto &name : litter) EXPECT_TRUE(isNamed(name)) << name;
     }
 
-    // After an operation that did not come to its end, on what may be unprotected.
+    // For an operation that was cut short; the item that it worked on, `unprotected`, may be so.
     void CheckInterrupted(const std::string &unprotected, bool moves)
     {
         if (disk::Exists(store.Generation("backup"))) {
@@ -98,7 +99,7 @@ struct Scene {
     Snapshot draftContents;
 };
 
-// By the command, which copies and then removes from another volume; it dies with who runs it.
+// Moves with the command, which copies from another volume and then removes; it dies with its parent.
 vaultry::Result<void> MoveAcross(const Scene &scene)
 {
     const pid_t command = fork();
@@ -116,10 +117,10 @@ vaultry::Result<void> MoveAcross(const Scene &scene)
 
 const struct Work {
     const char *what, *generation;
-    std::string changes; // how the names of the parts begin that it works on
+    std::string changes; // the beginning of the names of what it works on
     std::function<vaultry::Result<void>(const Scene &)> run;
     bool across = false; // the store lies on a volume that keeps its power
-    bool full = false;   // the other one has no room for the copy
+    bool full = false;   // the other volume has no room for the copy
 } kWorks[] = {
     {"add by copying", "old", "new", [](auto &s) { return s.handle.add("g", s.store.document(), 6); }},
     {"add by moving", "old", "document", [](auto &s) { return s.handle.add_by_moving("g", s.store.document(), 6); }},
@@ -144,16 +145,17 @@ TEST_P(PowerCuts, WhatReturnedTrueStaysAndNothingIsTorn)
 {
     const TestVolume &where = VolumeOfType(GetParam());
     if (where.path.empty()) GTEST_SKIP() << "no " << GetParam() << " volume: " << where.whyNot;
-    const int rounds = std::getenv("VAULTRY_LONG") ? 50 : 3; // of each work on each kind
+    const int rounds = std::getenv("VAULTRY_LONG") ? 50 : 3; // for each work and each kind
     int cuts = 0, torn = 0, lost = 0, calls = 0;
     for (int i = 0; i < static_cast<int>(std::size(kWorks)) * 2 * rounds && torn + lost < 10; ++i) {
         const Work &work = kWorks[i / rounds / 2];
         const auto kind = i / rounds % 2 == 0 ? Document::File : Document::Package;
-        // To its end first, and then killed at calls spread evenly, however many are tried, or a little later.
+        // The first run goes to its end. The others are killed at calls spread evenly over the operation, or a little
+        // later.
         const int nth = i % rounds == 0 ? 0 : 1 + calls * (i * 618 % 1000) / 900;
         const bool losesJournal = i % 2 == 0;
         const As who = i / 2 % 2 == 0 ? As::User : As::Root;
-        if (work.full && kind == Document::File) continue; // which fits
+        if (work.full && kind == Document::File) continue; // a file fits
         SCOPED_TRACE(testing::Message() << work.what << (kind == Document::File ? ", file, " : ", package, ")
                                         << NameOf(who) << (nth == 0 ? ", ended" : ", killed at call ") << nth
                                         << (losesJournal ? ", journal lost" : ""));
@@ -161,7 +163,7 @@ TEST_P(PowerCuts, WhatReturnedTrueStaysAndNothingIsTorn)
         Scene scene(kind, work.generation, work.across ? "" : where.path, where.path);
         const auto old = scene.State();
         identity.reset();
-        // What the library did flushes itself; what the user did has to be there only where it is looked for.
+        // The library flushes its own work. The user's work has to be on disk only if the test looks for it.
         const bool flushed = nth != 0 || kind == Document::File;
         ASSERT_TRUE(!flushed || Shell(where.path, "sync -f ."));
         const char *const fill = "fallocate -l $(($(stat -fc '%a * %S' .) - (16 << 20))) filler || :;"
@@ -198,11 +200,11 @@ TEST_P(PowerCuts, WhatReturnedTrueStaysAndNothingIsTorn)
     std::printf("figures: %d power cuts on %s, %d torn, %d lost after success\n", cuts, GetParam(), torn, lost);
 }
 
-int flushes = -1; // of the client below so far; not counted if negative
+int flushes = -1; // by the client below so far; not counted if negative
 int alive[2];     // its child ends when nobody holds this pipe's end for writing
 bool isToDie;
 
-// A move flushes its note by three calls, and then, with the document in staging, what it has moved.
+// A move flushes its note by three calls. Then, with the document in staging, it flushes that.
 void CountFlush()
 {
     if (flushes < 0) return;
@@ -224,8 +226,8 @@ bool CanTake(const std::string &path)
     return can;
 }
 
-// A child that was forked in the middle has what its parent had open: a lock that is given back goes for both, one that
-// is not stays as long as the child does.
+// A child that is forked in the middle shares its parent's open files. A lock that the parent gives back is gone for
+// both; any other stays as long as the child lives.
 TEST(ForkedClients, KeepWhatAKilledOneHeldAndNothingOfOneThatLives)
 {
     for (const bool dies : {true, false}) {

@@ -1,5 +1,5 @@
-// What surrounds the library: documents without measure, and processes in an odd state. It does its work in little
-// memory, and changes nothing of its process. Odd trees and volumes are in transcripts/surroundings.txt.
+// Odd surroundings: huge documents, and processes in an odd state. The library needs little memory, and changes nothing
+// in its process. Odd trees and volumes are in transcripts/surroundings.txt.
 
 #include "Platform/SystemLog.h"
 #include "support/Tests.h"
@@ -16,7 +16,7 @@ namespace {
 
 constexpr unsigned kKept = Snapshot::kContents | Snapshot::kRights;
 
-// What a client does with a store. The document is at "document" again in the end.
+// The life of a document with a store. In the end it is at "document" again.
 bool UseEverything(const TestStore &store, TQError **error)
 {
     const DeferredScope scope;
@@ -33,7 +33,7 @@ bool UseEverything(const TestStore &store, TQError **error)
            store.Remove({"copied", "moved", "backup"}, error);
 }
 
-// Memory is that of one item, however many there are and however large.
+// Memory for one item is enough, however many there are and however large.
 TEST(VastDocuments, TakeLittleMemory)
 {
     if (!kCanFailAllocations) GTEST_SKIP() << "a sanitizer takes memory of its own";
@@ -63,7 +63,8 @@ TEST(VastDocuments, TakeLittleMemory)
              "test $(du -k sparse | cut -f1) -lt 64"));
 }
 
-// Of a process, what a library could change and must not; what it would need to change more, it doesn't import.
+// The state of a process that a library could change and must not. For other changes it would need functions that it
+// doesn't import.
 std::string StateOfProcess()
 {
     std::string state = std::filesystem::current_path().string() + setlocale(LC_ALL, nullptr);

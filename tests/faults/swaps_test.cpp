@@ -1,7 +1,7 @@
-// Another process puts links to a place outside, or other directories, where files and directories were, and back, at
-// every level and as fast as it can, while the library works there. An operation may fail; it never reads, changes or
-// removes what lies outside. The store's own directories are swapped too when it is repaired: they may be somebody
-// else's, and who repairs them root.
+// While the library works, another process swaps files and directories there for links to a place outside, or for other
+// directories, and back, at every level and as fast as it can. An operation may fail; it never reads, changes or
+// removes anything outside. During a repair the store's own directories are swapped too: they may be somebody else's,
+// and root may be the one who repairs them.
 
 #include "Platform/UniqueFd.h"
 #include "Shared/vaultry_storage.h"
@@ -36,17 +36,17 @@ void MakeTree(const std::string &path, const std::string &bytes, const char *att
     }
 }
 
-// What both processes see.
+// Shared by both processes.
 struct Shared {
     std::atomic<long> swaps;
     std::atomic<bool> began, stop;
 };
 
-// Below `at`, in each of `trees`, where "*" is whatever name is there.
+// Swaps items below `at`, in `trees`; a "*" in them stands for any name that is there.
 [[noreturn]] void Swap(const std::string &at, const Paths &trees, const std::string &outside, unsigned seed,
                        Shared &shared)
 {
-    (void)!setresuid(0, 0, 0); // where it may: no mode stops it then
+    (void)!setresuid(0, 0, 0); // if it may: then no mode stops it
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
     std::mt19937 random(seed);
     const auto pick = [&](const Paths &paths) { return paths[random() % paths.size()]; };
@@ -55,7 +55,7 @@ struct Shared {
     for (shared.began = true; !shared.stop;) {
         const std::string tree = pick(trees);
         std::string victim = at + tree, target = outside;
-        // The store's own are led to what looks like them.
+        // The store's own directories are swapped for links to similar ones.
         const bool isOwn = tree.starts_with("/store/.") && !tree.ends_with("staged");
         if (isOwn) target += std::regex_replace(tree.substr(6), std::regex("\\*"), "Copied0");
         if (const size_t star = victim.find('*'); star != std::string::npos) {
@@ -67,7 +67,7 @@ struct Shared {
                           spare = at + "/spares/" + std::to_string(kept) + (isDecoy ? "d" : "");
         victim += level;
         const size_t slash = victim.rfind('/');
-        // We aren't led out ourselves by a link that stayed.
+        // A link that stayed must not lead this process out.
         open_how how{};
         how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
         how.resolve = RESOLVE_NO_SYMLINKS;
@@ -84,13 +84,13 @@ struct Shared {
                                     : symlink((target + level).c_str(), spare.c_str()) == 0;
         if (!in || !isMade || !exchange()) continue;
         pause();
-        kept += exchange() ? 0 : 1; // if the library took the link away
+        kept += exchange() ? 0 : 1; // the library took the link away
         pause();
     }
     _exit(0);
 }
 
-// What a repair would mend, remove or give back if it were led there.
+// Makes items outside that a repair would mend, remove or give back if it were led there.
 void MakeStoreOf(const std::string &outside, bool hasAside)
 {
     chmod(outside.c_str(), 0755);
@@ -101,7 +101,7 @@ void MakeStoreOf(const std::string &outside, bool hasAside)
     chmod(outside.c_str(), 0555);
 }
 
-// A move and a restore that were killed in the middle, and a move of an earlier version.
+// Leaves a move and a restore that were killed in the middle, and a killed move of an earlier version.
 void MakeDead(const TestStore &store)
 {
     const vaultry::Store handle = *vaultry::Store::open(store.root());
@@ -132,14 +132,14 @@ TEST_P(Swaps, NothingLeadsOutOfTheTree)
         mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     const TempDirectory elsewhere(QuickVolume());
     const std::string outside = elsewhere / "outside", staged = "/store/.vaultry_staging/*/staged";
-    MakeTree(outside, "the secret", "com.example.secret", 0222); // what is lifted there shows
+    MakeTree(outside, "the secret", "com.example.secret", 0222); // so that lifting anything there shows
     MakeStoreOf(outside, GetParam() == As::Root);
     const std::string secret = Snapshot::Of(outside + "/twin", Snapshot::kContents).items.at("");
     Snapshot before = Snapshot::Of(outside, Snapshot::kUntouched);
 
     const struct {
         const char *what;
-        Paths trees; // that it reads, makes, replaces and removes
+        Paths trees; // read, made, replaced and removed by it
         std::function<vaultry::Result<void>(const vaultry::Store &, const std::string &at)> run =
             {}; // a repair if none
     } works[] = {
@@ -166,7 +166,7 @@ TEST_P(Swaps, NothingLeadsOutOfTheTree)
     for (unsigned seed = 0; escapes < 10 && (shared.swaps < wanted || done < operations); ++seed)
         for (const auto &work : works) {
             SCOPED_TRACE(testing::Message() << work.what << ", seed " << seed);
-            // Root repairs what is somebody else's.
+            // Root repairs somebody else's store.
             std::optional<Impersonate> owner;
             if (!work.run && GetParam() == As::Root) owner.emplace(As::User);
             TestStore store(TestStore::Document::File, QuickVolume());
@@ -181,7 +181,7 @@ TEST_P(Swaps, NothingLeadsOutOfTheTree)
             const pid_t swapper = fork();
             if (swapper == 0) Swap(store.path(), work.trees, outside, seed, shared);
             while (!shared.began) usleep(10);
-            // Not killed, only counted: that slows its calls down, so that many swaps fall between any two.
+            // The calls are only counted, which slows them down, so that many swaps happen between any two.
             const Outcome outcome = InChild(KillBefore(0), [&](TQError **) {
                 if (!work.run) return static_cast<bool>(vaultry::Store::findings(store.root(), /*repair=*/true));
                 return static_cast<bool>(work.run(*vaultry::Store::open(store.root()), store.path()));

@@ -1,4 +1,4 @@
-// What every fuzzer and its replay share.
+// Shared by every fuzzer and its replay.
 
 #pragma once
 

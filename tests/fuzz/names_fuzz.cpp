@@ -1,5 +1,5 @@
-// Names, paths and URLs from anybody: nothing is read or written past their ends, a name that is taken is kept under
-// exactly its bytes, and a path comes back from its URL as it was.
+// Names, paths and URLs from anybody: nothing is read or written past their ends, an accepted name is kept under
+// exactly its bytes, and a path comes back from its URL unchanged.
 
 #include "fuzz/Fuzz.h"
 #include "support/Store.h"
@@ -14,7 +14,7 @@ void CheckName(const std::string &text)
 {
     static const TestStore store(TestStore::Document::File, QuickVolume());
     const auto plain = [](const std::string &it) { return it[0] != '.' && it.find('/') == std::string::npos; };
-    const auto name = String(text); // null for what is not UTF-8
+    const auto name = String(text); // null if it is not UTF-8
     char form[255];
     const bool fits = TQStringGetGenName(name.get(), form, nullptr);
     Require(fits == (name && text.size() < sizeof form && text.find('\0') == std::string::npos), "the form of a name");
@@ -47,7 +47,7 @@ void CheckURL(const std::string &text)
 {
     const DeferredScope scope;
     const std::string path = "/" + std::string(text.c_str());
-    std::string back(path.size() + 1, '\xff'); // the sanitizer sees one byte more
+    std::string back(path.size() + 1, '\xff'); // the sanitizer sees a byte past the capacity
     const auto url = FileURL(path);
     const auto itsText = Ref<TQString>::Adopt(TQURLCopyString(url.get()));
     for (const auto &same : {url, Ref<TQURL>::Adopt(TQURLCreateWithString(itsText.get(), nullptr))}) {

@@ -1,5 +1,5 @@
-// Property lists from anybody: whatever the bytes, no crash and no endless work. They are refused with a reason, or
-// they are a value that can be written, read again and is still the same.
+// Property lists from anybody: whatever the bytes, no crash and no endless work. Either they are refused with a reason,
+// or their value can be written and read again and is still the same.
 
 #include "Runtime/Values.h"
 #include "fuzz/Fuzz.h"
@@ -19,7 +19,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     const Value twin = Own(TQPropertyListCreateWithData(Cast{data}, false, nullptr));
     Require(TQEqual(value.get(), twin.get()) && TQHash(value.get()) == TQHash(twin.get()), "differs from itself");
     const Value thawed = Own(TQPropertyListCreateWithData(Cast{data}, true, error.out()));
-    if (!thawed) { // and to be written it would have to be told out as well
+    if (!thawed) { // writing it would spell out shared containers too
         Require(Describe(error.get()).find("more memory") != std::string::npos, "is not to be had mutable");
         Require(!Describe(value.get()).empty(), "can't be described");
         return 0;

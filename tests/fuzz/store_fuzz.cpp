@@ -1,6 +1,6 @@
 // Whole stores made by somebody else: any kind of item at any place of a store, with any mode and any attributes; and
-// queries by anybody. Every operation answers, leaks no descriptor, and touches nothing outside the store but what a
-// note says belongs there.
+// queries by anybody. Every operation answers, leaks no descriptor, and touches nothing outside the store, except the
+// places that a note names.
 
 #include "Shared/vaultry_storage.h"
 #include "fuzz/Fuzz.h"
@@ -18,14 +18,14 @@
 
 namespace {
 
-// What a fuzzer's bytes are taken for: numbers, and texts with their length in front.
+// The meaning of a fuzzer's bytes: numbers, and texts with their length in front.
 struct Recipe {
     std::string_view rest;
     unsigned Number() { return static_cast<unsigned char>(Take(1)[0]); }
     std::string Text() { return Take(Number()); }
     std::string Take(size_t length)
     {
-        const std::string taken(rest.substr(0, length)); // whose end is a zero
+        const std::string taken(rest.substr(0, length)); // so that it ends in a zero
         rest.remove_prefix(taken.size());
         return taken;
     }
@@ -36,7 +36,7 @@ const std::vector<std::string> kItems = [] {
                              ".vaultry_staging/AAAAAAA .vaultry_staging/AAAAAAA/staged .vaultry_staging/BBBBBBB .hid");
     return std::vector<std::string>(std::istream_iterator<std::string>(words), {});
 }();
-constexpr size_t kNote = std::size(kStoreAttributes), kMode = kNote + 1; // what is changed, if it is no attribute
+constexpr size_t kNote = std::size(kStoreAttributes), kMode = kNote + 1; // changes other than of an attribute
 
 class HostileStore {
 public:
@@ -90,7 +90,7 @@ private:
     }
 };
 
-// Everything that a client can ask of a generation. Most of it is refused; what is done must be so.
+// Everything that a client can ask of a generation. Most of it is refused; what succeeds must be true.
 void UseGeneration(const TQClientManagedStorage *store, const char *name, const HostileStore &hostile)
 {
     const auto key = String("key");
@@ -107,7 +107,7 @@ void UseGeneration(const TQClientManagedStorage *store, const char *name, const 
         Require(TQClientManagedStorageGetGenerationOptions(store, name, nullptr) == 6, "options that were stored");
 }
 
-// The info of "file" taken for a spec. A record is the same whether one is asked for or all.
+// Uses the info of "file" as a spec. A record is the same whether the query is for one or for all.
 void Query(const TQClientManagedStorage *store)
 {
     OwnedError why;
