@@ -35,7 +35,7 @@ TEST_P(Library, IsADataValueThatHoldsTheStoresHandle)
     Expect({{invalid, CALL(TQLibraryCreateClientManaged(nullptr, web.get(), why))},
             {Failed(104, "invalid supplied url (null)"), CALL(TQLibraryCreateClientManaged(nullptr, nullptr, why))},
             {invalid, CALL(TQLibraryDestroyClientManaged(web.get(), why))}});
-    // Never to be released, so made where that does not matter.
+    // It must never be released, so it is made in a child, where that does not matter.
     EXPECT_TRUE(InChild(CALL(*static_cast<void *const *>(TQDataGetBytes(TQLibraryAllocate(nullptr))) == nullptr && why))
                     .succeeded);
     EXPECT_TRUE(TQLibraryDestroyClientManaged(root.get(), nullptr) && !disk::Exists(store.root()));
@@ -45,7 +45,7 @@ TEST_P(Library, IsADataValueThatHoldsTheStoresHandle)
 TEST_P(Library, HandsEverythingOnToItsStore)
 {
     const auto name = String("g\xC3\xA9"), moved = String("moved"), key = String("k"), text = String("shown");
-    // Named beside another file, not beside the current directory.
+    // These paths are relative to another file, not to the current directory.
     const auto beside = [&](const char *path) {
         return Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPathRelativeToBase(path, false, document.get()));
     };

@@ -29,12 +29,12 @@ TEST(StoreLocks, ReportMisuseAndFailure)
     };
     StoreLock none;
     ExpectRows({{System(EINVAL, "*->fd isn't -1"), lock(0, path)},
-                // A client that has given up waits for nothing.
+                // A client that has given up does not wait.
                 {System(ECANCELED, "Failed to lock generation path \"$/store/.vaultry_lockfile\""), givenUp},
                 {Logs(EINVAL, "*->fd is -1"), CALL((_UnlockGenerationStore(&none), why))}},
                store.path());
-    // A lock that can't be released would stop every other process: this one stops instead. The second and third call
-    // are for the owner file.
+    // A lock that can't be released would stop every other process: this process stops instead. The second and third
+    // calls are for the owner file.
     const Outcome stuck = InChild(FailCall(4, EIO, kLock), CALL(store.Add("g", why)));
     EXPECT_EQ(stuck.fate, Outcome::Fate::Crashed);
     EXPECT_EQ(store.List(), std::vector<std::string>{"g"});

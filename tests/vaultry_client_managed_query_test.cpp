@@ -8,7 +8,7 @@ namespace {
 struct StoreQuery : InStore {};
 INSTANTIATE_AS_EACH(StoreQuery);
 
-// A list of keys reaches the building of records from inside alone.
+// Only code inside the library can build records with a list of keys.
 TEST_P(StoreQuery, OfAListOfKeysARecordHoldsThoseThatAreThere)
 {
     ASSERT_TRUE(store.Add("g"));

@@ -14,7 +14,7 @@ TEST_P(StoreRead, EveryOperationFindsItsGenerationOrSaysWhyNot)
     uint16_t mode = 0;
     uint32_t flags = 0;
     const std::string out = store / "out", tooLong(1024 - store.root().size() - 1, 'n');
-    // What each operation is called with, and what it is to give.
+    // The arguments and expected result of each operation.
     const TQClientManagedStorage *s = handle;
     const char *n = nullptr;
     const Operation operations[] = {
@@ -61,7 +61,7 @@ TEST_P(StoreRead, EveryOperationFindsItsGenerationOrSaysWhyNot)
         OwnedError error;
         EXPECT_TRUE(operation(error.out())) << error.description();
     }
-    // What lies in staging belongs to the caller until it is given back.
+    // A copy in staging belongs to the caller until it is given back.
     EXPECT_TRUE(Same(Snapshot::Of(store.document(), Snapshot::kContents), Snapshot::Of(staged, Snapshot::kContents)));
     EXPECT_TRUE((mode & 07777U) == disk::Mode(store.document()) && flags == 0);
     for (const std::string &other : {out, store.Staging(), store.Staging() + "/../g", store.Staging() + "//x",

@@ -13,7 +13,7 @@ namespace {
 
 struct Attributes : InDirectory {};
 
-// Runs tests of this program again, under a kernel that answers `error` to every call younger than the C library.
+// Runs tests of this program again, under a kernel that answers `error` to every call newer than the C library.
 [[noreturn]] void RunOnAnOldKernel(unsigned error, const char *tests)
 {
     sock_filter filter[] = {
@@ -52,20 +52,20 @@ TEST_P(Attributes, ReadTheSameByPathAndByDirectory)
         EXPECT_EQ(errno, E2BIG) << "touched on success";
         EXPECT_EQ(std::string(buffer, 5), "value");
         EXPECT_TRUE(get(file, 2) == -1 && errno == ERANGE);
-        // The link's own; what it points to has the attribute.
+        // This is the link itself; its target has the attribute.
         EXPECT_TRUE(get(link, sizeof buffer) == -1 && errno == ENODATA);
         EXPECT_TRUE(set(link, Links::NoFollow) == -1 && errno == EPERM);
         EXPECT_EQ(platform::RemoveAttribute(file, Links::NoFollow, "com.example.a"), 0);
         EXPECT_TRUE(platform::RemoveAttribute(link, Links::Follow, "com.example.a") == -1 && errno == ENODATA);
     }
-    // One byte more than fits behind the prefix.
+    // One byte more than fits after the prefix.
     EXPECT_TRUE(platform::AddAttributeOfFd(open.get(), std::string(251, 'n').c_str(), "", 0) == -1 && errno == ERANGE);
     EXPECT_EQ(platform::AddAttributeOfFd(open.get(), std::string(250, 'n').c_str(), "", 0), 0);
     EXPECT_TRUE(platform::AddAttributeOfFd(open.get(), std::string(250, 'n').c_str(), "x", 1) == -1 && errno == EEXIST);
 }
 INSTANTIATE_AS_EACH(Attributes);
 
-// A sandbox that does not know a number answers EPERM, as if the item had refused.
+// A sandbox answers EPERM to an unknown call, as if the item had refused.
 TEST(OldKernel, ServesTheSame)
 {
     const char *tests = "--gtest_filter=As/Attributes.*:As/FileFlags.AModeIsNeverSetThroughALink/*";

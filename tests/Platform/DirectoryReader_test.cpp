@@ -10,8 +10,8 @@ struct DirectoryReaders : OnEachVolume {};
 
 } // namespace
 
-// Some file systems count entries: removing one moves those behind it up. Here a directory that has fewer from the
-// beginning stands for the one that was left.
+// Some file systems count entries: removing one moves up those behind it. Here a directory that has fewer from the
+// beginning stands for one in which entries were removed.
 TEST_P(DirectoryReaders, FindTheirPlaceByName)
 {
     ASSERT_TRUE(Shell(directory().path(), "mkdir full thinned; touch full/$(seq -s ' full/' 20)"

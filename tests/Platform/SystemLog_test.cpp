@@ -14,7 +14,7 @@ static std::string _Label(size_t capacity = 128)
     return label.c_str();
 }
 
-// Which piece of work a line comes from; the program's name, which every thread has, says nothing of that.
+// The label tells which piece of work a line comes from. The program's name does not, since every thread has it.
 TEST(ThreadLabel, IsTheThreadsOwn)
 {
     std::thread([] {
@@ -26,7 +26,7 @@ TEST(ThreadLabel, IsTheThreadsOwn)
     }).join();
     char name[16];
     pthread_getname_np(pthread_self(), name, sizeof name);
-    pthread_setname_np(pthread_self(), "a script's"); // as a main thread's is, whatever runs the script
+    pthread_setname_np(pthread_self(), "a script's"); // like the name of a main thread, whatever runs the script
     EXPECT_EQ(_Label(), "");
     std::thread([] { EXPECT_EQ(_Label(), ""); }).join();
     pthread_setname_np(pthread_self(), name);
@@ -39,7 +39,7 @@ TEST(SystemLog, LinesGoToWhoeverListensAndKeepErrno)
     errno = E2BIG;
     platform::WriteSystemLog(3, "100% \n");
     platform::SetLogSink(nullptr);
-    platform::WriteSystemLog(-1, "to the system log %s%n"); // a level that is none, a line that is no format
+    platform::WriteSystemLog(-1, "to the system log %s%n"); // not a level, and not a format
     EXPECT_EQ(errno, E2BIG);
     EXPECT_EQ(heard, "3100% \n");
 }

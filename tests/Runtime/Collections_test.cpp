@@ -6,13 +6,13 @@
 TEST(Dictionary, KeepsEveryPairInOrderThroughManyChanges)
 {
     std::mt19937 random(7);
-    std::vector<std::pair<int64_t, int64_t>> model; // what it should hold, kept the slow way
+    std::vector<std::pair<int64_t, int64_t>> model; // the expected content, kept the slow way
     const auto dictionary = Ref<TQDictionary>::Adopt(TQDictionaryCreateMutable());
     for (int64_t step = 0; step < 20000; ++step) {
         const auto key = static_cast<int64_t>(random() % 300);
         const auto at = std::ranges::find(model, key, [](const auto &pair) { return pair.first; });
         const bool isNew = at == model.end();
-        // Keys of another form of the same value are the same key.
+        // Two forms of the same number are the same key.
         const Value given = step % 2 ? Number(key) : Number(static_cast<double>(key));
         if (random() % 3 == 0) {
             EXPECT_EQ(TQDictionaryRemoveValue(dictionary.get(), given.get()), !isNew);
@@ -55,7 +55,7 @@ TEST(Collections, OnlyMutableOnesChange)
     EXPECT_EQ(Describe(pairs.get()), "{\"a\": \"a\"}");
     EXPECT_TRUE(TQArrayContainsValue(Cast{list}, Text("a").get()) && !TQArrayGetValueAtIndex(Cast{list}, 2));
 
-    // None holds null.
+    // No container holds null.
     TQValue *values[] = {a.get(), nullptr};
     EXPECT_FALSE(TQArrayAppendValue(Cast{list}, nullptr) || TQDictionarySetValue(Cast{thawed}, nullptr, a.get()) ||
                  TQDictionarySetValue(Cast{thawed}, a.get(), nullptr));

@@ -9,7 +9,7 @@ TEST(Error, KeepsWhatItWasGivenAndDescribesItself)
         return Own(TQErrorCreate(kTQPOSIXErrorDomain, 2, Cast{info}));
     };
     const Value error = make(Text("no such thing"), cause);
-    const Value odd = make(Number(5), Text("no error")); // changes nothing in the first
+    const Value odd = make(Number(5), Text("no error")); // leaves the first unchanged
     EXPECT_EQ(Describe(error.get()), "no such thing");
     EXPECT_EQ(TQErrorGetUnderlying(Cast{error}), cause.get());
     EXPECT_EQ(Describe(odd.get()), "TQPOSIXErrorDomain error 2");

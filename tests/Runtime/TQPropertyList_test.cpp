@@ -54,7 +54,7 @@ std::string FromHex(const std::string &digits)
     return bytes;
 }
 
-// The file that a row of the table tells of.
+// The file that a row of the table describes.
 std::string File(const std::string &words)
 {
     std::string objects = "bplist00", table;
@@ -116,7 +116,7 @@ TEST(PropertyList, MutableContainersAreEachTheirOwn)
     EXPECT_EQ(Describe(read.get()), "[{\"k\": \"v\"}, [{\"k\": 5}, 6], [{\"k\": \"v\"}], 6]");
 }
 
-// Each level refers to the next in several places, which costs nothing until each gets a container of its own.
+// Each level refers to the next in several places. That costs nothing until each place gets a container of its own.
 TEST(PropertyList, SharedContainersCostWhatTheyTake)
 {
     const auto levels = [](uint64_t count, int places, const char *last) {
@@ -141,7 +141,7 @@ TEST(PropertyList, SharedContainersCostWhatTheyTake)
     }
 }
 
-// Python's plistlib knows the format from elsewhere: what it writes comes back from us byte for byte. The file is
+// Python's plistlib is an independent writer of the format: we write its file back byte for byte. The file is
 //
 //     plistlib.dump({
 //         'integers': [0, 255, 256, 65535, 65536, 1 << 32, (1 << 63) - 1, -1, -(1 << 63), 1 << 63, (1 << 64) - 1],

@@ -15,7 +15,7 @@ template <class... Arguments> std::string Format(const char *format, Arguments..
     return Text(Cast{Own(TQStringCreateWithFormat(format, arguments...))});
 }
 
-// The C library is the judge of its own conversions. What stands behind them shows that each argument was taken
+// The C library is the judge of its own conversions. The conversions added after them show that each argument was taken
 // from the list by its own type.
 template <class... Arguments> void ExpectAsPrintf(std::string format, Arguments... arguments)
 {
@@ -59,7 +59,7 @@ TEST(StringFormat, ConvertsAsPrintfDoes)
 TEST(StringFormat, DescribesValuesAndNeverCutsACharacter)
 {
     TQValue *const word = kTQBooleanTrue, *const none = nullptr;
-    const char open[3] = {'a', '\xc3', '\xa9'}; // no zero behind it
+    const char open[3] = {'a', '\xc3', '\xa9'}; // no zero after it
     const std::pair<std::string, const char *> rows[] = {
         {Format("%@ and %@%d", Array({Text("a"), Number(1)}).get(), word, 3), "[\"a\", 1] and true3"},
         {Format("%7@|%-7@|%.2@", word, word, word), "   true|true   |tr"},

@@ -6,7 +6,7 @@ TEST(String, HoldsWhatTheCLibraryTakesForUTF8AndCountsAsItDoes)
 {
     const iconv_t judge = iconv_open("UTF-16LE", "UTF-8");
     const std::string_view bytes("\0a\x7f\x80\x8f\x90\x9f\xa0\xbf\xc1\xc2\xdf\xe0\xec\xed\xef\xf0\xf3\xf4\xf5\xff", 21);
-    for (size_t n = 0; n < 21 * 21 * 21 * 21; ++n) { // every four of them, behind none to eight that are ASCII
+    for (size_t n = 0; n < 21 * 21 * 21 * 21; ++n) { // every four of them, after zero to eight ASCII ones
         std::string text(n % 9, 'a');
         for (size_t i = 0, rest = n; i < 4; ++i, rest /= 21) text.push_back(bytes[rest % 21]);
         std::u16string units(16, u'x');
@@ -21,7 +21,7 @@ TEST(String, HoldsWhatTheCLibraryTakesForUTF8AndCountsAsItDoes)
         if (!isUTF8) continue;
         ASSERT_EQ(Text(Cast{string}), text);
         ASSERT_EQ(TQStringGetLength(Cast{string}), units.size());
-        for (size_t i = 0; i <= units.size(); ++i) // behind the last, zero
+        for (size_t i = 0; i <= units.size(); ++i) // zero after the last
             ASSERT_EQ(TQStringGetCharacterAtIndex(Cast{string}, i), uint16_t{units.c_str()[i]});
     }
     iconv_close(judge);

@@ -6,7 +6,7 @@
 
 namespace {
 
-// What clients do before main.
+// Clients may do this before main.
 const bool constantsWorkEarly = TQEqual(kTQLibraryErrorDomain, TQRetain(kTQLibraryErrorDomain)) &&
                                 TQStringGetLength(kTQPOSIXErrorDomain) > 0 && TQNumberGetTruth(kTQBooleanTrue);
 
@@ -25,7 +25,7 @@ TEST(Value, EqualsItsOtherFormsAloneAndDescribesItself)
         return Own(TQURLCreateWithString(Cast{Text(text)}, Cast{under}));
     };
     const auto error = [](int code) { return Own(TQErrorCreate(kTQPOSIXErrorDomain, code, nullptr)); };
-    // What a value says of itself, and its forms.
+    // The description of a value, and its forms.
     const std::pair<const char *, std::vector<Value>> rows[] = {
         {"1", {Text("1"), Text(std::string("1"))}},
         {"1", {Number(1), Number(1.0)}},
@@ -46,7 +46,7 @@ TEST(Value, EqualsItsOtherFormsAloneAndDescribesItself)
         {"[\"b\", \"a\"]", {Array({b, a})}},
         {"[\"a\"]", {Array({a})}},
         {"{}", {Dictionary({}), Own(TQDictionaryCreateMutable())}},
-        {"{\"a\": \"b\"}", {Dictionary({{a, b}}), Dictionary({{a, a}, {a, b}})}}, // the last one stands
+        {"{\"a\": \"b\"}", {Dictionary({{a, b}}), Dictionary({{a, a}, {a, b}})}}, // the last one counts
         {"{\"a\": \"a\"}", {Dictionary({{a, a}})}},
         {"{\"b\": \"b\"}", {Dictionary({{b, b}})}},
         {"{[\"a\"]: {}, 1: 2}", {Dictionary({{Array({a}), Dictionary({})}, {Number(1), Number(2)}})}},
@@ -106,13 +106,13 @@ TEST(Value, AnyThreadMayRetainAndRelease)
 TEST(Value, DeepValuesNeedNoStack)
 {
     (void)Nested(1000000); // far deeper than any stack reaches: only released
-    // As deep as a property list goes: everything works.
+    // Everything works as deep as a property list goes.
     const Value one = Nested(512), other = Nested(512);
     EXPECT_TRUE(TQEqual(one.get(), other.get()));
     EXPECT_EQ(TQHash(one.get()), TQHash(other.get()));
     EXPECT_NE(TQHash(one.get()), TQHash(Nested(511).get()));
     EXPECT_EQ(Describe(one.get()), std::string(512, '[') + std::string(512, ']'));
-    // Beyond, comparison gives up instead of the stack.
+    // Deeper, comparison gives up before the stack runs out.
     EXPECT_FALSE(TQEqual(Nested(5000).get(), Nested(5000).get()));
 }
 
@@ -130,12 +130,12 @@ TEST(Value, ContainersThatHoldThemselvesCanBeComparedAndDescribed)
     for (const bool value : {false, true}) TQDictionarySetValue(loops[value].get(), truth.get(), TQBooleanGet(value));
     EXPECT_FALSE(TQEqual(loops[0].get(), loops[1].get()));
     for (const Ref<TQDictionary> &loop : loops)
-        for (const Value &key : {a, b}) TQDictionaryRemoveValue(loop.get(), key.get()); // who ties a loop undoes it
+        for (const Value &key : {a, b}) TQDictionaryRemoveValue(loop.get(), key.get()); // a loop's maker undoes it
 }
 
 TEST(Allocator, GetsBackWhatItGave)
 {
-    static int blocks, contexts; // that are out
+    static int blocks, contexts; // not yet given back
     static bool empty;
     TQAllocatorContext context{};
     context.retain = [](const void *info) { return ++contexts, info; };

@@ -14,7 +14,7 @@
 
 using Value = Ref<TQValue>;
 
-// Hands a value to a call as the kind that it takes.
+// Hands a value to a call as the kind that the call takes.
 struct Cast {
     const Value &value;
     template <class T> operator T *() const { return static_cast<T *>(value.get()); }
@@ -25,7 +25,7 @@ inline constexpr auto Truth = [](bool value) { return Value::Retain(TQBooleanGet
 inline constexpr auto Bytes = [](std::string_view bytes) { return Own(TQDataCreate(bytes.data(), bytes.size())); };
 inline constexpr auto Date = [](double seconds) { return Own(TQDateCreate(seconds)); };
 
-inline Value Text(std::string_view text) // support/Library.h tells the text of a string by this name
+inline Value Text(std::string_view text) // support/Library.h uses this name to read a string
 {
     return Own(TQStringCreateWithBytes(text.data(), text.size()));
 }
@@ -64,9 +64,9 @@ inline Value Nested(size_t depth)
 
 inline constexpr auto Describe = [](const TQValue *value) { return Text(Cast{Own(TQCopyDescription(value))}); };
 
-inline std::string released; // the names of noted values that are gone, in order
+inline std::string released; // the names of released values, in order
 
-// A value that notes its release.
+// A value that records its release.
 inline TQValue *Noted(const char *name)
 {
     TQAllocatorContext context{};

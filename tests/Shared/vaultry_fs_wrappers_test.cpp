@@ -34,7 +34,7 @@ TEST(Paths, OfNothingAreNothing)
     EXPECT_FALSE(tq_fileURLWithFileSystemRepresentation("") || tq_fileURLWithFileSystemRepresentation(nullptr) ||
                  tq_fileSystemRepresentation(nullptr) || tq_stringWithFileSystemRepresentation("/\xff") ||
                  tq_stringWithFileSystemRepresentation(nullptr));
-    const TQURL *const url = tq_fileURLWithFileSystemRepresentation("/tmp"); // without a look at the disk
+    const TQURL *const url = tq_fileURLWithFileSystemRepresentation("/tmp"); // does not look at the disk
     EXPECT_FALSE(TQURLHasDirectoryPath(url));
     EXPECT_STREQ(tq_fileSystemRepresentation(url), "/tmp");
     EXPECT_EQ(Text(tq_stringWithFileSystemRepresentation("/\xC3\xA9")), "/\xC3\xA9");

@@ -20,7 +20,7 @@ TEST_P(Archive, ReportsBytesAndStopsWhenCancelled)
         auto *seen = static_cast<Seen *>(context);
         if (changed == seen->top) return;
         EXPECT_GE(TQProgressGetCompletedUnits(changed), seen->last);
-        // What grows now was measured before.
+        // The files grow after they were measured.
         EXPECT_TRUE(seen->last > 0 ||
                     Shell(seen->package, "for file in run empty Data/everyone; do echo >>$file; done"));
         seen->last = TQProgressGetCompletedUnits(changed);

@@ -16,12 +16,12 @@ cmake, compiler, cxx_compiler, *wanted = sys.argv[1:]  # the ways, or none for a
 os.environ |= {"CC": compiler, "CXX": cxx_compiler}
 os.environ.pop("CMAKE_GENERATOR", None)
 JOBS = str(os.cpu_count())
-# Few units take a third of the time.
+# A few large units take a third of the time.
 QUICKLY = ("-DCMAKE_UNITY_BUILD=ON", "-DCMAKE_UNITY_BUILD_BATCH_SIZE=6", "-DVAULTRY_TESTS=OFF")
 MISSING = [f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=ON" for name in ("CLI11", "nlohmann_json", "GTest")]
 MULTIARCH = subprocess.run([compiler, "-print-multiarch"], capture_output=True, text=True, check=False).stdout.strip()
 
-# The command proper is built by the build that this test belongs to.
+# The build that this test belongs to builds the real command.
 COMMAND = """
 #include <vaultry/vaultry.h>
 int main() { return TQIsNumber(nullptr) ? 1 : 0; }
@@ -152,7 +152,7 @@ def in_another_project(where):
 
 
 def with_little(where):
-    """What is missing is said once, is an error for those who asked for it, and is no matter to those who declined."""
+    """A missing part is reported once. It is an error if the part was asked for, and ignored if it was declined."""
     said = configure(where, *MISSING)
     expect("The command will not be built" in said and "The tests will not be built" in said, said)
     said = configure(where, "-DVAULTRY_TESTS=ON", code=1)

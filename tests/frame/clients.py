@@ -1,4 +1,4 @@
-"""What the tests of the frame that build and install have in common: commands, and the program that README.md shows."""
+"""Shared by the frame tests that build and install: commands, and the program that README.md shows."""
 import os
 import pathlib
 import re

@@ -1,4 +1,4 @@
-"""What has to be said or done in several places is in all of them: the lists of CONTRIBUTING.md's "When you add"."""
+"""Anything that has several places is in all of them: the lists of CONTRIBUTING.md's "When you add"."""
 import pathlib
 import re
 import sys
@@ -12,7 +12,7 @@ def text(name):
 
 
 def expect(what, wanted, where):
-    """Each of what is wanted stands in the text of a file, or in those of several."""
+    """Each wanted word stands in the text of a file, or of one of several."""
     texts = "\n".join(text(name) for name in where.split())
     if not wanted:
         problems.append(f"{what}: none was found, so the test looks in the wrong place")

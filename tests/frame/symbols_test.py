@@ -1,5 +1,6 @@
-"""What the headers export, what the symbol map lists and what libvaultry.so really has are one set, and documented;
-what it takes from others does nothing to its process; and what a client calls as it does takes nothing's place."""
+"""The headers' exports, the symbol map and the symbols of libvaultry.so are one set, and documented. The functions that
+the library imports do nothing to its process. A client's own functions of the same names replace none of the
+library's."""
 import pathlib
 import re
 import runpy
@@ -38,8 +39,8 @@ problems += [f"{name}: not of VAULTRY_1.0" for name in real if not name.endswith
 problems += [f"include/vaultry/{header}:{line}: {name} has no doc comment"
              for header, line, name, documented in symbols if not documented and not name.endswith("GetTypeID")]
 
-# What would change the process that the library lives in, speak for it or end it. One is deliberate: a lock that can't be
-# released would stop every other process for good.
+# Functions that would change the library's process, write on its behalf or end it. One is deliberate: a lock that can't
+# be released would stop every other process for good.
 FORBIDDEN = re.compile(r"f?chdir|chroot|umask|(set|use|new)locale|signal|sig(action|procmask|wait|suspend|altstack)|"
                        r"pthread_(sigmask|create)|alarm|setitimer|timer_create|(un)?setenv|putenv|clearenv|(quick_)?_?exit|"
                        r"_Exit|abort|raise|kill|v?[fd]?printf|f?puts|f?putc|putchar|p?write(64)?v?|f?write|perror|stdout|"
@@ -57,7 +58,7 @@ needed = set(re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic))
 strangers = {name for name in needed if not re.match(r"lib(stdc\+\+|gcc_s|c|m)\.so|ld-linux", name)}
 problems += [f"libvaultry.so needs {name}" for name in strangers]
 
-# A client with a function of its own for each that is exported, which ends it. Its threshold is the library's.
+# A client that has its own function for each exported one; calling any of them ends it. Its threshold is the library's.
 CLIENT = r"""
 #include <vaultry/vaultry.h>
 

@@ -1,8 +1,8 @@
 // The library's functions as words of the shell, for transcripts: `probe archive-item FILE`.
 //
-// A function that succeeds says what it gives, or nothing. A failure is said as it reaches a client and the log:
-// "error 104 ENOENT: …", or "refused 105: …" for what is logged as the caller's fault. What else is logged, quiet lines
-// only for `probe -v`, is said as "logged 3: …".
+// A function that succeeds prints its result, or nothing. A failure is printed as it reaches a client and the log:
+// "error 104 ENOENT: …", or "refused 105: …" if it is logged as the caller's fault. Other lines of the log are printed
+// as "logged 3: …", quiet ones only for `probe -v`.
 
 #include "Platform/FileStatus.h"
 #include "Platform/ScopeExit.h"
@@ -33,8 +33,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// The volume's clock, set ahead by $AHEAD seconds: it is read by a file without a name, and change times, which it is
-// compared with, nobody can set.
+// Sets the volume's clock ahead by $AHEAD seconds, since nobody can set the change times that it is compared with. The
+// library reads the clock from a file without a name.
 extern "C" int statx(int directory, const char *name, int flags, unsigned mask, struct statx *out) noexcept
 {
     const auto result = static_cast<int>(syscall(SYS_statx, directory, name, flags, mask, out));
@@ -57,14 +57,14 @@ bool Say(const auto &...said)
     return true;
 }
 
-// Says a value that was made for this, if it was.
+// Prints a value that was made for this, and releases it; false if it could not be made.
 bool SayMade(TQValue *made)
 {
     const vaultry::Value value(made, vaultry::adopt);
     return value && Say(value.description());
 }
 
-// Text that a line can hold.
+// The bytes as text that fits in a line.
 std::string Shown(const std::string &bytes)
 {
     const bool isText = std::all_of(bytes.begin(), bytes.end(), [](char c) { return c >= ' ' && c < '\x7f'; });
@@ -75,7 +75,7 @@ std::string Shown(const std::string &bytes)
     return hex.str();
 }
 
-// An item and what is below it: mode, flags, the library's attributes and others of an application, contents.
+// An item and everything below it: mode, flags, the library's attributes and an application's own, contents.
 void Show(const std::string &path)
 {
     struct stat status {};
@@ -98,7 +98,8 @@ void Show(const std::string &path)
     for (const std::string &name : disk::List(path)) Show(path + "/" + name);
 }
 
-// What a walk reports, a line each; at the line that is the second word the third, a command of the shell, is done.
+// Prints what a walk reports, line by line. At the line that equals the second word, it runs the third, a command of
+// the shell.
 bool Walk(const Words &w, TQError **)
 {
     constexpr const char *kinds[] = {"folder", "folder-done", "unreadable", "file",
@@ -120,8 +121,8 @@ bool Walk(const Words &w, TQError **)
     return true;
 }
 
-// What the copy service tells its client, a line each; at the line that is the third word the fourth is done: "skip"
-// and "quit" are answers, anything else is a command of the shell.
+// Prints what the copy service tells its client, line by line. At the line that equals the third word, it does the
+// fourth: "skip" and "quit" are answers, anything else is a command of the shell.
 bool Copy(const Words &w, TQError **)
 {
     const auto hear = [](int what, int stage, DuplixState *, const char *source, const char *, void *context) {
@@ -144,7 +145,7 @@ bool Copy(const Words &w, TQError **)
 
 using Function = std::function<bool(const Words &, TQError **)>;
 
-// A function of a store that is opened first; its words begin behind the store's path.
+// A function of a store, which is opened first; its words begin after the store's path.
 Function OnStore(bool (*function)(const TQClientManagedStorage *, const Words &, TQError **))
 {
     return [function](const Words &w, TQError **error) {
@@ -154,7 +155,7 @@ Function OnStore(bool (*function)(const TQClientManagedStorage *, const Words &,
     };
 }
 
-// What a query tells: the record of one generation, or the client and the record of each, in order.
+// Prints the result of a query: the record of one generation, or the client and the record of each, in order.
 bool SayRecords(const Words &w, TQError **error)
 {
     const vaultry::Data bytes(disk::Read(w[1]));
@@ -176,7 +177,7 @@ bool SayRecords(const Words &w, TQError **error)
     return static_cast<bool>(all);
 }
 
-// Each finding as "kind path", and "mended" behind if it was; in order.
+// Prints each finding as "kind path", followed by "mended" if it was, in order.
 bool SayFindings(const Words &w, TQError **error)
 {
     const auto found = vaultry::Store::findings(w[0], w.Say("repair"));
@@ -196,7 +197,7 @@ const std::map<std::string, Function> kFunctions = {
          return true;
      }},
     {"make-package", [](const Words &w, TQError **) { return !disk::MakePackage(w[0]).empty(); }},
-    {"same", // in everything; "but-for-holes", which begin elsewhere on another type of volume
+    {"same", // in everything; "but-for-holes" ignores holes, which differ on other types of volume
      [](const Words &w, TQError **) {
          const unsigned what = Snapshot::kWhole | (w.Say("but-for-holes") ? 0U : Snapshot::kHoles);
          const auto same = Same(Snapshot::Of(w[0], what), Snapshot::Of(w[1], what));
@@ -234,7 +235,7 @@ const std::map<std::string, Function> kFunctions = {
          char path[1024];
          return TQURLGetAbsPath(url.get(), path, sizeof path, error) && Say(path);
      }},
-    {"status", // what a status becomes as an error, and what that tells again
+    {"status", // a status as an error, and the status that the error gives back
      [](const Words &w, TQError **) {
          const DeferredScope scope;
          const int32_t status = std::stoi(w[0]);
@@ -245,7 +246,7 @@ const std::map<std::string, Function> kFunctions = {
          return Say(Text(TQErrorGetDomain(made.get())), ' ', TQErrorGetCode(made.get()), " -> ", made.status(),
                     TQEqual(made.get(), other) ? " " : " differs ", made.description(), " ", made.underlying());
      }},
-    {"errors", // the status of every error number, but for the many that have 101
+    {"errors", // the status of every error number, except the many that have 101
      [](const Words &, TQError **) {
          const DeferredScope scope;
          for (int number = -1; number < 140; ++number) {
@@ -274,7 +275,7 @@ const std::map<std::string, Function> kFunctions = {
                     TQFSFilenameExtensionIsHidden(w[0]) ? " hides its extension" : "",
                     _SafeStatFS(w[0], &volume) == 0 && volume.blockCount > 0 ? "" : " on no volume");
      }},
-    {"volume", // that a path is on
+    {"volume", // the volume of a path
      [](const Words &w, TQError **) {
          TQVolumeStatus volume{};
          return _SafeStatFS(w[0], &volume) == 0 && Say(volume.typeName, ' ', volume.blockCount * volume.blockSize);
@@ -285,7 +286,7 @@ const std::map<std::string, Function> kFunctions = {
     {"copy-on-write", [](const Words &w, TQError **) { return _SetCopyOnWrite(w[0]) || !Say(strerrorname_np(errno)); }},
     {"no-copy-on-write",
      [](const Words &w, TQError **) { return _UnsetCopyOnWrite(w[0]) || !Say(strerrorname_np(errno)); }},
-    {"flags", // what an item has, or is to have; and its birth time, which every file system here knows
+    {"flags", // reads or sets an item's flags; its birth time is known on every file system here
      [](const Words &w, TQError **) {
          const Item item = Item::AtPath(w[0]);
          errno = 0;
@@ -295,17 +296,17 @@ const std::map<std::string, Function> kFunctions = {
          const bool known = platform::GetStatus(item, Links::NoFollow, &status) == 0;
          return known && Say("flags ", status.flags, status.hasBirthTime ? "" : ", not born");
      }},
-    {"stored-status", // of the document that a stored item is of
+    {"stored-status", // a stored item as its document was
      [](const Words &w, TQError **) {
          TQFileStatus status{};
-         errno = EDOM; // stays
+         errno = EDOM; // is kept
          const bool done = TQLibraryInternalStatGeneration(w[0], &status) == 0;
          return Say(strerrorname_np(errno), std::oct, " mode ", status.mode, " flags ", status.flags, std::dec) && done;
      }},
     // --- a tree
     {"walk", Walk}, // ROOT [AT ACT]
     {"copy", Copy}, // FROM TO [AT ACT]
-    {"copy-into",   // FROM TO, which is the empty item OTHER, or is not
+    {"copy-into",   // FROM TO OTHER; TO may be the empty item OTHER, or not
      [](const Words &w, TQError **) {
          TQFileStatus other;
          platform::DuplixMade made;
@@ -314,12 +315,12 @@ const std::map<std::string, Function> kFunctions = {
                            platform::duplix(w[0], w[1], nullptr, nullptr, options) == 0;
          return done || !Say(strerrorname_np(errno), made.something ? " in the middle" : "");
      }},
-    {"copy-over", // FROM TO, a file that is there
+    {"copy-over", // FROM TO, an existing file
      [](const Words &w, TQError **) {
          const UniqueFd from(open(w[0], O_RDONLY | O_CLOEXEC)), to(open(w[1], O_RDWR | O_CLOEXEC));
          return platform::fduplix(from.get(), to.get()) == 0 || !Say(strerrorname_np(errno));
      }},
-    {"remove-tree", // PATH [ITEM that it must be]
+    {"remove-tree", // PATH [the ITEM that it must be]
      [](const Words &w, TQError **error) {
          TQFileStatus expected{};
          bool begun = false;
@@ -334,7 +335,7 @@ const std::map<std::string, Function> kFunctions = {
          const int64_t size = TQComputeTreeSize(w[0], error);
          return size >= 0 && Say(size);
      }},
-    // --- archiving; words behind the paths: move, readable, as-it-is
+    // --- archiving; words after the paths: move, readable, as-it-is
     {"add",
      [](const Words &w, TQError **error) {
          return TQAddPathAsGeneration(w[0], w[1], !w.Say("move"), w.Say("readable"), !w.Say("as-it-is"), error);
@@ -385,7 +386,7 @@ const std::map<std::string, Function> kFunctions = {
      }},
     {"findings", SayFindings}, // [repair]
     {"query", SayRecords},       // SPEC, a property list's file, [NAME], by the library
-    {"safe-save", // two URLs, or "-" for none: always answered with no
+    {"safe-save", // two URLs, or "-" for none: the answer is always no
      [](const Words &w, TQError **) {
          const auto url = [&](size_t i) {
              return Ref<TQURL>::Adopt(*w[i] == '-' ? nullptr : TQURLCreateWithString(String(w[i]).get(), nullptr));
@@ -396,7 +397,7 @@ const std::map<std::string, Function> kFunctions = {
          return TQLibraryDocumentWillSafeSave(document.get(), replacement.get()) ||
                 TQLibraryHasGenerationsForPaths(nullptr, Names({w[0]}).get(), &generations) || generations;
      }},
-    // --- what is known of a generation
+    // --- a generation's metadata
     {"set-attribute",
      [](const Words &w, TQError **error) {
          return _SetEAOnGeneration(w[0], w[1], w[2], w[2] ? strlen(w[2]) : 5, error);
@@ -406,7 +407,7 @@ const std::map<std::string, Function> kFunctions = {
                        TQError **error) { return TQSetGenerationOptions(w[0], std::stoull(w[1], nullptr, 0), error); }},
     {"name",
      [](const Words &w, TQError **error) {
-         errno = EDOM; // what stands there when nothing fails below
+         errno = EDOM; // stays if nothing fails below
          return SayMade(TQCopyOriginalDisplayName(w[0], error));
      }},
     {"set-name",
@@ -420,7 +421,7 @@ const std::map<std::string, Function> kFunctions = {
      }},
     {"set-info",
      [](const Words &w, TQError **error) {
-         const auto set = Ref<TQValue>::Adopt(TQSetCreate(nullptr, 0)); // what no property list can hold
+         const auto set = Ref<TQValue>::Adopt(TQSetCreate(nullptr, 0)); // a property list can't hold it
          const auto text = w[2] ? String(w[2]) : Ref<TQString>();
          return TQSetInfoValue(w[0], String(w[1]).get(), w.Say("(set)") ? set.get() : text.get(), error);
      }},
@@ -440,7 +441,7 @@ int main(int count, char **arguments)
     words.words.erase(words.words.begin());
     (void)tq_log_set_level(7);
     platform::SetLogSink([](int level, const char *line) {
-        const std::string text = strchr(line, ' ') + 1; // behind the place in the source
+        const std::string text = strchr(line, ' ') + 1; // after the place in the source
         lines.emplace_back(level, text.substr(0, text.rfind(" (on ")));
     });
 

@@ -1,4 +1,4 @@
-// The diagnostic lines of a scope, all levels admitted, in place of the system log.
+// Catches the diagnostic lines of a scope, at all levels, instead of the system log.
 
 #pragma once
 
@@ -28,7 +28,7 @@ public:
     CapturedLog(const CapturedLog &) = delete;
     CapturedLog &operator=(const CapturedLog &) = delete;
 
-    // "LEVEL message", of the lines so far; they are forgotten then.
+    // The lines so far as "LEVEL message"; forgets them.
     static std::vector<std::string> Take()
     {
         std::vector<std::string> taken;

@@ -31,24 +31,24 @@ const Calls kLock{SYS_flock};
 
 namespace {
 
-// Never heard of by the parent: memory, whose failures are the allocator's to tell; what ends a process; and
-// sendmsg, which hands the listener over.
+// Calls that the parent does not hear of: those for memory, whose failures the allocator reports; those that end a
+// process; and sendmsg, which hands the listener over.
 constexpr int kUnheard[] = {SYS_brk,     SYS_mmap,    SYS_munmap,         SYS_mremap,       SYS_mprotect,
                             SYS_madvise, SYS_futex,   SYS_exit_group,     SYS_tgkill,       SYS_gettid,
                             SYS_getpid,  SYS_sendmsg, SYS_rt_sigprocmask, SYS_rt_sigaction, SYS_rt_sigreturn};
-constexpr int kEndless = 100000; // calls that no operation of a test comes near
+constexpr int kEndless = 100000; // far more calls than any operation of a test makes
 
-// What the child leaves for its parent, in memory that both see.
+// The child's report to its parent, in shared memory.
 struct Report {
     std::atomic<bool> counting, finished;
     Result result;
     size_t used;
-    char texts[256 << 10]; // each behind its kind and with its zero: 'E'rror, 'A'nswer, or the level of a line
+    char texts[256 << 10]; // each after its kind and with its zero: 'E'rror, 'A'nswer, or the level of a line
 };
 Report *report;
 int allocationsLeft; // until one fails, if above 0
 bool tracking;       // allocations,
-int live;            // those that were not given back
+int live;            // and those not given back
 
 void Keep(char kind, const char *text)
 {
@@ -82,7 +82,7 @@ void StopCounting()
         result.underlying = error.underlying();
         Keep('E', error.description().c_str());
     }
-    (void)error.out(); // lets go of what it holds
+    (void)error.out(); // releases the error
     result.leaked = live;
     report->finished = true;
     _exit(0);
@@ -96,7 +96,7 @@ struct Passed {
     msghdr message{nullptr, 0, &data, 1, control, sizeof control, 0};
 };
 
-// From here on every call of the child waits for its parent's answer.
+// From now on every call of the child waits for its parent's answer.
 void ListenAndPass(int socket)
 {
     std::vector<sock_filter> program{BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
@@ -106,7 +106,7 @@ void ListenAndPass(int socket)
     }
     program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF));
     const sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
-    // An ordinary user may filter only what can't gain privileges any more.
+    // An ordinary user may set a filter only if the process can't gain privileges any more.
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) _exit(2);
     const long listener = syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter);
     if (listener < 0) _exit(3);
@@ -127,12 +127,12 @@ int ReceiveListener(int socket)
     return fd;
 }
 
-// Answers the child's calls until it has ended. False if it had to be ended here, by no fault.
+// Answers the child's calls until it has ended. False if it ran on for ever and had to be killed.
 bool Supervise(pid_t child, int listener, const Fault &fault, Outcome &outcome)
 {
     for (bool killNext = false;;) {
         pollfd ready = {listener, POLLIN, 0};
-        if (poll(&ready, 1, -1) < 0 || (ready.revents & POLLIN) == 0) return true; // nobody is left behind the filter
+        if (poll(&ready, 1, -1) < 0 || (ready.revents & POLLIN) == 0) return true; // no filtered process is left
         seccomp_notif call{};
         if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) continue;
         const auto &calls = fault.calls;
@@ -148,7 +148,7 @@ bool Supervise(pid_t child, int listener, const Fault &fault, Outcome &outcome)
             (void)kill(child, SIGKILL);
             return !endless;
         }
-        // What a call did is done when the next one begins.
+        // A call is complete when the next one begins.
         killNext = here && fault.act == Fault::Act::KillAfter;
         const bool fail = here && !killNext;
         seccomp_notif_resp answer{};
@@ -215,12 +215,12 @@ Outcome InChild(const Fault &fault, const Operation &operation)
 
 void Answer(const std::function<std::string()> &text)
 {
-    if (!report) return; // no child's
+    if (!report) return; // not in a child
     StopCounting();
     Keep('A', text().c_str());
 }
 
-// The C library's own allocator, counted in a child and made to fail on demand. The sanitizers bring theirs, which is
+// The C library's own allocator, counted in a child and made to fail on demand. The sanitizers have their own, which is
 // left alone.
 #ifdef VAULTRY_SANITIZED
 const bool kCanFailAllocations = false;

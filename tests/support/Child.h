@@ -1,9 +1,9 @@
-// An operation run in a forked child, undisturbed or with one fault, and what came of it.
+// Runs an operation in a forked child, undisturbed or with one fault, and reports the outcome.
 //
-// The fault lies at the Nth system call of the operation, those made inside the C library counted too. The child
-// hands a seccomp notification of every call to its parent, which counts it and lets it through, answers with an
-// errno, or kills the child there; the library has no part in this. Or it is the Nth allocation that gets
-// nothing. What is counted begins with the operation and ends with its return, or with its Answer.
+// The fault lies at the Nth system call of the operation, including those made inside the C library. The child hands a
+// seccomp notification of every call to its parent, which counts it and lets it through, answers with an errno, or
+// kills the child there; the library has no part in this. Or the Nth allocation fails. Counting begins with the
+// operation and ends with its return, or with its Answer.
 
 #pragma once
 
@@ -13,13 +13,13 @@
 
 #include <vaultry/error.h>
 
-using Calls = std::vector<int>; // system calls by number; none of them stands for all
+using Calls = std::vector<int>; // system calls by number; an empty list stands for all
 extern const Calls kFlags, kLock;
 
 struct Fault {
     enum class Act { None, Fail, KillBefore, KillAfter, FailAllocation };
     Act act = Act::None;
-    int nth = 0; // from 1; of calls that are counted but not disturbed, 0
+    int nth = 0; // from 1; 0 if calls are only counted
     int error = 0;
     Calls calls = {};
     bool fromThereOn = false;
@@ -36,7 +36,7 @@ inline Fault KillAfter(int nth, const Calls &calls = {})
 {
     return {Fault::Act::KillAfter, nth, 0, calls};
 }
-extern const bool kCanFailAllocations; // false under a sanitizer, which brings its own
+extern const bool kCanFailAllocations; // false under a sanitizer, which has its own allocator
 inline Fault FailAllocation(int nth)
 {
     return {Fault::Act::FailAllocation, nth};
@@ -56,12 +56,12 @@ struct Result {
 };
 
 struct Outcome : Result {
-    enum class Fate { Succeeded, Failed, Killed, Crashed }; // Crashed: it ended itself, or never would have
+    enum class Fate { Succeeded, Failed, Killed, Crashed }; // Crashed: it ended itself, or had to be ended
     Fate fate = Fate::Crashed;
     std::string message, answer;
     std::vector<LogLine> log; // lines of every level
-    int call = 0;             // that the fault struck, by number
-    int signal = 0;           // that ended it
+    int call = 0;             // the call that the fault struck, by number
+    int signal = 0;           // the signal that ended it
     int count = 0;            // calls that the fault's set contains
 };
 
@@ -72,6 +72,6 @@ inline Outcome InChild(const Operation &operation)
     return InChild(Fault{}, operation);
 }
 
-// Called by an operation when its work is done: ends the fault, and hands what it was given, as `text` describes it, to
-// the parent.
+// An operation calls this when its work is done: it ends the fault, and hands the parent the result, as `text`
+// describes it.
 void Answer(const std::function<std::string()> &text);

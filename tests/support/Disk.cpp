@@ -26,7 +26,7 @@ struct statx StatusOf(const std::string &path)
     return status;
 }
 
-// Undoes every protection on the way down. What can't be removed is said; a later run is not to stumble over it.
+// Undoes every protection on the way down. It reports what can't be removed, so that no later run stumbles over that.
 void RemoveAll(const std::string &path)
 {
     const unsigned type = StatusOf(path).stx_mode & S_IFMT;
@@ -83,7 +83,7 @@ void Describe(const std::string &root, const std::string &below, unsigned what, 
     const struct statx status = StatusOf(path);
     const unsigned type = status.stx_mode & S_IFMT;
     std::ostringstream text;
-    text << "?pc?d?b?-?l?s"[type >> 12]; // as ls says it
+    text << "?pc?d?b?-?l?s"[type >> 12]; // as ls shows it
     if ((what & Snapshot::kContents) != 0 && type == S_IFREG) text << " " << Hashed(disk::Read(path));
     if ((what & Snapshot::kRights) != 0 && type != 0)
         text << " mode " << std::oct << (status.stx_mode & 07777U) << std::dec << " owner " << status.stx_uid << ":"
@@ -99,7 +99,7 @@ void Describe(const std::string &root, const std::string &below, unsigned what, 
     for (const auto &name : disk::List(path)) Describe(root, below + "/" + name, what, into);
 }
 
-// The flags that tests set or look at; changed first, if `change` says to what.
+// The flags that tests set or look at; sets them to `change` first, if it is given.
 constexpr int kOurFlags = FS_IMMUTABLE_FL | FS_APPEND_FL | FS_NODUMP_FL | FS_COMPR_FL;
 std::optional<int> FlagsOf(const std::string &path, std::optional<int> change = {})
 {
@@ -222,7 +222,7 @@ const std::string &QuickVolume()
 
 TempDirectory::TempDirectory(const std::string &parent)
 {
-    // What the environment names may be for the user alone who started the program.
+    // The directory that the environment names may be only for the user who started the program.
     const char *preset = std::getenv("TMPDIR");
     const bool usable = preset != nullptr && access(preset, W_OK | X_OK) == 0;
     path_ = (!parent.empty() ? parent : usable ? preset : "/tmp") + std::string("/vaultry-test-XXXXXX");

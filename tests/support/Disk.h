@@ -1,5 +1,5 @@
-// What tests do to the disk and read back from it, by system calls of their own, so that a mistake of the library
-// can't hide behind itself. Whatever must work and does not stops the test program.
+// How tests write to the disk and read from it: by system calls of their own, so that a mistake of the library can't
+// hide itself. A call that must work and fails stops the test program.
 
 #pragma once
 
@@ -12,10 +12,10 @@
 
 #include <gtest/gtest.h>
 
-// What does not hold ends the process, whoever runs it.
+// Ends the process if the condition is false.
 void Require(bool holds, const std::string &what);
 
-// Runs a command of the shell in a directory. Whether it succeeded; what it writes is thrown away.
+// Runs a command of the shell in a directory. Returns whether it succeeded; its output is thrown away.
 bool Shell(const std::string &directory, const std::string &command);
 
 namespace disk {
@@ -31,7 +31,7 @@ mode_t Mode(const std::string &path); // permission bits, or -1
 bool SetFlags(const std::string &path, int flags);
 int Flags(const std::string &path);
 
-// Under the library's names: "user." stands in front on disk.
+// Takes the library's names: on disk "user." stands in front of them.
 void SetAttribute(const std::string &path, const std::string &name, std::string_view value);
 std::optional<std::string> Attribute(const std::string &path, const std::string &name);
 
@@ -57,20 +57,19 @@ private:
     std::string path_;
 };
 
-// A volume in memory for tests that make thousands of stores; "", the usual place, where it can't hold what a store
-// needs.
+// A volume in memory for tests that make thousands of stores; "", the usual place, if it can't hold what a store needs.
 const std::string &QuickVolume();
 
-// Everything that is known of a tree, in a form that compares and prints.
+// Everything about a tree, in a form that compares and prints.
 struct Snapshot {
     enum : unsigned { kContents = 1, kRights = 2, kTimes = 4, kHoles = 8, kChangeTimes = 16 };
     static constexpr unsigned kWhole = kContents | kRights | kTimes, kUntouched = kWhole | kChangeTimes;
 
-    std::map<std::string, std::string> items; // path below the root -> what was asked for
+    std::map<std::string, std::string> items; // path below the root -> the description of the item
 
     static Snapshot Of(const std::string &root, unsigned what = kWhole);
     bool operator==(const Snapshot &) const = default;
 };
 
-// Names what differs, and how.
+// Names the items that differ, and how.
 testing::AssertionResult Same(const Snapshot &wanted, const Snapshot &found);

@@ -46,7 +46,7 @@ Impersonate::Impersonate(As who) : wasRoot_(geteuid() == 0)
     capabilities.data[0].effective = capabilities.data[0].inheritable = who == As::Capable ? kImmutableBit : 0;
     capabilities.data[1].effective = 0;
     capabilities.Apply();
-    // What this user may do, and no more, the programs that are started may do too.
+    // Programs started from here have the same rights, and no more.
     prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
     if (who == As::Capable) prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, CAP_LINUX_IMMUTABLE, 0, 0);
     prctl(PR_SET_DUMPABLE, 1);

@@ -1,7 +1,7 @@
 // Who a test is: root, an ordinary user, or a user who may set immutable flags.
 //
-// A process of root's can be any of the three in turn, so that one run as root covers them all; one that a user
-// started can only become less. A test for somebody whom this process can't be is skipped by name.
+// A root process can be any of the three in turn, so one run as root covers them all. A user's process can only lose
+// rights. A test for a user that this process can't be is skipped by name.
 
 #pragma once
 
@@ -13,12 +13,12 @@
 
 enum class As { Root, User, Capable };
 
-constexpr uid_t kTestUser = 12345; // whom root becomes: an id that owns nothing else
+constexpr uid_t kTestUser = 12345; // root becomes this user, an id that owns nothing else
 
 bool CanBe(As who);
 std::string NameOf(As who);
 
-// The effective and real user for the span of a scope; also what a child forked in it is.
+// Sets the effective and real user for the span of a scope, also for a child forked in it.
 class Impersonate {
 public:
     explicit Impersonate(As who);

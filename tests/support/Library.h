@@ -1,4 +1,4 @@
-// Counted values in tests: owned, and as what C++ compares and prints.
+// Counted values in tests: owned, and in forms that C++ compares and prints.
 
 #pragma once
 

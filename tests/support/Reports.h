@@ -36,7 +36,7 @@ struct Row {
     Operation run;
 };
 
-// "$" and "*" put where they belong, so that a message compares whole.
+// Puts "$" and "*" in their places, so that a message compares as a whole.
 std::string Plain(std::string text, const std::string &directory);
 
 void ExpectRows(const std::vector<Row> &rows, const std::string &directory);

@@ -16,7 +16,7 @@ static Snapshot ContentsWithout(const char *part, const std::string &path)
     return contents;
 }
 
-// What a generation keeps: all but "._" files.
+// The contents that a generation keeps: all except "._" files.
 static Snapshot Contents(const std::string &path)
 {
     return ContentsWithout("/._", path);

@@ -1,4 +1,4 @@
-// A store in a directory of its own, a document beside it, and what always holds of a store.
+// A store in a directory of its own, a document beside it, and the invariants of a store.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 
 #include <map>
 
-// The contents of a document, but for the copy that was to take the place of a hard link and may lie beside it.
+// The contents of a document, without the copy that was to replace a hard link and may lie beside it.
 Snapshot ContentsOfDocument(const std::string &path);
 
 class TestStore {
@@ -35,19 +35,19 @@ public:
     std::vector<std::string> List() const;
 
     const Snapshot &contents() const { return contents_.at(""); }
-    // What generations contain: all of them, or the one of that name.
+    // Remembers the expected contents of generations: of all, or of the one with that name.
     void Remember(const std::string &document, const std::string &name = "");
     void RememberDocument() { Remember(document_); }
 
-    // What holds after any operation, failed or not: every listed generation is whole and write-protected, with its
-    // record of permissions; the root is protected; staging is empty; the lock is free; the next operations work.
-    // After a kill staging may be filled and what was worked on, `lifted`, unprotected, until a repair has mended it:
-    // all of it, but for copies that clients asked for, and findings of the kind `stays`.
+    // Checks the invariants after any operation, failed or not: every listed generation is whole and write-protected,
+    // with its record of permissions; the root is protected; staging is empty; the lock is free; the next operations
+    // work. After a kill staging may be filled, and the generation that was worked on, `lifted`, may be unprotected.
+    // Then a repair has to mend everything except copies that clients asked for, and findings of the kind `stays`.
     void CheckInvariants(const std::string &lifted = "", bool killed = false, const std::string &stays = "");
 
 private:
     TempDirectory directory_;
     std::string root_, document_;
-    std::map<std::string, Snapshot> contents_; // of the generations of that name; "" is all others
+    std::map<std::string, Snapshot> contents_; // by the generations' names; "" is all others
     TQClientManagedStorage *handle_ = nullptr;
 };

@@ -1,5 +1,5 @@
-// Tables of tests that are words alone, kept as files: a line is a row, two spaces or more part its columns, and a line
-// that begins with "#" is for the reader.
+// Test tables that consist only of words, kept as files: a line is a row, two or more spaces separate its columns, and
+// a line that begins with "#" is for the reader.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-// The rows of a file below tests/. A row ends where its line does: a column that is not there is an empty text.
+// The rows of a file below tests/. A row ends with its line: a missing column is an empty text.
 struct TableRow {
     std::vector<std::string> columns;
     std::string operator[](size_t i) const { return i < columns.size() ? columns[i] : ""; }

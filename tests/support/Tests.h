@@ -1,4 +1,4 @@
-// What nearly every test of the upper floors includes; their fixtures and the shorthand of their tables.
+// Included by nearly every test of the upper floors: fixtures, and shorthand for tables.
 
 #pragma once
 
@@ -19,8 +19,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// An operation whose result says whether it succeeded, and whose error goes to `why`. What it gives away is left to
-// the child that runs it.
+// An operation whose result says whether it succeeded, and whose error goes to `why`. A value that it returns is left
+// to the child that runs it.
 #define CALL(expression) [&](TQError **why) -> bool { return static_cast<bool>(expression); }
 
 // A test in a directory of its own, as each user.

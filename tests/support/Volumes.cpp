@@ -8,10 +8,10 @@ namespace {
 struct Mounted : TestVolume {
     explicit Mounted(const std::string &type)
     {
-        // Leaves the namespace that others see: once, for all volumes.
+        // Leaves the namespace that others see, once for all volumes.
         static const bool isApart =
             unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-        // The image is sparse, and the mount keeps its bytes. The least that mkfs.xfs takes is 300 MiB.
+        // The image is sparse, and the mount keeps its bytes. mkfs.xfs needs at least 300 MiB.
         const std::string make = type == "tmpfs" ? ":" : "truncate -s 512M image; mkfs." + type + " -q image",
                           take = type == "tmpfs" ? "mount -t tmpfs vaultry at" : "mount -o loop image at; rm image";
         const auto can = [&](const std::string &command) { return Shell(place.path(), command); };

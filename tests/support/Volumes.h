@@ -1,6 +1,6 @@
-// Real volumes of each type, for tests of what file systems do differently.
+// Real volumes of each type, for tests of the differences between file systems.
 //
-// Mounted in a mount namespace of the test process's own: nobody else sees them, and they are gone with the process
+// They are mounted in a mount namespace of the test process: nobody else sees them, and they are gone with the process
 // however it ends. A type that this process can't have is skipped by name with the reason.
 
 #pragma once
@@ -10,13 +10,13 @@
 #include <optional>
 
 struct TestVolume {
-    std::string path;   // where everybody may write; empty if there is none
+    std::string path;   // everybody may write there; empty if there is none
     std::string whyNot; // the reason
 };
 
 inline constexpr const char *kVolumeTypes[] = {"ext4", "xfs", "btrfs", "tmpfs"};
 
-// One of them. Made on first use and kept.
+// The volume of a type, made on first use and kept.
 const TestVolume &VolumeOfType(const std::string &type);
 
 // A fixture of tests that run on each type, in a directory of their own.

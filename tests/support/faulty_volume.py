@@ -1,10 +1,9 @@
 #!/usr/bin/python3
 """A volume with the weaknesses of distributed ones: faulty_volume.py BACKING MOUNTPOINT [quota=BYTES] [sizeless] [lost=CALL,…]
 
-Shows BACKING. What is written reaches it when the writing descriptor is flushed or closed, and only that descriptor is
-told that there is no room; a flush of the whole volume reaches nobody. Access lists can be read and are not listed. If
-sizeless, every file says that it holds 0 bytes. The calls that are lost are done, and answer that they failed.
-"""
+Shows BACKING. Data reaches it when the writing descriptor is flushed or closed, and only that descriptor is told that
+there is no room; a flush of the whole volume reaches nobody. Access lists can be read but are not listed. If sizeless,
+every file reports a size of 0 bytes. The lost calls are done, but report a failure. """
 import errno
 import os
 import signal
@@ -61,7 +60,7 @@ class Volume(fuse.Fuse):
     file_class = Handle
 
     def fsinit(self):
-        signal.alarm(300)  # whoever mounted it may be gone
+        signal.alarm(300)  # the process that mounted it may be gone
 
     def getattr(self, path):
         found = os.lstat(real(path))

@@ -1,18 +1,18 @@
-// Plays the transcripts: what is typed at a shell, and what it answers.
+// Plays the transcripts: commands typed at a shell, and its answers.
 //
 //     == A title                    a fresh directory and a fresh shell, with vaultry and probe at hand; the commands
 //                                   before the first title begin every section
-//     $ command                     goes on in the next line behind "> "
+//     $ command                     goes on in the next line after "> "
 //     answer                        both of its streams, the directory's name as "$", a time of this century as "TIME", unique letters as "*"
 //     [1]                           its exit status, unless it is 0
 //
-// Empty lines and those behind "#" are for the reader. "[root]" before a line, or behind "==", is a condition of that
-// line, command or section, "[!root]" its contrary: root, user and capable tell who plays; flags, whether it may set a
-// file immutable; compression and clones, whether files can be compressed and cloned here; mount, whether something can
-// be mounted; inode, whether all attributes of an item have to fit beside its inode; tracing, whether a program can be
-// killed at a call of its; namespaces, whether one can be root in a user namespace; fuse, whether faulty_volume.py of
-// tests/support can be mounted. A section with "[volumes]" behind "==" is played here, and once more on a volume of
-// each type.
+// Empty lines and those that begin with "#" are for the reader. "[root]" before a line, or after "==", is a condition
+// of that line, command or section, and "[!root]" its opposite. The conditions: root, user and capable tell who plays;
+// flags, whether that user may set a file immutable; compression and clones, whether files can be compressed and cloned
+// here; mount, whether something can be mounted; inode, whether all attributes of an item have to fit beside its inode;
+// tracing, whether a program can be killed at one of its calls; namespaces, whether a user can be root in a user
+// namespace; fuse, whether faulty_volume.py of tests/support can be mounted. A section with "[volumes]" after "==" is
+// played here, and once more on a volume of each type.
 
 #include "support/Tests.h"
 #include "support/Volumes.h"
@@ -41,7 +41,7 @@ struct Section {
 using Conditions = std::set<std::string>;
 constexpr const char *kMeasured[] = {"flags", "compression", "mount", "inode", "tracing", "namespaces", "fuse"};
 
-// What this user meets in a directory there; "" is the usual place.
+// The conditions that hold for this user in a directory there; "" is the usual place.
 Conditions ConditionsAt(const std::string &place, As who)
 {
     Conditions met = {who == As::Root ? "root" : who == As::User ? "user" : "capable"};
@@ -58,7 +58,7 @@ Conditions ConditionsAt(const std::string &place, As who)
     return met;
 }
 
-// Whether a line is for us; takes the conditions from its front.
+// Whether a line is for this user; removes the conditions from its front.
 bool IsMet(const Conditions &met, std::string &line)
 {
     static const std::regex condition(
@@ -94,12 +94,12 @@ std::vector<Section> ReadSections(const std::string &file, const std::string &pl
     return sections;
 }
 
-constexpr char kEnd = '\x1e'; // of an answer
+constexpr char kEnd = '\x1e'; // the end of an answer
 
-// Leaks can't be looked for in a process that is traced.
+// A traced process can't be searched for leaks.
 constexpr char kTracing[] = "strace() { LSAN_OPTIONS=detect_leaks=0 command strace \"$@\"; }\n";
 
-// A section in the making: one shell runs all its commands, and says where the answer to each ends.
+// A section that is being played: one shell runs all its commands, and marks the end of each answer.
 class Performance {
 public:
     explicit Performance(const Section &section) : section_(section), directory_(section.place)
