@@ -2,7 +2,8 @@
 
 A way prepares what one run needs, untimed, and returns its steps. Destinations are fresh in every run and small files
 stay until the job ends: a file system may search long for a place among inodes that have just been freed, and the next
-way would pay for that. """
+way would pay for that.
+"""
 import functools
 import os
 import shutil

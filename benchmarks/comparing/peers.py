@@ -1,7 +1,8 @@
 """Other programs that keep a copy of a document, if they are installed.
 
 Each starts every time with a fresh repository, made untimed, since all except rsync store nothing that they have
-already. Each ends with the same flush as the others. """
+already. Each ends with the same flush as the others.
+"""
 import os
 import shutil
 import subprocess

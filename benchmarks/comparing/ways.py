@@ -1,7 +1,8 @@
 """How a way of doing a job is run and measured.
 
 A way is a list of steps: an argument list is a program, a callable is done in this process (a flush, a rename), so that
-doing it by hand does not pay for a program. Those that measure themselves print the nanoseconds of every turn. """
+doing it by hand does not pay for a program. Those that measure themselves print the nanoseconds of every turn.
+"""
 import collections
 import os
 import resource

@@ -1,6 +1,7 @@
 """scripts/check-floors sees every kind of climb, with its file and line, and nothing else.
 
-floors.txt holds the files, each with its lines below it; lines with an "x" must be refused. """
+floors.txt holds the files, each with its lines below it; lines with an "x" must be refused.
+"""
 import pathlib
 import subprocess
 import sys

@@ -1,4 +1,4 @@
-"""Anything that has several places is in all of them: the lists of CONTRIBUTING.md's "When you add"."""
+"""An addition that belongs in several places is in all of them: see "When you add" in CONTRIBUTING.md."""
 import pathlib
 import re
 import sys

@@ -127,7 +127,7 @@ int ReceiveListener(int socket)
     return fd;
 }
 
-// Answers the child's calls until it has ended. False if it ran on for ever and had to be killed.
+// Answers the child's calls until it has ended. False if it had to be killed here because it went on for ever.
 bool Supervise(pid_t child, int listener, const Fault &fault, Outcome &outcome)
 {
     for (bool killNext = false;;) {

@@ -3,7 +3,8 @@
 
 Shows BACKING. Data reaches it when the writing descriptor is flushed or closed, and only that descriptor is told that
 there is no room; a flush of the whole volume reaches nobody. Access lists can be read but are not listed. If sizeless,
-every file reports a size of 0 bytes. The lost calls are done, but report a failure. """
+every file reports a size of 0 bytes. The lost calls are done, but report a failure.
+"""
 import errno
 import os
 import signal
