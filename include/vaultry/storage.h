@@ -127,7 +127,7 @@ TQ_EXPORT bool TQClientManagedStorageSetGenerationOriginalDisplayName(const TQCl
                                                                       TQError **error);
 
 /// Copies a generation into the store's staging area, for a client that puts it somewhere by rename. Not flushed to
-/// disk: a client that gives up something for it flushes it first.
+/// disk: a client that gives something up for the copy flushes the copy first.
 ///
 /// @param stagedPath  Buffer of 1,024 bytes; gets the path of the copy. The copy belongs to the caller until
 ///                    TQClientManagedStorageCopyOutDone is called with this path. A repair removes it when nothing in
