@@ -140,8 +140,8 @@ Example:
 
 static constexpr char kDestroyFooter[] = R"(
 Says how many generations go, and asks first. Refuses a directory that is not a
-store, and a store in which an interrupted move left a document, which
-"check --repair" gives back. If it is cut short, call it again: it goes on.
+store, and a store with a document that an interrupted operation left aside,
+which "check --repair" gives back. If it is cut short, call it again: it goes on.
 
 Example:
   vaultry destroy --store /tmp/try --yes)";
