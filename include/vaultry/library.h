@@ -105,9 +105,9 @@ TQ_EXPORT TQDictionary *TQLibraryCopyGenerationInfos(TQLibrary *library, const T
 TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, const TQValue *ignored,
                                                          const TQDictionary *spec, TQError **error);
 
-/// Puts a generation in the place of a document, which keeps its own permissions, flags and hidden extension, and its
-/// owner and group where the caller may give them. Set-id bits are left out if it does not keep its owner or its group.
-/// A group that is not the document's may do no more with it than all others may.
+/// Puts a generation in the place of a document, which keeps its own permissions, access-control lists, flags and hidden
+/// extension, and its owner and group where the caller may give them. Set-id bits are left out if it does not keep its
+/// owner or its group. A group that is not the document's may do no more with it than all others may.
 ///
 /// The generation waits beside the document, under a name with "-tmp.nosync.", until it is whole, has the document's
 /// permissions and is on disk. Then the two are exchanged by one call, so that the document's path is never empty and
