@@ -9,6 +9,7 @@
 #include "Platform/InodeFlags.h"
 #include "Platform/ProcPath.h"
 #include "Platform/Rename.h"
+#include "Platform/ScopeExit.h"
 #include "Platform/Times.h"
 #include "Platform/TreeWalk.h"
 #include "Platform/UniqueNames.h"
@@ -146,6 +147,7 @@ bool Beside::Make(bool isDirectory, TQError **error)
         if (unlinkat(folder, placeholder_, isDirectory ? AT_REMOVEDIR : 0) != 0) staging_.Keep();
         return false;
     }
+    made_ = status_.changeTime;
     MovedTo(placeholder_);
     return true;
 }
@@ -265,18 +267,28 @@ void Beside::TakeBlockingFlags()
     if (copy_ && platform::SetFlagsOfKnown(copy_.get(), status_, flags) == 0) status_.flags = flags;
 }
 
-// Exchanging the copy changes nothing in it, and what was made in it before is older than its last right.
+// The times that a copy brought along are older than its placeholder; one that was copied from another volume is younger.
+// What can't be told counts as worked on.
 bool Beside::IsWorkedOn() const
 {
     const ErrnoKeeper keeper;
     TQFileStatus now;
     if (!wasShown_ || !copy_ || name_[0] == '\0') return false;
-    if (platform::GetStatus(item(), Links::NoFollow, &now) != 0 || ItemId::Of(now) != id()) return false;
-    if (now.size != given_.size || !platform::IsSameTime(now.modificationTime, given_.modificationTime)) return true;
+    if (platform::GetStatus(item(), Links::NoFollow, &now) != 0) return errno != ENOENT;
+    if (ItemId::Of(now) != id()) return false;
+    const bool isYounger = isAcross_ && platform::IsBefore(made_, given_.changeTime);
+    const struct timespec since = isYounger ? given_.changeTime : made_;
+    const bool hasNewTime = !platform::IsSameTime(now.modificationTime, given_.modificationTime) &&
+                            !platform::IsBefore(now.modificationTime, since);
+    if (hasNewTime || (S_ISREG(now.mode) && now.size != given_.size)) return true;
+    if (!S_ISDIR(now.mode)) return false;
+    (void)fchmod(copy_.get(), (now.mode & 07777) | S_IRWXU);
+    const ScopeExit close([&] { (void)fchmod(copy_.get(), now.mode & 07777); });
     TreeWalk walk;
-    if (!S_ISDIR(now.mode) || !walk.Open(item())) return false;
+    if (!walk.Open(item())) return true;
     while (const TreeWalk::Entry *entry = walk.Next())
-        if (entry->level > 0 && entry->hasStatus && platform::IsBefore(given_.changeTime, entry->status.changeTime))
+        if (!entry->hasStatus || entry->error != 0 ||
+            (entry->level > 0 && platform::IsBefore(since, entry->status.changeTime)))
             return true;
     return false;
 }

@@ -124,7 +124,8 @@ private:
     TQFileStatus status_{}; // of the placeholder, then of the copy
     UniqueFd copy_;         // opened before its final mode, which may let nobody read it; none for a link
     TreeFlush flush_;
-    TQFileStatus given_{}; // of the copy with all its rights
+    struct timespec made_ {}; // when the placeholder was, by the volume's clock
+    TQFileStatus given_{};    // of the copy with all its rights
     bool isAcross_ = false;
     bool wasShown_ = false;
 };

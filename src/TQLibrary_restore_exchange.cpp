@@ -230,13 +230,17 @@ void Exchange::TakeBack()
 {
     if (isTakenBack_) return;
     isTakenBack_ = true;
+    // Noted first, so that a repair after a kill removes nothing that somebody has saved.
+    const bool isWorkedOn = copy_.IsWorkedOn();
+    if (isWorkedOn) NoteFailure();
     if (old_[0] != '\0') BringHome();
-    if (copy_.IsWorkedOn()) LeaveCopy();
+    if (isWorkedOn || copy_.IsWorkedOn()) LeaveCopy();
 }
 
-// What somebody has written to it while it had the document's name is nowhere else.
+// What somebody has saved into it under the document's name is nowhere else.
 void Exchange::LeaveCopy()
 {
+    if (copy_.name()[0] == '\0') return;
     const ErrnoKeeper keeper;
     Failure(nullptr).Status(kTQStatusFailed,
                             "\"%s\" was changed while it was being restored; what was saved lies beside it as \"%s\"",

@@ -188,6 +188,7 @@ void Findings::Add(const char *path, const char *kind, const char *meaning, bool
     complete_ = complete_ && set("path", TQDataCreate(path, strlen(path))) && set("kind", TQStringCreate(kind)) &&
                 set("meaning", TQStringCreate(meaning)) && set("mended", TQRetain(TQBooleanGet(mended))) &&
                 (!home || set("home", TQDataCreate(home, strlen(home)))) &&
+                (!note_ || set("note", TQDataCreate(note_, strlen(note_)))) &&
                 TQArrayAppendValue(list_.get(), finding.get());
 }
 

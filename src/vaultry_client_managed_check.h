@@ -25,6 +25,9 @@ public:
 
     // Whether what is found is to be mended where that is safe.
     bool repair() const { return repair_; }
+
+    // What is added until it is called with null was told by the note in the directory at `path`.
+    void SetNote(const char *path) { note_ = path; }
     void StopRepairing() { repair_ = false; }
 
     // `home`, unless null, is where a document belongs.
@@ -64,6 +67,7 @@ private:
     bool Note(const Ref<TQSet> &set, const void *bytes, size_t size); // false if it is noted already
 
     bool repair_;
+    const char *note_ = nullptr;
     bool complete_ = true;
     Ref<TQArray> list_;
     Ref<TQSet> documents_ = Ref<TQSet>::Adopt(TQSetCreateMutable());

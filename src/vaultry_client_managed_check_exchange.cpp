@@ -163,7 +163,9 @@ bool LeftExchange::Settle(const char *path)
             path, "document-aside", "A restore was interrupted: this is the document, which belongs elsewhere.",
             [&](int folder) { return GiveBack(In(folder, path), held, status, In(folder, note_.document)); },
             note_.document);
-    if (held == Holds::Copy && IsDocument(home)) return Report(path, "copy-beside", kCopyBeside, remove);
+    // One that was renamed here may have been exchanged, worked on, and brought back.
+    const bool mayGo = !note_.exchange.copy.IsOf(status, note_.IsOfThisStart()) || IsCopyUntouched(item, status);
+    if (held == Holds::Copy && IsDocument(home) && mayGo) return Report(path, "copy-beside", kCopyBeside, remove);
     if (held == Holds::Copy)
         findings_.Add(path, "copy-beside",
                       "A restore was interrupted: this is what it was about to put in the document's place, which has "

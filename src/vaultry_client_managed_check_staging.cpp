@@ -247,7 +247,12 @@ void CheckLeftovers(const Unique &unique, Findings &findings)
     if (isDead && isOfMove && !CheckDocumentAtHome(unique, findings)) return;
     // Age says nothing about what stands beside a document.
     const bool isNoted = owner.life != OwnerLife::None && owner.readable && owner.note.hasExchange;
-    if (isNoted && !_CheckExchange(unique.item.path, owner, unique.status, findings)) return;
+    if (isNoted) {
+        findings.SetNote(unique.item.path);
+        const bool isSettled = _CheckExchange(unique.item.path, owner, unique.status, findings);
+        findings.SetNote(nullptr);
+        if (!isSettled) return;
+    }
     CheckLitter(unique, isDead || (findings.repair() && IsBare(unique)), findings);
 }
 

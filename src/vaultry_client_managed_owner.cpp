@@ -50,12 +50,15 @@ public:
             static_cast<uint64_t>(mark.modifiedNanoseconds));
     }
 
-    // Writes in one call: a note that is not whole is not believed. The file is open for appending, so the note goes
-    // after what is there, whatever the offset.
-    bool WriteTo(int fd) const
+    // Writes it at `*end`, which then is where it ends: a volume may be late to tell a file's size. In one call, since a
+    // note that is not whole is not believed.
+    bool WriteTo(int fd, off_t *end) const
     {
-        const ssize_t written = pwrite(fd, text_, length_, 0);
-        if (written == static_cast<ssize_t>(length_)) return true;
+        const ssize_t written = pwrite(fd, text_, length_, *end);
+        if (written == static_cast<ssize_t>(length_)) {
+            *end += written;
+            return true;
+        }
         if (written >= 0) errno = ENOSPC;
         return false;
     }
@@ -283,7 +286,7 @@ bool OwnerNote::IsOfThisStart() const
     return IsOfThisMachine() && strcmp(boot, "-") != 0 && strcmp(boot, platform::ThisMachine().boot) == 0;
 }
 
-UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, ItemId *id, TQError **error)
+UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, ItemId *id, off_t *end, TQError **error)
 {
     NoteText text;
     text.Add("%swork %s\nmachine %s\nboot %s\n", kFirstLine, kWords[static_cast<size_t>(note.work)], note.machine,
@@ -294,14 +297,14 @@ UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, 
     text.AddPath("document", note.document);
     text.Add("%s", kLastLine);
 
-    constexpr int kFlags = O_RDWR | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     UniqueFd fd(openat(directory, kOwnerFileName, kFlags, kOwnerFileMode));
     TQFileStatus made;
     // The lock comes before the first byte, so a process that finds the file unlocked then finds it empty. The mode
     // does not depend on the umask.
     if (fd && LockForLife(fd.get()) && platform::GetStatusOfFd(fd.get(), &made) == 0 &&
         ((made.mode & 07777) == kOwnerFileMode || fchmod(fd.get(), kOwnerFileMode) == 0) &&
-        GiveToAreaOwner(directory, fd.get()) && text.WriteTo(fd.get())) {
+        GiveToAreaOwner(directory, fd.get()) && text.WriteTo(fd.get(), end)) {
         *id = ItemId::Of(made);
         return fd;
     }
@@ -309,7 +312,7 @@ UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, 
     return {};
 }
 
-bool _NoteExchange(int ownerFile, const char *path, const PlannedExchange &exchange, TQError **error)
+bool _NoteExchange(int ownerFile, const char *path, const PlannedExchange &exchange, off_t *end, TQError **error)
 {
     NoteText text;
     text.Add("%s", kExchangeLine);
@@ -321,7 +324,7 @@ bool _NoteExchange(int ownerFile, const char *path, const PlannedExchange &excha
     text.AddPath("aside", exchange.aside.c_str());
     text.AddPath("restored", exchange.restored.c_str());
     text.Add("%s", kLastLine);
-    if (text.WriteTo(ownerFile)) return true;
+    if (text.WriteTo(ownerFile, end)) return true;
     return Failure(error).Errno("Failed to write \"%s/%s\"", path, kOwnerFileName);
 }
 

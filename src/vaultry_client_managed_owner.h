@@ -76,10 +76,11 @@ struct OwnerNote {
 
 // Makes the owner file in `directory`, whose path is `path`, and locks it. `id` tells which item the file is. An empty
 // descriptor on failure.
-UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, ItemId *id, TQError **error);
+UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, ItemId *id, off_t *end,
+                        TQError **error);
 
 // Adds what is about to be exchanged. The caller flushes it.
-bool _NoteExchange(int ownerFile, const char *path, const PlannedExchange &exchange, TQError **error);
+bool _NoteExchange(int ownerFile, const char *path, const PlannedExchange &exchange, off_t *end, TQError **error);
 
 // Gives the lock back, so that a child that was forked meanwhile keeps nothing of it.
 void _ReleaseOwnerFile(UniqueFd &ownerFile);

@@ -139,7 +139,7 @@ bool StagingDirectory::Make(const char *root, const OwnerNote &note, TQError **e
     (void)unique_.Format("%.*s", static_cast<int>(strrchr(staged_.c_str(), '/') - staged_.c_str()), staged_.c_str());
     const UniqueFd directory(open(unique_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!directory) return Failure(error).Errno("Failed to write \"%s/%s\"", unique_.c_str(), kOwnerFileName);
-    owner_ = _MakeOwnerFile(directory.get(), unique_.c_str(), note, &ownerId_, error);
+    owner_ = _MakeOwnerFile(directory.get(), unique_.c_str(), note, &ownerId_, &ownerEnd_, error);
     return static_cast<bool>(owner_);
 }
 
@@ -160,7 +160,7 @@ bool StagingDirectory::FlushNote(TQError **error) const
     return true;
 }
 
-bool StagingDirectory::NoteExchange(const PlannedExchange &exchange, TQError **error) const
+bool StagingDirectory::NoteExchange(const PlannedExchange &exchange, TQError **error)
 {
-    return _NoteExchange(owner_.get(), unique_.c_str(), exchange, error) && FlushNote(error);
+    return _NoteExchange(owner_.get(), unique_.c_str(), exchange, &ownerEnd_, error) && FlushNote(error);
 }

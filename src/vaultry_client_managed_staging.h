@@ -23,7 +23,7 @@ public:
     bool FlushNote(TQError **error) const;
 
     // Notes, on disk, what is about to be exchanged for what lies here.
-    bool NoteExchange(const PlannedExchange &exchange, TQError **error) const;
+    bool NoteExchange(const PlannedExchange &exchange, TQError **error);
 
     // Leaves the directory and what is in it, to a client or to a repair.
     void Keep();
@@ -45,5 +45,6 @@ private:
     PathBuffer unique_;
     PathBuffer staged_;
     UniqueFd owner_;
-    ItemId ownerId_; // tells the directory from any other
+    off_t ownerEnd_ = 0; // where the next note goes
+    ItemId ownerId_;     // tells the directory from any other
 };

@@ -112,8 +112,8 @@ TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, con
 /// The generation waits beside the document, under a name with "-tmp.nosync.", until it is whole, has the document's
 /// permissions and is on disk. Then the two are exchanged by one call, so that the document's path is never empty and
 /// never holds half of anything. The old document is removed last, and only if it is the item that was looked at first;
-/// a file must have the same size and modification time too. Changes that somebody saves inside a folder meanwhile are
-/// not noticed. The removal is not flushed: a power cut right after a success can bring the old document back under
+/// a file must have the same size and modification time too. Changes that somebody saves inside the old folder meanwhile
+/// are not noticed. The removal is not flushed: a power cut right after a success can bring the old document back under
 /// such a name.
 ///
 /// Where the volume can't exchange, two renames do the same, and the path is empty between them. If the process is
@@ -130,7 +130,8 @@ TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, con
 ///         Somebody saved the document meanwhile: then it holds what was saved. A part of the old document is gone
 ///         already and the rest can't be removed: then the restored document stays in its place, and the rest lies
 ///         beside it under a name with "-tmp.nosync.". The document can't be put back: then it lies under such a name,
-///         and a line of the log at level 3 says where.
+///         and a line of the log at level 3 says where. If somebody saved into the copy while it had the document's
+///         name, and the document came back all the same, the copy stays beside it; the log says so too.
 ///         Reasons in TQErrorGetStatus:
 ///         kTQStatusInvalidArgument   the name is not a generation name; there is no such generation; the document
 ///                                    contains the store or lies in a store

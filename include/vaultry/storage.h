@@ -218,8 +218,9 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQCl
 ///                generations' contents are never touched.
 /// @return an array that the caller owns, empty when all is well, of dictionaries: "path" (data: the bytes of the
 ///         path), "kind" (a string of lower-case words that a program can tell apart), "meaning" (a string for people),
-///         "mended" (a boolean), and, for a document that is not where it belongs, "home" (data: the path where it
-///         belongs). Null with an error:
+///         "mended" (a boolean), for a document that is not where it belongs, "home" (data: the path where it belongs),
+///         and, for what the note of a restore told, "note" (data: the path of the directory in staging that holds the
+///         note). Null with an error:
 ///         kTQStatusBadPath       not a directory; or one that is not a store, since it has neither a lock file nor a
 ///                                staging directory
 ///         kTQStatusNotSupported  a later version made the store

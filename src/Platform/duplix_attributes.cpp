@@ -111,7 +111,7 @@ bool AttributeCopier::CopyAccessList(const CopiedItem &item, CopiedLists *lists)
     if (!IsListForgiven(errno)) return false;
     // The mode's group bits were the list's mask. Without the list they would grant that to the whole group.
     lists->denied = DeniedByList(value_.get(), size);
-    return true;
+    return !item.mayHaveInherited || _RemoveInherited(item.to, kAccessList);
 }
 
 bool AttributeCopier::CopyDefaultList(const CopiedItem &item)
@@ -120,7 +120,8 @@ bool AttributeCopier::CopyDefaultList(const CopiedItem &item)
     size_t size = 0;
     if (!ReadList(item, kDefaultList, &size)) return false;
     if (size == 0) return !item.mayHaveInherited || _RemoveInherited(item.to, kDefaultList);
-    return fsetxattr(item.to, kDefaultList, value_.get(), size, 0) == 0 || IsListForgiven(errno);
+    if (fsetxattr(item.to, kDefaultList, value_.get(), size, 0) == 0) return true;
+    return IsListForgiven(errno) && (!item.mayHaveInherited || _RemoveInherited(item.to, kDefaultList));
 }
 
 Copied AttributeCopier::CopyLists(const CopiedItem &item, CopiedLists *lists, DuplixReports &reports)

@@ -178,8 +178,9 @@ void Addition::Refuse() const
     const auto isGone = [&status](const std::string &path) {
         return lstat(path.c_str(), &status) != 0 && errno == ENOENT;
     };
-    const bool isNotHome =
-        isGone(path_) || (before_.st_ino != 0 && (status.st_ino != before_.st_ino || status.st_dev != before_.st_dev));
+    // A hard-linked file gets data of its own on the way, and so comes home as another inode.
+    const bool isTold = before_.st_ino != 0 && (S_ISDIR(before_.st_mode) || before_.st_nlink == 1);
+    const bool isNotHome = isGone(path_) || (isTold && status.st_ino != 0 && status.st_ino != before_.st_ino);
     if (isMove_ && isNotHome)
         message += !isGone(store_.path() + "/" + name_)
                        ? "\n  the document was moved all the same: the store holds it as " + Quoted(name_)

@@ -28,7 +28,8 @@ static std::string_view _Bytes(const TQDictionary *finding, const char *key)
 
 static void _Print(const TQDictionary *finding, bool json)
 {
-    const std::string_view path = _Bytes(finding, "path"), home = _Bytes(finding, "home");
+    const std::string_view path = _Bytes(finding, "path"), home = _Bytes(finding, "home"),
+                           note = _Bytes(finding, "note");
     const bool mended = TQNumberGetTruth(_Entry(finding, "mended"));
     if (!json) {
         const std::string belongs = home.empty() ? "" : " It belongs at " + Printable(home) + ".";
@@ -39,6 +40,7 @@ static void _Print(const TQDictionary *finding, bool json)
     Json object;
     PutBytes(object, "path", path);
     if (!home.empty()) PutBytes(object, "home", home);
+    if (!note.empty()) PutBytes(object, "note", note);
     object["kind"] = _Text(finding, "kind");
     object["meaning"] = _Text(finding, "meaning");
     object["mended"] = mended;

@@ -76,9 +76,12 @@ static bool _IsCopyOf(const std::string &generation, const std::string &destinat
 {
     struct stat kept {
     }, copy{};
-    return IsThere(generation, &kept) && IsThere(destination, &copy) && ((kept.st_mode ^ copy.st_mode) & S_IFMT) == 0 &&
+    const bool areThere = IsThere(generation, &kept) && IsThere(destination, &copy);
+    const bool isRounded = copy.st_mtim.tv_nsec == 0;
+    return areThere && ((kept.st_mode ^ copy.st_mode) & S_IFMT) == 0 &&
            (S_ISDIR(copy.st_mode) || kept.st_size == copy.st_size) &&
-           std::abs(kept.st_mtim.tv_sec - copy.st_mtim.tv_sec) <= 2;
+           (isRounded ? std::abs(kept.st_mtim.tv_sec - copy.st_mtim.tv_sec) <= 2
+                      : kept.st_mtim.tv_sec == copy.st_mtim.tv_sec && kept.st_mtim.tv_nsec == copy.st_mtim.tv_nsec);
 }
 
 // Removes the copy after a signal that came too late to stop it. Leaves alone what somebody else has put in its place.

@@ -39,20 +39,24 @@ static void _RequireNoDocument(const std::string &path)
 {
     static const std::set<std::string> harmless = {"staging-litter", "staging-recent", "staging-missing",
                                                    "staging-mode"},
-                                       documents = {"document-in-staging", "document-aside"};
+                                       documents = {"document-in-staging", "document-lifted"};
     Owned<TQError> error;
     const Owned<TQArray> findings(TQClientManagedStorageCopyFindings(path.c_str(), /*repair=*/false, error.out()));
     if (!findings) throw CommandFailure::Library("not destroying " + Quoted(path) + " unseen", error.get());
     for (size_t i = 0; i < TQArrayGetCount(findings.get()); ++i) {
         const auto *finding = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(findings.get(), i));
         const std::string item = _Text(finding, "path"), kind = _Text(finding, "kind");
-        const bool isDocument = documents.contains(kind);
+        const std::string note = _Text(finding, "note"); // in this store; else what lies there is another's matter
+        const bool isDocument = documents.contains(kind) || (kind == "document-aside" && !note.empty());
         if (!isDocument && (!IsInStaging(path, item) || harmless.contains(kind))) continue;
-        throw CommandFailure(kExitFailure,
-                             "not destroying the store " + Quoted(path) + ": " + Quoted(item) + ": " +
-                                 _Text(finding, "meaning") +
-                                 (isDocument ? "\n  \"vaultry check --repair\" gives it back where it can"
-                                             : "\n  look at it first, and remove it yourself if it may go"));
+        throw CommandFailure(
+            kExitFailure, "not destroying the store " + Quoted(path) + ": " + Quoted(item) + ": " +
+                              _Text(finding, "meaning") +
+                              (!isDocument    ? "\n  look at it first, and remove it yourself if it may go"
+                               : note.empty() ? "\n  \"vaultry check --repair\" gives it back where it can"
+                                              : "\n  \"vaultry check --repair\" gives it back where it can; else move "
+                                                "it away yourself, and remove its note " +
+                                                    Quoted(note)));
     }
 }
 
