@@ -45,7 +45,7 @@ bool IsLong()
 }
 
 // Sanitizers are slow, so under one only a few of the calls fail.
-const int kStep = kCanFailAllocations ? 1 : 7;
+const int kStep = kIsSanitized ? 7 : 1;
 
 int failingCalls, kills, allocations, violations;
 
@@ -54,7 +54,7 @@ class Figures : public testing::Environment {
     {
         std::printf("figures: %d failing calls, %d kills, %d failing allocations, %d violations%s\n", failingCalls,
                     kills, allocations, violations,
-                    kCanFailAllocations ? "" : " (under a sanitizer: few calls, no allocations, no look for leaks)");
+                    kIsSanitized ? " (under a sanitizer: few calls, no allocations, no look for leaks)" : "");
     }
 };
 const auto *const figures = testing::AddGlobalTestEnvironment(new Figures);
@@ -232,7 +232,7 @@ void Sweeper::Walk()
 {
     Walk(failingCalls, [](int nth) { return FailCall(nth, EIO); });
     Walk(kills, [](int nth) { return KillBefore(nth); });
-    if (!kCanFailAllocations) return; // a sanitizer's own calls fail too
+    if (kIsSanitized) return; // a sanitizer's own calls fail too
     Walk(allocations, FailAllocation);
     Walk(failingCalls, [](int nth) {
         return nth % 2 == 0 ? FailCall(nth, InTurn(kErrors, nth / 2))
@@ -365,12 +365,14 @@ void Sweeper::Judge(const Fault &fault, const Outcome &outcome, Scene &scene)
         for (const auto &[path, item] : snapshot->items) paths.insert(path);
     const std::regex unfinished(swept_.unfinished + "|/store|/store/" + swept_.subject +
                                 "|/store/\\.vaultry_staging/.*");
-    const std::regex lacking(fault.act == Act::Fail ? MayLack(outcome.call, fault.error) : "");
+    const std::string mayLack = fault.act == Act::Fail ? MayLack(outcome.call, fault.error) : "";
+    const std::regex lacking(mayLack);
     std::string wrong;
     for (const auto &path : paths) {
         const auto item = [&](const Snapshot &snapshot) {
             const auto place = snapshot.items.find(path);
-            return place == snapshot.items.end() ? "nothing" : std::regex_replace(place->second, lacking, "");
+            if (place == snapshot.items.end()) return std::string("nothing");
+            return mayLack.empty() ? place->second : std::regex_replace(place->second, lacking, "");
         };
         const bool isBefore = item(found) == item(before_), isAfter = item(found) == item(after_);
         if (outcome.succeeded ? isAfter : isBefore || ((broken || stays) && isAfter)) continue;

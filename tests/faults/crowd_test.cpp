@@ -155,7 +155,7 @@ pid_t Repeat(Tally &tally, const std::function<bool()> &work)
 // One document. Its bytes tell each of its states: "saved" and a number, or a generation's name.
 TEST(Crowd, RestoresOfOneDocumentLoseNoneOfItsStates)
 {
-    const int rounds = std::getenv("VAULTRY_LONG") != nullptr ? 10000 : 300;
+    const int rounds = std::getenv("VAULTRY_LONG") != nullptr ? 10000 : kIsSanitized ? 60 : 300;
     auto &tally = NewTally();
     platform::SetLogSink([](int, const char *) {});
     TestStore at(TestStore::Document::File, QuickVolume());

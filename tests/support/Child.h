@@ -36,7 +36,7 @@ inline Fault KillAfter(int nth, const Calls &calls = {})
 {
     return {Fault::Act::KillAfter, nth, 0, calls};
 }
-extern const bool kCanFailAllocations; // false under a sanitizer, which has its own allocator
+extern const bool kIsSanitized; // then allocations can't fail: a sanitizer has its own allocator
 inline Fault FailAllocation(int nth)
 {
     return {Fault::Act::FailAllocation, nth};

@@ -30,6 +30,11 @@ bool CanBe(As who)
     return who == As::User || (who == As::Root && root) || (who == As::Capable && capable);
 }
 
+As WhoIAm()
+{
+    return CanBe(As::Root) ? As::Root : CanBe(As::Capable) ? As::Capable : As::User;
+}
+
 std::string NameOf(As who)
 {
     return who == As::Root ? "Root" : who == As::User ? "User" : "UserWithImmutableCapability";

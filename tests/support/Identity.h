@@ -16,6 +16,7 @@ enum class As { Root, User, Capable };
 constexpr uid_t kTestUser = 12345; // root becomes this user, an id that owns nothing else
 
 bool CanBe(As who);
+As WhoIAm();
 std::string NameOf(As who);
 
 // Sets the effective and real user for the span of a scope, also for a child forked in it.
@@ -46,6 +47,7 @@ private:
     std::optional<Impersonate> identity_;
 };
 
-#define INSTANTIATE_AS_EACH(suite)                                                                                     \
-    INSTANTIATE_TEST_SUITE_P(As, suite, testing::Values(As::Root, As::User, As::Capable),                              \
+#define INSTANTIATE_AS(suite, ...)                                                                                     \
+    INSTANTIATE_TEST_SUITE_P(As, suite, testing::Values(__VA_ARGS__),                                                  \
                              [](const auto &each) { return NameOf(each.param); })
+#define INSTANTIATE_AS_EACH(suite) INSTANTIATE_AS(suite, As::Root, As::User, As::Capable)
