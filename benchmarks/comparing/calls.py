@@ -50,7 +50,7 @@ def count(kind, rows, tools, directory):
     require_kernel()
     with places.mounted("ext4", directory, 1 << 30) if kind == "ext4" else places.in_memory() as place:
         return {row.key: contest.calls_of_one_more(row, tools, place, "vaultry")
-                for row in rows if row.kinds == ("ext4",)}
+                for row in rows if row.kinds == ("ext4",) and row.counted}
 
 
 def count_as_ordinary(*what):

@@ -52,6 +52,9 @@ class Job:
         return {"vaultry": self.ours, self.by_hand: self.theirs} | {
             name: functools.partial(way, self) for name, way in self.peers.items()}
 
+    def disturb(self):
+        """Before each run, untimed; nothing is flushed after it."""
+
     def undo(self):
         """After each run."""
 
@@ -85,6 +88,24 @@ class AddPackage(Add):
 
 class AddAttributed(Add):
     make = staticmethod(workloads.make_attributed_tree)
+
+
+class AddLoaded(Files):
+    """Somebody else has just written much to the same volume, and nothing of it is on disk yet."""
+
+    make = staticmethod(workloads.make_letters)
+    by_hand = "cp -a, fsync of each"
+
+    def ours(self):
+        return [self.vaultry("add", "--name", self.next(), self.source)]
+
+    def theirs(self):
+        copy = f"{self.target}/{self.next()}"
+        return [["cp", "-a", self.source, copy], functools.partial(places.sync_each, copy),
+                self.flush_directory(self.target)]
+
+    def disturb(self):
+        workloads.make_file(f"{self.home}/others", 1500 << 20)
 
 
 class AddFile(Add):

@@ -38,6 +38,14 @@ def sync_directory(path):
         os.close(descriptor)
 
 
+def sync_each(folder):
+    """Each file of a folder, and the folder."""
+    for entry in os.scandir(folder):
+        with open(entry.path, "rb") as file:
+            os.fsync(file.fileno())
+    sync_directory(folder)
+
+
 @contextlib.contextmanager
 def directory(parent):
     """One of our own below `parent`, removed in the end whatever is in it."""

@@ -27,6 +27,15 @@ def make_tree(path, files):
             file.write(generator.randbytes(4096))
 
 
+def make_letters(path, files):
+    """A folder of files of 20 KB."""
+    generator = random.Random(4)
+    os.mkdir(path)
+    for number in range(files):
+        with open(f"{path}/letter{number:05}", "wb") as file:
+            file.write(generator.randbytes(20000))
+
+
 def access_list(user):
     """An access-control list in the kernel's form: the rights of the mode, and one more user who may read."""
     entries = [(0x01, 6, -1), (0x02, 4, user), (0x04, 4, -1), (0x10, 4, -1), (0x20, 4, -1)]

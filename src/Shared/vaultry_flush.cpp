@@ -1,7 +1,9 @@
 #include "Shared/vaultry_flush.h"
 
+#include "Platform/ErrnoKeeper.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Flush.h"
+#include "Platform/TreeWalk.h"
 #include "Platform/Volume.h"
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_internal_failure.h"
@@ -94,6 +96,63 @@ bool FlushFolder(const UniqueFd &directory, const ParentPath &parent, const char
     return Report(CannotBeOpened() ? FlushUnopenedDirectory(parent.c_str(), itemOnIt) : -1, parent.c_str(), error);
 }
 
+// Flushing a volume waits for all that anybody has written there. If that is much, a tree of no more than this is
+// flushed item by item: on ext4 with 1.5 GiB of others, 256 items take 0.1 s and their volume takes seconds. Without
+// others, one call for the volume is the quicker way from two items on. A larger tree, too, is quicker that way: and the
+// kernel tells a late error of an item to a descriptor that is opened later only as long as it keeps the item in memory,
+// which is sure for what was written a moment ago.
+constexpr int kMostItems = 256;
+constexpr uint64_t kMostBytes = 256U << 20;
+
+// Calls `visit` with a descriptor on each file, and on each directory after its contents. False if the tree is not small,
+// or one of its items can't be flushed by a descriptor, or `visit` says so.
+template <class Visit> bool ForEachOfSmallTree(const char *path, const Visit &visit)
+{
+    int items = 0;
+    uint64_t bytes = 0;
+    TreeWalk walk;
+    if (!walk.Open(path)) return false;
+    while (const TreeWalk::Entry *entry = walk.Next()) {
+        if (entry->kind == TreeWalk::Kind::Directory && !entry->isElsewhere) continue;
+        if (++items > kMostItems || (bytes += entry->status.size) > kMostBytes) return false;
+        const bool isFile = entry->kind == TreeWalk::Kind::File;
+        if (!isFile && entry->kind != TreeWalk::Kind::DirectoryDone) return false;
+        const UniqueFd file(isFile ? openat(entry->item.directory, entry->item.name,
+                                            O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)
+                                   : -1);
+        const int fd = isFile ? file.get() : entry->fd;
+        if (fd < 0 || !visit(fd, isFile)) return false;
+    }
+    return true;
+}
+
+// All of it is on its way to the disk before the first wait. False if the volume has to be flushed instead; otherwise
+// *why is the errno of a flush that failed, or 0.
+bool FlushSmallTree(const char *path, int *why)
+{
+    const ErrnoKeeper keeper;
+    *why = 0;
+    const auto begin = [](int fd, bool isFile) {
+        if (isFile) platform::BeginFlushOfFd(fd);
+        return true;
+    };
+    const auto flush = [&](int fd, bool) {
+        if (platform::FlushFd(fd) != 0) *why = errno;
+        return *why == 0;
+    };
+    return ForEachOfSmallTree(path, begin) && (ForEachOfSmallTree(path, flush) || *why != 0);
+}
+
+// The volume keeps its word.
+int FlushTree(const char *path, int onVolume)
+{
+    int why = 0;
+    if (!platform::MuchWaitsToBeWritten(onVolume) || !FlushSmallTree(path, &why))
+        return platform::FlushVolumeOfFd(onVolume);
+    if (why != 0) errno = why;
+    return why == 0 ? 0 : -1;
+}
+
 } // namespace
 
 bool _FlushItem(const char *path, TQError **error)
@@ -140,6 +199,6 @@ bool TreeFlush::Flush(const char *path, uint32_t mode, TQError **error) const
     const int open = other ? other.get() : volume();
     const std::optional<bool> honours = platform::AskWhetherVolumeHonoursFlush(open);
     if (!honours) return Report(-1, path, error); // flushing only the top could leave all that is in it unwritten
-    if (*honours) return Report(platform::FlushVolumeOfFd(open), path, error);
+    if (*honours) return Report(FlushTree(path, open), path, error);
     return _FlushItem(path, error); // whoever wrote its contents has flushed them
 }

@@ -22,15 +22,16 @@ bool _FlushItem(const char *path, TQError **error);
 bool _FlushEntry(const char *path, TQError **error);
 bool _FlushFormerEntry(const char *path, const char *now, TQError **error);
 
-// Flushes a whole tree, with one call for its volume however many items it has: content, attributes and entries. Where
-// a flush of the volume does not reach all that, only the top item is flushed; whoever wrote its contents has flushed
-// them. Where that can't be told, it fails.
+// Flushes a whole tree: content, attributes and entries. That is one call for its volume however many items it has, or,
+// while others have much to write, one for each item of a small tree. Where a flush of the volume does not reach all
+// that, only the top item is flushed; whoever wrote its contents has flushed them. Where that can't be told, it fails.
 //
 //     const auto flush = TreeFlush::At(path);   // before the first byte is written
 //     ...
 //     if (!flush.Flush(tree, mode, error)) return false;
 //
-// Since it is opened first, it reports every write that fails meanwhile, even one that the kernel has tried already.
+// Since it is opened first, the flush of the volume reports every write that fails meanwhile, even one that the kernel
+// has tried already.
 class TreeFlush {
 public:
     TreeFlush() = default;

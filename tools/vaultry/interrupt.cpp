@@ -34,14 +34,19 @@ static void _OnSignal(int number)
 }
 }
 
-InterruptGuard::InterruptGuard(const char *message) : InterruptGuard(nullptr, message)
+InterruptGuard::InterruptGuard(const char *message) : waiting_(TQProgressCreate(0))
 {
-    waiting_ = Owned<TQProgress>(TQProgressCreate(0));
     TQProgressBecomeCurrent(waiting_.get());
-    gProgress = waiting_.get();
+    Catch(waiting_.get(), message);
 }
 
 InterruptGuard::InterruptGuard(TQProgress *progress, const char *message)
+{
+    Catch(progress, message);
+}
+
+// A signal may come as soon as the first handler stands, so everything that it needs is there before.
+void InterruptGuard::Catch(TQProgress *progress, const char *message)
 {
     gProgress = progress;
     gMessage = message;

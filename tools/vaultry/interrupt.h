@@ -30,5 +30,7 @@ public:
     static int ExitCode();
 
 private:
+    static void Catch(TQProgress *progress, const char *message);
+
     Owned<TQProgress> waiting_;
 };

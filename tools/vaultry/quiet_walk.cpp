@@ -7,10 +7,22 @@
 #include <fcntl.h>
 #include <memory>
 #include <string_view>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 using Folder = std::unique_ptr<DIR, int (*)(DIR *)>;
+
+// Each folder on the way down is held open. A path can have twice as many as a process may usually hold.
+static bool _AllowMoreDescriptors()
+{
+    rlimit limit{};
+    const bool mayGrow = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max;
+    limit.rlim_cur = limit.rlim_max;
+    if (mayGrow && setrlimit(RLIMIT_NOFILE, &limit) == 0) return true;
+    errno = EMFILE;
+    return false;
+}
 
 // The kernel refuses this for somebody else's folder, which is then opened as usual.
 static Folder _OpenQuietly(int at, const char *name)
@@ -18,6 +30,7 @@ static Folder _OpenQuietly(int at, const char *name)
     constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     int fd = openat(at, name, flags | O_NOATIME);
     if (fd < 0 && errno == EPERM) fd = openat(at, name, flags);
+    if (fd < 0 && errno == EMFILE && _AllowMoreDescriptors()) return _OpenQuietly(at, name);
     Folder folder(fd < 0 ? nullptr : fdopendir(fd), closedir);
     if (fd >= 0 && !folder) (void)close(fd);
     return folder;
