@@ -107,6 +107,25 @@ bool _UnprotectStoreRoot(const Item &root, TQError **error);
 void _ProtectGenerationStore(const char *rootPath);
 void _ProtectStoreRoot(const Item &root);
 
+// Lifts the protection when it is first asked to, and puts it back at the end of its scope. The caller holds the
+// exclusive lock as long.
+class LiftedRoot {
+public:
+    explicit LiftedRoot(const char *rootPath) : rootPath_(rootPath) {}
+    ~LiftedRoot()
+    {
+        if (isLifted_) _ProtectGenerationStore(rootPath_);
+    }
+    LiftedRoot(const LiftedRoot &) = delete;
+    LiftedRoot &operator=(const LiftedRoot &) = delete;
+
+    bool Lift(TQError **error) { return isLifted_ || (isLifted_ = _UnprotectGenerationStore(rootPath_, error)); }
+
+private:
+    const char *rootPath_;
+    bool isLifted_ = false;
+};
+
 // Brings the names in the root and its protection to disk.
 bool _FlushGenerationStore(const char *rootPath, TQError **error);
 

@@ -1,4 +1,5 @@
-// Adding a generation: built and archived in staging, then moved to its name by one rename.
+// Adding a generation: built, archived and flushed in staging, then moved to its name by one rename. The store is locked
+// only at both ends: to find the place, and to move the item there.
 
 #include "vaultry_client_managed.h"
 #include "vaultry_client_managed_folder.h"
@@ -8,7 +9,6 @@
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Rename.h"
-#include "Platform/ScopeExit.h"
 #include "Runtime/Ref.h"
 #include "Runtime/UTF8.h"
 #include "Shared/vaultry_flush.h"
@@ -41,23 +41,34 @@ OwnerNote MakeNote(const char *source, const OpenedFolder *movedFrom)
     note.topMode = status.mode & 07777;
     note.topFlags = status.flags;
     note.top = ItemId::Of(status);
+    uint64_t options = 0;
+    const ssize_t length =
+        platform::GetAttribute(Item::AtPath(source), Links::NoFollow, kOptionsAttribute, &options, sizeof options);
+    if (length == sizeof options) note.topOptions = options;
     return note;
 }
 
 // Drops damaged attributes of these names that the document brought along. They would be taken for the store's, and the
 // generation could be listed but not described.
-bool DropMalformedMetadata(const char *staged, TQError **error)
+bool DropMalformedMetadata(const char *staged, const BroughtMetadata &brought, TQError **error)
 {
     const Item item = Item::AtPath(staged);
     const auto has = [&](const char *name) {
         return platform::GetAttribute(item, Links::NoFollow, name, nullptr, 0) >= 0;
     };
     const bool isInfoWell =
-        !has(kInfoAttribute) || Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(staged, nullptr));
-    const bool isNameWell =
-        !has(kDisplayNameAttribute) || Ref<TQString>::Adopt(TQCopyOriginalDisplayName(staged, nullptr));
+        !brought.info || !has(kInfoAttribute) || Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(staged, nullptr));
+    const bool isNameWell = !brought.displayName || !has(kDisplayNameAttribute) ||
+                            Ref<TQString>::Adopt(TQCopyOriginalDisplayName(staged, nullptr));
     return (isInfoWell || _SetEAOnGeneration(staged, kInfoAttribute, nullptr, 0, error)) &&
            (isNameWell || _SetEAOnGeneration(staged, kDisplayNameAttribute, nullptr, 0, error));
+}
+
+// Stores the options. A document that brought none needs nothing taken away.
+bool WriteOptions(const char *staged, uint64_t options, const BroughtMetadata &brought, TQError **error)
+{
+    const bool isNothingToDo = !brought.options && (options & kStoredOptionBits) == 0;
+    return isNothingToDo || _WriteGenerationOptions(staged, options, error);
 }
 
 // An item on its way from staging to its name.
@@ -103,36 +114,58 @@ bool FinishInstalled(const char *generation, const TQFileStatus &status, TQError
     return true;
 }
 
-enum class Installed { No, WithoutOptions, Whole };
-
-// Moves the item from staging to its name, once its content is on disk. The root is writable from the unprotect to the
-// end of this function.
-Installed InstallStaged(const Placing &placing, uint64_t options, const TreeFlush &flush, TQError **error)
+// Makes the staged item all that the generation is to be, and brings it to disk. `status` gets what the top item has.
+bool Prepare(const char *staged, uint64_t options, const BroughtMetadata &brought, const TreeFlush &flush,
+             TQFileStatus *status, TQError **error)
 {
-    const char *const staged = placing.staged, *const generation = placing.generation;
-    TQFileStatus status;
-    if (!MakeStagedMovable(staged, &status, error) || !flush.Flush(staged, status.mode, error)) return Installed::No;
-    if (!_UnprotectGenerationStore(placing.root, error)) return Installed::No;
-    const ScopeExit protect([&] { _ProtectGenerationStore(placing.root); });
-
-    // Nothing is replaced, not even a dangling link that the look before did not see.
-    if (platform::RenameIntoNothing(Item::AtPath(staged), ItemId::Of(status), Item::AtPath(generation)) != 0) {
-        Failure(error).Errno("Failed to install generation; rename (\"%s\" -> \"%s\") failed", staged, generation);
-        return Installed::No;
-    }
-    if (!FinishInstalled(generation, status, error)) {
-        TakeBack(placing, status);
-        return Installed::No;
-    }
-    return _WriteGenerationOptions(generation, options, error) ? Installed::Whole : Installed::WithoutOptions;
+    return DropMalformedMetadata(staged, brought, error) && WriteOptions(staged, options, brought, error) &&
+           MakeStagedMovable(staged, status, error) && flush.Flush(staged, status->mode, error);
 }
 
-// Flushes the name, the options and the protection. The item goes first: if the file system keeps a journal, that takes
-// all of them to disk, and the rest costs nothing.
-bool FlushInstalled(const Placing &placing, const char *source, TQError **error)
+bool IsFree(const char *generation, TQError **error)
 {
-    return _FlushItem(placing.generation, error) && _FlushGenerationStore(placing.root, error) &&
+    const ErrnoKeeper keeper;
+    return !_PathExists(generation) ||
+           Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", generation);
+}
+
+// Moves the item from staging to its name. The root is writable until the end of this function.
+bool InstallStaged(const Placing &placing, const TQFileStatus &status, TQError **error)
+{
+    LiftedRoot root(placing.root);
+    if (!root.Lift(error)) return false;
+
+    // Nothing is replaced, not even a dangling link that the look before did not see.
+    if (platform::RenameIntoNothing(Item::AtPath(placing.staged), ItemId::Of(status),
+                                    Item::AtPath(placing.generation)) != 0) {
+        if (errno == EEXIST && !IsFree(placing.generation, error)) return false; // somebody was quicker
+        return Failure(error).Errno("Failed to install generation; rename (\"%s\" -> \"%s\") failed", placing.staged,
+                                    placing.generation);
+    }
+    if (FinishInstalled(placing.generation, status, error)) return true;
+    TakeBack(placing, status);
+    return false;
+}
+
+// Flushes the name, the protection, and what the top item got back after it was flushed in staging. The item goes first:
+// if the file system keeps a journal, that takes all of them to disk, and the rest costs nothing.
+bool FlushInstalled(const Placing &placing, const TQFileStatus &status, const char *source, TQError **error)
+{
+    const bool hasChanged = S_ISDIR(status.mode) || status.flags != 0;
+    return (!hasChanged || _FlushItem(placing.generation, error)) && _FlushGenerationStore(placing.root, error) &&
            (placing.copied || _FlushFormerEntry(source, placing.generation, error));
+}
+
+// Where the generation is to lie, if nothing is there. The caller holds the store's lock.
+bool FindItsPlace(const char *root, const char *name, PathBuffer &generation, TQError **error)
+{
+    if (!_GetPathToGeneration(root, name, /*mustExist=*/false, generation, error)) return false;
+    // Such a name could be added, but never removed. A name that is not UTF-8 would also stop every listing.
+    if (strlen(name) > kGenerationNameLimit)
+        return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name is too long");
+    if (!UTF16LengthOfUTF8(name, strlen(name)))
+        return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
+    return IsFree(generation.c_str(), error);
 }
 
 bool RequireSource(const char *source, const char *root, bool copy, TQError **error)
@@ -144,47 +177,85 @@ bool RequireSource(const char *source, const char *root, bool copy, TQError **er
     return _RequireNoStoreInside(source, root, error) && (copy || _RequireOutsideStores(source, error));
 }
 
+// One add, step by step. Everything slow is done without the store's lock, so nobody waits for it.
+class Adding {
+public:
+    Adding(const TQClientManagedStorage *store, const char *source, bool copy, TQError **error)
+        : store_(store), source_(source), copy_(copy), error_(error)
+    {
+    }
+
+    // Finds the generation's place, and makes the directory that the work goes on in. Shared lock.
+    bool Begin(const char *name)
+    {
+        HeldLock lock;
+        if (!lock.ForReading(store_, error_) || !FindItsPlace(store_->rootPath, name, generation_, error_) ||
+            !RequireSource(source_, store_->rootPath, copy_, error_))
+            return false;
+        document_.emplace(source_);
+        if (!copy_) movedFrom_.emplace(document_->c_str());
+        note_ = MakeNote(document_->c_str(), copy_ ? nullptr : &*movedFrom_);
+        return staging_.Make(store_->rootPath, note_, error_);
+    }
+
+    // Copies or moves the document there, and makes it a generation. No lock.
+    bool Stage(uint64_t options)
+    {
+        const auto flush = TreeFlush::By(staging_.openedFirst());
+        // Without the note on disk, nobody would know after a power cut where the document belongs.
+        BroughtMetadata brought;
+        return (copy_ || staging_.FlushNote(error_)) &&
+               _AddPathAsGeneration(source_, staging_.staged(), copy_, &brought, error_) &&
+               Prepare(staging_.staged(), options, brought, flush, &status_, error_);
+    }
+
+    // Gives it its name, unless somebody else has taken that meanwhile. Exclusive lock.
+    bool Install()
+    {
+        HeldLock lock;
+        return lock.ForWriting(store_, error_) && InstallStaged(placing(), status_, error_);
+    }
+
+    // No lock: others may see the generation before it has its name on disk, as they may a file that is being written.
+    bool Flush() { return FlushInstalled(placing(), status_, source_, error_); }
+
+    // A moved document may be somebody's only copy, so it is given back. If it can't be, staging stays.
+    void GiveBack()
+    {
+        if (copy_) return;
+        const MovedDocument moved{note_.topMode != OwnerNote::kUnknownMode,
+                                  note_.top,
+                                  note_.topMode,
+                                  note_.topFlags,
+                                  note_.topOptions,
+                                  staging_.written()};
+        const Item home = *movedFrom_ ? movedFrom_->item() : Item::AtPath(source_);
+        if (!_GiveDocumentBack(Item::AtPath(staging_.staged()), home, moved)) staging_.Keep();
+    }
+
+private:
+    Placing placing() const { return {store_->rootPath, staging_.staged(), generation_.c_str(), copy_}; }
+
+    const TQClientManagedStorage *const store_;
+    const char *const source_;
+    const bool copy_;
+    TQError **const error_;
+    PathBuffer generation_;
+    std::optional<TrimmedPath> document_;
+    std::optional<OpenedFolder> movedFrom_;
+    OwnerNote note_;
+    StagingDirectory staging_;
+    TQFileStatus status_{};
+};
+
 } // namespace
 
 bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *name, const char *source,
                                uint64_t options, TQError **error, bool copy)
 {
-    HeldLock lock;
-    if (!lock.ForWriting(store, error)) return false;
-    const char *root = store->rootPath;
-
-    PathBuffer generation;
-    if (!_GetPathToGeneration(root, name, /*mustExist=*/false, generation, error)) return false;
-    // Such a name could be added, but never removed. A name that is not UTF-8 would also stop every listing.
-    if (strlen(name) > kGenerationNameLimit)
-        return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name is too long");
-    if (!UTF16LengthOfUTF8(name, strlen(name)))
-        return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
-    if (_PathExists(generation.c_str()))
-        return Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", generation.c_str());
-    if (!RequireSource(source, root, copy, error)) return false;
-
-    const TrimmedPath document(source);
-    std::optional<OpenedFolder> movedFrom;
-    if (!copy) movedFrom.emplace(document.c_str());
-    const OwnerNote note = MakeNote(document.c_str(), movedFrom ? &*movedFrom : nullptr);
-    StagingDirectory staging;
-    if (!staging.Make(root, note, error)) return false;
-    const char *const staged = staging.staged();
-    const auto flush = TreeFlush::By(staging.openedFirst());
-    // Without the note on disk, nobody would know after a power cut where the document belongs.
-    if (!copy && !staging.FlushNote(error)) return false;
-    if (TQAddPathAsGeneration(source, staged, copy, /*makeReadable=*/false, /*archive=*/true, error) &&
-        DropMalformedMetadata(staged, error)) {
-        const Placing placing{root, staged, generation.c_str(), copy};
-        const Installed installed = InstallStaged(placing, options, flush, error);
-        if (installed != Installed::No) return installed == Installed::Whole && FlushInstalled(placing, source, error);
-    }
-
-    // A moved document may be somebody's only copy, so it is given back first. If it can't be, staging stays.
-    const MovedDocument moved{note.topMode != OwnerNote::kUnknownMode, note.top, note.topMode, note.topFlags,
-                              staging.written()};
-    const Item home = movedFrom && *movedFrom ? movedFrom->item() : Item::AtPath(source);
-    if (!copy && !_GiveDocumentBack(Item::AtPath(staged), home, moved)) staging.Keep();
+    Adding adding(store, source, copy, error);
+    if (!adding.Begin(name)) return false;
+    if (adding.Stage(options) && adding.Install()) return adding.Flush();
+    adding.GiveBack();
     return false;
 }

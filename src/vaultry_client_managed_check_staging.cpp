@@ -56,9 +56,9 @@ bool IsUnique(const char *name)
 bool IsOurs(const char *name)
 {
     constexpr size_t length = sizeof kStagedName - 1;
-    if (strcmp(name, kOwnerFileName) == 0) return true;
+    if (strcmp(name, kOwnerFileName) == 0 || IsStagedName(name)) return true;
     if (strncmp(name, kStagedName, length) != 0) return false;
-    return name[length] == '\0' || LengthOfLinkedName(name) == length;
+    return LengthOfLinkedName(name) == length;
 }
 
 enum class Contents { Ours, Foreign, Unknown };
@@ -172,7 +172,11 @@ Note GetNote(const Unique &unique, char (&home)[PATH_MAX], MovedDocument *docume
     if (!owner.readable) return owner.isBlank && owner.life == OwnerLife::Dead ? Note::Absent : Note::Malformed;
     if (owner.note.work != Work::Move) return Note::Absent;
     memcpy(home, owner.note.document, sizeof home);
-    *document = {owner.note.topMode != OwnerNote::kUnknownMode, owner.note.top, owner.note.topMode, owner.note.topFlags,
+    *document = {owner.note.topMode != OwnerNote::kUnknownMode,
+                 owner.note.top,
+                 owner.note.topMode,
+                 owner.note.topFlags,
+                 owner.note.topOptions,
                  owner.written};
     return home[0] == '/' ? Note::Path : Note::Malformed;
 }

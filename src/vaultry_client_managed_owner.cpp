@@ -155,6 +155,7 @@ bool ReadNote(NoteReader &reader, OwnerNote *note)
            reader.TakeWord("boot", note->boot) && reader.TakeNumbers("process", &note->process) &&
            reader.TakeNumbers("since", &note->since) &&
            reader.TakeNumbers("top", &note->topMode, &note->topFlags, &note->top.device, &note->top.inode) &&
+           (reader.TakeNumbers("options", &note->topOptions) || true) && // earlier versions have none
            ReadItem(reader, "folder", &note->folder) &&
            reader.TakePath("document", note->document, sizeof note->document) && reader.Take(kLastLine);
 }
@@ -293,6 +294,7 @@ UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, 
              note.boot);
     text.Add("process %" PRId64 "\nsince %" PRId64 "\ntop %u %u %" PRIu64 " %" PRIu64 "\n", note.process, note.since,
              note.topMode, note.topFlags, note.top.device, note.top.inode);
+    if (note.topOptions != 0) text.Add("options %" PRIu64 "\n", note.topOptions);
     text.AddItem("folder", note.folder);
     text.AddPath("document", note.document);
     text.Add("%s", kLastLine);

@@ -59,6 +59,7 @@ struct OwnerNote {
     static constexpr uint32_t kUnknownMode = UINT32_MAX;
     uint32_t topMode = kUnknownMode; // a move: what the document's top item had
     uint32_t topFlags = 0;
+    uint64_t topOptions = 0; // the options word that it brought along, if it brought one
     ItemId top{};
     ItemMark folder; // and the folder that it was taken from
     char machine[80] = "";

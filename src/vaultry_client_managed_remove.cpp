@@ -1,7 +1,7 @@
 // Removing generations.
 //
 // A generation leaves the root by one rename into staging, so that the slow part, deleting its tree, can be interrupted
-// without leaving half of it under its name. Where the kernel refuses that rename, the tree is deleted as it stands,
+// without leaving half of it under its name, and nobody waits for it. Where the kernel refuses that rename, the tree is deleted as it stands,
 // under the lock. A failure is then reported, and a kill leaves a part of the tree, which can be removed again.
 
 #include "vaultry_client_managed.h"
@@ -9,7 +9,6 @@
 
 #include "Platform/FileStatus.h"
 #include "Platform/Rename.h"
-#include "Platform/ScopeExit.h"
 #include "Platform/UniqueNames.h"
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
@@ -21,6 +20,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <sys/stat.h>
 
 namespace {
@@ -61,73 +61,101 @@ bool RemoveAsItStands(const char *generation, TQError **error)
     return Failure(error).Errno("failed to remove \"%s\", on which something is mounted", generation);
 }
 
-bool MoveToStaging(const char *root, const char *generation, const ItemId &id, const char *staged, TQError **error)
-{
-    if (!_UnprotectGenerationStore(root, error)) return false;
-    const ScopeExit protect([root] { _ProtectGenerationStore(root); });
-    if (rename(generation, staged) == 0 ||
-        platform::HasMoved(Item::AtPath(generation), id, Item::AtPath(staged)) == platform::Held::Yes)
-        return true;
-    // A folder of an overlay's lower layer can't be renamed.
-    if (errno == EXDEV) return RemoveAsItStands(generation, error);
-    return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged);
-}
+// The removals of one call. They share one lift of the root, and one staging directory for what leaves it.
+class Removal {
+public:
+    Removal(const char *root, std::optional<StagingDirectory> &staging) : root_(root), lift_(root), staging_(staging) {}
 
-bool RemoveByStaging(const char *root, const char *generation, TQError **error)
-{
-    // If something can't be deleted at the end, that is not reported: by then the generation is gone for everybody.
-    StagingDirectory staging;
-    if (!staging.Make(root, OwnerNote::Of(Work::Remove, generation), error)) return false;
-    LiftedGeneration lifted(generation);
-    return LiftForMove(lifted, generation, error) &&
-           lifted.Gone(MoveToStaging(root, generation, ItemId::Of(lifted.before()), staging.staged(), error));
-}
+    bool Remove(TQValue *nameValue, TQError **error)
+    {
+        char name[kNameCapacity];
+        PathBuffer path;
+        if (!GetName(nameValue, name, error) || !_GetPathToGeneration(root_, name, /*mustExist=*/false, path, error))
+            return false;
+        if (_PathNotExists(path.c_str())) return true;
 
-// For a disk without room for one more directory, whose owner needs a removal more than anything. A file is deleted at
-// once. A tree still leaves the root by one rename. Where even a name takes room, it is deleted as it stands; there a
-// kill leaves a part of it, which can be removed again.
-bool RemoveWithoutRoom(const char *root, const char *generation, TQError **error)
-{
-    LiftedGeneration lifted(generation);
-    if (!LiftForMove(lifted, generation, error) || !_UnprotectGenerationStore(root, error)) return false;
-    const ScopeExit protect([root] { _ProtectGenerationStore(root); });
-    PathBuffer staged;
-    if (S_ISDIR(lifted.before().mode) && staged.Format("%s/%s/%s", root, kStagingName, kUniqueTemplate)) {
-        if (platform::RenameToUnique(generation, ItemId::Of(lifted.before()), staged.data()) == 0) {
-            (void)_RemoveStagingPath(root, staged.c_str(), nullptr);
-            return lifted.Gone(true);
-        }
-        if (errno != ENOSPC && errno != EDQUOT && errno != EXDEV)
-            return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged.c_str());
-    }
-    return lifted.Gone(RemoveAsItStands(generation, error));
-}
-
-bool RemoveOne(const char *root, TQValue *nameValue, TQError **error)
-{
-    char name[kNameCapacity];
-    PathBuffer generation;
-    if (!GetName(nameValue, name, error) || !_GetPathToGeneration(root, name, /*mustExist=*/false, generation, error))
+        Ref<TQError> why;
+        if (RemoveByStaging(path.c_str(), why.out())) return true;
+        if (why && TQErrorGetStatus(why.get()) == kTQStatusNoSpace) return RemoveWithoutRoom(path.c_str(), error);
+        if (error) *error = why.Detach();
         return false;
-    if (_PathNotExists(generation.c_str())) return true;
+    }
 
-    Ref<TQError> why;
-    if (RemoveByStaging(root, generation.c_str(), why.out())) return true;
-    if (why && TQErrorGetStatus(why.get()) == kTQStatusNoSpace)
-        return RemoveWithoutRoom(root, generation.c_str(), error);
-    if (error) *error = why.Detach();
-    return false;
+private:
+    // Where a generation goes. Null if there is no place.
+    const char *PlaceFor(const char *generation, TQError **error)
+    {
+        const char *place = staging_ ? staging_->NextPlace() : nullptr;
+        if (place) return place;
+        staging_.emplace();
+        if (staging_->Make(root_, OwnerNote::Of(Work::Remove, generation), error)) return staging_->NextPlace();
+        staging_.reset();
+        return nullptr;
+    }
+
+    bool MoveToStaging(const char *generation, const ItemId &id, const char *staged, TQError **error)
+    {
+        if (!lift_.Lift(error)) return false;
+        if (rename(generation, staged) == 0 ||
+            platform::HasMoved(Item::AtPath(generation), id, Item::AtPath(staged)) == platform::Held::Yes)
+            return true;
+        // A folder of an overlay's lower layer can't be renamed.
+        if (errno == EXDEV) return RemoveAsItStands(generation, error);
+        return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged);
+    }
+
+    bool RemoveByStaging(const char *generation, TQError **error)
+    {
+        const char *const staged = PlaceFor(generation, error);
+        if (!staged) return false;
+        LiftedGeneration lifted(generation);
+        return LiftForMove(lifted, generation, error) &&
+               lifted.Gone(MoveToStaging(generation, ItemId::Of(lifted.before()), staged, error));
+    }
+
+    // For a disk without room for one more directory, whose owner needs a removal more than anything. A file is deleted
+    // at once. A tree still leaves the root by one rename. Where even a name takes room, it is deleted as it stands;
+    // there a kill leaves a part of it, which can be removed again.
+    bool RemoveWithoutRoom(const char *generation, TQError **error)
+    {
+        LiftedGeneration lifted(generation);
+        if (!LiftForMove(lifted, generation, error) || !lift_.Lift(error)) return false;
+        PathBuffer staged;
+        if (S_ISDIR(lifted.before().mode) && staged.Format("%s/%s/%s", root_, kStagingName, kUniqueTemplate)) {
+            if (platform::RenameToUnique(generation, ItemId::Of(lifted.before()), staged.data()) == 0) {
+                (void)_RemoveStagingPath(root_, staged.c_str(), nullptr);
+                return lifted.Gone(true);
+            }
+            if (errno != ENOSPC && errno != EDQUOT && errno != EXDEV)
+                return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged.c_str());
+        }
+        return lifted.Gone(RemoveAsItStands(generation, error));
+    }
+
+    const char *const root_;
+    LiftedRoot lift_;
+    std::optional<StagingDirectory> &staging_;
+};
+
+bool RemoveFromRoot(const TQClientManagedStorage *store, const TQArray *names, std::optional<StagingDirectory> &staging,
+                    TQError **error)
+{
+    HeldLock lock;
+    if (!lock.ForWriting(store, error)) return false;
+    if (!names) return Failure(error).Refused(kTQStatusInvalidArgument, "no generation names were supplied");
+    Removal removal(store->rootPath, staging);
+    const size_t count = TQArrayGetCount(names);
+    for (size_t i = 0; i < count; ++i)
+        if (!removal.Remove(TQArrayGetValueAtIndex(names, i), error)) return false;
+    return true;
 }
 
 } // namespace
 
 bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store, const TQArray *names, TQError **error)
 {
-    HeldLock lock;
-    if (!lock.ForWriting(store, error)) return false;
-    if (!names) return Failure(error).Refused(kTQStatusInvalidArgument, "no generation names were supplied");
-    const size_t count = TQArrayGetCount(names);
-    for (size_t i = 0; i < count; ++i)
-        if (!RemoveOne(store->rootPath, TQArrayGetValueAtIndex(names, i), error)) return false;
-    return _FlushGenerationStore(store->rootPath, error);
+    // What has left the root is deleted at the end of the scope, when nobody waits for the lock. If something can't be
+    // deleted then, that is not reported: the generation is gone for everybody.
+    std::optional<StagingDirectory> staging;
+    return RemoveFromRoot(store, names, staging, error) && _FlushGenerationStore(store->rootPath, error);
 }

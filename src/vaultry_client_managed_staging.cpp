@@ -95,23 +95,59 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
     return RemoveUnique(directory.c_str(), error);
 }
 
+static constexpr size_t kStagedLength = sizeof kStagedName - 1;
+static constexpr unsigned kMostPlaces = 1000000; // as many numbers as the name has room for
+
+bool IsStagedName(const char *name)
+{
+    return strcmp(name, kStagedName) == 0 ||
+           (strlen(name) == kStagedLength && strspn(name, "0123456789") == kStagedLength);
+}
+
+// The path of the place with this number. Only the last component changes.
+const char *StagingDirectory::NamePlace(unsigned number)
+{
+    char *const name = staged_.data() + strlen(staged_.c_str()) - kStagedLength;
+    if (number == 0)
+        memcpy(name, kStagedName, kStagedLength);
+    else
+        (void)snprintf(name, kStagedLength + 1, "%06u", number % kMostPlaces);
+    return staged_.c_str();
+}
+
+const char *StagingDirectory::NextPlace()
+{
+    return places_ == kMostPlaces ? nullptr : NamePlace(places_++);
+}
+
 StagingDirectory::~StagingDirectory()
 {
     const ErrnoKeeper keeper;
-    // If something has taken the directory's place, it is somebody's own.
-    if (root_ && !RemoveWhatIsUsual() && !(owner_ && errno == ESTALE))
-        (void)_RemoveStagingPath(root_, unique_.c_str(), nullptr);
+    if (root_) Remove();
     _ReleaseOwnerFile(owner_);
 }
 
-// Usually only the owner file is left, or the staged item with it. Then nothing has to be listed.
-bool StagingDirectory::RemoveWhatIsUsual() const
+void StagingDirectory::Remove()
 {
-    const UniqueFd directory = Open();
-    if (!directory || !_RemoveTreeAt({directory.get(), kStagedName, staged_.c_str()}, {}, nullptr)) return false;
+    {
+        const UniqueFd directory = Open();
+        // If something has taken the directory's place, it is somebody's own.
+        if (!directory && owner_ && errno == ESTALE) return;
+        if (directory && RemoveWhatIsUsual(directory.get())) return;
+    }
+    (void)_RemoveStagingPath(root_, unique_.c_str(), nullptr);
+}
+
+// Usually only the owner file is left, or staged items with it. Then nothing has to be listed.
+bool StagingDirectory::RemoveWhatIsUsual(int directory)
+{
+    for (unsigned number = 0; number == 0 || number < places_; ++number) {
+        const char *const path = NamePlace(number);
+        if (!_RemoveTreeAt({directory, strrchr(path, '/') + 1, path}, {}, nullptr)) return false;
+    }
     char self[sizeof "../" + NAME_MAX];
     (void)snprintf(self, sizeof self, "../%s", strrchr(unique_.c_str(), '/') + 1);
-    return unlinkat(directory.get(), kOwnerFileName, 0) == 0 && unlinkat(directory.get(), self, AT_REMOVEDIR) == 0;
+    return unlinkat(directory, kOwnerFileName, 0) == 0 && unlinkat(directory, self, AT_REMOVEDIR) == 0;
 }
 
 // The directory is not held open meanwhile: an operation inside another one has few descriptors.

@@ -4,7 +4,10 @@
 
 #include "vaultry_client_managed_owner.h"
 
-inline constexpr char kStagedName[] = "staged"; // the item in the making, in it
+// The item in the making, in it. Where several are on their way out, those after the first are named by numbers of the
+// same length.
+inline constexpr char kStagedName[] = "staged";
+bool IsStagedName(const char *name);
 
 // It is made with its owner file, which stays locked as long as the object lives. At the end of its scope it is removed
 // with all that is in it, unless it is kept.
@@ -34,17 +37,23 @@ public:
     // A descriptor on its volume that was opened before anything was written here.
     int openedFirst() const { return owner_.get(); }
 
-    // Where the item in the making goes.
+    // Where the next item on its way out goes, for an operation that has several; null when no name is left.
+    const char *NextPlace();
+
+    // Where the item in the making goes, or the last one on its way out.
     const char *staged() const { return staged_.c_str(); }
 
 private:
     UniqueFd Open() const;
-    bool RemoveWhatIsUsual() const;
+    const char *NamePlace(unsigned number);
+    void Remove();
+    bool RemoveWhatIsUsual(int directory);
 
     const char *root_ = nullptr; // null when there is nothing to remove
     PathBuffer unique_;
     PathBuffer staged_;
     UniqueFd owner_;
-    off_t ownerEnd_ = 0; // where the next note goes
-    ItemId ownerId_;     // tells the directory from any other
+    unsigned places_ = 0; // that NextPlace has given
+    off_t ownerEnd_ = 0;  // where the next note goes
+    ItemId ownerId_;      // tells the directory from any other
 };

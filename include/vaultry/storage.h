@@ -6,8 +6,9 @@
 /// at most 254 bytes), paths absolute and at most 1,023 bytes. A handle only names the store; it may be used by any
 /// number of threads at once.
 ///
-/// Each operation takes the store's lock for its own span, in this process and all others: readers share it, a writer
-/// waits until it is alone. Nothing times out, and a signal does not end the wait, unless the thread's current progress
+/// Each operation takes the store's lock, in this process and all others: readers share it, a writer waits until it is
+/// alone. Most hold it for their own span. Adding and removing hold it alone only for the calls that change what the
+/// store lists, so nobody waits for their copies and deletions. Nothing times out, and a signal does not end the wait, unless the thread's current progress
 /// is cancelled when it comes: then nothing is done (kTQStatusFailed, ECANCELED underneath). A killed process gives the
 /// lock back, but a child that it forked during the operation keeps it until the child ends or runs another program.
 ///
@@ -65,9 +66,8 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 /// @param copy     true leaves `source` alone; false moves it, and on failure it is back where it was, unless the
 ///                 generation stays. If it can't be given back, it waits in the staging area for the
 ///                 repair of TQClientManagedStorageCopyFindings, and a line of the log at level 3 says where.
-/// @return true once the generation is on disk, and would survive a power cut. If only the options could not be stored,
-///         or not all of it could be flushed in the end, the result is false, and the generation stays. Otherwise
-///         nothing was added:
+/// @return true once the generation is on disk, and would survive a power cut. If it has its name, and not all of it could
+///         be flushed in the end, the result is false, and the generation stays. Otherwise nothing was added:
 ///         kTQStatusExists           the store has a generation of that name
 ///         kTQStatusInvalidArgument  also: `source` contains the store; or, when moving, lies in a store
 ///         kTQStatusNotSupported     the tree holds a FIFO, a socket or a device
@@ -75,7 +75,10 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 ///                                   moving, is not all on the store's volume
 ///         kTQStatusFailed           also, when moving: something is mounted in the tree (EBUSY underneath)
 ///
-/// Exclusive lock. When copying, it reports to the thread's current progress and can be cancelled through it.
+/// Shared lock while it begins, and exclusive lock for the moment in which the generation appears; none while it copies or
+/// flushes. So it waits for readers twice, and for other writers only as long as they change what is listed. If somebody
+/// else takes the name meanwhile: kTQStatusExists. When copying, it reports to the thread's current progress and can be
+/// cancelled through it.
 TQ_EXPORT bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *name, const char *source,
                                          uint64_t options, TQError **error, bool copy);
 
@@ -158,7 +161,7 @@ TQ_EXPORT bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage
 /// @param names  Strings; the empty one is refused.
 /// @return false at the first failure; those before it stay removed, those after it are not looked at.
 ///
-/// Exclusive lock, for all of them.
+/// Exclusive lock until all of them have left the store's list; none while they are flushed and deleted.
 TQ_EXPORT bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store, const TQArray *names,
                                                        TQError **error);
 

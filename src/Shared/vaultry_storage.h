@@ -26,6 +26,7 @@ inline constexpr char kDisplayNameAttribute[] = "com.corvane.vaultry.origdisplay
 inline constexpr char kOptionsAttribute[] = "com.corvane.vaultry.gen_options";
 inline constexpr const char *kStoreAttributes[] = {kSavedPermissionsAttribute, kInfoAttribute, kDisplayNameAttribute,
                                                    kOptionsAttribute};
+inline constexpr uint64_t kStoredOptionBits = 0x1e; // an options word with none of them is not stored
 // On a staging directory, it is where earlier versions noted to which path the document in it belongs. It is read, but
 // no longer written.
 inline constexpr char kMovedFromAttribute[] = "com.corvane.vaultry.moved_from";
@@ -56,13 +57,23 @@ TQString *_CopyDisplayNameOf(const Item &item, TQError **error);
 bool _WriteProtectedAttribute(const char *path, const char *name, const void *value, size_t size, TQError **error);
 bool _WriteGenerationOptions(const char *path, uint64_t options, TQError **error);
 
+// Which attributes with the store's own names an item has, or may have.
+struct BroughtMetadata {
+    bool info = true, displayName = true, options = true;
+};
+
+// As TQAddPathAsGeneration, archiving. `brought` tells what the document's top item brought along.
+bool _AddPathAsGeneration(const char *source, const char *destination, bool copy, BroughtMetadata *brought,
+                          TQError **error);
+
 // What the copy service's callback carries while adding.
 struct TQAddContext {
     uint8_t makeReadable;
     uint8_t archive;
-    uint64_t bytesCompleted;           // of the files finished so far
-    TQProgress *progress;              // may be null
-    TQError **error;                   // may be null
+    uint64_t bytesCompleted;                         // of the files finished so far
+    TQProgress *progress;                            // may be null
+    TQError **error;                                 // may be null
+    BroughtMetadata brought = {false, false, false}; // by any item of it
     bool bringsRecord = false;         // the item at hand has a record of an earlier archiving, which is not copied
     std::optional<bool> mayBlock = {}; // whether flags in such a record could be given back; asked for the first one
 };
@@ -123,11 +134,12 @@ size_t LengthOfLinkedName(const char *name);
 
 // What an add by moving knew of its document before it took it.
 struct MovedDocument {
-    // Mode and flags of its top item, if that is still `top`; else the record of permissions is all there is.
+    // What its top item had, if that is still `top`; else the record of permissions is all there is.
     bool knowsTop = false;
     ItemId top{};
     uint32_t topMode = 0;
     uint32_t topFlags = 0;
+    uint64_t topOptions = 0;  // 0 if it had none
     struct timespec since {}; // when the add began, by the volume's clock; it made no change before that
 };
 

@@ -47,7 +47,8 @@ bool MakeProgress(const char *source, Ref<TQProgress> *progress, TQError **error
     return true;
 }
 
-bool CopyAsGeneration(const char *source, const char *destination, bool makeReadable, bool archive, TQError **error)
+bool CopyAsGeneration(const char *source, const char *destination, bool makeReadable, bool archive,
+                      BroughtMetadata *brought, TQError **error)
 {
     Ref<TQProgress> progress;
     if (!MakeProgress(source, &progress, error)) return false;
@@ -55,7 +56,9 @@ bool CopyAsGeneration(const char *source, const char *destination, bool makeRead
     // If the walk could not even begin, nothing was counted; the copy decides what is wrong.
     if (error) *error = nullptr;
     TQAddContext context{makeReadable, archive, 0, progress.get(), error};
-    return platform::duplix(source, destination, _DuplixAddCallback, &context, {.flushEach = true}) == 0;
+    const bool isCopied = platform::duplix(source, destination, _DuplixAddCallback, &context, {.flushEach = true}) == 0;
+    *brought = context.brought;
+    return isCopied;
 }
 
 // The rights of the source, which a move changes while it lasts and then puts back.
@@ -206,6 +209,13 @@ bool ArchiveCopied(const DuplixState &state, TQAddContext &context, TQError **er
     return _ArchiveOpenItem(archived, state.finished->copy, error);
 }
 
+void NoteBrought(const char *attribute, BroughtMetadata &brought)
+{
+    brought.info |= strcmp(attribute, kInfoAttribute) == 0;
+    brought.displayName |= strcmp(attribute, kDisplayNameAttribute) == 0;
+    brought.options |= strcmp(attribute, kOptionsAttribute) == 0;
+}
+
 int QuitOnCancel(TQError **error)
 {
     if (error) TQRelease(std::exchange(*error, nullptr)); // a cancel outranks whatever went wrong before
@@ -220,8 +230,17 @@ bool TQAddPathAsGeneration(const char *source, const char *destination, bool cop
                            TQError **error)
 {
     if (!source || !destination) return Failure(error).Refused(kTQStatusBadPath, "no path was supplied");
-    return copy ? CopyAsGeneration(source, destination, makeReadable, archive, error)
+    BroughtMetadata brought;
+    return copy ? CopyAsGeneration(source, destination, makeReadable, archive, &brought, error)
                 : MoveAsGeneration(source, destination, makeReadable, archive, error);
+}
+
+bool _AddPathAsGeneration(const char *source, const char *destination, bool copy, BroughtMetadata *brought,
+                          TQError **error)
+{
+    *brought = {};
+    return copy ? CopyAsGeneration(source, destination, /*makeReadable=*/false, /*archive=*/true, brought, error)
+                : MoveAsGeneration(source, destination, /*makeReadable=*/false, /*archive=*/true, error);
 }
 
 int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *source, const char *destination,
@@ -235,6 +254,7 @@ int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *sour
     if (what == duplix_what::Walk || stage == duplix_stage::Error)
         return QuitOnCopyError(context->error, what, stage, source, destination);
     if (IsSidecarStart(what, stage, source)) return duplix_answer::Skip;
+    if (state->attribute) NoteBrought(state->attribute, context->brought);
     if (context->archive && state->attribute && strcmp(state->attribute, kSavedPermissionsAttribute) == 0) {
         context->bringsRecord = true;
         return duplix_answer::Skip;

@@ -51,6 +51,15 @@ bool GetRightsOfBefore(const Item &item, const TreeWalk::Entry &entry, const Mov
     return isTop || (*isRecorded && !platform::IsBefore(entry.status.changeTime, document.since));
 }
 
+// An add writes the options before the item gets its name.
+void PutBackOptions(const Item &item, uint64_t options)
+{
+    if (options != 0)
+        (void)platform::SetAttribute(item, Links::Follow, kOptionsAttribute, &options, sizeof options);
+    else
+        (void)platform::RemoveAttribute(item, Links::Follow, kOptionsAttribute);
+}
+
 // Best effort, item by item: what can't be undone stays protected, and its byte still says what it had.
 void UndoArchiving(const TreeWalk::Entry &entry, const MovedDocument &document)
 {
@@ -69,6 +78,7 @@ void UndoArchiving(const TreeWalk::Entry &entry, const MovedDocument &document)
     if (platform::SetFlagsOfPinned(pinned.get(), now, others) == 0) now.flags = others;
     (void)platform::SetModeOfPinned(pinned.get(), rights.mode | 0200);
     if (isRecorded) (void)platform::RemoveAttribute(item, Links::Follow, kSavedPermissionsAttribute);
+    if (entry.level == 0 && document.knowsTop) PutBackOptions(item, document.topOptions);
     if ((rights.mode & 0200) == 0) (void)platform::SetModeOfPinned(pinned.get(), rights.mode);
     (void)platform::SetFlagsOfPinned(pinned.get(), now, rights.flags);
 }

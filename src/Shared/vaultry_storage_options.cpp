@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr uint64_t kStoredOptionBits = 0x1e;
 constexpr uint64_t kDefaultOptions = 1;
 
 } // namespace

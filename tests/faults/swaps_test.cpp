@@ -111,7 +111,7 @@ void MakeDead(const TestStore &store)
     const auto kill = [](const Fault &fault, const std::function<vaultry::Result<void>()> &work) {
         EXPECT_EQ(InChild(fault, [&](TQError **) { return static_cast<bool>(work()); }).fate, Outcome::Fate::Killed);
     };
-    kill(KillBefore(1, {SYS_syncfs}), [&] { return handle.add_by_moving("moved", moving); });
+    kill(KillBefore(4, {SYS_fsync, SYS_syncfs}), [&] { return handle.add_by_moving("moved", moving); });
     kill(KillAfter(1, {SYS_renameat2}), [&] { return handle.restore("old", draft); });
     EXPECT_FALSE(disk::Exists(moving));
     EXPECT_EQ(disk::List(store / "desk").size(), 2U);
