@@ -128,7 +128,7 @@ bool Beside::Choose(bool isDirectory, TQError **error)
     const int suffix = static_cast<int>(pattern.extensionLength);
     if (platform::ChooseUniqueNameAt(document_.folder.get(), pattern.text, suffix) != 0)
         return FailToMake(isDirectory, error);
-    (void)strcpy(placeholder_, pattern.text);
+    (void)snprintf(placeholder_, sizeof placeholder_, "%s", pattern.text);
     (void)path_.Format("%.*s%s", document_.folderLength(), document_.trimmed.c_str(), placeholder_);
     return true;
 }

@@ -95,7 +95,7 @@ bool Exchange::Swap(TQError **error)
     const Held atHome = result == 0 ? Held::Yes : HeldAtHome();
     if (atHome == Held::Yes) {
         isSwapped_ = true;
-        (void)strcpy(old_, copy_.name());
+        (void)snprintf(old_, sizeof old_, "%s", copy_.name());
         copy_.MovedTo(document_.name());
         return true;
     }
@@ -116,7 +116,7 @@ bool Exchange::Rename(const char *from, const char *to, const ItemId &id, bool m
     const Held moved = document_.Rename(from, to, id, mayReplace);
     const ErrnoKeeper keeper;
     const bool isDocument = id == ItemId::Of(document_.itself);
-    if (moved != Held::No && isDocument) (void)strcpy(old_, to);
+    if (moved != Held::No && isDocument) (void)snprintf(old_, sizeof old_, "%s", to);
     if (moved == Held::Unknown) {
         isBackupNeeded_ = true;
         staging_.Keep();

@@ -79,7 +79,7 @@ int64_t VolumeTime(const Area &area)
     UniqueFd file(openat(area.directory, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
     if (!file && area.mayMakeFiles) {
         char name[sizeof kUniqueTemplate];
-        (void)strcpy(name, kUniqueTemplate);
+        memcpy(name, kUniqueTemplate, sizeof name);
         file.Reset(platform::MakeUniqueFileAt(area.directory, name, 0));
         if (file) (void)unlinkat(area.directory, name, 0);
     }

@@ -20,6 +20,7 @@ public:
 private:
     bool Resolve(const TQClientManagedStorage *store, const char *name, TQError **error)
     {
+        // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): taking the lock refuses a null store
         return _GetPathToGeneration(store->rootPath, name, /*mustExist=*/true, path_, error);
     }
 

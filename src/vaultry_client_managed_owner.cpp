@@ -25,7 +25,7 @@ constexpr char kFirstLine[] = "vaultry owner 1\n", kExchangeLine[] = "exchange\n
 // A path may hold any byte except zero, so its length stands before it. A restore notes its exchange when its copy is
 // staged. It notes it again when the copy has to be copied across, when the volume can't exchange, and when its way
 // back fails.
-constexpr size_t kNoteCapacity = 6 * PATH_MAX;
+constexpr size_t kNoteCapacity = size_t{6} * PATH_MAX;
 constexpr size_t kWordsCapacity = 1024; // the words and numbers of one part
 constexpr size_t kMostExchanges = 4;
 static_assert(PATH_MAX + kWordsCapacity + kMostExchanges * (3 * PathBuffer::kCapacity + kWordsCapacity) <=

@@ -10,7 +10,7 @@
 
 namespace platform {
 
-static constexpr size_t kNamesSize = 32 * 1024;
+static constexpr size_t kNamesSize = size_t{32} * 1024;
 
 static bool _IsDot(const char *name)
 {

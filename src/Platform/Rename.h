@@ -12,7 +12,7 @@ namespace platform {
 // Whether a rename that failed with `error` was refused because the file system or the kernel does not know its flag.
 inline bool IsRenameFlagUnknown(int error)
 {
-    return error == EINVAL || error == ENOSYS || error == ENOTSUP || error == EOPNOTSUPP;
+    return error == EINVAL || error == ENOSYS || error == ENOTSUP; // which Linux has as EOPNOTSUPP, too
 }
 
 // Whether the item `id` stands at a name; Unknown if looking failed.

@@ -53,8 +53,7 @@ static void _Collect(const std::string &root, const std::string &below, Items &i
     if (type != fs::file_type::directory) return;
     fs::directory_iterator item(path, error);
     for (const fs::directory_iterator end; !error && item != end; item.increment(error)) {
-        const std::string name = item->path().filename().native();
-        if (!IsSidecar(item->path())) _Collect(root, below.empty() ? name : below + "/" + name, items);
+        if (!IsSidecar(item->path())) _Collect(root, fs::path(below) / item->path().filename(), items);
     }
     if (error) throw CommandFailure::Errno("can't read the directory " + Quoted(path), error.value());
 }
@@ -124,7 +123,7 @@ public:
                 CompareItem(below, type, other->second);
         }
         for (const auto &[below, type] : second)
-            if (first.count(below) == 0) Report(below, "added", "only in " + Printable(b_.label));
+            if (!first.contains(below)) Report(below, "added", "only in " + Printable(b_.label));
         return differs_;
     }
 

@@ -19,7 +19,7 @@
 static constexpr uint64_t kSecondClientBit = 0x4;
 static constexpr char kFirstClient[] = "draftline";
 static constexpr char kSecondClient[] = "nimbusync";
-static const std::string kGroupPrefix = "com.corvane.";
+static constexpr char kGroupPrefix[] = "com.corvane.";
 
 struct Entry {
     std::string name;
@@ -90,7 +90,7 @@ try {
     const Owned<TQDictionary> groups = _QueryAll(store);
     std::set<std::string> missing = PeekAtNames(store.path());
     for (const char *client : {kFirstClient, kSecondClient}) {
-        const auto *records = static_cast<const TQArray *>(_Lookup(groups.get(), kGroupPrefix + client));
+        const auto *records = static_cast<const TQArray *>(_Lookup(groups.get(), std::string(kGroupPrefix) + client));
         for (size_t i = 0; i < TQArrayGetCount(records); ++i) {
             const auto *record = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(records, i));
             Entry entry = _ToEntry(record);

@@ -135,6 +135,7 @@ int RunSet(const Arguments &arguments)
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string name = ResolveGeneration(store, arguments.name);
     std::vector<Step> steps;
+    steps.reserve(changes.size());
     for (const Change &change : changes)
         steps.push_back({Quoted(change.key), [&] {
                              return change.value ? _SetKey(store, name, change) : _RemoveKey(store, name, change.key);

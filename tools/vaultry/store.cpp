@@ -72,7 +72,7 @@ std::set<std::string> Store::Names() const
 bool Store::Lacks(const std::string &name) const noexcept
 {
     try {
-        return Names().count(name) == 0;
+        return !Names().contains(name);
     } catch (const std::exception &) {
         return false;
     }
