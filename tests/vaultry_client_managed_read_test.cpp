@@ -68,6 +68,10 @@ TEST_P(StoreRead, EveryOperationFindsItsGenerationOrSaysWhyNot)
                                      store.Staging() + "/./x", store.Staging() + "/.."})
         Expect({{Failed(101, "Staging path provided to remove was not in staging directory"),
                  CALL(TQClientManagedStorageCopyOutDone(handle, other.c_str(), why))}});
+    EXPECT_TRUE(Shell(store.root(), "chmod u+w .; mv .vaultry_staging ../area; ln -s ../area .vaultry_staging"));
+    Expect({{Failed(101, "Staging path provided to remove was not in staging directory"),
+             CALL(TQClientManagedStorageCopyOutDone(handle, staged, why))}});
+    EXPECT_TRUE(Shell(store.root(), "rm .vaultry_staging; mv ../area .vaultry_staging; chmod u-w ."));
     EXPECT_TRUE(disk::Exists(out) && disk::Exists(staged) && disk::Exists(store.Generation("g")));
     EXPECT_TRUE(TQClientManagedStorageCopyOutDone(handle, std::string(staged, strlen(staged) - 7).c_str(), nullptr) &&
                 !disk::Exists(staged));
