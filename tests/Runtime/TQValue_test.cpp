@@ -131,6 +131,17 @@ TEST(Value, ContainersThatHoldThemselvesCanBeComparedAndDescribed)
     EXPECT_FALSE(TQEqual(loops[0].get(), loops[1].get()));
     for (const Ref<TQDictionary> &loop : loops)
         for (const Value &key : {a, b}) TQDictionaryRemoveValue(loop.get(), key.get()); // a loop's maker undoes it
+
+    // Two members are equal only if the keys that hold them are. Those differ where their hash does not look.
+    const Value one = Own(TQDictionaryCreateMutable()), other = Own(TQDictionaryCreateMutable());
+    const Value inOne = Array({one}), inOther = Array({other});
+    for (const auto &[key, member] : {std::pair{one, inOne}, {other, inOther}})
+        TQDictionarySetValue(Cast{key}, a.get(), member.get());
+    TQDictionarySetValue(Cast{one}, b.get(), Bytes(std::string(20001, 'x')).get());
+    TQDictionarySetValue(Cast{other}, b.get(), Bytes(std::string(10000, 'x') + 'y' + std::string(10000, 'x')).get());
+    EXPECT_FALSE(TQEqual(Dictionary({{one, a}, {other, a}, {Array({inOne}), a}}).get(),
+                         Dictionary({{other, a}, {one, a}, {Array({inOther}), a}}).get()));
+    for (const Value &key : {one, other}) TQDictionaryRemoveValue(Cast{key}, a.get());
 }
 
 TEST(Allocator, GetsBackWhatItGave)
