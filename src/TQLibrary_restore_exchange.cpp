@@ -197,7 +197,9 @@ bool Exchange::SwapBack()
 {
     const int folder = document_.folder.get();
     const char *const home = document_.name();
-    if (document_.Holds(home, copy_.id()) != Held::Yes) return false;
+    const Held held = document_.Holds(home, copy_.id());
+    if (held == Held::No) errno = ESTALE;
+    if (held != Held::Yes) return false;
     const int result = platform::ExchangeAt(folder, home, old_);
     const Held found = document_.Holds(old_, copy_.id());
     if (found == Held::Yes || (result == 0 && found == Held::Unknown)) {

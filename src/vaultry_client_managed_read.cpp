@@ -16,7 +16,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -30,12 +32,25 @@ bool ApplyFinalRights(const char *destination, uint16_t mode, uint32_t flags, TQ
     return true;
 }
 
+// For what was made and could not be looked at, or was another item by then.
+void RemoveIfEmpty(const Item &item)
+{
+    TQFileStatus status;
+    if (platform::GetStatus(item, Links::NoFollow, &status) != 0) return;
+    if (S_ISDIR(status.mode))
+        (void)unlinkat(item.directory, item.name, AT_REMOVEDIR);
+    else if (S_ISLNK(status.mode) || status.size == 0)
+        (void)unlinkat(item.directory, item.name, 0);
+}
+
 // If somebody has put another item there since we looked, or saved over the copy, that item is not ours to remove.
 void RemoveMade(const char *path, const platform::DuplixMade &made)
 {
+    if (!made.something) return;
+    if (made.item.inode == 0) return RemoveIfEmpty(Item::AtPath(path));
     TreeRemoval how;
-    if (made.item.inode != 0) how.expected = &made.item;
-    if (made.something) (void)_RemoveTreeAt(Item::AtPath(path), how, nullptr);
+    how.expected = &made.item;
+    (void)_RemoveTreeAt(Item::AtPath(path), how, nullptr);
 }
 
 } // namespace
