@@ -73,7 +73,7 @@ private:
     bool before_;
 };
 
-// Unlocks at the end of its scope; taken in the first line of an operation.
+// Unlocks at the end of its scope.
 class HeldLock {
 public:
     HeldLock() = default;

@@ -8,6 +8,7 @@
 
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
+#include "Platform/Flush.h"
 #include "Platform/Rename.h"
 #include "Runtime/Ref.h"
 #include "Runtime/UTF8.h"
@@ -41,10 +42,11 @@ OwnerNote MakeNote(const char *source, const OpenedFolder *movedFrom)
     note.topMode = status.mode & 07777;
     note.topFlags = status.flags;
     note.top = ItemId::Of(status);
-    uint64_t options = 0;
-    const ssize_t length =
-        platform::GetAttribute(Item::AtPath(source), Links::NoFollow, kOptionsAttribute, &options, sizeof options);
-    if (length == sizeof options) note.topOptions = options;
+    BroughtOptions &options = note.topOptions;
+    const ssize_t length = platform::GetAttribute(Item::AtPath(source), Links::NoFollow, kOptionsAttribute,
+                                                  &options.word, sizeof options.word);
+    options.isThere = length == sizeof options.word;
+    options.isKnown = options.isThere || (length < 0 && (errno == ENODATA || errno == ENOTSUP));
     return note;
 }
 
@@ -147,12 +149,22 @@ bool InstallStaged(const Placing &placing, const TQFileStatus &status, TQError *
     return false;
 }
 
-// Flushes the name, the protection, and what the top item got back after it was flushed in staging. The item goes first:
-// if the file system keeps a journal, that takes all of them to disk, and the rest costs nothing.
-bool FlushInstalled(const Placing &placing, const TQFileStatus &status, const char *source, TQError **error)
+// Whether the top item has got something back since it was flushed in staging.
+bool HasChangedSince(const TQFileStatus &status)
 {
-    const bool hasChanged = S_ISDIR(status.mode) || status.flags != 0;
-    return (!hasChanged || _FlushItem(placing.generation, error)) && _FlushGenerationStore(placing.root, error) &&
+    return S_ISDIR(status.mode) || status.flags != 0;
+}
+
+// Flushes that, the name and the protection. The item goes first: if the file system keeps a journal, that takes all of
+// them to disk, and the rest costs nothing. Others may have removed the generation since, so it goes by descriptor, if
+// the item can be opened.
+bool FlushInstalled(const Placing &placing, const TQFileStatus &status, int installed, const char *source,
+                    TQError **error)
+{
+    if (installed >= 0 && platform::FlushFd(installed) != 0)
+        return Failure(error).Errno("Failed to flush \"%s\" to disk", placing.generation);
+    const bool isFlushed = installed >= 0 || !HasChangedSince(status) || _FlushItem(placing.generation, error);
+    return isFlushed && _FlushGenerationStore(placing.root, error) &&
            (placing.copied || _FlushFormerEntry(source, placing.generation, error));
 }
 
@@ -213,11 +225,14 @@ public:
     bool Install()
     {
         HeldLock lock;
-        return lock.ForWriting(store_, error_) && InstallStaged(placing(), status_, error_);
+        if (!lock.ForWriting(store_, error_) || !InstallStaged(placing(), status_, error_)) return false;
+        if (HasChangedSince(status_))
+            installed_.Reset(open(generation_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        return true;
     }
 
     // No lock: others may see the generation before it has its name on disk, as they may a file that is being written.
-    bool Flush() { return FlushInstalled(placing(), status_, source_, error_); }
+    bool Flush() { return FlushInstalled(placing(), status_, installed_.get(), source_, error_); }
 
     // A moved document may be somebody's only copy, so it is given back. If it can't be, staging stays.
     void GiveBack()
@@ -246,6 +261,7 @@ private:
     OwnerNote note_;
     StagingDirectory staging_;
     TQFileStatus status_{};
+    UniqueFd installed_; // the generation, if it is to be flushed once more
 };
 
 } // namespace

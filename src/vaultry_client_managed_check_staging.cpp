@@ -53,10 +53,11 @@ bool IsUnique(const char *name)
 }
 
 // The owner file, the item in the making, and a copy that was to take the place of a hard link.
-bool IsOurs(const char *name)
+bool IsOurs(const char *name, bool isRemoval)
 {
     constexpr size_t length = sizeof kStagedName - 1;
-    if (strcmp(name, kOwnerFileName) == 0 || IsStagedName(name)) return true;
+    if (strcmp(name, kOwnerFileName) == 0 || strcmp(name, kStagedName) == 0) return true;
+    if (isRemoval && IsStagedName(name)) return true;
     if (strncmp(name, kStagedName, length) != 0) return false;
     return LengthOfLinkedName(name) == length;
 }
@@ -66,8 +67,9 @@ enum class Contents { Ours, Foreign, Unknown };
 Contents ContentsOf(const Unique &unique)
 {
     Names names({unique.fd, ".", unique.item.path});
+    const bool isRemoval = unique.owner.readable && unique.owner.note.work == Work::Remove;
     while (const char *name = names.Next())
-        if (!IsOurs(name)) return Contents::Foreign;
+        if (!IsOurs(name, isRemoval)) return Contents::Foreign;
     return names.error() == 0 ? Contents::Ours : Contents::Unknown;
 }
 
@@ -204,8 +206,8 @@ void CheckDocument(const Unique &unique, uint32_t mode, const char *home, const 
             [&] { return GiveBack(unique, mode, home, document); }, home);
 }
 
-// A directory is made and filled under the store's lock. So whoever holds that lock alone finds one bare only if a kill
-// left it so.
+// A directory is bare for an instant when its operation begins, under the store's lock, and when it ends, without it.
+// Otherwise only a kill leaves one bare.
 bool IsBare(const Unique &unique)
 {
     TQFileStatus note;
@@ -312,6 +314,11 @@ void CheckEntry(int directory, const char *name, const char *path, const Area &a
         !staged.Format("%s/%s", path, kStagedName))
         return findings.AddUnreadable(path);
     Unique unique{item, opened, fd.get(), area, {fd.get(), kStagedName, staged.c_str()}};
+    if (IsBare(unique)) {
+        constexpr struct timespec kInstant = {0, 20000000};
+        (void)nanosleep(&kInstant, nullptr);
+        if (platform::GetStatus(item, Links::NoFollow, &status) != 0 && errno == ENOENT) return;
+    }
     CheckUnique(unique, findings);
 }
 

@@ -73,12 +73,17 @@ class NoteReader {
 public:
     NoteReader(const char *text, size_t length) : at_(text), end_(text + length) {}
 
-    bool Take(const char *text)
+    bool IsAt(const char *text) const
     {
         const size_t length = strlen(text);
-        if (static_cast<size_t>(end_ - at_) < length || memcmp(at_, text, length) != 0) return false;
-        at_ += length;
-        return true;
+        return static_cast<size_t>(end_ - at_) >= length && memcmp(at_, text, length) == 0;
+    }
+
+    bool Take(const char *text)
+    {
+        const bool isThere = IsAt(text);
+        if (isThere) at_ += strlen(text);
+        return isThere;
     }
 
     // Takes the word after `key`, up to the end of the line.
@@ -149,14 +154,23 @@ bool ReadItem(NoteReader &reader, const char *key, ItemMark *mark)
                               &mark->modified, &mark->modifiedNanoseconds);
 }
 
+// A note has none if nothing is known, or if an earlier version made it.
+bool ReadOptions(NoteReader &reader, BroughtOptions *options)
+{
+    if (!reader.IsAt("options ")) return true;
+    uint64_t count = 0;
+    options->isKnown = reader.TakeNumbers("options", &count, &options->word) && count <= 1;
+    options->isThere = count == 1;
+    return options->isKnown;
+}
+
 bool ReadNote(NoteReader &reader, OwnerNote *note)
 {
     return reader.Take(kFirstLine) && ReadWork(reader, &note->work) && reader.TakeWord("machine", note->machine) &&
            reader.TakeWord("boot", note->boot) && reader.TakeNumbers("process", &note->process) &&
            reader.TakeNumbers("since", &note->since) &&
            reader.TakeNumbers("top", &note->topMode, &note->topFlags, &note->top.device, &note->top.inode) &&
-           (reader.TakeNumbers("options", &note->topOptions) || true) && // earlier versions have none
-           ReadItem(reader, "folder", &note->folder) &&
+           ReadOptions(reader, &note->topOptions) && ReadItem(reader, "folder", &note->folder) &&
            reader.TakePath("document", note->document, sizeof note->document) && reader.Take(kLastLine);
 }
 
@@ -294,7 +308,8 @@ UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, 
              note.boot);
     text.Add("process %" PRId64 "\nsince %" PRId64 "\ntop %u %u %" PRIu64 " %" PRIu64 "\n", note.process, note.since,
              note.topMode, note.topFlags, note.top.device, note.top.inode);
-    if (note.topOptions != 0) text.Add("options %" PRIu64 "\n", note.topOptions);
+    if (const BroughtOptions &options = note.topOptions; options.isKnown)
+        text.Add("options %d %" PRIu64 "\n", options.isThere ? 1 : 0, options.word);
     text.AddItem("folder", note.folder);
     text.AddPath("document", note.document);
     text.Add("%s", kLastLine);

@@ -15,6 +15,7 @@
 #include "Platform/ItemId.h"
 #include "Platform/UniqueFd.h"
 #include "Shared/PathBuffer.h"
+#include "Shared/vaultry_storage.h"
 
 #include <vaultry/error.h>
 #include <vaultry/file_status.h>
@@ -59,7 +60,7 @@ struct OwnerNote {
     static constexpr uint32_t kUnknownMode = UINT32_MAX;
     uint32_t topMode = kUnknownMode; // a move: what the document's top item had
     uint32_t topFlags = 0;
-    uint64_t topOptions = 0; // the options word that it brought along, if it brought one
+    BroughtOptions topOptions{};
     ItemId top{};
     ItemMark folder; // and the folder that it was taken from
     char machine[80] = "";

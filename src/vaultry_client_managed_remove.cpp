@@ -1,8 +1,9 @@
 // Removing generations.
 //
 // A generation leaves the root by one rename into staging, so that the slow part, deleting its tree, can be interrupted
-// without leaving half of it under its name, and nobody waits for it. Where the kernel refuses that rename, the tree is deleted as it stands,
-// under the lock. A failure is then reported, and a kill leaves a part of the tree, which can be removed again.
+// without leaving half of it under its name, and nobody waits for it. Where the kernel refuses that rename, the tree is
+// deleted as it stands, under the lock. A failure is then reported, and a kill leaves a part of the tree, which can be
+// removed again.
 
 #include "vaultry_client_managed.h"
 #include "vaultry_client_managed_staging.h"

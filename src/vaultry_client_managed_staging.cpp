@@ -141,10 +141,13 @@ void StagingDirectory::Remove()
 // Usually only the owner file is left, or staged items with it. Then nothing has to be listed.
 bool StagingDirectory::RemoveWhatIsUsual(int directory)
 {
+    bool isEmpty = true;
     for (unsigned number = 0; number == 0 || number < places_; ++number) {
         const char *const path = NamePlace(number);
-        if (!_RemoveTreeAt({directory, strrchr(path, '/') + 1, path}, {}, nullptr)) return false;
+        isEmpty &= _RemoveTreeAt({directory, strrchr(path, '/') + 1, path}, {}, nullptr);
     }
+    // What of several can't be deleted waits for a repair, with the note.
+    if (!isEmpty) return places_ > 1;
     char self[sizeof "../" + NAME_MAX];
     (void)snprintf(self, sizeof self, "../%s", strrchr(unique_.c_str(), '/') + 1);
     return unlinkat(directory, kOwnerFileName, 0) == 0 && unlinkat(directory, self, AT_REMOVEDIR) == 0;

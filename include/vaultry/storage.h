@@ -8,9 +8,10 @@
 ///
 /// Each operation takes the store's lock, in this process and all others: readers share it, a writer waits until it is
 /// alone. Most hold it for their own span. Adding and removing hold it alone only for the calls that change what the
-/// store lists, so nobody waits for their copies and deletions. Nothing times out, and a signal does not end the wait, unless the thread's current progress
-/// is cancelled when it comes: then nothing is done (kTQStatusFailed, ECANCELED underneath). A killed process gives the
-/// lock back, but a child that it forked during the operation keeps it until the child ends or runs another program.
+/// store lists, so nobody waits for their copies and deletions. Nothing times out, and a signal does not end the wait,
+/// unless the thread's current progress is cancelled when it comes: then nothing is done (kTQStatusFailed, ECANCELED
+/// underneath). A killed process gives the lock back, but a child that it forked during the operation keeps it until the
+/// child ends or runs another program.
 ///
 /// Every function that takes a name reports, beside its own statuses:
 ///     kTQStatusInvalidArgument  the name is not a generation name, or there is no such generation
@@ -66,8 +67,8 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 /// @param copy     true leaves `source` alone; false moves it, and on failure it is back where it was, unless the
 ///                 generation stays. If it can't be given back, it waits in the staging area for the
 ///                 repair of TQClientManagedStorageCopyFindings, and a line of the log at level 3 says where.
-/// @return true once the generation is on disk, and would survive a power cut. If it has its name, and not all of it could
-///         be flushed in the end, the result is false, and the generation stays. Otherwise nothing was added:
+/// @return true once the generation is on disk, and would survive a power cut. If it has its name, and not all of it
+///         could be flushed in the end, the result is false, and the generation stays. Otherwise nothing was added:
 ///         kTQStatusExists           the store has a generation of that name
 ///         kTQStatusInvalidArgument  also: `source` contains the store; or, when moving, lies in a store
 ///         kTQStatusNotSupported     the tree holds a FIFO, a socket or a device

@@ -100,7 +100,7 @@ bool FlushFolder(const UniqueFd &directory, const ParentPath &parent, const char
 // flushed item by item: on ext4 with 1.5 GiB of others, 256 items take 0.1 s and their volume takes seconds. Without
 // others, one call for the volume is the quicker way from two items on. A larger tree, too, is quicker that way: and the
 // kernel tells a late error of an item to a descriptor that is opened later only as long as it keeps the item in memory,
-// which is sure for what was written a moment ago.
+// which is likely for a small one.
 constexpr int kMostItems = 256;
 constexpr uint64_t kMostBytes = 256U << 20;
 

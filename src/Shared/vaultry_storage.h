@@ -132,6 +132,12 @@ bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *made, TQError **er
 // If `name` can be that of a copy that was to replace a hard link, the length of the original's name; otherwise 0.
 size_t LengthOfLinkedName(const char *name);
 
+// The options word that a document brought along. If it is not known, what is there is left alone.
+struct BroughtOptions {
+    bool isKnown = false, isThere = false;
+    uint64_t word = 0;
+};
+
 // What an add by moving knew of its document before it took it.
 struct MovedDocument {
     // What its top item had, if that is still `top`; else the record of permissions is all there is.
@@ -139,7 +145,7 @@ struct MovedDocument {
     ItemId top{};
     uint32_t topMode = 0;
     uint32_t topFlags = 0;
-    uint64_t topOptions = 0;  // 0 if it had none
+    BroughtOptions topOptions{};
     struct timespec since {}; // when the add began, by the volume's clock; it made no change before that
 };
 

@@ -52,11 +52,11 @@ bool GetRightsOfBefore(const Item &item, const TreeWalk::Entry &entry, const Mov
 }
 
 // An add writes the options before the item gets its name.
-void PutBackOptions(const Item &item, uint64_t options)
+void PutBackOptions(const Item &item, const BroughtOptions &options)
 {
-    if (options != 0)
-        (void)platform::SetAttribute(item, Links::Follow, kOptionsAttribute, &options, sizeof options);
-    else
+    if (options.isThere)
+        (void)platform::SetAttribute(item, Links::Follow, kOptionsAttribute, &options.word, sizeof options.word);
+    else if (options.isKnown)
         (void)platform::RemoveAttribute(item, Links::Follow, kOptionsAttribute);
 }
 
@@ -78,7 +78,8 @@ void UndoArchiving(const TreeWalk::Entry &entry, const MovedDocument &document)
     if (platform::SetFlagsOfPinned(pinned.get(), now, others) == 0) now.flags = others;
     (void)platform::SetModeOfPinned(pinned.get(), rights.mode | 0200);
     if (isRecorded) (void)platform::RemoveAttribute(item, Links::Follow, kSavedPermissionsAttribute);
-    if (entry.level == 0 && document.knowsTop) PutBackOptions(item, document.topOptions);
+    const bool isTop = entry.level == 0 && document.knowsTop && entry.status.inode == document.top.inode;
+    if (isTop) PutBackOptions(item, document.topOptions);
     if ((rights.mode & 0200) == 0) (void)platform::SetModeOfPinned(pinned.get(), rights.mode);
     (void)platform::SetFlagsOfPinned(pinned.get(), now, rights.flags);
 }

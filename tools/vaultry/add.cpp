@@ -182,7 +182,7 @@ void Addition::Refuse() const
     const bool isTold = before_.st_ino != 0 && (S_ISDIR(before_.st_mode) || before_.st_nlink == 1);
     const bool isNotHome = isGone(path_) || (isTold && status.st_ino != 0 && status.st_ino != before_.st_ino);
     if (isMove_ && isNotHome)
-        message += !isGone(store_.path() + "/" + name_)
+        message += !NameIsTaken() && !isGone(store_.path() + "/" + name_)
                        ? "\n  the document was moved all the same: the store holds it as " + Quoted(name_)
                        : "\n  the document could not be put back: it lies below " +
                              Quoted(store_.path() + "/.vaultry_staging") + ", and nothing will remove it there";

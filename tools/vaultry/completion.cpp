@@ -123,7 +123,7 @@ private:
         if (values == Values::Files || values == Values::GenerationsAndFiles) shellAdds_ = "files";
         if (values == Values::Directories) shellAdds_ = "directories";
         for (const std::string &choice : _Choices(option)) Offer(prefix + choice, word);
-        // This takes no lock, since somebody who adds a big document may hold the store's lock for long.
+        // This takes no lock, since somebody who repairs a big store may hold the lock for long.
         if (values == Values::Generations || values == Values::GenerationsAndFiles)
             for (const std::string &generation : PeekAtNames(LocateStore(store_))) Offer(prefix + generation, word);
     }
