@@ -11,7 +11,7 @@ PREFIX = "user.com.corvane.vaultry."
 def make_file(path, size):
     # Not zeros, and not repeating within a block, so that no file system can store them in less space.
     block = random.Random(1).randbytes(1 << 20)
-    with open(path, "wb") as file:
+    with open(path, "r+b" if os.path.exists(path) else "wb") as file:
         for start in range(0, size, len(block)):
             file.write((start.to_bytes(16, "little") + block[16:])[: size - start])
 
