@@ -8,6 +8,6 @@
 // The store handle of a library object, lent; null for a null object.
 const TQClientManagedStorage *_StorageOf(const TQLibrary *library);
 
-// Does the work of both ways to add, and of the backup that a restore makes.
-bool _AddGenerationInternal(TQLibrary *library, const TQString *name, const TQURL *document, uint64_t options,
-                            TQError **error, bool copy);
+// Does the work of all ways to add, and of the backup that a restore makes.
+bool _AddGenerationInternal(TQLibrary *library, const TQString *name, const TQURL *document,
+                            const TQAddRequest *request, TQError **error);

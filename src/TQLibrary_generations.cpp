@@ -25,27 +25,38 @@ private:
 
 } // namespace
 
-bool _AddGenerationInternal(TQLibrary *library, const TQString *name, const TQURL *document, uint64_t options,
-                            TQError **error, bool copy)
+bool _AddGenerationInternal(TQLibrary *library, const TQString *name, const TQURL *document,
+                            const TQAddRequest *request, TQError **error)
 {
     const TQClientManagedStorage *store = _StorageOf(library);
     const GenerationName generation(name, error);
-    return generation && TQClientManagedStorageAdd(store, generation.c_str(), tq_fileSystemRepresentation(document),
-                                                   options, error, copy);
+    return generation && TQClientManagedStorageAddWithFlags(store, generation.c_str(),
+                                                            tq_fileSystemRepresentation(document), request, error);
 }
 
 bool TQLibraryAddGenerationWithOptionsByCopyingFile(TQLibrary *library, const TQString *name, const TQURL *document,
                                                     uint64_t options, TQError **error)
 {
     const DeferredScope scope;
-    return _AddGenerationInternal(library, name, document, options, error, /*copy=*/true);
+    const TQAddRequest request{
+        .size = sizeof request, .flags = 0, .options = options, .base = nullptr, .info = nullptr};
+    return _AddGenerationInternal(library, name, document, &request, error);
 }
 
 bool TQLibraryAddGenerationWithOptionsByMovingFile(TQLibrary *library, const TQString *name, const TQURL *document,
                                                    uint64_t options, TQError **error)
 {
     const DeferredScope scope;
-    return _AddGenerationInternal(library, name, document, options, error, /*copy=*/false);
+    const TQAddRequest request{
+        .size = sizeof request, .flags = kTQAddByMoving, .options = options, .base = nullptr, .info = nullptr};
+    return _AddGenerationInternal(library, name, document, &request, error);
+}
+
+bool TQLibraryAddGenerationWithFlags(TQLibrary *library, const TQString *name, const TQURL *document,
+                                     const TQAddRequest *request, TQError **error)
+{
+    const DeferredScope scope;
+    return _AddGenerationInternal(library, name, document, request, error);
 }
 
 bool TQLibrarySetGenerationOptions(TQLibrary *library, const TQString *name, uint64_t options)

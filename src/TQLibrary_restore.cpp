@@ -12,6 +12,7 @@
 #include "TQLibrary_restore_exchange.h"
 #include "vaultry_client_managed.h"
 #include "vaultry_client_managed_nesting.h"
+#include "vaultry_client_managed_request.h"
 
 #include "Platform/ErrnoKeeper.h"
 #include "Platform/FileStatus.h"
@@ -40,7 +41,7 @@ struct Request {
     TQLibrary *library;
     const TQString *name;
     const TQURL *document;
-    const TQString *backupName; // may be null
+    const TQRestoreRequest &how;
 
     const TQClientManagedStorage *store() const { return _StorageOf(library); }
 };
@@ -128,7 +129,7 @@ public:
         if (!isAdded_) return;
         const ErrnoKeeper keeper;
         const UndoingScope undoing;
-        TQValue *names[] = {const_cast<TQString *>(request_.backupName)};
+        TQValue *names[] = {const_cast<TQString *>(request_.how.backupName)};
         const auto backup = Ref<TQArray>::Adopt(TQArrayCreate(names, 1));
         (void)TQLibraryRemoveGenerations(request_.library, backup.get());
     }
@@ -137,9 +138,15 @@ public:
 
     bool Add(TQError **error)
     {
-        if (!request_.backupName) return true;
-        isAdded_ = _AddGenerationInternal(request_.library, request_.backupName, request_.document, kBackupOptions,
-                                          error, /*copy=*/true);
+        const TQRestoreRequest &how = request_.how;
+        if (!how.backupName) return true;
+        const bool keepsLinks = (how.flags & kTQRestoreKeepLinks) != 0;
+        const TQAddRequest add{.size = sizeof add,
+                               .flags = keepsLinks ? uint64_t{kTQAddKeepLinks} : 0,
+                               .options = kBackupOptions,
+                               .base = how.backupBase,
+                               .info = how.backupInfo};
+        isAdded_ = _AddGenerationInternal(request_.library, how.backupName, request_.document, &add, error);
         return isAdded_;
     }
     void Keep() { isAdded_ = false; }
@@ -212,10 +219,19 @@ mode_t _RestoredModeFor(mode_t staged, const TQFileStatus &document, const TQFil
 bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const TQURL *documentURL,
                                 const TQString *backupName, TQError **error)
 {
+    const TQRestoreRequest request{
+        .size = sizeof request, .flags = 0, .backupName = backupName, .backupBase = nullptr, .backupInfo = nullptr};
+    return TQLibraryRestoreGenerationWithFlags(library, name, documentURL, &request, error);
+}
+
+bool TQLibraryRestoreGenerationWithFlags(TQLibrary *library, const TQString *name, const TQURL *documentURL,
+                                         const TQRestoreRequest *how, TQError **error)
+{
+    if (!_RequireKnown(how, kTQRestoreKeepLinks, error)) return false;
     if (!TQURLIsFileURL(documentURL)) return Failure(error).Status(kTQStatusBadPath, "not a file URL");
 
     const DeferredScope scope;
-    const Request request{library, name, documentURL, backupName};
+    const Request request{library, name, documentURL, *how};
     const char *const path = tq_fileSystemRepresentation(documentURL);
     if (!path) return Failure(error).Status(kTQStatusBadPath, "not a file URL");
     ReplacedDocument document(path);

@@ -5,6 +5,7 @@
 #include "vaultry_client_managed_folder.h"
 #include "vaultry_client_managed_nesting.h"
 #include "vaultry_client_managed_staging.h"
+#include "vaultry_client_managed_request.h"
 
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
@@ -13,10 +14,12 @@
 #include "Runtime/Ref.h"
 #include "Runtime/UTF8.h"
 #include "Shared/vaultry_flush.h"
+#include "Shared/vaultry_fs_wrappers.h"
 #include "Shared/vaultry_internal_failure.h"
 #include "Shared/vaultry_internal_names.h"
 #include "Shared/vaultry_storage.h"
 #include "Shared/vaultry_storage_lift.h"
+#include "Shared/vaultry_storage_share.h"
 
 #include <vaultry/filesystem.h>
 #include <vaultry/path.h>
@@ -25,10 +28,23 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/limits.h>
 #include <optional>
 #include <sys/stat.h>
 
 namespace {
+
+// What a document brings of an info dictionary that is about to get more values.
+BroughtInfo ReadBroughtInfo(const Item &item, std::vector<char> &bytes)
+{
+    bytes.resize(XATTR_SIZE_MAX);
+    const ssize_t length = platform::GetAttribute(item, Links::NoFollow, kInfoAttribute, bytes.data(), bytes.size());
+    bytes.resize(length > 0 ? static_cast<size_t>(length) : 0);
+    const bool isThere = length >= 0;
+    return {.isKnown = isThere || errno == ENODATA || errno == ENOTSUP,
+            .isThere = isThere,
+            .bytes = isThere ? &bytes : nullptr};
+}
 
 // Makes what the owner file says of this add. A move also notes the document's folder and what its top item had, for
 // whoever gives the document back.
@@ -73,6 +89,11 @@ bool WriteOptions(const char *staged, uint64_t options, const BroughtMetadata &b
     return isNothingToDo || _WriteGenerationOptions(staged, options, error);
 }
 
+bool WriteInfo(const char *staged, const TQDictionary *info, TQError **error)
+{
+    return TQDictionaryGetCount(info) == 0 || _WriteInfoValues(staged, info, error);
+}
+
 // An item on its way from staging to its name.
 struct Placing {
     const char *root;
@@ -91,7 +112,7 @@ void TakeBack(const Placing &placing, const TQFileStatus &status)
     (void)_MakeMovable(placing.generation, installed);
     if (rename(placing.generation, placing.staged) == 0) return;
     if (placing.copied)
-        (void)_RemoveTree(placing.generation, 0, nullptr);
+        (void)_RemoveTreeAt(Item::AtPath(placing.generation), {.keepsShared = true}, nullptr);
     else
         Failure(nullptr).Errno("Failed to take the document back from \"%s\", where it stays", placing.generation);
 }
@@ -117,11 +138,12 @@ bool FinishInstalled(const char *generation, const TQFileStatus &status, TQError
 }
 
 // Makes the staged item all that the generation is to be, and brings it to disk. `status` gets what the top item has.
-bool Prepare(const char *staged, uint64_t options, const BroughtMetadata &brought, const TreeFlush &flush,
+bool Prepare(const char *staged, const TQAddRequest &request, const BroughtMetadata &brought, const TreeFlush &flush,
              TQFileStatus *status, TQError **error)
 {
-    return DropMalformedMetadata(staged, brought, error) && WriteOptions(staged, options, brought, error) &&
-           MakeStagedMovable(staged, status, error) && flush.Flush(staged, status->mode, error);
+    return DropMalformedMetadata(staged, brought, error) && WriteOptions(staged, request.options, brought, error) &&
+           WriteInfo(staged, request.info, error) && MakeStagedMovable(staged, status, error) &&
+           flush.Flush(staged, status->mode, error);
 }
 
 bool IsFree(const char *generation, TQError **error)
@@ -189,11 +211,21 @@ bool RequireSource(const char *source, const char *root, bool copy, TQError **er
     return _RequireNoStoreInside(source, root, error) && (copy || _RequireOutsideStores(source, error));
 }
 
+constexpr uint64_t kKnownFlags = kTQAddByMoving | kTQAddKeepLinks;
+
+bool RequirePossible(const TQAddRequest *request, TQError **error)
+{
+    if (!_RequireKnown(request, kKnownFlags, error)) return false;
+    const bool isMove = (request->flags & kTQAddByMoving) != 0;
+    return !isMove || !request->base ||
+           Failure(error).Refused(kTQStatusInvalidArgument, "A document that is moved shares no files");
+}
+
 // One add, step by step. Everything slow is done without the store's lock, so nobody waits for it.
 class Adding {
 public:
-    Adding(const TQClientManagedStorage *store, const char *source, bool copy, TQError **error)
-        : store_(store), source_(source), copy_(copy), error_(error)
+    Adding(const TQClientManagedStorage *store, const char *source, const TQAddRequest &request, TQError **error)
+        : store_(store), source_(source), request_(request), copy_((request.flags & kTQAddByMoving) == 0), error_(error)
     {
     }
 
@@ -202,23 +234,27 @@ public:
     {
         HeldLock lock;
         if (!lock.ForReading(store_, error_) || !FindItsPlace(store_->rootPath, name, generation_, error_) ||
-            !RequireSource(source_, store_->rootPath, copy_, error_))
+            !RequireSource(source_, store_->rootPath, copy_, error_) || !OpenBase())
             return false;
         document_.emplace(source_);
         if (!copy_) movedFrom_.emplace(document_->c_str());
         note_ = MakeNote(document_->c_str(), copy_ ? nullptr : &*movedFrom_);
+        if (!copy_ && TQDictionaryGetCount(request_.info) != 0)
+            note_.topInfo = ReadBroughtInfo(Item::AtPath(document_->c_str()), broughtInfo_);
         return staging_.Make(store_->rootPath, note_, error_);
     }
 
     // Copies or moves the document there, and makes it a generation. No lock.
-    bool Stage(uint64_t options)
+    bool Stage()
     {
         const auto flush = TreeFlush::By(staging_.openedFirst());
         // Without the note on disk, nobody would know after a power cut where the document belongs.
         BroughtMetadata brought;
+        const AddManner manner{
+            .copy = copy_, .keepLinks = (request_.flags & kTQAddKeepLinks) != 0, .base = base_ ? &*base_ : nullptr};
         return (copy_ || staging_.FlushNote(error_)) &&
-               _AddPathAsGeneration(source_, staging_.staged(), copy_, &brought, error_) &&
-               Prepare(staging_.staged(), options, brought, flush, &status_, error_);
+               _AddPathAsGeneration(source_, staging_.staged(), manner, &brought, error_) &&
+               Prepare(staging_.staged(), request_, brought, flush, &status_, error_);
     }
 
     // Gives it its name, unless somebody else has taken that meanwhile. Exclusive lock.
@@ -243,22 +279,39 @@ public:
                                   note_.topMode,
                                   note_.topFlags,
                                   note_.topOptions,
+                                  note_.topInfo,
                                   staging_.written()};
         const Item home = *movedFrom_ ? movedFrom_->item() : Item::AtPath(source_);
         if (!_GiveDocumentBack(Item::AtPath(staging_.staged()), home, moved)) staging_.Keep();
     }
 
 private:
+    // Others may remove the base from now on. Its files can be linked as long as they have a name.
+    bool OpenBase()
+    {
+        if (!request_.base) return true;
+        char name[kGenerationNameLimit + 1];
+        PathBuffer path;
+        if (!TQStringGetGenName(request_.base, name, error_) ||
+            !_GetPathToGeneration(store_->rootPath, name, /*mustExist=*/false, path, error_))
+            return false;
+        base_.emplace().Open(path.c_str());
+        return true;
+    }
+
     Placing placing() const { return {store_->rootPath, staging_.staged(), generation_.c_str(), copy_}; }
 
     const TQClientManagedStorage *const store_;
     const char *const source_;
+    const TQAddRequest &request_;
     const bool copy_;
     TQError **const error_;
     PathBuffer generation_;
+    std::optional<BaseFiles> base_;
     std::optional<TrimmedPath> document_;
     std::optional<OpenedFolder> movedFrom_;
     OwnerNote note_;
+    std::vector<char> broughtInfo_;
     StagingDirectory staging_;
     TQFileStatus status_{};
     UniqueFd installed_; // the generation, if it is to be flushed once more
@@ -269,9 +322,21 @@ private:
 bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *name, const char *source,
                                uint64_t options, TQError **error, bool copy)
 {
-    Adding adding(store, source, copy, error);
+    const TQAddRequest request{.size = sizeof request,
+                               .flags = copy ? 0 : uint64_t{kTQAddByMoving},
+                               .options = options,
+                               .base = nullptr,
+                               .info = nullptr};
+    return TQClientManagedStorageAddWithFlags(store, name, source, &request, error);
+}
+
+bool TQClientManagedStorageAddWithFlags(const TQClientManagedStorage *store, const char *name, const char *source,
+                                        const TQAddRequest *request, TQError **error)
+{
+    if (!RequirePossible(request, error)) return false;
+    Adding adding(store, source, *request, error);
     if (!adding.Begin(name)) return false;
-    if (adding.Stage(options) && adding.Install()) return adding.Flush();
+    if (adding.Stage() && adding.Install()) return adding.Flush();
     adding.GiveBack();
     return false;
 }

@@ -59,7 +59,13 @@ void CheckProtection(const TreeWalk::Entry &entry, Findings &findings)
     else if (length != 1 || (saved & ~kSavedBits) != 0)
         findings.Add(path, "permissions-malformed",
                      "The record of the item's permissions is damaged; the generation can't be copied out.");
-    else if ((entry.status.mode & kWriteBits) != 0)
+    else if ((entry.status.mode & kWriteBits) == 0)
+        return;
+    else if (S_ISREG(entry.status.mode) && entry.status.linkCount > 1)
+        findings.Add(path, "unprotected",
+                     "The item may be written to. It has several names and may belong to several generations, so only "
+                     "a person can decide to change it.");
+    else
         findings.AddMendable(path, "unprotected", "The item may be written to.", [&] { return TakeWriteBits(entry); });
 }
 
@@ -75,8 +81,10 @@ void CheckItem(const TreeWalk::Entry &entry, Findings &findings)
         CheckProtection(entry, findings);
         break;
     case Kind::Link:
+        if (entry.level == 0) findings.Add(entry.item.path, "foreign", "No generation is a link.");
+        break;
     case Kind::Other:
-        findings.Add(entry.item.path, "foreign", "No generation holds links, pipes, sockets or devices.");
+        findings.Add(entry.item.path, "foreign", "No generation holds pipes, sockets or devices.");
         break;
     case Kind::Unreadable:
     case Kind::NoStatus:

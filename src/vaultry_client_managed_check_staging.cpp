@@ -108,9 +108,7 @@ bool RemoveUnique(const Unique &unique)
 {
     const platform::ActingAs maker(unique.status.owner);
     if (!maker) return false;
-    TreeRemoval how;
-    how.last = kOwnerFileName;
-    how.expected = &unique.status;
+    const TreeRemoval how{.keepsShared = true, .last = kOwnerFileName, .expected = &unique.status};
     return _RemoveTreeAt(unique.item, how, nullptr);
 }
 
@@ -179,6 +177,7 @@ Note GetNote(const Unique &unique, char (&home)[PATH_MAX], MovedDocument *docume
                  owner.note.topMode,
                  owner.note.topFlags,
                  owner.note.topOptions,
+                 owner.note.topInfo,
                  owner.written};
     return home[0] == '/' ? Note::Path : Note::Malformed;
 }

@@ -164,13 +164,24 @@ bool ReadOptions(NoteReader &reader, BroughtOptions *options)
     return options->isKnown;
 }
 
+// A note has this only if the move gives its document more values.
+bool ReadInfo(NoteReader &reader, BroughtInfo *info)
+{
+    if (!reader.IsAt("info ")) return true;
+    uint64_t count = 0;
+    info->isKnown = reader.TakeNumbers("info", &count) && count <= 1;
+    info->isThere = count == 1;
+    return info->isKnown;
+}
+
 bool ReadNote(NoteReader &reader, OwnerNote *note)
 {
     return reader.Take(kFirstLine) && ReadWork(reader, &note->work) && reader.TakeWord("machine", note->machine) &&
            reader.TakeWord("boot", note->boot) && reader.TakeNumbers("process", &note->process) &&
            reader.TakeNumbers("since", &note->since) &&
            reader.TakeNumbers("top", &note->topMode, &note->topFlags, &note->top.device, &note->top.inode) &&
-           ReadOptions(reader, &note->topOptions) && ReadItem(reader, "folder", &note->folder) &&
+           ReadOptions(reader, &note->topOptions) && ReadInfo(reader, &note->topInfo) &&
+           ReadItem(reader, "folder", &note->folder) &&
            reader.TakePath("document", note->document, sizeof note->document) && reader.Take(kLastLine);
 }
 
@@ -310,6 +321,7 @@ UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, 
              note.topMode, note.topFlags, note.top.device, note.top.inode);
     if (const BroughtOptions &options = note.topOptions; options.isKnown)
         text.Add("options %d %" PRIu64 "\n", options.isThere ? 1 : 0, options.word);
+    if (const BroughtInfo &info = note.topInfo; info.isKnown) text.Add("info %d\n", info.isThere ? 1 : 0);
     text.AddItem("folder", note.folder);
     text.AddPath("document", note.document);
     text.Add("%s", kLastLine);

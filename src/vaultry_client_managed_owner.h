@@ -61,6 +61,7 @@ struct OwnerNote {
     uint32_t topMode = kUnknownMode; // a move: what the document's top item had
     uint32_t topFlags = 0;
     BroughtOptions topOptions{};
+    BroughtInfo topInfo{};
     ItemId top{};
     ItemMark folder; // and the folder that it was taken from
     char machine[80] = "";

@@ -12,6 +12,7 @@
 #include "Platform/Rename.h"
 #include "Platform/UniqueNames.h"
 #include "Runtime/Ref.h"
+#include "Shared/vaultry_fs_wrappers.h"
 #include "Shared/vaultry_internal_failure.h"
 #include "Shared/vaultry_internal_names.h"
 #include "Shared/vaultry_storage_lift.h"
@@ -57,7 +58,7 @@ bool RemoveAsItStands(const char *generation, TQError **error)
     TQFileStatus now;
     if (platform::GetStatus(Item::AtPath(generation), Links::NoFollow, &now) != 0)
         return Failure(error).Errno("failed to stat source path %s", generation);
-    if (!now.isMountRoot) return _RemoveTree(generation, 0, error);
+    if (!now.isMountRoot) return _RemoveTreeAt(Item::AtPath(generation), {.keepsShared = true}, error);
     errno = EBUSY;
     return Failure(error).Errno("failed to remove \"%s\", on which something is mounted", generation);
 }

@@ -65,9 +65,7 @@ bool _GetUniqueStagingPath(const char *rootPath, PathBuffer &path, TQError **err
 // The owner file is removed last, so that what a kill leaves still says whose it was.
 static bool RemoveUnique(const char *path, TQError **error)
 {
-    TreeRemoval how;
-    how.last = kOwnerFileName;
-    return _RemoveTreeAt(Item::AtPath(path), how, error);
+    return _RemoveTreeAt(Item::AtPath(path), {.keepsShared = true, .last = kOwnerFileName}, error);
 }
 
 bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
@@ -144,7 +142,7 @@ bool StagingDirectory::RemoveWhatIsUsual(int directory)
     bool isEmpty = true;
     for (unsigned number = 0; number == 0 || number < places_; ++number) {
         const char *const path = NamePlace(number);
-        isEmpty &= _RemoveTreeAt({directory, strrchr(path, '/') + 1, path}, {}, nullptr);
+        isEmpty &= _RemoveTreeAt({directory, strrchr(path, '/') + 1, path}, {.keepsShared = true}, nullptr);
     }
     // What of several can't be deleted waits for a repair, with the note.
     if (!isEmpty) return places_ > 1;

@@ -109,7 +109,7 @@ TEST_P(Library, RefusesNamesAndURLsBeforeTheStoreIsAsked)
                      TQLibraryCopyGenerationOriginalDisplayName(library, name.get()));
     EXPECT_FALSE(TQLibraryRemoveGenerations(library, Names({".x"}).get()) ||
                  TQLibraryRemoveGenerations(library, nullptr) ||
-                 _AddGenerationInternal(library, g.get(), nullptr, 0, nullptr, /*copy=*/true) ||
+                 TQLibraryAddGenerationWithFlags(library, g.get(), document.get(), nullptr, nullptr) ||
                  TQLibraryCopyGenerationNames(nullptr));
     store.CheckInvariants();
 }

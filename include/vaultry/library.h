@@ -13,6 +13,7 @@
 #include <vaultry/data.h>
 #include <vaultry/error.h>
 #include <vaultry/file_status.h>
+#include <vaultry/storage.h>
 #include <vaultry/string.h>
 #include <vaultry/url.h>
 
@@ -51,6 +52,10 @@ TQ_EXPORT bool TQLibraryAddGenerationWithOptionsByCopyingFile(TQLibrary *library
 /// The same, moving the document into the store. On failure it is back where it was, unless the generation stays.
 TQ_EXPORT bool TQLibraryAddGenerationWithOptionsByMovingFile(TQLibrary *library, const TQString *name,
                                                              const TQURL *document, uint64_t options, TQError **error);
+
+/// Keeps the document as `request` asks; see TQAddRequest, and TQClientManagedStorageAddWithFlags for the result.
+TQ_EXPORT bool TQLibraryAddGenerationWithFlags(TQLibrary *library, const TQString *name, const TQURL *document,
+                                               const TQAddRequest *request, TQError **error);
 
 /// Stores a generation's options word.
 TQ_EXPORT bool TQLibrarySetGenerationOptions(TQLibrary *library, const TQString *name, uint64_t options);
@@ -105,6 +110,20 @@ TQ_EXPORT TQDictionary *TQLibraryCopyGenerationInfos(TQLibrary *library, const T
 TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, const TQValue *ignored,
                                                          const TQDictionary *spec, TQError **error);
 
+/// What a restore does besides: bits of TQRestoreRequest.flags.
+enum {
+    kTQRestoreKeepLinks = 0x1, ///< the backup keeps symbolic links below its top, as kTQAddKeepLinks does
+};
+
+/// What TQLibraryRestoreGenerationWithFlags is asked for. It grows as TQAddRequest does.
+typedef struct TQRestoreRequest {
+    size_t size;
+    uint64_t flags;                 ///< kTQRestore… bits
+    const TQString *backupName;     ///< may be null; else the document is first kept under this name, with options 1
+    const TQString *backupBase;     ///< the backup's TQAddRequest.base; best the newest generation of the document
+    const TQDictionary *backupInfo; ///< the backup's TQAddRequest.info
+} TQRestoreRequest;
+
 /// Puts a generation in the place of a document, which keeps its own permissions, access-control lists, flags and hidden
 /// extension, and its owner and group where the caller may give them. Set-id bits are left out if it does not keep its
 /// owner or its group. A group that is not the document's may do no more with it than all others may.
@@ -146,6 +165,13 @@ TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, con
 /// locked. The backup reports to the thread's current progress and can be cancelled through it.
 TQ_EXPORT bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const TQURL *document,
                                           const TQString *backupName, TQError **error);
+
+/// The same, with all that a request can ask for. `request` is borrowed for the call.
+///
+/// @return as TQLibraryRestoreGeneration. Nothing is done if the request is none (kTQStatusInvalidArgument) or asks for
+///         something that this version does not know (kTQStatusNotSupported).
+TQ_EXPORT bool TQLibraryRestoreGenerationWithFlags(TQLibrary *library, const TQString *name, const TQURL *document,
+                                                   const TQRestoreRequest *request, TQError **error);
 
 /// Announces that the item at `replacement` is about to replace `document`. Tests that both are file URLs, and keeps
 /// nothing. Always false.

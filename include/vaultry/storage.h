@@ -53,6 +53,30 @@ TQ_EXPORT void TQClientManagedStorageFree(TQClientManagedStorage *store);
 /// store that a later version made is refused (kTQStatusNotSupported).
 TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **error);
 
+/// What an add does besides copying: bits of TQAddRequest.flags.
+enum {
+    kTQAddByMoving = 0x1,  ///< moves the document into the store instead
+    kTQAddKeepLinks = 0x2, ///< keeps symbolic links below the top as links, which are refused otherwise
+};
+
+/// What TQClientManagedStorageAddWithFlags is asked for. A later version may have more members. A client that sets all
+/// bytes to zero first, and `size` to what sizeof tells, then works with both.
+typedef struct TQAddRequest {
+    size_t size;
+    uint64_t flags;   ///< kTQAdd… bits
+    uint64_t options; ///< stored with the generation; read back as 1 if none of the bits 0x1e is set
+
+    /// May be null; else the name of a generation with which unchanged files are shared. A file below the top of the
+    /// document that is there at the same path becomes one more hard link to it and takes no room of its own. Every
+    /// byte of both is compared; mode, owner, group, flags, time of modification, attributes and access list must be the
+    /// same too. If the file can be cloned from the document, it is cloned and nothing is compared. If there is no such
+    /// generation, everything is copied. Not for a document that is moved.
+    const TQString *base;
+
+    /// May be null; else strings mapped to values that the info dictionary gets before the generation appears.
+    const TQDictionary *info;
+} TQAddRequest;
+
 /// Adds the item at `source` to the store as the generation `name`.
 ///
 /// The generation appears whole or not at all: it is built in the staging area and moved into place by one rename,
@@ -82,6 +106,17 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 /// cancelled through it.
 TQ_EXPORT bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *name, const char *source,
                                          uint64_t options, TQError **error, bool copy);
+
+/// The same, with all that a request can ask for. `request` is borrowed for the call.
+///
+/// @return as TQClientManagedStorageAdd. With kTQAddKeepLinks a symbolic link is refused only at the top; a copy-out
+///         brings the others back with their times and, where that is allowed, their owner. Info values that can't be
+///         stored are a failure, too. And nothing is done:
+///         kTQStatusInvalidArgument  there is no request, or it is too small; the name of its base is not a generation
+///                                   name, or it has a base and the flag kTQAddByMoving
+///         kTQStatusNotSupported     it asks for something that this version does not know
+TQ_EXPORT bool TQClientManagedStorageAddWithFlags(const TQClientManagedStorage *store, const char *name,
+                                                  const char *source, const TQAddRequest *request, TQError **error);
 
 /// The file URL of a generation inside the store, owned by the caller; to be read, never changed. Shared lock.
 TQ_EXPORT TQURL *TQClientManagedStorageCopyURLForGeneration(const TQClientManagedStorage *store, const char *name,

@@ -661,6 +661,23 @@ private:
     std::uint32_t flags_;
 };
 
+/// What an add can be asked for; see TQAddRequest.
+struct AddRequest {
+    std::uint64_t options = 1;
+    bool move = false;
+    bool keep_links = false;
+    std::optional<std::string> base = std::nullopt; ///< a generation to share unchanged files with
+    Dictionary info = {};                           ///< values that the generation has from the beginning
+};
+
+/// What a restore can be asked for; see TQRestoreRequest.
+struct RestoreRequest {
+    std::optional<std::string> backup = std::nullopt; ///< keeps the document under this name first
+    bool keep_links = false;                          ///< the backup's
+    std::optional<std::string> base = std::nullopt;   ///< the backup's
+    Dictionary info = {};                             ///< the backup's
+};
+
 /// The library object, for what the store alone can't do: restoring in place.
 class Library : public Handle<TQLibrary> {
 public:
@@ -680,6 +697,22 @@ public:
         if (!*this || !from || !keep) return detail::refused();
         const URL url = URL::of_path(detail::path(document));
         return detail::attempt(TQLibraryRestoreGeneration, get(), from.get(), url.get(), backup ? keep.get() : nullptr);
+    }
+
+    /// The same, with all that a request can ask for.
+    Result<void> restore(std::string_view name, const std::filesystem::path &document,
+                         const RestoreRequest &request) const
+    {
+        const String from(name), keep(request.backup.value_or("")), base(request.base.value_or(""));
+        if (!*this || !from || !keep || !base) return detail::refused();
+        const URL url = URL::of_path(detail::path(document));
+        TQRestoreRequest asked{};
+        asked.size = sizeof asked;
+        asked.flags = request.keep_links ? std::uint64_t{kTQRestoreKeepLinks} : 0;
+        asked.backupName = request.backup ? keep.get() : nullptr;
+        asked.backupBase = request.base ? base.get() : nullptr;
+        asked.backupInfo = request.info.get();
+        return detail::attempt(TQLibraryRestoreGenerationWithFlags, get(), from.get(), url.get(), &asked);
     }
 };
 
@@ -735,6 +768,21 @@ public:
         return add_(name, document, options, /*copy=*/false);
     }
 
+    /// With all that a request can ask for.
+    Result<void> add(std::string_view name, const std::filesystem::path &document, const AddRequest &request) const
+    {
+        const String base(request.base.value_or(""));
+        if (!base) return detail::refused();
+        TQAddRequest asked{};
+        asked.size = sizeof asked;
+        asked.flags = (request.move ? std::uint64_t{kTQAddByMoving} : 0) |
+                      (request.keep_links ? std::uint64_t{kTQAddKeepLinks} : 0);
+        asked.options = request.options;
+        asked.base = request.base ? base.get() : nullptr;
+        asked.info = request.info.get();
+        return attempt_(TQClientManagedStorageAddWithFlags, name, detail::path(document).c_str(), &asked);
+    }
+
     /// Copies a generation to `destination`, which must neither exist nor lie in a store.
     Result<void> copy(std::string_view name, const std::filesystem::path &destination) const
     {
@@ -758,6 +806,13 @@ public:
     {
         const auto library = Library::open(root_);
         return library ? library->restore(name, document, backup) : library.error();
+    }
+
+    Result<void> restore(std::string_view name, const std::filesystem::path &document,
+                         const RestoreRequest &request) const
+    {
+        const auto library = Library::open(root_);
+        return library ? library->restore(name, document, request) : library.error();
     }
 
     /// `store.remove({"a", "b"})`, or of any range of names. In order, up to the first failure; a name without a

@@ -38,14 +38,16 @@ static bool _GiveList(const char *name, const char *from, int to, mode_t *denied
     return fremovexattr(to, name) == 0 || _HasNone(errno);
 }
 
+// The form in which the kernel hands a list out, after a number of four bytes for its version.
+enum : uint16_t { kUserObject = 0x01, kUser = 0x02, kGroupObject = 0x04, kGroup = 0x08, kMask = 0x10, kOther = 0x20 };
+struct Entry {
+    uint16_t tag;
+    uint16_t rights;
+    uint32_t id;
+};
+
 mode_t DeniedByList(const unsigned char *list, size_t size)
 {
-    enum : uint16_t { kUser = 0x02, kGroupObject = 0x04, kGroup = 0x08, kMask = 0x10 };
-    struct Entry {
-        uint16_t tag;
-        uint16_t rights;
-        uint32_t id;
-    };
     unsigned mask = 07, group = 07, named = 07;
     bool namesAny = false;
     for (size_t at = sizeof(uint32_t); at + sizeof(Entry) <= size; at += sizeof(Entry)) {
@@ -60,6 +62,26 @@ mode_t DeniedByList(const unsigned char *list, size_t size)
     if (namesAny) named &= mask;
     group &= mask & named;
     return static_cast<mode_t>((~group & 07) << 3 | (~named & 07));
+}
+
+// The group bits of a mode are the list's mask; a list without one has no names either.
+void TakeWriteFromList(unsigned char *list, size_t size)
+{
+    constexpr uint16_t kWrite = 2;
+    bool hasMask = false;
+    const auto forEach = [&](const auto &visit) {
+        for (size_t at = sizeof(uint32_t); at + sizeof(Entry) <= size; at += sizeof(Entry)) {
+            Entry entry;
+            memcpy(&entry, list + at, sizeof entry);
+            visit(le16toh(entry.tag), entry);
+            memcpy(list + at, &entry, sizeof entry);
+        }
+    };
+    forEach([&](uint16_t tag, Entry &) { hasMask = hasMask || tag == kMask; });
+    forEach([&](uint16_t tag, Entry &entry) {
+        const bool isOfMode = tag == kUserObject || tag == kOther || tag == (hasMask ? kMask : kGroupObject);
+        if (isOfMode) entry.rights = htole16(static_cast<uint16_t>(le16toh(entry.rights) & ~kWrite));
+    });
 }
 
 int GiveListsOf(const Item &from, Links links, int to, mode_t *denied)

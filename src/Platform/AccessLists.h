@@ -1,4 +1,5 @@
-// Gives one item the access-control lists of another. Copying an item already carries its lists.
+// Access-control lists: those of one item given to another, and what a list says. Copying an item already carries its
+// lists.
 
 #pragma once
 
@@ -25,5 +26,8 @@ inline bool IsListForgiven(int error)
 // What a mode without its access list may not grant, so that nobody gets more than the list gave. Those whom the list
 // names then fall into the group or among the others. `list` has the form in which the kernel hands it out.
 mode_t DeniedByList(const unsigned char *list, size_t size);
+
+// Makes of an access list what the kernel makes of it when its item loses all write bits.
+void TakeWriteFromList(unsigned char *list, size_t size);
 
 } // namespace platform

@@ -4,12 +4,14 @@
 
 #include <atomic>
 #include <cerrno>
+#include <linux/openat2.h>
 #include <unistd.h>
 
 namespace platform::kernel {
 
 // Calls as recent as these have the same number on every architecture.
 enum : long {
+    kOpenAt2 = 437,
     kFchmodAt2 = 452,
     kSetXattrAt = 463,
     kGetXattrAt = 464,
@@ -48,6 +50,16 @@ private:
     const long number_;
     std::atomic<int> state_{kUnknown};
 };
+
+int OpenBelow(int directory, const char *path, int flags)
+{
+    static Presence presence(kOpenAt2);
+    if (presence.Absent()) return -1;
+    open_how how{};
+    how.flags = static_cast<__u64>(flags);
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
+    return static_cast<int>(syscall(kOpenAt2, directory, path, &how, sizeof how));
+}
 
 int FchmodAt2(int directory, const char *name, mode_t mode, int atFlags)
 {

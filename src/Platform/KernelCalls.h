@@ -12,6 +12,9 @@
 
 namespace platform::kernel {
 
+// Linux 5.6. Opens for reading what lies below `directory`, on its volume and reached through no link.
+int OpenBelow(int directory, const char *path, int flags);
+
 // Linux 6.6.
 int FchmodAt2(int directory, const char *name, mode_t mode, int atFlags);
 

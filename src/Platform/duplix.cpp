@@ -13,6 +13,7 @@
 #include <climits>
 #include <cstring>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace platform {
 
@@ -39,6 +40,7 @@ private:
     Copied CopyDirectoryMetadata(const Entry &entry, TQFileStatus &made);
     UniqueFd OpenSource(const Entry &entry, TQFileStatus *status);
     Copied CopyFile(const Entry &entry);
+    bool CanClone(int from, const TQFileStatus &source);
     bool IsKept(int fd) const { return !flushEach_ || FlushFd(fd) == 0; }
     mode_t FirstMode(const TQFileStatus &source) const;
     Copied CopyLink(const Entry &entry);
@@ -47,6 +49,7 @@ private:
     const char *Name(const Entry &entry) const { return entry.level == 0 ? nullptr : entry.item.name; }
     bool NameItem(const Entry &entry);
     Answer Begin(const Entry &entry, int what, int *error);
+    Answer AskForSubstitute(const Entry &entry, int from, const TQFileStatus &source);
     bool WasEntered(const Entry &entry) const { return tree_.depth() == static_cast<size_t>(entry.level) + 2; }
     bool GoOn(Copied result, int what) { return result == Copied::No ? reports_.Error(what) : result == Copied::Yes; }
 
@@ -59,6 +62,7 @@ private:
     QuietOpener opener_;
     size_t sourceLength_ = 0;
     bool flushEach_ = false;
+    DuplixSubstitute substitute_ = nullptr;
 };
 
 bool TreeCopy::Run(const char *source, const char *destination, const DuplixOptions &options)
@@ -68,6 +72,7 @@ bool TreeCopy::Run(const char *source, const char *destination, const DuplixOpti
     if (!tree_.Open(destination, options.into) || !walk_.Open(source, TreeWalk::Volumes::All))
         return RefusedFromTheStart(source, destination);
     flushEach_ = options.flushEach && !tree_.HonoursFlush(volumes_);
+    substitute_ = options.substitute;
 
     const Entry *entry = walk_.Next();
     if (entry && entry->kind == TreeWalk::Kind::Directory && !tree_.IsOutside(entry->status))
@@ -234,11 +239,34 @@ mode_t TreeCopy::FirstMode(const TQFileStatus &source) const
     return tree_.isRoot() ? kOwners : (source.mode & 0777) | kOwners;
 }
 
+// The first file of a volume tells, by one that is made and removed again. If that can't be made, making the copy
+// reports it.
+bool TreeCopy::CanClone(int from, const TQFileStatus &source)
+{
+    if (const std::optional<bool> known = data_.Clones(source)) return *known;
+    TQFileStatus made;
+    const UniqueFd tried = tree_.MakeFile(S_IRUSR | S_IWUSR, &made);
+    if (!tried) return true;
+    const bool isCloned = data_.TryToClone(from, source, tried.get());
+    return unlinkat(tree_.item().directory, tree_.item().name, 0) != 0 || isCloned;
+}
+
+Answer TreeCopy::AskForSubstitute(const Entry &entry, int from, const TQFileStatus &source)
+{
+    if (!substitute_ || tree_.isRoot() || CanClone(from, source)) return Answer::Continue;
+    const char *const below = Below(entry);
+    return reports_.AskForSubstitute(substitute_, {from, source, below + strspn(below, "/"), tree_.item()});
+}
+
 Copied TreeCopy::CopyFile(const Entry &entry)
 {
     TQFileStatus source;
     const UniqueFd from = OpenSource(entry, &source);
     if (!from) return Copied::No;
+
+    const Answer answer = AskForSubstitute(entry, from.get(), source);
+    if (answer == Answer::Quit) return Copied::Stopped;
+    if (answer == Answer::Skip) return reports_.Finish(duplix_what::File, nullptr) ? Copied::Yes : Copied::Stopped;
 
     TQFileStatus made;
     UniqueFd to = tree_.MakeFile(FirstMode(source), &made);

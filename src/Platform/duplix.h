@@ -67,11 +67,24 @@ struct DuplixState {
     const TQFileStatus *source = nullptr;     // the source item's status; null if it has none
     Item destination{};                       // by descriptor; in every call
     const char *attribute = nullptr;          // in (Attribute, Start), without "user."
-    const DuplixFinished *finished = nullptr; // in (File, Finish) and (DirectoryDone, Finish); null for a link
+    const DuplixFinished *finished = nullptr; // in (File, Finish) and (DirectoryDone, Finish); null for a link, and
+                                              // for what the client has made
 };
 
 using DuplixCallback = int (*)(int what, int stage, DuplixState *state, const char *source, const char *destination,
                                void *context);
+
+// A file that is about to be copied.
+struct DuplixOpened {
+    int source; // for reading
+    const TQFileStatus &status;
+    const char *below;       // its path below the root of the source, without a slash at its beginning
+    const Item &destination; // where nothing is yet
+};
+
+// Skip means that the client has made the whole item at the destination. Of such a file, (File, Finish) has no
+// `finished`.
+using DuplixSubstitute = int (*)(const DuplixOpened &file, void *context);
 
 namespace platform {
 
@@ -92,6 +105,9 @@ struct DuplixOptions {
     // the source is. ESTALE if another item is found there, EEXIST if it is not empty, EISDIR or ENOTDIR if it is of
     // the other kind. If null, nothing may be at the destination.
     const TQFileStatus *into = nullptr;
+
+    // Unless null, asked before a file below the root is copied that can't be cloned.
+    DuplixSubstitute substitute = nullptr;
 };
 
 // 0 if the end was reached; -1 with errno when the callback quit (ECANCELED if it set none) or, with no callback, at

@@ -49,7 +49,7 @@ Copied DataCopier::Copy(int from, const TQFileStatus &status, int to, DuplixRepo
     // Only some volumes report this size for a file that is not empty.
     if (job.size == 0 && volumes_.HonoursFlush(from, status.device)) return Copied::Yes;
     // A clone would share compressed extents, which are to be stored plain.
-    if (job.size > 0 && !job.bytesOnly() && Clone(job))
+    if (job.size > 0 && !job.bytesOnly() && Clones(status) != false && TryToClone(from, status, to))
         return reports.Progress(job.size) ? Copied::Yes : Copied::Stopped;
     if (!buffer_) buffer_.reset(new (std::nothrow) char[kDataSize]);
     if (!buffer_) {
@@ -62,13 +62,19 @@ Copied DataCopier::Copy(int from, const TQFileStatus &status, int to, DuplixRepo
     return CopyAtOnce(job);
 }
 
-// A clone may fail for any reason. If something is really wrong, copying reports it.
-bool DataCopier::Clone(const Job &job)
+std::optional<bool> DataCopier::Clones(const TQFileStatus &status) const
 {
-    if (noCloneFrom_ == job.status.device) return false;
-    if (ioctl(job.to, FICLONE, job.from) == 0) return true;
-    if (_IsRefusalForever(errno)) noCloneFrom_ = job.status.device;
-    return false;
+    if (noCloneFrom_ == status.device) return false;
+    return clonedFrom_ == status.device ? std::optional(true) : std::nullopt;
+}
+
+// A clone may fail for any reason. If something is really wrong, copying reports it.
+bool DataCopier::TryToClone(int from, const TQFileStatus &status, int to)
+{
+    const bool isCloned = ioctl(to, FICLONE, from) == 0;
+    if (isCloned) clonedFrom_ = status.device;
+    if (!isCloned && _IsRefusalForever(errno)) noCloneFrom_ = status.device;
+    return isCloned;
 }
 
 // Whether a part of it could have been read from a hole.

@@ -22,10 +22,15 @@ public:
     // in `status` is where the end is expected. The position of `from` is not kept.
     Copied Copy(int from, const TQFileStatus &status, int to, DuplixReports &reports);
 
+    // Whether files of the volume of `status` can be cloned, as far as is known.
+    std::optional<bool> Clones(const TQFileStatus &status) const;
+
+    // Finds that out with an empty file at the destination, which may have the bytes of `from` then.
+    bool TryToClone(int from, const TQFileStatus &status, int to);
+
 private:
     struct Job;
 
-    bool Clone(const Job &job);
     Copied CopyAtOnce(Job &job);
     Copied CopyExtents(Job &job);
     Copied CopyRange(Job &job, uint64_t end);
@@ -34,7 +39,8 @@ private:
     ssize_t ReadAndWrite(Job &job, size_t size);
 
     VolumeMemory &volumes_;
-    std::optional<uint64_t> noCloneFrom_; // source devices; the destination stays the same for a whole copy
+    std::optional<uint64_t> clonedFrom_; // source devices; the destination stays the same for a whole copy
+    std::optional<uint64_t> noCloneFrom_;
     std::optional<uint64_t> noKernelCopyFrom_;
     std::unique_ptr<char[]> buffer_;
 };

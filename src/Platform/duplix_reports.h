@@ -27,13 +27,15 @@ public:
 
     Answer Start(int what);
     Answer StartAttribute(const char *name);
+    Answer AskForSubstitute(DuplixSubstitute substitute, const DuplixOpened &file);
     // The others return whether to go on.
     bool Finish(int what, const DuplixFinished *finished);
     bool Progress(uint64_t bytesCopied);
     bool Error(int what); // errno says what failed
 
 private:
-    int Ask(int what, int stage);
+    Answer Ask(int what, int stage);
+    static Answer Understand(int answer);
 
     DuplixCallback callback_;
     void *context_;

@@ -115,6 +115,7 @@ template <class Visit> bool ForEachOfSmallTree(const char *path, const Visit &vi
     while (const TreeWalk::Entry *entry = walk.Next()) {
         if (entry->kind == TreeWalk::Kind::Directory && !entry->isElsewhere) continue;
         if (++items > kMostItems || (bytes += entry->status.size) > kMostBytes) return false;
+        if (entry->kind == TreeWalk::Kind::Link) continue; // it goes to disk with its directory
         const bool isFile = entry->kind == TreeWalk::Kind::File;
         if (!isFile && entry->kind != TreeWalk::Kind::DirectoryDone) return false;
         const UniqueFd file(isFile ? openat(entry->item.directory, entry->item.name,

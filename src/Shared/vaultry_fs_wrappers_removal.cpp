@@ -129,7 +129,8 @@ bool Removal::Unlink(const Item &item, int unlinkFlags)
 
 bool Removal::RemoveFile(const Item &item, const TQFileStatus &status)
 {
-    if (!IsBlocked(status) || status.isMountRoot) return Unlink(item, 0);
+    const bool isOthersToo = how_.keepsShared && status.linkCount > 1;
+    if (!IsBlocked(status) || status.isMountRoot || isOthersToo) return Unlink(item, 0);
     const HeldItem held(item, status);
     if (!held.isHeld() && errno == ENOENT) return HasGone();
     if (!held.isHeld() || !held.MakeDeletable(status))

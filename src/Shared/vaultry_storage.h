@@ -18,6 +18,9 @@
 #include <vaultry/progress.h>
 
 #include <optional>
+#include <vector>
+
+class BaseFiles;
 
 // The attributes that the store keeps on items of generations; a copy gets none of them.
 inline constexpr char kSavedPermissionsAttribute[] = "com.corvane.vaultry.orig_perms_v1"; // every archived item
@@ -53,18 +56,26 @@ bool IsSidecarName(const char *name);
 TQDictionary *_CopyInfoDictionaryOf(const Item &item, TQError **error);
 TQString *_CopyDisplayNameOf(const Item &item, TQError **error);
 
-// _SetEAOnGeneration and TQSetGenerationOptions for a generation that its caller flushes.
+// _SetEAOnGeneration, TQSetGenerationOptions and TQSetInfoValues for a generation that its caller flushes.
 bool _WriteProtectedAttribute(const char *path, const char *name, const void *value, size_t size, TQError **error);
 bool _WriteGenerationOptions(const char *path, uint64_t options, TQError **error);
+bool _WriteInfoValues(const char *path, const TQDictionary *values, TQError **error);
 
 // Which attributes with the store's own names an item has, or may have.
 struct BroughtMetadata {
     bool info = true, displayName = true, options = true;
 };
 
+// How a document becomes a generation.
+struct AddManner {
+    bool copy = true;
+    bool keepLinks = false;    // symbolic links below the top stay what they are, and are not archived
+    BaseFiles *base = nullptr; // when copying: whose files unchanged ones are shared with
+};
+
 // As TQAddPathAsGeneration, archiving. `brought` tells what the document's top item brought along.
-bool _AddPathAsGeneration(const char *source, const char *destination, bool copy, BroughtMetadata *brought,
-                          TQError **error);
+bool _AddPathAsGeneration(const char *source, const char *destination, const AddManner &manner,
+                          BroughtMetadata *brought, TQError **error);
 
 // What the copy service's callback carries while adding.
 struct TQAddContext {
@@ -76,6 +87,8 @@ struct TQAddContext {
     BroughtMetadata brought = {false, false, false}; // by any item of it
     bool bringsRecord = false;         // the item at hand has a record of an earlier archiving, which is not copied
     std::optional<bool> mayBlock = {}; // whether flags in such a record could be given back; asked for the first one
+    const char *source = nullptr;      // the document, if links below it are kept
+    BaseFiles *base = nullptr;         // may be null
 };
 
 int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *source, const char *destination,
@@ -87,7 +100,6 @@ int _DuplixUnarchiveCallback(int what, int stage, DuplixState *state, const char
 bool IsSidecarStart(int what, int stage, const char *source);
 bool IsItemFinished(int what, int stage);
 int QuitOnCopyError(TQError **error, int what, int stage, const char *source, const char *destination);
-bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status);
 
 // As TQCopyOutGeneration. The copy is never more open than it will be in the end, unless `leaveWritable` is set, which
 // is for a copy that is still to be moved. `made`, unless null, tells what was made at the destination. With
@@ -115,8 +127,8 @@ bool _ArchiveOpenItem(const ArchivedItem &archived, int fd, TQError **error);
 
 // As TQArchiveTree, for a document that is given back if this fails: the item at which it failed gets its mode and
 // flags back. Records that the document brought along are replaced, and items that a flush of the volume would not
-// reach are flushed.
-bool _ArchiveMovedTree(const char *path, bool makeReadable, TQError **error);
+// reach are flushed. With `keepLinks`, symbolic links below the top are left as they are.
+bool _ArchiveMovedTree(const char *path, bool makeReadable, bool keepLinks, TQError **error);
 
 // Gives a file with several links its own data: the name at `file` becomes a new file, which `made` then describes; the
 // other links stay. The new file has the old one's owner, mode and flags as far as its maker may give them, and the
@@ -138,6 +150,12 @@ struct BroughtOptions {
     uint64_t word = 0;
 };
 
+// The same of an info dictionary that gets more values. Its bytes are known only to the process that moves the document.
+struct BroughtInfo {
+    bool isKnown = false, isThere = false;
+    const std::vector<char> *bytes = nullptr;
+};
+
 // What an add by moving knew of its document before it took it.
 struct MovedDocument {
     // What its top item had, if that is still `top`; else the record of permissions is all there is.
@@ -146,6 +164,7 @@ struct MovedDocument {
     uint32_t topMode = 0;
     uint32_t topFlags = 0;
     BroughtOptions topOptions{};
+    BroughtInfo topInfo{};
     struct timespec since {}; // when the add began, by the volume's clock; it made no change before that
 };
 

@@ -11,6 +11,7 @@
 #include "Runtime/Ref.h"
 #include "Shared/vaultry_fs_wrappers.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_storage_share.h"
 
 #include <vaultry/path.h>
 
@@ -47,8 +48,70 @@ bool MakeProgress(const char *source, Ref<TQProgress> *progress, TQError **error
     return true;
 }
 
+// A tree that has grown since it was measured, or whose volume does not know sizes, has more bytes than the total.
+// A file that was compared, and then copied after all, is counted once.
+void ReportCompleted(TQProgress *progress, uint64_t bytes)
+{
+    if (!progress) return;
+    const auto total = TQProgressGetTotalUnits(progress);
+    const auto completed = static_cast<int64_t>(std::min(bytes, static_cast<uint64_t>(total)));
+    if (completed > TQProgressGetCompletedUnits(progress)) TQProgressSetCompletedUnits(progress, completed);
+}
+
+// What a copied item that comes from another store's generation had before it was archived there; none if its record
+// can't be believed. An item with a write bit was changed since. A record never gives write access to a class that may
+// not read, nor a flag that the adding process could not set: the copy-out would fail.
+std::optional<uint8_t> BroughtRecord(int item, const TQFileStatus &source, TQAddContext &context)
+{
+    uint8_t record[2];
+    const ssize_t length = platform::GetAttributeOfFd(item, kSavedPermissionsAttribute, record, sizeof record);
+    if (length != 1 || (record[0] & ~kSavedBits) != 0 || (source.mode & kWriteBits) != 0) return std::nullopt;
+    if (!context.mayBlock) context.mayBlock = platform::MaySetBlockingFlags();
+    uint8_t readable = *context.mayBlock ? kSavedImmutable | kSavedAppend : 0;
+    if ((source.mode & S_IRUSR) != 0) readable |= kSavedOwnerWrite;
+    if ((source.mode & S_IRGRP) != 0) readable |= kSavedGroupWrite;
+    if ((source.mode & S_IROTH) != 0) readable |= kSavedOtherWrite;
+    return record[0] & readable;
+}
+
+int FinishShared(const DuplixState &state, TQAddContext &context)
+{
+    context.bytesCompleted += state.source->size;
+    ReportCompleted(context.progress, context.bytesCompleted);
+    return duplix_answer::Continue;
+}
+
+int QuitOnCancel(TQError **error)
+{
+    if (error) TQRelease(std::exchange(*error, nullptr)); // a cancel outranks whatever went wrong before
+    errno = ECANCELED;
+    Failure(error).Errno("operation was cancelled by the user");
+    return duplix_answer::Quit;
+}
+
+// Shares the file with the earlier generation, if that has the same.
+int ShareWithBase(const DuplixOpened &file, void *addContext)
+{
+    auto *context = static_cast<TQAddContext *>(addContext);
+    const auto goOn = [context](uint64_t bytes) {
+        ReportCompleted(context->progress, context->bytesCompleted + bytes);
+        return !context->progress || !TQProgressIsCancelled(context->progress);
+    };
+    const uint8_t own = SavedPermissionsOf(file.status.mode, file.status.flags);
+    const uint8_t record = BroughtRecord(file.source, file.status, *context).value_or(own);
+    switch (context->base->Share(file, record, goOn)) {
+    case BaseFiles::Outcome::Shared:
+        return duplix_answer::Skip;
+    case BaseFiles::Outcome::Stopped:
+        return QuitOnCancel(context->error);
+    case BaseFiles::Outcome::NotShared:
+        break;
+    }
+    return duplix_answer::Continue;
+}
+
 bool CopyAsGeneration(const char *source, const char *destination, bool makeReadable, bool archive,
-                      BroughtMetadata *brought, TQError **error)
+                      const AddManner &manner, BroughtMetadata *brought, TQError **error)
 {
     Ref<TQProgress> progress;
     if (!MakeProgress(source, &progress, error)) return false;
@@ -56,7 +119,10 @@ bool CopyAsGeneration(const char *source, const char *destination, bool makeRead
     // If the walk could not even begin, nothing was counted; the copy decides what is wrong.
     if (error) *error = nullptr;
     TQAddContext context{makeReadable, archive, 0, progress.get(), error};
-    const bool isCopied = platform::duplix(source, destination, _DuplixAddCallback, &context, {.flushEach = true}) == 0;
+    context.source = manner.keepLinks ? source : nullptr;
+    context.base = manner.base;
+    const platform::DuplixOptions options{.flushEach = true, .substitute = manner.base ? ShareWithBase : nullptr};
+    const bool isCopied = platform::duplix(source, destination, _DuplixAddCallback, &context, options) == 0;
     *brought = context.brought;
     return isCopied;
 }
@@ -145,7 +211,8 @@ bool CameAllTheSame(const char *source, const char *destination)
            platform::GetStatus(Item::AtPath(source), Links::NoFollow, &status) != 0 && errno == ENOENT;
 }
 
-bool MoveAsGeneration(const char *source, const char *destination, bool makeReadable, bool archive, TQError **error)
+bool MoveAsGeneration(const char *source, const char *destination, bool makeReadable, bool archive, bool keepLinks,
+                      TQError **error)
 {
     MovedItem moved;
     if (!HoldsNoMount(source, error) || !moved.MakeMovable(source, error)) return false;
@@ -166,31 +233,15 @@ bool MoveAsGeneration(const char *source, const char *destination, bool makeRead
         Failure(error).Errno("Failed to set flags on item at path \"%s\"", destination);
         return FailedAfterMove(moved, source, destination);
     }
-    return !archive || _ArchiveMovedTree(destination, makeReadable, error);
+    return !archive || _ArchiveMovedTree(destination, makeReadable, keepLinks, error);
 }
 
-// A tree that has grown since it was measured, or whose volume does not know sizes, has more bytes than the total.
-void ReportCompleted(TQProgress *progress, uint64_t bytes)
+// Of a link, that of its target. What the copy service has just set need not be read again.
+bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status)
 {
-    if (!progress) return;
-    const uint64_t total = static_cast<uint64_t>(TQProgressGetTotalUnits(progress));
-    TQProgressSetCompletedUnits(progress, static_cast<int64_t>(std::min(bytes, total)));
-}
-
-// What a copied item that comes from another store's generation had before it was archived there; none if its record
-// can't be believed. An item with a write bit was changed since. A record never gives write access to a class that may
-// not read, nor a flag that the adding process could not set: the copy-out would fail.
-std::optional<uint8_t> BroughtRecord(const DuplixFinished &item, const TQFileStatus &source, TQAddContext &context)
-{
-    uint8_t record[2];
-    const ssize_t length = platform::GetAttributeOfFd(item.source, kSavedPermissionsAttribute, record, sizeof record);
-    if (length != 1 || (record[0] & ~kSavedBits) != 0 || (source.mode & kWriteBits) != 0) return std::nullopt;
-    if (!context.mayBlock) context.mayBlock = platform::MaySetBlockingFlags();
-    uint8_t readable = *context.mayBlock ? kSavedImmutable | kSavedAppend : 0;
-    if ((source.mode & S_IRUSR) != 0) readable |= kSavedOwnerWrite;
-    if ((source.mode & S_IRGRP) != 0) readable |= kSavedGroupWrite;
-    if ((source.mode & S_IROTH) != 0) readable |= kSavedOtherWrite;
-    return record[0] & readable;
+    if (!state.finished) return platform::GetStatus(state.destination, Links::Follow, status) == 0;
+    *status = state.finished->status;
+    return true;
 }
 
 // A link is archived itself, not its target.
@@ -201,11 +252,11 @@ bool ArchiveCopied(const DuplixState &state, TQAddContext &context, TQError **er
     if (!state.finished)
         return _ArchiveItemAt({.item = item, .before = *state.source, .makeReadable = makeReadable}, *state.source,
                               error);
-    const ArchivedItem archived{.item = item,
-                                .before = state.finished->status,
-                                .makeReadable = makeReadable,
-                                .record = context.bringsRecord ? BroughtRecord(*state.finished, *state.source, context)
-                                                               : std::nullopt};
+    const ArchivedItem archived{
+        .item = item,
+        .before = state.finished->status,
+        .makeReadable = makeReadable,
+        .record = context.bringsRecord ? BroughtRecord(state.finished->source, *state.source, context) : std::nullopt};
     return _ArchiveOpenItem(archived, state.finished->copy, error);
 }
 
@@ -216,14 +267,6 @@ void NoteBrought(const char *attribute, BroughtMetadata &brought)
     brought.options |= strcmp(attribute, kOptionsAttribute) == 0;
 }
 
-int QuitOnCancel(TQError **error)
-{
-    if (error) TQRelease(std::exchange(*error, nullptr)); // a cancel outranks whatever went wrong before
-    errno = ECANCELED;
-    Failure(error).Errno("operation was cancelled by the user");
-    return duplix_answer::Quit;
-}
-
 } // namespace
 
 bool TQAddPathAsGeneration(const char *source, const char *destination, bool copy, bool makeReadable, bool archive,
@@ -231,16 +274,18 @@ bool TQAddPathAsGeneration(const char *source, const char *destination, bool cop
 {
     if (!source || !destination) return Failure(error).Refused(kTQStatusBadPath, "no path was supplied");
     BroughtMetadata brought;
-    return copy ? CopyAsGeneration(source, destination, makeReadable, archive, &brought, error)
-                : MoveAsGeneration(source, destination, makeReadable, archive, error);
+    return copy ? CopyAsGeneration(source, destination, makeReadable, archive, {}, &brought, error)
+                : MoveAsGeneration(source, destination, makeReadable, archive, /*keepLinks=*/false, error);
 }
 
-bool _AddPathAsGeneration(const char *source, const char *destination, bool copy, BroughtMetadata *brought,
-                          TQError **error)
+bool _AddPathAsGeneration(const char *source, const char *destination, const AddManner &manner,
+                          BroughtMetadata *brought, TQError **error)
 {
     *brought = {};
-    return copy ? CopyAsGeneration(source, destination, /*makeReadable=*/false, /*archive=*/true, brought, error)
-                : MoveAsGeneration(source, destination, /*makeReadable=*/false, /*archive=*/true, error);
+    return manner.copy
+               ? CopyAsGeneration(source, destination, /*makeReadable=*/false, /*archive=*/true, manner, brought, error)
+               : MoveAsGeneration(source, destination, /*makeReadable=*/false, /*archive=*/true, manner.keepLinks,
+                                  error);
 }
 
 int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *source, const char *destination,
@@ -260,6 +305,9 @@ int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *sour
         return duplix_answer::Skip;
     }
     if (!IsItemFinished(what, stage)) return duplix_answer::Continue;
+    if (!state->finished && S_ISREG(state->source->mode)) return FinishShared(*state, *context);
+    if (S_ISLNK(state->source->mode) && context->source && strcmp(source, context->source) != 0)
+        return duplix_answer::Continue; // a link that is kept is as it should be
 
     TQFileStatus status;
     if (!GetCopiedStatus(*state, &status)) {
@@ -294,13 +342,6 @@ int QuitOnCopyError(TQError **error, int what, int stage, const char *source, co
     Failure(target).Errno("duplix callback got an error what=%d stage=%d src=%s dst=%s", what, stage, source,
                           destination);
     return duplix_answer::Quit;
-}
-
-bool GetCopiedStatus(const DuplixState &state, TQFileStatus *status)
-{
-    if (!state.finished) return platform::GetStatus(state.destination, Links::Follow, status) == 0;
-    *status = state.finished->status; // what the copy service has just set need not be read again
-    return true;
 }
 
 int64_t TQComputeTreeSize(const char *path, TQError **error)

@@ -115,6 +115,7 @@ struct TreeArchiving {
     bool makeReadable;
     bool moved;
     uint64_t *totalSize; // may be null
+    bool keepLinks = false;
     platform::VolumeMemory volumes{};
 };
 
@@ -149,8 +150,10 @@ bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus
             return false;
         if (how.totalSize) *how.totalSize += entry.status.size;
         break;
+    case Kind::Link: // has neither rights nor attributes that could be recorded
+        if (how.keepLinks && entry.level > 0) return true;
+        break;
     case Kind::DirectoryDone:
-    case Kind::Link:
     case Kind::Other:
         break;
     }
@@ -271,7 +274,8 @@ bool TQArchiveTree(const char *path, bool makeReadable, uint64_t *totalSize, TQE
     return ArchiveTree(path, {.makeReadable = makeReadable, .moved = false, .totalSize = totalSize}, error);
 }
 
-bool _ArchiveMovedTree(const char *path, bool makeReadable, TQError **error)
+bool _ArchiveMovedTree(const char *path, bool makeReadable, bool keepLinks, TQError **error)
 {
-    return ArchiveTree(path, {.makeReadable = makeReadable, .moved = true, .totalSize = nullptr}, error);
+    return ArchiveTree(
+        path, {.makeReadable = makeReadable, .moved = true, .totalSize = nullptr, .keepLinks = keepLinks}, error);
 }

@@ -138,15 +138,9 @@ int _DuplixUnarchiveCallback(int what, int stage, DuplixState *state, const char
     if (IsSidecarStart(what, stage, source)) return duplix_answer::Skip;
     if (state->attribute && IsStoreAttribute(state->attribute)) return duplix_answer::Skip;
     if (!IsItemFinished(what, stage)) return duplix_answer::Continue;
-
-    TQFileStatus status;
-    if (!GetCopiedStatus(*state, &status)) {
-        Failure(error).Errno("Failed to stat dest path \"%s\"", destination);
-        return duplix_answer::Quit;
-    }
-    (void)_TransferBirthTimeTo(state->destination, source, *state->source);
-
-    // A link that somebody put into the store comes out as a link; its target is not ours to change.
+    // A link comes out as it is, wherever it leads.
     if (!state->finished) return duplix_answer::Continue;
+
+    (void)_TransferBirthTimeTo(state->destination, source, *state->source);
     return Unarchive(*state->finished, destination, error) ? duplix_answer::Continue : duplix_answer::Quit;
 }

@@ -60,6 +60,14 @@ void PutBackOptions(const Item &item, const BroughtOptions &options)
         (void)platform::RemoveAttribute(item, Links::Follow, kOptionsAttribute);
 }
 
+void PutBackInfo(const Item &item, const BroughtInfo &info)
+{
+    if (info.bytes)
+        (void)platform::SetAttribute(item, Links::Follow, kInfoAttribute, info.bytes->data(), info.bytes->size());
+    else if (info.isKnown && !info.isThere)
+        (void)platform::RemoveAttribute(item, Links::Follow, kInfoAttribute);
+}
+
 // Best effort, item by item: what can't be undone stays protected, and its byte still says what it had.
 void UndoArchiving(const TreeWalk::Entry &entry, const MovedDocument &document)
 {
@@ -80,6 +88,7 @@ void UndoArchiving(const TreeWalk::Entry &entry, const MovedDocument &document)
     if (isRecorded) (void)platform::RemoveAttribute(item, Links::Follow, kSavedPermissionsAttribute);
     const bool isTop = entry.level == 0 && document.knowsTop && entry.status.inode == document.top.inode;
     if (isTop) PutBackOptions(item, document.topOptions);
+    if (isTop) PutBackInfo(item, document.topInfo);
     if ((rights.mode & 0200) == 0) (void)platform::SetModeOfPinned(pinned.get(), rights.mode);
     (void)platform::SetFlagsOfPinned(pinned.get(), now, rights.flags);
 }

@@ -8,6 +8,7 @@
 #include "Platform/Attributes.h"
 #include "Platform/ErrnoKeeper.h"
 #include "Runtime/Ref.h"
+#include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
 
 #include <vaultry/data.h>
@@ -61,12 +62,13 @@ Ref<TQData> ReadInfoAttribute(const Item &item, bool *absent, TQError **error)
 
 bool WriteInfoDictionary(const char *path, TQDictionary *info, TQError **error)
 {
-    if (TQDictionaryGetCount(info) == 0) return _SetEAOnGeneration(path, kInfoAttribute, nullptr, 0, error);
+    if (TQDictionaryGetCount(info) == 0) return _WriteProtectedAttribute(path, kInfoAttribute, nullptr, 0, error);
 
     Ref<TQError> why;
     const auto data = Ref<TQData>::Adopt(TQPropertyListCreateData(info, why.out()));
     if (data)
-        return _SetEAOnGeneration(path, kInfoAttribute, TQDataGetBytes(data.get()), TQDataGetLength(data.get()), error);
+        return _WriteProtectedAttribute(path, kInfoAttribute, TQDataGetBytes(data.get()), TQDataGetLength(data.get()),
+                                        error);
 
     const ErrnoKeeper keeper;
     if (LogAdmits(kLogError)) {
@@ -126,13 +128,21 @@ bool TQSetInfoValue(const char *path, TQString *key, TQValue *value, TQError **e
         return Failure(error).Refused(kTQStatusNoSuchAttribute, "property not found");
     if (value && !TQDictionarySetValue(info.get(), key, value))
         return Failure(error).Status(kTQStatusFailed, "malloc failed");
-    return WriteInfoDictionary(path ? path : "", info.get(), error);
+    if (!path) path = "";
+    return WriteInfoDictionary(path, info.get(), error) && _FlushItem(path, error);
 }
 
 bool TQSetInfoValues(const char *path, const TQDictionary *values, TQError **error)
 {
+    if (!path) path = "";
+    if (TQDictionaryGetCount(values) == 0)
+        return Failure(error).Refused(kTQStatusInvalidArgument, "no values were supplied");
+    return _WriteInfoValues(path, values, error) && _FlushItem(path, error);
+}
+
+bool _WriteInfoValues(const char *path, const TQDictionary *values, TQError **error)
+{
     const size_t count = TQDictionaryGetCount(values);
-    if (count == 0) return Failure(error).Refused(kTQStatusInvalidArgument, "no values were supplied");
     const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(path, error));
     if (!info) return false;
 
@@ -142,5 +152,5 @@ bool TQSetInfoValues(const char *path, const TQDictionary *values, TQError **err
     for (size_t i = 0; allSet && i < count; ++i)
         allSet = TQDictionarySetValue(info.get(), entries[i], entries[count + i]);
     if (!allSet) return Failure(error).Status(kTQStatusFailed, "malloc failed");
-    return WriteInfoDictionary(path ? path : "", info.get(), error);
+    return WriteInfoDictionary(path, info.get(), error);
 }

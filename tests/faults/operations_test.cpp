@@ -37,6 +37,17 @@ protected:
         SCOPED_TRACE(operation.name);
         Sweeper(operation, GetParam()).Walk();
     }
+    static void AddLink(Scene &scene)
+    {
+        const std::string folder = scene.document;
+        const int flags = disk::Flags(folder);
+        disk::SetFlags(folder, 0);
+        chmod(folder.c_str(), 0755);
+        EXPECT_EQ(symlink("nowhere", (folder + "/symlink").c_str()), 0);
+        chmod(folder.c_str(), 0555);
+        disk::SetFlags(folder, flags);
+        scene.store.RememberDocument();
+    }
     // Only for a user with the capability: root lifts no flags, so a flag would stop root.
     void SetFlags(const std::string &path) const
     {
@@ -57,6 +68,17 @@ TEST_P(FaultsWhile, Adding)
                    .unfinished = copy ? "" : "/document.*|/outside",
                    .table = copy ? "" : "A move"});
     ExpectEveryRowMet("A move");
+
+    // Two of the files are those of "kept".
+    const auto base = String("kept");
+    const Value info = Dictionary({{Text("key"), Text("value")}});
+    const TQAddRequest request{
+        .size = sizeof request, .flags = kTQAddKeepLinks, .options = 6, .base = base.get(), .info = Cast{info}};
+    Sweep({.name = "add a folder that shares its files",
+           .kind = kFolder,
+           .prepare = [this](Scene &scene) { AddLink(scene); },
+           .run = DO(TQClientManagedStorageAddWithFlags(store, "g", scene.document.c_str(), &request, why)),
+           .subject = "g"});
 }
 
 TEST_P(FaultsWhile, CopyingOut)
@@ -177,6 +199,24 @@ TEST_P(FaultsWhile, CreatingRemovingAndDestroying)
     Sweep({.name = "remove a folder",
            .kind = kFolder,
            .prepare = [](Scene &scene) { disk::SetFlags(scene.store.Generation("kept"), FS_IMMUTABLE_FL); },
+           .run = DO(TQClientManagedStorageRemoveGenerations(store, names.get(), why)),
+           .subject = "kept"});
+
+    const auto base = String("kept");
+    const TQAddRequest sharing{.size = sizeof sharing, .flags = 0, .options = 6, .base = base.get(), .info = nullptr};
+    Sweep({.name = "remove a folder whose files are shared",
+           .kind = kFolder,
+           .prepare =
+               [&](Scene &scene) {
+                   const std::string &document = scene.document;
+                   EXPECT_TRUE(TQClientManagedStorageAddWithFlags(scene.store.handle(), "sharer", document.c_str(),
+                                                                  &sharing, nullptr));
+                   if (!QuickVolume().empty()) { // which can't clone
+                       struct stat shared {};
+                       (void)stat(scene.store.Generation("sharer/twin").c_str(), &shared);
+                       EXPECT_EQ(shared.st_nlink, 2U);
+                   }
+               },
            .run = DO(TQClientManagedStorageRemoveGenerations(store, names.get(), why)),
            .subject = "kept"});
 

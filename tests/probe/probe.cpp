@@ -49,6 +49,11 @@ struct Words {
     std::vector<std::string> words;
     const char *operator[](size_t i) const { return i < words.size() ? words[i].c_str() : nullptr; }
     bool Say(const char *word) const { return std::find(words.begin(), words.end(), word) != words.end(); }
+    const char *After(const char *word) const
+    {
+        const auto found = std::find(words.begin(), words.end(), word);
+        return found == words.end() ? nullptr : (*this)[static_cast<size_t>(found - words.begin()) + 1];
+    }
 };
 
 bool Say(const auto &...said)
@@ -80,6 +85,7 @@ void Show(const std::string &path)
 {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) return void(Say(path, ": ", strerror(errno)));
+    if (S_ISLNK(status.st_mode)) return void(Say(path, " -> ", std::filesystem::read_symlink(path).native()));
     std::cout << path << (S_ISDIR(status.st_mode) ? "/ " : " ") << std::oct << (status.st_mode & 07777U) << std::dec;
     const std::pair<int, char> letters[] = {
         {FS_IMMUTABLE_FL, 'i'}, {FS_APPEND_FL, 'a'}, {FS_COMPR_FL, 'c'}, {FS_NODUMP_FL, 'd'}};
@@ -362,6 +368,23 @@ const std::map<std::string, Function> kFunctions = {
          const uint64_t options = w[2] && !w.Say("move") ? std::stoull(w[2], nullptr, 0) : 0;
          return TQClientManagedStorageAdd(store, w[0], w[1], options, error, !w.Say("move"));
      })},
+    {"add-with", // NAME DOCUMENT [move] [links] [base NAME] [note TEXT] [flags N] [longer]
+     OnStore([](const TQClientManagedStorage *store, const Words &w, TQError **error) {
+         const auto base = String(w.After("base") ? w.After("base") : "");
+         const auto note = vaultry::Dictionary::of({{"note", w.After("note") ? w.After("note") : ""}});
+         struct {
+             TQAddRequest request{};
+             bool more = false;
+         } asked;
+         asked.request.size = w.Say("longer") ? sizeof asked : sizeof asked.request;
+         asked.request.flags = w.Say("move") ? kTQAddByMoving : 0;
+         if (w.Say("links")) asked.request.flags |= kTQAddKeepLinks;
+         if (w.After("flags")) asked.request.flags = std::stoull(w.After("flags"), nullptr, 0);
+         asked.request.base = w.After("base") ? base.get() : nullptr;
+         asked.request.info = w.After("note") ? note.get() : nullptr;
+         asked.more = w.Say("longer") && w.Say("more");
+         return TQClientManagedStorageAddWithFlags(store, w[0], w[1], &asked.request, error);
+     })},
     {"remove", // NAME...
      OnStore([](const TQClientManagedStorage *store, const Words &w, TQError **error) {
          return TQClientManagedStorageRemoveGenerations(store, Names(w.words).get(), error);
@@ -377,12 +400,18 @@ const std::map<std::string, Function> kFunctions = {
          return TQClientManagedStorageCopyGeneration(store, w[0], w[1], error);
      })},
     {"destroy", [](const Words &w, TQError **error) { return TQClientManagedStorageDestroy(w[0], error); }},
-    {"restore", // NAME DOCUMENT [BACKUP], by the library
+    {"restore", // NAME DOCUMENT [BACKUP [links] [base NAME]], by the library
      [](const Words &w, TQError **error) {
          const auto library =
              Ref<TQLibrary>::Adopt(TQLibraryCreateClientManaged(nullptr, FileURL(w[0]).get(), error));
-         return library && TQLibraryRestoreGeneration(library.get(), String(w[1]).get(), FileURL(w[2]).get(),
-                                                      w[3] ? String(w[3]).get() : nullptr, error);
+         const auto backup = String(w[3] ? w[3] : ""), base = String(w.After("base") ? w.After("base") : "");
+         TQRestoreRequest request{};
+         request.size = sizeof request;
+         request.flags = w.Say("links") ? kTQRestoreKeepLinks : 0;
+         request.backupName = w[3] ? backup.get() : nullptr;
+         request.backupBase = w.After("base") ? base.get() : nullptr;
+         return library && TQLibraryRestoreGenerationWithFlags(library.get(), String(w[1]).get(), FileURL(w[2]).get(),
+                                                               &request, error);
      }},
     {"findings", SayFindings}, // [repair]
     {"query", SayRecords},       // SPEC, a property list's file, [NAME], by the library
