@@ -4,8 +4,8 @@
 #include "vaultry_client_managed.h"
 #include "vaultry_client_managed_folder.h"
 #include "vaultry_client_managed_nesting.h"
-#include "vaultry_client_managed_staging.h"
 #include "vaultry_client_managed_request.h"
+#include "vaultry_client_managed_staging.h"
 
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"

@@ -9,8 +9,8 @@
 #include <vaultry/path.h>
 
 struct TreeRemoval {
-    bool keepRoot = false;    // a root directory stays
-    bool keepsShared = false; // no flag is taken from a file with several links, which may be that of a generation
+    bool keepRoot = false;      // a root directory stays
+    bool keepsShared = false;   // no flag is taken from a file with several links, which may be that of a generation
     const char *last = nullptr; // an entry directly below the root that goes when all else has gone
     // What the root must be (device and inode), else ESTALE. Null: whatever is there.
     const TQFileStatus *expected = nullptr;
