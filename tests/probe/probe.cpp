@@ -19,6 +19,7 @@
 
 #include <vaultry/vaultry.hpp>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -359,7 +360,7 @@ const std::map<std::string, Function> kFunctions = {
     {"make-store", OnStore([](const TQClientManagedStorage *, const Words &, TQError **) { return true; })},
     {"keep", // NAME DOCUMENT [OPTIONS] [move]
      OnStore([](const TQClientManagedStorage *store, const Words &w, TQError **error) {
-         const uint64_t options = w[2] && !w.Say("move") ? std::stoull(w[2], nullptr, 0) : 0;
+         const uint64_t options = w[2] && isdigit(*w[2]) ? std::stoull(w[2], nullptr, 0) : 0;
          return TQClientManagedStorageAdd(store, w[0], w[1], options, error, !w.Say("move"));
      })},
     {"remove", // NAME...
