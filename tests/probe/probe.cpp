@@ -23,6 +23,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <functional>
 #include <iomanip>
 #include <iostream>
@@ -42,6 +43,15 @@ extern "C" int statx(int directory, const char *name, int flags, unsigned mask, 
     const char *const ahead = getenv("AHEAD");
     if (result == 0 && ahead && out->stx_nlink == 0) out->stx_ctime.tv_sec += atol(ahead);
     return result;
+}
+
+// Ends an operation of another process while the library waits for that: removes its directory $ENDS.
+extern "C" int nanosleep(const struct timespec *time, struct timespec *rest)
+{
+    const char *const ends = getenv("ENDS");
+    if (!ends) return clock_nanosleep(CLOCK_REALTIME, 0, time, rest) == 0 ? 0 : -1;
+    std::filesystem::remove_all(ends);
+    return 0;
 }
 
 namespace {
