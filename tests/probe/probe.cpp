@@ -300,9 +300,9 @@ const std::map<std::string, Function> kFunctions = {
     {"flags", // reads or sets an item's flags; its birth time is known on every file system here
      [](const Words &w, TQError **) {
          const Item item = Item::AtPath(w[0]);
+         const auto flags = static_cast<uint32_t>(w[1] ? std::stoul(w[1], nullptr, 0) : 0);
          errno = 0;
-         if (w[1] && platform::SetFlags(item, Links::NoFollow, static_cast<uint32_t>(std::stoul(w[1], nullptr, 0))) != 0)
-             return !Say(strerrorname_np(errno));
+         if (w[1] && platform::SetFlags(item, Links::NoFollow, flags) != 0) return !Say(strerrorname_np(errno));
          TQFileStatus status{};
          const bool known = platform::GetStatus(item, Links::NoFollow, &status) == 0;
          return known && Say("flags ", status.flags, status.hasBirthTime ? "" : ", not born");
