@@ -267,8 +267,8 @@ void Beside::TakeBlockingFlags()
     if (copy_ && platform::SetFlagsOfKnown(copy_.get(), status_, flags) == 0) status_.flags = flags;
 }
 
-// The times that a copy brought along are older than its placeholder; one that was copied from another volume is younger.
-// What can't be told counts as worked on.
+// The times that a copy brought along are older than its placeholder; one that was copied from another volume is
+// younger. What can't be told counts as worked on.
 bool Beside::IsWorkedOn() const
 {
     const ErrnoKeeper keeper;

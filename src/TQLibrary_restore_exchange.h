@@ -7,9 +7,9 @@
 // before.
 //
 // Always: each object undoes what it did when its scope ends without success. The way back removes or renames only what
-// was put there, known by device and inode. There are three exceptions. Once a part of the old document has gone, the new
-// one stays. A copy that somebody has worked on under the document's name stays beside it. And a document that can't be
-// put back stays where it is. The last two write a line in the log.
+// was put there, known by device and inode. There are three exceptions. Once a part of the old document has gone, the
+// new one stays. A copy that somebody has worked on under the document's name stays beside it. And a document that
+// can't be put back stays where it is. The last two write a line in the log.
 
 #pragma once
 

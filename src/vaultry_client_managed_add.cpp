@@ -1,5 +1,5 @@
-// Adding a generation: built, archived and flushed in staging, then moved to its name by one rename. The store is locked
-// only at both ends: to find the place, and to move the item there.
+// Adding a generation: built, archived and flushed in staging, then moved to its name by one rename. The store is
+// locked only at both ends: to find the place, and to move the item there.
 
 #include "vaultry_client_managed.h"
 #include "vaultry_client_managed_folder.h"

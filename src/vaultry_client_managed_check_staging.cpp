@@ -123,9 +123,9 @@ void CheckLitter(const Unique &unique, bool isDead, Findings &findings)
                      "Something was staged here less than an hour ago: a copy in use, or one that was interrupted.");
 }
 
-// Whether to give a document back to a folder. A note that root made in somebody else's store would lead root through any
-// link of theirs, so the folder has to be the one that the document was taken from. Others go where their rights let
-// them. An earlier version noted no folder.
+// Whether to give a document back to a folder. A note that root made in somebody else's store would lead root through
+// any link of theirs, so the folder has to be the one that the document was taken from. Others go where their rights
+// let them. An earlier version noted no folder.
 bool MayGoTo(const OpenedFolder &folder, const Unique &unique)
 {
     const OwnerNote &note = unique.owner.note;

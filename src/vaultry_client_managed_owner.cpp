@@ -50,8 +50,8 @@ public:
             static_cast<uint64_t>(mark.modifiedNanoseconds));
     }
 
-    // Writes it at `*end`, which then is where it ends: a volume may be late to tell a file's size. In one call, since a
-    // note that is not whole is not believed.
+    // Writes it at `*end`, which then is where it ends: a volume may be late to tell a file's size. In one call, since
+    // a note that is not whole is not believed.
     bool WriteTo(int fd, off_t *end) const
     {
         const ssize_t written = pwrite(fd, text_, length_, *end);

@@ -87,8 +87,7 @@ private:
     // Where a generation goes. Null if there is no place.
     const char *PlaceFor(const char *generation, TQError **error)
     {
-        const char *place = staging_ ? staging_->NextPlace() : nullptr;
-        if (place) return place;
+        if (staging_) return staging_->NextPlace();
         staging_.emplace();
         if (staging_->Make(root_, OwnerNote::Of(Work::Remove, generation), error)) return staging_->NextPlace();
         staging_.reset();

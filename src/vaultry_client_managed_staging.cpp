@@ -94,28 +94,27 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
 }
 
 static constexpr size_t kStagedLength = sizeof kStagedName - 1;
-static constexpr unsigned kMostPlaces = 1000000; // as many numbers as the name has room for
+static constexpr char kDigits[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ"; // no letter of kStagedName
+static constexpr unsigned kBase = sizeof kDigits - 1;
 
 bool IsStagedName(const char *name)
 {
-    return strcmp(name, kStagedName) == 0 ||
-           (strlen(name) == kStagedLength && strspn(name, "0123456789") == kStagedLength);
+    return strcmp(name, kStagedName) == 0 || (strlen(name) == kStagedLength && strspn(name, kDigits) == kStagedLength);
 }
 
 // The path of the place with this number. Only the last component changes.
 const char *StagingDirectory::NamePlace(unsigned number)
 {
     char *const name = staged_.data() + strlen(staged_.c_str()) - kStagedLength;
-    if (number == 0)
-        memcpy(name, kStagedName, kStagedLength);
-    else
-        (void)snprintf(name, kStagedLength + 1, "%06u", number % kMostPlaces);
+    memcpy(name, kStagedName, kStagedLength);
+    if (number == 0) return staged_.c_str();
+    for (size_t i = kStagedLength; i > 0; number /= kBase) name[--i] = kDigits[number % kBase];
     return staged_.c_str();
 }
 
 const char *StagingDirectory::NextPlace()
 {
-    return places_ == kMostPlaces ? nullptr : NamePlace(places_++);
+    return NamePlace(places_++);
 }
 
 StagingDirectory::~StagingDirectory()

@@ -5,7 +5,7 @@
 #include "vaultry_client_managed_owner.h"
 
 // The item in the making, in it. Where several are on their way out, those after the first are named by numbers of the
-// same length.
+// same length, of which there are two thousand million.
 inline constexpr char kStagedName[] = "staged";
 bool IsStagedName(const char *name);
 
@@ -37,7 +37,7 @@ public:
     // A descriptor on its volume that was opened before anything was written here.
     int openedFirst() const { return owner_.get(); }
 
-    // Where the next item on its way out goes, for an operation that has several; null when no name is left.
+    // Where the next item on its way out goes, for an operation that has several.
     const char *NextPlace();
 
     // Where the item in the making goes, or the last one on its way out.

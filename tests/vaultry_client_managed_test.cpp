@@ -1,3 +1,5 @@
+#include "vaultry_client_managed_staging.h"
+
 #include "support/Tests.h"
 
 namespace {
@@ -15,6 +17,22 @@ TEST(StoreLife, NullIsNoStoreNoNameAndNoDocument)
                  TQClientManagedStorageAdd(s, "g", nullptr, 0, nullptr, true) ||
                  TQClientManagedStorageCopyGeneration(s, "g", nullptr, nullptr));
     EXPECT_EQ(InChild(CALL(TQClientManagedStorageRemoveGenerations(s, nullptr, why))).status, 105);
+}
+
+// All that one call removes is deleted when it has given the lock back, so it has to fit into one directory.
+TEST(StoreStaging, HasAPlaceForEachOfAMillionRemovals)
+{
+    const TestStore store;
+    StagingDirectory staging;
+    ASSERT_TRUE(staging.Make(store.root().c_str(), OwnerNote::Of(Work::Remove, "g"), nullptr));
+    EXPECT_STREQ(basename(staging.NextPlace()), kStagedName);
+    std::string last;
+    for (int places = 1; places <= 1000000; ++places) {
+        const std::string name = basename(staging.NextPlace());
+        ASSERT_TRUE(last < name && IsStagedName(name.c_str())) << last << ' ' << name;
+        last = name;
+    }
+    staging.Keep();
 }
 
 } // namespace

@@ -124,19 +124,19 @@ typedef struct TQRestoreRequest {
     const TQDictionary *backupInfo; ///< the backup's TQAddRequest.info
 } TQRestoreRequest;
 
-/// Puts a generation in the place of a document, which keeps its own permissions, access-control lists, flags and hidden
-/// extension, and its owner and group where the caller may give them. Set-id bits are left out if it does not keep its
-/// owner or its group. A group that is not the document's may do no more with it than all others may.
+/// Puts a generation in the place of a document, which keeps its own permissions, access-control lists, flags and
+/// hidden extension, and its owner and group where the caller may give them. Set-id bits are left out if it does not
+/// keep its owner or its group. A group that is not the document's may do no more with it than all others may.
 ///
 /// The generation waits beside the document, under a name with "-tmp.nosync.", until it is whole, has the document's
 /// permissions and is on disk. Then the two are exchanged by one call, so that the document's path is never empty and
 /// never holds half of anything. The old document is removed last, and only if it is the item that was looked at first;
-/// a file must have the same size and modification time too. Changes that somebody saves inside the old folder meanwhile
-/// are not noticed. The removal is not flushed: a power cut right after a success can bring the old document back under
-/// such a name.
+/// a file must have the same size and modification time too. Changes that somebody saves inside the old folder
+/// meanwhile are not noticed. The removal is not flushed: a power cut right after a success can bring the old document
+/// back under such a name.
 ///
 /// Where the volume can't exchange, two renames do the same, and the path is empty between them. If the process is
-/// killed there, the document lies under such a name, and the repair of TQClientManagedStorageCopyFindings puts it back.
+/// killed there, the document lies under such a name, and a repair (TQClientManagedStorageCopyFindings) puts it back.
 ///
 /// If the extensions of `name` and of the document differ, the restored document gets the generation's, and nothing
 /// may stand at that path (kTQStatusExists). If the document is a link, the link itself is replaced, not its target. If

@@ -10,8 +10,8 @@
 /// alone. Most hold it for their own span. Adding and removing hold it alone only for the calls that change what the
 /// store lists, so nobody waits for their copies and deletions. Nothing times out, and a signal does not end the wait,
 /// unless the thread's current progress is cancelled when it comes: then nothing is done (kTQStatusFailed, ECANCELED
-/// underneath). A killed process gives the lock back, but a child that it forked during the operation keeps it until the
-/// child ends or runs another program.
+/// underneath). A killed process gives the lock back, but a child that it forked during the operation keeps it until
+/// the child ends or runs another program.
 ///
 /// Every function that takes a name reports, beside its own statuses:
 ///     kTQStatusInvalidArgument  the name is not a generation name, or there is no such generation
@@ -100,10 +100,10 @@ typedef struct TQAddRequest {
 ///                                   moving, is not all on the store's volume
 ///         kTQStatusFailed           also, when moving: something is mounted in the tree (EBUSY underneath)
 ///
-/// Shared lock while it begins, and exclusive lock for the moment in which the generation appears; none while it copies or
-/// flushes. So it waits for readers twice, and for other writers only as long as they change what is listed. If somebody
-/// else takes the name meanwhile: kTQStatusExists. When copying, it reports to the thread's current progress and can be
-/// cancelled through it.
+/// Shared lock while it begins, and exclusive lock for the moment in which the generation appears; none while it copies
+/// or flushes. So it waits for readers twice, and for other writers only as long as they change what is listed. If
+/// somebody else takes the name meanwhile: kTQStatusExists. When copying, it reports to the thread's current progress
+/// and can be cancelled through it.
 TQ_EXPORT bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *name, const char *source,
                                          uint64_t options, TQError **error, bool copy);
 

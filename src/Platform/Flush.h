@@ -15,7 +15,7 @@ int FlushFd(int fd);
 // opened, and earlier ones if nobody was told of them yet.
 int FlushVolumeOfFd(int fd);
 
-// Begins to write the content of an open file, and does not wait for it. Only the flush that follows can tell a failure.
+// Begins to write the content of an open file, without waiting for it. Only the flush that follows can tell a failure.
 void BeginFlushOfFd(int fd);
 
 // Whether so much that anybody has written waits for a disk that a flush of the volume of an open item could take long.

@@ -98,14 +98,14 @@ bool FlushFolder(const UniqueFd &directory, const ParentPath &parent, const char
 
 // Flushing a volume waits for all that anybody has written there. If that is much, a tree of no more than this is
 // flushed item by item: on ext4 with 1.5 GiB of others, 256 items take 0.1 s and their volume takes seconds. Without
-// others, one call for the volume is the quicker way from two items on. A larger tree, too, is quicker that way: and the
-// kernel tells a late error of an item to a descriptor that is opened later only as long as it keeps the item in memory,
-// which is likely for a small one.
+// others, one call for the volume is the quicker way from two items on. A larger tree, too, is quicker that way: and
+// the kernel tells a late error of an item to a descriptor that is opened later only as long as it keeps the item in
+// memory, which is likely for a small one.
 constexpr int kMostItems = 256;
 constexpr uint64_t kMostBytes = 256U << 20;
 
-// Calls `visit` with a descriptor on each file, and on each directory after its contents. False if the tree is not small,
-// or one of its items can't be flushed by a descriptor, or `visit` says so.
+// Calls `visit` with a descriptor on each file, and on each directory after its contents. False if the tree is not
+// small, or one of its items can't be flushed by a descriptor, or `visit` says so.
 template <class Visit> bool ForEachOfSmallTree(const char *path, const Visit &visit)
 {
     int items = 0;

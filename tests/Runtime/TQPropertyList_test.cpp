@@ -147,7 +147,8 @@ TEST(PropertyList, SharedContainersCostWhatTheyTake)
 //         'integers': [0, 255, 256, 65535, 65536, 1 << 32, (1 << 63) - 1, -1, -(1 << 63), 1 << 63, (1 << 64) - 1],
 //         'reals': [0.5, -1e300, float('inf'), 1.0], 'truths': [True, False, 1, 0],
 //         'apart': [1, 1.0, True, '1', b'1'] * 100,
-//         'texts': ['', '14 characters.', '15 characters..', 'é€😀', 'x' * 70000, 'zero\0'], 'data': [b'', b'\xff' * 300],
+//         'texts': ['', '14 characters.', '15 characters..', 'é€😀', 'x' * 70000, 'zero\0'],
+//         'data': [b'', b'\xff' * 300],
 //         'dates': [datetime.datetime(2001, 9, 9, 1, 46, 40, 500000), datetime.datetime(1938, 4, 24)],
 //         'ключ': {}, 'many': {f'key {i}': i * i for i in range(300)}, 'nested': [[[[[['deep']]]]]],
 //     }, open('by_python.plist', 'wb'), fmt=plistlib.FMT_BINARY, sort_keys=False)

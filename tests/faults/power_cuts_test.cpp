@@ -205,9 +205,8 @@ TEST_P(PowerCuts, WhatReturnedTrueStaysAndNothingIsTorn)
 
 int flushes = -1; // by the client below so far; not counted if negative
 int alive[2];     // its child ends when nobody holds this pipe's end for writing
-bool isToDie;
+int lastFlush;    // at which it dies; 0 if it lives
 
-// A move flushes its note by three calls. Then, with the document in staging, it flushes that.
 void CountFlush()
 {
     if (flushes < 0) return;
@@ -218,7 +217,7 @@ void CountFlush()
         (void)!read(alive[0], &byte, 1);
         _exit(0);
     }
-    if (flushes == 4 && isToDie) (void)kill(getpid(), SIGKILL);
+    if (flushes == lastFlush) (void)kill(getpid(), SIGKILL);
 }
 
 bool CanTake(const std::string &path)
@@ -230,33 +229,52 @@ bool CanTake(const std::string &path)
 }
 
 // A child that is forked in the middle shares its parent's open files. A lock that the parent gives back is gone for
-// both; that of the owner file stays as long as the child lives.
+// both; one that it held when it was killed stays as long as the child lives.
 TEST(ForkedClients, KeepWhatAKilledOneHeldAndNothingOfOneThatLives)
 {
-    for (const bool dies : {true, false}) {
-        SCOPED_TRACE(dies);
+    const auto move = [](const TestStore &store) { return store.Add("g", nullptr, /*copy=*/false); };
+    const auto set = [](const TestStore &store) {
+        return TQClientManagedStorageSetGenerationOptions(store.handle(), "g", 6, nullptr);
+    };
+    const struct {
+        const char *what;
+        std::function<bool(const TestStore &)> run;
+        bool moves;
+        int lastFlush;
+        bool keepsLock = false; // the store's
+    } rows[] = {
+        // It flushes its note by three calls. Then, with the document in staging and without the lock, it flushes that.
+        {"a move that is killed", move, true, 4},
+        {"a move", move, true, 0},
+        {"setting options, killed", set, false, 1, true},
+        {"setting options", set, false, 0},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        const bool dies = row.lastFlush != 0, isStaged = row.moves && dies;
         TestStore store(Document::File);
+        EXPECT_TRUE(row.moves || store.Add("g"));
         ASSERT_EQ(pipe2(alive, O_CLOEXEC), 0);
         const pid_t client = fork();
         if (client == 0) {
             flushes = 0;
-            isToDie = dies;
-            _exit(store.Add("g", nullptr, /*copy=*/false) ? 0 : 1);
+            lastFlush = row.lastFlush;
+            _exit(row.run(store) ? 0 : 1);
         }
         int ended = 0;
         EXPECT_EQ(waitpid(client, &ended, 0), client);
         EXPECT_TRUE(dies ? WIFSIGNALED(ended) : ended == 0);
         const std::string lock = store.root() + "/.vaultry_lockfile", staging = store.Staging();
         const auto owner = [&] { return staging + "/" + disk::List(staging).front() + "/.vaultry_owner"; };
-        EXPECT_TRUE(CanTake(lock)); // nobody holds it while the document is flushed
-        EXPECT_EQ(disk::Exists(store.document()), false);
-        EXPECT_EQ(disk::List(staging).size(), dies ? 1U : 0U);
-        EXPECT_TRUE(!dies || !CanTake(owner()));
+        EXPECT_EQ(CanTake(lock), !row.keepsLock);
+        EXPECT_EQ(disk::Exists(store.document()), !row.moves);
+        EXPECT_EQ(disk::List(staging).size(), isStaged ? 1U : 0U);
+        EXPECT_TRUE(!isStaged || !CanTake(owner()));
         (void)close(alive[1]);
-        for (int i = 0; i < 5000 && (!CanTake(lock) || (dies && !CanTake(owner()))); ++i) usleep(1000);
+        for (int i = 0; i < 5000 && (!CanTake(lock) || (isStaged && !CanTake(owner()))); ++i) usleep(1000);
         (void)close(alive[0]);
-        store.CheckInvariants(dies ? "" : "g", /*killed=*/true);
-        EXPECT_TRUE(!dies || ContentsOfDocument(store.document()) == store.contents());
+        store.CheckInvariants(isStaged ? "" : "g", /*killed=*/true);
+        EXPECT_TRUE(!isStaged || ContentsOfDocument(store.document()) == store.contents());
     }
 }
 

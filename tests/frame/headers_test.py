@@ -1,4 +1,4 @@
-"""Each public header compiles alone, and twice over, in the languages of its clients, under harsher warnings than ours."""
+"""Each public header compiles alone, and twice over, in its clients' languages, under harsher warnings than ours."""
 import concurrent.futures
 import pathlib
 import shutil

@@ -25,6 +25,14 @@ def exported(header):
     return re.findall(r"TQ_EXPORT[^;{]*?\b(\w+)\s*\(", text(header))
 
 
+# A line ends at column 120 at the latest, unless it is a row of a table.
+for path in root.rglob("*"):
+    name = str(path.relative_to(root))
+    is_ours = re.match(r"(?!build/).*(\.(c|cmake|cpp|h|hpp|md|py)|CMakeLists\.txt)$|(scripts/[\w-]+|check|try)$", name)
+    for number, line in enumerate(text(name).splitlines() if is_ours else [], 1):
+        if len(line) > 120 and not line.startswith("|"):
+            problems.append(f"{name}:{number} has {len(line)} columns")
+
 page = text("docs/architecture.md")
 tests = " ".join(str(path.relative_to(root)) for path in (root / "tests").rglob("*.cpp"))
 

@@ -1,5 +1,5 @@
-"""The installed library serves the client that README.md shows, found by pkg-config and by CMake; and the examples build
-against it as their comments say."""
+"""The installed library serves the client that README.md shows, found by pkg-config and by CMake; and the examples
+build against it as their comments say."""
 import os
 import pathlib
 import re

@@ -42,10 +42,10 @@ problems += [f"include/vaultry/{header}:{line}: {name} has no doc comment"
 # Functions that would change the library's process, write on its behalf or end it. One is deliberate: a lock that can't
 # be released would stop every other process for good.
 FORBIDDEN = re.compile(r"f?chdir|chroot|umask|(set|use|new)locale|signal|sig(action|procmask|wait|suspend|altstack)|"
-                       r"pthread_(sigmask|create)|alarm|setitimer|timer_create|(un)?setenv|putenv|clearenv|(quick_)?_?exit|"
-                       r"_Exit|abort|raise|kill|v?[fd]?printf|f?puts|f?putc|putchar|p?write(64)?v?|f?write|perror|stdout|"
-                       r"stderr|_ZSt4(cout|cerr|clog)|v?fork|exec.*|posix_spawn.*|system|popen|set(re|res)?[ug]id|"
-                       r"setrlimit(64)?|nice|openlog|setlogmask|dlopen|atexit|srand(om)?|tzset")
+                       r"pthread_(sigmask|create)|alarm|setitimer|timer_create|(un)?setenv|putenv|clearenv|"
+                       r"(quick_)?_?exit|_Exit|abort|raise|kill|v?[fd]?printf|f?puts|f?putc|putchar|p?write(64)?v?|"
+                       r"f?write|perror|stdout|stderr|_ZSt4(cout|cerr|clog)|v?fork|exec.*|posix_spawn.*|system|popen|"
+                       r"set(re|res)?[ug]id|setrlimit(64)?|nice|openlog|setlogmask|dlopen|atexit|srand(om)?|tzset")
 table = subprocess.run(["nm", "-D", "--undefined-only", library], check=True, capture_output=True, text=True).stdout
 imports = {line.split()[-1].partition("@")[0] for line in table.splitlines()}
 forbidden = {name for name in imports if FORBIDDEN.fullmatch(name)} - {"abort", "pwrite64"}

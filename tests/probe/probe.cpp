@@ -19,9 +19,11 @@
 
 #include <vaultry/vaultry.hpp>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <functional>
 #include <iomanip>
 #include <iostream>
@@ -41,6 +43,15 @@ extern "C" int statx(int directory, const char *name, int flags, unsigned mask, 
     const char *const ahead = getenv("AHEAD");
     if (result == 0 && ahead && out->stx_nlink == 0) out->stx_ctime.tv_sec += atol(ahead);
     return result;
+}
+
+// Ends an operation of another process while the library waits for that: removes its directory $ENDS.
+extern "C" int nanosleep(const struct timespec *time, struct timespec *rest)
+{
+    const char *const ends = getenv("ENDS");
+    if (!ends) return clock_nanosleep(CLOCK_REALTIME, 0, time, rest) == 0 ? 0 : -1;
+    std::filesystem::remove_all(ends);
+    return 0;
 }
 
 namespace {
@@ -295,9 +306,9 @@ const std::map<std::string, Function> kFunctions = {
     {"flags", // reads or sets an item's flags; its birth time is known on every file system here
      [](const Words &w, TQError **) {
          const Item item = Item::AtPath(w[0]);
+         const auto flags = static_cast<uint32_t>(w[1] ? std::stoul(w[1], nullptr, 0) : 0);
          errno = 0;
-         if (w[1] && platform::SetFlags(item, Links::NoFollow, static_cast<uint32_t>(std::stoul(w[1], nullptr, 0))) != 0)
-             return !Say(strerrorname_np(errno));
+         if (w[1] && platform::SetFlags(item, Links::NoFollow, flags) != 0) return !Say(strerrorname_np(errno));
          TQFileStatus status{};
          const bool known = platform::GetStatus(item, Links::NoFollow, &status) == 0;
          return known && Say("flags ", status.flags, status.hasBirthTime ? "" : ", not born");
@@ -365,7 +376,7 @@ const std::map<std::string, Function> kFunctions = {
     {"make-store", OnStore([](const TQClientManagedStorage *, const Words &, TQError **) { return true; })},
     {"keep", // NAME DOCUMENT [OPTIONS] [move]
      OnStore([](const TQClientManagedStorage *store, const Words &w, TQError **error) {
-         const uint64_t options = w[2] && !w.Say("move") ? std::stoull(w[2], nullptr, 0) : 0;
+         const uint64_t options = w[2] && isdigit(*w[2]) ? std::stoull(w[2], nullptr, 0) : 0;
          return TQClientManagedStorageAdd(store, w[0], w[1], options, error, !w.Say("move"));
      })},
     {"add-with", // NAME DOCUMENT [move] [links] [base NAME] [note TEXT] [flags N] [longer]

@@ -201,7 +201,8 @@ std::string MakePackage(const std::string &path)
         printf 'mine and yours' >Data/everyone; chmod 666 Data/everyone; ln Data/everyone Data/twin
         head -c 100000 /dev/zero | tr '\0' x >Data/Nested/Deep/leaf; chmod 600 Data/Nested/Deep/leaf
         truncate -s 2M Data/sparse; printf far >>Data/sparse; truncate -s 4M Data/sparse; chattr +d Info || :
-        setfattr -n user.com.example.kind -v package .; setfattr -n user.com.example.long -v $(printf %0600d) Data/listed
+        setfattr -n user.com.example.kind -v package .
+        setfattr -n user.com.example.long -v $(printf %0600d) Data/listed
         touch -d @1234567890.987654321 Info Data/listed Data/sparse Data/Nested/Deep Data/Nested Data .)sh");
     Require(made, path);
     return path;

@@ -1,5 +1,7 @@
 #!/usr/bin/python3
-"""A volume with the weaknesses of distributed ones: faulty_volume.py BACKING MOUNTPOINT [quota=BYTES] [sizeless] [lost=CALL,…]
+"""A volume with the weaknesses of distributed ones.
+
+    faulty_volume.py BACKING MOUNTPOINT [quota=BYTES] [sizeless] [lost=CALL,…]
 
 Shows BACKING. Data reaches it when the writing descriptor is flushed or closed, and only that descriptor is told that
 there is no room; a flush of the whole volume reaches nobody. Access lists can be read but are not listed. If sizeless,

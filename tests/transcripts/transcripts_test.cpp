@@ -3,7 +3,8 @@
 //     == A title                    a fresh directory and a fresh shell, with vaultry and probe at hand; the commands
 //                                   before the first title begin every section
 //     $ command                     goes on in the next line after "> "
-//     answer                        both of its streams, the directory's name as "$", a time of this century as "TIME", unique letters as "*"
+//     answer                        both of its streams, the directory's name as "$", a time of this century as "TIME",
+//                                   unique letters as "*"
 //     [1]                           its exit status, unless it is 0
 //
 // Empty lines and those that begin with "#" are for the reader. "[root]" before a line, or after "==", is a condition
