@@ -39,7 +39,7 @@ bool TQLibraryAddGenerationWithOptionsByCopyingFile(TQLibrary *library, const TQ
 {
     const DeferredScope scope;
     const TQAddRequest request{
-        .size = sizeof request, .flags = 0, .options = options, .base = nullptr, .info = nullptr};
+        .size = sizeof request, .flags = 0, .options = options, .base = nullptr, .info = nullptr, .sizeKey = nullptr};
     return _AddGenerationInternal(library, name, document, &request, error);
 }
 
@@ -47,8 +47,12 @@ bool TQLibraryAddGenerationWithOptionsByMovingFile(TQLibrary *library, const TQS
                                                    uint64_t options, TQError **error)
 {
     const DeferredScope scope;
-    const TQAddRequest request{
-        .size = sizeof request, .flags = kTQAddByMoving, .options = options, .base = nullptr, .info = nullptr};
+    const TQAddRequest request{.size = sizeof request,
+                               .flags = kTQAddByMoving,
+                               .options = options,
+                               .base = nullptr,
+                               .info = nullptr,
+                               .sizeKey = nullptr};
     return _AddGenerationInternal(library, name, document, &request, error);
 }
 

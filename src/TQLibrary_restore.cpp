@@ -145,7 +145,8 @@ public:
                                .flags = keepsLinks ? uint64_t{kTQAddKeepLinks} : 0,
                                .options = kBackupOptions,
                                .base = how.backupBase,
-                               .info = how.backupInfo};
+                               .info = how.backupInfo,
+                               .sizeKey = how.backupSizeKey};
         isAdded_ = _AddGenerationInternal(request_.library, how.backupName, request_.document, &add, error);
         return isAdded_;
     }
@@ -219,8 +220,12 @@ mode_t _RestoredModeFor(mode_t staged, const TQFileStatus &document, const TQFil
 bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const TQURL *documentURL,
                                 const TQString *backupName, TQError **error)
 {
-    const TQRestoreRequest request{
-        .size = sizeof request, .flags = 0, .backupName = backupName, .backupBase = nullptr, .backupInfo = nullptr};
+    const TQRestoreRequest request{.size = sizeof request,
+                                   .flags = 0,
+                                   .backupName = backupName,
+                                   .backupBase = nullptr,
+                                   .backupInfo = nullptr,
+                                   .backupSizeKey = nullptr};
     return TQLibraryRestoreGenerationWithFlags(library, name, documentURL, &request, error);
 }
 

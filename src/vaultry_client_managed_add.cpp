@@ -22,6 +22,7 @@
 #include "Shared/vaultry_storage_share.h"
 
 #include <vaultry/filesystem.h>
+#include <vaultry/number.h>
 #include <vaultry/path.h>
 
 #include <cerrno>
@@ -89,9 +90,21 @@ bool WriteOptions(const char *staged, uint64_t options, const BroughtMetadata &b
     return isNothingToDo || _WriteGenerationOptions(staged, options, error);
 }
 
-bool WriteInfo(const char *staged, const TQDictionary *info, TQError **error)
+bool HasInfo(const TQAddRequest &request)
 {
-    return TQDictionaryGetCount(info) == 0 || _WriteInfoValues(staged, info, error);
+    return request.sizeKey || TQDictionaryGetCount(request.info) != 0;
+}
+
+bool WriteInfo(const char *staged, const TQAddRequest &request, uint64_t size, TQError **error)
+{
+    if (!HasInfo(request)) return true;
+    if (!request.sizeKey) return _WriteInfoValues(staged, request.info, error);
+    const auto all = Ref<TQDictionary>::Adopt(request.info ? TQDictionaryCreateMutableCopy(request.info)
+                                                           : TQDictionaryCreateMutable());
+    const auto number = Ref<TQNumber>::Adopt(TQNumberCreateInt64(static_cast<int64_t>(size)));
+    if (!all || !number || !TQDictionarySetValue(all.get(), const_cast<TQString *>(request.sizeKey), number.get()))
+        return Failure(error).Status(kTQStatusFailed, "malloc failed");
+    return _WriteInfoValues(staged, all.get(), error);
 }
 
 // An item on its way from staging to its name.
@@ -138,11 +151,12 @@ bool FinishInstalled(const char *generation, const TQFileStatus &status, TQError
 }
 
 // Makes the staged item all that the generation is to be, and brings it to disk. `status` gets what the top item has.
-bool Prepare(const char *staged, const TQAddRequest &request, const BroughtMetadata &brought, const TreeFlush &flush,
+bool Prepare(const char *staged, const TQAddRequest &request, const AddedTree &added, const TreeFlush &flush,
              TQFileStatus *status, TQError **error)
 {
-    return DropMalformedMetadata(staged, brought, error) && WriteOptions(staged, request.options, brought, error) &&
-           WriteInfo(staged, request.info, error) && MakeStagedMovable(staged, status, error) &&
+    return DropMalformedMetadata(staged, added.brought, error) &&
+           WriteOptions(staged, request.options, added.brought, error) &&
+           WriteInfo(staged, request, added.bytes, error) && MakeStagedMovable(staged, status, error) &&
            flush.Flush(staged, status->mode, error);
 }
 
@@ -239,7 +253,7 @@ public:
         document_.emplace(source_);
         if (!copy_) movedFrom_.emplace(document_->c_str());
         note_ = MakeNote(document_->c_str(), copy_ ? nullptr : &*movedFrom_);
-        if (!copy_ && TQDictionaryGetCount(request_.info) != 0)
+        if (!copy_ && HasInfo(request_))
             note_.topInfo = ReadBroughtInfo(Item::AtPath(document_->c_str()), broughtInfo_);
         return staging_.Make(store_->rootPath, note_, error_);
     }
@@ -249,12 +263,12 @@ public:
     {
         const auto flush = TreeFlush::By(staging_.openedFirst());
         // Without the note on disk, nobody would know after a power cut where the document belongs.
-        BroughtMetadata brought;
+        AddedTree added;
         const AddManner manner{
             .copy = copy_, .keepLinks = (request_.flags & kTQAddKeepLinks) != 0, .base = base_ ? &*base_ : nullptr};
         return (copy_ || staging_.FlushNote(error_)) &&
-               _AddPathAsGeneration(source_, staging_.staged(), manner, &brought, error_) &&
-               Prepare(staging_.staged(), request_, brought, flush, &status_, error_);
+               _AddPathAsGeneration(source_, staging_.staged(), manner, &added, error_) &&
+               Prepare(staging_.staged(), request_, added, flush, &status_, error_);
     }
 
     // Gives it its name, unless somebody else has taken that meanwhile. Exclusive lock.
@@ -326,7 +340,8 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
                                .flags = copy ? 0 : uint64_t{kTQAddByMoving},
                                .options = options,
                                .base = nullptr,
-                               .info = nullptr};
+                               .info = nullptr,
+                               .sizeKey = nullptr};
     return TQClientManagedStorageAddWithFlags(store, name, source, &request, error);
 }
 

@@ -6,8 +6,8 @@
 
 #include <algorithm>
 
-// Whether this version knows all that a request asks for. A longer one was made for a later version; it asks for nothing
-// more if the rest of it is zero.
+// Whether this version knows all that a request asks for. A longer one was made for a later version. If the rest of it
+// is zero, it asks for nothing more.
 template <class Request> bool _RequireKnown(const Request *request, uint64_t knownFlags, TQError **error)
 {
     if (!request || request->size < sizeof *request)

@@ -122,6 +122,7 @@ typedef struct TQRestoreRequest {
     const TQString *backupName;     ///< may be null; else the document is first kept under this name, with options 1
     const TQString *backupBase;     ///< the backup's TQAddRequest.base; best the newest generation of the document
     const TQDictionary *backupInfo; ///< the backup's TQAddRequest.info
+    const TQString *backupSizeKey;  ///< the backup's TQAddRequest.sizeKey
 } TQRestoreRequest;
 
 /// Puts a generation in the place of a document, which keeps its own permissions, access-control lists, flags and

@@ -666,16 +666,18 @@ struct AddRequest {
     std::uint64_t options = 1;
     bool move = false;
     bool keep_links = false;
-    std::optional<std::string> base = std::nullopt; ///< a generation to share unchanged files with
-    Dictionary info = {};                           ///< values that the generation has from the beginning
+    std::optional<std::string> base = std::nullopt;     ///< a generation to share unchanged files with
+    Dictionary info = {};                               ///< values that the generation has from the beginning
+    std::optional<std::string> size_key = std::nullopt; ///< the key of one more: the bytes of its files
 };
 
 /// What a restore can be asked for; see TQRestoreRequest.
 struct RestoreRequest {
-    std::optional<std::string> backup = std::nullopt; ///< keeps the document under this name first
-    bool keep_links = false;                          ///< the backup's
-    std::optional<std::string> base = std::nullopt;   ///< the backup's
-    Dictionary info = {};                             ///< the backup's
+    std::optional<std::string> backup = std::nullopt;   ///< keeps the document under this name first
+    bool keep_links = false;                            ///< the backup's
+    std::optional<std::string> base = std::nullopt;     ///< the backup's
+    Dictionary info = {};                               ///< the backup's
+    std::optional<std::string> size_key = std::nullopt; ///< the backup's
 };
 
 /// The library object, for what the store alone can't do: restoring in place.
@@ -703,8 +705,9 @@ public:
     Result<void> restore(std::string_view name, const std::filesystem::path &document,
                          const RestoreRequest &request) const
     {
-        const String from(name), keep(request.backup.value_or("")), base(request.base.value_or(""));
-        if (!*this || !from || !keep || !base) return detail::refused();
+        const String from(name), keep(request.backup.value_or("")), base(request.base.value_or("")),
+            size_key(request.size_key.value_or(""));
+        if (!*this || !from || !keep || !base || !size_key) return detail::refused();
         const URL url = URL::of_path(detail::path(document));
         TQRestoreRequest asked{};
         asked.size = sizeof asked;
@@ -712,6 +715,7 @@ public:
         asked.backupName = request.backup ? keep.get() : nullptr;
         asked.backupBase = request.base ? base.get() : nullptr;
         asked.backupInfo = request.info.get();
+        asked.backupSizeKey = request.size_key ? size_key.get() : nullptr;
         return detail::attempt(TQLibraryRestoreGenerationWithFlags, get(), from.get(), url.get(), &asked);
     }
 };
@@ -771,8 +775,8 @@ public:
     /// With all that a request can ask for.
     Result<void> add(std::string_view name, const std::filesystem::path &document, const AddRequest &request) const
     {
-        const String base(request.base.value_or(""));
-        if (!base) return detail::refused();
+        const String base(request.base.value_or("")), size_key(request.size_key.value_or(""));
+        if (!base || !size_key) return detail::refused();
         TQAddRequest asked{};
         asked.size = sizeof asked;
         asked.flags = (request.move ? std::uint64_t{kTQAddByMoving} : 0) |
@@ -780,6 +784,7 @@ public:
         asked.options = request.options;
         asked.base = request.base ? base.get() : nullptr;
         asked.info = request.info.get();
+        asked.sizeKey = request.size_key ? size_key.get() : nullptr;
         return attempt_(TQClientManagedStorageAddWithFlags, name, detail::path(document).c_str(), &asked);
     }
 

@@ -73,9 +73,15 @@ struct AddManner {
     BaseFiles *base = nullptr; // when copying: whose files unchanged ones are shared with
 };
 
-// As TQAddPathAsGeneration, archiving. `brought` tells what the document's top item brought along.
-bool _AddPathAsGeneration(const char *source, const char *destination, const AddManner &manner,
-                          BroughtMetadata *brought, TQError **error);
+// What has become of it.
+struct AddedTree {
+    BroughtMetadata brought{}; // by the document's top item
+    uint64_t bytes = 0;        // of its files
+};
+
+// As TQAddPathAsGeneration, archiving.
+bool _AddPathAsGeneration(const char *source, const char *destination, const AddManner &manner, AddedTree *added,
+                          TQError **error);
 
 // What the copy service's callback carries while adding.
 struct TQAddContext {
@@ -128,7 +134,7 @@ bool _ArchiveOpenItem(const ArchivedItem &archived, int fd, TQError **error);
 // As TQArchiveTree, for a document that is given back if this fails: the item at which it failed gets its mode and
 // flags back. Records that the document brought along are replaced, and items that a flush of the volume would not
 // reach are flushed. With `keepLinks`, symbolic links below the top are left as they are.
-bool _ArchiveMovedTree(const char *path, bool makeReadable, bool keepLinks, TQError **error);
+bool _ArchiveMovedTree(const char *path, bool makeReadable, bool keepLinks, uint64_t *totalSize, TQError **error);
 
 // Gives a file with several links its own data: the name at `file` becomes a new file, which `made` then describes; the
 // other links stay. The new file has the old one's owner, mode and flags as far as its maker may give them, and the
@@ -150,7 +156,7 @@ struct BroughtOptions {
     uint64_t word = 0;
 };
 
-// The same of an info dictionary that gets more values. Its bytes are known only to the process that moves the document.
+// The same of an info dictionary that gets more values. Only the process that moves the document knows its bytes.
 struct BroughtInfo {
     bool isKnown = false, isThere = false;
     const std::vector<char> *bytes = nullptr;

@@ -111,7 +111,7 @@ int ShareWithBase(const DuplixOpened &file, void *addContext)
 }
 
 bool CopyAsGeneration(const char *source, const char *destination, bool makeReadable, bool archive,
-                      const AddManner &manner, BroughtMetadata *brought, TQError **error)
+                      const AddManner &manner, AddedTree *added, TQError **error)
 {
     Ref<TQProgress> progress;
     if (!MakeProgress(source, &progress, error)) return false;
@@ -123,7 +123,7 @@ bool CopyAsGeneration(const char *source, const char *destination, bool makeRead
     context.base = manner.base;
     const platform::DuplixOptions options{.flushEach = true, .substitute = manner.base ? ShareWithBase : nullptr};
     const bool isCopied = platform::duplix(source, destination, _DuplixAddCallback, &context, options) == 0;
-    *brought = context.brought;
+    *added = {context.brought, context.bytesCompleted};
     return isCopied;
 }
 
@@ -211,8 +211,8 @@ bool CameAllTheSame(const char *source, const char *destination)
            platform::GetStatus(Item::AtPath(source), Links::NoFollow, &status) != 0 && errno == ENOENT;
 }
 
-bool MoveAsGeneration(const char *source, const char *destination, bool makeReadable, bool archive, bool keepLinks,
-                      TQError **error)
+bool MoveAsGeneration(const char *source, const char *destination, bool makeReadable, bool archive,
+                      const AddManner &manner, AddedTree *added, TQError **error)
 {
     MovedItem moved;
     if (!HoldsNoMount(source, error) || !moved.MakeMovable(source, error)) return false;
@@ -233,7 +233,7 @@ bool MoveAsGeneration(const char *source, const char *destination, bool makeRead
         Failure(error).Errno("Failed to set flags on item at path \"%s\"", destination);
         return FailedAfterMove(moved, source, destination);
     }
-    return !archive || _ArchiveMovedTree(destination, makeReadable, keepLinks, error);
+    return !archive || _ArchiveMovedTree(destination, makeReadable, manner.keepLinks, &added->bytes, error);
 }
 
 // Of a link, that of its target. What the copy service has just set need not be read again.
@@ -273,19 +273,17 @@ bool TQAddPathAsGeneration(const char *source, const char *destination, bool cop
                            TQError **error)
 {
     if (!source || !destination) return Failure(error).Refused(kTQStatusBadPath, "no path was supplied");
-    BroughtMetadata brought;
-    return copy ? CopyAsGeneration(source, destination, makeReadable, archive, {}, &brought, error)
-                : MoveAsGeneration(source, destination, makeReadable, archive, /*keepLinks=*/false, error);
+    AddedTree added;
+    return copy ? CopyAsGeneration(source, destination, makeReadable, archive, {}, &added, error)
+                : MoveAsGeneration(source, destination, makeReadable, archive, {}, &added, error);
 }
 
-bool _AddPathAsGeneration(const char *source, const char *destination, const AddManner &manner,
-                          BroughtMetadata *brought, TQError **error)
+bool _AddPathAsGeneration(const char *source, const char *destination, const AddManner &manner, AddedTree *added,
+                          TQError **error)
 {
-    *brought = {};
-    return manner.copy
-               ? CopyAsGeneration(source, destination, /*makeReadable=*/false, /*archive=*/true, manner, brought, error)
-               : MoveAsGeneration(source, destination, /*makeReadable=*/false, /*archive=*/true, manner.keepLinks,
-                                  error);
+    *added = {};
+    const auto place = manner.copy ? CopyAsGeneration : MoveAsGeneration;
+    return place(source, destination, /*makeReadable=*/false, /*archive=*/true, manner, added, error);
 }
 
 int _DuplixAddCallback(int what, int stage, DuplixState *state, const char *source, const char *destination,

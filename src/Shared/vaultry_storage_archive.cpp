@@ -274,8 +274,8 @@ bool TQArchiveTree(const char *path, bool makeReadable, uint64_t *totalSize, TQE
     return ArchiveTree(path, {.makeReadable = makeReadable, .moved = false, .totalSize = totalSize}, error);
 }
 
-bool _ArchiveMovedTree(const char *path, bool makeReadable, bool keepLinks, TQError **error)
+bool _ArchiveMovedTree(const char *path, bool makeReadable, bool keepLinks, uint64_t *totalSize, TQError **error)
 {
     return ArchiveTree(
-        path, {.makeReadable = makeReadable, .moved = true, .totalSize = nullptr, .keepLinks = keepLinks}, error);
+        path, {.makeReadable = makeReadable, .moved = true, .totalSize = totalSize, .keepLinks = keepLinks}, error);
 }

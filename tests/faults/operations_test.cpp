@@ -72,8 +72,12 @@ TEST_P(FaultsWhile, Adding)
     // Two of the files are those of "kept".
     const auto base = String("kept");
     const Value info = Dictionary({{Text("key"), Text("value")}});
-    const TQAddRequest request{
-        .size = sizeof request, .flags = kTQAddKeepLinks, .options = 6, .base = base.get(), .info = Cast{info}};
+    const TQAddRequest request{.size = sizeof request,
+                               .flags = kTQAddKeepLinks,
+                               .options = 6,
+                               .base = base.get(),
+                               .info = Cast{info},
+                               .sizeKey = base.get()};
     Sweep({.name = "add a folder that shares its files",
            .kind = kFolder,
            .prepare = [this](Scene &scene) { AddLink(scene); },
@@ -203,7 +207,8 @@ TEST_P(FaultsWhile, CreatingRemovingAndDestroying)
            .subject = "kept"});
 
     const auto base = String("kept");
-    const TQAddRequest sharing{.size = sizeof sharing, .flags = 0, .options = 6, .base = base.get(), .info = nullptr};
+    const TQAddRequest sharing{
+        .size = sizeof sharing, .flags = 0, .options = 6, .base = base.get(), .info = nullptr, .sizeKey = nullptr};
     Sweep({.name = "remove a folder whose files are shared",
            .kind = kFolder,
            .prepare =

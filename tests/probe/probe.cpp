@@ -379,7 +379,7 @@ const std::map<std::string, Function> kFunctions = {
          const uint64_t options = w[2] && isdigit(*w[2]) ? std::stoull(w[2], nullptr, 0) : 0;
          return TQClientManagedStorageAdd(store, w[0], w[1], options, error, !w.Say("move"));
      })},
-    {"add-with", // NAME DOCUMENT [move] [links] [base NAME] [note TEXT] [flags N] [longer]
+    {"add-with", // NAME DOCUMENT [move] [links] [base NAME] [note TEXT] [size] [flags N] [longer]
      OnStore([](const TQClientManagedStorage *store, const Words &w, TQError **error) {
          const auto base = String(w.After("base") ? w.After("base") : "");
          const auto note = vaultry::Dictionary::of({{"note", w.After("note") ? w.After("note") : ""}});
@@ -393,6 +393,8 @@ const std::map<std::string, Function> kFunctions = {
          if (w.After("flags")) asked.request.flags = std::stoull(w.After("flags"), nullptr, 0);
          asked.request.base = w.After("base") ? base.get() : nullptr;
          asked.request.info = w.After("note") ? note.get() : nullptr;
+         const auto sizeKey = String("size");
+         asked.request.sizeKey = w.Say("size") ? sizeKey.get() : nullptr;
          asked.more = w.Say("longer") && w.Say("more");
          return TQClientManagedStorageAddWithFlags(store, w[0], w[1], &asked.request, error);
      })},

@@ -7,6 +7,7 @@
 #include "commands.h"
 #include "document.h"
 #include "failure.h"
+#include "generation.h"
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
@@ -64,9 +65,11 @@ private:
 class Addition {
 public:
     Addition(const Store &store, const Document &document, const Arguments &arguments, ProgressBar &bar)
-        : store_(store), path_(document.path), givenName_(arguments.newName), isMove_(arguments.move), bar_(bar)
+        : store_(store), path_(document.path), givenName_(arguments.newName), isMove_(arguments.move),
+          keepsLinks_(!arguments.noLinks), bar_(bar), notes_(MakeNotes(path_, now_))
     {
         (void)lstat(path_.c_str(), &before_); // adding says what is wrong
+        if (S_ISDIR(before_.st_mode) && !arguments.noShare) base_ = BaseFor(store, path_);
     }
 
     // Throws if nothing was kept. Else returns an exit code: not success if something beside the generation is missing.
@@ -77,6 +80,7 @@ private:
     void CountWhatIsLeftOut() const;
     void AddUnderFreeName();
     bool AddOnce(bool copy);
+    bool Add(bool copy, const TQDictionary *notes);
     bool AddByWhateverWay();
     bool NameIsTaken() const;
     [[noreturn]] void Refuse() const;
@@ -89,10 +93,13 @@ private:
     const Store &store_;
     const std::string path_;
     const std::optional<std::string> givenName_;
-    const bool isMove_;
-    struct stat before_ {}; // the document's top item
+    const bool isMove_, keepsLinks_;
+    std::optional<std::string> base_; // the generation to share unchanged files with
+    struct stat before_ {};           // the document's top item
     ProgressBar &bar_;
     const double now_ = PresentTime();
+    const Owned<TQDictionary> notes_; // of document and time
+    bool isNoted_ = false;
 
     std::string name_;
     Owned<TQError> error_;      // of the last try
@@ -107,7 +114,7 @@ int Addition::Run()
     AddUnderFreeName();
     bar_.Clear();
     EndWhereInterrupted();
-    const bool isComplete = WriteInfo();
+    const bool isComplete = isNoted_ || WriteInfo();
     if (isMove_ && copied_ && isComplete) RemoveSource();
     return exitCode_;
 }
@@ -130,10 +137,26 @@ void Addition::CountWhatIsLeftOut() const
     Say(what + (isMove_ ? " no part of what can be copied out again" : " left out"));
 }
 
+bool Addition::Add(bool copy, const TQDictionary *notes)
+{
+    const Owned<TQString> base = MakeString(base_.value_or("")), sizeKey = MakeString(kSizeKey);
+    TQAddRequest request{};
+    request.size = sizeof request;
+    if (!copy) request.flags |= kTQAddByMoving;
+    if (keepsLinks_) request.flags |= kTQAddKeepLinks;
+    request.base = copy && base_ ? base.get() : nullptr;
+    request.info = notes;
+    request.sizeKey = notes ? sizeKey.get() : nullptr;
+    copied_ = copy;
+    isNoted_ = notes != nullptr;
+    return TQClientManagedStorageAddWithFlags(store_.handle(), name_.c_str(), path_.c_str(), &request, error_.out());
+}
+
+// A document that leaves no room for notes in its attributes is kept without.
 bool Addition::AddOnce(bool copy)
 {
-    copied_ = copy;
-    return TQClientManagedStorageAdd(store_.handle(), name_.c_str(), path_.c_str(), 0, error_.out(), copy);
+    if (Add(copy, notes_.get())) return true;
+    return IsAttributeSpace(error_.get(), store_.path(), path_) && Add(copy, nullptr);
 }
 
 // A document on another file system can't be renamed into the store. Only trying tells, since bind mounts and
@@ -171,7 +194,7 @@ void Addition::Refuse() const
             ? CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(path_) + " was not kept")
             : CommandFailure::Library(what + " as " + Quoted(name_) + " in the store " + Quoted(store_.path()),
                                       error_.get());
-    std::string message = failure.what() + ExplainRefusal(error_.get(), store_.path(), path_);
+    std::string message = failure.what() + ExplainRefusal(error_.get(), store_.path(), path_, keepsLinks_);
     // A document that was moved whole stays in the store if the last flush fails. Giving a document back can fail too;
     // then the library leaves it where it is and no longer touches it.
     struct stat status {};
@@ -201,7 +224,7 @@ void Addition::EndWhereInterrupted()
 bool Addition::WriteInfo()
 {
     Owned<TQError> error;
-    if (store_.SetInfoOf(name_, path_, now_, error.out())) return true;
+    if (store_.SetInfoOf(name_, notes_.get(), error.out())) return true;
     const CommandFailure failure = CommandFailure::Library(
         Quoted(path_) + " is kept whole as " + Quoted(name_) +
             ", but its document and time could not be noted: list may not show it with its document",

@@ -36,8 +36,11 @@ Examples:
 static constexpr char kAddFooter[] = R"(
 Each document, a file or a directory with everything in it, becomes a
 generation: a write-protected copy. Its name is printed. Files named "._..."
-are left out; symbolic links, FIFOs, sockets and devices can't be kept. A
-document that is itself a link is resolved first. Ctrl-C leaves nothing behind.
+are left out; FIFOs, sockets and devices can't be kept. Symbolic links are kept
+as links; a document that is itself a link is resolved first. A file of a
+directory that is the same in the document's newest generation shares its room
+with that, by a clone or as a hard link; every byte is compared before. Ctrl-C
+leaves nothing behind.
 
 Examples:
   vaultry add report.txt Photos/         as report-2026-03-01T10-15-30Z.txt, ...
@@ -193,6 +196,8 @@ static void _DefineAdd(CLI::App &app, Arguments &arguments)
     add->add_flag("--move", arguments.move, "Move the document into the store instead of copying it");
     CLI::Option *name = add->add_option("--name", arguments.newName, "What to call the generation (one DOCUMENT only)");
     name->option_text("NAME");
+    add->add_flag("--no-links", arguments.noLinks, "Refuse a document that holds a symbolic link");
+    add->add_flag("--no-share", arguments.noShare, "Copy the files that have not changed, too");
     _AddJson(add, arguments);
 }
 

@@ -21,6 +21,8 @@ struct Arguments {
     std::string destination;            // copy
     std::optional<std::string> newName; // add
     bool move = false;                  // add
+    bool noLinks = false;               // add
+    bool noShare = false;               // add
     bool yes = false;                   // destroy
 
     bool longList = false;                     // list

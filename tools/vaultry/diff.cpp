@@ -131,10 +131,22 @@ private:
     void CompareItem(const std::string &below, fs::file_type first, fs::file_type second)
     {
         if (first != second) return Report(below, "kind", "another kind of item");
+        if (first == fs::file_type::symlink) return CompareLinks(below);
         if (first != fs::file_type::regular || _SameBytes(_Join(a_.path, below), _Join(b_.path, below))) return;
         if (json_) return Report(below, "content", "");
         differs_ = true;
         _ShowContents(a_, b_, below);
+    }
+
+    void CompareLinks(const std::string &below)
+    {
+        std::error_code error, otherError;
+        const fs::path first = fs::read_symlink(_Join(a_.path, below), error);
+        const fs::path second = fs::read_symlink(_Join(b_.path, below), otherError);
+        if (error || otherError)
+            throw CommandFailure::Errno("can't read the link " + Quoted(below), (error ? error : otherError).value());
+        if (first != second)
+            Report(below, "content", "a link to " + Quoted(first.native()) + ", now to " + Quoted(second.native()));
     }
 
     void Report(const std::string &below, const char *change, const std::string &words)

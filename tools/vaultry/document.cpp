@@ -92,7 +92,7 @@ static const char *_WhyNotKept(unsigned char kind)
 }
 
 // The first item, as part of a sentence.
-static std::string _FindWhatCannotBeKept(const std::string &path)
+static std::string _FindWhatCannotBeKept(const std::string &path, bool keepsLinks)
 {
     struct stat top {};
     if (lstat(path.c_str(), &top) != 0) return "";
@@ -101,14 +101,14 @@ static std::string _FindWhatCannotBeKept(const std::string &path)
     if (!S_ISDIR(top.st_mode)) return "";
     std::string found;
     (void)WalkBelow(path, [&](const WalkedItem &item) {
-        const char *why = _WhyNotKept(item.kind);
+        const char *why = keepsLinks && item.kind == DT_LNK ? nullptr : _WhyNotKept(item.kind);
         if (found.empty() && why && strncmp(item.name, "._", 2) != 0)
             found = Quoted(item.path) + " " + why + ": a document that holds one can't be kept";
     });
     return found;
 }
 
-std::string ExplainRefusal(const TQError *error, const std::string &store, const std::string &document)
+std::string ExplainRefusal(const TQError *error, const std::string &store, const std::string &document, bool keepsLinks)
 {
     if (IsAttributeSpace(error, store, document)) return std::string("\n  ") + kAttributeSpaceIsFull;
     switch (UnderlyingErrno(error)) {
@@ -117,7 +117,7 @@ std::string ExplainRefusal(const TQError *error, const std::string &store, const
     case ENOTSUP:
     case ENXIO:
     case EPERM: // the tree walk tells which item is the reason, if one is
-        if (const std::string item = _FindWhatCannotBeKept(document); !item.empty()) return "\n  " + item;
+        if (const std::string item = _FindWhatCannotBeKept(document, keepsLinks); !item.empty()) return "\n  " + item;
         break;
     default:
         break;

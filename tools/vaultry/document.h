@@ -30,7 +30,8 @@ uint64_t CountSidecars(const std::string &path);
 
 // Explains `error`, with which the store refused the document: it names the item that can't be kept, or what has no
 // space. A line of its own, or nothing.
-std::string ExplainRefusal(const TQError *error, const std::string &store, const std::string &document);
+std::string ExplainRefusal(const TQError *error, const std::string &store, const std::string &document,
+                           bool keepsLinks);
 
 // Stands for the whole tree as it is now: if two are equal, the tree has not changed in between. It covers names,
 // inodes, sizes and times of every item, but not contents, since writing them changes the times. Throws if part can't

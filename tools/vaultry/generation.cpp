@@ -5,6 +5,8 @@
 #include "failure.h"
 #include "text.h"
 
+#include <vaultry/number.h>
+
 static constexpr size_t kShownCandidates = 5;
 
 std::string ResolveGeneration(const Store &store, const std::string &given)
@@ -48,4 +50,34 @@ std::string NewestGenerationOf(const Store &store, const std::string &document, 
     if (!newest.empty()) return newest;
     throw CommandFailure(kExitNoSuchGeneration, "the store " + Quoted(store.path()) + " holds no generation of " +
                                                     Quoted(document) + (time ? " from that time or before" : ""));
+}
+
+std::optional<std::string> BaseFor(const Store &store, const std::string &document)
+{
+    std::optional<std::string> newest;
+    double newestTime = 0;
+    (void)ForEachRecord(store, [&](const TQDictionary *record) {
+        const auto lookup = [record](const char *key) { return TQDictionaryGetValue(record, MakeString(key).get()); };
+        const GenerationInfo info = ToGenerationInfo(static_cast<const TQDictionary *>(lookup("info")));
+        if (info.document != document || !info.time || (newest && *info.time < newestTime)) return;
+        newest = ToText(static_cast<const TQString *>(lookup("name")));
+        newestTime = *info.time;
+    });
+    return newest;
+}
+
+bool ForEachRecord(const Store &store, const std::function<void(const TQDictionary *record)> &visit)
+{
+    const Owned<TQDictionary> spec(TQDictionaryCreateMutable());
+    TQDictionarySetValue(spec.get(), MakeString("withOptions").get(), Owned<TQNumber>(TQNumberCreateInt64(0)).get());
+    const Owned<TQDictionary> groups(
+        TQClientManagedStorageCopyAllGenerationsInfos(store.handle(), spec.get(), nullptr));
+    if (!groups) return false;
+    for (const char *client : {"com.corvane.draftline", "com.corvane.nimbusync"}) {
+        const auto *records =
+            static_cast<const TQArray *>(TQDictionaryGetValue(groups.get(), MakeString(client).get()));
+        for (size_t i = 0; i < TQArrayGetCount(records); ++i)
+            visit(static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(records, i)));
+    }
+    return true;
 }

@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "document.h"
 #include "failure.h"
+#include "generation.h"
 #include "json.h"
 #include "store.h"
 #include "text.h"
@@ -17,9 +18,7 @@
 
 // The two groups of clients, which info queries tell apart by a bit of the options word.
 static constexpr uint64_t kSecondClientBit = 0x4;
-static constexpr char kFirstClient[] = "draftline";
 static constexpr char kSecondClient[] = "nimbusync";
-static constexpr char kGroupPrefix[] = "com.corvane.";
 
 struct Entry {
     std::string name;
@@ -75,32 +74,21 @@ static Entry _ToEntry(const TQDictionary *record)
             ToText(static_cast<const TQString *>(_Lookup(record, "ODN")))};
 }
 
-// All generations, with their options and everything else that is known.
-static Owned<TQDictionary> _QueryAll(const Store &store)
-{
-    const Owned<TQDictionary> spec(TQDictionaryCreateMutable());
-    TQDictionarySetValue(spec.get(), MakeString("withOptions").get(), Owned<TQNumber>(TQNumberCreateInt64(0)).get());
-    return Owned<TQDictionary>(TQClientManagedStorageCopyAllGenerationsInfos(store.handle(), spec.get(), nullptr));
-}
-
 // Reads all wanted generations in one go. False if that fails, as it does for a single damaged one; or if there are
 // more, since the query ends without an error if the store's directory can't be read any further.
 static bool _ReadAll(const Store &store, const std::string &document, const Filter &filter, std::vector<Entry> &entries)
 try {
-    const Owned<TQDictionary> groups = _QueryAll(store);
-    std::set<std::string> missing = PeekAtNames(store.path());
-    for (const char *client : {kFirstClient, kSecondClient}) {
-        const auto *records = static_cast<const TQArray *>(_Lookup(groups.get(), std::string(kGroupPrefix) + client));
-        for (size_t i = 0; i < TQArrayGetCount(records); ++i) {
-            const auto *record = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(records, i));
-            Entry entry = _ToEntry(record);
-            missing.erase(entry.name);
-            if (!filter.Admits(entry.options) || (!document.empty() && entry.info.document != document)) continue;
-            entry.size = SizeOfTree(TQURLGetPath(static_cast<const TQURL *>(_Lookup(record, "URL"))));
-            entries.push_back(std::move(entry));
-        }
-    }
-    return missing.empty();
+    std::set<std::string> found;
+    const bool areRead = ForEachRecord(store, [&](const TQDictionary *record) {
+        Entry entry = _ToEntry(record);
+        found.insert(entry.name);
+        if (!filter.Admits(entry.options) || (!document.empty() && entry.info.document != document)) return;
+        entry.size = entry.info.size;
+        if (!entry.size) entry.size = SizeOfTree(TQURLGetPath(static_cast<const TQURL *>(_Lookup(record, "URL"))));
+        entries.push_back(std::move(entry));
+    });
+    const std::set<std::string> names = PeekAtNames(store.path());
+    return areRead && std::includes(found.begin(), found.end(), names.begin(), names.end());
 } catch (const CommandFailure &) {
     return false; // reading one by one tells which
 }
@@ -116,7 +104,7 @@ static std::optional<Entry> _ReadEntry(const Store &store, const std::string &na
     problems.Note([&] { entry.info = store.InfoOf(name); });
     entry.isKnown = problems.none();
     problems.Note([&] { entry.displayName = store.DisplayNameOf(name); });
-    problems.Note([&] { entry.size = SizeOfTree(store.PathOf(name)); });
+    problems.Note([&] { entry.size = entry.info.size ? *entry.info.size : SizeOfTree(store.PathOf(name)); });
     entry.problems = problems.texts();
     if (!problems.none() && store.Lacks(name)) {
         problems = {};

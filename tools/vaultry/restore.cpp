@@ -10,6 +10,7 @@
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
+#include "space.h"
 #include "text.h"
 #include "times.h"
 
@@ -36,7 +37,15 @@ static std::string _Generation(const Store &store, const Arguments &arguments, c
     return NewestGenerationOf(store, document, time);
 }
 
-// The name under which the document's present state is kept; none if it is not kept.
+// The generation that the document's present state becomes.
+struct Backup {
+    std::optional<std::string> name; // none if it is not kept
+    bool isNew = false;              // nothing had that name
+    std::optional<std::string> base; // the generation that it shares unchanged files with
+    Owned<TQDictionary> notes{};     // of document and time
+    bool isNoted = true;
+};
+
 static std::optional<std::string> _BackupName(const Store &store, const Arguments &arguments,
                                               const std::string &document, double now)
 {
@@ -53,22 +62,58 @@ static std::optional<std::string> _BackupName(const Store &store, const Argument
     throw CommandFailure(kExitExists, "there is no free name for the backup of " + Quoted(document));
 }
 
-// Notes the document, so that the backup shows in its history. The document is safe by then, so a failure is only
-// reported.
-static void _RecordBackup(const Store &store, const std::string &backup, const std::string &document, double now)
+static Backup _PlanBackup(const Store &store, const Arguments &arguments, const std::string &document)
 {
-    if (!store.SetInfoOf(backup, document, now, nullptr))
-        Say("list may not show " + Quoted(backup) + " with its document: that could not be written");
+    const double now = PresentTime(); // before anything is done, since the backup is of this moment
+    Backup backup;
+    backup.name = _BackupName(store, arguments, document, now);
+    backup.isNew = backup.name && !store.Names().contains(*backup.name);
+    struct stat status {};
+    if (backup.name && IsThere(document, &status) && S_ISDIR(status.st_mode)) backup.base = BaseFor(store, document);
+    backup.notes = MakeNotes(document, now);
+    return backup;
+}
+
+static bool _Restore(TQLibrary *library, const std::string &name, const std::string &document, const Backup &backup,
+                     TQError **error)
+{
+    const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
+    const Owned<TQString> backupName = MakeString(backup.name.value_or("")),
+                          base = MakeString(backup.base.value_or("")), sizeKey = MakeString(kSizeKey);
+    TQRestoreRequest request{};
+    request.size = sizeof request;
+    request.flags = kTQRestoreKeepLinks;
+    request.backupName = backup.name ? backupName.get() : nullptr;
+    request.backupBase = backup.base ? base.get() : nullptr;
+    request.backupInfo = backup.isNoted ? backup.notes.get() : nullptr;
+    request.backupSizeKey = backup.isNoted ? sizeKey.get() : nullptr;
+    return TQLibraryRestoreGenerationWithFlags(library, MakeString(name).get(), url.get(), &request, error);
+}
+
+// If the document leaves no room for notes in its attributes, the backup is made without. The document is safe by then,
+// so it is only said if they can't be written afterwards either.
+static bool _RestoreOrWithoutNotes(const Store &store, TQLibrary *library, const std::string &name,
+                                   const std::string &document, Backup &backup, Owned<TQError> &error)
+{
+    if (_Restore(library, name, document, backup, error.out())) return true;
+    if (!backup.name || !IsAttributeSpace(error.get(), store.path(), document)) return false;
+    backup.isNoted = false;
+    return _Restore(library, name, document, backup, error.out());
+}
+
+static void _NoteBackup(const Store &store, const Backup &backup)
+{
+    if (!backup.isNoted && !store.SetInfoOf(*backup.name, backup.notes.get(), nullptr))
+        Say("list may not show " + Quoted(*backup.name) + " with its document: that could not be written");
 }
 
 // After a failed restore the backup is gone, unless a part of the old state is gone or somebody saved the document
 // meanwhile.
-static void _NameBackup(const Store &store, const std::string &document, const std::optional<std::string> &backup,
-                        bool isNew, double now)
+static void _NameBackup(const Store &store, const std::string &document, const Backup &backup)
 {
-    if (!isNew || !store.Names().contains(*backup)) return;
-    _RecordBackup(store, *backup, document, now);
-    Say("what " + Quoted(document) + " was is kept as " + Quoted(*backup));
+    if (!backup.isNew || !store.Names().contains(*backup.name)) return;
+    _NoteBackup(store, backup);
+    Say("what " + Quoted(document) + " was is kept as " + Quoted(*backup.name));
 }
 
 // What Ctrl-C does. The backup can be cancelled, and then the document is not touched. Without a backup nothing looks
@@ -107,46 +152,39 @@ static CopyWatch::Places _StagedFromNowOn(const Store &store)
     };
 }
 
-static void _Replace(const Store &store, const std::string &name, const std::string &document,
-                     const std::optional<std::string> &backup, bool isNew, double now)
+static void _Replace(const Store &store, const std::string &name, const std::string &document, Backup &backup)
 {
     const Owned<TQLibrary> library = _OpenLibrary(store);
-    const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
     const std::string label = Printable(BaseName(document)), source = ProgressBar::AreShown() ? store.PathOf(name) : "";
     Owned<TQError> error;
     bool restored = false;
     {
         std::optional<CopyWatch> watch(std::in_place, source, label, _StagedFromNowOn(store));
         AddProgress progress(label, [&] { watch.reset(); });
-        const InterruptGuard interrupts(progress.get(), backup ? kStopsAtBackup : kReplacesFirst);
-        restored = TQLibraryRestoreGeneration(library.get(), MakeString(name).get(), url.get(),
-                                              backup ? MakeString(*backup).get() : nullptr, error.out());
+        const InterruptGuard interrupts(progress.get(), backup.name ? kStopsAtBackup : kReplacesFirst);
+        restored = _RestoreOrWithoutNotes(store, library.get(), name, document, backup, error);
         progress.bar().Clear();
     }
     if (restored) return;
-    _NameBackup(store, document, backup, isNew, now);
+    _NameBackup(store, document, backup);
     if (InterruptGuard::Came() && UnderlyingErrno(error.get()) == ECANCELED)
         throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(document) + " is as it was");
     const CommandFailure failure =
         CommandFailure::Library("can't restore " + Quoted(document) + " from " + Quoted(name), error.get());
-    throw CommandFailure(failure.exitCode(),
-                         failure.what() + (backup ? ExplainRefusal(error.get(), store.path(), document) : ""));
+    const std::string why = backup.name ? ExplainRefusal(error.get(), store.path(), document, /*keepsLinks=*/true) : "";
+    throw CommandFailure(failure.exitCode(), failure.what() + why);
 }
 
 // A document that appears meanwhile is kept under the name of a backup, and replaced. The item at its path is never
 // removed again afterwards.
-static void _CopyBack(const Store &store, const std::string &name, const std::string &document,
-                      const std::optional<std::string> &backup, bool isNew, double now)
+static void _CopyBack(const Store &store, const std::string &name, const std::string &document, const Backup &backup)
 try {
     const Owned<TQLibrary> library = _OpenLibrary(store);
-    const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
     const InterruptGuard interrupts(kCopiesFirst);
-    CopyOut(store, name, document, "can't restore " + Quoted(document) + " from " + Quoted(name), [&](TQError **error) {
-        return TQLibraryRestoreGeneration(library.get(), MakeString(name).get(), url.get(),
-                                          backup ? MakeString(*backup).get() : nullptr, error);
-    });
+    CopyOut(store, name, document, "can't restore " + Quoted(document) + " from " + Quoted(name),
+            [&](TQError **error) { return _Restore(library.get(), name, document, backup, error); });
 } catch (const CommandFailure &) {
-    _NameBackup(store, document, backup, isNew, now);
+    _NameBackup(store, document, backup);
     throw;
 }
 
@@ -166,28 +204,26 @@ int RunRestore(const Arguments &arguments)
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string document = DocumentPath(arguments.document);
     const std::string name = _Generation(store, arguments, document);
-    const double now = PresentTime(); // before anything is done, since the backup is of this moment
     const bool isThere = _IsThere(document);
-    std::optional<std::string> backup = _BackupName(store, arguments, document, now);
-    const bool isNew = backup && !store.Names().contains(*backup);
+    Backup backup = _PlanBackup(store, arguments, document);
     if (!isThere && arguments.backup) Say(Quoted(document) + " is not there, so there is nothing to back up");
 
     if (isThere)
-        _Replace(store, name, document, backup, isNew, now);
+        _Replace(store, name, document, backup);
     else
-        _CopyBack(store, name, document, backup, isNew, now);
-    if (!isThere && (!isNew || !store.Names().contains(*backup))) backup.reset();
-    if (backup) _RecordBackup(store, *backup, document, now);
-    const std::string restored = isThere || backup ? RestoredPath(document, name) : document;
+        _CopyBack(store, name, document, backup);
+    if (!isThere && (!backup.isNew || !store.Names().contains(*backup.name))) backup.name.reset();
+    if (backup.name) _NoteBackup(store, backup);
+    const std::string restored = isThere || backup.name ? RestoredPath(document, name) : document;
     if (arguments.json) {
         Json object;
         PutBytes(object, "document", restored);
         PutBytes(object, "generation", name);
-        if (backup) PutBytes(object, "backup", *backup);
+        if (backup.name) PutBytes(object, "backup", *backup.name);
         PrintLine(object);
         return kExitSuccess;
     }
     printf("%s is restored from %s\n", Quoted(restored).c_str(), Quoted(name).c_str());
-    if (backup) printf("what it was is kept as %s\n", Quoted(*backup).c_str());
+    if (backup.name) printf("what it was is kept as %s\n", Quoted(*backup.name).c_str());
     return kExitSuccess;
 }

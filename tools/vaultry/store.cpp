@@ -6,6 +6,7 @@
 #include "text.h"
 
 #include <vaultry/archive.h>
+#include <vaultry/number.h>
 #include <vaultry/url.h>
 
 #include <cerrno>
@@ -119,14 +120,18 @@ std::string Store::DisplayNameOf(const std::string &name) const
     return ToText(displayName.get());
 }
 
-bool Store::SetInfoOf(const std::string &name, const std::string &document, double time, TQError **error) const
+bool Store::SetInfoOf(const std::string &name, const TQDictionary *notes, TQError **error) const
+{
+    return TQClientManagedStorageSetGenerationInfoValues(handle(), name.c_str(), notes, error);
+}
+
+Owned<TQDictionary> MakeNotes(const std::string &document, double time)
 {
     const Owned<TQString> documentKey = MakeString(kDocumentKey), timeKey = MakeString(kTimeKey);
     const Owned<TQData> path(TQDataCreate(document.data(), document.size()));
     const Owned<TQDate> date(TQDateCreate(time));
     TQValue *const keys[] = {documentKey.get(), timeKey.get()}, *const values[] = {path.get(), date.get()};
-    const Owned<TQDictionary> info(TQDictionaryCreate(keys, values, 2));
-    return TQClientManagedStorageSetGenerationInfoValues(handle(), name.c_str(), info.get(), error);
+    return Owned<TQDictionary>(TQDictionaryCreate(keys, values, 2));
 }
 
 GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
@@ -139,6 +144,9 @@ GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
     }
     const TQValue *time = TQDictionaryGetValue(dictionary, MakeString(kTimeKey).get());
     if (TQGetTypeID(time) == TQDateGetTypeID()) info.time = TQDateGetSeconds(static_cast<const TQDate *>(time));
+    const TQValue *size = TQDictionaryGetValue(dictionary, MakeString(kSizeKey).get());
+    if (TQGetTypeID(size) == TQNumberGetTypeID() && TQNumberGetInt64(size) >= 0)
+        info.size = static_cast<uint64_t>(TQNumberGetInt64(size));
     return info;
 }
 

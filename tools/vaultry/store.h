@@ -19,10 +19,14 @@
 struct GenerationInfo {
     std::optional<std::string> document; // absolute path, any bytes
     std::optional<double> time;          // seconds since 1970
+    std::optional<uint64_t> size;        // of its files, in bytes
 };
 
 // Any client may have written those keys: a value of another kind counts as none.
 GenerationInfo ToGenerationInfo(const TQDictionary *info);
+
+// The notes of a document's history. The library adds the size itself.
+Owned<TQDictionary> MakeNotes(const std::string &document, double time);
 
 class Store {
 public:
@@ -47,8 +51,8 @@ public:
     Owned<TQDictionary> InfoDictionaryOf(const std::string &name) const;
     GenerationInfo InfoOf(const std::string &name) const { return ToGenerationInfo(InfoDictionaryOf(name).get()); }
     std::string DisplayNameOf(const std::string &name) const;
-    // Writes both for the document's history; on failure, neither.
-    bool SetInfoOf(const std::string &name, const std::string &document, double time, TQError **error) const;
+    // Writes all of the notes; on failure, none.
+    bool SetInfoOf(const std::string &name, const TQDictionary *notes, TQError **error) const;
     // Removes them in order, up to the first that can't be removed; passes over a name without a generation. Takes one
     // lock and one flush, however many they are.
     void Remove(const std::vector<std::string> &names) const;
@@ -69,3 +73,4 @@ uint64_t SizeOfTree(const std::string &path);
 // The info dictionary's keys, which other clients may read and write.
 inline constexpr char kDocumentKey[] = "vaultry.document"; // data: the bytes of the absolute path
 inline constexpr char kTimeKey[] = "vaultry.time";         // date
+inline constexpr char kSizeKey[] = "vaultry.size";         // number
