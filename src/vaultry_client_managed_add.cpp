@@ -67,9 +67,14 @@ OwnerNote MakeNote(const char *source, const OpenedFolder *movedFrom)
     return note;
 }
 
-// Drops damaged attributes of these names that the document brought along. They would be taken for the store's, and the
-// generation could be listed but not described.
-bool DropMalformedMetadata(const char *staged, const BroughtMetadata &brought, TQError **error)
+// Which attributes of these names that the document brought along are damaged. They would be taken for the store's, and
+// the generation could be listed but not described.
+struct MalformedMetadata {
+    bool info = false, displayName = false;
+    bool IsAny() const { return info || displayName; }
+};
+
+MalformedMetadata FindMalformedMetadata(const char *staged, const BroughtMetadata &brought)
 {
     const Item item = Item::AtPath(staged);
     const auto has = [&](const char *name) {
@@ -79,8 +84,13 @@ bool DropMalformedMetadata(const char *staged, const BroughtMetadata &brought, T
         !brought.info || !has(kInfoAttribute) || Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(staged, nullptr));
     const bool isNameWell = !brought.displayName || !has(kDisplayNameAttribute) ||
                             Ref<TQString>::Adopt(TQCopyOriginalDisplayName(staged, nullptr));
-    return (isInfoWell || _SetEAOnGeneration(staged, kInfoAttribute, nullptr, 0, error)) &&
-           (isNameWell || _SetEAOnGeneration(staged, kDisplayNameAttribute, nullptr, 0, error));
+    return {!isInfoWell, !isNameWell};
+}
+
+bool DropMalformedMetadata(const char *staged, const MalformedMetadata &malformed, TQError **error)
+{
+    return (!malformed.info || _WriteProtectedAttribute(staged, kInfoAttribute, nullptr, 0, error)) &&
+           (!malformed.displayName || _WriteProtectedAttribute(staged, kDisplayNameAttribute, nullptr, 0, error));
 }
 
 // Stores the options. A document that brought none needs nothing taken away.
@@ -154,8 +164,7 @@ bool FinishInstalled(const char *generation, const TQFileStatus &status, TQError
 bool Prepare(const char *staged, const TQAddRequest &request, const AddedTree &added, const TreeFlush &flush,
              TQFileStatus *status, TQError **error)
 {
-    return DropMalformedMetadata(staged, added.brought, error) &&
-           WriteOptions(staged, request.options, added.brought, error) &&
+    return WriteOptions(staged, request.options, added.brought, error) &&
            WriteInfo(staged, request, added.bytes, error) && MakeStagedMovable(staged, status, error) &&
            flush.Flush(staged, status->mode, error);
 }
@@ -167,11 +176,16 @@ bool IsFree(const char *generation, TQError **error)
            Failure(error).Refused(kTQStatusExists, "path \"%s\" already exists", generation);
 }
 
-// Moves the item from staging to its name. The root is writable until the end of this function.
-bool InstallStaged(const Placing &placing, const TQFileStatus &status, TQError **error)
+// Moves the item from staging to its name. The root is writable until the end of this function. What is malformed is
+// dropped last, so that a document whose name was taken is given back with all that it brought.
+bool InstallStaged(const Placing &placing, const TQFileStatus &status, const MalformedMetadata &malformed,
+                   TQError **error)
 {
     LiftedRoot root(placing.root);
     if (!root.Lift(error)) return false;
+    if (malformed.IsAny() &&
+        (!IsFree(placing.generation, error) || !DropMalformedMetadata(placing.staged, malformed, error)))
+        return false;
 
     // Nothing is replaced, not even a dangling link that the look before did not see.
     if (platform::RenameIntoNothing(Item::AtPath(placing.staged), ItemId::Of(status),
@@ -185,21 +199,14 @@ bool InstallStaged(const Placing &placing, const TQFileStatus &status, TQError *
     return false;
 }
 
-// Whether the top item has got something back since it was flushed in staging.
-bool HasChangedSince(const TQFileStatus &status)
-{
-    return S_ISDIR(status.mode) || status.flags != 0;
-}
-
-// Flushes that, the name and the protection. The item goes first: if the file system keeps a journal, that takes all of
-// them to disk, and the rest costs nothing. Others may have removed the generation since, so it goes by descriptor, if
-// the item can be opened.
-bool FlushInstalled(const Placing &placing, const TQFileStatus &status, int installed, const char *source,
-                    TQError **error)
+// Flushes what has changed at the top item since it was flushed in staging, the name and the protection. The item goes
+// first: if the file system keeps a journal, that takes all of them to disk, and the rest costs nothing. Others may
+// have removed the generation since, so it goes by descriptor, if the item can be opened.
+bool FlushInstalled(const Placing &placing, bool hasChanged, int installed, const char *source, TQError **error)
 {
     if (installed >= 0 && platform::FlushFd(installed) != 0)
         return Failure(error).Errno("Failed to flush \"%s\" to disk", placing.generation);
-    const bool isFlushed = installed >= 0 || !HasChangedSince(status) || _FlushItem(placing.generation, error);
+    const bool isFlushed = installed >= 0 || !hasChanged || _FlushItem(placing.generation, error);
     return isFlushed && _FlushGenerationStore(placing.root, error) &&
            (placing.copied || _FlushFormerEntry(source, placing.generation, error));
 }
@@ -266,8 +273,11 @@ public:
         AddedTree added;
         const AddManner manner{
             .copy = copy_, .keepLinks = (request_.flags & kTQAddKeepLinks) != 0, .base = base_ ? &*base_ : nullptr};
-        return (copy_ || staging_.FlushNote(error_)) &&
-               _AddPathAsGeneration(source_, staging_.staged(), manner, &added, error_) &&
+        if ((!copy_ && !staging_.FlushNote(error_)) ||
+            !_AddPathAsGeneration(source_, staging_.staged(), manner, &added, error_))
+            return false;
+        malformed_ = FindMalformedMetadata(staging_.staged(), added.brought);
+        return (!HasInfo(request_) || DropDamagedInfo()) &&
                Prepare(staging_.staged(), request_, added, flush, &status_, error_);
     }
 
@@ -275,14 +285,14 @@ public:
     bool Install()
     {
         HeldLock lock;
-        if (!lock.ForWriting(store_, error_) || !InstallStaged(placing(), status_, error_)) return false;
-        if (HasChangedSince(status_))
+        if (!lock.ForWriting(store_, error_) || !InstallStaged(placing(), status_, malformed_, error_)) return false;
+        if (HasChanged())
             installed_.Reset(open(generation_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
         return true;
     }
 
     // No lock: others may see the generation before it has its name on disk, as they may a file that is being written.
-    bool Flush() { return FlushInstalled(placing(), status_, installed_.get(), source_, error_); }
+    bool Flush() { return FlushInstalled(placing(), HasChanged(), installed_.get(), source_, error_); }
 
     // A moved document may be somebody's only copy, so it is given back. If it can't be, staging stays.
     void GiveBack()
@@ -313,6 +323,16 @@ private:
         return true;
     }
 
+    // Whether the top item has got something back, or lost something, since it was flushed in staging.
+    bool HasChanged() const { return S_ISDIR(status_.mode) || status_.flags != 0 || malformed_.IsAny(); }
+
+    // The values that are asked for take its place.
+    bool DropDamagedInfo()
+    {
+        return !std::exchange(malformed_.info, false) ||
+               _WriteProtectedAttribute(staging_.staged(), kInfoAttribute, nullptr, 0, error_);
+    }
+
     Placing placing() const { return {store_->rootPath, staging_.staged(), generation_.c_str(), copy_}; }
 
     const TQClientManagedStorage *const store_;
@@ -327,6 +347,7 @@ private:
     OwnerNote note_;
     std::vector<char> broughtInfo_;
     StagingDirectory staging_;
+    MalformedMetadata malformed_;
     TQFileStatus status_{};
     UniqueFd installed_; // the generation, if it is to be flushed once more
 };

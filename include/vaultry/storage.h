@@ -69,8 +69,8 @@ typedef struct TQAddRequest {
     /// May be null; else the name of a generation with which unchanged files are shared. A file below the top of the
     /// document that is there at the same path becomes one more hard link to it and takes no room of its own. Every
     /// byte of both is compared. Mode, owner, group, flags, time of modification, attributes and access list must be
-    /// the same too. A file that can be cloned from the document is cloned, and nothing is compared. If there is no such
-    /// generation, everything is copied. Not for a document that is moved.
+    /// the same too. A file that can be cloned from the document is cloned, and nothing is compared. If there is no
+    /// such generation, everything is copied. Not for a document that is moved.
     const TQString *base;
 
     /// May be null; else strings mapped to values that the info dictionary gets before the generation appears.
