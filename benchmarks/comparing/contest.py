@@ -29,6 +29,8 @@ ROWS = [
     Row("add-tree", "add 10,000 files of 4 KiB", jobs.Add, 10000, TREE, calls=15, wall=1.0),
     Row("add-package", "add a package, 200 files to 2 MiB", jobs.AddPackage, PACKAGE, SMALL_PACKAGES, calls=24,
         wall=1.0),
+    Row("add-changed", "add a package of 200 files again, 5 of them changed", jobs.AddChanged, (200, 650 << 10), (),
+        wall=0.5),
     Row("add-loaded", "add 20 files of 20 KB, others having written 1.5 GiB", jobs.AddLoaded, 20, (), wall=2.0),
     Row("add-loaded-200", "the same with 200 files", jobs.AddLoaded, 200, (), wall=2.0),
     Row("add-file", "add a file of 1 GiB", jobs.AddFile, 1024, (16, 32), item="MiB", wall=1.02),

@@ -76,7 +76,7 @@ class Add(Files):
     peers = peers.INSTALLED
 
     def ours(self):
-        return [self.vaultry("add", "--name", self.next(), self.source)]
+        return [self.vaultry("add", "--no-share", "--name", self.next(), self.source)]
 
     def theirs(self):
         return [[*CP, self.source, f"{self.target}/{self.next()}"], self.flush()]
@@ -90,19 +90,44 @@ class AddAttributed(Add):
     make = staticmethod(workloads.make_attributed_tree)
 
 
-class AddLoaded(Files):
-    """Somebody else has just written much to the same volume, and nothing of it is on disk yet."""
+class AddFlushedEach(Files):
+    """By hand, each file is flushed by itself, as programs do that save several."""
 
-    make = staticmethod(workloads.make_letters)
     by_hand = "cp -a, fsync of each"
+    how = ["--no-share"]
 
     def ours(self):
-        return [self.vaultry("add", "--name", self.next(), self.source)]
+        return [self.vaultry("add", *self.how, "--name", self.next(), self.source)]
 
     def theirs(self):
         copy = f"{self.target}/{self.next()}"
         return [["cp", "-a", self.source, copy], functools.partial(places.sync_each, copy),
                 self.flush_directory(self.target)]
+
+
+class AddChanged(AddFlushedEach):
+    """Five files have changed since the last version, and the others share its room."""
+
+    make = staticmethod(workloads.make_package)
+    how = []
+
+    def prepare(self, size):
+        super().prepare(size)
+        self.run("add", self.source)
+
+    def ours(self):
+        workloads.change_some(self.source, self.turn)
+        return super().ours()
+
+    def theirs(self):
+        workloads.change_some(self.source, self.turn)
+        return super().theirs()
+
+
+class AddLoaded(AddFlushedEach):
+    """Somebody else has just written much to the same volume, and nothing of it is on disk yet."""
+
+    make = staticmethod(workloads.make_letters)
 
     def disturb(self):
         workloads.make_file(f"{self.home}/others", 1500 << 20)

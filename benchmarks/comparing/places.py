@@ -38,12 +38,13 @@ def sync_directory(path):
         os.close(descriptor)
 
 
-def sync_each(folder):
-    """Each file of a folder, and the folder."""
-    for entry in os.scandir(folder):
-        with open(entry.path, "rb") as file:
-            os.fsync(file.fileno())
-    sync_directory(folder)
+def sync_each(directory):
+    """Flushes each file by itself, then the directories."""
+    for folder, _, names in os.walk(directory, topdown=False):
+        for name in names:
+            with open(f"{folder}/{name}", "rb") as file:
+                os.fsync(file.fileno())
+        sync_directory(folder)
 
 
 @contextlib.contextmanager

@@ -66,6 +66,15 @@ def make_package(path, size):
                 os.setxattr(item, f"user.example.attribute{attribute}", b"%d of three" % attribute)
 
 
+def change_some(path, turn):
+    """Other bytes in five of the package's files."""
+    generator = random.Random(turn)
+    for number in range(5):
+        place = 20 * ((turn + number) % 10) + (turn + 4 * number) % 20
+        with open(f"{path}/part{place // 20:02}/element{place:03}", "r+b") as file:
+            file.write(generator.randbytes(4096))
+
+
 def make_attributed_tree(path, attributes):
     """A thousand small files, each with that many attributes."""
     make_tree(path, 1000)
