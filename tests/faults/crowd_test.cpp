@@ -42,7 +42,9 @@ Tally &NewTally()
         const std::string name = "g" + std::to_string(random() % 8),
                           letters(300, static_cast<char>('a' + random() % 26));
         const auto what = random() % 6;
-        if (what == 0) (void)store.add(name, at.document(), random() % 2 * 6);
+        // Files are shared with one that may go at any moment, or with "base".
+        const std::string other = random() % 2 == 0 ? "base" : "g" + std::to_string(random() % 8);
+        if (what == 0) (void)store.add(name, at.document(), {.options = random() % 2 * 6, .base = other});
         if (what == 1) (void)store.remove({name});
         if (what == 2) (void)store.set_options(random() % 2 == 0 ? name : "base", 6);
         if (what == 3) (void)store.set_display_name("base", vaultry::String(letters));
@@ -123,7 +125,8 @@ TEST(Crowd, ConcurrentReadersSeeWholeGenerationsWhileWritersAreKilled)
     threads.emplace_back([&] {
         const vaultry::Store store = *vaultry::Store::open(at.root());
         for (; !tally.stop; ++tally.writes)
-            EXPECT_TRUE(store.add("a", at.document()) && store.add("b", at.document()) && store.remove({"a", "b"}));
+            EXPECT_TRUE(store.add("a", at.document()) && store.add("b", at.document(), {.base = "a"}) &&
+                        store.remove({"a", "b"}));
     });
     sleep(seconds);
     tally.stop = true;

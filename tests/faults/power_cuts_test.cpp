@@ -97,6 +97,7 @@ struct Scene {
     const TempDirectory desk;
     const std::string draft = desk / "draft.rtf";
     Snapshot draftContents;
+    const vaultry::Dictionary info = vaultry::Dictionary::of({{"k", "v"}});
 };
 
 // Moves with the command, which copies from another volume and then removes; it dies with its parent.
@@ -123,6 +124,8 @@ const struct Work {
     bool full = false;   // the other volume has no room for the copy
 } kWorks[] = {
     {"add by copying", "old", "new", [](auto &s) { return s.handle.add("g", s.store.document(), 6); }},
+    {"add, sharing files", "old", "new",
+     [](auto &s) { return s.handle.add("g", s.store.document(), {.options = 6, .base = "old", .info = s.info}); }},
     {"add by moving", "old", "document", [](auto &s) { return s.handle.add_by_moving("g", s.store.document(), 6); }},
     {"set options", "old", "store/", [](auto &s) { return s.handle.set_options("old", 6); }},
     {"set info", "old", "store/", [](auto &s) { return s.handle.set_info("old", "k", vaultry::String("v")); }},
