@@ -47,15 +47,22 @@ ROWS = [
     Row("keep", "keep 20 KiB, in process, on disk", jobs.Keep, 20, (20, 40), item="add", calls=60, wall=1.3),
     Row("keep-many", "the same among 100,000 generations", jobs.KeepAmongMany, 100000, TREE, item="generation there",
         calls=0, wall=1.1),
+    Row("held", "hold the store alone while 1 GiB is added, median", jobs.Held, 1024, ()),
+    Row("held-most", "the same, at most", jobs.HeldMost, 1024, ()),
+    Row("beside", "list, add, copy, show and remove 20 KiB while 4 GiB are added", jobs.BesideAnAdd, 4096, (),
+        wall=1.3),
     Row("ask-many", "query by name among 100,000", jobs.AskAmongMany, 100000, TREE, item="generation there",
         calls=0, wall=1.1),
 ]
+QUIET_AND_LOADED = (1, 10, 50, 100, 200, 250, 300, 1000, 10000)  # a folder has one item more than files
 GROWTH = [
     ("files of 4 KiB in a document, added", jobs.Add, (1, 10, 100, 1000, 10000)),
     ("MiB in a file, added", jobs.AddFile, (1, 4, 16, 64, 256, 1024)),
     ("attributes on each of 1,000 files, added", jobs.AddAttributed, (0, 1, 3, 10)),
     ("generations in the store, all queried", jobs.Query, (10, 100, 1000, 10000, 100000)),
     ("generations in the store, 20 KiB kept", jobs.KeepAmongMany, (10, 100, 1000, 10000, 100000)),
+    ("files of 20 KB in a folder, added", jobs.AddFlushedEach, QUIET_AND_LOADED),
+    ("the same, others having written 1.5 GiB", jobs.AddLoaded, QUIET_AND_LOADED),
 ]
 
 
@@ -78,7 +85,7 @@ def take_turns(job, rounds):
             steps = job.ways()[name]()
             places.sync_file_system(job.home)
             job.disturb()
-            wall, cpu = ways.measure(steps, job.inside)
+            wall, cpu = ways.measure(steps, job.inside, job.statistic)
             samples[name]["wall"].append(wall)
             samples[name]["cpu"].append(cpu)
             job.undo()
@@ -115,6 +122,7 @@ def grow(tools, place, rounds):
                 for _ in range(rounds + 1):
                     steps = one.ours()
                     places.sync_file_system(place)
+                    one.disturb()
                     walls.append(ways.measure(steps, one.inside)[0])
                     one.undo()
             series.setdefault(what, {})[str(size)] = statistics.median(walls[1:])  # the first one warms up

@@ -7,7 +7,9 @@ way would pay for that.
 import functools
 import os
 import shutil
+import statistics
 import subprocess
+import time
 
 from . import peers, places, workloads
 
@@ -18,6 +20,7 @@ class Job:
     """`size` says how much work it is; its calls are divided by `items`."""
 
     inside = False  # whether its programs measure themselves
+    statistic = staticmethod(statistics.median)  # of what they print
     by_hand = "cp -a"  # what vaultry is compared with
     peers = {}  # other programs that do it
 
@@ -93,6 +96,7 @@ class AddAttributed(Add):
 class AddFlushedEach(Files):
     """By hand, each file is flushed by itself, as programs do that save several."""
 
+    make = staticmethod(workloads.make_letters)
     by_hand = "cp -a, fsync of each"
     how = ["--no-share"]
 
@@ -126,8 +130,6 @@ class AddChanged(AddFlushedEach):
 
 class AddLoaded(AddFlushedEach):
     """Somebody else has just written much to the same volume, and nothing of it is on disk yet."""
-
-    make = staticmethod(workloads.make_letters)
 
     def disturb(self):
         workloads.make_file(f"{self.home}/others", 1500 << 20)
@@ -321,3 +323,75 @@ class KeepAmongMany(AmongMany):
 class AskAmongMany(AmongMany):
     def work(self, store):
         return [[self.tools.inside, "ask", store, workloads.generation_name(7), str(self.batch)]]
+
+
+class Held(Job):
+    """How long an add has the store alone, whatever is added."""
+
+    inside = True
+    by_hand = "adding 20 KiB"
+    batch = 3
+
+    def prepare(self, size):
+        workloads.make_file(self.source, size << 20)
+        self.small = f"{self.home}/small"
+        workloads.make_file(self.small, 20 << 10)
+
+    def add(self, document):
+        first, self.turn = self.turn, self.turn + self.batch
+        return [[self.tools.inside, "held", self.store, document, str(first), str(self.batch)]]
+
+    def ours(self):
+        return self.add(self.source)
+
+    def theirs(self):
+        return self.add(self.small)
+
+    def undo(self):
+        kept = [name for name in os.listdir(self.store) if not name.startswith(".")]
+        self.run("remove", *kept)
+
+
+class HeldMost(Held):
+    statistic = max
+
+
+class BesideAnAdd(Job):
+    """What others do in a store while somebody adds a large file to it, or to another store on the same disk."""
+
+    by_hand = "to another store"
+
+    def prepare(self, size):
+        workloads.make_file(self.source, size << 20)
+        self.small, self.beside = f"{self.home}/small", None
+        workloads.make_file(self.small, 20 << 10)
+        self.run("add", "--name", "kept", self.small)
+        self.other = f"{self.home}/other"
+        subprocess.run([self.tools.command, "--store", self.other, "init"], check=True, stdout=subprocess.DEVNULL)
+
+    def others(self):
+        name = self.next()
+        return [self.vaultry("list"), self.vaultry("add", "--name", name, self.small),
+                self.vaultry("copy", name, f"{self.target}/{name}"), self.vaultry("show", name),
+                self.vaultry("remove", name)]
+
+    def ours(self):
+        self.large_to = self.store
+        return self.others()
+
+    def theirs(self):
+        self.large_to = self.other
+        return self.others()
+
+    def disturb(self):
+        self.beside = subprocess.Popen([self.tools.command, "--store", self.large_to, "add", "--name", "large",
+                                        self.source], stdout=subprocess.DEVNULL)
+        time.sleep(0.3)
+
+    def undo(self):
+        if self.beside is None:
+            return
+        if self.beside.wait() != 0:
+            raise RuntimeError("the large file was not kept")
+        self.beside = None
+        subprocess.run([self.tools.command, "--store", self.large_to, "remove", "large"], check=True)
