@@ -19,6 +19,7 @@
 #include "Platform/Item.h"
 #include "Shared/PathBuffer.h"
 
+#include <vaultry/file_status.h>
 #include <vaultry/storage.h>
 
 #include <sys/types.h>
@@ -134,8 +135,9 @@ bool _FlushGenerationStore(const char *rootPath, TQError **error);
 // The path of a generation; with `mustExist`, of one that exists.
 bool _GetPathToGeneration(const char *rootPath, const char *name, bool mustExist, PathBuffer &path, TQError **error);
 
-// A path in a fresh staging directory of its own; nothing is there yet. StagingDirectory adds the owner file.
-bool _GetUniqueStagingPath(const char *rootPath, PathBuffer &path, TQError **error);
+// A path in a fresh staging directory of its own; nothing is there yet. StagingDirectory adds the owner file. The
+// status is that of the staging area.
+bool _GetUniqueStagingPath(const char *rootPath, PathBuffer &path, TQFileStatus *area, TQError **error);
 
 // Removes the whole unique staging directory that `path` lies in.
 bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error);

@@ -286,6 +286,7 @@ public:
     {
         HeldLock lock;
         if (!lock.ForWriting(store_, error_) || !InstallStaged(placing(), status_, malformed_, error_)) return false;
+        staging_.Taken();
         if (HasChanged())
             installed_.Reset(open(generation_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
         return true;

@@ -246,12 +246,10 @@ bool LockForLife(int fd)
 }
 
 // Root gives the file to the staging area's owner, since a file of anybody else is not believed.
-bool GiveToAreaOwner(int directory, int fd)
+bool GiveToAreaOwner(int fd, const TQFileStatus &made, uint32_t areaOwner)
 {
-    if (geteuid() != 0) return true;
-    TQFileStatus area;
-    if (platform::GetStatus({directory, "..", ".."}, Links::NoFollow, &area) != 0) return false;
-    return area.owner == 0 || fchown(fd, area.owner, static_cast<gid_t>(-1)) == 0 || errno == EPERM || errno == EINVAL;
+    if (made.owner == areaOwner || geteuid() != 0) return true;
+    return areaOwner == 0 || fchown(fd, areaOwner, static_cast<gid_t>(-1)) == 0 || errno == EPERM || errno == EINVAL;
 }
 
 } // namespace
@@ -312,7 +310,8 @@ bool OwnerNote::IsOfThisStart() const
     return IsOfThisMachine() && strcmp(boot, "-") != 0 && strcmp(boot, platform::ThisMachine().boot) == 0;
 }
 
-UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, ItemId *id, off_t *end, TQError **error)
+UniqueFd _MakeOwnerFile(const Item &place, uint32_t areaOwner, const OwnerNote &note, ItemId *id, off_t *end,
+                        TQError **error)
 {
     NoteText text;
     text.Add("%swork %s\nmachine %s\nboot %s\n", kFirstLine, kWords[static_cast<size_t>(note.work)], note.machine,
@@ -327,17 +326,17 @@ UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, 
     text.Add("%s", kLastLine);
 
     constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    UniqueFd fd(openat(directory, kOwnerFileName, kFlags, kOwnerFileMode));
+    UniqueFd fd(openat(place.directory, place.name, kFlags, kOwnerFileMode));
     TQFileStatus made;
     // The lock comes before the first byte, so a process that finds the file unlocked then finds it empty. The mode
     // does not depend on the umask.
     if (fd && LockForLife(fd.get()) && platform::GetStatusOfFd(fd.get(), &made) == 0 &&
         ((made.mode & 07777) == kOwnerFileMode || fchmod(fd.get(), kOwnerFileMode) == 0) &&
-        GiveToAreaOwner(directory, fd.get()) && text.WriteTo(fd.get(), end)) {
+        GiveToAreaOwner(fd.get(), made, areaOwner) && text.WriteTo(fd.get(), end)) {
         *id = ItemId::Of(made);
         return fd;
     }
-    Failure(error).Errno("Failed to write \"%s/%s\"", path, kOwnerFileName);
+    Failure(error).Errno("Failed to write \"%s/%s\"", place.path, place.name);
     return {};
 }
 

@@ -77,9 +77,9 @@ struct OwnerNote {
     bool IsOfThisStart() const;
 };
 
-// Makes the owner file in `directory`, whose path is `path`, and locks it. `id` tells which item the file is. An empty
-// descriptor on failure.
-UniqueFd _MakeOwnerFile(int directory, const char *path, const OwnerNote &note, ItemId *id, off_t *end,
+// Makes the owner file at `place`, whose path is that of its directory, and locks it. The staging area belongs to
+// `areaOwner`. `id` tells which item the file is. An empty descriptor on failure.
+UniqueFd _MakeOwnerFile(const Item &place, uint32_t areaOwner, const OwnerNote &note, ItemId *id, off_t *end,
                         TQError **error);
 
 // Adds what is about to be exchanged. The caller flushes it.

@@ -35,21 +35,20 @@ bool _GetPathToGeneration(const char *rootPath, const char *name, bool mustExist
 
 // A link that somebody planted there would lead the work, and the removal at its end, out of the store. False with
 // errno. If nothing is there, or something other than a directory, the work itself fails.
-static bool _StagingLeadsNowhereElse(const char *rootPath)
+static bool _StagingLeadsNowhereElse(const char *rootPath, TQFileStatus *area)
 {
     PathBuffer staging;
-    TQFileStatus status;
     if (!staging.Format("%s/%s", rootPath, kStagingName)) return true;
-    if (platform::GetStatus(Item::AtPath(staging.c_str()), Links::NoFollow, &status) != 0) return errno == ENOENT;
-    if (S_ISLNK(status.mode)) errno = ELOOP;
-    return !S_ISLNK(status.mode);
+    if (platform::GetStatus(Item::AtPath(staging.c_str()), Links::NoFollow, area) != 0) return errno == ENOENT;
+    if (S_ISLNK(area->mode)) errno = ELOOP;
+    return !S_ISLNK(area->mode);
 }
 
-bool _GetUniqueStagingPath(const char *rootPath, PathBuffer &path, TQError **error)
+bool _GetUniqueStagingPath(const char *rootPath, PathBuffer &path, TQFileStatus *area, TQError **error)
 {
     if (!path.Format("%s/%s/%s", rootPath, kStagingName, kUniqueTemplate))
         return Failure(error).Status(kTQStatusBadPath, "staging path is too long");
-    if (!_StagingLeadsNowhereElse(rootPath) || platform::MakeUniqueDirectory(path.data()) != 0)
+    if (!_StagingLeadsNowhereElse(rootPath, area) || platform::MakeUniqueDirectory(path.data()) != 0)
         return Failure(error).Errno("mkdtemp(\"%s\") failed", path.c_str());
 
     const size_t uniqueLength = strlen(path.c_str());
@@ -74,7 +73,8 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
     if (!prefix.Format("%s/%s/", rootPath, kStagingName))
         return Failure(error).Status(kTQStatusBadPath, "path to staging is too long");
     const size_t prefixLength = strlen(prefix.c_str());
-    if (!path || strncmp(path, prefix.c_str(), prefixLength) != 0 || !_StagingLeadsNowhereElse(rootPath))
+    TQFileStatus area{};
+    if (!path || strncmp(path, prefix.c_str(), prefixLength) != 0 || !_StagingLeadsNowhereElse(rootPath, &area))
         return Failure(error).Status(kTQStatusFailed, "Staging path provided to remove was not in staging directory");
     if (path[prefixLength] == '\0') return true;
 
@@ -126,20 +126,18 @@ StagingDirectory::~StagingDirectory()
 
 void StagingDirectory::Remove()
 {
-    {
-        const UniqueFd directory = Open();
-        // If something has taken the directory's place, it is somebody's own.
-        if (!directory && owner_ && errno == ESTALE) return;
-        if (directory && RemoveWhatIsUsual(directory.get())) return;
-    }
-    (void)_RemoveStagingPath(root_, unique_.c_str(), nullptr);
+    if (directory_ && RemoveWhatIsUsual()) return;
+    directory_.Reset();
+    // If something has taken the directory's place, it is somebody's own.
+    if (!owner_ || IsAtItsPath() || errno != ESTALE) (void)_RemoveStagingPath(root_, unique_.c_str(), nullptr);
 }
 
 // Usually only the owner file is left, or staged items with it. Then nothing has to be listed.
-bool StagingDirectory::RemoveWhatIsUsual(int directory)
+bool StagingDirectory::RemoveWhatIsUsual()
 {
+    const int directory = directory_.get();
     bool isEmpty = true;
-    for (unsigned number = 0; number == 0 || number < places_; ++number) {
+    for (unsigned number = 0; !isTaken_ && (number == 0 || number < places_); ++number) {
         const char *const path = NamePlace(number);
         isEmpty &= _RemoveTreeAt({directory, strrchr(path, '/') + 1, path}, {.keepsShared = true}, nullptr);
     }
@@ -150,17 +148,15 @@ bool StagingDirectory::RemoveWhatIsUsual(int directory)
     return unlinkat(directory, kOwnerFileName, 0) == 0 && unlinkat(directory, self, AT_REMOVEDIR) == 0;
 }
 
-// The directory is not held open meanwhile: an operation inside another one has few descriptors.
-UniqueFd StagingDirectory::Open() const
+bool StagingDirectory::IsAtItsPath() const
 {
-    UniqueFd directory(open(unique_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const UniqueFd there(open(unique_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     TQFileStatus status;
-    if (!directory ||
-        platform::GetStatus({directory.get(), kOwnerFileName, unique_.c_str()}, Links::NoFollow, &status) != 0)
-        return {};
-    if (ItemId::Of(status) == ownerId_) return directory;
+    if (!there || platform::GetStatus({there.get(), kOwnerFileName, unique_.c_str()}, Links::NoFollow, &status) != 0)
+        return false;
+    if (ItemId::Of(status) == ownerId_) return true;
     errno = ESTALE;
-    return {};
+    return false;
 }
 
 void StagingDirectory::Keep()
@@ -170,12 +166,14 @@ void StagingDirectory::Keep()
 
 bool StagingDirectory::Make(const char *root, const OwnerNote &note, TQError **error)
 {
-    if (!_GetUniqueStagingPath(root, staged_, error)) return false;
+    TQFileStatus area{};
+    if (!_GetUniqueStagingPath(root, staged_, &area, error)) return false;
     root_ = root;
     (void)unique_.Format("%.*s", static_cast<int>(strrchr(staged_.c_str(), '/') - staged_.c_str()), staged_.c_str());
-    const UniqueFd directory(open(unique_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!directory) return Failure(error).Errno("Failed to write \"%s/%s\"", unique_.c_str(), kOwnerFileName);
-    owner_ = _MakeOwnerFile(directory.get(), unique_.c_str(), note, &ownerId_, &ownerEnd_, error);
+    directory_.Reset(open(unique_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory_) return Failure(error).Errno("Failed to write \"%s/%s\"", unique_.c_str(), kOwnerFileName);
+    const Item place{directory_.get(), kOwnerFileName, unique_.c_str()};
+    owner_ = _MakeOwnerFile(place, area.owner, note, &ownerId_, &ownerEnd_, error);
     return static_cast<bool>(owner_);
 }
 
@@ -188,10 +186,8 @@ struct timespec StagingDirectory::written() const
 
 bool StagingDirectory::FlushNote(TQError **error) const
 {
-    const UniqueFd directory = Open();
-    if (!directory) return Failure(error).Errno("Failed to flush \"%s\" to disk", unique_.c_str());
-    const UniqueFd area(openat(directory.get(), "..", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    for (const int fd : {owner_.get(), directory.get(), area.get()})
+    const UniqueFd area(openat(directory_.get(), "..", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    for (const int fd : {owner_.get(), directory_.get(), area.get()})
         if (platform::FlushFd(fd) != 0) return Failure(error).Errno("Failed to flush \"%s\" to disk", unique_.c_str());
     return true;
 }

@@ -28,6 +28,9 @@ public:
     // Notes, on disk, what is about to be exchanged for what lies here.
     bool NoteExchange(const PlannedExchange &exchange, TQError **error);
 
+    // Notes that what was staged is elsewhere by now, and need not be looked for.
+    void Taken() { isTaken_ = true; }
+
     // Leaves the directory and what is in it, to a client or to a repair.
     void Keep();
 
@@ -44,15 +47,17 @@ public:
     const char *staged() const { return staged_.c_str(); }
 
 private:
-    UniqueFd Open() const;
+    bool IsAtItsPath() const;
     const char *NamePlace(unsigned number);
     void Remove();
-    bool RemoveWhatIsUsual(int directory);
+    bool RemoveWhatIsUsual();
 
     const char *root_ = nullptr; // null when there is nothing to remove
     PathBuffer unique_;
     PathBuffer staged_;
+    UniqueFd directory_;
     UniqueFd owner_;
+    bool isTaken_ = false;
     unsigned places_ = 0; // that NextPlace has given
     off_t ownerEnd_ = 0;  // where the next note goes
     ItemId ownerId_;      // tells the directory from any other
