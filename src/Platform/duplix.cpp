@@ -41,6 +41,7 @@ private:
     UniqueFd OpenSource(const Entry &entry, TQFileStatus *status);
     Copied CopyFile(const Entry &entry);
     bool CanClone(int from, const TQFileStatus &source);
+    Copied CopyOpened(const Entry &entry, int from, const TQFileStatus &source);
     bool IsKept(int fd) const { return !flushEach_ || FlushFd(fd) == 0; }
     mode_t FirstMode(const TQFileStatus &source) const;
     Copied CopyLink(const Entry &entry);
@@ -69,7 +70,7 @@ bool TreeCopy::Run(const char *source, const char *destination, const DuplixOpti
 {
     sourceLength_ = strlen(source);
     // Users keep documents on volumes that are mounted inside others; a copy has everything that they see.
-    if (!tree_.Open(destination, options.into) || !walk_.Open(source, TreeWalk::Volumes::All))
+    if (!tree_.Open(destination, options.into) || !walk_.Open(source, TreeWalk::Volumes::All, TreeWalk::Look::Held))
         return RefusedFromTheStart(source, destination);
     flushEach_ = options.flushEach && !tree_.HonoursFlush(volumes_);
     substitute_ = options.substitute;
@@ -204,7 +205,7 @@ bool TreeCopy::CopyLeaf(const Entry &entry)
     }
 }
 
-// Opens the file whose status the walk read. A file that has taken its place is not what was asked for.
+// Opens a file that the walk only looked at. A file that has taken its place is not what was asked for.
 UniqueFd TreeCopy::OpenSource(const Entry &entry, TQFileStatus *status)
 {
     constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
@@ -260,21 +261,24 @@ Answer TreeCopy::AskForSubstitute(const Entry &entry, int from, const TQFileStat
 
 Copied TreeCopy::CopyFile(const Entry &entry)
 {
+    if (entry.fd >= 0) return CopyOpened(entry, entry.fd, entry.status);
     TQFileStatus source;
     const UniqueFd from = OpenSource(entry, &source);
-    if (!from) return Copied::No;
+    return from ? CopyOpened(entry, from.get(), source) : Copied::No;
+}
 
-    const Answer answer = AskForSubstitute(entry, from.get(), source);
+Copied TreeCopy::CopyOpened(const Entry &entry, int from, const TQFileStatus &source)
+{
+    const Answer answer = AskForSubstitute(entry, from, source);
     if (answer == Answer::Quit) return Copied::Stopped;
     if (answer == Answer::Skip) return reports_.Finish(duplix_what::File, nullptr) ? Copied::Yes : Copied::Stopped;
 
     TQFileStatus made;
     UniqueFd to = tree_.MakeFile(FirstMode(source), &made);
     if (!to) return Copied::No;
-    const Copied result =
-        _CopyOpenFile(from.get(), source, to.get(), made, tree_.isRoot(), data_, attributes_, reports_);
+    const Copied result = _CopyOpenFile(from, source, to.get(), made, tree_.isRoot(), data_, attributes_, reports_);
     if (result != Copied::Yes) return result;
-    const DuplixFinished finished{from.get(), to.get(), made};
+    const DuplixFinished finished{from, to.get(), made};
     if (!reports_.Finish(duplix_what::File, &finished)) return Copied::Stopped;
     // Some volumes report only now that they had no room for what they accepted.
     return IsKept(to.get()) && to.Close() == 0 ? Copied::Yes : Copied::No;

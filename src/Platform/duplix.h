@@ -15,11 +15,14 @@
 // Every item is made new, files with O_EXCL. Directories, and a root that is a file, have owner-only rights at first.
 // Nothing that has content is overwritten, and no link is followed; `into` is the only item that is filled. A directory
 // that was swapped right after it was made is refused with ESTALE where that can be told: it is not empty, or belongs
-// to somebody else on a volume that keeps owners. The source is opened without following links, and what was swapped
-// since its status was read is refused with ESTALE. Links are copied as links. FIFOs, sockets and devices are refused
-// with ENOTSUP, never opened. A file is read until its end is found, whatever its reported size: some volumes do not
-// know it. Reading a file or directory does not change its access time where the kernel allows that, to the item's
-// owner and to root. Reading a link does.
+// to somebody else on a volume that keeps owners.
+//
+// The source is opened without following links, and what has taken an item's place since its status was read is never
+// copied. A file is held open from then on. A directory, and a file that can't be held, or is the root, is refused with
+// ESTALE if it was swapped. Links are copied as links. FIFOs, sockets and devices are refused with ENOTSUP, and not
+// opened, unless one takes the place of a file while its directory is read. A file is read until its end is found,
+// whatever its reported size: some volumes do not know it. Reading a file or directory does not change its access time
+// where the kernel allows that, to the item's owner and to root. Reading a link does.
 //
 // The callback sees, for each file, link or refused item: (File, Start), then (Data, Progress) at least every 4 MiB
 // while data is copied, and once for a file that was cloned, then (File, Finish), when all attributes are done. For
