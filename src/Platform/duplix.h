@@ -59,9 +59,11 @@ enum : int { Continue = 0, Skip = 1, Quit = 2 };
 struct DuplixFinished {
     int source; // for reading
     int copy;   // a file for writing, a directory for reading
-    // The copy's status. Device, inode, kind, owner, group, mode and flags are what it has now; size, blocks, link
-    // count and times are those of the empty item that was made.
+    // The copy's status. Device, kind, owner, group, mode and flags are what it has now; size, blocks, link count and
+    // times are those of the empty item that was made, and so is the inode, which is 0 if nobody looked at the item.
     const TQFileStatus &status;
+    mode_t mode;    // what the copy is to have
+    bool modeIsDue; // whether the client has to set it; until then the status has what is known of it
 };
 
 // What the service tells its callback about the item at hand.
@@ -103,6 +105,10 @@ struct DuplixOptions {
     // Whether each item is flushed through the descriptor that wrote it. That is done only on a destination volume
     // where nothing else proves that it has kept the item (VolumeHonoursFlush); elsewhere the copy flushes nothing.
     bool flushEach = false;
+
+    // Whether the callback gives each file and directory its mode at its Finish (modeIsDue), so that a client that
+    // changes it anyway changes it once. An item that is to be immutable or append-only already has its mode then.
+    bool leavesMode = false;
 
     // The status of an empty item at the destination, which becomes the root; it is a regular file or a directory, as
     // the source is. ESTALE if another item is found there, EEXIST if it is not empty, EISDIR or ENOTDIR if it is of
