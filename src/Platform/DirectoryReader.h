@@ -19,7 +19,7 @@ public:
     // name stays valid until the next call. Keeps errno.
     const char *Next(int directory, int *error);
 
-    // The kind of the item that had the name when it was read: DT_REG and so on, DT_UNKNOWN where the volume tells none.
+    // The kind of the item that had the name when it was read: DT_REG and so on; DT_UNKNOWN if the volume tells none.
     unsigned char kind() const { return kind_; }
 
     // Frees the buffer. Resume has to be called before the next call of Next.

@@ -43,8 +43,8 @@ public:
     // directory tells; where it tells none, and at the root, the walk looks as usual.
     enum class Look {
         Status, // at the name
-        // At a regular file that it has opened for reading, or else at the name. What has taken a file's place since the
-        // directory was read may be opened too, but nothing waits for it.
+        // At a regular file that it has opened for reading, or else at the name. What has taken a file's place since
+        // the directory was read may be opened too, but nothing waits for it.
         Held,
         KindOnly, // not at all: `hasStatus` is false, and so is `isElsewhere`
     };
@@ -59,7 +59,8 @@ public:
         int error;           // errno of Unreadable, NoStatus and Error, else 0
         int level;           // 0 for the root
         bool isElsewhere;    // something is mounted on it, or it is a directory of another file system; never the root
-        // The item itself: the directory, in DirectoryDone of one that was entered; a file that the walk holds. Else -1.
+        // The item itself: the directory, in DirectoryDone of one that was entered; a file that the walk holds. -1 for
+        // others.
         int fd;
 
         // How many bytes of item.path are the path of the directory that holds the entry; 0 for a root whose path is a

@@ -37,9 +37,9 @@ public:
 
     // Makes the item named last a file, open for reading and writing. Empty with errno.
     //
-    // Files that a process makes with one mode in directories that are alike are alike too: owner, group, mode and flags
-    // come from there. On a volume that keeps its word, only the first is looked at, if `mayAssume` says that this will
-    // do; `made` is then the first one's status, without an inode.
+    // Files that a process makes with one mode in directories that are alike are alike too: owner, group, mode and
+    // flags come from there. On a volume that keeps its word, only the first is looked at if `mayAssume` says that this
+    // will do; `made` is then the first one's status, without an inode.
     UniqueFd MakeFile(mode_t mode, bool mayAssume, TQFileStatus *made);
     // False with errno.
     bool MakeLink(const char *target);

@@ -139,7 +139,8 @@ bool Walk(const Words &w, TQError **)
 }
 
 // Prints what the copy service tells its client, line by line. At the line that equals the third word, it does the
-// fourth: "skip" and "quit" are answers, "umask" takes all rights from new items, anything else is a command of the shell.
+// fourth: "skip" and "quit" are answers, "umask" takes all rights from new items, anything else is a command of the
+// shell.
 bool Copy(const Words &w, TQError **)
 {
     const auto hear = [](int what, int stage, DuplixState *, const char *source, const char *, void *context) {
