@@ -44,6 +44,7 @@ const char *DirectoryReader::Next(int directory, int *error)
         next_ += entry->d_reclen;
         before_ = reached_;
         reached_ = entry->d_off;
+        kind_ = entry->d_type;
         if (!_IsDot(entry->d_name)) return entry->d_name;
     }
 }

@@ -19,6 +19,9 @@ public:
     // name stays valid until the next call. Keeps errno.
     const char *Next(int directory, int *error);
 
+    // The kind of the item that had the name when it was read: DT_REG and so on; DT_UNKNOWN if the volume tells none.
+    unsigned char kind() const { return kind_; }
+
     // Frees the buffer. Resume has to be called before the next call of Next.
     void Suspend() { buffer_.reset(); }
 
@@ -36,6 +39,7 @@ private:
     size_t end_ = 0;
     off_t reached_ = 0; // after the name that Next returned last
     off_t before_ = 0;  // before it
+    unsigned char kind_ = 0;
     bool started_ = false;
 };
 

@@ -1,6 +1,7 @@
 #include "Platform/DirectoryStack.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/ItemId.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -11,7 +12,7 @@ namespace platform {
 bool DirectoryStack::Push(UniqueFd directory, const TQFileStatus &status)
 {
     try {
-        levels_.push_back({std::move(directory), ItemId::Of(status), status.owner});
+        levels_.push_back({std::move(directory), status});
     } catch (const std::bad_alloc &) {
         errno = ENOMEM;
         return false;
@@ -25,12 +26,13 @@ bool DirectoryStack::OpenParent()
     Level &parent = levels_[levels_.size() - 2];
     if (parent.fd) return true;
 
-    UniqueFd found = opener_.Open({Top(), "..", ".."}, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, parent.owner);
+    UniqueFd found =
+        opener_.Open({Top(), "..", ".."}, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, parent.status.owner);
     // The root's parent is never read, so permission to search it is enough.
     if (!found && errno == EACCES) found.Reset(openat(Top(), "..", O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     TQFileStatus status;
     if (!found || GetStatusOfFd(found.get(), &status) != 0) return false;
-    if (ItemId::Of(status) != parent.id) {
+    if (ItemId::Of(status) != ItemId::Of(parent.status)) {
         errno = ESTALE;
         return false;
     }

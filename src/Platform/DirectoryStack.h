@@ -6,7 +6,6 @@
 
 #pragma once
 
-#include "Platform/ItemId.h"
 #include "Platform/QuietOpener.h"
 #include "Platform/UniqueFd.h"
 
@@ -31,14 +30,15 @@ public:
 
     size_t size() const { return levels_.size(); }
     int Top() const { return levels_.back().fd.get(); }
+    // As it was when the work went down into it.
+    const TQFileStatus &StatusOfTop() const { return levels_.back().status; }
     // The directory above the top; -1 unless OpenParent succeeded since the last Push or Pop.
     int Parent() const { return levels_[levels_.size() - 2].fd.get(); }
 
 private:
     struct Level {
         UniqueFd fd;
-        ItemId id;
-        uint32_t owner;
+        TQFileStatus status;
     };
     std::vector<Level> levels_;
     QuietOpener opener_;

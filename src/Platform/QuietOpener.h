@@ -6,6 +6,8 @@
 #include "Platform/Item.h"
 #include "Platform/UniqueFd.h"
 
+#include <vaultry/file_status.h>
+
 #include <cstdint>
 #include <optional>
 
@@ -14,18 +16,15 @@ namespace platform {
 class QuietOpener {
 public:
     // Opens as openat does. `owner` is the item's owner as far as is known.
-    UniqueFd Open(const Item &item, int flags, uint32_t owner)
-    {
-        if (refused_ != owner) {
-            UniqueFd fd(openat(item.directory, item.name, flags | O_NOATIME));
-            if (fd || errno != EPERM) return fd;
-            refused_ = owner;
-        }
-        return UniqueFd(openat(item.directory, item.name, flags));
-    }
+    UniqueFd Open(const Item &item, int flags, uint32_t owner);
+
+    // The same for an item that nobody has looked at yet; its status is that of what was opened. The item before it
+    // mostly had the same owner. Where that proves wrong, it costs a call.
+    UniqueFd OpenAndLook(const Item &item, int flags, TQFileStatus *status);
 
 private:
     std::optional<uint32_t> refused_; // the owner whose items were refused last
+    std::optional<uint32_t> last_;    // the owner of what OpenAndLook opened last
 };
 
 } // namespace platform

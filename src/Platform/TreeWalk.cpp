@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <dirent.h>
 #include <new>
 #include <sys/stat.h>
 
@@ -27,7 +28,6 @@ struct TreeWalk::State {
 
     // A directory that was entered, with what has to be remembered of it whether it is open or not.
     struct Level {
-        TQFileStatus status;
         size_t pathLength;
         size_t parentPathLength;
         DirectoryReader reader;
@@ -37,11 +37,13 @@ struct TreeWalk::State {
     Entry entry{};
     Due due = Due::Root;
     Volumes volumes = Volumes::One;
+    Look look = Look::Status;
     Item root{};
     uint64_t rootDevice = 0;
     size_t rootParentPathLength = 0;
     bool skipsRest = false;
     UniqueFd opened; // the directory in `entry`, if it was asked for
+    UniqueFd file;   // the file in `entry`, if it is held
     platform::QuietOpener opener;
     DirectoryStack directories;
     std::vector<Level> levels;       // one for each in `directories`
@@ -51,13 +53,15 @@ struct TreeWalk::State {
     const Entry *Enter();
     int OpenEntry();
     const Entry *Contents();
-    const Entry *Child(const char *name);
+    const Entry *Child(const char *name, unsigned char kind);
+    bool Hold();
     const Entry *Done(Kind kind, int error);
     bool OpenAbove();
     void Leave();
 
     int Push(UniqueFd directory);
     const Entry *Report(Kind kind, int error = 0);
+    const Entry *ReportLeaf(mode_t mode);
     const Entry *ReportByStatus();
 };
 
@@ -73,14 +77,14 @@ static size_t _ParentPathLength(const char *path, size_t length)
 TreeWalk::TreeWalk() = default;
 TreeWalk::~TreeWalk() = default;
 
-bool TreeWalk::Open(const char *rootPath, Volumes volumes)
+bool TreeWalk::Open(const char *rootPath, Volumes volumes, Look look)
 {
-    if (!Open(Item::AtPath(rootPath), volumes)) return false;
+    if (!Open(Item::AtPath(rootPath), volumes, look)) return false;
     state_->root = Item::AtPath(state_->path);
     return true;
 }
 
-bool TreeWalk::Open(const Item &root, Volumes volumes)
+bool TreeWalk::Open(const Item &root, Volumes volumes, Look look)
 {
     const size_t length = strlen(root.path);
     const size_t nameLength = strlen(root.name);
@@ -95,6 +99,7 @@ bool TreeWalk::Open(const Item &root, Volumes volumes)
     }
     const ErrnoKeeper keeper;
     state_->volumes = volumes;
+    state_->look = look;
     memcpy(state_->path, root.path, length + 1);
     state_->root = {root.directory, root.name, state_->path};
     state_->rootParentPathLength = _ParentPathLength(root.path, length);
@@ -106,6 +111,7 @@ const TreeWalk::Entry *TreeWalk::Next()
     if (!state_) return nullptr;
     const int before = errno;
     const Entry *entry = nullptr;
+    state_->file.Reset();
     if (state_->due == State::Due::Leave) state_->Leave();
     switch (state_->due) {
     case State::Due::Root:
@@ -153,6 +159,12 @@ const TreeWalk::Entry *TreeWalk::State::Report(Kind kind, int error)
     return &entry;
 }
 
+const TreeWalk::Entry *TreeWalk::State::ReportLeaf(mode_t mode)
+{
+    if (S_ISREG(mode)) return Report(Kind::File);
+    return Report(S_ISLNK(mode) ? Kind::Link : Kind::Other);
+}
+
 // Reports what `entry.status` describes.
 const TreeWalk::Entry *TreeWalk::State::ReportByStatus()
 {
@@ -164,8 +176,7 @@ const TreeWalk::Entry *TreeWalk::State::ReportByStatus()
         due = Due::Enter;
         return Report(Kind::Directory);
     }
-    if (S_ISREG(entry.status.mode)) return Report(Kind::File);
-    return Report(S_ISLNK(entry.status.mode) ? Kind::Link : Kind::Other);
+    return ReportLeaf(entry.status.mode);
 }
 
 const TreeWalk::Entry *TreeWalk::State::Root()
@@ -185,7 +196,7 @@ int TreeWalk::State::Push(UniqueFd directory)
 {
     if (!directories.Push(std::move(directory), entry.status)) return errno;
     try {
-        levels.push_back({entry.status, strlen(path), entry.parentPathLength, DirectoryReader(), 0});
+        levels.push_back({strlen(path), entry.parentPathLength, DirectoryReader(), 0});
     } catch (const std::bad_alloc &) {
         directories.Pop();
         return ENOMEM;
@@ -226,12 +237,29 @@ const TreeWalk::Entry *TreeWalk::State::Contents()
     Level &level = levels.back();
     int error = level.error;
     const char *name = error == 0 ? level.reader.Next(directories.Top(), &error) : nullptr;
-    if (name) return Child(name);
+    if (name) return Child(name, level.reader.kind());
     return Done(error == 0 ? Kind::DirectoryDone : error == ENOMEM ? Kind::Error : Kind::Unreadable, error);
 }
 
+// Opens the entry, which had been a regular file when its directory was read. False if it can't be opened, or is
+// something else by now.
+bool TreeWalk::State::Hold()
+{
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    UniqueFd found = opener.OpenAndLook(entry.item, kFlags, &entry.status);
+    if (!found || !S_ISREG(entry.status.mode)) return false;
+    file = std::move(found);
+    entry.fd = file.get();
+    return true;
+}
+
+static bool _IsLeaf(unsigned char kind)
+{
+    return kind == DT_REG || kind == DT_LNK || kind == DT_FIFO || kind == DT_SOCK || kind == DT_CHR || kind == DT_BLK;
+}
+
 // The path grows only here: it is that of the directory at the top, a slash and a name.
-const TreeWalk::Entry *TreeWalk::State::Child(const char *name)
+const TreeWalk::Entry *TreeWalk::State::Child(const char *name, unsigned char kind)
 {
     const Level &level = levels.back();
     entry.level = static_cast<int>(levels.size());
@@ -251,6 +279,8 @@ const TreeWalk::Entry *TreeWalk::State::Child(const char *name)
     char *const nameInPath = path + level.pathLength + slash;
     memcpy(nameInPath, name, nameLength + 1);
     entry.item = {directories.Top(), nameInPath, path};
+    if (look == Look::KindOnly && _IsLeaf(kind)) return ReportLeaf(static_cast<mode_t>(DTTOIF(kind)));
+    if (look == Look::Held && kind == DT_REG && Hold()) return ReportByStatus();
     if (platform::GetStatus(entry.item, Links::NoFollow, &entry.status) != 0) return Report(Kind::NoStatus, errno);
     return ReportByStatus();
 }
@@ -274,7 +304,7 @@ const TreeWalk::Entry *TreeWalk::State::Done(Kind kind, int error)
     entry.level = static_cast<int>(levels.size()) - 1;
     entry.hasStatus = true;
     entry.isElsewhere = false;
-    entry.status = level.status;
+    entry.status = directories.StatusOfTop();
     entry.fd = kind == Kind::DirectoryDone ? directories.Top() : -1;
     entry.parentPathLength = above;
     due = Due::Leave;

@@ -7,9 +7,9 @@
 // does not grow with the size of a folder.
 //
 // Directories of another file system, and those on which something is mounted, are reported. They are entered only if
-// the caller asks for it, or if the walk begins there. Each entry's status is one statx. Removing entries while the
-// walk goes on is fine, and so is adding rights to a directory when it is reported: it is opened by the call of Next
-// that follows.
+// the caller asks for it, or if the walk begins there. Each entry's status is one statx, of its name unless the caller
+// asks for another way. Removing entries while the walk goes on is fine, and so is adding rights to a directory when it
+// is reported: it is opened by the call of Next that follows.
 
 #pragma once
 
@@ -39,6 +39,16 @@ public:
 
     enum class Volumes { One, All };
 
+    // How the walk looks at what is no directory. Both ways that are not the usual one rely on the kind that the
+    // directory tells; where it tells none, and at the root, the walk looks as usual.
+    enum class Look {
+        Status, // at the name
+        // At a regular file that it has opened for reading, or else at the name. What has taken a file's place since
+        // the directory was read may be opened too, but nothing waits for it.
+        Held,
+        KindOnly, // not at all: `hasStatus` is false, and so is `isElsewhere`
+    };
+
     struct Entry {
         Kind kind;
         // Valid until the next call of Next. Where a path would reach the limit (an Error with ENAMETOOLONG), `path`
@@ -49,7 +59,9 @@ public:
         int error;           // errno of Unreadable, NoStatus and Error, else 0
         int level;           // 0 for the root
         bool isElsewhere;    // something is mounted on it, or it is a directory of another file system; never the root
-        int fd;              // the directory itself, in DirectoryDone of one that was entered; else -1
+        // The item itself: the directory, in DirectoryDone of one that was entered; a file that the walk holds. -1 for
+        // others.
+        int fd;
 
         // How many bytes of item.path are the path of the directory that holds the entry; 0 for a root whose path is a
         // single relative name.
@@ -62,11 +74,11 @@ public:
     // False, with errno, if the walk can't begin: an empty path (ENOENT), a path over 4,095 bytes
     // (ENAMETOOLONG), no memory. A missing root is no failure here; it is reported as NoStatus. errno is
     // untouched on success. An open walk can be opened again, and then begins anew.
-    bool Open(const char *rootPath, Volumes volumes = Volumes::One);
+    bool Open(const char *rootPath, Volumes volumes = Volumes::One, Look look = Look::Status);
 
     // The same from a name in an open directory; the path is for messages. The directory and the name are borrowed as
     // long as the walk goes on.
-    bool Open(const Item &root, Volumes volumes = Volumes::One);
+    bool Open(const Item &root, Volumes volumes = Volumes::One, Look look = Look::Status);
 
     // The next entry, or null at the end. Leaves errno alone, but sets it to the entry's error when it reports
     // Unreadable, NoStatus or Error.

@@ -37,10 +37,10 @@ private:
     bool ReportWalk(const Entry &entry);
 
     Copied EnterDirectory(const Entry &entry);
-    Copied CopyDirectoryMetadata(const Entry &entry, TQFileStatus &made);
     UniqueFd OpenSource(const Entry &entry, TQFileStatus *status);
     Copied CopyFile(const Entry &entry);
     bool CanClone(int from, const TQFileStatus &source);
+    Copied CopyOpened(const Entry &entry, int from, const TQFileStatus &source);
     bool IsKept(int fd) const { return !flushEach_ || FlushFd(fd) == 0; }
     mode_t FirstMode(const TQFileStatus &source) const;
     Copied CopyLink(const Entry &entry);
@@ -62,6 +62,7 @@ private:
     QuietOpener opener_;
     size_t sourceLength_ = 0;
     bool flushEach_ = false;
+    bool leavesMode_ = false;
     DuplixSubstitute substitute_ = nullptr;
 };
 
@@ -69,9 +70,11 @@ bool TreeCopy::Run(const char *source, const char *destination, const DuplixOpti
 {
     sourceLength_ = strlen(source);
     // Users keep documents on volumes that are mounted inside others; a copy has everything that they see.
-    if (!tree_.Open(destination, options.into) || !walk_.Open(source, TreeWalk::Volumes::All))
+    if (!tree_.Open(destination, options.into, volumes_) ||
+        !walk_.Open(source, TreeWalk::Volumes::All, TreeWalk::Look::Held))
         return RefusedFromTheStart(source, destination);
-    flushEach_ = options.flushEach && !tree_.HonoursFlush(volumes_);
+    flushEach_ = options.flushEach && !tree_.honoursFlush();
+    leavesMode_ = options.leavesMode;
     substitute_ = options.substitute;
 
     const Entry *entry = walk_.Next();
@@ -170,21 +173,18 @@ bool TreeCopy::FinishDirectory(const Entry &entry)
     }
     bool goOn = true;
     if (answer == Answer::Continue) {
-        TQFileStatus made;
-        const DuplixFinished finished{entry.fd, tree_.directory(), made};
-        const Copied result = CopyDirectoryMetadata(entry, made);
+        const int copy = tree_.directory();
+        TQFileStatus made = tree_.directoryStatus();
+        CopiedMode mode;
+        const Copied result = CopyMetadata({entry.fd, entry.status, copy, made, tree_.isRoot(), leavesMode_},
+                                           attributes_, reports_, &mode);
+        const DuplixFinished finished{entry.fd, copy, made, mode.mode, mode.isDue};
         goOn = result == Copied::Yes ? reports_.Finish(duplix_what::DirectoryDone, &finished) &&
-                                           (IsKept(tree_.directory()) || reports_.Error(duplix_what::DirectoryDone))
+                                           (IsKept(copy) || reports_.Error(duplix_what::DirectoryDone))
                                      : GoOn(result, duplix_what::DirectoryDone);
     }
     tree_.Leave();
     return goOn;
-}
-
-Copied TreeCopy::CopyDirectoryMetadata(const Entry &entry, TQFileStatus &made)
-{
-    if (GetStatusOfFd(tree_.directory(), &made) != 0) return Copied::No;
-    return CopyMetadata({entry.fd, entry.status, tree_.directory(), made, tree_.isRoot()}, attributes_, reports_);
 }
 
 bool TreeCopy::CopyLeaf(const Entry &entry)
@@ -204,7 +204,7 @@ bool TreeCopy::CopyLeaf(const Entry &entry)
     }
 }
 
-// Opens the file whose status the walk read. A file that has taken its place is not what was asked for.
+// Opens a file that the walk only looked at. A file that has taken its place is not what was asked for.
 UniqueFd TreeCopy::OpenSource(const Entry &entry, TQFileStatus *status)
 {
     constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
@@ -221,13 +221,13 @@ UniqueFd TreeCopy::OpenSource(const Entry &entry, TQFileStatus *status)
     return fd;
 }
 
-static Copied _CopyOpenFile(int from, const TQFileStatus &source, int to, TQFileStatus &made, bool mayHaveInherited,
-                            DataCopier &data, AttributeCopier &attributes, DuplixReports &reports)
+static Copied _CopyOpenFile(const CopiedItem &item, DataCopier &data, AttributeCopier &attributes,
+                            DuplixReports &reports, CopiedMode *mode)
 {
-    GiveOwnerRights(to, &made);
-    if ((source.flags & kTQFlagCompressed) != 0) StorePlain(to, &made);
-    if (const Copied result = data.Copy(from, source, to, reports); result != Copied::Yes) return result;
-    return CopyMetadata({from, source, to, made, mayHaveInherited}, attributes, reports);
+    GiveOwnerRights(item.to, &item.made);
+    if ((item.source.flags & kTQFlagCompressed) != 0) StorePlain(item.to, &item.made);
+    if (const Copied result = data.Copy(item.from, item.source, item.to, reports); result != Copied::Yes) return result;
+    return CopyMetadata(item, attributes, reports, mode);
 }
 
 // This is mostly the mode that a file gets in the end, which then needs no call of its own. Nobody else can reach a
@@ -245,7 +245,7 @@ bool TreeCopy::CanClone(int from, const TQFileStatus &source)
 {
     if (const std::optional<bool> known = data_.Clones(source)) return *known;
     TQFileStatus made;
-    const UniqueFd tried = tree_.MakeFile(S_IRUSR | S_IWUSR, &made);
+    const UniqueFd tried = tree_.MakeFile(S_IRUSR | S_IWUSR, /*mayAssume=*/false, &made);
     if (!tried) return true;
     const bool isCloned = data_.TryToClone(from, source, tried.get());
     return unlinkat(tree_.item().directory, tree_.item().name, 0) != 0 || isCloned;
@@ -260,21 +260,28 @@ Answer TreeCopy::AskForSubstitute(const Entry &entry, int from, const TQFileStat
 
 Copied TreeCopy::CopyFile(const Entry &entry)
 {
+    if (entry.fd >= 0) return CopyOpened(entry, entry.fd, entry.status);
     TQFileStatus source;
     const UniqueFd from = OpenSource(entry, &source);
-    if (!from) return Copied::No;
+    return from ? CopyOpened(entry, from.get(), source) : Copied::No;
+}
 
-    const Answer answer = AskForSubstitute(entry, from.get(), source);
+Copied TreeCopy::CopyOpened(const Entry &entry, int from, const TQFileStatus &source)
+{
+    const Answer answer = AskForSubstitute(entry, from, source);
     if (answer == Answer::Quit) return Copied::Stopped;
     if (answer == Answer::Skip) return reports_.Finish(duplix_what::File, nullptr) ? Copied::Yes : Copied::Stopped;
 
+    // Set-id bits lend the rights of an owner and a group, so that those have to be known for certain.
+    const bool mayAssume = (source.mode & (S_ISUID | S_ISGID)) == 0;
     TQFileStatus made;
-    UniqueFd to = tree_.MakeFile(FirstMode(source), &made);
+    UniqueFd to = tree_.MakeFile(FirstMode(source), mayAssume, &made);
     if (!to) return Copied::No;
+    CopiedMode mode;
     const Copied result =
-        _CopyOpenFile(from.get(), source, to.get(), made, tree_.isRoot(), data_, attributes_, reports_);
+        _CopyOpenFile({from, source, to.get(), made, tree_.isRoot(), leavesMode_}, data_, attributes_, reports_, &mode);
     if (result != Copied::Yes) return result;
-    const DuplixFinished finished{from.get(), to.get(), made};
+    const DuplixFinished finished{from, to.get(), made, mode.mode, mode.isDue};
     if (!reports_.Finish(duplix_what::File, &finished)) return Copied::Stopped;
     // Some volumes report only now that they had no room for what they accepted.
     return IsKept(to.get()) && to.Close() == 0 ? Copied::Yes : Copied::No;
@@ -340,9 +347,9 @@ int fduplix(int source, int destination)
     VolumeMemory volumes;
     DataCopier data(volumes);
     AttributeCopier attributes(volumes);
-    if (_CopyOpenFile(source, status, destination, made, /*mayHaveInherited=*/true, data, attributes, silent) !=
-        Copied::Yes)
-        return -1;
+    CopiedMode mode;
+    const CopiedItem item{source, status, destination, made, /*mayHaveInherited=*/true, /*leavesMode=*/false};
+    if (_CopyOpenFile(item, data, attributes, silent, &mode) != Copied::Yes) return -1;
     errno = before;
     return 0;
 }

@@ -15,11 +15,14 @@
 // Every item is made new, files with O_EXCL. Directories, and a root that is a file, have owner-only rights at first.
 // Nothing that has content is overwritten, and no link is followed; `into` is the only item that is filled. A directory
 // that was swapped right after it was made is refused with ESTALE where that can be told: it is not empty, or belongs
-// to somebody else on a volume that keeps owners. The source is opened without following links, and what was swapped
-// since its status was read is refused with ESTALE. Links are copied as links. FIFOs, sockets and devices are refused
-// with ENOTSUP, never opened. A file is read until its end is found, whatever its reported size: some volumes do not
-// know it. Reading a file or directory does not change its access time where the kernel allows that, to the item's
-// owner and to root. Reading a link does.
+// to somebody else on a volume that keeps owners.
+//
+// The source is opened without following links, and what has taken an item's place since its status was read is never
+// copied. A file is held open from then on. A directory, and a file that can't be held, or is the root, is refused with
+// ESTALE if it was swapped. Links are copied as links. FIFOs, sockets and devices are refused with ENOTSUP, and not
+// opened, unless one takes the place of a file while its directory is read. A file is read until its end is found,
+// whatever its reported size: some volumes do not know it. Reading a file or directory does not change its access time
+// where the kernel allows that, to the item's owner and to root. Reading a link does.
 //
 // The callback sees, for each file, link or refused item: (File, Start), then (Data, Progress) at least every 4 MiB
 // while data is copied, and once for a file that was cloned, then (File, Finish), when all attributes are done. For
@@ -56,9 +59,11 @@ enum : int { Continue = 0, Skip = 1, Quit = 2 };
 struct DuplixFinished {
     int source; // for reading
     int copy;   // a file for writing, a directory for reading
-    // The copy's status. Device, inode, kind, owner, group, mode and flags are what it has now; size, blocks, link
-    // count and times are those of the empty item that was made.
+    // The copy's status. Device, kind, owner, group, mode and flags are what it has now; size, blocks, link count and
+    // times are those of the empty item that was made, and so is the inode, which is 0 if nobody looked at the item.
     const TQFileStatus &status;
+    mode_t mode;    // what the copy is to have
+    bool modeIsDue; // whether the client has to set it; until then the status has what is known of it
 };
 
 // What the service tells its callback about the item at hand.
@@ -100,6 +105,10 @@ struct DuplixOptions {
     // Whether each item is flushed through the descriptor that wrote it. That is done only on a destination volume
     // where nothing else proves that it has kept the item (VolumeHonoursFlush); elsewhere the copy flushes nothing.
     bool flushEach = false;
+
+    // Whether the callback gives each file and directory its mode at its Finish (modeIsDue), so that a client that
+    // changes it anyway changes it once. An item that is to be immutable or append-only already has its mode then.
+    bool leavesMode = false;
 
     // The status of an empty item at the destination, which becomes the root; it is a regular file or a directory, as
     // the source is. ESTALE if another item is found there, EEXIST if it is not empty, EISDIR or ENOTDIR if it is of

@@ -107,7 +107,10 @@ bool AttributeCopier::CopyAccessList(const CopiedItem &item, CopiedLists *lists)
     if (!ReadList(item, kAccessList, &size)) return false;
     if (size == 0) return !item.mayHaveInherited || _RemoveInherited(item.to, kAccessList);
     lists->touched = true;
-    if (fsetxattr(item.to, kAccessList, value_.get(), size, 0) == 0) return true;
+    if (fsetxattr(item.to, kAccessList, value_.get(), size, 0) == 0) {
+        item.made.mode = (item.made.mode & ~0777U) | (item.source.mode & 0777); // they are a part of the list
+        return true;
+    }
     if (!IsListForgiven(errno)) return false;
     // The mode's group bits were the list's mask. Without the list they would grant that to the whole group.
     lists->denied = DeniedByList(value_.get(), size);

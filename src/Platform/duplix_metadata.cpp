@@ -64,14 +64,23 @@ static Ownership _CopyOwner(int to, const TQFileStatus &source, TQFileStatus &ma
     return result;
 }
 
-static bool _CopyMode(const CopiedItem &item, const Ownership &owner, const CopiedLists &lists)
+static CopiedMode _ModeOf(const CopiedItem &item, const Ownership &owner, const CopiedLists &lists)
 {
     mode_t mode = item.source.mode & 07777;
     if (!owner.complete) mode &= ~kSetIdBits; // otherwise they would lend the rights of somebody else
     mode &= ~lists.denied;
-    if (!owner.changed && !lists.touched && mode == (item.made.mode & 07777)) return true;
-    if (fchmod(item.to, mode) != 0) return false;
-    item.made.mode = (item.made.mode & S_IFMT) | mode;
+    // The mode of an item that nobody looked at is only assumed: another thread may have changed the umask.
+    const bool isKnown = item.made.inode != 0 && !owner.changed && !lists.touched;
+    return {mode, !isKnown || mode != (item.made.mode & 07777)};
+}
+
+static bool _CopyMode(const CopiedItem &item, CopiedMode *mode)
+{
+    const bool isLeft = item.leavesMode && (item.source.flags & kBlockingFlags) == 0;
+    if (!mode->isDue || isLeft) return true;
+    if (fchmod(item.to, mode->mode) != 0) return false;
+    item.made.mode = (item.made.mode & S_IFMT) | mode->mode;
+    mode->isDue = false;
     return true;
 }
 
@@ -95,7 +104,7 @@ static bool _CopyFlags(const CopiedItem &item)
     return true;
 }
 
-Copied CopyMetadata(const CopiedItem &item, AttributeCopier &attributes, DuplixReports &reports)
+Copied CopyMetadata(const CopiedItem &item, AttributeCopier &attributes, DuplixReports &reports, CopiedMode *mode)
 {
     if (attributes.CopyUserAttributes(item, reports) == Copied::Stopped) return Copied::Stopped;
 
@@ -106,7 +115,8 @@ Copied CopyMetadata(const CopiedItem &item, AttributeCopier &attributes, DuplixR
     if (attributes.CopyLists(item, &lists, reports) == Copied::Stopped) return Copied::Stopped;
     if (attributes.CopyCapability(item, reports) == Copied::Stopped) return Copied::Stopped;
 
-    return _CopyMode(item, owner, lists) && _CopyTimes(item) && _CopyFlags(item) ? Copied::Yes : Copied::No;
+    *mode = _ModeOf(item, owner, lists);
+    return _CopyMode(item, mode) && _CopyTimes(item) && _CopyFlags(item) ? Copied::Yes : Copied::No;
 }
 
 Copied CopyLinkMetadata(const TQFileStatus &source, const Item &link)

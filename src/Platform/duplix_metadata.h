@@ -21,6 +21,12 @@ struct CopiedItem {
     int to;
     TQFileStatus &made;    // the copy as it stands
     bool mayHaveInherited; // the directory above may have handed lists down
+    bool leavesMode;       // whether somebody else sets the mode
+};
+
+struct CopiedMode {
+    mode_t mode = 0;    // what the copy is to have
+    bool isDue = false; // whether it is still to be set
 };
 
 // What copying the access lists means for the mode.
@@ -61,8 +67,9 @@ void GiveOwnerRights(int fd, TQFileStatus *made);
 // `made`.
 void StorePlain(int fd, TQFileStatus *made);
 
-// Copies all of this, and notes owner, mode and flags in `item.made`.
-Copied CopyMetadata(const CopiedItem &item, AttributeCopier &attributes, DuplixReports &reports);
+// Copies all of this, and notes owner, mode and flags in `item.made`. If the mode is left to somebody else, it comes
+// last, and `item.made` has what is known of it.
+Copied CopyMetadata(const CopiedItem &item, AttributeCopier &attributes, DuplixReports &reports, CopiedMode *mode);
 
 // The same for a symbolic link, which has neither attributes nor a mode or flags.
 Copied CopyLinkMetadata(const TQFileStatus &source, const Item &link);

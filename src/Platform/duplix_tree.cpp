@@ -14,7 +14,7 @@
 
 namespace platform {
 
-bool DestinationTree::Open(const char *path, const TQFileStatus *into)
+bool DestinationTree::Open(const char *path, const TQFileStatus *into, VolumeMemory &volumes)
 {
     into_ = into;
     rootLength_ = strlen(path);
@@ -43,6 +43,7 @@ bool DestinationTree::Open(const char *path, const TQFileStatus *into)
     TQFileStatus status;
     if (!directory || GetStatusOfFd(directory.get(), &status) != 0) return false;
     device_ = status.device;
+    honoursFlush_ = volumes.HonoursFlush(directory.get(), status.device);
     return directories_.Push(std::move(directory), status);
 }
 
@@ -142,9 +143,9 @@ UniqueFd DestinationTree::OpenRootDirectory() const
 
 // Whether a directory that was opened can be the one that was just made; if not, false with ESTALE. On some volumes
 // everything belongs to one owner.
-static bool _CanBeNew(int fd, const TQFileStatus &status)
+static bool _CanBeNew(int fd, const TQFileStatus &status, uid_t maker)
 {
-    if (status.linkCount <= 2 && (status.owner == geteuid() || !VolumeHonoursFlush(fd))) return true;
+    if (status.linkCount <= 2 && (status.owner == maker || !VolumeHonoursFlush(fd))) return true;
     errno = ESTALE;
     return false;
 }
@@ -153,18 +154,18 @@ static bool _CanBeNew(int fd, const TQFileStatus &status)
 // can reach nothing below it.
 bool DestinationTree::IsNew(int fd, const TQFileStatus &status) const
 {
-    if (!_CanBeNew(fd, status)) return false;
+    if (!_CanBeNew(fd, status, maker_)) return false;
     if (!isRoot_ || _IsEmpty(fd)) return true;
     if (errno == EEXIST) errno = ESTALE;
     return false;
 }
 
 // With a strict umask, a process can make a directory that it can't read.
-static UniqueFd _OpenWithoutRights(const Item &item, int flags)
+static UniqueFd _OpenWithoutRights(const Item &item, int flags, uid_t maker)
 {
     const UniqueFd pinned(openat(item.directory, item.name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     TQFileStatus status;
-    if (!pinned || GetStatusOfFd(pinned.get(), &status) != 0 || !_CanBeNew(pinned.get(), status) ||
+    if (!pinned || GetStatusOfFd(pinned.get(), &status) != 0 || !_CanBeNew(pinned.get(), status, maker) ||
         SetModeOfPinned(pinned.get(), S_IRWXU) != 0)
         return UniqueFd();
     return UniqueFd(openat(pinned.get(), ".", flags));
@@ -174,12 +175,21 @@ UniqueFd DestinationTree::OpenNewDirectory() const
 {
     constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     UniqueFd fd(openat(item_.directory, item_.name, kFlags));
-    if (!fd && errno == EACCES) fd = _OpenWithoutRights(item_, kFlags);
+    if (!fd && errno == EACCES) fd = _OpenWithoutRights(item_, kFlags, maker_);
     if (!fd && (errno == ELOOP || errno == ENOTDIR)) errno = ESTALE;
     return fd;
 }
 
-UniqueFd DestinationTree::MakeFile(mode_t mode, TQFileStatus *made)
+// Below the root, no directory has a default list that could tell two of them apart.
+bool DestinationTree::HasSibling(mode_t mode) const
+{
+    const TQFileStatus &its = sibling_.folder, &folder = directories_.StatusOfTop();
+    return sibling_.status.inode != 0 && sibling_.mode == mode && its.device == folder.device &&
+           its.owner == folder.owner && its.group == folder.group && its.mode == folder.mode &&
+           its.flags == folder.flags;
+}
+
+UniqueFd DestinationTree::MakeFile(mode_t mode, bool mayAssume, TQFileStatus *made)
 {
     UniqueFd fd;
     if (isIntoRoot()) {
@@ -190,8 +200,15 @@ UniqueFd DestinationTree::MakeFile(mode_t mode, TQFileStatus *made)
     }
     fd.Reset(openat(item_.directory, item_.name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
     made_.something = made_.something || fd;
-    if (!fd || GetStatusOfFd(fd.get(), made) != 0) return UniqueFd();
+    if (!fd) return fd;
+    if (mayAssume && HasSibling(mode)) {
+        *made = sibling_.status;
+        made->inode = 0;
+        return fd;
+    }
+    if (GetStatusOfFd(fd.get(), made) != 0) return UniqueFd();
     if (isRoot_) made_.item = *made;
+    if (!isRoot_ && honoursFlush_ && made->device == device_) sibling_ = {*made, mode, directories_.StatusOfTop()};
     return fd;
 }
 

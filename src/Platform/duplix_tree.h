@@ -11,16 +11,17 @@
 #include "Platform/duplix.h"
 
 #include <climits>
+#include <unistd.h>
 
 namespace platform {
 
 class DestinationTree {
 public:
     // Opens the directory that is to hold `path`; `into` is borrowed, and as in DuplixOptions. False with errno.
-    bool Open(const char *path, const TQFileStatus *into);
+    bool Open(const char *path, const TQFileStatus *into, VolumeMemory &volumes);
 
     // Whether the destination's volume honours a flush.
-    bool HonoursFlush(VolumeMemory &volumes) const { return volumes.HonoursFlush(directories_.Top(), device_); }
+    bool honoursFlush() const { return honoursFlush_; }
 
     // Whether the destination would lie outside the directory that `tree` describes. False with EINVAL, or with errno
     // if it can't be told.
@@ -35,7 +36,11 @@ public:
     bool isRoot() const { return isRoot_; }
 
     // Makes the item named last a file, open for reading and writing. Empty with errno.
-    UniqueFd MakeFile(mode_t mode, TQFileStatus *made);
+    //
+    // Files that a process makes with one mode in directories that are alike are alike too: owner, group, mode and
+    // flags come from there. On a volume that keeps its word, only the first is looked at if `mayAssume` says that this
+    // will do; `made` is then the first one's status, without an inode.
+    UniqueFd MakeFile(mode_t mode, bool mayAssume, TQFileStatus *made);
     // False with errno.
     bool MakeLink(const char *target);
     // Makes the item named last a directory and goes down into it. The root at once loses the default list and the
@@ -49,6 +54,8 @@ public:
     // Opens the directory above again, and names the one reached as an item of it. False with ESTALE or errno.
     bool PrepareToLeave(const char *name, const char *below);
     int directory() const { return directories_.Top(); }
+    // As it was when it was made.
+    const TQFileStatus &directoryStatus() const { return directories_.StatusOfTop(); }
     void Leave() { directories_.Pop(); }
 
     // Directories entered and not left, the one that holds the root included.
@@ -56,6 +63,7 @@ public:
 
 private:
     bool isIntoRoot() const { return isRoot_ && into_; }
+    bool HasSibling(mode_t mode) const;
     UniqueFd OpenRootFile(TQFileStatus *made) const;
     UniqueFd OpenNewDirectory() const;
     bool IsNew(int fd, const TQFileStatus &status) const;
@@ -64,6 +72,13 @@ private:
     DirectoryStack directories_;
     const TQFileStatus *into_ = nullptr;
     uint64_t device_ = 0; // of the directory that holds the root
+    bool honoursFlush_ = false;
+    const uid_t maker_ = geteuid(); // who owns what is made
+    struct Sibling {
+        TQFileStatus status{}; // as it was when it was new; inode 0 if there is none
+        mode_t mode = 0;       // with which it was made
+        TQFileStatus folder{}; // in which it was made
+    } sibling_;                // a file that was made before, and looked at
     Item item_{};
     bool isRoot_ = false;
     DuplixMade made_; // its item is the root's

@@ -93,10 +93,13 @@ public:
 private:
     bool Remove(const Entry &entry);
     bool MakeDirectoryDeletable(const Entry &entry);
-    bool RemoveFile(const Item &item, const TQFileStatus &status);
+    bool MayTakeFlags(const TQFileStatus &status) const;
+    bool RemoveFile(const Item &item);
+    bool RemoveBlocked(const Item &item, const TQFileStatus &status);
     bool RemoveDirectory(const Entry &entry);
     bool RemoveLast(const Entry &root);
     bool Unlink(const Item &item, int unlinkFlags);
+    bool FailedToUnlink(const Item &item);
     bool HasGone();
 
     bool PutBack(const HeldItem &held, const char *path, const TQFileStatus &status) const;
@@ -117,9 +120,20 @@ bool Removal::HasGone()
     return true;
 }
 
+// Whether it has gone, whoever removed it; if not, false with errno.
+bool IsUnlinked(const Item &item, int unlinkFlags)
+{
+    return unlinkat(item.directory, item.name, unlinkFlags) == 0 || errno == ENOENT;
+}
+
 bool Removal::Unlink(const Item &item, int unlinkFlags)
 {
-    if (unlinkat(item.directory, item.name, unlinkFlags) == 0 || errno == ENOENT) return HasGone();
+    return IsUnlinked(item, unlinkFlags) ? HasGone() : FailedToUnlink(item);
+}
+
+// Always false.
+bool Removal::FailedToUnlink(const Item &item)
+{
     Failure(error_).Errno("Failed to remove \"%s\"", item.path);
     // A server may remove the item, and its answer be lost. If that can't be told, the item counts as gone.
     TQFileStatus status;
@@ -127,10 +141,28 @@ bool Removal::Unlink(const Item &item, int unlinkFlags)
     return false;
 }
 
-bool Removal::RemoveFile(const Item &item, const TQFileStatus &status)
+// Whether flags bar the removal of a file, and may be taken. What is mounted on it keeps its flags, and so does what is
+// somebody else's too.
+bool Removal::MayTakeFlags(const TQFileStatus &status) const
 {
     const bool isOthersToo = how_.keepsShared && status.linkCount > 1;
-    if (!IsBlocked(status) || status.isMountRoot || isOthersToo) return Unlink(item, 0);
+    return IsBlocked(status) && !status.isMountRoot && !isOthersToo;
+}
+
+// Flags are so rare that a file is looked at only where the kernel has refused its removal.
+bool Removal::RemoveFile(const Item &item)
+{
+    if (IsUnlinked(item, 0)) return HasGone();
+    const int why = errno;
+    TQFileStatus status;
+    if (why == EPERM && platform::GetStatus(item, Links::NoFollow, &status) == 0 && MayTakeFlags(status))
+        return RemoveBlocked(item, status);
+    errno = why;
+    return FailedToUnlink(item);
+}
+
+bool Removal::RemoveBlocked(const Item &item, const TQFileStatus &status)
+{
     const HeldItem held(item, status);
     if (!held.isHeld() && errno == ENOENT) return HasGone();
     if (!held.isHeld() || !held.MakeDeletable(status))
@@ -156,7 +188,7 @@ bool Removal::RemoveLast(const Entry &root)
     (void)snprintf(path, sizeof path, "%s/%s", root.item.path, how_.last);
     const Item item{root.fd, how_.last, path};
     TQFileStatus status;
-    if (platform::GetStatus(item, Links::NoFollow, &status) == 0) return RemoveFile(item, status);
+    if (platform::GetStatus(item, Links::NoFollow, &status) == 0) return RemoveFile(item);
     return errno == ENOENT || Failure(error_).Errno("Failed to make \"%s\" deletable", path);
 }
 
@@ -182,7 +214,7 @@ bool Removal::Remove(const Entry &entry)
     case Kind::Link:
     case Kind::Other:
         if (entry.level == 1 && how_.last && strcmp(entry.item.name, how_.last) == 0) return true;
-        return RemoveFile(entry.item, entry.status);
+        return RemoveFile(entry.item);
     case Kind::DirectoryDone:
     case Kind::Unreadable:
         return RemoveDirectory(entry);
@@ -224,7 +256,8 @@ void Removal::PutBackAbove()
 
 bool Removal::Run(const Item &root)
 {
-    if (!walk_.Open(root)) return Failure(error_).Errno("fts_open(\"%s\") failed", root.path);
+    if (!walk_.Open(root, TreeWalk::Volumes::One, TreeWalk::Look::KindOnly))
+        return Failure(error_).Errno("fts_open(\"%s\") failed", root.path);
     while (const Entry *entry = walk_.Next()) {
         if (Remove(*entry)) continue;
         PutBackAbove();

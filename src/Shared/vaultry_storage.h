@@ -123,6 +123,7 @@ struct ArchivedItem {
     bool makeReadable;
     bool replaceRecord = false;         // a record that it has is of another time, or made by somebody else
     std::optional<uint8_t> record = {}; // recorded in place of `before`
+    std::optional<mode_t> modeNow = {}; // if it is not that of `before`
     platform::VolumeMemory *flush = {}; // if not null, the item is flushed where the volume needs that
 };
 

@@ -121,7 +121,9 @@ bool CopyAsGeneration(const char *source, const char *destination, bool makeRead
     TQAddContext context{makeReadable, archive, 0, progress.get(), error};
     context.source = manner.keepLinks ? source : nullptr;
     context.base = manner.base;
-    const platform::DuplixOptions options{.flushEach = true, .substitute = manner.base ? ShareWithBase : nullptr};
+    // Archiving gives each item its last mode.
+    const platform::DuplixOptions options{
+        .flushEach = true, .leavesMode = archive, .substitute = manner.base ? ShareWithBase : nullptr};
     const bool isCopied = platform::duplix(source, destination, _DuplixAddCallback, &context, options) == 0;
     *added = {context.brought, context.bytesCompleted};
     return isCopied;
@@ -252,12 +254,16 @@ bool ArchiveCopied(const DuplixState &state, TQAddContext &context, TQError **er
     if (!state.finished)
         return _ArchiveItemAt({.item = item, .before = *state.source, .makeReadable = makeReadable}, *state.source,
                               error);
-    const ArchivedItem archived{
-        .item = item,
-        .before = state.finished->status,
-        .makeReadable = makeReadable,
-        .record = context.bringsRecord ? BroughtRecord(state.finished->source, *state.source, context) : std::nullopt};
-    return _ArchiveOpenItem(archived, state.finished->copy, error);
+    const DuplixFinished &finished = *state.finished;
+    TQFileStatus before = finished.status;
+    before.mode = (before.mode & S_IFMT) | finished.mode;
+    const ArchivedItem archived{.item = item,
+                                .before = before,
+                                .makeReadable = makeReadable,
+                                .record = context.bringsRecord ? BroughtRecord(finished.source, *state.source, context)
+                                                               : std::nullopt,
+                                .modeNow = finished.status.mode};
+    return _ArchiveOpenItem(archived, finished.copy, error);
 }
 
 void NoteBrought(const char *attribute, BroughtMetadata &brought)

@@ -41,8 +41,9 @@ mode_t LiftedMode(const TQFileStatus &status)
 bool LiftOpen(int fd, const ArchivedItem &archived, TQError **error)
 {
     const TQFileStatus &before = archived.before;
+    const bool isWritable = (archived.modeNow.value_or(before.mode) & 0200) != 0;
     if ((LiftedFlags(before) == before.flags || platform::SetFlagsOfFd(fd, LiftedFlags(before)) == 0) &&
-        (LiftedMode(before) == (before.mode & 07777) || fchmod(fd, LiftedMode(before)) == 0))
+        (isWritable || fchmod(fd, LiftedMode(before)) == 0))
         return true;
     return Failure(error).Errno("failed to make path \"%s\" writable", archived.item.path);
 }

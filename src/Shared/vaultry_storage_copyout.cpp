@@ -30,12 +30,12 @@ struct RestoredRights {
     uint32_t flags;
 };
 
-// What the copy is to have, from its own status and the byte of the generation's item.
+// What the copy is to have, from what the generation's item has and its byte.
 bool ReadRestoredRights(const DuplixFinished &item, RestoredRights *rights)
 {
     uint8_t saved = 0;
     const ssize_t length = platform::GetAttributeOfFd(item.source, kSavedPermissionsAttribute, &saved, sizeof saved);
-    const mode_t mode = item.status.mode & 07777;
+    const mode_t mode = item.mode;
     const uint32_t flags = item.status.flags & ~uint32_t{kTQFlagImmutable};
     if (length == 1) {
         *rights = {mode | SavedWriteBits(saved), flags | SavedFlags(saved)};
@@ -49,8 +49,11 @@ bool ReadRestoredRights(const DuplixFinished &item, RestoredRights *rights)
 bool Unarchive(const DuplixFinished &item, const char *path, TQError **error)
 {
     RestoredRights rights;
-    if (!ReadRestoredRights(item, &rights))
-        return Failure(error).Errno("Failed to retrieve original perms from xattr on item \"%s\"", path);
+    if (!ReadRestoredRights(item, &rights)) {
+        Failure(error).Errno("Failed to retrieve original perms from xattr on item \"%s\"", path);
+        if (item.modeIsDue) (void)fchmod(item.copy, item.mode); // it stays, as protected as the generation's
+        return false;
+    }
 
     // An immutable item refuses chmod, and a directory without owner write could not even be removed if this goes
     // wrong.
@@ -61,13 +64,13 @@ bool Unarchive(const DuplixFinished &item, const char *path, TQError **error)
             return Failure(error).Errno("Failed to temporarily unset UF_IMMUTABLE for \"%s\"", path);
     }
     mode_t mode = item.status.mode & 07777;
-    if ((mode & 0200) == 0) {
+    if (!item.modeIsDue && (mode & 0200) == 0) {
         mode |= 0200;
         if (fchmod(item.copy, mode) != 0)
             return Failure(error).Errno("Failed to temporarily make \"%s\" writable", path);
     }
     // A call that would change nothing is left out.
-    if (rights.mode != mode && fchmod(item.copy, rights.mode) != 0)
+    if ((item.modeIsDue || rights.mode != mode) && fchmod(item.copy, rights.mode) != 0)
         return Failure(error).Errno("chmod(%s, %04o) failed", path, rights.mode);
     if (rights.flags != flags && platform::SetFlagsOfFd(item.copy, rights.flags) != 0 && errno != ENOTSUP)
         return Failure(error).Errno("chflags(%s) failed", path);
@@ -112,9 +115,8 @@ bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mod
         return Failure(error).Refused(kTQStatusBadPath, "no path was supplied");
     platform::DuplixMade own;
     if (!made) made = &own;
-    if (platform::duplix(path, destination, _DuplixUnarchiveCallback, error, {.made = made, .flushEach = flushEach}) !=
-        0)
-        return false;
+    const platform::DuplixOptions options{.made = made, .flushEach = flushEach, .leavesMode = true};
+    if (platform::duplix(path, destination, _DuplixUnarchiveCallback, error, options) != 0) return false;
 
     // The status is of what was made, whatever has its name by now. Of a link that somebody put into the store, it is
     // the link's own.

@@ -139,7 +139,8 @@ bool Walk(const Words &w, TQError **)
 }
 
 // Prints what the copy service tells its client, line by line. At the line that equals the third word, it does the
-// fourth: "skip" and "quit" are answers, anything else is a command of the shell.
+// fourth: "skip" and "quit" are answers, "umask" takes all rights from new items, anything else is a command of the
+// shell.
 bool Copy(const Words &w, TQError **)
 {
     const auto hear = [](int what, int stage, DuplixState *, const char *source, const char *, void *context) {
@@ -153,6 +154,7 @@ bool Copy(const Words &w, TQError **)
         const std::string act = words[3] && line == words[2] ? words[3] : "";
         if (act == "skip") return int{duplix_answer::Skip};
         if (act == "quit") return int{duplix_answer::Quit};
+        if (act == "umask") return (void)umask(0777), int{duplix_answer::Continue};
         return act.empty() || system(act.c_str()) == 0 ? int{duplix_answer::Continue} : int{duplix_answer::Quit};
     };
     Words words = w;
