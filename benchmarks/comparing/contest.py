@@ -36,6 +36,7 @@ ROWS = [
     Row("add-file", "add a file of 1 GiB", jobs.AddFile, 1024, (16, 32), item="MiB", wall=1.02),
     Row("add-clone", "add a file of 1 GiB by clone", jobs.AddFile, 1024, (16, 32), item="MiB", calls=0, excess=2,
         kinds=("xfs", "btrfs")),
+    Row("add-letter", "add a file of 20 KiB", jobs.AddLetter, 20, (), wall=2.0),
     Row("add-move", "add the 10,000 by moving", jobs.AddByMoving, 10000, TREE, calls=6.5),
     Row("copy-tree", "copy out the 10,000", jobs.CopyOut, 10000, TREE, calls=20, wall=1.15),
     Row("copy-package", "copy out the package", jobs.CopyOutPackage, PACKAGE, SMALL_PACKAGES, calls=30, wall=1.15),

@@ -154,6 +154,19 @@ class AddFile(Add):
             self.run("remove", *kept)
 
 
+class AddLetter(AddFlushedEach):
+    """One small file, with the command."""
+
+    by_hand = "cp, 2 fsync"
+
+    def prepare(self, size):
+        workloads.make_file(self.source, size << 10)
+
+    def theirs(self):
+        copy = f"{self.target}/{self.next()}"
+        return [["cp", self.source, copy], functools.partial(places.sync_file, copy), self.flush_directory(self.target)]
+
+
 class AddByMoving(Files):
     by_hand = "mv, chmod -R a-w"
 

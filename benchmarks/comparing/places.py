@@ -30,20 +30,22 @@ def sync_file_system(path):
         os.close(descriptor)
 
 
-def sync_directory(path):
-    descriptor = os.open(path, os.O_RDONLY | os.O_DIRECTORY)
+def sync_file(path):
+    descriptor = os.open(path, os.O_RDONLY)
     try:
         os.fsync(descriptor)
     finally:
         os.close(descriptor)
 
 
+sync_directory = sync_file
+
+
 def sync_each(directory):
     """Flushes each file by itself, then the directories."""
     for folder, _, names in os.walk(directory, topdown=False):
         for name in names:
-            with open(f"{folder}/{name}", "rb") as file:
-                os.fsync(file.fileno())
+            sync_file(f"{folder}/{name}")
         sync_directory(folder)
 
 

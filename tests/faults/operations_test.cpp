@@ -80,7 +80,7 @@ TEST_P(FaultsWhile, Adding)
                                .sizeKey = base.get()};
     Sweep({.name = "add a folder that shares its files",
            .kind = kFolder,
-           .prepare = [this](Scene &scene) { AddLink(scene); },
+           .prepare = AddLink,
            .run = DO(TQClientManagedStorageAddWithFlags(store, "g", scene.document.c_str(), &request, why)),
            .subject = "g"});
 }
