@@ -72,7 +72,8 @@ int flock(int fd, int operation)
     }
     struct stat status;
     const int result = (int)syscall(SYS_flock, fd, operation);
-    if (looksForLock && result == 0 && (operation & LOCK_EX) && fstat(fd, &status) == 0 && (status.st_mode & 0777) == 0400) {
+    if (!looksForLock || result != 0 || !(operation & LOCK_EX) || fstat(fd, &status) != 0) return result;
+    if ((status.st_mode & 0777) == 0400) {
         heldBy = fd;
         heldSince = Nanoseconds();
     }

@@ -161,12 +161,15 @@ bool FinishInstalled(const char *generation, const TQFileStatus &status, TQError
 }
 
 // Makes the staged item all that the generation is to be, and brings it to disk. `status` gets what the top item has.
-bool Prepare(const char *staged, const TQAddRequest &request, const AddedTree &added, const TreeFlush &flush,
+bool Prepare(const char *staged, const TQAddRequest &request, AddedTree &added, const TreeFlush &flush,
              TQFileStatus *status, TQError **error)
 {
-    return WriteOptions(staged, request.options, added.brought, error) &&
-           WriteInfo(staged, request, added.bytes, error) && MakeStagedMovable(staged, status, error) &&
-           flush.Flush(staged, status->mode, error);
+    if (!WriteOptions(staged, request.options, added.brought, error) ||
+        !WriteInfo(staged, request, added.bytes, error) || !MakeStagedMovable(staged, status, error))
+        return false;
+    if (!added.file) return flush.Flush(staged, status->mode, error);
+    return (platform::FlushFd(added.file.get()) == 0 && added.file.Close() == 0) ||
+           Failure(error).Errno("Failed to flush \"%s\" to disk", staged);
 }
 
 bool IsFree(const char *generation, TQError **error)
@@ -271,8 +274,10 @@ public:
         const auto flush = TreeFlush::By(staging_.openedFirst());
         // Without the note on disk, nobody would know after a power cut where the document belongs.
         AddedTree added;
-        const AddManner manner{
-            .copy = copy_, .keepLinks = (request_.flags & kTQAddKeepLinks) != 0, .base = base_ ? &*base_ : nullptr};
+        const AddManner manner{.copy = copy_,
+                               .keepLinks = (request_.flags & kTQAddKeepLinks) != 0,
+                               .base = base_ ? &*base_ : nullptr,
+                               .leavesFileOpen = true};
         if ((!copy_ && !staging_.FlushNote(error_)) ||
             !_AddPathAsGeneration(source_, staging_.staged(), manner, &added, error_))
             return false;

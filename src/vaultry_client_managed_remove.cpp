@@ -74,12 +74,15 @@ public:
         PathBuffer path;
         if (!GetName(nameValue, name, error) || !_GetPathToGeneration(root_, name, /*mustExist=*/false, path, error))
             return false;
-        if (_PathNotExists(path.c_str())) return true;
+        TQFileStatus status;
+        const int why = platform::GetStatus(Item::AtPath(path.c_str()), Links::NoFollow, &status) == 0 ? 0 : errno;
+        if (why == ENOENT || (why == 0 && S_ISLNK(status.mode) && _PathNotExists(path.c_str()))) return true;
 
-        Ref<TQError> why;
-        if (RemoveByStaging(path.c_str(), why.out())) return true;
-        if (why && TQErrorGetStatus(why.get()) == kTQStatusNoSpace) return RemoveWithoutRoom(path.c_str(), error);
-        if (error) *error = why.Detach();
+        Ref<TQError> failure;
+        if (RemoveByStaging(path.c_str(), status, why, failure.out())) return true;
+        if (failure && TQErrorGetStatus(failure.get()) == kTQStatusNoSpace)
+            return RemoveWithoutRoom(path.c_str(), error);
+        if (error) *error = failure.Detach();
         return false;
     }
 
@@ -105,11 +108,14 @@ private:
         return Failure(error).Errno("rename from '%s' to '%s' failed", generation, staged);
     }
 
-    bool RemoveByStaging(const char *generation, TQError **error)
+    // `why` is the errno of the look at it, or 0.
+    bool RemoveByStaging(const char *generation, const TQFileStatus &status, int why, TQError **error)
     {
         const char *const staged = PlaceFor(generation, error);
         if (!staged) return false;
-        LiftedGeneration lifted(generation);
+        if (why != 0) errno = why;
+        if (why != 0) return Failure(error).Errno("failed to stat source path %s", generation);
+        LiftedGeneration lifted(generation, status);
         return LiftForMove(lifted, generation, error) &&
                lifted.Gone(MoveToStaging(generation, ItemId::Of(lifted.before()), staged, error));
     }

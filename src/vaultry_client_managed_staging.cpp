@@ -139,6 +139,8 @@ bool StagingDirectory::RemoveWhatIsUsual()
     bool isEmpty = true;
     for (unsigned number = 0; !isTaken_ && (number == 0 || number < places_); ++number) {
         const char *const path = NamePlace(number);
+        // Several are mostly files.
+        if (places_ > 1 && unlinkat(directory, strrchr(path, '/') + 1, 0) == 0) continue;
         isEmpty &= _RemoveTreeAt({directory, strrchr(path, '/') + 1, path}, {.keepsShared = true}, nullptr);
     }
     // What of several can't be deleted waits for a repair, with the note.

@@ -63,6 +63,7 @@ private:
     size_t sourceLength_ = 0;
     bool flushEach_ = false;
     bool leavesMode_ = false;
+    UniqueFd *file_ = nullptr;
     DuplixSubstitute substitute_ = nullptr;
 };
 
@@ -75,6 +76,7 @@ bool TreeCopy::Run(const char *source, const char *destination, const DuplixOpti
         return RefusedFromTheStart(source, destination);
     flushEach_ = options.flushEach && !tree_.honoursFlush();
     leavesMode_ = options.leavesMode;
+    file_ = options.file;
     substitute_ = options.substitute;
 
     const Entry *entry = walk_.Next();
@@ -283,6 +285,11 @@ Copied TreeCopy::CopyOpened(const Entry &entry, int from, const TQFileStatus &so
     if (result != Copied::Yes) return result;
     const DuplixFinished finished{from, to.get(), made, mode.mode, mode.isDue};
     if (!reports_.Finish(duplix_what::File, &finished)) return Copied::Stopped;
+    if (tree_.isRoot() && file_) {
+        if (!IsKept(to.get())) return Copied::No;
+        *file_ = std::move(to);
+        return Copied::Yes;
+    }
     // Some volumes report only now that they had no room for what they accepted.
     return IsKept(to.get()) && to.Close() == 0 ? Copied::Yes : Copied::No;
 }

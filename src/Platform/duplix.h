@@ -40,6 +40,7 @@
 #pragma once
 
 #include "Platform/Item.h"
+#include "Platform/UniqueFd.h"
 
 #include <vaultry/file_status.h>
 
@@ -114,6 +115,9 @@ struct DuplixOptions {
     // the source is. ESTALE if another item is found there, EEXIST if it is not empty, EISDIR or ENOTDIR if it is of
     // the other kind. If null, nothing may be at the destination.
     const TQFileStatus *into = nullptr;
+
+    // Unless null, gets a root that is a file, still open for writing. Whoever closes it looks at the result.
+    UniqueFd *file = nullptr;
 
     // Unless null, asked before a file below the root is copied that can't be cloned.
     DuplixSubstitute substitute = nullptr;

@@ -71,12 +71,14 @@ struct AddManner {
     bool copy = true;
     bool keepLinks = false;    // symbolic links below the top stay what they are, and are not archived
     BaseFiles *base = nullptr; // when copying: whose files unchanged ones are shared with
+    bool leavesFileOpen = false;
 };
 
 // What has become of it.
 struct AddedTree {
     BroughtMetadata brought{}; // by the document's top item
     uint64_t bytes = 0;        // of its files
+    UniqueFd file{};           // a copy that is a file, if it is left open for writing; its close is to be looked at
 };
 
 // As TQAddPathAsGeneration, archiving.

@@ -122,10 +122,13 @@ bool CopyAsGeneration(const char *source, const char *destination, bool makeRead
     context.source = manner.keepLinks ? source : nullptr;
     context.base = manner.base;
     // Archiving gives each item its last mode.
-    const platform::DuplixOptions options{
-        .flushEach = true, .leavesMode = archive, .substitute = manner.base ? ShareWithBase : nullptr};
+    const platform::DuplixOptions options{.flushEach = true,
+                                          .leavesMode = archive,
+                                          .file = manner.leavesFileOpen ? &added->file : nullptr,
+                                          .substitute = manner.base ? ShareWithBase : nullptr};
     const bool isCopied = platform::duplix(source, destination, _DuplixAddCallback, &context, options) == 0;
-    *added = {context.brought, context.bytesCompleted};
+    added->brought = context.brought;
+    added->bytes = context.bytesCompleted;
     return isCopied;
 }
 

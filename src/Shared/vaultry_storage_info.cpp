@@ -29,9 +29,16 @@ struct FreeBytes {
 Ref<TQData> ReadInfoAttribute(const Item &item, bool *absent, TQError **error)
 {
     const char *const path = item.path;
-    const ssize_t size = platform::GetAttribute(item, Links::Follow, kInfoAttribute, nullptr, 0);
-    *absent = size < 0 && errno == ENODATA;
+    char usual[1024]; // nearly all are smaller, and need not be asked for their size
+    const ssize_t length = platform::GetAttribute(item, Links::Follow, kInfoAttribute, usual, sizeof usual);
+    if (length >= 0) {
+        auto data = Ref<TQData>::Adopt(TQDataCreate(usual, static_cast<size_t>(length)));
+        if (!data) Failure(error).AtDebug().Errno("malloc failed");
+        return data;
+    }
+    *absent = errno == ENODATA;
     if (*absent) return nullptr;
+    const ssize_t size = errno == ERANGE ? platform::GetAttribute(item, Links::Follow, kInfoAttribute, nullptr, 0) : -1;
     if (size < 0) {
         Failure(error).AtDebug().Errno("getxattr failed");
         return nullptr;

@@ -10,7 +10,8 @@
 
 bool LiftedGeneration::Look()
 {
-    return platform::GetStatus(Item::AtPath(path_), Links::NoFollow, &before_) == 0;
+    isLookedAt_ = isLookedAt_ || platform::GetStatus(Item::AtPath(path_), Links::NoFollow, &before_) == 0;
+    return isLookedAt_;
 }
 
 // Called after a refusal. A server may have made the change, and its answer been lost. If that can't be told, the item

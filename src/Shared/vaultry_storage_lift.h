@@ -13,6 +13,8 @@ class LiftedGeneration {
 public:
     // `path` is borrowed.
     explicit LiftedGeneration(const char *path) : path_(path) {}
+    // The same for an item that was just looked at.
+    LiftedGeneration(const char *path, const TQFileStatus &before) : path_(path), before_(before), isLookedAt_(true) {}
     ~LiftedGeneration();
     LiftedGeneration(const LiftedGeneration &) = delete;
     LiftedGeneration &operator=(const LiftedGeneration &) = delete;
@@ -34,6 +36,7 @@ private:
 
     const char *path_;
     TQFileStatus before_{};
+    bool isLookedAt_ = false;
     bool flagTaken_ = false;
     bool modeChanged_ = false;
 };
