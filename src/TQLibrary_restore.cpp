@@ -27,6 +27,7 @@
 #include <vaultry/path.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
@@ -140,9 +141,11 @@ public:
     {
         const TQRestoreRequest &how = request_.how;
         if (!how.backupName) return true;
-        const bool keepsLinks = (how.flags & kTQRestoreKeepLinks) != 0;
+        uint64_t flags = 0;
+        if ((how.flags & kTQRestoreKeepLinks) != 0) flags |= kTQAddKeepLinks;
+        if ((how.flags & kTQRestoreInfoIsOptional) != 0) flags |= kTQAddInfoIsOptional;
         const TQAddRequest add{.size = sizeof add,
-                               .flags = keepsLinks ? uint64_t{kTQAddKeepLinks} : 0,
+                               .flags = flags,
                                .options = kBackupOptions,
                                .base = how.backupBase,
                                .info = how.backupInfo,
@@ -230,13 +233,15 @@ bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const 
 }
 
 bool TQLibraryRestoreGenerationWithFlags(TQLibrary *library, const TQString *name, const TQURL *documentURL,
-                                         const TQRestoreRequest *how, TQError **error)
+                                         const TQRestoreRequest *given, TQError **error)
 {
-    if (!_RequireKnown(how, kTQRestoreKeepLinks, error)) return false;
+    constexpr size_t kFirstSize = offsetof(TQRestoreRequest, backupSizeKey) + sizeof TQRestoreRequest::backupSizeKey;
+    TQRestoreRequest how;
+    if (!_TakeRequest(given, kFirstSize, kTQRestoreKeepLinks | kTQRestoreInfoIsOptional, &how, error)) return false;
     if (!TQURLIsFileURL(documentURL)) return Failure(error).Status(kTQStatusBadPath, "not a file URL");
 
     const DeferredScope scope;
-    const Request request{library, name, documentURL, *how};
+    const Request request{library, name, documentURL, how};
     const char *const path = tq_fileSystemRepresentation(documentURL);
     if (!path) return Failure(error).Status(kTQStatusBadPath, "not a file URL");
     ReplacedDocument document(path);

@@ -2,12 +2,12 @@
 // locked only at both ends: to find the place, and to move the item there.
 
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_brought.h"
 #include "vaultry_client_managed_folder.h"
 #include "vaultry_client_managed_nesting.h"
 #include "vaultry_client_managed_request.h"
 #include "vaultry_client_managed_staging.h"
 
-#include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Flush.h"
 #include "Platform/Rename.h"
@@ -22,30 +22,17 @@
 #include "Shared/vaultry_storage_share.h"
 
 #include <vaultry/filesystem.h>
-#include <vaultry/number.h>
 #include <vaultry/path.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/limits.h>
 #include <optional>
 #include <sys/stat.h>
 
 namespace {
-
-// What a document brings of an info dictionary that is about to get more values.
-BroughtInfo ReadBroughtInfo(const Item &item, std::vector<char> &bytes)
-{
-    bytes.resize(XATTR_SIZE_MAX);
-    const ssize_t length = platform::GetAttribute(item, Links::NoFollow, kInfoAttribute, bytes.data(), bytes.size());
-    bytes.resize(length > 0 ? static_cast<size_t>(length) : 0);
-    const bool isThere = length >= 0;
-    return {.isKnown = isThere || errno == ENODATA || errno == ENOTSUP,
-            .isThere = isThere,
-            .bytes = isThere ? &bytes : nullptr};
-}
 
 // Makes what the owner file says of this add. A move also notes the document's folder and what its top item had, for
 // whoever gives the document back.
@@ -59,62 +46,8 @@ OwnerNote MakeNote(const char *source, const OpenedFolder *movedFrom)
     note.topMode = status.mode & 07777;
     note.topFlags = status.flags;
     note.top = ItemId::Of(status);
-    BroughtOptions &options = note.topOptions;
-    const ssize_t length = platform::GetAttribute(Item::AtPath(source), Links::NoFollow, kOptionsAttribute,
-                                                  &options.word, sizeof options.word);
-    options.isThere = length == sizeof options.word;
-    options.isKnown = options.isThere || (length < 0 && (errno == ENODATA || errno == ENOTSUP));
+    _NoteBroughtAttributes(Item::AtPath(source), &note);
     return note;
-}
-
-// Which attributes of these names that the document brought along are damaged. They would be taken for the store's, and
-// the generation could be listed but not described.
-struct MalformedMetadata {
-    bool info = false, displayName = false;
-    bool IsAny() const { return info || displayName; }
-};
-
-MalformedMetadata FindMalformedMetadata(const char *staged, const BroughtMetadata &brought)
-{
-    const Item item = Item::AtPath(staged);
-    const auto has = [&](const char *name) {
-        return platform::GetAttribute(item, Links::NoFollow, name, nullptr, 0) >= 0;
-    };
-    const bool isInfoWell =
-        !brought.info || !has(kInfoAttribute) || Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(staged, nullptr));
-    const bool isNameWell = !brought.displayName || !has(kDisplayNameAttribute) ||
-                            Ref<TQString>::Adopt(TQCopyOriginalDisplayName(staged, nullptr));
-    return {!isInfoWell, !isNameWell};
-}
-
-bool DropMalformedMetadata(const char *staged, const MalformedMetadata &malformed, TQError **error)
-{
-    return (!malformed.info || _WriteProtectedAttribute(staged, kInfoAttribute, nullptr, 0, error)) &&
-           (!malformed.displayName || _WriteProtectedAttribute(staged, kDisplayNameAttribute, nullptr, 0, error));
-}
-
-// Stores the options. A document that brought none needs nothing taken away.
-bool WriteOptions(const char *staged, uint64_t options, const BroughtMetadata &brought, TQError **error)
-{
-    const bool isNothingToDo = !brought.options && (options & kStoredOptionBits) == 0;
-    return isNothingToDo || _WriteGenerationOptions(staged, options, error);
-}
-
-bool HasInfo(const TQAddRequest &request)
-{
-    return request.sizeKey || TQDictionaryGetCount(request.info) != 0;
-}
-
-bool WriteInfo(const char *staged, const TQAddRequest &request, uint64_t size, TQError **error)
-{
-    if (!HasInfo(request)) return true;
-    if (!request.sizeKey) return _WriteInfoValues(staged, request.info, error);
-    const auto all = Ref<TQDictionary>::Adopt(request.info ? TQDictionaryCreateMutableCopy(request.info)
-                                                           : TQDictionaryCreateMutable());
-    const auto number = Ref<TQNumber>::Adopt(TQNumberCreateInt64(static_cast<int64_t>(size)));
-    if (!all || !number || !TQDictionarySetValue(all.get(), const_cast<TQString *>(request.sizeKey), number.get()))
-        return Failure(error).Status(kTQStatusFailed, "malloc failed");
-    return _WriteInfoValues(staged, all.get(), error);
 }
 
 // An item on its way from staging to its name.
@@ -164,8 +97,8 @@ bool FinishInstalled(const char *generation, const TQFileStatus &status, TQError
 bool Prepare(const char *staged, const TQAddRequest &request, AddedTree &added, const TreeFlush &flush,
              TQFileStatus *status, TQError **error)
 {
-    if (!WriteOptions(staged, request.options, added.brought, error) ||
-        !WriteInfo(staged, request, added.bytes, error) || !MakeStagedMovable(staged, status, error))
+    if (!_WriteOptionsOver(staged, request.options, added.brought, error) ||
+        !_WriteInfoOf(staged, request, added.bytes, error) || !MakeStagedMovable(staged, status, error))
         return false;
     if (!added.file) return flush.Flush(staged, status->mode, error);
     return (platform::FlushFd(added.file.get()) == 0 && added.file.Close() == 0) ||
@@ -187,7 +120,7 @@ bool InstallStaged(const Placing &placing, const TQFileStatus &status, const Mal
     LiftedRoot root(placing.root);
     if (!root.Lift(error)) return false;
     if (malformed.IsAny() &&
-        (!IsFree(placing.generation, error) || !DropMalformedMetadata(placing.staged, malformed, error)))
+        (!IsFree(placing.generation, error) || !_DropMalformedMetadata(placing.staged, malformed, error)))
         return false;
 
     // Nothing is replaced, not even a dangling link that the look before did not see.
@@ -235,11 +168,12 @@ bool RequireSource(const char *source, const char *root, bool copy, TQError **er
     return _RequireNoStoreInside(source, root, error) && (copy || _RequireOutsideStores(source, error));
 }
 
-constexpr uint64_t kKnownFlags = kTQAddByMoving | kTQAddKeepLinks;
+constexpr uint64_t kKnownFlags = kTQAddByMoving | kTQAddKeepLinks | kTQAddInfoIsOptional;
+constexpr size_t kFirstSize = offsetof(TQAddRequest, sizeKey) + sizeof TQAddRequest::sizeKey;
 
-bool RequirePossible(const TQAddRequest *request, TQError **error)
+bool TakeRequest(const TQAddRequest *given, TQAddRequest *request, TQError **error)
 {
-    if (!_RequireKnown(request, kKnownFlags, error)) return false;
+    if (!_TakeRequest(given, kFirstSize, kKnownFlags, request, error)) return false;
     const bool isMove = (request->flags & kTQAddByMoving) != 0;
     return !isMove || !request->base ||
            Failure(error).Refused(kTQStatusInvalidArgument, "A document that is moved shares no files");
@@ -263,8 +197,6 @@ public:
         document_.emplace(source_);
         if (!copy_) movedFrom_.emplace(document_->c_str());
         note_ = MakeNote(document_->c_str(), copy_ ? nullptr : &*movedFrom_);
-        if (!copy_ && HasInfo(request_))
-            note_.topInfo = ReadBroughtInfo(Item::AtPath(document_->c_str()), broughtInfo_);
         return staging_.Make(store_->rootPath, note_, error_);
     }
 
@@ -281,8 +213,8 @@ public:
         if ((!copy_ && !staging_.FlushNote(error_)) ||
             !_AddPathAsGeneration(source_, staging_.staged(), manner, &added, error_))
             return false;
-        malformed_ = FindMalformedMetadata(staging_.staged(), added.brought);
-        return (!HasInfo(request_) || DropDamagedInfo()) &&
+        malformed_ = _FindMalformedMetadata(staging_.staged(), added.brought);
+        return (!_HasInfo(request_) || DropDamagedInfo()) &&
                Prepare(staging_.staged(), request_, added, flush, &status_, error_);
     }
 
@@ -310,6 +242,7 @@ public:
                                   note_.topFlags,
                                   note_.topOptions,
                                   note_.topInfo,
+                                  note_.topName,
                                   staging_.written()};
         const Item home = *movedFrom_ ? movedFrom_->item() : Item::AtPath(source_);
         if (!_GiveDocumentBack(Item::AtPath(staging_.staged()), home, moved)) staging_.Keep();
@@ -351,7 +284,6 @@ private:
     std::optional<TrimmedPath> document_;
     std::optional<OpenedFolder> movedFrom_;
     OwnerNote note_;
-    std::vector<char> broughtInfo_;
     StagingDirectory staging_;
     MalformedMetadata malformed_;
     TQFileStatus status_{};
@@ -373,10 +305,11 @@ bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, const char *
 }
 
 bool TQClientManagedStorageAddWithFlags(const TQClientManagedStorage *store, const char *name, const char *source,
-                                        const TQAddRequest *request, TQError **error)
+                                        const TQAddRequest *given, TQError **error)
 {
-    if (!RequirePossible(request, error)) return false;
-    Adding adding(store, source, *request, error);
+    TQAddRequest request;
+    if (!TakeRequest(given, &request, error)) return false;
+    Adding adding(store, source, request, error);
     if (!adding.Begin(name)) return false;
     if (adding.Stage() && adding.Install()) return adding.Flush();
     adding.GiveBack();

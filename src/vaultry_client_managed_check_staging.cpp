@@ -178,6 +178,7 @@ Note GetNote(const Unique &unique, char (&home)[PATH_MAX], MovedDocument *docume
                  owner.note.topFlags,
                  owner.note.topOptions,
                  owner.note.topInfo,
+                 owner.note.topName,
                  owner.written};
     return home[0] == '/' ? Note::Path : Note::Malformed;
 }

@@ -25,10 +25,11 @@ constexpr char kFirstLine[] = "vaultry owner 1\n", kExchangeLine[] = "exchange\n
 // A path may hold any byte except zero, so its length stands before it. A restore notes its exchange when its copy is
 // staged. It notes it again when the copy has to be copied across, when the volume can't exchange, and when its way
 // back fails.
-constexpr size_t kNoteCapacity = size_t{6} * PATH_MAX;
+constexpr size_t kNoteCapacity = size_t{8} * PATH_MAX;
 constexpr size_t kWordsCapacity = 1024; // the words and numbers of one part
 constexpr size_t kMostExchanges = 4;
-static_assert(PATH_MAX + kWordsCapacity + kMostExchanges * (3 * PathBuffer::kCapacity + kWordsCapacity) <=
+static_assert(PATH_MAX + kWordsCapacity + sizeof(BroughtInfo) + sizeof(BroughtName) +
+                  kMostExchanges * (3 * PathBuffer::kCapacity + kWordsCapacity) <=
               kNoteCapacity);
 
 class NoteText {
@@ -42,6 +43,14 @@ public:
         length_ += added > 0 ? static_cast<size_t>(added) : 0; // every part is bounded, and all of them fit
     }
     void AddPath(const char *key, const char *path) { Add("%s %zu\n%s\n", key, strlen(path), path); }
+    template <size_t capacity> void AddAttribute(const char *key, const BroughtAttribute<capacity> &brought)
+    {
+        if (!brought.isKnown) return;
+        Add("%s %d %zu\n", key, brought.isThere ? 1 : 0, brought.length);
+        memcpy(text_ + length_, brought.bytes, brought.length);
+        length_ += brought.length;
+        Add("\n");
+    }
     void AddItem(const char *key, const ItemMark &mark)
     {
         Add("%s %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " %" PRIu64 "\n", key,
@@ -119,6 +128,22 @@ public:
         return true;
     }
 
+    // A note has none if nothing is known of it, or if an earlier version made it.
+    template <size_t capacity> bool TakeAttribute(const char *key, BroughtAttribute<capacity> *brought)
+    {
+        uint64_t count = 0, length = 0;
+        if (!IsAt(key) || at_[strlen(key)] != ' ') return true;
+        if (!TakeNumbers(key, &count, &length) || count > 1 || length > capacity ||
+            static_cast<uint64_t>(end_ - at_) <= length || at_[length] != '\n')
+            return false;
+        memcpy(brought->bytes, at_, length);
+        at_ += length + 1;
+        brought->isKnown = true;
+        brought->isThere = count == 1;
+        brought->length = length;
+        return true;
+    }
+
 private:
     template <class Number> static bool TakeNumber(const char *&next, Number *number)
     {
@@ -164,24 +189,14 @@ bool ReadOptions(NoteReader &reader, BroughtOptions *options)
     return options->isKnown;
 }
 
-// A note has this only if the move gives its document more values.
-bool ReadInfo(NoteReader &reader, BroughtInfo *info)
-{
-    if (!reader.IsAt("info ")) return true;
-    uint64_t count = 0;
-    info->isKnown = reader.TakeNumbers("info", &count) && count <= 1;
-    info->isThere = count == 1;
-    return info->isKnown;
-}
-
 bool ReadNote(NoteReader &reader, OwnerNote *note)
 {
     return reader.Take(kFirstLine) && ReadWork(reader, &note->work) && reader.TakeWord("machine", note->machine) &&
            reader.TakeWord("boot", note->boot) && reader.TakeNumbers("process", &note->process) &&
            reader.TakeNumbers("since", &note->since) &&
            reader.TakeNumbers("top", &note->topMode, &note->topFlags, &note->top.device, &note->top.inode) &&
-           ReadOptions(reader, &note->topOptions) && ReadInfo(reader, &note->topInfo) &&
-           ReadItem(reader, "folder", &note->folder) &&
+           ReadOptions(reader, &note->topOptions) && reader.TakeAttribute("info", &note->topInfo) &&
+           reader.TakeAttribute("name", &note->topName) && ReadItem(reader, "folder", &note->folder) &&
            reader.TakePath("document", note->document, sizeof note->document) && reader.Take(kLastLine);
 }
 
@@ -320,7 +335,8 @@ UniqueFd _MakeOwnerFile(const Item &place, uint32_t areaOwner, const OwnerNote &
              note.topMode, note.topFlags, note.top.device, note.top.inode);
     if (const BroughtOptions &options = note.topOptions; options.isKnown)
         text.Add("options %d %" PRIu64 "\n", options.isThere ? 1 : 0, options.word);
-    if (const BroughtInfo &info = note.topInfo; info.isKnown) text.Add("info %d\n", info.isThere ? 1 : 0);
+    text.AddAttribute("info", note.topInfo);
+    text.AddAttribute("name", note.topName);
     text.AddItem("folder", note.folder);
     text.AddPath("document", note.document);
     text.Add("%s", kLastLine);

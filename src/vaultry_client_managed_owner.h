@@ -62,6 +62,7 @@ struct OwnerNote {
     uint32_t topFlags = 0;
     BroughtOptions topOptions{};
     BroughtInfo topInfo{};
+    BroughtName topName{};
     ItemId top{};
     ItemMark folder; // and the folder that it was taken from
     char machine[80] = "";

@@ -46,6 +46,11 @@ bool GetName(TQValue *name, char *buffer, TQError **error)
 bool LiftForMove(LiftedGeneration &item, const char *generation, TQError **error)
 {
     if (!item.Look()) return Failure(error).Errno("failed to stat source path %s", generation);
+    const TQFileStatus &before = item.before();
+    if (S_ISREG(before.mode) && before.linkCount > 1 && (before.flags & kTQFlagImmutable) != 0) {
+        errno = EPERM; // the flag is that of its other names, too
+        return Failure(error).Errno("failed to remove UF_IMMUTABLE on path %s", generation);
+    }
     if (!item.TakeImmutableFlag()) return Failure(error).Errno("failed to remove UF_IMMUTABLE on path %s", generation);
     if (S_ISDIR(item.before().mode) && !item.AddOwnerWrite())
         return Failure(error).Errno("failed to make directory writable prior to moving; path: %s", generation);

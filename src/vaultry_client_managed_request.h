@@ -5,17 +5,24 @@
 #include "Shared/vaultry_internal_failure.h"
 
 #include <algorithm>
+#include <cstring>
 
-// Whether this version knows all that a request asks for. A longer one was made for a later version. If the rest of it
-// is zero, it asks for nothing more.
-template <class Request> bool _RequireKnown(const Request *request, uint64_t knownFlags, TQError **error)
+inline constexpr size_t kLargestRequest = 4096; // beyond it, the size was never set
+
+// Takes what a client asks for. A request of an earlier version is shorter, but has at least `firstSize` bytes; what it
+// lacks counts as zero. A longer one was made for a later version. If the rest of it is zero, it asks for nothing
+// more.
+template <class Request>
+bool _TakeRequest(const Request *given, size_t firstSize, uint64_t knownFlags, Request *taken, TQError **error)
 {
-    if (!request || request->size < sizeof *request)
+    if (!given || given->size < firstSize || given->size > kLargestRequest)
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied request was invalid");
-    const auto *const bytes = reinterpret_cast<const unsigned char *>(request);
-    const bool asksForMore =
-        std::any_of(bytes + sizeof *request, bytes + request->size, [](auto byte) { return byte; });
-    if ((request->flags & ~knownFlags) == 0 && !asksForMore) return true;
+    const auto *const bytes = reinterpret_cast<const unsigned char *>(given);
+    const size_t known = std::min(given->size, sizeof *taken);
+    *taken = {};
+    memcpy(static_cast<void *>(taken), bytes, known);
+    const bool asksForMore = std::any_of(bytes + known, bytes + given->size, [](auto byte) { return byte != 0; });
+    if ((taken->flags & ~knownFlags) == 0 && !asksForMore) return true;
     return Failure(error).Refused(kTQStatusNotSupported,
                                   "The supplied request asks for what this version does not know");
 }

@@ -139,7 +139,7 @@ bool StagingDirectory::RemoveWhatIsUsual()
     bool isEmpty = true;
     for (unsigned number = 0; !isTaken_ && (number == 0 || number < places_); ++number) {
         const char *const path = NamePlace(number);
-        // Several are mostly files.
+        // Of several, most are files.
         if (places_ > 1 && unlinkat(directory, strrchr(path, '/') + 1, 0) == 0) continue;
         isEmpty &= _RemoveTreeAt({directory, strrchr(path, '/') + 1, path}, {.keepsShared = true}, nullptr);
     }
@@ -189,6 +189,7 @@ struct timespec StagingDirectory::written() const
 bool StagingDirectory::FlushNote(TQError **error) const
 {
     const UniqueFd area(openat(directory_.get(), "..", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!area || !IsAtItsPath()) return Failure(error).Errno("Failed to flush \"%s\" to disk", unique_.c_str());
     for (const int fd : {owner_.get(), directory_.get(), area.get()})
         if (platform::FlushFd(fd) != 0) return Failure(error).Errno("Failed to flush \"%s\" to disk", unique_.c_str());
     return true;

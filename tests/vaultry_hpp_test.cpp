@@ -59,12 +59,13 @@ TEST(StoreInCpp, DoesWhatTheFunctionsDo)
     ASSERT_TRUE(store.restore("1.txt", document, "3.txt") && disk::Read(document) == before);
     const std::string folder = test / "d", file = disk::Write(disk::MakeDirectory(folder) + "/in", "in");
     EXPECT_TRUE(store.add("d", folder) && symlink("in", (folder + "/link").c_str()) == 0);
-    EXPECT_FALSE(store.add("e", folder, AddRequest{}));
-    ASSERT_TRUE(store.add("e", folder, {.keep_links = true, .base = "d", .info = {}, .size_key = "n"}) &&
-                store.restore("d", folder, {.backup = "f", .keep_links = true, .base = "e", .size_key = "n"}));
+    EXPECT_FALSE(store.add_with("e", folder, AddRequest{}));
+    ASSERT_TRUE(store.add_with("e", folder, {.keep_links = true, .base = "d", .size_key = "n"}) &&
+                store.restore_with("d", folder, {.backup = "f", .keep_links = true, .base = "e", .size_key = "n"}));
     EXPECT_TRUE(*store.info("e", "n") == Value(2) && *store.info("f", "n") == Value(2) &&
                 !disk::Exists(folder + "/link"));
-    EXPECT_TRUE(store.add("g", folder, {.move = true}) && store.remove({"d", "e", "f", "g"}) && !disk::Exists(folder));
+    EXPECT_TRUE(store.add_with("g", folder, {.move = true}) && store.remove({"d", "e", "f", "g"}) &&
+                !disk::Exists(folder));
     ASSERT_TRUE(store.copy("3.txt", test / "copy") && disk::Read(test / "copy") == "changed");
     ASSERT_TRUE(store.remove(std::vector{"3.txt"sv}) && store.add_by_moving("4", document) && !disk::Exists(document));
     EXPECT_THAT(*store.names(), testing::UnorderedElementsAre("1.txt", "2", "4"));

@@ -1,6 +1,7 @@
 """The rows of the comparison, and how one is measured: all ways in turns, or call by call."""
 import contextlib
 import dataclasses
+import os
 import statistics
 
 from . import jobs, places, ways
@@ -99,6 +100,7 @@ def calls_of_one_more(row, tools, place, name):
     totals = []
     for size in row.counted:
         with opened(row.job, tools, place, size) as job:
+            os.sync()  # while much of anybody's data waits for a disk, a package is flushed by other calls
             totals.append((ways.count_calls(job.ways()[name]()), job.items))
     (few, fewer_items), (many, more_items) = totals
     return {call: (many[call] - few[call]) / (more_items - fewer_items) for call in many | few}

@@ -112,7 +112,8 @@ TQ_EXPORT TQDictionary *TQLibraryCopyAllGenerationsInfos(TQLibrary *library, con
 
 /// What a restore does besides: bits of TQRestoreRequest.flags.
 enum {
-    kTQRestoreKeepLinks = 0x1, ///< the backup keeps symbolic links below its top, as kTQAddKeepLinks does
+    kTQRestoreKeepLinks = 0x1,      ///< of the backup: kTQAddKeepLinks
+    kTQRestoreInfoIsOptional = 0x2, ///< of the backup: kTQAddInfoIsOptional
 };
 
 /// What TQLibraryRestoreGenerationWithFlags is asked for. It grows as TQAddRequest does.
@@ -169,8 +170,8 @@ TQ_EXPORT bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *na
 
 /// The same, with all that a request can ask for. `request` is borrowed for the call.
 ///
-/// @return as TQLibraryRestoreGeneration. Nothing is done if the request is none (kTQStatusInvalidArgument) or asks for
-///         something that this version does not know (kTQStatusNotSupported).
+/// @return as TQLibraryRestoreGeneration. Nothing is done if there is no request (kTQStatusInvalidArgument) or it asks
+///         for something that this version does not know (kTQStatusNotSupported).
 TQ_EXPORT bool TQLibraryRestoreGenerationWithFlags(TQLibrary *library, const TQString *name, const TQURL *document,
                                                    const TQRestoreRequest *request, TQError **error);
 

@@ -55,8 +55,9 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 
 /// What an add does besides copying: bits of TQAddRequest.flags.
 enum {
-    kTQAddByMoving = 0x1,  ///< moves the document into the store instead
-    kTQAddKeepLinks = 0x2, ///< keeps symbolic links below the top as links, which are refused otherwise
+    kTQAddByMoving = 0x1,       ///< moves the document into the store instead
+    kTQAddKeepLinks = 0x2,      ///< keeps symbolic links below the top as links; without it, they are refused
+    kTQAddInfoIsOptional = 0x4, ///< if the info values can't be stored, the generation is added without them
 };
 
 /// What TQClientManagedStorageAddWithFlags is asked for. A later version may have more members. A client that sets all
@@ -66,11 +67,12 @@ typedef struct TQAddRequest {
     uint64_t flags;   ///< kTQAdd… bits
     uint64_t options; ///< stored with the generation; read back as 1 if none of the bits 0x1e is set
 
-    /// May be null; else the name of a generation with which unchanged files are shared. A file below the top of the
-    /// document that is there at the same path becomes one more hard link to it and takes no room of its own. Every
-    /// byte of both is compared. Mode, owner, group, flags, time of modification, attributes and access list must be
-    /// the same too. A file that can be cloned from the document is cloned, and nothing is compared. If there is no
-    /// such generation, everything is copied. Not for a document that is moved.
+    /// May be null; else the name of a generation with which unchanged files are shared. If that has a file like
+    /// one below the document's top, at the same path, the new generation gets a hard link to the stored file,
+    /// which takes no room of its own. Every byte of both is compared. Mode, owner, group, flags, time of
+    /// modification, attributes, access list and whether there are holes must be the same too. A file that can be
+    /// cloned from the document is cloned, and nothing is compared. If there is no such generation, everything is
+    /// copied. Not for a document that is moved.
     const TQString *base;
 
     /// May be null; else strings mapped to values that the info dictionary gets before the generation appears.

@@ -661,23 +661,35 @@ private:
     std::uint32_t flags_;
 };
 
+namespace detail {
+
+/// Whether none of the values that are given is null: text that is not UTF-8 makes one so.
+template <class... Given> bool are_whole(const std::optional<Given> &...given)
+{
+    return ((!given || *given) && ...);
+}
+
+} // namespace detail
+
 /// What an add can be asked for; see TQAddRequest.
 struct AddRequest {
     std::uint64_t options = 1;
     bool move = false;
     bool keep_links = false;
-    std::optional<std::string> base = std::nullopt;     ///< a generation to share unchanged files with
-    Dictionary info = {};                               ///< values that the generation has from the beginning
-    std::optional<std::string> size_key = std::nullopt; ///< the key of one more: the bytes of its files
+    std::optional<std::string> base = std::nullopt; ///< a generation to share unchanged files with
+    std::optional<Dictionary> info = std::nullopt;  ///< values that the generation has from the beginning
+    std::optional<String> size_key = std::nullopt;  ///< the key of one more: the bytes of its files
+    bool info_is_optional = false;                  ///< whether it is added even if they can't be stored
 };
 
 /// What a restore can be asked for; see TQRestoreRequest.
 struct RestoreRequest {
-    std::optional<std::string> backup = std::nullopt;   ///< keeps the document under this name first
-    bool keep_links = false;                            ///< the backup's
-    std::optional<std::string> base = std::nullopt;     ///< the backup's
-    Dictionary info = {};                               ///< the backup's
-    std::optional<std::string> size_key = std::nullopt; ///< the backup's
+    std::optional<std::string> backup = std::nullopt; ///< keeps the document under this name first
+    bool keep_links = false;                          ///< the backup's, and so are those that follow
+    std::optional<std::string> base = std::nullopt;
+    std::optional<Dictionary> info = std::nullopt;
+    std::optional<String> size_key = std::nullopt;
+    bool info_is_optional = false;
 };
 
 /// The library object, for what the store alone can't do: restoring in place.
@@ -702,20 +714,21 @@ public:
     }
 
     /// The same, with all that a request can ask for.
-    Result<void> restore(std::string_view name, const std::filesystem::path &document,
-                         const RestoreRequest &request) const
+    Result<void> restore_with(std::string_view name, const std::filesystem::path &document,
+                              const RestoreRequest &request) const
     {
-        const String from(name), keep(request.backup.value_or("")), base(request.base.value_or("")),
-            size_key(request.size_key.value_or(""));
-        if (!*this || !from || !keep || !base || !size_key) return detail::refused();
+        const String from(name), keep(request.backup.value_or("")), base(request.base.value_or(""));
+        if (!*this || !from || !keep || !base || !detail::are_whole(request.info, request.size_key))
+            return detail::refused();
         const URL url = URL::of_path(detail::path(document));
         TQRestoreRequest asked{};
         asked.size = sizeof asked;
-        asked.flags = request.keep_links ? std::uint64_t{kTQRestoreKeepLinks} : 0;
+        if (request.keep_links) asked.flags |= kTQRestoreKeepLinks;
+        if (request.info_is_optional) asked.flags |= kTQRestoreInfoIsOptional;
         asked.backupName = request.backup ? keep.get() : nullptr;
         asked.backupBase = request.base ? base.get() : nullptr;
-        asked.backupInfo = request.info.get();
-        asked.backupSizeKey = request.size_key ? size_key.get() : nullptr;
+        asked.backupInfo = request.info ? request.info->get() : nullptr;
+        asked.backupSizeKey = request.size_key ? request.size_key->get() : nullptr;
         return detail::attempt(TQLibraryRestoreGenerationWithFlags, get(), from.get(), url.get(), &asked);
     }
 };
@@ -773,18 +786,19 @@ public:
     }
 
     /// With all that a request can ask for.
-    Result<void> add(std::string_view name, const std::filesystem::path &document, const AddRequest &request) const
+    Result<void> add_with(std::string_view name, const std::filesystem::path &document, const AddRequest &request) const
     {
-        const String base(request.base.value_or("")), size_key(request.size_key.value_or(""));
-        if (!base || !size_key) return detail::refused();
+        const String base(request.base.value_or(""));
+        if (!base || !detail::are_whole(request.info, request.size_key)) return detail::refused();
         TQAddRequest asked{};
         asked.size = sizeof asked;
-        asked.flags = (request.move ? std::uint64_t{kTQAddByMoving} : 0) |
-                      (request.keep_links ? std::uint64_t{kTQAddKeepLinks} : 0);
+        if (request.move) asked.flags |= kTQAddByMoving;
+        if (request.keep_links) asked.flags |= kTQAddKeepLinks;
+        if (request.info_is_optional) asked.flags |= kTQAddInfoIsOptional;
         asked.options = request.options;
         asked.base = request.base ? base.get() : nullptr;
-        asked.info = request.info.get();
-        asked.sizeKey = request.size_key ? size_key.get() : nullptr;
+        asked.info = request.info ? request.info->get() : nullptr;
+        asked.sizeKey = request.size_key ? request.size_key->get() : nullptr;
         return attempt_(TQClientManagedStorageAddWithFlags, name, detail::path(document).c_str(), &asked);
     }
 
@@ -813,11 +827,11 @@ public:
         return library ? library->restore(name, document, backup) : library.error();
     }
 
-    Result<void> restore(std::string_view name, const std::filesystem::path &document,
-                         const RestoreRequest &request) const
+    Result<void> restore_with(std::string_view name, const std::filesystem::path &document,
+                              const RestoreRequest &request) const
     {
         const auto library = Library::open(root_);
-        return library ? library->restore(name, document, request) : library.error();
+        return library ? library->restore_with(name, document, request) : library.error();
     }
 
     /// `store.remove({"a", "b"})`, or of any range of names. In order, up to the first failure; a name without a

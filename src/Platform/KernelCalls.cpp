@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <fcntl.h>
 #include <linux/openat2.h>
 #include <unistd.h>
 
@@ -56,7 +57,7 @@ int OpenBelow(int directory, const char *path, int flags)
     static Presence presence(kOpenAt2);
     if (presence.Absent()) return -1;
     open_how how{};
-    how.flags = static_cast<__u64>(flags);
+    how.flags = static_cast<__u64>(flags | O_LARGEFILE);
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
     return static_cast<int>(syscall(kOpenAt2, directory, path, &how, sizeof how));
 }

@@ -1,6 +1,7 @@
 #include "Platform/QuietOpener.h"
 
 #include "Platform/FileStatus.h"
+#include "Platform/KernelCalls.h"
 
 #include <cerrno>
 
@@ -20,9 +21,9 @@ UniqueFd QuietOpener::OpenAndLook(const Item &item, int flags, TQFileStatus *sta
 {
     UniqueFd fd;
     const bool tries = !refused_ || refused_ != last_;
-    if (tries) fd.Reset(openat(item.directory, item.name, flags | O_NOATIME));
+    if (tries) fd.Reset(kernel::OpenBelow(item.directory, item.name, flags | O_NOATIME));
     const bool isQuiet = static_cast<bool>(fd);
-    if (!isQuiet && (!tries || errno == EPERM)) fd.Reset(openat(item.directory, item.name, flags));
+    if (!isQuiet && (!tries || errno == EPERM)) fd.Reset(kernel::OpenBelow(item.directory, item.name, flags));
     if (!fd || GetStatusOfFd(fd.get(), status) != 0) return UniqueFd();
     last_ = status->owner;
     // Only reading changes the time, so it is not too late.

@@ -18,8 +18,9 @@ public:
     // Opens as openat does. `owner` is the item's owner as far as is known.
     UniqueFd Open(const Item &item, int flags, uint32_t owner);
 
-    // The same for an item that nobody has looked at yet; its status is that of what was opened. The item before it
-    // mostly had the same owner. Where that proves wrong, it costs a call.
+    // The same for an item of a directory that nobody has looked at yet; its status is that of what was opened. What is
+    // mounted there is not opened. The item before it mostly had the same owner. Where that proves wrong, it costs a
+    // call.
     UniqueFd OpenAndLook(const Item &item, int flags, TQFileStatus *status);
 
 private:

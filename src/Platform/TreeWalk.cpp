@@ -241,8 +241,8 @@ const TreeWalk::Entry *TreeWalk::State::Contents()
     return Done(error == 0 ? Kind::DirectoryDone : error == ENOMEM ? Kind::Error : Kind::Unreadable, error);
 }
 
-// Opens the entry, which had been a regular file when its directory was read. False if it can't be opened, or is
-// something else by now.
+// Opens the entry, which had been a regular file when its directory was read. False if it can't be opened, is something
+// else by now, or something is mounted on it: that may be a device, which opening would set to work.
 bool TreeWalk::State::Hold()
 {
     constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;

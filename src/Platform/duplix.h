@@ -63,8 +63,9 @@ struct DuplixFinished {
     // The copy's status. Device, kind, owner, group, mode and flags are what it has now; size, blocks, link count and
     // times are those of the empty item that was made, and so is the inode, which is 0 if nobody looked at the item.
     const TQFileStatus &status;
-    mode_t mode;    // what the copy is to have
-    bool modeIsDue; // whether the client has to set it; until then the status has what is known of it
+    mode_t mode;     // what the copy is to have
+    bool modeIsDue;  // whether the client has to set it; until then the status has what is assumed or known of it
+    bool isListLost; // the volume could not hold the access list, and the mode grants nobody more than that did
 };
 
 // What the service tells its callback about the item at hand.

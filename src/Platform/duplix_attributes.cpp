@@ -60,7 +60,8 @@ bool AttributeCopier::CopyOne(const CopiedItem &item, const char *name)
 {
     const ssize_t length = ReadValue(item.from, name);
     if (length < 0) return errno == ENODATA;
-    return fsetxattr(item.to, name, value_.get(), static_cast<size_t>(length), 0) == 0;
+    const auto set = [&] { return fsetxattr(item.to, name, value_.get(), static_cast<size_t>(length), 0) == 0; };
+    return set() || (errno == EACCES && GiveAssumedRights(item) && set());
 }
 
 // Some volumes have a list but don't name it, so a volume that is not known to name it is asked. *size is 0 if there is
@@ -114,6 +115,7 @@ bool AttributeCopier::CopyAccessList(const CopiedItem &item, CopiedLists *lists)
     if (!IsListForgiven(errno)) return false;
     // The mode's group bits were the list's mask. Without the list they would grant that to the whole group.
     lists->denied = DeniedByList(value_.get(), size);
+    lists->isLost = true;
     return !item.mayHaveInherited || _RemoveInherited(item.to, kAccessList);
 }
 

@@ -25,7 +25,7 @@ public:
     // Whether files of the volume of `status` can be cloned, as far as is known.
     std::optional<bool> Clones(const TQFileStatus &status) const;
 
-    // Finds that out with an empty file at the destination, which may have the bytes of `from` then.
+    // Finds that out with an empty file at the destination, which may have the bytes of `from` afterwards.
     bool TryToClone(int from, const TQFileStatus &status, int to);
 
 private:

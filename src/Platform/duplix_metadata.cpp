@@ -18,6 +18,13 @@ void GiveOwnerRights(int fd, TQFileStatus *made)
     if (fchmod(fd, (made->mode & 07777) | needed) == 0) made->mode |= needed;
 }
 
+bool GiveAssumedRights(const CopiedItem &item)
+{
+    if (item.made.inode != 0 || GetStatusOfFd(item.to, &item.made) != 0) return false;
+    GiveOwnerRights(item.to, &item.made);
+    return true;
+}
+
 void StorePlain(int fd, TQFileStatus *made)
 {
     const uint32_t plain = made->flags & ~static_cast<uint32_t>(kTQFlagCompressed);

@@ -25,14 +25,16 @@ struct CopiedItem {
 };
 
 struct CopiedMode {
-    mode_t mode = 0;    // what the copy is to have
-    bool isDue = false; // whether it is still to be set
+    mode_t mode = 0;        // what the copy is to have
+    bool isDue = false;     // whether it is still to be set
+    bool isForList = false; // whether it stands for an access list that the volume could not hold
 };
 
 // What copying the access lists means for the mode.
 struct CopiedLists {
     bool touched = false; // an access list was set: the mode's group bits are no longer what they were
     mode_t denied = 0;    // what the mode may not grant
+    bool isLost = false;  // the volume could not hold the access list
 };
 
 // `user.` attributes, access-control lists, and as root the capability. Keeps its buffers from item to item.
@@ -62,6 +64,10 @@ private:
 
 // Gives a new item the rights that its owner needs to fill it, if a strict umask took them, and notes that in `made`.
 void GiveOwnerRights(int fd, TQFileStatus *made);
+
+// The same for an item whose mode was assumed and has proved to be another: the umask belongs to the whole process, and
+// another thread may have changed it. False if the mode was not assumed.
+bool GiveAssumedRights(const CopiedItem &item);
 
 // Takes away a compressed flag that the directory above has handed down, before there is data, and notes that in
 // `made`.

@@ -96,6 +96,7 @@ private:
     bool MayTakeFlags(const TQFileStatus &status) const;
     bool RemoveFile(const Item &item);
     bool RemoveBlocked(const Item &item, const TQFileStatus &status);
+    bool RemoveTree(const Item &item);
     bool RemoveDirectory(const Entry &entry);
     bool RemoveLast(const Entry &root);
     bool Unlink(const Item &item, int unlinkFlags);
@@ -155,10 +156,22 @@ bool Removal::RemoveFile(const Item &item)
     if (IsUnlinked(item, 0)) return HasGone();
     const int why = errno;
     TQFileStatus status;
-    if (why == EPERM && platform::GetStatus(item, Links::NoFollow, &status) == 0 && MayTakeFlags(status))
-        return RemoveBlocked(item, status);
+    const bool isKnown = (why == EPERM || why == EISDIR) && platform::GetStatus(item, Links::NoFollow, &status) == 0;
+    if (!isKnown && errno == ENOENT) return HasGone();
+    if (isKnown && S_ISDIR(status.mode)) return RemoveTree(item);
+    if (isKnown && MayTakeFlags(status)) return RemoveBlocked(item, status);
+    if (isKnown && !IsBlocked(status)) return Unlink(item, 0); // others may have taken the flag meanwhile
     errno = why;
     return FailedToUnlink(item);
+}
+
+// For a directory that was told as a file, or has taken a file's place since.
+bool Removal::RemoveTree(const Item &item)
+{
+    bool begun = false;
+    const bool isRemoved = _RemoveTreeAt(item, {.keepsShared = how_.keepsShared, .begun = &begun}, error_);
+    if (begun) HasGone();
+    return isRemoved;
 }
 
 bool Removal::RemoveBlocked(const Item &item, const TQFileStatus &status)
@@ -186,10 +199,7 @@ bool Removal::RemoveLast(const Entry &root)
 {
     char path[TreeWalk::kPathLimit];
     (void)snprintf(path, sizeof path, "%s/%s", root.item.path, how_.last);
-    const Item item{root.fd, how_.last, path};
-    TQFileStatus status;
-    if (platform::GetStatus(item, Links::NoFollow, &status) == 0) return RemoveFile(item);
-    return errno == ENOENT || Failure(error_).Errno("Failed to make \"%s\" deletable", path);
+    return RemoveFile({root.fd, how_.last, path});
 }
 
 bool Removal::RemoveDirectory(const Entry &entry)

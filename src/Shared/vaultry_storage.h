@@ -18,7 +18,6 @@
 #include <vaultry/progress.h>
 
 #include <optional>
-#include <vector>
 
 class BaseFiles;
 
@@ -159,11 +158,14 @@ struct BroughtOptions {
     uint64_t word = 0;
 };
 
-// The same of an info dictionary that gets more values. Only the process that moves the document knows its bytes.
-struct BroughtInfo {
+// The same of an attribute with one of the store's names. One that is longer is not known.
+template <size_t capacity> struct BroughtAttribute {
     bool isKnown = false, isThere = false;
-    const std::vector<char> *bytes = nullptr;
+    size_t length = 0;
+    char bytes[capacity];
 };
+using BroughtInfo = BroughtAttribute<8192>; // twice what ext4 can hold
+using BroughtName = BroughtAttribute<1024>;
 
 // What an add by moving knew of its document before it took it.
 struct MovedDocument {
@@ -174,6 +176,7 @@ struct MovedDocument {
     uint32_t topFlags = 0;
     BroughtOptions topOptions{};
     BroughtInfo topInfo{};
+    BroughtName topName{};
     struct timespec since {}; // when the add began, by the volume's clock; it made no change before that
 };
 

@@ -99,7 +99,7 @@ int ShareWithBase(const DuplixOpened &file, void *addContext)
     };
     const uint8_t own = SavedPermissionsOf(file.status.mode, file.status.flags);
     const uint8_t record = BroughtRecord(file.source, file.status, *context).value_or(own);
-    switch (context->base->Share(file, record, goOn)) {
+    switch (context->base->Share(file, record, std::ref(goOn))) {
     case BaseFiles::Outcome::Shared:
         return duplix_answer::Skip;
     case BaseFiles::Outcome::Stopped:

@@ -38,7 +38,9 @@ bool ReadRestoredRights(const DuplixFinished &item, RestoredRights *rights)
     const mode_t mode = item.mode;
     const uint32_t flags = item.status.flags & ~uint32_t{kTQFlagImmutable};
     if (length == 1) {
-        *rights = {mode | SavedWriteBits(saved), flags | SavedFlags(saved)};
+        // Without its access list, only the owner gets write access back: the list may have denied it to the others.
+        const mode_t write = SavedWriteBits(saved) & (item.isListLost ? S_IWUSR : kWriteBits);
+        *rights = {mode | write, flags | SavedFlags(saved)};
         return true;
     }
     *rights = {mode | 0200, flags};

@@ -60,12 +60,12 @@ void PutBackOptions(const Item &item, const BroughtOptions &options)
         (void)platform::RemoveAttribute(item, Links::Follow, kOptionsAttribute);
 }
 
-void PutBackInfo(const Item &item, const BroughtInfo &info)
+template <size_t capacity> void PutBack(const Item &item, const char *name, const BroughtAttribute<capacity> &brought)
 {
-    if (info.bytes)
-        (void)platform::SetAttribute(item, Links::Follow, kInfoAttribute, info.bytes->data(), info.bytes->size());
-    else if (info.isKnown && !info.isThere)
-        (void)platform::RemoveAttribute(item, Links::Follow, kInfoAttribute);
+    if (brought.isThere)
+        (void)platform::SetAttribute(item, Links::Follow, name, brought.bytes, brought.length);
+    else if (brought.isKnown)
+        (void)platform::RemoveAttribute(item, Links::Follow, name);
 }
 
 // Best effort, item by item: what can't be undone stays protected, and its byte still says what it had.
@@ -87,8 +87,11 @@ void UndoArchiving(const TreeWalk::Entry &entry, const MovedDocument &document)
     (void)platform::SetModeOfPinned(pinned.get(), rights.mode | 0200);
     if (isRecorded) (void)platform::RemoveAttribute(item, Links::Follow, kSavedPermissionsAttribute);
     const bool isTop = entry.level == 0 && document.knowsTop && entry.status.inode == document.top.inode;
-    if (isTop) PutBackOptions(item, document.topOptions);
-    if (isTop) PutBackInfo(item, document.topInfo);
+    if (isTop) {
+        PutBackOptions(item, document.topOptions);
+        PutBack(item, kInfoAttribute, document.topInfo);
+        PutBack(item, kDisplayNameAttribute, document.topName);
+    }
     if ((rights.mode & 0200) == 0) (void)platform::SetModeOfPinned(pinned.get(), rights.mode);
     (void)platform::SetFlagsOfPinned(pinned.get(), now, rights.flags);
 }

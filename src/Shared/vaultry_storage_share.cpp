@@ -15,6 +15,11 @@
 
 namespace {
 
+bool HasHoles(const TQFileStatus &status)
+{
+    return status.blocks * 512 < status.size;
+}
+
 // Whether the stored file has what a copy of the document's file would have in its place. A file with a blocking flag
 // can get no further link, and is not one that a generation shares.
 bool HasSameStatus(const TQFileStatus &document, const TQFileStatus &stored)
@@ -22,7 +27,8 @@ bool HasSameStatus(const TQFileStatus &document, const TQFileStatus &stored)
     constexpr uint32_t kNotStored = kTQFlagCompressed | kTQFlagTracked;
     return S_ISREG(stored.mode) && (stored.mode & 07777) == (document.mode & 07777 & ~kWriteBits) &&
            stored.owner == document.owner && stored.group == document.group && stored.size == document.size &&
-           ((stored.flags | document.flags) & kBlockingFlags) == 0 && stored.flags == (document.flags & ~kNotStored) &&
+           HasHoles(stored) == HasHoles(document) && ((stored.flags | document.flags) & kBlockingFlags) == 0 &&
+           stored.flags == (document.flags & ~kNotStored) &&
            platform::IsSameTime(stored.modificationTime, document.modificationTime);
 }
 
@@ -79,7 +85,7 @@ BaseFiles::Outcome BaseFiles::Share(const DuplixOpened &file, uint8_t record, co
         isStopped = !goOn(bytes);
         return !isStopped;
     };
-    const bool isSame = IsSame(file, record, stored.get(), status, unlessStopped);
+    const bool isSame = IsSame(file, record, stored.get(), status, std::ref(unlessStopped)); // takes no memory
     if (isStopped) return Outcome::Stopped;
     if (!isSame) return Outcome::NotShared;
     if (Link(stored.get(), file.destination) && IsLinked(status, file.destination)) return Outcome::Shared;

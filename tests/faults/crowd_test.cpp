@@ -44,7 +44,7 @@ Tally &NewTally()
         const auto what = random() % 6;
         // Files are shared with one that may go at any moment, or with "base".
         const std::string other = random() % 2 == 0 ? "base" : "g" + std::to_string(random() % 8);
-        if (what == 0) (void)store.add(name, at.document(), {.options = random() % 2 * 6, .base = other});
+        if (what == 0) (void)store.add_with(name, at.document(), {.options = random() % 2 * 6, .base = other});
         if (what == 1) (void)store.remove({name});
         if (what == 2) (void)store.set_options(random() % 2 == 0 ? name : "base", 6);
         if (what == 3) (void)store.set_display_name("base", vaultry::String(letters));
@@ -125,7 +125,7 @@ TEST(Crowd, ConcurrentReadersSeeWholeGenerationsWhileWritersAreKilled)
     threads.emplace_back([&] {
         const vaultry::Store store = *vaultry::Store::open(at.root());
         for (; !tally.stop; ++tally.writes)
-            EXPECT_TRUE(store.add("a", at.document()) && store.add("b", at.document(), {.base = "a"}) &&
+            EXPECT_TRUE(store.add("a", at.document()) && store.add_with("b", at.document(), {.base = "a"}) &&
                         store.remove({"a", "b"}));
     });
     sleep(seconds);

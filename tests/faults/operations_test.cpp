@@ -67,11 +67,22 @@ TEST_P(FaultsWhile, Adding)
                    .subject = "g",
                    .unfinished = copy ? "" : "/document.*|/outside",
                    .table = copy ? "" : "A move"});
+    const auto base = String("kept");
+    const Value info = Dictionary({{Text("key"), Text("value")}});
+    const TQAddRequest move{.size = sizeof move,
+                            .flags = kTQAddByMoving,
+                            .options = 6,
+                            .base = nullptr,
+                            .info = Cast{info},
+                            .sizeKey = base.get()};
+    Sweep({.name = "add a file by moving, with values",
+           .run = DO(TQClientManagedStorageAddWithFlags(store, "g", scene.document.c_str(), &move, why)),
+           .subject = "g",
+           .unfinished = "/document.*",
+           .table = "A move"});
     ExpectEveryRowMet("A move");
 
     // Two of the files are those of "kept".
-    const auto base = String("kept");
-    const Value info = Dictionary({{Text("key"), Text("value")}});
     const TQAddRequest request{.size = sizeof request,
                                .flags = kTQAddKeepLinks,
                                .options = 6,

@@ -125,7 +125,7 @@ const struct Work {
 } kWorks[] = {
     {"add by copying", "old", "new", [](auto &s) { return s.handle.add("g", s.store.document(), 6); }},
     {"add, sharing files", "old", "new",
-     [](auto &s) { return s.handle.add("g", s.store.document(), {.options = 6, .base = "old", .info = s.info}); }},
+     [](auto &s) { return s.handle.add_with("g", s.store.document(), {.options = 6, .base = "old", .info = s.info}); }},
     {"add by moving", "old", "document", [](auto &s) { return s.handle.add_by_moving("g", s.store.document(), 6); }},
     {"set options", "old", "store/", [](auto &s) { return s.handle.set_options("old", 6); }},
     {"set info", "old", "store/", [](auto &s) { return s.handle.set_info("old", "k", vaultry::String("v")); }},

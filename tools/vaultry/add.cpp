@@ -80,7 +80,6 @@ private:
     void CountWhatIsLeftOut() const;
     void AddUnderFreeName();
     bool AddOnce(bool copy);
-    bool Add(bool copy, const TQDictionary *notes);
     bool AddByWhateverWay();
     bool NameIsTaken() const;
     [[noreturn]] void Refuse() const;
@@ -99,7 +98,6 @@ private:
     ProgressBar &bar_;
     const double now_ = PresentTime();
     const Owned<TQDictionary> notes_; // of document and time
-    bool isNoted_ = false;
 
     std::string name_;
     Owned<TQError> error_;      // of the last try
@@ -114,7 +112,7 @@ int Addition::Run()
     AddUnderFreeName();
     bar_.Clear();
     EndWhereInterrupted();
-    const bool isComplete = isNoted_ || WriteInfo();
+    const bool isComplete = store_.HasNotes(name_) || WriteInfo();
     if (isMove_ && copied_ && isComplete) RemoveSource();
     return exitCode_;
 }
@@ -137,26 +135,20 @@ void Addition::CountWhatIsLeftOut() const
     Say(what + (isMove_ ? " no part of what can be copied out again" : " left out"));
 }
 
-bool Addition::Add(bool copy, const TQDictionary *notes)
+// A document that leaves no room for notes in its attributes is kept without; WriteInfo says so.
+bool Addition::AddOnce(bool copy)
 {
     const Owned<TQString> base = MakeString(base_.value_or("")), sizeKey = MakeString(kSizeKey);
     TQAddRequest request{};
     request.size = sizeof request;
+    request.flags = kTQAddInfoIsOptional;
     if (!copy) request.flags |= kTQAddByMoving;
     if (keepsLinks_) request.flags |= kTQAddKeepLinks;
     request.base = copy && base_ ? base.get() : nullptr;
-    request.info = notes;
-    request.sizeKey = notes ? sizeKey.get() : nullptr;
+    request.info = notes_.get();
+    request.sizeKey = sizeKey.get();
     copied_ = copy;
-    isNoted_ = notes != nullptr;
     return TQClientManagedStorageAddWithFlags(store_.handle(), name_.c_str(), path_.c_str(), &request, error_.out());
-}
-
-// A document that leaves no room for notes in its attributes is kept without.
-bool Addition::AddOnce(bool copy)
-{
-    if (Add(copy, notes_.get())) return true;
-    return IsAttributeSpace(error_.get(), store_.path(), path_) && Add(copy, nullptr);
 }
 
 // A document on another file system can't be renamed into the store. Only trying tells, since bind mounts and

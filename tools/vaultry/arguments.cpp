@@ -39,8 +39,8 @@ generation: a write-protected copy. Its name is printed. Files named "._..."
 are left out; FIFOs, sockets and devices can't be kept. Symbolic links are kept
 as links; a document that is itself a link is resolved first. A file of a
 directory that is the same in the document's newest generation shares its room
-with that, by a clone or as a hard link; every byte is compared before. Ctrl-C
-leaves nothing behind.
+with that, as a hard link, after a comparison of every byte, unless it can be
+cloned or the document is moved. Ctrl-C leaves nothing behind.
 
 Examples:
   vaultry add report.txt Photos/         as report-2026-03-01T10-15-30Z.txt, ...

@@ -52,18 +52,38 @@ std::string NewestGenerationOf(const Store &store, const std::string &document, 
                                                     Quoted(document) + (time ? " from that time or before" : ""));
 }
 
+// The newest so far of those that are of the document.
+struct Newest {
+    std::optional<std::string> name = {};
+    double time = 0;
+
+    void Consider(const std::string &document, const std::string &candidate, const GenerationInfo &info)
+    {
+        if (info.document != document || !info.time || (name && *info.time < time)) return;
+        name = candidate;
+        time = *info.time;
+    }
+};
+
 std::optional<std::string> BaseFor(const Store &store, const std::string &document)
 {
-    std::optional<std::string> newest;
-    double newestTime = 0;
-    (void)ForEachRecord(store, [&](const TQDictionary *record) {
+    Newest newest;
+    const bool areRead = ForEachRecord(store, [&](const TQDictionary *record) {
         const auto lookup = [record](const char *key) { return TQDictionaryGetValue(record, MakeString(key).get()); };
-        const GenerationInfo info = ToGenerationInfo(static_cast<const TQDictionary *>(lookup("info")));
-        if (info.document != document || !info.time || (newest && *info.time < newestTime)) return;
-        newest = ToText(static_cast<const TQString *>(lookup("name")));
-        newestTime = *info.time;
+        newest.Consider(document, ToText(static_cast<const TQString *>(lookup("name"))),
+                        ToGenerationInfo(static_cast<const TQDictionary *>(lookup("info"))));
     });
-    return newest;
+    if (areRead) return newest.name;
+    // One that is damaged must not keep the others from being found.
+    newest = {};
+    for (const std::string &name : PeekAtNames(store.path())) {
+        try {
+            newest.Consider(document, name, store.InfoOf(name));
+        } catch (const CommandFailure &) {
+            continue;
+        }
+    }
+    return newest.name;
 }
 
 bool ForEachRecord(const Store &store, const std::function<void(const TQDictionary *record)> &visit)

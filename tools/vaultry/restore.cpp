@@ -10,7 +10,6 @@
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
-#include "space.h"
 #include "text.h"
 #include "times.h"
 
@@ -43,7 +42,6 @@ struct Backup {
     bool isNew = false;              // nothing had that name
     std::optional<std::string> base; // the generation that it shares unchanged files with
     Owned<TQDictionary> notes{};     // of document and time
-    bool isNoted = true;
 };
 
 static std::optional<std::string> _BackupName(const Store &store, const Arguments &arguments,
@@ -82,28 +80,18 @@ static bool _Restore(TQLibrary *library, const std::string &name, const std::str
                           base = MakeString(backup.base.value_or("")), sizeKey = MakeString(kSizeKey);
     TQRestoreRequest request{};
     request.size = sizeof request;
-    request.flags = kTQRestoreKeepLinks;
+    request.flags = kTQRestoreKeepLinks | kTQRestoreInfoIsOptional;
     request.backupName = backup.name ? backupName.get() : nullptr;
     request.backupBase = backup.base ? base.get() : nullptr;
-    request.backupInfo = backup.isNoted ? backup.notes.get() : nullptr;
-    request.backupSizeKey = backup.isNoted ? sizeKey.get() : nullptr;
+    request.backupInfo = backup.notes.get();
+    request.backupSizeKey = sizeKey.get();
     return TQLibraryRestoreGenerationWithFlags(library, MakeString(name).get(), url.get(), &request, error);
 }
 
-// If the document leaves no room for notes in its attributes, the backup is made without. The document is safe by then,
-// so it is only said if they can't be written afterwards either.
-static bool _RestoreOrWithoutNotes(const Store &store, TQLibrary *library, const std::string &name,
-                                   const std::string &document, Backup &backup, Owned<TQError> &error)
-{
-    if (_Restore(library, name, document, backup, error.out())) return true;
-    if (!backup.name || !IsAttributeSpace(error.get(), store.path(), document)) return false;
-    backup.isNoted = false;
-    return _Restore(library, name, document, backup, error.out());
-}
-
+// The document is safe by then, so it is only said if the notes have no room.
 static void _NoteBackup(const Store &store, const Backup &backup)
 {
-    if (!backup.isNoted && !store.SetInfoOf(*backup.name, backup.notes.get(), nullptr))
+    if (!store.HasNotes(*backup.name) && !store.SetInfoOf(*backup.name, backup.notes.get(), nullptr))
         Say("list may not show " + Quoted(*backup.name) + " with its document: that could not be written");
 }
 
@@ -152,7 +140,7 @@ static CopyWatch::Places _StagedFromNowOn(const Store &store)
     };
 }
 
-static void _Replace(const Store &store, const std::string &name, const std::string &document, Backup &backup)
+static void _Replace(const Store &store, const std::string &name, const std::string &document, const Backup &backup)
 {
     const Owned<TQLibrary> library = _OpenLibrary(store);
     const std::string label = Printable(BaseName(document)), source = ProgressBar::AreShown() ? store.PathOf(name) : "";
@@ -162,7 +150,7 @@ static void _Replace(const Store &store, const std::string &name, const std::str
         std::optional<CopyWatch> watch(std::in_place, source, label, _StagedFromNowOn(store));
         AddProgress progress(label, [&] { watch.reset(); });
         const InterruptGuard interrupts(progress.get(), backup.name ? kStopsAtBackup : kReplacesFirst);
-        restored = _RestoreOrWithoutNotes(store, library.get(), name, document, backup, error);
+        restored = _Restore(library.get(), name, document, backup, error.out());
         progress.bar().Clear();
     }
     if (restored) return;

@@ -120,6 +120,15 @@ std::string Store::DisplayNameOf(const std::string &name) const
     return ToText(displayName.get());
 }
 
+bool Store::HasNotes(const std::string &name) const noexcept
+{
+    try {
+        return InfoOf(name).time.has_value();
+    } catch (const CommandFailure &) {
+        return false;
+    }
+}
+
 bool Store::SetInfoOf(const std::string &name, const TQDictionary *notes, TQError **error) const
 {
     return TQClientManagedStorageSetGenerationInfoValues(handle(), name.c_str(), notes, error);

@@ -51,6 +51,8 @@ public:
     Owned<TQDictionary> InfoDictionaryOf(const std::string &name) const;
     GenerationInfo InfoOf(const std::string &name) const { return ToGenerationInfo(InfoDictionaryOf(name).get()); }
     std::string DisplayNameOf(const std::string &name) const;
+    // Whether the notes could be stored when it was added.
+    bool HasNotes(const std::string &name) const noexcept;
     // Writes all of the notes; on failure, none.
     bool SetInfoOf(const std::string &name, const TQDictionary *notes, TQError **error) const;
     // Removes them in order, up to the first that can't be removed; passes over a name without a generation. Takes one
