@@ -197,6 +197,10 @@ public:
         document_.emplace(source_);
         if (!copy_) movedFrom_.emplace(document_->c_str());
         note_ = MakeNote(document_->c_str(), copy_ ? nullptr : &*movedFrom_);
+        // They would take the place of what nobody could give back.
+        if (!copy_ && _HasInfo(request_) && !note_.topInfo.isKnown)
+            return Failure(error_).Refused(kTQStatusInvalidArgument,
+                                           "The info dictionary that \"%s\" brings can't be noted", source_);
         return staging_.Make(store_->rootPath, note_, error_);
     }
 

@@ -70,19 +70,23 @@ bool _HasInfo(const TQAddRequest &request)
     return request.sizeKey || TQDictionaryGetCount(request.info) != 0;
 }
 
-static bool _WriteAll(const char *staged, const TQAddRequest &request, uint64_t size, TQError **error)
+static Ref<TQDictionary> _AllOf(const TQAddRequest &request, uint64_t size)
 {
-    if (!request.sizeKey) return _WriteInfoValues(staged, request.info, error);
-    const auto all = Ref<TQDictionary>::Adopt(request.info ? TQDictionaryCreateMutableCopy(request.info)
-                                                           : TQDictionaryCreateMutable());
+    auto all = Ref<TQDictionary>::Adopt(request.info ? TQDictionaryCreateMutableCopy(request.info)
+                                                     : TQDictionaryCreateMutable());
+    if (!request.sizeKey || !all) return all;
     const auto number = Ref<TQNumber>::Adopt(TQNumberCreateInt64(static_cast<int64_t>(size)));
-    if (!all || !number || !TQDictionarySetValue(all.get(), const_cast<TQString *>(request.sizeKey), number.get()))
-        return Failure(error).Status(kTQStatusFailed, "malloc failed");
-    return _WriteInfoValues(staged, all.get(), error);
+    const bool isSet = number && TQDictionarySetValue(all.get(), const_cast<TQString *>(request.sizeKey), number.get());
+    return isSet ? std::move(all) : nullptr;
 }
 
 bool _WriteInfoOf(const char *staged, const TQAddRequest &request, uint64_t size, TQError **error)
 {
-    const bool isOptional = (request.flags & kTQAddInfoIsOptional) != 0;
-    return !_HasInfo(request) || _WriteAll(staged, request, size, isOptional ? nullptr : error) || isOptional;
+    if (!_HasInfo(request)) return true;
+    const Ref<TQDictionary> all = _AllOf(request, size);
+    if (!all) return Failure(error).Status(kTQStatusFailed, "malloc failed");
+    if ((request.flags & kTQAddInfoIsOptional) == 0) return _WriteInfoValues(staged, all.get(), error);
+    // What the document brought under these keys tells of another generation.
+    return _WriteInfoValues(staged, all.get(), nullptr) || _RemoveInfoValues(staged, all.get(), nullptr) ||
+           _WriteProtectedAttribute(staged, kInfoAttribute, nullptr, 0, error);
 }

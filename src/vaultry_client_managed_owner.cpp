@@ -25,7 +25,7 @@ constexpr char kFirstLine[] = "vaultry owner 1\n", kExchangeLine[] = "exchange\n
 // A path may hold any byte except zero, so its length stands before it. A restore notes its exchange when its copy is
 // staged. It notes it again when the copy has to be copied across, when the volume can't exchange, and when its way
 // back fails.
-constexpr size_t kNoteCapacity = size_t{8} * PATH_MAX;
+constexpr size_t kNoteCapacity = size_t{7} * PATH_MAX;
 constexpr size_t kWordsCapacity = 1024; // the words and numbers of one part
 constexpr size_t kMostExchanges = 4;
 static_assert(PATH_MAX + kWordsCapacity + sizeof(BroughtInfo) + sizeof(BroughtName) +
@@ -132,8 +132,8 @@ public:
     template <size_t capacity> bool TakeAttribute(const char *key, BroughtAttribute<capacity> *brought)
     {
         uint64_t count = 0, length = 0;
-        if (!IsAt(key) || at_[strlen(key)] != ' ') return true;
-        if (!TakeNumbers(key, &count, &length) || count > 1 || length > capacity ||
+        if (!IsAt(key)) return true;
+        if (!TakeNumbers(key, &count, &length) || count > 1 || length > (count == 0 ? 0 : capacity) ||
             static_cast<uint64_t>(end_ - at_) <= length || at_[length] != '\n')
             return false;
         memcpy(brought->bytes, at_, length);

@@ -11,6 +11,7 @@
 struct TreeRemoval {
     bool keepRoot = false;      // a root directory stays
     bool keepsShared = false;   // no flag is taken from a file with several links, which may be that of a generation
+    bool isNested = false;      // a part of another removal: nothing in it may turn out to be of another kind
     const char *last = nullptr; // an entry directly below the root that goes when all else has gone
     // What the root must be (device and inode), else ESTALE. Null: whatever is there.
     const TQFileStatus *expected = nullptr;

@@ -96,7 +96,8 @@ private:
     bool MayTakeFlags(const TQFileStatus &status) const;
     bool RemoveFile(const Item &item);
     bool RemoveBlocked(const Item &item, const TQFileStatus &status);
-    bool RemoveTree(const Item &item);
+    bool MayRemoveInside(const TQFileStatus &status) const;
+    bool RemoveTree(const Item &item, const TQFileStatus &status);
     bool RemoveDirectory(const Entry &entry);
     bool RemoveLast(const Entry &root);
     bool Unlink(const Item &item, int unlinkFlags);
@@ -111,6 +112,8 @@ private:
     TQError **error_;
     TreeWalk walk_;
     bool begun_ = false;
+    bool isAtRoot_ = false;
+    uint64_t rootDevice_ = 0;
 };
 
 // Notes that the tree is no longer whole, whoever removed a part of it.
@@ -158,18 +161,25 @@ bool Removal::RemoveFile(const Item &item)
     TQFileStatus status;
     const bool isKnown = (why == EPERM || why == EISDIR) && platform::GetStatus(item, Links::NoFollow, &status) == 0;
     if (!isKnown && errno == ENOENT) return HasGone();
-    if (isKnown && S_ISDIR(status.mode)) return RemoveTree(item);
+    if (isKnown && MayRemoveInside(status)) return RemoveTree(item, status);
     if (isKnown && MayTakeFlags(status)) return RemoveBlocked(item, status);
     if (isKnown && !IsBlocked(status)) return Unlink(item, 0); // others may have taken the flag meanwhile
     errno = why;
     return FailedToUnlink(item);
 }
 
-// For a directory that was told as a file, or has taken a file's place since.
-bool Removal::RemoveTree(const Item &item)
+// Whether an item was told as a file, and is a directory that may go too. The root must be what it was, and what is
+// mounted on an item stays.
+bool Removal::MayRemoveInside(const TQFileStatus &status) const
+{
+    return S_ISDIR(status.mode) && !isAtRoot_ && !how_.isNested && !status.isMountRoot && status.device == rootDevice_;
+}
+
+bool Removal::RemoveTree(const Item &item, const TQFileStatus &status)
 {
     bool begun = false;
-    const bool isRemoved = _RemoveTreeAt(item, {.keepsShared = how_.keepsShared, .begun = &begun}, error_);
+    const bool isRemoved = _RemoveTreeAt(
+        item, {.keepsShared = how_.keepsShared, .isNested = true, .expected = &status, .begun = &begun}, error_);
     if (begun) HasGone();
     return isRemoved;
 }
@@ -199,7 +209,9 @@ bool Removal::RemoveLast(const Entry &root)
 {
     char path[TreeWalk::kPathLimit];
     (void)snprintf(path, sizeof path, "%s/%s", root.item.path, how_.last);
-    return RemoveFile({root.fd, how_.last, path});
+    const Item item{root.fd, how_.last, path};
+    TQFileStatus status;
+    return (platform::GetStatus(item, Links::NoFollow, &status) != 0 && errno == ENOENT) || RemoveFile(item);
 }
 
 bool Removal::RemoveDirectory(const Entry &entry)
@@ -212,6 +224,8 @@ bool Removal::RemoveDirectory(const Entry &entry)
 
 bool Removal::Remove(const Entry &entry)
 {
+    isAtRoot_ = entry.level == 0;
+    if (isAtRoot_ && entry.hasStatus) rootDevice_ = entry.status.device;
     if (entry.level == 0 && entry.hasStatus && how_.expected &&
         ItemId::Of(entry.status) != ItemId::Of(*how_.expected)) {
         errno = ESTALE;

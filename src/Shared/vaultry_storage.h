@@ -59,6 +59,7 @@ TQString *_CopyDisplayNameOf(const Item &item, TQError **error);
 bool _WriteProtectedAttribute(const char *path, const char *name, const void *value, size_t size, TQError **error);
 bool _WriteGenerationOptions(const char *path, uint64_t options, TQError **error);
 bool _WriteInfoValues(const char *path, const TQDictionary *values, TQError **error);
+bool _RemoveInfoValues(const char *path, const TQDictionary *values, TQError **error); // those with these keys
 
 // Which attributes with the store's own names an item has, or may have.
 struct BroughtMetadata {
@@ -164,7 +165,7 @@ template <size_t capacity> struct BroughtAttribute {
     size_t length = 0;
     char bytes[capacity];
 };
-using BroughtInfo = BroughtAttribute<8192>; // twice what ext4 can hold
+using BroughtInfo = BroughtAttribute<4096>; // what ext4 can hold
 using BroughtName = BroughtAttribute<1024>;
 
 // What an add by moving knew of its document before it took it.

@@ -89,11 +89,13 @@ bool RecordPermissions(int fd, const ArchivedItem &archived, TQError **error)
     const uint8_t saved = archived.record.value_or(own);
     const auto write = archived.replaceRecord ? platform::SetAttributeOfFd : platform::AddAttributeOfFd;
     const auto isWritten = [&] { return write(fd, kSavedPermissionsAttribute, &saved, sizeof saved) == 0; };
+    if (isWritten()) return true;
+    const int refused = errno;
     // The mode of a new file may have been assumed, and another thread have changed the process's umask.
-    if (isWritten() || (errno == EACCES && fchmod(fd, LiftedMode(archived.before)) == 0 && isWritten())) return true;
+    const bool mayBeWrong = archived.modeNow && refused == EACCES;
+    if (mayBeWrong && fchmod(fd, LiftedMode(archived.before)) == 0 && isWritten()) return true;
     // A byte that is there already stays: it says what the document had when it was first archived. The refusal may
     // also be of a full volume, which asks for room before it looks for the byte.
-    const int refused = errno;
     if (!archived.replaceRecord && _FDHasAttribute(fd, kSavedPermissionsAttribute)) return true;
     errno = refused;
     return Failure(error).Errno("failed to save original permissions for \"%s\"", archived.item.path);

@@ -161,3 +161,16 @@ bool _WriteInfoValues(const char *path, const TQDictionary *values, TQError **er
     if (!allSet) return Failure(error).Status(kTQStatusFailed, "malloc failed");
     return WriteInfoDictionary(path, info.get(), error);
 }
+
+bool _RemoveInfoValues(const char *path, const TQDictionary *values, TQError **error)
+{
+    const size_t count = TQDictionaryGetCount(values);
+    const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(path, error));
+    const std::unique_ptr<TQValue *[]> keys(new (std::nothrow) TQValue *[count]);
+    if (!info) return false;
+    if (!keys) return Failure(error).Status(kTQStatusFailed, "malloc failed");
+    TQDictionaryGetKeysAndValues(values, keys.get(), nullptr);
+    bool anyRemoved = false;
+    for (size_t i = 0; i < count; ++i) anyRemoved |= TQDictionaryRemoveValue(info.get(), keys[i]);
+    return !anyRemoved || WriteInfoDictionary(path, info.get(), error);
+}

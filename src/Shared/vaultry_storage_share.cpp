@@ -27,7 +27,7 @@ bool HasSameStatus(const TQFileStatus &document, const TQFileStatus &stored)
     constexpr uint32_t kNotStored = kTQFlagCompressed | kTQFlagTracked;
     return S_ISREG(stored.mode) && (stored.mode & 07777) == (document.mode & 07777 & ~kWriteBits) &&
            stored.owner == document.owner && stored.group == document.group && stored.size == document.size &&
-           HasHoles(stored) == HasHoles(document) && ((stored.flags | document.flags) & kBlockingFlags) == 0 &&
+           (HasHoles(stored) || !HasHoles(document)) && ((stored.flags | document.flags) & kBlockingFlags) == 0 &&
            stored.flags == (document.flags & ~kNotStored) &&
            platform::IsSameTime(stored.modificationTime, document.modificationTime);
 }

@@ -76,12 +76,17 @@ std::optional<std::string> BaseFor(const Store &store, const std::string &docume
     if (areRead) return newest.name;
     // One that is damaged must not keep the others from being found.
     newest = {};
-    for (const std::string &name : PeekAtNames(store.path())) {
+    const auto consider = [&](const std::string &name) {
         try {
             newest.Consider(document, name, store.InfoOf(name));
         } catch (const CommandFailure &) {
-            continue;
+            return; // the check names it
         }
+    };
+    try {
+        for (const std::string &name : PeekAtNames(store.path())) consider(name);
+    } catch (const CommandFailure &) {
+        return std::nullopt; // adding says what is wrong with the store
     }
     return newest.name;
 }
