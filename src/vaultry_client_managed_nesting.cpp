@@ -65,6 +65,16 @@ Answer IsStoreAmong(UniqueFd directory)
 
 } // namespace
 
+bool TQClientManagedStorageIsStore(const char *rootPath, TQError **error)
+{
+    const ErrnoKeeper keeper;
+    const UniqueFd root(open(rootPath ? rootPath : "", kPointing));
+    if (!root && (errno == ENOENT || errno == ENOTDIR)) return false;
+    const Answer isStore = root ? IsStore(root.get()) : Answer::Unknown;
+    if (isStore != Answer::Unknown) return isStore == Answer::Yes;
+    return Failure(error).Errno("Failed to look for a store at \"%s\"", rootPath);
+}
+
 bool _RequireOutsideStores(const char *path, TQError **error)
 {
     const ErrnoKeeper keeper;

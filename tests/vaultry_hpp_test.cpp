@@ -44,6 +44,8 @@ TEST(StoreInCpp, DoesWhatTheFunctionsDo)
 {
     TestStore test(TestStore::Document::File);
     const std::string document = test.document(), before = disk::Read(document);
+    EXPECT_TRUE(*Store::is_one(test.root()) && !*Store::is_one(test.path()) && !*Store::is_one(document));
+    EXPECT_FALSE(Store::is_one(std::string(5000, 'x')));
     const Store store = *Store::open(test.root()), same = store;
     ASSERT_TRUE(store.add("1.txt", document, 6) && same.add("2", document) && store.set_display_name("1.txt", "One") &&
                 store.set_info("1.txt", Dictionary::of({{document_key, Data(document)}, {"x", 0}})) &&

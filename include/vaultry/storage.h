@@ -32,6 +32,13 @@ TQ_BEGIN_DECLS
 
 typedef struct TQClientManagedStorage TQClientManagedStorage;
 
+/// Whether a directory is a store: whether it has a lock file and a staging area. Makes nothing and takes no lock.
+/// Where a store lies on a volume of its own, a client that asks first makes no other one while that is not mounted.
+///
+/// @return false without an error if there is nothing, something else, or only a part of a store; false with an error
+///         if that can't be told. A store that a later version made is one, too.
+TQ_EXPORT bool TQClientManagedStorageIsStore(const char *rootPath, TQError **error);
+
 /// Makes an existing directory a store, or opens the store that it is. The directory loses its write
 /// bits; a store that stands whole is opened without any change.
 ///
@@ -57,7 +64,7 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 enum {
     kTQAddByMoving = 0x1,       ///< moves the document into the store instead
     kTQAddKeepLinks = 0x2,      ///< keeps symbolic links below the top as links; without it, they are refused
-    kTQAddInfoIsOptional = 0x4, ///< if the info values can't be stored, the generation is added without them
+    kTQAddInfoIsOptional = 0x4, ///< if the info values can't be stored, whatever the reason, it is added without them
 };
 
 /// What TQClientManagedStorageAddWithFlags is asked for. A later version may have more members. A client that sets all
@@ -67,15 +74,15 @@ typedef struct TQAddRequest {
     uint64_t flags;   ///< kTQAdd… bits
     uint64_t options; ///< stored with the generation; read back as 1 if none of the bits 0x1e is set
 
-    /// May be null; else the name of a generation with which unchanged files are shared. If that has a file like
-    /// one below the document's top, at the same path, the new generation gets a hard link to the stored file,
-    /// which takes no room of its own. Every byte of both is compared. Mode, owner, group, flags, time of
-    /// modification, attributes, access list and whether there are holes must be the same too. A file that can be
-    /// cloned from the document is cloned, and nothing is compared. If there is no such generation, everything is
-    /// copied. Not for a document that is moved.
+    /// May be null; else the name of a generation with which unchanged files are shared. A file below the
+    /// document's top that is the same as that generation's file at the same path becomes a hard link to it, which
+    /// takes no room of its own. Every byte of both is compared, and so are mode, owner, group, flags, time of
+    /// modification, attributes and access list. A file that can be cloned from the document is cloned, and nothing
+    /// is compared. If there is no such generation, everything is copied. Not for a document that is moved.
     const TQString *base;
 
-    /// May be null; else strings mapped to values that the info dictionary gets before the generation appears.
+    /// May be null; else strings mapped to values that the info dictionary gets before the generation appears. If they
+    /// are left out, so is what the document brought under these keys.
     const TQDictionary *info;
 
     /// May be null; else the key of one more such value: how many bytes the generation's files have, as

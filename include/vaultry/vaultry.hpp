@@ -736,6 +736,15 @@ public:
 /// A store. Copies are the same store; any thread may use any of them, and the store's lock orders what they do.
 class Store {
 public:
+    /// Whether the directory is a store; nothing is made.
+    static Result<bool> is_one(const std::filesystem::path &directory)
+    {
+        TQError *error = nullptr;
+        const bool is_store = TQClientManagedStorageIsStore(detail::path(directory).c_str(), &error);
+        if (error) return detail::taken(error);
+        return is_store;
+    }
+
     /// Opens the store in an existing directory, or makes the directory one.
     static Result<Store> open(const std::filesystem::path &directory)
     {

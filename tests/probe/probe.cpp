@@ -376,6 +376,11 @@ const std::map<std::string, Function> kFunctions = {
      }},
     // --- a store
     {"make-store", OnStore([](const TQClientManagedStorage *, const Words &, TQError **) { return true; })},
+    {"is-store",
+     [](const Words &w, TQError **error) {
+         const bool isStore = TQClientManagedStorageIsStore(w[0], error);
+         return !*error && Say(isStore ? "yes" : "no");
+     }},
     {"keep", // NAME DOCUMENT [OPTIONS] [move]
      OnStore([](const TQClientManagedStorage *store, const Words &w, TQError **error) {
          const uint64_t options = w[2] && isdigit(*w[2]) ? std::stoull(w[2], nullptr, 0) : 0;

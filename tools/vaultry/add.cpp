@@ -112,7 +112,7 @@ int Addition::Run()
     AddUnderFreeName();
     bar_.Clear();
     EndWhereInterrupted();
-    const bool isComplete = store_.HasNotes(name_) || WriteInfo();
+    const bool isComplete = store_.HasNotes(name_, notes_.get()) || WriteInfo();
     if (isMove_ && copied_ && isComplete) RemoveSource();
     return exitCode_;
 }
@@ -305,7 +305,9 @@ static int _AddDocument(const Store &store, const std::string &given, const Argu
 int RunAdd(const Arguments &arguments)
 {
     if (arguments.newName) CheckGenerationName("--name", *arguments.newName);
-    const Store store = Store::OpenOrMake(LocateStore(arguments.store));
+    const std::string place = LocateStore(arguments.store);
+    // Where a named store is missing, its volume may not be mounted, and another store must not hide there.
+    const Store store = IsStoreNamed(arguments.store) ? Store::RequireMade(place) : Store::OpenOrMake(place);
     int exitCode = kExitSuccess;
     for (const std::string &document : arguments.documents) {
         int one = kExitSuccess;

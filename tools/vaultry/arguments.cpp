@@ -16,8 +16,8 @@ static constexpr char kDescription[] =
 
 static constexpr char kFooter[] = R"(
 The store is the directory that --store names, else $VAULTRY_STORE, else
-$XDG_DATA_HOME/vaultry/store (~/.local/share/vaultry/store). It is made when
-the first document is added.
+$XDG_DATA_HOME/vaultry/store (~/.local/share/vaultry/store). Only this last one
+is made when the first document is added; "vaultry init" makes any.
 
 Exit status:
   0  done                     4  something of that name exists

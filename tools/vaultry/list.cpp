@@ -173,7 +173,8 @@ int RunList(const Arguments &arguments)
     const Filter filter(arguments);
     const std::optional<Store> store = Store::OpenExisting(path);
     if (!store) {
-        Say("there is no store at " + Quoted(path) + " yet: add or init makes one");
+        Say("there is no store at " + Quoted(path) +
+            " yet: " + (IsStoreNamed(arguments.store) ? "init makes one" : "add or init makes one"));
         return kExitSuccess;
     }
 

@@ -55,6 +55,11 @@ std::string LocateStore(const std::optional<std::string> &given)
     return resolved ? resolved.get() : path;
 }
 
+bool IsStoreNamed(const std::optional<std::string> &given)
+{
+    return given || !_Environment("VAULTRY_STORE").empty();
+}
+
 // Calls `visit` with every name except "." and ".." until it returns false.
 template <class Visit> static void _EachName(const std::string &path, Visit visit)
 {

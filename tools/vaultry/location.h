@@ -12,6 +12,9 @@
 // links are resolved, since the library does not accept a link as a store.
 std::string LocateStore(const std::optional<std::string> &given);
 
+// Whether the user has said where it is.
+bool IsStoreNamed(const std::optional<std::string> &given);
+
 enum class PlaceKind {
     Missing,
     Free,    // an empty directory, or one in which making a store was cut short

@@ -91,7 +91,8 @@ static bool _Restore(TQLibrary *library, const std::string &name, const std::str
 // The document is safe by then, so it is only said if the notes have no room.
 static void _NoteBackup(const Store &store, const Backup &backup)
 {
-    if (!store.HasNotes(*backup.name) && !store.SetInfoOf(*backup.name, backup.notes.get(), nullptr))
+    if (!store.HasNotes(*backup.name, backup.notes.get()) &&
+        !store.SetInfoOf(*backup.name, backup.notes.get(), nullptr))
         Say("list may not show " + Quoted(*backup.name) + " with its document: that could not be written");
 }
 

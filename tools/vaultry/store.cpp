@@ -79,6 +79,14 @@ bool Store::Lacks(const std::string &name) const noexcept
     }
 }
 
+Store Store::RequireMade(const std::string &path)
+{
+    std::optional<Store> store = OpenExisting(path);
+    if (store) return std::move(*store);
+    throw CommandFailure(kExitNoSuchGeneration, "there is no store at " + Quoted(path) +
+                                                    ": mount its volume, or make one by \"vaultry init\"");
+}
+
 void Store::Remove(const std::vector<std::string> &names) const
 {
     const Owned<TQArray> array(TQArrayCreateMutable());
@@ -120,11 +128,12 @@ std::string Store::DisplayNameOf(const std::string &name) const
     return ToText(displayName.get());
 }
 
-bool Store::HasNotes(const std::string &name) const noexcept
+bool Store::HasNotes(const std::string &name, const TQDictionary *notes) const noexcept
 {
     try {
-        return InfoOf(name).time.has_value();
-    } catch (const CommandFailure &) {
+        const GenerationInfo found = InfoOf(name), wanted = ToGenerationInfo(notes);
+        return found.document == wanted.document && found.time == wanted.time;
+    } catch (const std::exception &) {
         return false;
     }
 }

@@ -36,6 +36,8 @@ public:
     static std::optional<Store> OpenExisting(const std::string &path);
     // The same, but throws if there is no store: for a caller that wants a generation.
     static Store Require(const std::string &path);
+    // The same for a caller that would make one, had the user not said where it is.
+    static Store RequireMade(const std::string &path);
 
     const std::string &path() const { return path_; }
     const TQClientManagedStorage *handle() const { return handle_.get(); }
@@ -51,8 +53,8 @@ public:
     Owned<TQDictionary> InfoDictionaryOf(const std::string &name) const;
     GenerationInfo InfoOf(const std::string &name) const { return ToGenerationInfo(InfoDictionaryOf(name).get()); }
     std::string DisplayNameOf(const std::string &name) const;
-    // Whether the notes could be stored when it was added.
-    bool HasNotes(const std::string &name) const noexcept;
+    // Whether these notes could be stored when it was added. The document may have brought others.
+    bool HasNotes(const std::string &name, const TQDictionary *notes) const noexcept;
     // Writes all of the notes; on failure, none.
     bool SetInfoOf(const std::string &name, const TQDictionary *notes, TQError **error) const;
     // Removes them in order, up to the first that can't be removed; passes over a name without a generation. Takes one
