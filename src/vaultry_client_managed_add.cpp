@@ -198,9 +198,9 @@ public:
         if (!copy_) movedFrom_.emplace(document_->c_str());
         note_ = MakeNote(document_->c_str(), copy_ ? nullptr : &*movedFrom_);
         // They would take the place of what nobody could give back.
-        if (!copy_ && _HasInfo(request_) && !note_.topInfo.isKnown)
+        if (!copy_ && _HasInfo(request_) && note_.topInfo.isTooLong)
             return Failure(error_).Refused(kTQStatusInvalidArgument,
-                                           "The info dictionary that \"%s\" brings can't be noted", source_);
+                                           "The info dictionary that \"%s\" brings is too long to be noted", source_);
         return staging_.Make(store_->rootPath, note_, error_);
     }
 

@@ -30,6 +30,7 @@ static void _Read(const Item &document, const char *name, BroughtAttribute<capac
     const ssize_t length = platform::GetAttribute(document, Links::NoFollow, name, brought->bytes, capacity);
     brought->isThere = length >= 0;
     brought->isKnown = brought->isThere || _HasNone(errno);
+    brought->isTooLong = !brought->isThere && errno == ERANGE;
     brought->length = brought->isThere ? static_cast<size_t>(length) : 0;
 }
 

@@ -82,7 +82,8 @@ typedef struct TQAddRequest {
     const TQString *base;
 
     /// May be null; else strings mapped to values that the info dictionary gets before the generation appears. If they
-    /// are left out, so is what the document brought under these keys.
+    /// are left out, so is what the document brought under these keys. A document that is moved may bring at most 4 KiB
+    /// of such a dictionary (kTQStatusInvalidArgument).
     const TQDictionary *info;
 
     /// May be null; else the key of one more such value: how many bytes the generation's files have, as

@@ -161,7 +161,7 @@ struct BroughtOptions {
 
 // The same of an attribute with one of the store's names. One that is longer is not known.
 template <size_t capacity> struct BroughtAttribute {
-    bool isKnown = false, isThere = false;
+    bool isKnown = false, isThere = false, isTooLong = false;
     size_t length = 0;
     char bytes[capacity];
 };
