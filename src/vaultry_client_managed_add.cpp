@@ -179,6 +179,13 @@ bool TakeRequest(const TQAddRequest *given, TQAddRequest *request, TQError **err
            Failure(error).Refused(kTQStatusInvalidArgument, "A document that is moved shares no files");
 }
 
+// Whether an item may be renamed into the store; if not, the rename says so.
+bool IsOnVolumeOf(const char *root, const ItemId &item)
+{
+    TQFileStatus status;
+    return platform::GetStatus(Item::AtPath(root), Links::Follow, &status) == 0 && status.device == item.device;
+}
+
 // One add, step by step. Everything slow is done without the store's lock, so nobody waits for it.
 class Adding {
 public:
@@ -198,7 +205,7 @@ public:
         if (!copy_) movedFrom_.emplace(document_->c_str());
         note_ = MakeNote(document_->c_str(), copy_ ? nullptr : &*movedFrom_);
         // They would take the place of what nobody could give back.
-        if (!copy_ && _HasInfo(request_) && note_.topInfo.isTooLong)
+        if (!copy_ && _HasInfo(request_) && note_.topInfo.isTooLong && IsOnVolumeOf(store_->rootPath, note_.top))
             return Failure(error_).Refused(kTQStatusInvalidArgument,
                                            "The info dictionary that \"%s\" brings is too long to be noted", source_);
         return staging_.Make(store_->rootPath, note_, error_);

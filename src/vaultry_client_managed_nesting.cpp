@@ -67,11 +67,14 @@ Answer IsStoreAmong(UniqueFd directory)
 
 bool TQClientManagedStorageIsStore(const char *rootPath, TQError **error)
 {
+    if (!rootPath || rootPath[0] == '\0') return Failure(error).Refused(kTQStatusBadPath, "no path was supplied");
     const ErrnoKeeper keeper;
-    const UniqueFd root(open(rootPath ? rootPath : "", kPointing));
-    if (!root && (errno == ENOENT || errno == ENOTDIR)) return false;
-    const Answer isStore = root ? IsStore(root.get()) : Answer::Unknown;
-    if (isStore != Answer::Unknown) return isStore == Answer::Yes;
+    const UniqueFd root(open(rootPath, kPointing | O_NOFOLLOW));
+    TQFileStatus lockFile, staging;
+    if (root && platform::GetStatus({root.get(), kLockFileName, rootPath}, Links::NoFollow, &lockFile) == 0 &&
+        platform::GetStatus({root.get(), kStagingName, rootPath}, Links::NoFollow, &staging) == 0)
+        return S_ISREG(lockFile.mode) && S_ISDIR(staging.mode);
+    if (errno == ENOENT || errno == ENOTDIR) return false;
     return Failure(error).Errno("Failed to look for a store at \"%s\"", rootPath);
 }
 

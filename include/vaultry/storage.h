@@ -64,7 +64,7 @@ TQ_EXPORT bool TQClientManagedStorageDestroy(const char *rootPath, TQError **err
 enum {
     kTQAddByMoving = 0x1,       ///< moves the document into the store instead
     kTQAddKeepLinks = 0x2,      ///< keeps symbolic links below the top as links; without it, they are refused
-    kTQAddInfoIsOptional = 0x4, ///< if the info values can't be stored, whatever the reason, it is added without them
+    kTQAddInfoIsOptional = 0x4, ///< adds the document without the info values if they can't be stored
 };
 
 /// What TQClientManagedStorageAddWithFlags is asked for. A later version may have more members. A client that sets all
@@ -77,13 +77,13 @@ typedef struct TQAddRequest {
     /// May be null; else the name of a generation with which unchanged files are shared. A file below the
     /// document's top that is the same as that generation's file at the same path becomes a hard link to it, which
     /// takes no room of its own. Every byte of both is compared, and so are mode, owner, group, flags, time of
-    /// modification, attributes and access list. A file that can be cloned from the document is cloned, and nothing
-    /// is compared. If there is no such generation, everything is copied. Not for a document that is moved.
+    /// modification, attributes and access list; a file with holes is shared only with one that has some. A file
+    /// that can be cloned from the document is cloned, and nothing is compared. If there is no such generation,
+    /// everything is copied. Not for a document that is moved.
     const TQString *base;
 
     /// May be null; else strings mapped to values that the info dictionary gets before the generation appears. If they
-    /// are left out, so is what the document brought under these keys. A document that is moved may bring at most 4 KiB
-    /// of such a dictionary (kTQStatusInvalidArgument).
+    /// are left out, so is what the document brought under these keys, or all of its dictionary.
     const TQDictionary *info;
 
     /// May be null; else the key of one more such value: how many bytes the generation's files have, as
@@ -127,7 +127,8 @@ TQ_EXPORT bool TQClientManagedStorageAdd(const TQClientManagedStorage *store, co
 ///         brings the others back with their times and, where that is allowed, their owner. Info values that can't be
 ///         stored are a failure, too. And nothing is done:
 ///         kTQStatusInvalidArgument  there is no request, or it is too small; the name of its base is not a generation
-///                                   name, or it has a base and the flag kTQAddByMoving
+///                                   name, or it has a base and the flag kTQAddByMoving; it has values for a
+///                                   document that is moved and brings an info dictionary of more than 4 KiB
 ///         kTQStatusNotSupported     it asks for something that this version does not know
 TQ_EXPORT bool TQClientManagedStorageAddWithFlags(const TQClientManagedStorage *store, const char *name,
                                                   const char *source, const TQAddRequest *request, TQError **error);

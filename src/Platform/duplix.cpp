@@ -180,7 +180,7 @@ bool TreeCopy::FinishDirectory(const Entry &entry)
         CopiedMode mode;
         const Copied result = CopyMetadata({entry.fd, entry.status, copy, made, tree_.isRoot(), leavesMode_},
                                            attributes_, reports_, &mode);
-        const DuplixFinished finished{entry.fd, copy, made, mode.mode, mode.isDue, mode.isForList};
+        const DuplixFinished finished{entry.fd, copy, made, mode.mode, mode.isDue, mode.isListLost};
         goOn = result == Copied::Yes ? reports_.Finish(duplix_what::DirectoryDone, &finished) &&
                                            (IsKept(copy) || reports_.Error(duplix_what::DirectoryDone))
                                      : GoOn(result, duplix_what::DirectoryDone);
@@ -283,7 +283,7 @@ Copied TreeCopy::CopyOpened(const Entry &entry, int from, const TQFileStatus &so
     const Copied result =
         _CopyOpenFile({from, source, to.get(), made, tree_.isRoot(), leavesMode_}, data_, attributes_, reports_, &mode);
     if (result != Copied::Yes) return result;
-    const DuplixFinished finished{from, to.get(), made, mode.mode, mode.isDue, mode.isForList};
+    const DuplixFinished finished{from, to.get(), made, mode.mode, mode.isDue, mode.isListLost};
     if (!reports_.Finish(duplix_what::File, &finished)) return Copied::Stopped;
     if (tree_.isRoot() && file_) {
         if (!IsKept(to.get())) return Copied::No;

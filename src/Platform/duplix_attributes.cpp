@@ -115,7 +115,7 @@ bool AttributeCopier::CopyAccessList(const CopiedItem &item, CopiedLists *lists)
     if (!IsListForgiven(errno)) return false;
     // The mode's group bits were the list's mask. Without the list they would grant that to the whole group.
     lists->denied = DeniedByList(value_.get(), size);
-    lists->isLost = true;
+    lists->isListLost = true;
     return !item.mayHaveInherited || _RemoveInherited(item.to, kAccessList);
 }
 

@@ -78,7 +78,7 @@ static CopiedMode _ModeOf(const CopiedItem &item, const Ownership &owner, const 
     mode &= ~lists.denied;
     // The mode of an item that nobody looked at is only assumed: another thread may have changed the umask.
     const bool isKnown = item.made.inode != 0 && !owner.changed && !lists.touched;
-    return {mode, !isKnown || mode != (item.made.mode & 07777), lists.isLost};
+    return {mode, !isKnown || mode != (item.made.mode & 07777), lists.isListLost};
 }
 
 static bool _CopyMode(const CopiedItem &item, CopiedMode *mode)

@@ -25,16 +25,16 @@ struct CopiedItem {
 };
 
 struct CopiedMode {
-    mode_t mode = 0;        // what the copy is to have
-    bool isDue = false;     // whether it is still to be set
-    bool isForList = false; // whether it stands for an access list that the volume could not hold
+    mode_t mode = 0;         // what the copy is to have
+    bool isDue = false;      // whether it is still to be set
+    bool isListLost = false; // whether it stands for an access list that the volume could not hold
 };
 
 // What copying the access lists means for the mode.
 struct CopiedLists {
-    bool touched = false; // an access list was set: the mode's group bits are no longer what they were
-    mode_t denied = 0;    // what the mode may not grant
-    bool isLost = false;  // the volume could not hold the access list
+    bool touched = false;    // an access list was set: the mode's group bits are no longer what they were
+    mode_t denied = 0;       // what the mode may not grant
+    bool isListLost = false; // the volume could not hold the access list
 };
 
 // `user.` attributes, access-control lists, and as root the capability. Keeps its buffers from item to item.

@@ -162,8 +162,9 @@ bool Removal::RemoveFile(const Item &item)
     const bool isKnown = (why == EPERM || why == EISDIR) && platform::GetStatus(item, Links::NoFollow, &status) == 0;
     if (!isKnown && errno == ENOENT) return HasGone();
     if (isKnown && MayRemoveInside(status)) return RemoveTree(item, status);
-    if (isKnown && MayTakeFlags(status)) return RemoveBlocked(item, status);
-    if (isKnown && !IsBlocked(status)) return Unlink(item, 0); // others may have taken the flag meanwhile
+    const bool isFile = isKnown && !S_ISDIR(status.mode);
+    if (isFile && MayTakeFlags(status)) return RemoveBlocked(item, status);
+    if (isFile && !IsBlocked(status)) return Unlink(item, 0); // others may have taken the flag meanwhile
     errno = why;
     return FailedToUnlink(item);
 }
@@ -180,7 +181,7 @@ bool Removal::RemoveTree(const Item &item, const TQFileStatus &status)
     bool begun = false;
     const bool isRemoved = _RemoveTreeAt(
         item, {.keepsShared = how_.keepsShared, .isNested = true, .expected = &status, .begun = &begun}, error_);
-    if (begun) HasGone();
+    if (begun || isRemoved) HasGone();
     return isRemoved;
 }
 

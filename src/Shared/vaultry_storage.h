@@ -159,13 +159,13 @@ struct BroughtOptions {
     uint64_t word = 0;
 };
 
-// The same of an attribute with one of the store's names. One that is longer is not known.
+// The same of an attribute with one of the store's names. One that is longer is not known, and isTooLong.
 template <size_t capacity> struct BroughtAttribute {
     bool isKnown = false, isThere = false, isTooLong = false;
     size_t length = 0;
     char bytes[capacity];
 };
-using BroughtInfo = BroughtAttribute<4096>; // what ext4 can hold
+using BroughtInfo = BroughtAttribute<4096>; // what ext4 holds as it is usually made
 using BroughtName = BroughtAttribute<1024>;
 
 // What an add by moving knew of its document before it took it.

@@ -60,17 +60,18 @@ void ReportCompleted(TQProgress *progress, uint64_t bytes)
 
 // What a copied item that comes from another store's generation had before it was archived there; none if its record
 // can't be believed. An item with a write bit was changed since. A record never gives write access to a class that may
-// not read, nor a flag that the adding process could not set: the copy-out would fail.
-std::optional<uint8_t> BroughtRecord(int item, const TQFileStatus &source, TQAddContext &context)
+// not read, nor a flag that the adding process could not set: the copy-out would fail. `mode` is that of the copy. That
+// may have lost the access list.
+std::optional<uint8_t> BroughtRecord(int item, const TQFileStatus &source, mode_t mode, TQAddContext &context)
 {
     uint8_t record[2];
     const ssize_t length = platform::GetAttributeOfFd(item, kSavedPermissionsAttribute, record, sizeof record);
     if (length != 1 || (record[0] & ~kSavedBits) != 0 || (source.mode & kWriteBits) != 0) return std::nullopt;
     if (!context.mayBlock) context.mayBlock = platform::MaySetBlockingFlags();
     uint8_t readable = *context.mayBlock ? kSavedImmutable | kSavedAppend : 0;
-    if ((source.mode & S_IRUSR) != 0) readable |= kSavedOwnerWrite;
-    if ((source.mode & S_IRGRP) != 0) readable |= kSavedGroupWrite;
-    if ((source.mode & S_IROTH) != 0) readable |= kSavedOtherWrite;
+    if ((mode & S_IRUSR) != 0) readable |= kSavedOwnerWrite;
+    if ((mode & S_IRGRP) != 0) readable |= kSavedGroupWrite;
+    if ((mode & S_IROTH) != 0) readable |= kSavedOtherWrite;
     return record[0] & readable;
 }
 
@@ -98,7 +99,7 @@ int ShareWithBase(const DuplixOpened &file, void *addContext)
         return !context->progress || !TQProgressIsCancelled(context->progress);
     };
     const uint8_t own = SavedPermissionsOf(file.status.mode, file.status.flags);
-    const uint8_t record = BroughtRecord(file.source, file.status, *context).value_or(own);
+    const uint8_t record = BroughtRecord(file.source, file.status, file.status.mode, *context).value_or(own);
     switch (context->base->Share(file, record, std::ref(goOn))) {
     case BaseFiles::Outcome::Shared:
         return duplix_answer::Skip;
@@ -263,8 +264,9 @@ bool ArchiveCopied(const DuplixState &state, TQAddContext &context, TQError **er
     const ArchivedItem archived{.item = item,
                                 .before = before,
                                 .makeReadable = makeReadable,
-                                .record = context.bringsRecord ? BroughtRecord(finished.source, *state.source, context)
-                                                               : std::nullopt,
+                                .record = context.bringsRecord
+                                              ? BroughtRecord(finished.source, *state.source, finished.mode, context)
+                                              : std::nullopt,
                                 .modeNow = finished.status.mode};
     return _ArchiveOpenItem(archived, finished.copy, error);
 }

@@ -23,7 +23,7 @@ Exit status:
   0  done                     4  something of that name exists
   1  failed                   5  permission denied, or a read-only file system
   2  wrong usage              6  no space
-  3  no such generation     130  stopped by Ctrl-C
+  3  no generation or store 130  stopped by Ctrl-C
 
 Examples:
   vaultry add report.txt                 keep report.txt as it is now

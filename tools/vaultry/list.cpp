@@ -174,7 +174,7 @@ int RunList(const Arguments &arguments)
     const std::optional<Store> store = Store::OpenExisting(path);
     if (!store) {
         Say("there is no store at " + Quoted(path) +
-            " yet: " + (IsStoreNamed(arguments.store) ? "init makes one" : "add or init makes one"));
+            " yet: " + (IsStoreNamed(arguments.store) ? "\"init --store DIR\" makes one" : "add or init makes one"));
         return kExitSuccess;
     }
 

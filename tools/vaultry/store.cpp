@@ -83,8 +83,9 @@ Store Store::RequireMade(const std::string &path)
 {
     std::optional<Store> store = OpenExisting(path);
     if (store) return std::move(*store);
-    throw CommandFailure(kExitNoSuchGeneration, "there is no store at " + Quoted(path) +
-                                                    ": mount its volume, or make one by \"vaultry init\"");
+    throw CommandFailure(kExitNoSuchGeneration,
+                         "there is no store at " + Quoted(path) +
+                             ": mount its volume, or make one with \"vaultry init --store DIR\"");
 }
 
 void Store::Remove(const std::vector<std::string> &names) const
