@@ -25,17 +25,22 @@ struct FreeBytes {
     void operator()(void *bytes) const { free(bytes); }
 };
 
+Ref<TQData> MakeData(const void *bytes, size_t length, const char *path, TQError **error)
+{
+    auto data = Ref<TQData>::Adopt(TQDataCreate(bytes, length));
+    if (!data)
+        Failure(error).Status(kTQStatusFailed, "Failed to create data value for attribute %s at path \"%s\"",
+                              kInfoAttribute, path);
+    return data;
+}
+
 // Reads the attribute's bytes. If it is absent, returns null without an error.
 Ref<TQData> ReadInfoAttribute(const Item &item, bool *absent, TQError **error)
 {
     const char *const path = item.path;
     char usual[1024]; // nearly all are smaller, and need not be asked for their size
     const ssize_t length = platform::GetAttribute(item, Links::Follow, kInfoAttribute, usual, sizeof usual);
-    if (length >= 0) {
-        auto data = Ref<TQData>::Adopt(TQDataCreate(usual, static_cast<size_t>(length)));
-        if (!data) Failure(error).AtDebug().Errno("malloc failed");
-        return data;
-    }
+    if (length >= 0) return MakeData(usual, static_cast<size_t>(length), path, error);
     *absent = errno == ENODATA;
     if (*absent) return nullptr;
     const ssize_t size = errno == ERANGE ? platform::GetAttribute(item, Links::Follow, kInfoAttribute, nullptr, 0) : -1;
@@ -60,11 +65,7 @@ Ref<TQData> ReadInfoAttribute(const Item &item, bool *absent, TQError **error)
         return nullptr;
     }
 
-    auto data = Ref<TQData>::Adopt(TQDataCreate(buffer.get(), wanted));
-    if (!data)
-        Failure(error).Status(kTQStatusFailed, "Failed to create data value for attribute %s at path \"%s\"",
-                              kInfoAttribute, path);
-    return data;
+    return MakeData(buffer.get(), wanted, path, error);
 }
 
 bool WriteInfoDictionary(const char *path, TQDictionary *info, TQError **error)
