@@ -253,23 +253,25 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQCl
 /// Verifies that a store is as it should be, and reports where it is not. Looking changes nothing, so it also reports
 /// everything that TQClientManagedStorageCreate would mend.
 ///
-/// It looks at the root's protection, the lock file, the staging area and what killed operations left in it, every item
-/// of every generation (write-protected, with a well-formed record of its permissions; "._" files are exempt), the
-/// attributes of generations, the items that killed restores noted to have put beside documents, and any other item
-/// with a placeholder's name beside a document that a generation names in its info dictionary under "vaultry.document".
-/// An item that a living operation works on is not a finding: each operation holds a lock in its staging directory.
-/// Only a copy for a client is always a finding, since nobody holds a lock for it.
+/// It looks at the root's protection, the lock file, the staging area and what killed operations left in it, every
+/// item of every generation (write-protected, with a well-formed record of its permissions; "._" files and symbolic
+/// links below the top are exempt), the attributes of generations, the items that killed restores noted to have put
+/// beside documents, and any other item with a placeholder's name beside a document that a generation names in its
+/// info dictionary under "vaultry.document". An item that a living operation works on is not a finding: each
+/// operation holds a lock in its staging directory. Only a copy for a client is always a finding, since nobody
+/// holds a lock for it.
 ///
 /// @param repair  Also mends what is safe to mend. Protection is put back on the root and on items that carry the
-///                record of their permissions. A missing lock file or staging directory is made. What a dead operation
-///                left in staging is removed, whatever its age. A copy for a client, and a directory that does not say
+///                record of their permissions, except files with several names, which may belong to several
+///                generations. A missing lock file or staging directory is made. What a dead operation left in
+///                staging is removed, whatever its age. A copy for a client, and a directory that does not say
 ///                whose it is, are removed when nothing in them has changed for an hour by the volume's clock. A
 ///                document that a killed move left in staging, or a killed restore beside its path, is put back if
 ///                nothing is there. The copy that a killed restore left beside the document, and the old document
-///                beside the restored one, are removed if both are what the restore noted. What was moved or restored
-///                on another machine is left to a repair there. Root follows the note of somebody else's store only
-///                where the store's owner could have done the same. Everything else is reported and left alone;
-///                generations' contents are never touched.
+///                beside the restored one, are removed if both are what the restore noted. What was moved or
+///                restored on another machine is left to a repair there. Root follows the note of somebody else's
+///                store only where the store's owner could have done the same. Everything else is reported and left
+///                alone; generations' contents are never touched.
 /// @return an array that the caller owns, empty when all is well, of dictionaries: "path" (data: the bytes of the
 ///         path), "kind" (a string of lower-case words that a program can tell apart), "meaning" (a string for people),
 ///         "mended" (a boolean), for a document that is not where it belongs, "home" (data: the path where it belongs),

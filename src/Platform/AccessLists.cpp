@@ -38,6 +38,8 @@ static bool _GiveList(const char *name, const char *from, int to, mode_t *denied
     return fremovexattr(to, name) == 0 || _HasNone(errno);
 }
 
+namespace {
+
 // The form in which the kernel hands a list out, after a number of four bytes for its version.
 enum : uint16_t { kUserObject = 0x01, kUser = 0x02, kGroupObject = 0x04, kGroup = 0x08, kMask = 0x10, kOther = 0x20 };
 struct Entry {
@@ -45,6 +47,8 @@ struct Entry {
     uint16_t rights;
     uint32_t id;
 };
+
+} // namespace
 
 mode_t DeniedByList(const unsigned char *list, size_t size)
 {

@@ -1,6 +1,7 @@
 #include "Platform/Comparison.h"
 
 #include "Platform/AccessLists.h"
+#include "Platform/FileStatus.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -40,11 +41,6 @@ ssize_t Comparison::Side::ReadBlock(const ComparedFile &file, uint64_t offset)
     return static_cast<ssize_t>(done);
 }
 
-static bool _HasHoles(const TQFileStatus &status)
-{
-    return status.blocks * 512 < status.size;
-}
-
 // Where the next data begins; the size if only a hole follows.
 static uint64_t _NextData(const ComparedFile &file, uint64_t offset)
 {
@@ -56,7 +52,7 @@ static uint64_t _NextData(const ComparedFile &file, uint64_t offset)
 bool Comparison::HaveSameBytes(const ComparedFile &one, const ComparedFile &other, const GoOn &goOn)
 {
     if (one.status.size != other.status.size || !one_.MakeRoom() || !other_.MakeRoom()) return false;
-    const bool bothHaveHoles = _HasHoles(one.status) && _HasHoles(other.status);
+    const bool bothHaveHoles = HasHoles(one.status) && HasHoles(other.status);
     uint64_t reported = 0;
     for (uint64_t offset = 0;;) {
         if (bothHaveHoles && offset < one.status.size)

@@ -26,6 +26,13 @@ namespace platform {
 int GetStatus(const Item &item, Links links, TQFileStatus *out);
 int GetStatusOfFd(int fd, TQFileStatus *out);
 
+// A file with fewer blocks than its size takes certainly has holes. One with as many may have holes too: attributes
+// take blocks, and there may be some beyond its end.
+inline bool HasHoles(const TQFileStatus &status)
+{
+    return status.blocks * 512 < status.size;
+}
+
 int SetFlags(const Item &item, Links links, uint32_t flags);
 int SetFlagsOfFd(int fd, uint32_t flags);
 

@@ -1,5 +1,7 @@
 #include "Platform/duplix_data.h"
 
+#include "Platform/FileStatus.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -56,9 +58,7 @@ Copied DataCopier::Copy(int from, const TQFileStatus &status, int to, DuplixRepo
         errno = ENOMEM;
         return Copied::No;
     }
-    // A file with fewer blocks than its size takes certainly has holes. A file with as many may have holes too:
-    // attributes take blocks, and there may be some beyond its end.
-    if (job.size > kSmallFile || status.blocks * 512 < job.size) return CopyExtents(job);
+    if (job.size > kSmallFile || HasHoles(status)) return CopyExtents(job);
     return CopyAtOnce(job);
 }
 

@@ -15,11 +15,6 @@
 
 namespace {
 
-bool HasHoles(const TQFileStatus &status)
-{
-    return status.blocks * 512 < status.size;
-}
-
 // Whether the stored file has what a copy of the document's file would have in its place. A file with a blocking flag
 // can get no further link, and is not one that a generation shares.
 bool HasSameStatus(const TQFileStatus &document, const TQFileStatus &stored)
@@ -27,8 +22,8 @@ bool HasSameStatus(const TQFileStatus &document, const TQFileStatus &stored)
     constexpr uint32_t kNotStored = kTQFlagCompressed | kTQFlagTracked;
     return S_ISREG(stored.mode) && (stored.mode & 07777) == (document.mode & 07777 & ~kWriteBits) &&
            stored.owner == document.owner && stored.group == document.group && stored.size == document.size &&
-           (HasHoles(stored) || !HasHoles(document)) && ((stored.flags | document.flags) & kBlockingFlags) == 0 &&
-           stored.flags == (document.flags & ~kNotStored) &&
+           (platform::HasHoles(stored) || !platform::HasHoles(document)) &&
+           ((stored.flags | document.flags) & kBlockingFlags) == 0 && stored.flags == (document.flags & ~kNotStored) &&
            platform::IsSameTime(stored.modificationTime, document.modificationTime);
 }
 
