@@ -10,6 +10,7 @@
 #include "Platform/FileStatus.h"
 #include "Platform/Item.h"
 #include "Platform/ItemId.h"
+#include "Platform/UniqueFd.h"
 #include "Platform/Volume.h"
 #include "Platform/duplix.h"
 
@@ -141,14 +142,14 @@ bool _ArchiveMovedTree(const char *path, bool makeReadable, bool keepLinks, uint
 
 // Gives a file with several links its own data: the name at `file` becomes a new file, which `made` then describes; the
 // other links stay. The new file has the old one's owner, mode and flags as far as its maker may give them, and the
-// set-id bits only if it got owner and group.
+// set-id bits only if it got owner and group. Returns the new file, open for writing; nothing on failure.
 struct HardLinkedFile {
     Item item;
     const TQFileStatus &status;
     size_t parentPathLength; // of item.path
     bool noteParent;         // whether to record on its directory, one of the document's, what that loses meanwhile
 };
-bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *made, TQError **error);
+UniqueFd _BreakHardLink(const HardLinkedFile &file, TQFileStatus *made, TQError **error);
 
 // If `name` can be that of a copy that was to replace a hard link, the length of the original's name; otherwise 0.
 size_t LengthOfLinkedName(const char *name);

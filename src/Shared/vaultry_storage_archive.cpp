@@ -135,10 +135,18 @@ bool KeepSidecar(const TreeWalk::Entry &entry, TreeArchiving &how, TQError **err
     return Failure(error).Errno("Failed to flush \"%s\" to disk", entry.item.path);
 }
 
+bool FinishArchiving(UniqueFd &fd, const ArchivedItem &archived, const TQFileStatus &now, TQError **error)
+{
+    const bool reached = !archived.flush || archived.flush->HonoursFlush(fd.get(), now.device);
+    if ((reached || platform::FlushFd(fd.get()) == 0) && fd.Close() == 0) return true;
+    return Failure(error).Errno("Failed to flush \"%s\" to disk", archived.item.path);
+}
+
 // `before` is what the item has. If a copy takes the place of a hard link, it becomes what the copy has: a copy of
 // another owner's file belongs to its maker, and the file's set-id bits would lend rights that nobody gave.
 bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus *before, TQError **error)
 {
+    UniqueFd copy;
     switch (entry.kind) {
     case Kind::Unreadable:
     case Kind::NoStatus:
@@ -149,10 +157,11 @@ bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus
         return true;
     case Kind::File:
         if (IsSidecarName(entry.item.name)) return KeepSidecar(entry, how, error);
-        if (entry.status.linkCount >= 2 && !_BreakHardLink({entry.item, entry.status, entry.parentPathLength,
-                                                            /*noteParent=*/how.moved && entry.level > 0},
-                                                           before, error))
-            return false;
+        if (entry.status.linkCount >= 2) {
+            const bool noteParent = how.moved && entry.level > 0;
+            copy = _BreakHardLink({entry.item, entry.status, entry.parentPathLength, noteParent}, before, error);
+            if (!copy) return false;
+        }
         if (how.totalSize) *how.totalSize += entry.status.size;
         break;
     case Kind::Link: // has neither rights nor attributes that could be recorded
@@ -167,6 +176,8 @@ bool ArchiveEntry(const TreeWalk::Entry &entry, TreeArchiving &how, TQFileStatus
                                 .makeReadable = how.makeReadable,
                                 .replaceRecord = how.moved,
                                 .flush = how.moved ? &how.volumes : nullptr};
+    // For an instant, the name may still lead to what it was on a volume that hosts share.
+    if (copy) return _ArchiveOpenItem(archived, copy.get(), error) && FinishArchiving(copy, archived, *before, error);
     return _ArchiveItemAt(archived, *before, error);
 }
 
@@ -251,10 +262,7 @@ bool _ArchiveItemAt(const ArchivedItem &archived, const TQFileStatus &now, TQErr
     }
     UniqueFd fd = OpenForArchiving(item, now);
     if (!fd) return Failure(error).Errno("failed to open generation item \"%s\"", item.path);
-    if (!ArchiveLifted(fd.get(), archived, error)) return false;
-    const bool reached = !archived.flush || archived.flush->HonoursFlush(fd.get(), now.device);
-    if ((reached || platform::FlushFd(fd.get()) == 0) && fd.Close() == 0) return true;
-    return Failure(error).Errno("Failed to flush \"%s\" to disk", item.path);
+    return ArchiveLifted(fd.get(), archived, error) && FinishArchiving(fd, archived, now, error);
 }
 
 bool _ArchiveItem(const char *path, const TQFileStatus *status, bool makeReadable, TQError **error)

@@ -139,10 +139,9 @@ public:
 
     // A journal may bring the new name to disk before the bytes. If the power failed in between, a file that somebody
     // has nowhere else would keep its length, and hold zeros.
-    bool Keep(TQFileStatus *copy, TQError **error)
+    bool Flush(TQFileStatus *copy, TQError **error)
     {
-        return (platform::GetStatusOfFd(fd_.get(), copy) == 0 && platform::FlushFd(fd_.get()) == 0 &&
-                fd_.Close() == 0) ||
+        return (platform::GetStatusOfFd(fd_.get(), copy) == 0 && platform::FlushFd(fd_.get()) == 0) ||
                Failure(error).Errno("Failed to flush \"%s\" to disk", path_.c_str());
     }
 
@@ -157,6 +156,7 @@ public:
     }
 
     int fd() const { return fd_.get(); }
+    UniqueFd TakeFd() { return std::move(fd_); }
     const char *path() const { return path_.c_str(); }
 
 private:
@@ -194,7 +194,7 @@ size_t LengthOfLinkedName(const char *name)
     return isCopy ? static_cast<size_t>(unique - name) : 0;
 }
 
-bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *made, TQError **error)
+UniqueFd _BreakHardLink(const HardLinkedFile &file, TQFileStatus *made, TQError **error)
 {
     const Item &item = file.item;
     Log(kLogDebug).Line("Encountered hardlinked file at path \"%s\" with link count of %hu; breaking link.\n",
@@ -208,17 +208,22 @@ bool _BreakHardLink(const HardLinkedFile &file, TQFileStatus *made, TQError **er
 
     // The name comes first: one that is too long is refused before the directory is touched.
     if (!temporary.Name(item, error) || !parent.MakeWritable(file.noteParent, error) || !temporary.Make(item, error))
-        return false;
+        return {};
 
     source = OpenDescribed(file);
-    if (!source) return Failure(error).Errno("failed open source file at \"%s\"", item.path);
-    if (platform::fduplix(source.get(), temporary.fd()) != 0)
-        return Failure(error).Errno("duplix (\"%s\" -> \"%s\") failed", item.path, temporary.path());
+    if (!source) {
+        Failure(error).Errno("failed open source file at \"%s\"", item.path);
+        return {};
+    }
+    if (platform::fduplix(source.get(), temporary.fd()) != 0) {
+        Failure(error).Errno("duplix (\"%s\" -> \"%s\") failed", item.path, temporary.path());
+        return {};
+    }
 
     if (file.status.hasBirthTime)
         (void)_SetBirthTimeSpecForFD(temporary.fd(), file.status.birthTime.tv_sec, file.status.birthTime.tv_nsec);
     TQFileStatus copy;
-    if (!temporary.Keep(&copy, error) || !temporary.RenameOver(file, error)) return false;
+    if (!temporary.Flush(&copy, error) || !temporary.RenameOver(file, error)) return {};
     *made = copy;
-    return true;
+    return temporary.TakeFd();
 }
