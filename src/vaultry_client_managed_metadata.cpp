@@ -36,10 +36,11 @@ TQDictionary *TQClientManagedStorageCopyGenerationInfoDictionary(const TQClientM
 TQValue *TQClientManagedStorageCopyGenerationInfoValueForKey(const TQClientManagedStorage *store, const char *name,
                                                              const TQString *key, TQError **error)
 {
-    // The dictionary is read under a second shared lock. Shared locks never wait for each other.
+    // One lock: where a volume lets a waiting writer go first, a second shared lock would wait for that writer, and the
+    // writer for the first.
     LockedGeneration generation;
     if (!generation.ForReading(store, name, error)) return nullptr;
-    const auto info = Ref<TQDictionary>::Adopt(TQClientManagedStorageCopyGenerationInfoDictionary(store, name, error));
+    const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(generation.path(), error));
     if (!info) return nullptr;
     TQValue *value = TQDictionaryGetValue(info.get(), key);
     if (!value) return Failure(error).Refused(kTQStatusNoSuchAttribute, "key not found");
