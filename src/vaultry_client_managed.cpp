@@ -104,11 +104,23 @@ TQClientManagedStorage *MakeHandle(const char *rootPath, TQError **error)
 
 } // namespace
 
+// Where a volume does not answer, nobody can say what is there and what is not.
+bool _RequireRootDirectory(const char *rootPath, TQError **error)
+{
+    const int before = errno;
+    errno = 0;
+    if (_IsDirectory(rootPath, /*status=*/nullptr)) {
+        errno = before;
+        return true;
+    }
+    for (const int silence : {ENOTCONN, ESTALE, EIO, ETIMEDOUT, EHOSTDOWN})
+        if (errno == silence) return Failure(error).Errno("stat(\"%s\") failed", rootPath);
+    return Failure(error).Status(kTQStatusBadPath, "The supplied path \"%s\" does not exist", rootPath ? rootPath : "");
+}
+
 TQClientManagedStorage *TQClientManagedStorageCreate(const char *rootPath, TQError **error)
 {
-    if (!_IsDirectory(rootPath, /*status=*/nullptr))
-        return Failure(error).Status(kTQStatusBadPath, "The supplied path \"%s\" does not exist",
-                                     rootPath ? rootPath : "");
+    if (!_RequireRootDirectory(rootPath, error)) return nullptr;
     StoreFiles files{rootPath, {}, {}};
     if (!NameStoreFiles(files, error)) return nullptr;
     if (!_RequireKnownFormat(rootPath, Item::AtPath(files.lockFile.c_str()), error)) return nullptr;

@@ -37,6 +37,8 @@ inline constexpr char kLockFileName[] = ".vaultry_lockfile";
 inline constexpr mode_t kStagingMode = 0700;
 inline constexpr mode_t kLockFileMode = 0400;
 
+bool _RequireRootDirectory(const char *rootPath, TQError **error);
+
 // Refuses a store of a later version. A directory without a lock file passes.
 bool _RequireKnownFormat(const char *rootPath, const Item &lockFile, TQError **error);
 

@@ -2,9 +2,11 @@
 
 #include "vaultry_client_managed.h"
 
+#include "Runtime/Ref.h"
 #include "Shared/vaultry_internal_failure.h"
 
 #include <vaultry/progress.h>
+#include <vaultry/url.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -52,21 +54,53 @@ static bool _IsGivenUp()
     return progress && TQProgressIsCancelled(progress);
 }
 
+namespace {
+
+// Shows on the thread's progress that its operation waits.
+class ShownWait {
+public:
+    explicit ShownWait(const char *lockFile)
+        : progress_(Ref<TQProgress>::Retain(TQProgressGetCurrent())),
+          kind_(Ref<TQValue>::Adopt(TQProgressCopyUserInfo(progress_.get(), kTQProgressFileOperationKindKey))),
+          url_(Ref<TQValue>::Adopt(TQProgressCopyUserInfo(progress_.get(), kTQProgressFileURLKey)))
+    {
+        const auto file = Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPath(lockFile, /*isDirectory=*/false));
+        Show(kTQProgressFileOperationKindWaiting, file.get());
+    }
+    ~ShownWait() { Show(kind_.get(), url_.get()); }
+    ShownWait(const ShownWait &) = delete;
+    ShownWait &operator=(const ShownWait &) = delete;
+
+private:
+    void Show(TQValue *kind, TQValue *url)
+    {
+        const ErrnoKeeper keeper;
+        TQProgressSetUserInfo(progress_.get(), kTQProgressFileOperationKindKey, kind);
+        TQProgressSetUserInfo(progress_.get(), kTQProgressFileURLKey, url);
+        TQProgressSetCompletedUnits(progress_.get(), TQProgressGetCompletedUnits(progress_.get()));
+    }
+
+    const Ref<TQProgress> progress_;
+    const Ref<TQValue> kind_, url_;
+};
+
+} // namespace
+
 // Waits without limit. A signal does not end the wait, but a client may use one to say that it has given up. The client
 // may have done so before there was anything to wait for.
-static int _WaitForLock(int fd, int operation)
+static int _WaitForLock(int fd, int operation, const char *path)
 {
-    int attempt = operation | LOCK_NB;
-    while (flock(fd, attempt) != 0) {
-        const bool mustWait = errno == EWOULDBLOCK && attempt != operation;
-        if (errno != EINTR && !mustWait) return -1;
+    if (flock(fd, operation | LOCK_NB) == 0) return 0;
+    if (errno != EINTR && errno != EWOULDBLOCK) return -1;
+    const ShownWait shown(path);
+    do {
         if (_IsGivenUp()) {
             errno = ECANCELED;
             return -1;
         }
-        attempt = operation;
-    }
-    return 0;
+        if (flock(fd, operation) == 0) return 0;
+    } while (errno == EINTR);
+    return -1;
 }
 
 bool _TQLockGenerationInternal(const char *lockFilePath, StoreLock *lock, int operation, TQError **error)
@@ -83,7 +117,7 @@ bool _LockItem(const Item &lockFile, StoreLock *lock, int operation, TQError **e
     }
     lock->fd = openat(lockFile.directory, lockFile.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (lock->fd < 0) return Failure(error).Errno("Failed to open generation path \"%s\" for locking", lockFile.path);
-    if (_WaitForLock(lock->fd, operation) == 0) return true;
+    if (_WaitForLock(lock->fd, operation, lockFile.path) == 0) return true;
 
     Failure(error).Errno("Failed to lock generation path \"%s\"", lockFile.path);
     (void)close(lock->fd);

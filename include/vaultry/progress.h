@@ -21,6 +21,9 @@ TQ_BEGIN_DECLS
 /// User-information keys and values that file operations set.
 TQ_EXPORT extern TQString *const kTQProgressFileOperationKindKey;
 TQ_EXPORT extern TQString *const kTQProgressFileOperationKindCopying;
+/// As long as an operation waits for the store's lock, the thread's current progress has this kind, and the lock file's
+/// URL. Its observer is called when that begins and when it ends; what it had before comes back.
+TQ_EXPORT extern TQString *const kTQProgressFileOperationKindWaiting;
 TQ_EXPORT extern TQString *const kTQProgressFileURLKey;
 /// The kind of a progress that counts bytes of files.
 TQ_EXPORT extern TQString *const kTQProgressKindFile;

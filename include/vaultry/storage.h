@@ -275,8 +275,9 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQCl
 /// @return an array that the caller owns, empty when all is well, of dictionaries: "path" (data: the bytes of the
 ///         path), "kind" (a string of lower-case words that a program can tell apart), "meaning" (a string for people),
 ///         "mended" (a boolean), for a document that is not where it belongs, "home" (data: the path where it belongs),
-///         and, for what the note of a restore told, "note" (data: the path of the directory in staging that holds the
-///         note). Null with an error:
+///         for what the note of a restore told, "note" (data: the path of the directory in staging that holds the
+///         note), and for what a program on another machine left, "host" (data: that machine's name: a repair there
+///         may mend it). Null with an error:
 ///         kTQStatusBadPath       not a directory; or one that is not a store, since it has neither a lock file nor a
 ///                                staging directory
 ///         kTQStatusNotSupported  a later version made the store
@@ -284,6 +285,19 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQCl
 /// Shared lock, exclusive with `repair`. Looking goes on without a lock if the lock file is missing or can't be read.
 /// Repairing first makes or mends the lock file, and mends nothing if something else stands in its place.
 TQ_EXPORT TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, TQError **error);
+
+/// Tells what is going on in a store: who holds its lock, and which operations live. Takes no lock and waits for
+/// nobody, so a program that waits for the store can tell for whom. What it tells may be over already.
+///
+/// @return an array that the caller owns of dictionaries: "work" (a string: "copy" and "move" for an add, "remove",
+///         "copy-out", "restore"; or "lock" and "shared-lock" for a process that holds the store's lock), "process" (a
+///         number), "host" (data: the name of its machine), "here" (a boolean: whether the process runs on this machine
+///         since its last start), and except for locks "document" (data: the path of the document, or the name of the
+///         generation) and "since" (a date, by that machine's clock). A process may be there twice, with its operation
+///         and with the lock. Locks are told of this machine alone, and only of volumes whose locks its kernel keeps.
+///         Null with an error:
+///         kTQStatusBadPath  not a directory, or one without a staging area
+TQ_EXPORT TQArray *TQClientManagedStorageCopyOperations(const char *rootPath, TQError **error);
 
 TQ_END_DECLS
 

@@ -626,6 +626,16 @@ struct Finding {
     std::string meaning; ///< for people
     bool mended = false;
     std::filesystem::path home; ///< where a misplaced document belongs; else empty
+    std::string host;           ///< the machine whose program left it, if that is another one; else empty
+};
+
+/// What goes on in a store: an operation that lives, or a process that holds the store's lock.
+struct Operation {
+    std::string work; ///< "copy", "move", "remove", "copy-out", "restore", "lock" or "shared-lock"
+    std::int64_t process = 0;
+    std::string host;               ///< the name of its machine
+    bool here = false;              ///< whether the process runs on this machine
+    std::filesystem::path document; ///< or the name of the generation; empty for a lock
 };
 
 /// A generation that was copied into the staging area, to be put somewhere by rename. The destructor removes what is
@@ -773,9 +783,25 @@ public:
             const auto one = value.as<Dictionary>();
             findings.push_back({one["path"].as<Data>().str(), one["kind"].as<String>().str(),
                                 one["meaning"].as<String>().str(), one["mended"].as<Number>().to_bool(),
-                                one["home"].as<Data>().str()});
+                                one["home"].as<Data>().str(), one["host"].as<Data>().str()});
         }
         return findings;
+    }
+
+    /// Tells what is going on in a store, without waiting for anybody.
+    static Result<std::vector<Operation>> operations(const std::filesystem::path &directory)
+    {
+        const std::string root = detail::path(directory);
+        const auto found = detail::fetch<Array>(TQClientManagedStorageCopyOperations, root.c_str());
+        if (!found) return found.error();
+        std::vector<Operation> operations;
+        for (const Value &value : *found) {
+            const auto one = value.as<Dictionary>();
+            operations.push_back({one["work"].as<String>().str(), one["process"].as<Number>().to_int64(),
+                                  one["host"].as<Data>().str(), one["here"].as<Number>().to_bool(),
+                                  one["document"].as<Data>().str()});
+        }
+        return operations;
     }
 
     const std::filesystem::path &path() const noexcept { return root_; }

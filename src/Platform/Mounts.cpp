@@ -120,4 +120,18 @@ int HasMountInside(const char *path, bool *has)
     return 0;
 }
 
+bool GetVolumeNumber(int fd, unsigned *major, unsigned *minor)
+{
+    struct statx status;
+    if (statx(fd, "", AT_EMPTY_PATH | AT_NO_AUTOMOUNT, STATX_MNT_ID, &status) != 0) return false;
+    *major = status.stx_dev_major;
+    *minor = status.stx_dev_minor;
+    if ((status.stx_mask & STATX_MNT_ID) == 0) return true;
+    MountList list;
+    unsigned long long id = 0;
+    while (list.file && getline(&list.line, &list.capacity, list.file) > 0)
+        if (sscanf(list.line, "%llu %*u %u:%u", &id, major, minor) == 3 && id == status.stx_mnt_id) return true;
+    return false;
+}
+
 } // namespace platform

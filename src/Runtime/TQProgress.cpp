@@ -49,6 +49,7 @@ constexpr Kind kProgressKind = {kTypeProgress, "progress",       false, Destroy<
 
 constinit TQString operationKindKey{&kStringKind, "TQProgressFileOperationKind"};
 constinit TQString operationKindCopying{&kStringKind, "TQProgressFileOperationCopying"};
+constinit TQString operationKindWaiting{&kStringKind, "TQProgressFileOperationWaiting"};
 constinit TQString fileURLKey{&kStringKind, "TQProgressFileURL"};
 constinit TQString kindFile{&kStringKind, "TQProgressKindFile"};
 
@@ -71,6 +72,7 @@ void _TellObservers(TQProgress *changed)
 
 TQString *const kTQProgressFileOperationKindKey = &operationKindKey;
 TQString *const kTQProgressFileOperationKindCopying = &operationKindCopying;
+TQString *const kTQProgressFileOperationKindWaiting = &operationKindWaiting;
 TQString *const kTQProgressFileURLKey = &fileURLKey;
 TQString *const kTQProgressKindFile = &kindFile;
 

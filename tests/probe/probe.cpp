@@ -202,9 +202,10 @@ bool SayFindings(const Words &w, TQError **error)
     const auto found = vaultry::Store::findings(w[0], w.Say("repair"));
     if (!found) return *error = vaultry::Error(found.error()).detach(), false;
     std::set<std::string> lines;
-    for (const auto &[path, kind, meaning, mended, home] : *found)
+    for (const auto &[path, kind, meaning, mended, home, host] : *found)
         lines.insert(kind + " " + path.native() + (home.empty() ? "" : " of " + home.native()) +
-                     (mended ? " mended" : "") + (meaning.size() > 20 ? "" : " unexplained"));
+                     (host.empty() ? "" : " on " + host) + (mended ? " mended" : "") +
+                     (meaning.size() > 20 ? "" : " unexplained"));
     for (const std::string &line : lines) Say(line);
     return true;
 }
@@ -434,6 +435,14 @@ const std::map<std::string, Function> kFunctions = {
                                                                &request, error);
      }},
     {"findings", SayFindings}, // [repair]
+    {"operations",             // STORE
+     [](const Words &w, TQError **error) {
+         const auto all = vaultry::Store::operations(w[0]);
+         if (!all) return *error = vaultry::Error(all.error()).detach(), false;
+         for (const auto &[work, process, host, here, document] : *all)
+             Say(work + (process > 1 ? " " : " by nobody ") + (here ? "here" : "on " + host) + " " + document.native());
+         return true;
+     }},
     {"query", SayRecords},       // SPEC, a property list's file, [NAME], by the library
     {"safe-save", // two URLs, or "-" for none: the answer is always no
      [](const Words &w, TQError **) {

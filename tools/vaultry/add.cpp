@@ -15,6 +15,7 @@
 #include "store.h"
 #include "text.h"
 #include "times.h"
+#include "waiting.h"
 
 #include <vaultry/filesystem.h>
 #include <vaultry/status.h>
@@ -318,6 +319,7 @@ int RunAdd(const Arguments &arguments)
             one = failure.exitCode();
         }
         if (InterruptGuard::Came()) return InterruptGuard::ExitCode();
+        if (WaitWatch::GaveUp()) return one;
         if (exitCode == kExitSuccess) exitCode = one;
     }
     return exitCode;

@@ -15,7 +15,8 @@ class AddProgress {
 public:
     // `atTheBeginning` is called when the add, which may wait for something else, begins.
     explicit AddProgress(const std::string &label, std::function<void()> atTheBeginning = {})
-        : bar_(label), atTheBeginning_(std::move(atTheBeginning)), progress_(TQProgressCreate(0))
+        : bar_(label), atTheBeginning_(std::move(atTheBeginning)),
+          progress_(TQProgressCreateChild(TQProgressGetCurrent(), 0))
     {
         TQProgressSetObserver(progress_.get(), &AddProgress::Changed, this);
         TQProgressBecomeCurrent(progress_.get());
@@ -36,6 +37,7 @@ private:
     static void Changed(TQProgress *changed, void *self)
     {
         auto &add = *static_cast<AddProgress *>(self);
+        if (changed == add.progress_.get()) return; // it waits for its turn
         if (!std::exchange(add.hasBegun_, true)) {
             if (add.atTheBeginning_) add.atTheBeginning_();
             add.bar_.Restart();

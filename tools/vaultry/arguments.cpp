@@ -23,7 +23,8 @@ Exit status:
   0  done                     4  something of that name exists
   1  failed                   5  permission denied, or a read-only file system
   2  wrong usage              6  no space
-  3  no generation or store 130  stopped by Ctrl-C
+  3  no generation or store   8  another program has the store, and --wait is over
+                            130  stopped by Ctrl-C
 
 Examples:
   vaultry add report.txt                 keep report.txt as it is now
@@ -171,6 +172,13 @@ static void _AddCommonOptions(CLI::App *app, Arguments &arguments)
 {
     app->set_help_flag("-h,--help", "Show this help and exit");
     app->add_option("--store", arguments.store, "The store's directory")->option_text("DIR");
+    app->add_option("--wait", arguments.wait, "Give up when another program has the store for so long")
+        ->option_text("SECONDS")
+        ->check([](const std::string &text) {
+            double seconds = -1;
+            const bool isTime = CLI::detail::lexical_cast(text, seconds) && seconds >= 0;
+            return isTime ? "" : "wants seconds, 0 or more, and not \"" + text + "\"";
+        });
     app->add_flag("-v,--verbose", arguments.verbose, "Show the library's diagnostic lines");
 }
 

@@ -12,7 +12,8 @@ struct Arguments {
     Command command = Command::List;
     std::optional<std::string> store;
     bool verbose = false;
-    bool json = false; // print for a program
+    std::optional<double> wait; // seconds
+    bool json = false;          // print for a program
 
     std::vector<std::string> documents; // add
     std::string document;               // list: empty for all; restore

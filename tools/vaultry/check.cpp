@@ -29,18 +29,20 @@ static std::string_view _Bytes(const TQDictionary *finding, const char *key)
 static void _Print(const TQDictionary *finding, bool json)
 {
     const std::string_view path = _Bytes(finding, "path"), home = _Bytes(finding, "home"),
-                           note = _Bytes(finding, "note");
+                           note = _Bytes(finding, "note"), host = _Bytes(finding, "host");
     const bool mended = TQNumberGetTruth(_Entry(finding, "mended"));
     if (!json) {
-        const std::string belongs = home.empty() ? "" : " It belongs at " + Printable(home) + ".";
-        printf("%s: %s%s%s\n", Printable(path).c_str(), _Text(finding, "meaning").c_str(), belongs.c_str(),
-               mended ? " (mended)" : "");
+        const std::string belongs = home.empty() ? "" : " It belongs at " + Printable(home) + ".",
+                          machine = host.empty() ? "" : " The other machine is " + Printable(host) + ".";
+        printf("%s: %s%s%s%s\n", Printable(path).c_str(), _Text(finding, "meaning").c_str(), belongs.c_str(),
+               machine.c_str(), mended ? " (mended)" : "");
         return;
     }
     Json object;
     PutBytes(object, "path", path);
     if (!home.empty()) PutBytes(object, "home", home);
     if (!note.empty()) PutBytes(object, "note", note);
+    if (!host.empty()) PutBytes(object, "host", host);
     object["kind"] = _Text(finding, "kind");
     object["meaning"] = _Text(finding, "meaning");
     object["mended"] = mended;

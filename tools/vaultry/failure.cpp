@@ -4,9 +4,11 @@
 
 #include "owned.h"
 #include "text.h"
+#include "waiting.h"
 
 #include <vaultry/status.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -27,6 +29,8 @@ int ExitCodeForStatus(int status)
 
 CommandFailure CommandFailure::Library(const std::string &what, const TQError *error)
 {
+    if (WaitWatch::GaveUp() && UnderlyingErrno(error) == ECANCELED)
+        return CommandFailure(kExitInUse, what + ": another program has the store, and --wait sets a limit");
     // If a message has a path that is not UTF-8, the library makes no error object: then the log has the reason.
     if (!error)
         return CommandFailure(kExitFailure, what + ": the library gave no reason (-v shows its diagnostic lines)");

@@ -34,7 +34,7 @@ static void _OnSignal(int number)
 }
 }
 
-InterruptGuard::InterruptGuard(const char *message) : waiting_(TQProgressCreate(0))
+InterruptGuard::InterruptGuard(const char *message) : waiting_(TQProgressCreateChild(TQProgressGetCurrent(), 0))
 {
     TQProgressBecomeCurrent(waiting_.get());
     Catch(waiting_.get(), message);

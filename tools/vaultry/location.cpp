@@ -80,6 +80,15 @@ bool IsThere(const std::string &path, struct stat *status)
     throw CommandFailure::Errno("can't look at " + Quoted(path), errno);
 }
 
+bool DoesAnswer(const std::string &path)
+{
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0) return true;
+    for (const int silence : {ENOTCONN, ESTALE, EIO, ETIMEDOUT, EHOSTDOWN})
+        if (errno == silence) return false;
+    return true;
+}
+
 PlaceKind LookAtPlace(const std::string &path)
 {
     struct stat status {};

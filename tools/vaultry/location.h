@@ -27,6 +27,9 @@ enum class PlaceKind {
 // does not count as absent.
 bool IsThere(const std::string &path, struct stat *status);
 
+// Whether the volume of a path answers at all. One whose server is gone does not.
+bool DoesAnswer(const std::string &path);
+
 PlaceKind LookAtPlace(const std::string &path);
 
 bool IsEmpty(const std::string &path);

@@ -5,7 +5,9 @@
 
 #include "commands.h"
 #include "failure.h"
+#include "location.h"
 #include "progress_bar.h"
+#include "waiting.h"
 
 #include <vaultry/log.h>
 
@@ -57,15 +59,26 @@ static int _Run(const Arguments &arguments)
     return kExitUsage;
 }
 
+// What went wrong names a call of the system; where all of them fail alike, this tells what they have in common.
+static void _TellIfSilent(const Arguments &arguments)
+{
+    if (!DoesAnswer(LocateStore(arguments.checked ? arguments.checked : arguments.store)))
+        Say("the store's volume does not answer");
+}
+
 static int _RunAndReport(int argc, char **argv)
 {
+    Arguments arguments;
     try {
-        Arguments arguments;
         if (const auto exitCode = ParseArguments(argc, argv, arguments)) return *exitCode;
         _OpenLog(arguments.verbose);
-        return _Run(arguments);
+        const WaitWatch watch(arguments.wait);
+        const int exitCode = _Run(arguments);
+        if (exitCode == kExitFailure) _TellIfSilent(arguments);
+        return exitCode;
     } catch (const CommandFailure &failure) {
         Say(failure.what());
+        if (failure.exitCode() == kExitFailure) _TellIfSilent(arguments);
         return failure.exitCode();
     } catch (const std::bad_alloc &) {
         Say("out of memory");
