@@ -189,6 +189,7 @@ void Findings::Add(const char *path, const char *kind, const char *meaning, bool
                 set("meaning", TQStringCreate(meaning)) && set("mended", TQRetain(TQBooleanGet(mended))) &&
                 (!home || set("home", TQDataCreate(home, strlen(home)))) &&
                 (!note_ || set("note", TQDataCreate(note_, strlen(note_)))) &&
+                (!host_ || set("host", TQDataCreate(host_, strlen(host_)))) &&
                 TQArrayAppendValue(list_.get(), finding.get());
 }
 
@@ -224,9 +225,7 @@ bool Findings::IsAccountedFor(const char *path, const TQFileStatus &status) cons
 
 TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, TQError **error)
 {
-    if (!_IsDirectory(rootPath, /*status=*/nullptr))
-        return Failure(error).Status(kTQStatusBadPath, "The supplied path \"%s\" does not exist",
-                                     rootPath ? rootPath : "");
+    if (!_RequireRootDirectory(rootPath, error)) return nullptr;
     PathBuffer lockFile;
     PathBuffer staging;
     if (!staging.Format("%s/%s", rootPath, kStagingName))

@@ -28,6 +28,8 @@ public:
 
     // What is added until it is called with null was told by the note in the directory at `path`.
     void SetNote(const char *path) { note_ = path; }
+    // What is added until it is called with null was left by a program on another machine of that name.
+    void SetHost(const char *host) { host_ = host && host[0] != '\0' ? host : nullptr; }
     void StopRepairing() { repair_ = false; }
 
     // `home`, unless null, is where a document belongs.
@@ -68,6 +70,7 @@ private:
 
     bool repair_;
     const char *note_ = nullptr;
+    const char *host_ = nullptr;
     bool complete_ = true;
     Ref<TQArray> list_;
     Ref<TQSet> documents_ = Ref<TQSet>::Adopt(TQSetCreateMutable());

@@ -12,6 +12,7 @@
 #include "Platform/ActingAs.h"
 #include "Platform/Attributes.h"
 #include "Platform/FileStatus.h"
+#include "Platform/ScopeExit.h"
 #include "Platform/TreeWalk.h"
 #include "Platform/UniqueNames.h"
 #include "Shared/vaultry_flush.h"
@@ -276,6 +277,8 @@ void CheckUnique(Unique &unique, Findings &findings)
 
     _LookForOwner(unique.fd, unique.area.owner, &unique.owner);
     if (unique.owner.life == OwnerLife::Alive) return findings.AddLiving(unique.owner.note);
+    const ScopeExit forget([&] { findings.SetHost(nullptr); });
+    if (unique.owner.readable && !unique.owner.note.IsOfThisMachine()) findings.SetHost(unique.owner.note.host);
 
     TQFileStatus status;
     const bool holdsItem = platform::GetStatus(unique.staged, Links::NoFollow, &status) == 0;

@@ -192,8 +192,8 @@ bool ReadOptions(NoteReader &reader, BroughtOptions *options)
 bool ReadNote(NoteReader &reader, OwnerNote *note)
 {
     return reader.Take(kFirstLine) && ReadWork(reader, &note->work) && reader.TakeWord("machine", note->machine) &&
-           reader.TakeWord("boot", note->boot) && reader.TakeNumbers("process", &note->process) &&
-           reader.TakeNumbers("since", &note->since) &&
+           reader.TakeWord("boot", note->boot) && (!reader.IsAt("host ") || reader.TakeWord("host", note->host)) &&
+           reader.TakeNumbers("process", &note->process) && reader.TakeNumbers("since", &note->since) &&
            reader.TakeNumbers("top", &note->topMode, &note->topFlags, &note->top.device, &note->top.inode) &&
            ReadOptions(reader, &note->topOptions) && reader.TakeAttribute("info", &note->topInfo) &&
            reader.TakeAttribute("name", &note->topName) && ReadItem(reader, "folder", &note->folder) &&
@@ -302,6 +302,11 @@ bool ItemMark::IsUnchanged(const TQFileStatus &status) const
            (size == other.size && modified == other.modified && modifiedNanoseconds == other.modifiedNanoseconds);
 }
 
+const char *WordOf(Work work)
+{
+    return kWords[static_cast<size_t>(work)];
+}
+
 OwnerNote OwnerNote::Of(Work work, const char *document)
 {
     OwnerNote note;
@@ -310,6 +315,7 @@ OwnerNote OwnerNote::Of(Work work, const char *document)
     const platform::Machine &machine = platform::ThisMachine();
     memcpy(note.machine, machine.id, sizeof note.machine);
     memcpy(note.boot, machine.boot, sizeof note.boot);
+    memcpy(note.host, machine.name, sizeof note.host);
     note.process = getpid();
     note.since = time(nullptr);
     return note;
@@ -329,8 +335,8 @@ UniqueFd _MakeOwnerFile(const Item &place, uint32_t areaOwner, const OwnerNote &
                         TQError **error)
 {
     NoteText text;
-    text.Add("%swork %s\nmachine %s\nboot %s\n", kFirstLine, kWords[static_cast<size_t>(note.work)], note.machine,
-             note.boot);
+    text.Add("%swork %s\nmachine %s\nboot %s\nhost %s\n", kFirstLine, WordOf(note.work), note.machine, note.boot,
+             note.host);
     text.Add("process %" PRId64 "\nsince %" PRId64 "\ntop %u %u %" PRIu64 " %" PRIu64 "\n", note.process, note.since,
              note.topMode, note.topFlags, note.top.device, note.top.inode);
     if (const BroughtOptions &options = note.topOptions; options.isKnown)

@@ -25,6 +25,7 @@
 inline constexpr char kOwnerFileName[] = ".vaultry_owner";
 
 enum class Work { Copy, Move, Remove, CopyOut, Restore };
+const char *WordOf(Work work); // as it stands in the file
 
 // An item as it was when it was noted. The inode number of an item that has gone may be given to another, which is born
 // later.
@@ -67,6 +68,7 @@ struct OwnerNote {
     ItemMark folder; // and the folder that it was taken from
     char machine[80] = "";
     char boot[80] = "";
+    char host[80] = ""; // the machine's name, for people; empty if an earlier version made the note
     int64_t process = 0;
     int64_t since = 0; // seconds since 1970, by this machine's clock
     bool hasExchange = false;

@@ -24,12 +24,12 @@ template <size_t size> static bool _ReadWord(const char *path, char (&word)[size
 static Machine _ReadMachine()
 {
     Machine machine{};
-    if (!_ReadWord("/etc/machine-id", machine.id)) {
-        utsname name{};
-        (void)uname(&name);
-        name.nodename[strcspn(name.nodename, " \n")] = '\0';
+    utsname name{};
+    (void)uname(&name);
+    name.nodename[strcspn(name.nodename, " \n")] = '\0';
+    (void)snprintf(machine.name, sizeof machine.name, "%s", name.nodename);
+    if (!_ReadWord("/etc/machine-id", machine.id))
         (void)snprintf(machine.id, sizeof machine.id, "name:%s", name.nodename);
-    }
     if (!_ReadWord("/proc/sys/kernel/random/boot_id", machine.boot)) (void)strcpy(machine.boot, "-");
     return machine;
 }

@@ -10,6 +10,7 @@ namespace platform {
 struct Machine {
     char id[80];   // the installation's; if it has none, the machine's name
     char boot[80]; // "-" where the kernel does not tell
+    char name[80]; // for people
 };
 
 // Read once and kept. Keeps errno.

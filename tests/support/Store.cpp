@@ -111,7 +111,7 @@ void TestStore::CheckInvariants(const std::string &lifted, bool killed, const st
     unlink((directory_ / "probe out").c_str());
     if (!killed) return;
     EXPECT_TRUE(vaultry::Store::findings(root_, /*repair=*/true));
-    for (const auto &[path, kind, meaning, mended, home] : *vaultry::Store::findings(root_)) {
+    for (const auto &[path, kind, meaning, mended, home, host] : *vaultry::Store::findings(root_)) {
         const bool isClients =
             disk::Read(path.string() + "/.vaultry_owner").find("\nwork copy-out\n") != std::string::npos;
         EXPECT_TRUE((kind == "staging-recent" && isClients) || kind == stays) << path << " is not mended: " << kind;
