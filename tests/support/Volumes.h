@@ -16,6 +16,14 @@ struct TestVolume {
 
 inline constexpr const char *kVolumeTypes[] = {"ext4", "xfs", "btrfs", "tmpfs"};
 
+// Whether the tests run on one volume that was chosen for them. Then no other is made, except in memory: a loop device
+// on a volume whose server goes away could never be ended.
+bool OnlyVolume();
+
+// Moves this process, which must have no other thread, to a host of tests/hosts: even numbers to the first, odd ones to
+// the second. Without hosts it stays where it is.
+void GoToHost(unsigned number);
+
 // The volume of a type, made on first use and kept.
 const TestVolume &VolumeOfType(const std::string &type);
 
