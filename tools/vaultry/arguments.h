@@ -8,6 +8,13 @@
 
 enum class Command { Init, Add, List, Show, Copy, Restore, Diff, Set, Remove, Check, Destroy, Completion };
 
+// Which of a document's generations is meant, where no name tells.
+struct Choice {
+    bool latest = false;
+    std::optional<std::string> at, before; // times, as they were typed
+    bool isMade() const { return latest || at || before; }
+};
+
 struct Arguments {
     Command command = Command::List;
     std::optional<std::string> store;
@@ -16,8 +23,9 @@ struct Arguments {
 
     std::vector<std::string> documents; // add
     std::string document;               // list: empty for all; restore
-    std::vector<std::string> names;     // remove
-    std::string name;                   // copy, show, restore, diff, set
+    Choice choice;                      // copy, show, restore, diff, set, remove
+    std::vector<std::string> names;     // remove; with a choice, documents
+    std::string name;                   // copy, show, restore, diff, set; with a choice, a document
     std::string destination;            // copy
     std::optional<std::string> newName; // add
     bool move = false;                  // add
@@ -30,8 +38,6 @@ struct Arguments {
     std::optional<std::string> withOptions;    // list
     std::optional<std::string> withoutOptions; // list
 
-    bool latest = false;               // restore
-    std::optional<std::string> at;     // restore
     std::optional<std::string> backup; // restore
     bool noBackup = false;             // restore
 

@@ -133,7 +133,7 @@ int RunSet(const Arguments &arguments)
         throw CommandFailure(kExitUsage, "there is nothing to set; \"vaultry set --help\" tells what can be");
 
     const Store store = Store::Require(LocateStore(arguments.store));
-    const std::string name = ResolveGeneration(store, arguments.name);
+    const std::string name = ChosenGeneration(store, arguments.choice, arguments.name);
     std::vector<Step> steps;
     steps.reserve(changes.size());
     for (const Change &change : changes)
