@@ -165,6 +165,23 @@ static void _DefineCompletion(CLI::App &app, Arguments &arguments)
         ->check(CLI::IsMember({"bash", "zsh", "fish"}));
 }
 
+static void _DefineRemove(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *remove =
+        _AddCommand(app, arguments, Command::Remove, "remove", "Remove generations from the store", kRemoveFooter);
+    remove->add_option("NAME", arguments.names, "The generations")->required()->option_text("...");
+    remove->add_flag("--pinned", arguments.pinnedToo, "Remove them even if they are pinned");
+    _AddChoice(remove, arguments);
+}
+
+static void _DefinePin(CLI::App &app, Arguments &arguments, Command command, const char *name, const char *description)
+{
+    CLI::App *pin = _AddCommand(app, arguments, command, name, description, kPinFooter);
+    pin->add_option("NAME", arguments.names, "The generations")->required()->option_text("...");
+    _AddChoice(pin, arguments);
+    _AddJson(pin, arguments);
+}
+
 static void _DefineCommands(CLI::App &app, Arguments &arguments)
 {
     _AddCommand(app, arguments, Command::Init, "init", "Make a store", kInitFooter);
@@ -195,10 +212,9 @@ static void _DefineCommands(CLI::App &app, Arguments &arguments)
 
     _DefineSet(app, arguments);
 
-    CLI::App *remove =
-        _AddCommand(app, arguments, Command::Remove, "remove", "Remove generations from the store", kRemoveFooter);
-    remove->add_option("NAME", arguments.names, "The generations")->required()->option_text("...");
-    _AddChoice(remove, arguments);
+    _DefineRemove(app, arguments);
+    _DefinePin(app, arguments, Command::Pin, "pin", "Keep generations from being pruned");
+    _DefinePin(app, arguments, Command::Unpin, "unpin", "Let them be pruned again");
 
     CLI::App *check = _AddCommand(app, arguments, Command::Check, "check", "Verify a store", kCheckFooter);
     check->add_option("STORE", arguments.checked, "The store's directory")->option_text(" ");

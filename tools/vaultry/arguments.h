@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-enum class Command { Init, Add, List, Show, Copy, Restore, Diff, Set, Remove, Check, Destroy, Completion };
+enum class Command { Init, Add, List, Show, Copy, Restore, Diff, Set, Remove, Pin, Unpin, Check, Destroy, Completion };
 
 // Which of a document's generations is meant, where no name tells.
 struct Choice {
@@ -23,8 +23,8 @@ struct Arguments {
 
     std::vector<std::string> documents; // add
     std::string document;               // list: empty for all; restore
-    Choice choice;                      // copy, show, restore, diff, set, remove
-    std::vector<std::string> names;     // remove; with a choice, documents
+    Choice choice;                      // copy, show, restore, diff, set, remove, pin
+    std::vector<std::string> names;     // remove, pin; with a choice, documents
     std::string name;                   // copy, show, restore, diff, set; with a choice, a document
     std::string destination;            // copy
     std::optional<std::string> newName; // add
@@ -32,6 +32,7 @@ struct Arguments {
     bool noLinks = false;               // add
     bool noShare = false;               // add
     bool yes = false;                   // destroy
+    bool pinnedToo = false;             // remove
 
     bool longList = false;                     // list
     std::optional<std::string> client;         // list

@@ -117,11 +117,20 @@ Examples:
 inline constexpr char kRemoveFooter[] = R"(
 Give the whole name of a generation here: a beginning that is typed once too
 often could remove another one. Names that the store doesn't hold are reported;
-the others are removed. Those that were chosen of a DOCUMENT's are named.
+the others are removed. Those that were chosen of a DOCUMENT's are named. One
+that is pinned stays, unless --pinned is given.
 
 Examples:
   vaultry remove before-review
   vaultry remove --latest report.txt)";
+
+inline constexpr char kPinFooter[] = R"(
+A pinned generation is never pruned, and "remove" wants --pinned for it.
+
+Examples:
+  vaultry pin "to the printer"
+  vaultry pin --latest report.txt
+  vaultry unpin "to the printer")";
 
 inline constexpr char kDestroyFooter[] = R"(
 Says how many generations go, and asks first. Refuses a directory that is not a

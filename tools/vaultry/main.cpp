@@ -47,6 +47,9 @@ static int _Run(const Arguments &arguments)
         return RunSet(arguments);
     case Command::Remove:
         return RunRemove(arguments);
+    case Command::Pin:
+    case Command::Unpin:
+        return RunPin(arguments);
     case Command::Check:
         return RunCheck(arguments);
     case Command::Destroy:

@@ -23,6 +23,16 @@ static void _Require(const Store &store, const std::set<std::string> &present, c
                                                     ", and what is removed has to be named whole, as " + Quoted(*next));
 }
 
+// Damage must not keep a generation from being removed, and who can't read what is noted can't read a pin.
+static bool _IsPinned(const Store &store, const std::string &name)
+{
+    try {
+        return store.InfoOf(name).isPinned;
+    } catch (const CommandFailure &) {
+        return false;
+    }
+}
+
 int RunRemove(const Arguments &arguments)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
@@ -35,6 +45,8 @@ int RunRemove(const Arguments &arguments)
         problems.Note([&] {
             const std::string name = isChosen ? ChosenGeneration(store, arguments.choice, given) : given;
             _Require(store, present, name);
+            if (!arguments.pinnedToo && _IsPinned(store, name))
+                throw CommandFailure(kExitFailure, Quoted(name) + " is pinned, and stays: --pinned removes it too");
             names.push_back(name);
         });
     }

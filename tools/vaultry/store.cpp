@@ -166,6 +166,9 @@ GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
     const TQValue *size = TQDictionaryGetValue(dictionary, MakeString(kSizeKey).get());
     if (TQGetTypeID(size) == TQNumberGetTypeID() && TQNumberGetInt64(size) >= 0)
         info.size = static_cast<uint64_t>(TQNumberGetInt64(size));
+    const TQValue *pinned = TQDictionaryGetValue(dictionary, MakeString(kPinnedKey).get());
+    // A pin protects: whatever is neither false nor 0 is one.
+    info.isPinned = pinned && (!TQIsNumber(pinned) || TQNumberGetTruth(pinned));
     return info;
 }
 

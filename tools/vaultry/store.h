@@ -20,6 +20,7 @@ struct GenerationInfo {
     std::optional<std::string> document; // absolute path, any bytes
     std::optional<double> time;          // seconds since 1970
     std::optional<uint64_t> size;        // of its files, in bytes
+    bool isPinned = false;               // never to be pruned
 };
 
 // Any client may have written those keys: a value of another kind counts as none.
@@ -78,3 +79,4 @@ uint64_t SizeOfTree(const std::string &path);
 inline constexpr char kDocumentKey[] = "vaultry.document"; // data: the bytes of the absolute path
 inline constexpr char kTimeKey[] = "vaultry.time";         // date
 inline constexpr char kSizeKey[] = "vaultry.size";         // number
+inline constexpr char kPinnedKey[] = "vaultry.pinned";     // boolean
