@@ -182,6 +182,25 @@ static void _DefinePin(CLI::App &app, Arguments &arguments, Command command, con
     _AddJson(pin, arguments);
 }
 
+static void _DefinePrune(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *prune = _AddCommand(app, arguments, Command::Prune, "prune", "Remove generations by rules", kPruneFooter);
+    prune->add_option("DOCUMENT", arguments.documents, "Only generations of these documents")->option_text("...");
+    const auto addCount = [prune](const char *name, size_t &count, const char *description) {
+        prune->add_option(name, count, description)->option_text("N")->check(CLI::Range(1, 999'999'999));
+    };
+    addCount("--keep-last", arguments.keep.last, "Keep the N newest");
+    prune->add_option("--keep-within", arguments.keepWithin, "Keep all from that time until now")->option_text("SPAN");
+    addCount("--keep-hourly", arguments.keep.spans[0], "Keep the newest of each of N hours");
+    addCount("--keep-daily", arguments.keep.spans[1], "Keep the newest of each of N days");
+    addCount("--keep-weekly", arguments.keep.spans[2], "Keep the newest of each of N weeks");
+    addCount("--keep-monthly", arguments.keep.spans[3], "Keep the newest of each of N months");
+    addCount("--keep-yearly", arguments.keep.spans[4], "Keep the newest of each of N years");
+    prune->add_flag("--foreign", arguments.foreign, "Prune generations of other programs, too");
+    prune->add_flag("--dry-run", arguments.isDryRun, "Only show what would be kept and removed");
+    _AddJson(prune, arguments);
+}
+
 static void _DefineCommands(CLI::App &app, Arguments &arguments)
 {
     _AddCommand(app, arguments, Command::Init, "init", "Make a store", kInitFooter);
@@ -213,6 +232,8 @@ static void _DefineCommands(CLI::App &app, Arguments &arguments)
     _DefineSet(app, arguments);
 
     _DefineRemove(app, arguments);
+    _DefinePrune(app, arguments);
+
     _DefinePin(app, arguments, Command::Pin, "pin", "Keep generations from being pruned");
     _DefinePin(app, arguments, Command::Unpin, "unpin", "Let them be pruned again");
 
@@ -232,10 +253,10 @@ static void _DefineCommands(CLI::App &app, Arguments &arguments)
 static std::optional<std::string> _CommandFor(const std::string &word)
 {
     static const std::map<std::string, std::string> commands = {
-        {"save", "add"},     {"keep", "add"},    {"ls", "list"},       {"log", "list"},     {"history", "list"},
-        {"info", "show"},    {"cp", "copy"},     {"get", "copy"},      {"extract", "copy"}, {"revert", "restore"},
-        {"back", "restore"}, {"rm", "remove"},   {"delete", "remove"}, {"verify", "check"}, {"fsck", "check"},
-        {"create", "init"},  {"help", "--help"},
+        {"save", "add"},      {"keep", "add"},     {"ls", "list"},      {"log", "list"},     {"history", "list"},
+        {"info", "show"},     {"cp", "copy"},      {"get", "copy"},     {"extract", "copy"}, {"revert", "restore"},
+        {"back", "restore"},  {"rm", "remove"},    {"forget", "prune"}, {"thin", "prune"},   {"clean", "prune"},
+        {"delete", "remove"}, {"verify", "check"}, {"fsck", "check"},   {"create", "init"},  {"help", "--help"},
     };
     const auto found = commands.find(word);
     return found == commands.end() ? std::nullopt : std::optional(found->second);

@@ -2,11 +2,29 @@
 
 #pragma once
 
+#include "prune_plan.h"
+
 #include <optional>
 #include <string>
 #include <vector>
 
-enum class Command { Init, Add, List, Show, Copy, Restore, Diff, Set, Remove, Pin, Unpin, Check, Destroy, Completion };
+enum class Command {
+    Init,
+    Add,
+    List,
+    Show,
+    Copy,
+    Restore,
+    Diff,
+    Set,
+    Remove,
+    Pin,
+    Unpin,
+    Prune,
+    Check,
+    Destroy,
+    Completion
+};
 
 // Which of a document's generations is meant, where no name tells.
 struct Choice {
@@ -21,7 +39,7 @@ struct Arguments {
     bool verbose = false;
     bool json = false; // print for a program
 
-    std::vector<std::string> documents; // add
+    std::vector<std::string> documents; // add, prune
     std::string document;               // list: empty for all; restore
     Choice choice;                      // copy, show, restore, diff, set, remove, pin
     std::vector<std::string> names;     // remove, pin; with a choice, documents
@@ -41,6 +59,11 @@ struct Arguments {
 
     std::optional<std::string> backup; // restore
     bool noBackup = false;             // restore
+
+    PruneRules keep;                       // prune, except for
+    std::optional<std::string> keepWithin; // prune: a span of time, as it was typed
+    bool foreign = false;                  // prune
+    bool isDryRun = false;                 // prune
 
     std::string other; // diff: a document or a generation
 

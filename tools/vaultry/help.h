@@ -124,6 +124,24 @@ Examples:
   vaultry remove before-review
   vaultry remove --latest report.txt)";
 
+inline constexpr char kPruneFooter[] = R"(
+Goes through the store a document at a time, and removes each generation that no
+rule keeps. Without a rule it refuses. Hours, days, weeks (from Monday), months
+and years are those of the local calendar, and only those with a generation
+count. A SPAN is like 36h, 30d, 8w, 6m or 1y6m. The newest generation of a
+document always stays, and so does one that is pinned.
+
+Generations of other programs, without a time or a document, stay. --foreign
+prunes them too, apart from the others: by when they last changed in the store
+if they have no time, and by display name if they have no document.
+
+--dry-run prints a line for each generation: whether it would stay, and by which
+rules. Without it, one line says how many went and how many are left.
+
+Examples:
+  vaultry prune --dry-run --keep-last 10 --keep-daily 30 --keep-monthly 24
+  vaultry prune --keep-within 1y report.txt)";
+
 inline constexpr char kPinFooter[] = R"(
 A pinned generation is never pruned, and "remove" wants --pinned for it.
 

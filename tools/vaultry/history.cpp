@@ -7,12 +7,17 @@
 
 #include <vaultry/number.h>
 
-#include <algorithm>
-
-bool ForEachRecord(const Store &store, const std::function<void(const TQDictionary *record)> &visit)
+static void _Put(const Owned<TQDictionary> &dictionary, const char *key, TQValue *value)
 {
-    const Owned<TQDictionary> spec(TQDictionaryCreateMutable());
-    TQDictionarySetValue(spec.get(), MakeString("withOptions").get(), Owned<TQNumber>(TQNumberCreateInt64(0)).get());
+    (void)TQDictionarySetValue(dictionary.get(), MakeString(key).get(), value);
+}
+
+bool ForEachRecord(const Store &store, Fields fields, const std::function<void(const TQDictionary *record)> &visit)
+{
+    const Owned<TQDictionary> spec(TQDictionaryCreateMutable()), notes(TQDictionaryCreateMutable());
+    _Put(spec, "withOptions", Owned<TQNumber>(TQNumberCreateInt64(0)).get());
+    _Put(notes, "ODN", TQBooleanGet(true));
+    if (fields == Fields::Notes) _Put(spec, "fields", notes.get());
     const Owned<TQDictionary> groups(
         TQClientManagedStorageCopyAllGenerationsInfos(store.handle(), spec.get(), nullptr));
     if (!groups) return false;
@@ -33,14 +38,13 @@ static const TQValue *_ValueFor(const TQDictionary *record, const char *key)
 std::vector<Kept> ReadHistory(const Store &store, Problems &problems)
 {
     std::vector<Kept> all;
-    std::set<std::string> names;
-    const bool areRead = ForEachRecord(store, [&](const TQDictionary *record) {
+    const bool areRead = ForEachRecord(store, Fields::Notes, [&](const TQDictionary *record) {
         all.push_back({ToText(static_cast<const TQString *>(_ValueFor(record, "name"))),
                        ToGenerationInfo(static_cast<const TQDictionary *>(_ValueFor(record, "info")))});
-        names.insert(all.back().name);
     });
-    const std::set<std::string> present = PeekAtNames(store.path());
-    if (areRead && std::includes(names.begin(), names.end(), present.begin(), present.end())) return all;
+    std::set<std::string> missing = PeekAtNames(store.path());
+    for (const Kept &kept : all) missing.erase(kept.name);
+    if (areRead && missing.empty()) return all;
 
     // One that is damaged must not keep the others from being found, and one that went meanwhile is not missed.
     all.clear();

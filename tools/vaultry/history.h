@@ -7,9 +7,12 @@
 #include <functional>
 #include <vector>
 
+// What a record has beside the name: all that can be known, or only display name and info.
+enum class Fields { All, Notes };
+
 // Visits the record of each generation, as it was at one moment. False if they can't be read in one go, as if a single
 // one is damaged. If the store's directory can't be read to its end, the rest is missing without a word.
-bool ForEachRecord(const Store &store, const std::function<void(const TQDictionary *record)> &visit);
+bool ForEachRecord(const Store &store, Fields fields, const std::function<void(const TQDictionary *record)> &visit);
 
 struct Kept {
     std::string name;

@@ -50,6 +50,8 @@ static int _Run(const Arguments &arguments)
     case Command::Pin:
     case Command::Unpin:
         return RunPin(arguments);
+    case Command::Prune:
+        return RunPrune(arguments);
     case Command::Check:
         return RunCheck(arguments);
     case Command::Destroy:
