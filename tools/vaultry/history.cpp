@@ -4,20 +4,15 @@
 
 #include "failure.h"
 #include "owned.h"
+#include "text.h"
 
+#include <vaultry/metadata.h>
 #include <vaultry/number.h>
 
-static void _Put(const Owned<TQDictionary> &dictionary, const char *key, TQValue *value)
+bool ForEachRecord(const Store &store, const std::function<void(const TQDictionary *record)> &visit)
 {
-    (void)TQDictionarySetValue(dictionary.get(), MakeString(key).get(), value);
-}
-
-bool ForEachRecord(const Store &store, Fields fields, const std::function<void(const TQDictionary *record)> &visit)
-{
-    const Owned<TQDictionary> spec(TQDictionaryCreateMutable()), notes(TQDictionaryCreateMutable());
-    _Put(spec, "withOptions", Owned<TQNumber>(TQNumberCreateInt64(0)).get());
-    _Put(notes, "ODN", TQBooleanGet(true));
-    if (fields == Fields::Notes) _Put(spec, "fields", notes.get());
+    const Owned<TQDictionary> spec(TQDictionaryCreateMutable());
+    TQDictionarySetValue(spec.get(), MakeString("withOptions").get(), Owned<TQNumber>(TQNumberCreateInt64(0)).get());
     const Owned<TQDictionary> groups(
         TQClientManagedStorageCopyAllGenerationsInfos(store.handle(), spec.get(), nullptr));
     if (!groups) return false;
@@ -30,30 +25,24 @@ bool ForEachRecord(const Store &store, Fields fields, const std::function<void(c
     return true;
 }
 
-static const TQValue *_ValueFor(const TQDictionary *record, const char *key)
+// Each note is written and read by one call of the kernel, so this needs no lock.
+static GenerationInfo _InfoWithoutLock(const Store &store, const std::string &name)
 {
-    return TQDictionaryGetValue(record, MakeString(key).get());
+    Owned<TQError> error;
+    const Owned<TQDictionary> info(TQCopyMutableInfoDictionary((store.path() + "/" + name).c_str(), error.out()));
+    if (info) return ToGenerationInfo(info.get());
+    throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get());
 }
 
 std::vector<Kept> ReadHistory(const Store &store, Problems &problems)
 {
     std::vector<Kept> all;
-    const bool areRead = ForEachRecord(store, Fields::Notes, [&](const TQDictionary *record) {
-        all.push_back({ToText(static_cast<const TQString *>(_ValueFor(record, "name"))),
-                       ToGenerationInfo(static_cast<const TQDictionary *>(_ValueFor(record, "info")))});
-    });
-    std::set<std::string> missing = PeekAtNames(store.path());
-    for (const Kept &kept : all) missing.erase(kept.name);
-    if (areRead && missing.empty()) return all;
-
-    // One that is damaged must not keep the others from being found, and one that went meanwhile is not missed.
-    all.clear();
     for (const std::string &name : store.Names()) {
         problems.Note([&] {
             try {
-                all.push_back({name, store.InfoOf(name)});
+                all.push_back({name, _InfoWithoutLock(store, name)});
             } catch (const CommandFailure &) {
-                if (!store.Lacks(name)) throw;
+                if (!store.Lacks(name)) throw; // one that went meanwhile is not missed
             }
         });
     }

@@ -79,7 +79,7 @@ static Entry _ToEntry(const TQDictionary *record)
 static bool _ReadAll(const Store &store, const std::string &document, const Filter &filter, std::vector<Entry> &entries)
 try {
     std::set<std::string> found;
-    const bool areRead = ForEachRecord(store, Fields::All, [&](const TQDictionary *record) {
+    const bool areRead = ForEachRecord(store, [&](const TQDictionary *record) {
         Entry entry = _ToEntry(record);
         found.insert(entry.name);
         if (!filter.Admits(entry.options) || (!document.empty() && entry.info.document != document)) return;
