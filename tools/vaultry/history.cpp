@@ -6,7 +6,6 @@
 #include "owned.h"
 #include "text.h"
 
-#include <vaultry/metadata.h>
 #include <vaultry/number.h>
 
 bool ForEachRecord(const Store &store, const std::function<void(const TQDictionary *record)> &visit)
@@ -25,22 +24,13 @@ bool ForEachRecord(const Store &store, const std::function<void(const TQDictiona
     return true;
 }
 
-// Each note is written and read by one call of the kernel, so this needs no lock.
-static GenerationInfo _InfoWithoutLock(const Store &store, const std::string &name)
-{
-    Owned<TQError> error;
-    const Owned<TQDictionary> info(TQCopyMutableInfoDictionary((store.path() + "/" + name).c_str(), error.out()));
-    if (info) return ToGenerationInfo(info.get());
-    throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get());
-}
-
 std::vector<Kept> ReadHistory(const Store &store, Problems &problems)
 {
     std::vector<Kept> all;
     for (const std::string &name : store.Names()) {
         problems.Note([&] {
             try {
-                all.push_back({name, _InfoWithoutLock(store, name)});
+                all.push_back({name, store.PeekAtInfoOf(name)});
             } catch (const CommandFailure &) {
                 if (!store.Lacks(name)) throw; // one that went meanwhile is not missed
             }

@@ -27,7 +27,7 @@ static void _Require(const Store &store, const std::set<std::string> &present, c
 static bool _IsPinned(const Store &store, const std::string &name)
 {
     try {
-        return store.InfoOf(name).isPinned;
+        return store.PeekAtInfoOf(name).isPinned;
     } catch (const CommandFailure &) {
         return false;
     }

@@ -6,6 +6,7 @@
 #include "text.h"
 
 #include <vaultry/archive.h>
+#include <vaultry/metadata.h>
 #include <vaultry/number.h>
 #include <vaultry/url.h>
 
@@ -116,6 +117,14 @@ Owned<TQDictionary> Store::InfoDictionaryOf(const std::string &name) const
     if (!dictionary)
         throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get());
     return dictionary;
+}
+
+GenerationInfo Store::PeekAtInfoOf(const std::string &name) const
+{
+    Owned<TQError> error;
+    const Owned<TQDictionary> info(TQCopyMutableInfoDictionary((path_ + "/" + name).c_str(), error.out()));
+    if (info) return ToGenerationInfo(info.get());
+    throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get());
 }
 
 std::string Store::DisplayNameOf(const std::string &name) const

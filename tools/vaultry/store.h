@@ -53,6 +53,8 @@ public:
     // throws if it can't be read, whether or not the others can.
     Owned<TQDictionary> InfoDictionaryOf(const std::string &name) const;
     GenerationInfo InfoOf(const std::string &name) const { return ToGenerationInfo(InfoDictionaryOf(name).get()); }
+    // The same by one call of the kernel, without the lock: notes are written and read whole.
+    GenerationInfo PeekAtInfoOf(const std::string &name) const;
     std::string DisplayNameOf(const std::string &name) const;
     // Whether these notes could be stored when it was added. The document may have brought others.
     bool HasNotes(const std::string &name, const TQDictionary *notes) const noexcept;
