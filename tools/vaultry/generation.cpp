@@ -5,6 +5,7 @@
 #include "document.h"
 #include "failure.h"
 #include "history.h"
+#include "naming.h"
 #include "nearest.h"
 #include "text.h"
 #include "times.h"
@@ -99,6 +100,31 @@ static std::optional<double> _LimitOf(const Choice &choice)
     return limit;
 }
 
+// Another document of the same folder, whose name is the nearest.
+static std::optional<std::string> _NearestDocument(const std::vector<Kept> &history, const std::string &document)
+{
+    const std::string name = BaseName(document), folder = document.substr(0, document.size() - name.size());
+    std::set<std::string> others;
+    for (const Kept &kept : history) {
+        const std::string other = kept.info.document.value_or("");
+        if (folder + BaseName(other) == other) others.insert(BaseName(other));
+    }
+    return NearestTo(name, {others.begin(), others.end()}, Match::Whole);
+}
+
+// Why nothing of the document was found: it has nothing, or nothing so early.
+static CommandFailure _NothingOf(const Store &store, const std::vector<Kept> &history, const std::string &document)
+{
+    const Kept *oldest = nullptr;
+    for (const Kept &kept : history) {
+        if (kept.info.document != document || !kept.info.time) continue;
+        if (!oldest || *kept.info.time < *oldest->info.time) oldest = &kept;
+    }
+    const std::string what = "the store " + Quoted(store.path()) + " holds no generation of " + Quoted(document);
+    if (!oldest) return {kExitNoSuchGeneration, what + DidYouMean(_NearestDocument(history, document))};
+    return {kExitNoSuchGeneration, what + " that was kept by then: the first is of " + HumanTime(*oldest->info.time)};
+}
+
 std::string ChosenGeneration(const Store &store, const Choice &choice, const std::string &given)
 {
     if (!choice.isMade()) return ResolveGeneration(store, given);
@@ -108,11 +134,7 @@ std::string ChosenGeneration(const Store &store, const Choice &choice, const std
     const std::vector<Kept> history = ReadHistory(store, problems);
     problems.SayAll();
     if (const auto newest = _NewestOf(history, document, limit)) return *newest;
-    throw CommandFailure(kExitNoSuchGeneration, "the store " + Quoted(store.path()) + " holds no generation of " +
-                                                    Quoted(document) +
-                                                    (choice.at       ? " from that time or before"
-                                                     : choice.before ? " from before that time"
-                                                                     : ""));
+    throw _NothingOf(store, history, document);
 }
 
 std::optional<std::string> BaseFor(const Store &store, const std::string &document)

@@ -159,7 +159,7 @@ std::optional<TypedTime> ParseTime(const std::string &text, double now)
 
 std::optional<double> BeginningOfSpan(const std::string &text, double now)
 {
-    static const std::regex form("(?:\\d{1,6}[hdwmy])+"), part("(\\d+)([hdwmy])");
+    static const std::regex form("(?:\\d{1,6}[hdwmy]){1,5}"), part("(\\d+)([hdwmy])");
     if (!std::regex_match(text, form)) return std::nullopt;
     for (std::sregex_iterator match(text.begin(), text.end(), part), end; match != end; ++match) {
         const auto time = _Before(now, std::stoi((*match)[1]), _UnitOf((*match)[2]));
