@@ -25,7 +25,7 @@ static std::string _AsTyped(const std::string &document)
     return isPlain ? document : "DOCUMENT";
 }
 
-std::optional<CommandFailure> IsADocument(const Store &store, const std::string &given)
+std::optional<CommandFailure> RefusalOfDocument(const Store &store, const std::string &given)
 {
     if (given.empty()) return std::nullopt;
     const std::string document = DocumentPathIfKnown(given), typed = _AsTyped(given);
@@ -42,7 +42,7 @@ std::optional<CommandFailure> IsADocument(const Store &store, const std::string 
 
 CommandFailure NoSuchGeneration(const Store &store, const std::set<std::string> &present, const std::string &given)
 {
-    if (const auto document = IsADocument(store, given)) return *document;
+    if (const auto document = RefusalOfDocument(store, given)) return *document;
     const auto nearest = NearestTo(given, {present.begin(), present.end()}, Match::Beginning);
     return CommandFailure(kExitNoSuchGeneration, "there is no generation " + Quoted(given) + " in the store " +
                                                      Quoted(store.path()) + DidYouMean(nearest));
@@ -58,7 +58,7 @@ std::string ResolveGeneration(const Store &store, const std::string &given)
             candidates.push_back(*name);
     if (candidates.size() == 1) return candidates.front();
     if (candidates.empty()) throw NoSuchGeneration(store, names, given);
-    if (const auto document = IsADocument(store, given)) throw *document;
+    if (const auto document = RefusalOfDocument(store, given)) throw *document;
 
     std::string message = Quoted(given) + " is the beginning of " + std::to_string(candidates.size()) + " generations:";
     for (size_t i = 0; i < candidates.size() && i < kShownCandidates; ++i) message += "\n  " + Printable(candidates[i]);

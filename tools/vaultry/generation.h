@@ -11,12 +11,12 @@ std::string ResolveGeneration(const Store &store, const std::string &given);
 // The same, or, with a choice, the one of the document `given` that was chosen. Throws if there is none.
 std::string ChosenGeneration(const Store &store, const Choice &choice, const std::string &given);
 
-// Why `given` names none of the generations that are present. If it names a document, how many it has, and what to type
-// instead; else the name that is the nearest.
+// Says that `given` names none of the generations that are present, and which name is the nearest; or that it names a
+// document, as below.
 CommandFailure NoSuchGeneration(const Store &store, const std::set<std::string> &present, const std::string &given);
 
-// The same if `given` names a document of which something is kept; none if not.
-std::optional<CommandFailure> IsADocument(const Store &store, const std::string &given);
+// Says that `given` names a document, how many generations it has, and what to type instead. None if it has none.
+std::optional<CommandFailure> RefusalOfDocument(const Store &store, const std::string &given);
 
 // The newest generation of a document, for an add that shares unchanged files. None if there is none.
 std::optional<std::string> BaseFor(const Store &store, const std::string &document);

@@ -28,6 +28,9 @@ bool PruneRules::areSome() const
 
 using Spans = std::array<int64_t, kSpanRules>;
 
+static constexpr int64_t kHour = 3600, kDay = 24 * kHour;
+
+// Rounded down, also before 1970.
 static int64_t _Quotient(int64_t number, int64_t divisor)
 {
     return (number - (number % divisor + divisor) % divisor) / divisor;
@@ -39,8 +42,8 @@ static Spans _SpansAt(double time)
     const auto seconds = static_cast<time_t>(std::floor(time));
     struct tm parts {};
     (void)localtime_r(&seconds, &parts);
-    const int64_t shown = seconds + parts.tm_gmtoff, day = _Quotient(shown, 24 * 60 * 60);
-    const int64_t hourBegan = _Quotient(shown, 60 * 60) * 60 * 60 - parts.tm_gmtoff;
+    const int64_t shown = seconds + parts.tm_gmtoff, day = _Quotient(shown, kDay);
+    const int64_t hourBegan = _Quotient(shown, kHour) * kHour - parts.tm_gmtoff;
     return {hourBegan, day, _Quotient(day + 3, 7), // 1970 began on a Thursday, and weeks begin on Mondays
             parts.tm_year * INT64_C(12) + parts.tm_mon, parts.tm_year};
 }

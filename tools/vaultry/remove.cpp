@@ -18,7 +18,7 @@ static void _Require(const Store &store, const std::set<std::string> &present, c
     const auto next = name.empty() ? present.end() : present.lower_bound(name);
     const bool isBeginning = next != present.end() && next->rfind(name, 0) == 0;
     if (!isBeginning) throw NoSuchGeneration(store, present, name);
-    if (const auto document = IsADocument(store, name)) throw *document;
+    if (const auto document = RefusalOfDocument(store, name)) throw *document;
     throw CommandFailure(kExitNoSuchGeneration, "there is no generation " + Quoted(name) +
                                                     ", and what is removed has to be named whole, as " + Quoted(*next));
 }

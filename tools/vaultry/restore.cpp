@@ -28,7 +28,8 @@ static constexpr unsigned kMaximumAttempts = 1000;
 static std::string _Generation(const Store &store, const Arguments &arguments)
 {
     if (!arguments.name.empty()) return ChosenGeneration(store, arguments.choice, arguments.name);
-    if (const auto known = IsADocument(store, arguments.document)) throw CommandFailure(kExitUsage, known->what());
+    if (const auto known = RefusalOfDocument(store, arguments.document))
+        throw CommandFailure(kExitUsage, known->what());
     throw CommandFailure(kExitUsage, "restore wants a NAME and a DOCUMENT, or --latest, --at or --before");
 }
 

@@ -7,7 +7,7 @@
 #include <map>
 #include <regex>
 
-static constexpr time_t kDay = 24 * 60 * 60;
+static constexpr time_t kDay = 86'400;
 
 using Clock = TypedTime::Clock;
 
