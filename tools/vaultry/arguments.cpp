@@ -1,9 +1,12 @@
-// The command line: subcommands, options, and the help that explains them.
+// The command line: subcommands and options. help.h has what the help of a subcommand says besides.
 
 #include "arguments.h"
 
 #include "completion.h"
 #include "failure.h"
+#include "help.h"
+#include "nearest.h"
+#include "text.h"
 
 #include <CLI/CLI.hpp>
 
@@ -33,129 +36,6 @@ Examples:
   vaultry copy report-2026-03 /tmp       a copy of it; the beginning of a name will do
 
 "vaultry COMMAND --help" explains a command.)";
-
-static constexpr char kAddFooter[] = R"(
-Each document, a file or a directory with everything in it, becomes a
-generation: a write-protected copy. Its name is printed. Files named "._..."
-are left out; FIFOs, sockets and devices can't be kept. Symbolic links are kept
-as links; a document that is itself a link is resolved first. A file of a
-directory that is the same in the document's newest generation shares its room
-with that, as a hard link, after a comparison of every byte, unless it can be
-cloned or the document is moved. Ctrl-C leaves nothing behind.
-
-Examples:
-  vaultry add report.txt Photos/         as report-2026-03-01T10-15-30Z.txt, ...
-  vaultry add --name before-review report.txt
-  vaultry add --move old-draft.txt       into the store, and away from here)";
-
-static constexpr char kListFooter[] = R"(
-Oldest first. Times are local. A generation that another program added may have
-no time and no document. If the metadata of one can't be read, "?" stands in
-their place, a message says what is wrong, and the exit status is that of a
-failure; the others are listed all the same. With a DOCUMENT, a generation whose
-document can't be read is not listed, but has its message. With --json, one
-object a line: name, document, kept, size, options, display_name, and problems,
-a list of messages, where there are any.
-
-Examples:
-  vaultry list
-  vaultry list report.txt                the history of one document
-  vaultry list --long --client nimbusync)";
-
-static constexpr char kShowFooter[] = R"(
-Permissions and flags are those that the document had, not those that protect
-the generation. What can't be read is left out, a message says what is wrong,
-and the exit status is that of a failure. With --json the messages are also
-listed under problems.
-
-Example:
-  vaultry show before-review)";
-
-static constexpr char kRestoreFooter[] = R"(
-The document keeps its own permissions and flags. Its present state is kept
-first, as a generation of its own whose name is printed; nothing is lost by
-restoring the wrong one. If another program saves the file meanwhile, the
-restore fails and keeps what was saved. If the generation's name ends in another
-extension, the document gets that extension. A document that is gone is copied
-back.
-
-A TIME is local, 2026-03-01 or "2026-03-01 10:15:30", or UTC with a Z at its
-end. It stands for the last moment of the day, minute or second that it names.
-
-Examples:
-  vaultry restore --latest report.txt
-  vaultry restore --at 2026-03-01 report.txt
-  vaultry restore before-review report.txt)";
-
-static constexpr char kDiffFooter[] = R"(
-Compares with the document that the generation was made from, or with another
-document or generation. Exit status 0 if nothing differs, 1 if something does,
-2 or more if that can't be told.
-
-Examples:
-  vaultry diff before-review
-  vaultry diff before-review after-review)";
-
-static constexpr char kSetFooter[] = R"(
-key=text sets a text, key:=json a number, true or false, a list or a dictionary;
-{"$date": "2026-03-01T10:15:30Z"} and {"$data": "base64"} are a date and bytes.
-
-Examples:
-  vaultry set before-review author=Ada reviewed:=true
-  vaultry set before-review --unset author --display-name "Report")";
-
-static constexpr char kCheckFooter[] = R"(
-Each finding is shown with its path and its meaning. --repair mends what is safe
-to mend: it puts protection back, returns a document that an interrupted
-operation left aside to its place, and removes anything else that the operation
-left behind. An item that may be in use stays for an hour after its last change.
-The contents of generations are never touched.
-
-Example:
-  vaultry check --repair)";
-
-static constexpr char kCompletionFooter[] = R"(
-Commands, options, their values and the names of generations are completed.
-
-Examples:
-  source <(vaultry completion bash)      in ~/.bashrc
-  source <(vaultry completion zsh)       in ~/.zshrc, behind compinit
-  vaultry completion fish | source       in ~/.config/fish/config.fish)";
-
-static constexpr char kCopyFooter[] = R"(
-The copy is an ordinary document again, with the permissions that it had.
-As with cp, a DESTINATION that is a directory receives it under the document's
-own name, and any other DESTINATION is its new name. Nothing that exists is
-ever replaced. The path of the copy is printed. Copying can't be interrupted
-half-way: after Ctrl-C the copy is removed as soon as it is complete; a second
-Ctrl-C ends at once and leaves what has been written.
-
-Examples:
-  vaultry copy before-review report-old.txt
-  vaultry copy report-2026-03-01T10-15-30Z.txt /tmp    to /tmp/report.txt)";
-
-static constexpr char kRemoveFooter[] = R"(
-Give the whole name of a generation here: a beginning that is typed once too
-often could remove another one. Names that the store doesn't hold are reported;
-the others are removed.
-
-Example:
-  vaultry remove before-review)";
-
-static constexpr char kDestroyFooter[] = R"(
-Says how many generations go, and asks first. Refuses a directory that is not a
-store, and a store with a document that an interrupted operation left aside,
-which "check --repair" gives back. If it is cut short, call it again: it goes on.
-
-Example:
-  vaultry destroy --store /tmp/try --yes)";
-
-static constexpr char kInitFooter[] = R"(
-Makes the directory, for you alone, or takes an empty one. Nothing changes in
-a directory that is a store already, and any other is refused.
-
-Example:
-  vaultry init --store /srv/versions)";
 
 // An argument whose name stands for two things, "[NAME] DOCUMENT", is shown without a count.
 class Formatter : public CLI::Formatter {
@@ -197,6 +77,26 @@ static void _AddJson(CLI::App *command, Arguments &arguments)
     command->add_flag("--json", arguments.json, "Print JSON, one object a line");
 }
 
+// A generation has a NAME, or is chosen of a DOCUMENT's.
+static void _AddChoice(CLI::App *command, Arguments &arguments)
+{
+    Choice &choice = arguments.choice;
+    CLI::Option *latest = command->add_flag("--latest", choice.latest, "The newest generation of a DOCUMENT");
+    latest->option_text(" ");
+    CLI::Option *at = command->add_option("--at", choice.at, "The newest one at that time");
+    at->option_text("TIME")->excludes(latest);
+    command->add_option("--before", choice.before, "The newest one before it")
+        ->option_text("TIME")
+        ->excludes(latest)
+        ->excludes(at);
+    command->footer(kChoiceFooter + command->get_footer());
+}
+
+static void _AddName(CLI::App *command, Arguments &arguments)
+{
+    command->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
+}
+
 static void _DefineAdd(CLI::App &app, Arguments &arguments)
 {
     CLI::App *add = _AddCommand(app, arguments, Command::Add, "add", "Keep documents as they are now", kAddFooter);
@@ -227,15 +127,16 @@ static void _DefineList(CLI::App &app, Arguments &arguments)
 static void _DefineSet(CLI::App &app, Arguments &arguments)
 {
     CLI::App *set = _AddCommand(app, arguments, Command::Set, "set", "Change what is known of one", kSetFooter);
-    set->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
+    _AddName(set, arguments);
     set->add_option("KEY=VALUE", arguments.assignments, "What to set in its info dictionary")->option_text("...");
     set->add_option("--unset", arguments.unset, "Remove a key")->option_text("KEY")->expected(1)->take_all();
     set->add_option("--display-name", arguments.displayName, "What to show the document as; \"\" for nothing")
         ->option_text("NAME");
     set->add_option("--options", arguments.options, "The options word, such as 0x4")->option_text("WORD");
+    _AddChoice(set, arguments);
 }
 
-// NAME DOCUMENT, or DOCUMENT alone with --latest or --at.
+// NAME DOCUMENT, or DOCUMENT alone with a choice.
 static void _DefineRestore(CLI::App &app, Arguments &arguments)
 {
     CLI::App *restore =
@@ -244,25 +145,22 @@ static void _DefineRestore(CLI::App &app, Arguments &arguments)
         ->required()
         ->expected(1, 2)
         ->option_text(" ");
-    CLI::Option *latest = restore->add_flag("--latest", arguments.latest, "The newest generation of DOCUMENT");
-    latest->option_text(" ");
-    restore->add_option("--at", arguments.at, "The newest one at that time")->option_text("TIME")->excludes(latest);
     CLI::Option *backup = restore->add_option("--backup", arguments.backup, "What to keep its present state as");
     backup->option_text("NAME");
     restore->add_flag("--no-backup", arguments.noBackup, "Don't keep its present state")
         ->option_text(" ")
         ->excludes(backup);
+    _AddChoice(restore, arguments);
     _AddJson(restore, arguments);
 }
 
 static void _SortOutRestore(Arguments &arguments)
 {
-    const size_t wanted = arguments.latest || arguments.at ? 1 : 2;
-    if (arguments.names.size() != wanted)
-        throw CLI::ValidationError("restore", wanted == 1 ? "--latest and --at take the DOCUMENT alone"
-                                                          : "wants a NAME and a DOCUMENT, or --latest or --at");
+    const bool isChosen = arguments.choice.isMade();
+    if (isChosen && arguments.names.size() != 1)
+        throw CLI::ValidationError("restore", "--latest, --at and --before take the DOCUMENT alone");
     arguments.document = arguments.names.back();
-    if (wanted == 2) arguments.name = arguments.names.front();
+    arguments.name = isChosen ? arguments.document : arguments.names.size() == 2 ? arguments.names.front() : "";
 }
 
 static void _DefineCompletion(CLI::App &app, Arguments &arguments)
@@ -275,6 +173,42 @@ static void _DefineCompletion(CLI::App &app, Arguments &arguments)
         ->check(CLI::IsMember({"bash", "zsh", "fish"}));
 }
 
+static void _DefineRemove(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *remove =
+        _AddCommand(app, arguments, Command::Remove, "remove", "Remove generations from the store", kRemoveFooter);
+    remove->add_option("NAME", arguments.names, "The generations")->required()->option_text("...");
+    remove->add_flag("--pinned", arguments.pinnedToo, "Remove them even if they are pinned");
+    _AddChoice(remove, arguments);
+}
+
+static void _DefinePin(CLI::App &app, Arguments &arguments, Command command, const char *name, const char *description)
+{
+    CLI::App *pin = _AddCommand(app, arguments, command, name, description, kPinFooter);
+    pin->add_option("NAME", arguments.names, "The generations")->required()->option_text("...");
+    _AddChoice(pin, arguments);
+    _AddJson(pin, arguments);
+}
+
+static void _DefinePrune(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *prune = _AddCommand(app, arguments, Command::Prune, "prune", "Remove generations by rules", kPruneFooter);
+    prune->add_option("DOCUMENT", arguments.documents, "Only generations of these documents")->option_text("...");
+    const auto addCount = [prune](const char *name, size_t &count, const char *description) {
+        prune->add_option(name, count, description)->option_text("N")->check(CLI::Range(1, 999'999'999));
+    };
+    addCount("--keep-last", arguments.keep.last, "Keep the N newest");
+    prune->add_option("--keep-within", arguments.keepWithin, "Keep all from that time until now")->option_text("SPAN");
+    addCount("--keep-hourly", arguments.keep.spans[0], "Keep the newest of each of N hours");
+    addCount("--keep-daily", arguments.keep.spans[1], "Keep the newest of each of N days");
+    addCount("--keep-weekly", arguments.keep.spans[2], "Keep the newest of each of N weeks");
+    addCount("--keep-monthly", arguments.keep.spans[3], "Keep the newest of each of N months");
+    addCount("--keep-yearly", arguments.keep.spans[4], "Keep the newest of each of N years");
+    prune->add_flag("--foreign", arguments.foreign, "Prune generations of other programs, too");
+    prune->add_flag("--dry-run", arguments.isDryRun, "Only show what would be kept and removed");
+    _AddJson(prune, arguments);
+}
+
 static void _DefineCommands(CLI::App &app, Arguments &arguments)
 {
     _AddCommand(app, arguments, Command::Init, "init", "Make a store", kInitFooter);
@@ -284,27 +218,32 @@ static void _DefineCommands(CLI::App &app, Arguments &arguments)
     _DefineList(app, arguments);
 
     CLI::App *show = _AddCommand(app, arguments, Command::Show, "show", "Show all of one generation", kShowFooter);
-    show->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
+    _AddName(show, arguments);
+    _AddChoice(show, arguments);
     _AddJson(show, arguments);
 
     CLI::App *copy =
         _AddCommand(app, arguments, Command::Copy, "copy", "Bring a generation back as a document", kCopyFooter);
-    copy->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
+    _AddName(copy, arguments);
     copy->add_option("DESTINATION", arguments.destination, "Where to")->required()->option_text(" ");
+    _AddChoice(copy, arguments);
     _AddJson(copy, arguments);
 
     _DefineRestore(app, arguments);
 
     CLI::App *diff = _AddCommand(app, arguments, Command::Diff, "diff", "Show what has changed since", kDiffFooter);
-    diff->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
+    _AddName(diff, arguments);
     diff->add_option("OTHER", arguments.other, "A document, or another generation")->option_text(" ");
+    _AddChoice(diff, arguments);
     _AddJson(diff, arguments);
 
     _DefineSet(app, arguments);
 
-    CLI::App *remove =
-        _AddCommand(app, arguments, Command::Remove, "remove", "Remove generations from the store", kRemoveFooter);
-    remove->add_option("NAME", arguments.names, "The generations")->required()->option_text("...");
+    _DefineRemove(app, arguments);
+    _DefinePrune(app, arguments);
+
+    _DefinePin(app, arguments, Command::Pin, "pin", "Keep generations from being pruned");
+    _DefinePin(app, arguments, Command::Unpin, "unpin", "Let them be pruned again");
 
     CLI::App *check = _AddCommand(app, arguments, Command::Check, "check", "Verify a store", kCheckFooter);
     check->add_option("STORE", arguments.checked, "The store's directory")->option_text(" ");
@@ -318,6 +257,41 @@ static void _DefineCommands(CLI::App &app, Arguments &arguments)
     _DefineCompletion(app, arguments);
 }
 
+// Words that people bring along from other commands.
+static std::optional<std::string> _CommandFor(const std::string &word)
+{
+    static const std::map<std::string, std::string> commands = {
+        {"save", "add"},      {"keep", "add"},     {"ls", "list"},      {"log", "list"},     {"history", "list"},
+        {"info", "show"},     {"cp", "copy"},      {"get", "copy"},     {"extract", "copy"}, {"revert", "restore"},
+        {"back", "restore"},  {"rm", "remove"},    {"forget", "prune"}, {"thin", "prune"},   {"clean", "prune"},
+        {"delete", "remove"}, {"verify", "check"}, {"fsck", "check"},   {"create", "init"},  {"help", "--help"},
+    };
+    const auto found = commands.find(word);
+    return found == commands.end() ? std::nullopt : std::optional(found->second);
+}
+
+// Which word nothing takes, and what may have been meant by it; "" if something else is wrong.
+static std::string _WrongWord(const CLI::App &app)
+{
+    const std::vector<std::string> words = app.remaining(/*recurse=*/true);
+    if (words.empty()) return "";
+    const bool hasCommand = !app.get_subcommands().empty();
+    const CLI::App &command = hasCommand ? *app.get_subcommands().front() : app;
+    const std::string word = words.front().substr(0, words.front().find('='));
+    std::vector<std::string> candidates;
+    if (word.size() > 1 && word[0] == '-') {
+        for (const CLI::Option *option : command.get_options())
+            for (const std::string &name : option->get_lnames()) candidates.push_back("--" + name);
+        return (hasCommand ? command.get_name() + " has" : "there is") + " no option " + Quoted(word) +
+               DidYouMean(NearestTo(word, candidates, Match::Whole));
+    }
+    if (hasCommand) return "";
+    for (const CLI::App *each : app.get_subcommands({})) candidates.push_back(each->get_name());
+    std::optional<std::string> meant = _CommandFor(word);
+    if (!meant) meant = NearestTo(word, candidates, Match::Whole);
+    return "there is no command " + Quoted(word) + DidYouMean(meant);
+}
+
 std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)
 {
     CLI::App app(kDescription, "vaultry");
@@ -326,8 +300,9 @@ std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)
     app.get_formatter()->column_width(24);
     app.set_version_flag("--version", "vaultry " VAULTRY_VERSION, "Show the version and exit");
     app.require_subcommand(1);
-    app.failure_message([](const CLI::App *, const CLI::Error &error) {
-        return std::string("vaultry: ") + error.what() + "\nTry \"vaultry --help\".\n";
+    app.failure_message([](const CLI::App *parsed, const CLI::Error &error) {
+        const std::string wrong = _WrongWord(*parsed);
+        return "vaultry: " + (wrong.empty() ? error.what() : wrong) + "\nTry \"vaultry --help\".\n";
     });
     _AddCommonOptions(&app, arguments);
     _DefineCommands(app, arguments);

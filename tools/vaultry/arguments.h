@@ -2,11 +2,36 @@
 
 #pragma once
 
+#include "prune_plan.h"
+
 #include <optional>
 #include <string>
 #include <vector>
 
-enum class Command { Init, Add, List, Show, Copy, Restore, Diff, Set, Remove, Check, Destroy, Completion };
+enum class Command {
+    Init,
+    Add,
+    List,
+    Show,
+    Copy,
+    Restore,
+    Diff,
+    Set,
+    Remove,
+    Pin,
+    Unpin,
+    Prune,
+    Check,
+    Destroy,
+    Completion
+};
+
+// Which of a document's generations is meant, where no name tells.
+struct Choice {
+    bool latest = false;
+    std::optional<std::string> at, before; // times, as they were typed
+    bool isMade() const { return latest || at || before; }
+};
 
 struct Arguments {
     Command command = Command::List;
@@ -15,26 +40,31 @@ struct Arguments {
     std::optional<double> wait; // seconds
     bool json = false;          // print for a program
 
-    std::vector<std::string> documents; // add
+    std::vector<std::string> documents; // add, prune
     std::string document;               // list: empty for all; restore
-    std::vector<std::string> names;     // remove
-    std::string name;                   // copy, show, restore, diff, set
+    Choice choice;                      // copy, show, restore, diff, set, remove, pin
+    std::vector<std::string> names;     // remove, pin; with a choice, documents
+    std::string name;                   // copy, show, restore, diff, set; with a choice, a document
     std::string destination;            // copy
     std::optional<std::string> newName; // add
     bool move = false;                  // add
     bool noLinks = false;               // add
     bool noShare = false;               // add
     bool yes = false;                   // destroy
+    bool pinnedToo = false;             // remove
 
     bool longList = false;                     // list
     std::optional<std::string> client;         // list
     std::optional<std::string> withOptions;    // list
     std::optional<std::string> withoutOptions; // list
 
-    bool latest = false;               // restore
-    std::optional<std::string> at;     // restore
     std::optional<std::string> backup; // restore
     bool noBackup = false;             // restore
+
+    PruneRules keep;                       // prune, except for
+    std::optional<std::string> keepWithin; // prune: a span of time, as it was typed
+    bool foreign = false;                  // prune
+    bool isDryRun = false;                 // prune
 
     std::string other; // diff: a document or a generation
 

@@ -13,5 +13,7 @@ int RunRestore(const Arguments &arguments);
 int RunDiff(const Arguments &arguments);
 int RunSet(const Arguments &arguments);
 int RunRemove(const Arguments &arguments);
+int RunPrune(const Arguments &arguments);
+int RunPin(const Arguments &arguments); // and unpin
 int RunCheck(const Arguments &arguments);
 int RunDestroy(const Arguments &arguments);

@@ -56,7 +56,9 @@ public:
         } else if (IsOption(word)) {
             const size_t equals = word.find('=');
             const CLI::Option *option = command_->get_option_no_throw(word.substr(0, equals));
-            if (!option || !_TakesValue(*option)) return;
+            if (!option) return;
+            isChosen_ |= IsChoice(*option);
+            if (!_TakesValue(*option)) return;
             if (equals == word.npos)
                 awaiting_ = option;
             else
@@ -99,6 +101,12 @@ public:
 private:
     bool IsOption(const std::string &word) const { return optionsMayCome_ && word.size() > 1 && word[0] == '-'; }
 
+    // With a choice, a document stands where the name of a generation would.
+    static bool IsChoice(const CLI::Option &option)
+    {
+        return option.check_name("--latest") || option.check_name("--at") || option.check_name("--before");
+    }
+
     void Take(const CLI::Option &option, const std::string &value)
     {
         if (option.check_name("--store")) store_ = value;
@@ -119,7 +127,8 @@ private:
     void OfferValues(const CLI::Option &option, const std::string &name, const std::string &prefix,
                      const std::string &word)
     {
-        const Values values = _ValuesOf(name);
+        Values values = _ValuesOf(name);
+        if (isChosen_ && (name == "NAME" || name == "[NAME] DOCUMENT")) values = Values::Files;
         if (values == Values::Files || values == Values::GenerationsAndFiles) shellAdds_ = "files";
         if (values == Values::Directories) shellAdds_ = "directories";
         for (const std::string &choice : _Choices(option)) Offer(prefix + choice, word);
@@ -139,6 +148,7 @@ private:
     const CLI::Option *awaiting_ = nullptr; // whose value comes next
     int arguments_ = 0;                     // of the command, so far
     bool optionsMayCome_ = true;
+    bool isChosen_ = false;
     std::optional<std::string> store_;
     const char *shellAdds_ = "words";
     std::vector<std::string> candidates_;

@@ -101,7 +101,7 @@ static void _TakeBack(const std::string &generation, const std::string &destinat
 static std::string _CopyTo(const Arguments &arguments, std::string &name, std::string &kept)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
-    name = ResolveGeneration(store, arguments.name);
+    name = ChosenGeneration(store, arguments.choice, arguments.name);
     const std::string destination = _FreeDestination(store, _DestinationPath(store, name, arguments.destination));
     CopyOut(store, name, destination, "can't copy " + Quoted(name) + " to " + Quoted(destination),
             [&](TQError **error) {

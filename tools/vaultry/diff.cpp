@@ -186,7 +186,7 @@ static Side _OtherSide(const Store &store, const std::string &name, const std::s
 static bool _Differs(const Arguments &arguments)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
-    const std::string name = ResolveGeneration(store, arguments.name);
+    const std::string name = ChosenGeneration(store, arguments.choice, arguments.name);
     Comparison comparison({store.PathOf(name), name}, _OtherSide(store, name, arguments.other), arguments.json);
     return comparison.Differs();
 }

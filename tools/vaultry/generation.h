@@ -2,20 +2,21 @@
 
 #pragma once
 
+#include "arguments.h"
 #include "store.h"
-
-#include <functional>
-#include <vector>
 
 // The generation that `given` names: exactly, or by a beginning that no other has. Throws if there is none, or several.
 std::string ResolveGeneration(const Store &store, const std::string &given);
 
-// The newest generation of a document that was kept no later than `time` (or at all). Throws if there is none.
-std::string NewestGenerationOf(const Store &store, const std::string &document, std::optional<double> time);
+// The same, or, with a choice, the one of the document `given` that was chosen. Throws if there is none.
+std::string ChosenGeneration(const Store &store, const Choice &choice, const std::string &given);
 
-// The same for an add that shares unchanged files, in one go where nothing is damaged. None if there is none.
+// Says that `given` names none of the generations that are present, and which name is the nearest; or that it names a
+// document, as below.
+CommandFailure NoSuchGeneration(const Store &store, const std::set<std::string> &present, const std::string &given);
+
+// Says that `given` names a document, how many generations it has, and what to type instead. None if it has none.
+std::optional<CommandFailure> RefusalOfDocument(const Store &store, const std::string &given);
+
+// The newest generation of a document, for an add that shares unchanged files. None if there is none.
 std::optional<std::string> BaseFor(const Store &store, const std::string &document);
-
-// Visits the record of each generation, as it was at one moment. False if they can't be read in one go, as if a single
-// one is damaged. If the store's directory can't be read to its end, the rest is missing without a word.
-bool ForEachRecord(const Store &store, const std::function<void(const TQDictionary *record)> &visit);

@@ -5,6 +5,7 @@
 #include "failure.h"
 #include "text.h"
 #include "times.h"
+#include "typed_time.h"
 
 #include <vaultry/collections.h>
 #include <vaultry/number.h>
@@ -98,9 +99,9 @@ static Owned<TQValue> _Tagged(const Json &object)
     if (object.size() != 1 || !object.begin().value().is_string()) return Owned<TQValue>();
     const std::string text = object.begin().value();
     if (object.contains("$date")) {
-        const auto time = ParseTime(text, Moment::First);
+        const auto time = ParseDate(text);
         if (!time) throw CommandFailure(kExitUsage, Quoted(text) + " is no date");
-        return Owned<TQValue>(TQDateCreate(*time));
+        return Owned<TQValue>(TQDateCreate(time->first));
     }
     if (!object.contains("$data")) return Owned<TQValue>();
     const auto bytes = _FromBase64(text);

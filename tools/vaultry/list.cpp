@@ -3,7 +3,7 @@
 #include "commands.h"
 #include "document.h"
 #include "failure.h"
-#include "generation.h"
+#include "history.h"
 #include "json.h"
 #include "store.h"
 #include "text.h"

@@ -49,6 +49,11 @@ static int _Run(const Arguments &arguments)
         return RunSet(arguments);
     case Command::Remove:
         return RunRemove(arguments);
+    case Command::Pin:
+    case Command::Unpin:
+        return RunPin(arguments);
+    case Command::Prune:
+        return RunPrune(arguments);
     case Command::Check:
         return RunCheck(arguments);
     case Command::Destroy:

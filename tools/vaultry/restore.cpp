@@ -25,15 +25,12 @@ namespace fs = std::filesystem;
 
 static constexpr unsigned kMaximumAttempts = 1000;
 
-static std::string _Generation(const Store &store, const Arguments &arguments, const std::string &document)
+static std::string _Generation(const Store &store, const Arguments &arguments)
 {
-    if (!arguments.latest && !arguments.at) return ResolveGeneration(store, arguments.name);
-    std::optional<double> time;
-    if (arguments.at) {
-        time = ParseTime(*arguments.at, Moment::Last);
-        if (!time) throw CommandFailure(kExitUsage, "--at " + Quoted(*arguments.at) + " is no time");
-    }
-    return NewestGenerationOf(store, document, time);
+    if (!arguments.name.empty()) return ChosenGeneration(store, arguments.choice, arguments.name);
+    if (const auto known = RefusalOfDocument(store, arguments.document))
+        throw CommandFailure(kExitUsage, known->what());
+    throw CommandFailure(kExitUsage, "restore wants a NAME and a DOCUMENT, or --latest, --at or --before");
 }
 
 // The generation that the document's present state becomes.
@@ -192,7 +189,7 @@ int RunRestore(const Arguments &arguments)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string document = DocumentPath(arguments.document);
-    const std::string name = _Generation(store, arguments, document);
+    const std::string name = _Generation(store, arguments);
     const bool isThere = _IsThere(document);
     Backup backup = _PlanBackup(store, arguments, document);
     if (!isThere && arguments.backup) Say(Quoted(document) + " is not there, so there is nothing to back up");

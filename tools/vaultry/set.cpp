@@ -3,8 +3,8 @@
 #include "commands.h"
 #include "failure.h"
 #include "generation.h"
+#include "info_value.h"
 #include "json.h"
-#include "space.h"
 #include "text.h"
 
 #include <cerrno>
@@ -54,40 +54,6 @@ static uint64_t _ParseOptions(const std::string &text)
     return options;
 }
 
-static void _SetKey(const Store &store, const std::string &name, const Change &change)
-{
-    Owned<TQError> error;
-    const Owned<TQString> key = MakeString(change.key);
-    TQValue *const keys[] = {key.get()}, *const values[] = {change.value.get()};
-    const Owned<TQDictionary> info(TQDictionaryCreate(keys, values, 1));
-    if (TQClientManagedStorageSetGenerationInfoValues(store.handle(), name.c_str(), info.get(), error.out())) return;
-    const CommandFailure failure =
-        CommandFailure::Library("can't set " + Quoted(change.key) + " of " + Quoted(name), error.get());
-    const bool isOfAttributes = IsAttributeSpace(UnderlyingErrno(error.get()), store.path());
-    throw CommandFailure(failure.exitCode(),
-                         failure.what() + (isOfAttributes ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
-}
-
-// The library gives no error object for a failure under the lock. Looking again, and errno, tell the reason.
-static void _RemoveKey(const Store &store, const std::string &name, const std::string &key)
-{
-    Owned<TQError> error;
-    errno = 0;
-    if (TQClientManagedStorageSetGenerationInfoValueForKey(store.handle(), name.c_str(), MakeString(key).get(), nullptr,
-                                                           error.out()))
-        return;
-    const int reason = errno;
-    const std::string what = "can't remove " + Quoted(key) + " of " + Quoted(name);
-    if (error) throw CommandFailure::Library(what, error.get());
-    const Owned<TQDictionary> info(
-        TQClientManagedStorageCopyGenerationInfoDictionary(store.handle(), name.c_str(), error.out()));
-    if (!info) throw CommandFailure::Library(what, error.get());
-    if (!TQDictionaryGetValue(info.get(), MakeString(key).get()))
-        throw CommandFailure(kExitFailure, what + ": there is no such key");
-    if (reason == 0) throw CommandFailure::Library(what, nullptr);
-    throw CommandFailure::Errno(what, reason);
-}
-
 static void _SetDisplayName(const Store &store, const std::string &name, const TQString *displayName)
 {
     Owned<TQError> error;
@@ -133,12 +99,13 @@ int RunSet(const Arguments &arguments)
         throw CommandFailure(kExitUsage, "there is nothing to set; \"vaultry set --help\" tells what can be");
 
     const Store store = Store::Require(LocateStore(arguments.store));
-    const std::string name = ResolveGeneration(store, arguments.name);
+    const std::string name = ChosenGeneration(store, arguments.choice, arguments.name);
     std::vector<Step> steps;
     steps.reserve(changes.size());
     for (const Change &change : changes)
         steps.push_back({Quoted(change.key), [&] {
-                             return change.value ? _SetKey(store, name, change) : _RemoveKey(store, name, change.key);
+                             return change.value ? SetInfoValue(store, name, change.key, change.value.get())
+                                                 : RemoveInfoValue(store, name, change.key);
                          }});
     if (arguments.displayName)
         steps.push_back({"the display name", [&] { _SetDisplayName(store, name, displayName.get()); }});

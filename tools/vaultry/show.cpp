@@ -6,6 +6,7 @@
 #include "json.h"
 #include "text.h"
 #include "times.h"
+#include "typed_time.h"
 
 #include <vaultry/library.h>
 #include <vaultry/number.h>
@@ -77,7 +78,7 @@ static void _PrintForPeople(const Json &object)
         std::string text = value.is_string() ? Printable(value.get<std::string>())
                            : key == "size"   ? HumanSize(value.get<uint64_t>())
                                              : Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace));
-        if (key == "kept" || key == "modified") text = HumanTime(ParseTime(value, Moment::First).value_or(0));
+        if (key == "kept" || key == "modified") text = HumanTime(ParseDate(value).value_or(TypedTime()).first);
         if (key != "info" && key != "problems") printf("%-13s %s\n", (key + ":").c_str(), text.c_str());
     }
     if (!object.contains("info")) return;
@@ -89,7 +90,7 @@ static void _PrintForPeople(const Json &object)
 int RunShow(const Arguments &arguments)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
-    const std::string name = ResolveGeneration(store, arguments.name);
+    const std::string name = ChosenGeneration(store, arguments.choice, arguments.name);
     Problems problems;
     const Json object = _Describe(store, name, problems);
     if (!problems.none() && store.Lacks(name)) throw problems.first();

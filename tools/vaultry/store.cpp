@@ -6,6 +6,7 @@
 #include "text.h"
 
 #include <vaultry/archive.h>
+#include <vaultry/metadata.h>
 #include <vaultry/number.h>
 #include <vaultry/url.h>
 
@@ -118,6 +119,14 @@ Owned<TQDictionary> Store::InfoDictionaryOf(const std::string &name) const
     return dictionary;
 }
 
+GenerationInfo Store::PeekAtInfoOf(const std::string &name) const
+{
+    Owned<TQError> error;
+    const Owned<TQDictionary> info(TQCopyMutableInfoDictionary((path_ + "/" + name).c_str(), error.out()));
+    if (info) return ToGenerationInfo(info.get());
+    throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get());
+}
+
 std::string Store::DisplayNameOf(const std::string &name) const
 {
     Owned<TQError> error;
@@ -166,6 +175,9 @@ GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
     const TQValue *size = TQDictionaryGetValue(dictionary, MakeString(kSizeKey).get());
     if (TQGetTypeID(size) == TQNumberGetTypeID() && TQNumberGetInt64(size) >= 0)
         info.size = static_cast<uint64_t>(TQNumberGetInt64(size));
+    const TQValue *pinned = TQDictionaryGetValue(dictionary, MakeString(kPinnedKey).get());
+    // A pin protects: whatever is neither false nor 0 is one.
+    info.isPinned = pinned && (!TQIsNumber(pinned) || TQNumberGetTruth(pinned));
     return info;
 }
 

@@ -20,6 +20,7 @@ struct GenerationInfo {
     std::optional<std::string> document; // absolute path, any bytes
     std::optional<double> time;          // seconds since 1970
     std::optional<uint64_t> size;        // of its files, in bytes
+    bool isPinned = false;               // never to be pruned
 };
 
 // Any client may have written those keys: a value of another kind counts as none.
@@ -52,6 +53,8 @@ public:
     // throws if it can't be read, whether or not the others can.
     Owned<TQDictionary> InfoDictionaryOf(const std::string &name) const;
     GenerationInfo InfoOf(const std::string &name) const { return ToGenerationInfo(InfoDictionaryOf(name).get()); }
+    // The same by one call of the kernel, without the lock: notes are written and read whole.
+    GenerationInfo PeekAtInfoOf(const std::string &name) const;
     std::string DisplayNameOf(const std::string &name) const;
     // Whether these notes could be stored when it was added. The document may have brought others.
     bool HasNotes(const std::string &name, const TQDictionary *notes) const noexcept;
@@ -78,3 +81,4 @@ uint64_t SizeOfTree(const std::string &path);
 inline constexpr char kDocumentKey[] = "vaultry.document"; // data: the bytes of the absolute path
 inline constexpr char kTimeKey[] = "vaultry.time";         // date
 inline constexpr char kSizeKey[] = "vaultry.size";         // number
+inline constexpr char kPinnedKey[] = "vaultry.pinned";     // boolean

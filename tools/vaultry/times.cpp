@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <cstdio>
-#include <regex>
 
 double ToSeconds(const struct timespec &time)
 {
@@ -45,46 +44,10 @@ std::string HumanTime(double secondsSince1970)
     return text;
 }
 
-static double _Seconds(struct tm parts, bool utc)
+std::string ZoneAt(double secondsSince1970)
 {
-    parts.tm_isdst = -1;
-    return static_cast<double>(utc ? timegm(&parts) : mktime(&parts));
-}
-
-// The calendar would make a day in March of February 31.
-static bool _IsDay(const struct tm &given)
-{
-    struct tm parts = given;
-    (void)timegm(&parts);
-    return parts.tm_mon == given.tm_mon && parts.tm_mday == given.tm_mday;
-}
-
-std::optional<double> ParseTime(const std::string &text, Moment moment)
-{
-    // Names of generations have "-" where times have ":".
-    static const std::regex form("(\\d{4})-(\\d\\d?)-(\\d\\d?)"
-                                 "(?:[T ](\\d\\d?)([:.-])(\\d\\d)(?:\\5(\\d\\d)(\\.\\d{1,9})?)?)?(Z?)");
-    std::smatch match;
-    if (!std::regex_match(text, match, form)) return std::nullopt;
-    const auto number = [&](size_t group) { return match[group].matched ? std::stoi(match[group]) : 0; };
-    struct tm day {};
-    day.tm_year = number(1) - 1900;
-    day.tm_mon = number(2) - 1;
-    day.tm_mday = number(3);
-    struct tm minute = day;
-    minute.tm_hour = number(4);
-    minute.tm_min = number(6);
-    const int second = number(7); // 60 in a leap second
-    if (!_IsDay(day) || minute.tm_hour > 23 || minute.tm_min > 59 || second > 60) return std::nullopt;
-
-    const bool utc = match[9].length() > 0;
-    const double fraction = match[8].matched ? std::stod("0" + match[8].str()) : 0;
-    const double first = _Seconds(minute, utc) + second + fraction;
-    if (moment == Moment::First) return first;
-    ++day.tm_mday; // a day may have 23 hours, or 25
-    const double next = match[8].matched   ? first + std::pow(10, 1 - static_cast<double>(match[8].length()))
-                        : match[7].matched ? first + 1
-                        : match[4].matched ? first + 60
-                                           : _Seconds(day, utc);
-    return std::nextafter(next, first);
+    const auto seconds = static_cast<time_t>(std::floor(secondsSince1970));
+    struct tm local {};
+    char text[16];
+    return localtime_r(&seconds, &local) && strftime(text, sizeof text, "%z", &local) ? text : "";
 }

@@ -1,0 +1,166 @@
+// What the help of each subcommand says beneath its options.
+
+#pragma once
+
+// Of every subcommand that takes a generation.
+inline constexpr char kChoiceFooter[] =
+    R"(A NAME may be the beginning of one, except to remove. With --latest, --at or
+--before, a DOCUMENT stands in its place, and the generation is chosen among
+those kept of it: --at takes the newest at the end of the day, minute or second
+that TIME names, --before the newest from before it began. A TIME is local,
+2026-03-01 or "2026-03-01 10:15:30", or has a zone at its end, Z or +01:00; or
+it is now, today, "yesterday 10:15", "2 hours ago", or @ and the seconds since
+1970.
+
+)";
+
+inline constexpr char kAddFooter[] = R"(
+Each document, a file or a directory with everything in it, becomes a
+generation: a write-protected copy. Its name is printed. Files named "._..."
+are left out; FIFOs, sockets and devices can't be kept. Symbolic links are kept
+as links; a document that is itself a link is resolved first. A file of a
+directory that is the same in the document's newest generation shares its room
+with that, as a hard link, after a comparison of every byte, unless it can be
+cloned or the document is moved. Ctrl-C leaves nothing behind.
+
+Examples:
+  vaultry add report.txt Photos/         as report-2026-03-01T10-15-30Z.txt, ...
+  vaultry add --name before-review report.txt
+  vaultry add --move old-draft.txt       into the store, and away from here)";
+
+inline constexpr char kListFooter[] = R"(
+Oldest first. Times are local. A generation that another program added may have
+no time and no document. If the metadata of one can't be read, "?" stands in
+their place, a message says what is wrong, and the exit status is that of a
+failure; the others are listed all the same. With a DOCUMENT, a generation whose
+document can't be read is not listed, but has its message. With --json, one
+object a line: name, document, kept, size, options, display_name, and problems,
+a list of messages, where there are any.
+
+Examples:
+  vaultry list
+  vaultry list report.txt                the history of one document
+  vaultry list --long --client nimbusync)";
+
+inline constexpr char kShowFooter[] = R"(
+Permissions and flags are those that the document had, not those that protect
+the generation. What can't be read is left out, a message says what is wrong,
+and the exit status is that of a failure. With --json the messages are also
+listed under problems.
+
+Examples:
+  vaultry show before-review
+  vaultry show --latest report.txt)";
+
+inline constexpr char kRestoreFooter[] = R"(
+The document keeps its own permissions and flags. Its present state is kept
+first, as a generation of its own whose name is printed; nothing is lost by
+restoring the wrong one. If another program saves the file meanwhile, the
+restore fails and keeps what was saved. If the generation's name ends in another
+extension, the document gets that extension. A document that is gone is copied
+back.
+
+Examples:
+  vaultry restore --latest report.txt
+  vaultry restore --at 2026-03-01 report.txt
+  vaultry restore before-review report.txt)";
+
+inline constexpr char kDiffFooter[] = R"(
+Compares with the document that the generation was made from, or with another
+document or generation. Exit status 0 if nothing differs, 1 if something does,
+2 or more if that can't be told.
+
+Examples:
+  vaultry diff before-review
+  vaultry diff --at yesterday report.txt
+  vaultry diff before-review after-review)";
+
+inline constexpr char kSetFooter[] = R"(
+key=text sets a text, key:=json a number, true or false, a list or a dictionary;
+{"$date": "2026-03-01T10:15:30Z"} and {"$data": "base64"} are a date and bytes.
+
+Examples:
+  vaultry set before-review author=Ada reviewed:=true
+  vaultry set before-review --unset author --display-name "Report")";
+
+inline constexpr char kCheckFooter[] = R"(
+Each finding is shown with its path and its meaning. --repair mends what is safe
+to mend: it puts protection back, returns a document that an interrupted
+operation left aside to its place, and removes anything else that the operation
+left behind. An item that may be in use stays for an hour after its last change.
+The contents of generations are never touched.
+
+Example:
+  vaultry check --repair)";
+
+inline constexpr char kCompletionFooter[] = R"(
+Commands, options, their values and the names of generations are completed.
+
+Examples:
+  source <(vaultry completion bash)      in ~/.bashrc
+  source <(vaultry completion zsh)       in ~/.zshrc, behind compinit
+  vaultry completion fish | source       in ~/.config/fish/config.fish)";
+
+inline constexpr char kCopyFooter[] = R"(
+The copy is an ordinary document again, with the permissions that it had.
+As with cp, a DESTINATION that is a directory receives it under the document's
+own name, and any other DESTINATION is its new name. Nothing that exists is
+ever replaced. The path of the copy is printed. Copying can't be interrupted
+half-way: after Ctrl-C the copy is removed as soon as it is complete; a second
+Ctrl-C ends at once and leaves what has been written.
+
+Examples:
+  vaultry copy before-review report-old.txt
+  vaultry copy --before 2026-03-01 report.txt report-of-february.txt
+  vaultry copy report-2026-03-01T10-15-30Z.txt /tmp    to /tmp/report.txt)";
+
+inline constexpr char kRemoveFooter[] = R"(
+Give the whole name of a generation here: a beginning that is typed once too
+often could remove another one. Names that the store doesn't hold are reported;
+the others are removed. Those that were chosen of a DOCUMENT's are named. One
+that is pinned stays, unless --pinned is given.
+
+Examples:
+  vaultry remove before-review
+  vaultry remove --latest report.txt)";
+
+inline constexpr char kPruneFooter[] = R"(
+Goes through the store a document at a time, and removes each generation that no
+rule keeps. Without a rule it refuses. Hours, days, weeks (from Monday), months
+and years are those of the local calendar, and only those with a generation
+count. A SPAN is like 36h, 30d, 8w, 6m or 1y6m. The newest generation of a
+document always stays, and so does one that is pinned.
+
+Generations of other programs, without a time or a document, stay. --foreign
+prunes them too, apart from the others: by when they last changed in the store
+if they have no time, and by display name if they have no document.
+
+--dry-run prints a line for each generation: whether it would stay, and by which
+rules. Without it, one line says how many went and how many are left.
+
+Examples:
+  vaultry prune --dry-run --keep-last 10 --keep-daily 30 --keep-monthly 24
+  vaultry prune --keep-within 1y report.txt)";
+
+inline constexpr char kPinFooter[] = R"(
+A pinned generation is never pruned, and "remove" wants --pinned for it.
+
+Examples:
+  vaultry pin "to the printer"
+  vaultry pin --latest report.txt
+  vaultry unpin "to the printer")";
+
+inline constexpr char kDestroyFooter[] = R"(
+Says how many generations go, and asks first. Refuses a directory that is not a
+store, and a store with a document that an interrupted operation left aside,
+which "check --repair" gives back. If it is cut short, call it again: it goes on.
+
+Example:
+  vaultry destroy --store /tmp/try --yes)";
+
+inline constexpr char kInitFooter[] = R"(
+Makes the directory, for you alone, or takes an empty one. Nothing changes in
+a directory that is a store already, and any other is refused.
+
+Example:
+  vaultry init --store /srv/versions)";
