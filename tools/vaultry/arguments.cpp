@@ -150,6 +150,7 @@ static void _DefineRestore(CLI::App &app, Arguments &arguments)
     restore->add_flag("--no-backup", arguments.noBackup, "Don't keep its present state")
         ->option_text(" ")
         ->excludes(backup);
+    restore->add_flag("--replace", arguments.replace, "Also over another document, or a folder over a file");
     _AddChoice(restore, arguments);
     _AddJson(restore, arguments);
 }
@@ -230,6 +231,10 @@ static void _DefineCommands(CLI::App &app, Arguments &arguments)
     _AddJson(copy, arguments);
 
     _DefineRestore(app, arguments);
+
+    CLI::App *undo = _AddCommand(app, arguments, Command::Undo, "undo", "Undo the last restore", kUndoFooter);
+    undo->add_option("DOCUMENT", arguments.document, "The document that was restored")->required()->option_text(" ");
+    _AddJson(undo, arguments);
 
     CLI::App *diff = _AddCommand(app, arguments, Command::Diff, "diff", "Show what has changed since", kDiffFooter);
     _AddName(diff, arguments);

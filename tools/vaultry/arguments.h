@@ -15,6 +15,7 @@ enum class Command {
     Show,
     Copy,
     Restore,
+    Undo,
     Diff,
     Set,
     Remove,
@@ -41,7 +42,7 @@ struct Arguments {
     bool json = false;          // print for a program
 
     std::vector<std::string> documents; // add, prune
-    std::string document;               // list: empty for all; restore
+    std::string document;               // list: empty for all; restore, undo
     Choice choice;                      // copy, show, restore, diff, set, remove, pin
     std::vector<std::string> names;     // remove, pin; with a choice, documents
     std::string name;                   // copy, show, restore, diff, set; with a choice, a document
@@ -52,6 +53,7 @@ struct Arguments {
     bool noShare = false;               // add
     bool yes = false;                   // destroy
     bool pinnedToo = false;             // remove
+    bool replace = false;               // restore
 
     bool longList = false;                     // list
     std::optional<std::string> client;         // list

@@ -10,6 +10,7 @@ int RunList(const Arguments &arguments);
 int RunShow(const Arguments &arguments);
 int RunCopy(const Arguments &arguments);
 int RunRestore(const Arguments &arguments);
+int RunUndo(const Arguments &arguments);
 int RunDiff(const Arguments &arguments);
 int RunSet(const Arguments &arguments);
 int RunRemove(const Arguments &arguments);

@@ -1,5 +1,6 @@
 // vaultry destroy: removes a store with everything in it.
 
+#include "asking.h"
 #include "commands.h"
 #include "failure.h"
 #include "location.h"
@@ -12,18 +13,6 @@
 
 #include <set>
 #include <unistd.h>
-
-static bool _Confirmed(const std::string &question)
-{
-    fprintf(stderr, "%s They can't be brought back. [y/N] ", question.c_str());
-    char answer[16];
-    if (!fgets(answer, sizeof answer, stdin)) {
-        fputc('\n', stderr);
-        return false;
-    }
-    const std::string_view text = answer;
-    return text == "y\n" || text == "Y\n" || text == "yes\n";
-}
 
 static std::string _Text(const TQDictionary *finding, const char *key)
 {
@@ -89,7 +78,8 @@ int RunDestroy(const Arguments &arguments)
     if (!arguments.yes) {
         if (!isatty(STDIN_FILENO))
             throw CommandFailure(kExitUsage, "not destroying " + what + ": nobody can be asked; give --yes");
-        if (!_Confirmed("Destroy " + what + "?")) throw CommandFailure(kExitFailure, "nothing was removed");
+        if (!Confirmed("Destroy " + what + "? They can't be brought back."))
+            throw CommandFailure(kExitFailure, "nothing was removed");
         // The user takes time to answer, and the answer holds only for the store as it was then.
         if (const std::string now = _LookAt(path); now != what)
             throw CommandFailure(kExitFailure, "nothing was removed: by now it is " + now);

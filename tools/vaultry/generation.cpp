@@ -66,14 +66,18 @@ std::string ResolveGeneration(const Store &store, const std::string &given)
     throw CommandFailure(kExitFailure, message);
 }
 
-// The newest generation of a document that was kept no later than the limit; among equals, the last by name.
+enum class Wanted { Versions, Backups, Both };
+
+// The newest generation of a document that was kept no later than the limit; among equals, the last by name. What a
+// restore put aside is no version: the user did not ask for it.
 static std::optional<std::string> _NewestOf(const std::vector<Kept> &history, const std::string &document,
-                                            std::optional<double> limit)
+                                            std::optional<double> limit, Wanted wanted)
 {
     const Kept *newest = nullptr;
     for (const Kept &kept : history) {
         const GenerationInfo &info = kept.info;
         if (info.document != document || !info.time || (limit && *info.time > *limit)) continue;
+        if (wanted != Wanted::Both && info.backupOf.has_value() != (wanted == Wanted::Backups)) continue;
         if (!newest || std::tie(*newest->info.time, newest->name) < std::tie(*info.time, kept.name)) newest = &kept;
     }
     return newest ? std::optional(newest->name) : std::nullopt;
@@ -117,10 +121,12 @@ static CommandFailure _NothingOf(const Store &store, const std::vector<Kept> &hi
 {
     const Kept *oldest = nullptr;
     for (const Kept &kept : history) {
-        if (kept.info.document != document || !kept.info.time) continue;
+        if (kept.info.document != document || !kept.info.time || kept.info.backupOf) continue;
         if (!oldest || *kept.info.time < *oldest->info.time) oldest = &kept;
     }
     const std::string what = "the store " + Quoted(store.path()) + " holds no generation of " + Quoted(document);
+    if (!oldest && _NewestOf(history, document, std::nullopt, Wanted::Backups))
+        return {kExitNoSuchGeneration, what + ", only what a restore put aside: \"vaultry undo\" brings that back"};
     if (!oldest) return {kExitNoSuchGeneration, what + DidYouMean(_NearestDocument(history, document))};
     return {kExitNoSuchGeneration, what + " that was kept by then: the first is of " + HumanTime(*oldest->info.time)};
 }
@@ -133,14 +139,22 @@ std::string ChosenGeneration(const Store &store, const Choice &choice, const std
     Problems problems;
     const std::vector<Kept> history = ReadHistory(store, problems);
     problems.SayAll();
-    if (const auto newest = _NewestOf(history, document, limit)) return *newest;
+    if (const auto newest = _NewestOf(history, document, limit, Wanted::Versions)) return *newest;
     throw _NothingOf(store, history, document);
+}
+
+std::optional<std::string> NewestBackupOf(const Store &store, const std::string &document)
+{
+    Problems problems;
+    const std::vector<Kept> history = ReadHistory(store, problems);
+    problems.SayAll();
+    return _NewestOf(history, document, std::nullopt, Wanted::Backups);
 }
 
 std::optional<std::string> BaseFor(const Store &store, const std::string &document)
 try {
     Problems problems; // the check names them
-    return _NewestOf(ReadHistory(store, problems), document, std::nullopt);
+    return _NewestOf(ReadHistory(store, problems), document, std::nullopt, Wanted::Both);
 } catch (const CommandFailure &) {
     return std::nullopt; // adding says what is wrong with the store
 }

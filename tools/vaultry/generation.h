@@ -18,5 +18,8 @@ CommandFailure NoSuchGeneration(const Store &store, const std::set<std::string> 
 // Says that `given` names a document, how many generations it has, and what to type instead. None if it has none.
 std::optional<CommandFailure> RefusalOfDocument(const Store &store, const std::string &given);
 
+// What the last restore of a document put aside. None if there is none.
+std::optional<std::string> NewestBackupOf(const Store &store, const std::string &document);
+
 // The newest generation of a document, for an add that shares unchanged files. None if there is none.
 std::optional<std::string> BaseFor(const Store &store, const std::string &document);

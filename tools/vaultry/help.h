@@ -54,9 +54,11 @@ Examples:
 
 inline constexpr char kRestoreFooter[] = R"(
 The document keeps its own permissions and flags. Its present state is kept
-first, as a generation of its own whose name is printed; nothing is lost by
-restoring the wrong one. If another program saves the file meanwhile, the
-restore fails and keeps what was saved. If the generation's name ends in another
+first, as a generation of its own whose name is printed; "vaultry undo" brings
+it back, and --latest, --at and --before pass it over. A generation of another
+document, and a folder over a file or a file over a folder, want --replace.
+Where DOCUMENT is a link, its target is meant. If another program saves the
+file meanwhile, the restore fails and keeps what was saved. If the generation's name ends in another
 extension, the document gets that extension. A document that is gone is copied
 back.
 
@@ -64,6 +66,13 @@ Examples:
   vaultry restore --latest report.txt
   vaultry restore --at 2026-03-01 report.txt
   vaultry restore before-review report.txt)";
+
+inline constexpr char kUndoFooter[] = R"(
+Brings back what the last restore, or the last undo, of DOCUMENT put aside. What
+it is now is put aside in turn: undo once more, and it is back.
+
+Example:
+  vaultry undo report.txt)";
 
 inline constexpr char kDiffFooter[] = R"(
 Compares with the document that the generation was made from, or with another

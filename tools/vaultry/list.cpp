@@ -139,6 +139,7 @@ static void _PrintJson(const std::vector<Entry> &entries)
         if (entry.size) object["size"] = *entry.size;
         object["options"] = entry.options;
         if (!entry.displayName.empty()) PutBytes(object, "display_name", entry.displayName);
+        if (entry.info.backupOf) PutBytes(object, "backup_of", *entry.info.backupOf);
         if (!entry.problems.empty()) object["problems"] = entry.problems;
         PrintLine(object);
     }
@@ -161,7 +162,8 @@ static void _PrintTable(const std::vector<Entry> &entries, bool isLong)
             cells.push_back(options);
             cells.push_back(entry.displayName.empty() ? "-" : Printable(entry.displayName));
         }
-        cells.push_back(entry.info.document ? Printable(*entry.info.document) : none);
+        const std::string backup = entry.info.backupOf ? " (put aside)" : "";
+        cells.push_back(entry.info.document ? Printable(*entry.info.document) + backup : none);
         table.AddRow(std::move(cells));
     }
     table.Print(stdout);

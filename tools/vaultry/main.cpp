@@ -43,6 +43,8 @@ static int _Run(const Arguments &arguments)
         return RunCopy(arguments);
     case Command::Restore:
         return RunRestore(arguments);
+    case Command::Undo:
+        return RunUndo(arguments);
     case Command::Diff:
         return RunDiff(arguments);
     case Command::Set:

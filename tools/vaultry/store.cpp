@@ -153,13 +153,19 @@ bool Store::SetInfoOf(const std::string &name, const TQDictionary *notes, TQErro
     return TQClientManagedStorageSetGenerationInfoValues(handle(), name.c_str(), notes, error);
 }
 
-Owned<TQDictionary> MakeNotes(const std::string &document, double time)
+Owned<TQDictionary> MakeNotes(const std::string &document, double time, const std::string &restored)
 {
-    const Owned<TQString> documentKey = MakeString(kDocumentKey), timeKey = MakeString(kTimeKey);
-    const Owned<TQData> path(TQDataCreate(document.data(), document.size()));
-    const Owned<TQDate> date(TQDateCreate(time));
-    TQValue *const keys[] = {documentKey.get(), timeKey.get()}, *const values[] = {path.get(), date.get()};
-    return Owned<TQDictionary>(TQDictionaryCreate(keys, values, 2));
+    Owned<TQDictionary> notes(TQDictionaryCreateMutable());
+    const auto set = [&](const char *key, TQValue *value) {
+        const Owned<TQValue> owned(value);
+        TQDictionarySetValue(notes.get(), MakeString(key).get(), owned.get());
+    };
+    set(kDocumentKey, TQDataCreate(document.data(), document.size()));
+    set(kTimeKey, TQDateCreate(time));
+    if (restored.empty()) return notes;
+    set(kKindKey, TQStringCreate(kBackupKind));
+    set(kBackupOfKey, TQStringCreateWithBytes(restored.data(), restored.size()));
+    return notes;
 }
 
 GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
@@ -175,6 +181,12 @@ GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
     const TQValue *size = TQDictionaryGetValue(dictionary, MakeString(kSizeKey).get());
     if (TQGetTypeID(size) == TQNumberGetTypeID() && TQNumberGetInt64(size) >= 0)
         info.size = static_cast<uint64_t>(TQNumberGetInt64(size));
+    const auto text = [&](const char *key) {
+        const TQValue *value = TQDictionaryGetValue(dictionary, MakeString(key).get());
+        const bool isText = TQGetTypeID(value) == TQStringGetTypeID();
+        return isText ? ToText(static_cast<const TQString *>(value)) : std::string();
+    };
+    if (text(kKindKey) == kBackupKind) info.backupOf = text(kBackupOfKey);
     const TQValue *pinned = TQDictionaryGetValue(dictionary, MakeString(kPinnedKey).get());
     // A pin protects: whatever is neither false nor 0 is one.
     info.isPinned = pinned && (!TQIsNumber(pinned) || TQNumberGetTruth(pinned));

@@ -20,6 +20,7 @@ struct GenerationInfo {
     std::optional<std::string> document; // absolute path, any bytes
     std::optional<double> time;          // seconds since 1970
     std::optional<uint64_t> size;        // of its files, in bytes
+    std::optional<std::string> backupOf; // a restore put it aside: which generation came in its place, "" if unknown
     bool isPinned = false;               // never to be pruned
 };
 
@@ -27,7 +28,8 @@ struct GenerationInfo {
 GenerationInfo ToGenerationInfo(const TQDictionary *info);
 
 // The notes of a document's history. The library adds the size itself.
-Owned<TQDictionary> MakeNotes(const std::string &document, double time);
+// With `restored`, they are those of a backup that the restore from that generation made.
+Owned<TQDictionary> MakeNotes(const std::string &document, double time, const std::string &restored = "");
 
 class Store {
 public:
@@ -81,4 +83,7 @@ uint64_t SizeOfTree(const std::string &path);
 inline constexpr char kDocumentKey[] = "vaultry.document"; // data: the bytes of the absolute path
 inline constexpr char kTimeKey[] = "vaultry.time";         // date
 inline constexpr char kSizeKey[] = "vaultry.size";         // number
-inline constexpr char kPinnedKey[] = "vaultry.pinned";     // boolean
+inline constexpr char kKindKey[] = "vaultry.kind";         // string: "backup", if a restore made it
+inline constexpr char kBackupKind[] = "backup";
+inline constexpr char kBackupOfKey[] = "vaultry.of";   // string: the generation that was restored then
+inline constexpr char kPinnedKey[] = "vaultry.pinned"; // boolean

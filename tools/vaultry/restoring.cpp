@@ -1,0 +1,205 @@
+// See restoring.h.
+
+#include "restoring.h"
+
+#include "add_progress.h"
+#include "copy_watch.h"
+#include "copying_out.h"
+#include "document.h"
+#include "failure.h"
+#include "generation.h"
+#include "interrupt.h"
+#include "json.h"
+#include "naming.h"
+#include "text.h"
+#include "times.h"
+
+#include <vaultry/library.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <iterator>
+#include <sys/stat.h>
+
+namespace fs = std::filesystem;
+
+static constexpr unsigned kMaximumAttempts = 1000;
+
+// The generation that the document's present state becomes.
+struct Backup {
+    std::optional<std::string> name; // none if it is not kept
+    bool isNew = false;              // nothing had that name
+    std::optional<std::string> base; // the generation that it shares unchanged files with
+    Owned<TQDictionary> notes{};     // of document and time, and that it is a backup
+};
+
+static std::optional<std::string> _BackupName(const Store &store, const Arguments &arguments,
+                                              const std::string &document, double now)
+{
+    if (arguments.noBackup) return std::nullopt;
+    if (arguments.backup) {
+        CheckGenerationName("--backup", *arguments.backup);
+        return arguments.backup;
+    }
+    const std::set<std::string> names = store.Names();
+    for (unsigned attempt = 0; attempt < kMaximumAttempts; ++attempt)
+        if (std::string name = DefaultGenerationName(document, static_cast<time_t>(now), attempt);
+            !names.contains(name))
+            return name;
+    throw CommandFailure(kExitExists, "there is no free name for the backup of " + Quoted(document));
+}
+
+static Backup _PlanBackup(const Store &store, const Arguments &arguments, const std::string &document,
+                          const std::string &name)
+{
+    const double now = PresentTime(); // before anything is done, since the backup is of this moment
+    Backup backup;
+    backup.name = _BackupName(store, arguments, document, now);
+    backup.isNew = backup.name && !store.Names().contains(*backup.name);
+    struct stat status {};
+    if (backup.name && IsThere(document, &status) && S_ISDIR(status.st_mode)) backup.base = BaseFor(store, document);
+    backup.notes = MakeNotes(document, now, name);
+    return backup;
+}
+
+static bool _Restore(TQLibrary *library, const std::string &name, const std::string &document, const Backup &backup,
+                     TQError **error)
+{
+    const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
+    const Owned<TQString> backupName = MakeString(backup.name.value_or("")),
+                          base = MakeString(backup.base.value_or("")), sizeKey = MakeString(kSizeKey);
+    TQRestoreRequest request{};
+    request.size = sizeof request;
+    request.flags = kTQRestoreKeepLinks | kTQRestoreInfoIsOptional;
+    request.backupName = backup.name ? backupName.get() : nullptr;
+    request.backupBase = backup.base ? base.get() : nullptr;
+    request.backupInfo = backup.notes.get();
+    request.backupSizeKey = sizeKey.get();
+    return TQLibraryRestoreGenerationWithFlags(library, MakeString(name).get(), url.get(), &request, error);
+}
+
+// The document is safe by then, so it is only said if the notes have no room.
+static void _NoteBackup(const Store &store, const Backup &backup)
+{
+    if (!store.HasNotes(*backup.name, backup.notes.get()) &&
+        !store.SetInfoOf(*backup.name, backup.notes.get(), nullptr))
+        Say("list may not show " + Quoted(*backup.name) + " with its document: that could not be written");
+}
+
+// After a failed restore the backup is gone, unless a part of the old state is gone or somebody saved the document
+// meanwhile.
+static void _NameBackup(const Store &store, const std::string &document, const Backup &backup)
+{
+    if (!backup.isNew || !store.Names().contains(*backup.name)) return;
+    _NoteBackup(store, backup);
+    Say("what " + Quoted(document) + " was is kept as " + Quoted(*backup.name));
+}
+
+// What Ctrl-C does. The backup can be cancelled, and then the document is not touched. Without a backup nothing looks
+// at the signal before the exchange. The exchange is over at once, and the first Ctrl-C does not cut it short.
+static constexpr char kStopsAtBackup[] = "\nvaultry: stopping, unless the document is being replaced already; "
+                                         "once more ends at once\n";
+static constexpr char kReplacesFirst[] = "\nvaultry: the document is replaced as soon as the generation is copied out; "
+                                         "once more ends at once\n";
+static constexpr char kCopiesFirst[] = "\nvaultry: the document is there as soon as the generation is copied out; "
+                                       "once more ends at once and leaves what is there\n";
+
+static Owned<TQLibrary> _OpenLibrary(const Store &store)
+{
+    Owned<TQError> error;
+    const Owned<TQURL> root(TQURLCreateWithFileSystemPath(store.path().c_str(), true));
+    Owned<TQLibrary> library(TQLibraryCreateClientManaged(nullptr, root.get(), error.out()));
+    if (!library) throw CommandFailure::Library("can't open the store " + Quoted(store.path()), error.get());
+    return library;
+}
+
+// The copies in the staging area that were not there when this was called.
+static CopyWatch::Places _StagedFromNowOn(const Store &store)
+{
+    const auto list = [staging = store.path() + "/.vaultry_staging"] {
+        std::set<std::string> places;
+        std::error_code error;
+        for (fs::directory_iterator item(staging, error), end; !error && item != end; item.increment(error))
+            places.insert(item->path().native() + "/staged");
+        return places;
+    };
+    return [list, before = list()] {
+        const std::set<std::string> now = list();
+        std::vector<std::string> places;
+        std::set_difference(now.begin(), now.end(), before.begin(), before.end(), std::back_inserter(places));
+        return places;
+    };
+}
+
+static void _Replace(const Store &store, const std::string &name, const std::string &document, const Backup &backup)
+{
+    const Owned<TQLibrary> library = _OpenLibrary(store);
+    const std::string label = Printable(BaseName(document)), source = ProgressBar::AreShown() ? store.PathOf(name) : "";
+    Owned<TQError> error;
+    bool restored = false;
+    {
+        std::optional<CopyWatch> watch(std::in_place, source, label, _StagedFromNowOn(store));
+        AddProgress progress(label, [&] { watch.reset(); });
+        const InterruptGuard interrupts(progress.get(), backup.name ? kStopsAtBackup : kReplacesFirst);
+        restored = _Restore(library.get(), name, document, backup, error.out());
+        progress.bar().Clear();
+    }
+    if (restored) return;
+    _NameBackup(store, document, backup);
+    if (InterruptGuard::Came() && UnderlyingErrno(error.get()) == ECANCELED)
+        throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(document) + " is as it was");
+    const CommandFailure failure =
+        CommandFailure::Library("can't restore " + Quoted(document) + " from " + Quoted(name), error.get());
+    const std::string why = backup.name ? ExplainRefusal(error.get(), store.path(), document, /*keepsLinks=*/true) : "";
+    throw CommandFailure(failure.exitCode(), failure.what() + why);
+}
+
+// A document that appears meanwhile is kept under the name of a backup, and replaced. The item at its path is never
+// removed again afterwards.
+static void _CopyBack(const Store &store, const std::string &name, const std::string &document, const Backup &backup)
+try {
+    const Owned<TQLibrary> library = _OpenLibrary(store);
+    const InterruptGuard interrupts(kCopiesFirst);
+    CopyOut(store, name, document, "can't restore " + Quoted(document) + " from " + Quoted(name),
+            [&](TQError **error) { return _Restore(library.get(), name, document, backup, error); });
+} catch (const CommandFailure &) {
+    _NameBackup(store, document, backup);
+    throw;
+}
+
+bool IsDocumentThere(const std::string &document)
+{
+    struct stat status {};
+    if (stat(document.c_str(), &status) == 0) return true;
+    if (errno != ENOENT) throw CommandFailure::Errno("can't look at the document " + Quoted(document), errno);
+    if (IsThere(document, &status))
+        throw CommandFailure(kExitFailure, Quoted(document) + " is a link to what is not there");
+    return false;
+}
+
+int BringBack(const Store &store, const std::string &name, const std::string &document, const Arguments &arguments)
+{
+    const bool isThere = IsDocumentThere(document);
+    Backup backup = _PlanBackup(store, arguments, document, name);
+    if (!isThere && arguments.backup) Say(Quoted(document) + " is not there, so there is nothing to back up");
+
+    if (isThere)
+        _Replace(store, name, document, backup);
+    else
+        _CopyBack(store, name, document, backup);
+    if (!isThere && (!backup.isNew || !store.Names().contains(*backup.name))) backup.name.reset();
+    if (backup.name) _NoteBackup(store, backup);
+    const std::string restored = isThere || backup.name ? RestoredPath(document, name) : document;
+    if (arguments.json) {
+        Json object;
+        PutBytes(object, "document", restored);
+        PutBytes(object, "generation", name);
+        if (backup.name) PutBytes(object, "backup", *backup.name);
+        PrintLine(object);
+        return kExitSuccess;
+    }
+    printf("%s is restored from %s\n", Quoted(restored).c_str(), Quoted(name).c_str());
+    if (backup.name) printf("what it was is kept as %s\n", Quoted(*backup.name).c_str());
+    return kExitSuccess;
+}
