@@ -56,32 +56,31 @@ static bool _IsGivenUp()
 
 namespace {
 
-// Shows on the thread's progress that its operation waits.
+// Shows that the operation waits, on a child of the thread's progress: several threads may share that.
 class ShownWait {
 public:
     explicit ShownWait(const char *lockFile)
-        : progress_(Ref<TQProgress>::Retain(TQProgressGetCurrent())),
-          kind_(Ref<TQValue>::Adopt(TQProgressCopyUserInfo(progress_.get(), kTQProgressFileOperationKindKey))),
-          url_(Ref<TQValue>::Adopt(TQProgressCopyUserInfo(progress_.get(), kTQProgressFileURLKey)))
     {
+        TQProgress *const current = TQProgressGetCurrent();
+        if (!current) return;
+        const ErrnoKeeper keeper;
+        progress_ = Ref<TQProgress>::Adopt(TQProgressCreateChild(current, 0));
         const auto file = Ref<TQURL>::Adopt(TQURLCreateWithFileSystemPath(lockFile, /*isDirectory=*/false));
-        Show(kTQProgressFileOperationKindWaiting, file.get());
+        TQProgressSetUserInfo(progress_.get(), kTQProgressFileURLKey, file.get());
+        TQProgressSetUserInfo(progress_.get(), kTQProgressFileOperationKindKey, kTQProgressFileOperationKindWaiting);
+        TQProgressSetCompletedUnits(progress_.get(), 0); // which tells the observers
     }
-    ~ShownWait() { Show(kind_.get(), url_.get()); }
+    ~ShownWait()
+    {
+        const ErrnoKeeper keeper;
+        TQProgressSetUserInfo(progress_.get(), kTQProgressFileOperationKindKey, nullptr);
+        TQProgressSetCompletedUnits(progress_.get(), 0);
+    }
     ShownWait(const ShownWait &) = delete;
     ShownWait &operator=(const ShownWait &) = delete;
 
 private:
-    void Show(TQValue *kind, TQValue *url)
-    {
-        const ErrnoKeeper keeper;
-        TQProgressSetUserInfo(progress_.get(), kTQProgressFileOperationKindKey, kind);
-        TQProgressSetUserInfo(progress_.get(), kTQProgressFileURLKey, url);
-        TQProgressSetCompletedUnits(progress_.get(), TQProgressGetCompletedUnits(progress_.get()));
-    }
-
-    const Ref<TQProgress> progress_;
-    const Ref<TQValue> kind_, url_;
+    Ref<TQProgress> progress_;
 };
 
 } // namespace

@@ -18,6 +18,8 @@
 #include "Shared/vaultry_storage_lift.h"
 
 #include <vaultry/filesystem.h>
+#include <vaultry/metadata.h>
+#include <vaultry/number.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -71,7 +73,11 @@ bool RemoveAsItStands(const char *generation, TQError **error)
 // The removals of one call. They share one lift of the root, and one staging directory for what leaves it.
 class Removal {
 public:
-    Removal(const char *root, std::optional<StagingDirectory> &staging) : root_(root), lift_(root), staging_(staging) {}
+    // A generation that has a value under `key` stays.
+    Removal(const char *root, const TQString *key, std::optional<StagingDirectory> &staging)
+        : root_(root), key_(key), lift_(root), staging_(staging)
+    {
+    }
 
     bool Remove(TQValue *nameValue, TQError **error)
     {
@@ -83,6 +89,8 @@ public:
         const int why = platform::GetStatus(Item::AtPath(path.c_str()), Links::NoFollow, &status) == 0 ? 0 : errno;
         if (why == ENOENT || (why == 0 && S_ISLNK(status.mode) && _PathNotExists(path.c_str()))) return true;
 
+        if (key_ && MayBeProtected(path.c_str())) return true;
+
         Ref<TQError> failure;
         if (RemoveByStaging(path.c_str(), status, why, failure.out())) return true;
         if (failure && TQErrorGetStatus(failure.get()) == kTQStatusNoSpace)
@@ -92,6 +100,13 @@ public:
     }
 
 private:
+    bool MayBeProtected(const char *generation) const
+    {
+        const auto info = Ref<TQDictionary>::Adopt(TQCopyMutableInfoDictionary(generation, nullptr));
+        const TQValue *value = TQDictionaryGetValue(info.get(), key_);
+        return !info || (value && (!TQIsNumber(value) || TQNumberGetTruth(value)));
+    }
+
     // Where a generation goes. Null if there is no place.
     const char *PlaceFor(const char *generation, TQError **error)
     {
@@ -145,29 +160,42 @@ private:
     }
 
     const char *const root_;
+    const TQString *const key_;
     LiftedRoot lift_;
     std::optional<StagingDirectory> &staging_;
 };
 
-bool RemoveFromRoot(const TQClientManagedStorage *store, const TQArray *names, std::optional<StagingDirectory> &staging,
-                    TQError **error)
+bool RemoveFromRoot(const TQClientManagedStorage *store, const TQArray *names, const TQString *key,
+                    std::optional<StagingDirectory> &staging, TQError **error)
 {
     HeldLock lock;
     if (!lock.ForWriting(store, error)) return false;
     if (!names) return Failure(error).Refused(kTQStatusInvalidArgument, "no generation names were supplied");
-    Removal removal(store->rootPath, staging);
+    Removal removal(store->rootPath, key, staging);
     const size_t count = TQArrayGetCount(names);
     for (size_t i = 0; i < count; ++i)
         if (!removal.Remove(TQArrayGetValueAtIndex(names, i), error)) return false;
     return true;
 }
 
-} // namespace
-
-bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store, const TQArray *names, TQError **error)
+bool RemoveAndFlush(const TQClientManagedStorage *store, const TQArray *names, const TQString *key, TQError **error)
 {
     // What has left the root is deleted at the end of the scope, when nobody waits for the lock. If something can't be
     // deleted then, that is not reported: the generation is gone for everybody.
     std::optional<StagingDirectory> staging;
-    return RemoveFromRoot(store, names, staging, error) && _FlushGenerationStore(store->rootPath, error);
+    return RemoveFromRoot(store, names, key, staging, error) && _FlushGenerationStore(store->rootPath, error);
+}
+
+} // namespace
+
+bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store, const TQArray *names, TQError **error)
+{
+    return RemoveAndFlush(store, names, /*key=*/nullptr, error);
+}
+
+bool TQClientManagedStorageRemoveGenerationsUnless(const TQClientManagedStorage *store, const TQArray *names,
+                                                   const TQString *key, TQError **error)
+{
+    if (key) return RemoveAndFlush(store, names, key, error);
+    return Failure(error).Refused(kTQStatusInvalidArgument, "no key was supplied");
 }

@@ -13,6 +13,7 @@ TEST(StoreLife, NullIsNoStoreNoNameAndNoDocument)
     TQClientManagedStorageFree(nullptr);
     EXPECT_EQ(TQClientManagedStorageCopyFindings(nullptr, true, nullptr), nullptr);
     EXPECT_EQ(TQClientManagedStorageCopyOperations(nullptr, nullptr), nullptr);
+    EXPECT_FALSE(TQClientManagedStorageRemoveGenerationsUnless(nullptr, nullptr, nullptr, nullptr));
     EXPECT_FALSE(TQClientManagedStorageAdd(nullptr, "g", document, 0, nullptr, true) ||
                  TQClientManagedStorageAdd(s, nullptr, document, 0, nullptr, true) ||
                  TQClientManagedStorageAdd(s, "g", nullptr, 0, nullptr, true) ||

@@ -216,6 +216,14 @@ TQ_EXPORT bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage
 TQ_EXPORT bool TQClientManagedStorageRemoveGenerations(const TQClientManagedStorage *store, const TQArray *names,
                                                        TQError **error);
 
+/// The same, but passes over a generation that has an info value under `key` which is neither false nor 0, and one
+/// whose info can't be read. Each is asked under the lock, right before it would go, so a client that protects a
+/// generation by such a value, and has been told so, does not lose it.
+///
+/// @param key  Not null.
+TQ_EXPORT bool TQClientManagedStorageRemoveGenerationsUnless(const TQClientManagedStorage *store, const TQArray *names,
+                                                             const TQString *key, TQError **error);
+
 /// The names of all generations, strings in no particular order, in an array that the caller owns. Shared lock.
 ///
 /// If reading the store's directory fails half-way, the names read so far are returned as if they were all. A client
@@ -276,8 +284,8 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQCl
 ///         path), "kind" (a string of lower-case words that a program can tell apart), "meaning" (a string for people),
 ///         "mended" (a boolean), for a document that is not where it belongs, "home" (data: the path where it belongs),
 ///         for what the note of a restore told, "note" (data: the path of the directory in staging that holds the
-///         note), and for what a program on another machine left, "host" (data: that machine's name: a repair there
-///         may mend it). Null with an error:
+///         note), and for what a program on another machine left, "host" (data: that machine's name; what is not
+///         mended here may be mended there). Null with an error:
 ///         kTQStatusBadPath       not a directory; or one that is not a store, since it has neither a lock file nor a
 ///                                staging directory
 ///         kTQStatusNotSupported  a later version made the store
@@ -286,17 +294,20 @@ TQ_EXPORT TQDictionary *TQClientManagedStorageCopyAllGenerationsInfos(const TQCl
 /// Repairing first makes or mends the lock file, and mends nothing if something else stands in its place.
 TQ_EXPORT TQArray *TQClientManagedStorageCopyFindings(const char *rootPath, bool repair, TQError **error);
 
-/// Tells what is going on in a store: who holds its lock, and which operations live. Takes no lock and waits for
-/// nobody, so a program that waits for the store can tell for whom. What it tells may be over already.
+/// Tells what is going on in a store: who holds its lock, and which operations live. It takes no lock of the store and
+/// waits for nobody, so a program that waits for the store can tell for whom. What it tells may be over already, and
+/// what can't be read of one operation is left out.
 ///
 /// @return an array that the caller owns of dictionaries: "work" (a string: "copy" and "move" for an add, "remove",
-///         "copy-out", "restore"; or "lock" and "shared-lock" for a process that holds the store's lock), "process" (a
-///         number), "host" (data: the name of its machine), "here" (a boolean: whether the process runs on this machine
-///         since its last start), and except for locks "document" (data: the path of the document, or the name of the
-///         generation) and "since" (a date, by that machine's clock). A process may be there twice, with its operation
-///         and with the lock. Locks are told of this machine alone, and only of volumes whose locks its kernel keeps.
-///         Null with an error:
-///         kTQStatusBadPath  not a directory, or one without a staging area
+///         "copy-out", "restore"; or "lock" and "shared-lock" for a process that took the store's lock, and may have
+///         left it to a child), "process" (its number, of an operation as that process sees it), "host" (data: the name
+///         of its machine), "here" (a boolean: whether the process runs on this machine since its last start), and
+///         except for locks "document" (data: the path of the document, or the name of the generation) and "since" (a
+///         date, by that machine's clock). A process may be there twice, with its operation and with the lock. Locks
+///         are told of this machine alone, and only of volumes whose locks its kernel keeps. Null with an error:
+///         kTQStatusBadPath           not a directory, or one without a staging area
+///         kTQStatusPermissionDenied  the staging area can't be read
+///         kTQStatusFailed            it can't be read for another reason, such as a volume that does not answer
 TQ_EXPORT TQArray *TQClientManagedStorageCopyOperations(const char *rootPath, TQError **error);
 
 TQ_END_DECLS

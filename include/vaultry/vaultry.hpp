@@ -633,9 +633,10 @@ struct Finding {
 struct Operation {
     std::string work; ///< "copy", "move", "remove", "copy-out", "restore", "lock" or "shared-lock"
     std::int64_t process = 0;
-    std::string host;               ///< the name of its machine
-    bool here = false;              ///< whether the process runs on this machine
-    std::filesystem::path document; ///< or the name of the generation; empty for a lock
+    std::string host;                                           ///< the name of its machine
+    bool here = false;                                          ///< whether the process runs on this machine
+    std::filesystem::path document;                             ///< or the name of the generation; empty for a lock
+    std::optional<std::chrono::system_clock::time_point> since; ///< by its machine's clock; none for a lock
 };
 
 /// A generation that was copied into the staging area, to be put somewhere by rename. The destructor removes what is
@@ -797,9 +798,11 @@ public:
         std::vector<Operation> operations;
         for (const Value &value : *found) {
             const auto one = value.as<Dictionary>();
-            operations.push_back({one["work"].as<String>().str(), one["process"].as<Number>().to_int64(),
-                                  one["host"].as<Data>().str(), one["here"].as<Number>().to_bool(),
-                                  one["document"].as<Data>().str()});
+            Operation operation{one["work"].as<String>().str(),   one["process"].as<Number>().to_int64(),
+                                one["host"].as<Data>().str(),     one["here"].as<Number>().to_bool(),
+                                one["document"].as<Data>().str(), std::nullopt};
+            if (const auto date = one["since"].as<Date>()) operation.since = date.time();
+            operations.push_back(std::move(operation));
         }
         return operations;
     }
@@ -873,6 +876,15 @@ public:
     /// generation is passed over. None is removed if one of the names is not UTF-8.
     Result<void> remove(std::initializer_list<std::string_view> names) const { return remove_(names); }
     template <class Names> Result<void> remove(const Names &names) const { return remove_(names); }
+
+    /// The same, but passes over a generation that has a value under `key` which is neither false nor 0, and one whose
+    /// info can't be read, when its turn comes.
+    template <class Names> Result<void> remove_unless(const Names &names, const String &key) const
+    {
+        const auto array = strings_of_(names);
+        if (!array) return detail::refused();
+        return detail::attempt(TQClientManagedStorageRemoveGenerationsUnless, get(), array.get(), key.get());
+    }
 
     /// In no particular order.
     Result<std::vector<std::string>> names() const
@@ -1006,11 +1018,16 @@ private:
         return detail::taken(error);
     }
 
-    template <class Names> Result<void> remove_(const Names &names) const
+    template <class Names> static Array strings_of_(const Names &names)
     {
         std::vector<Value> strings;
         for (const auto &name : names) strings.push_back(String(name));
-        const Array array = Array::of(strings);
+        return Array::of(strings);
+    }
+
+    template <class Names> Result<void> remove_(const Names &names) const
+    {
+        const Array array = strings_of_(names);
         if (!array) return detail::refused();
         return detail::attempt(TQClientManagedStorageRemoveGenerations, get(), array.get());
     }

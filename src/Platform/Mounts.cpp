@@ -129,9 +129,14 @@ bool GetVolumeNumber(int fd, unsigned *major, unsigned *minor)
     if ((status.stx_mask & STATX_MNT_ID) == 0) return true;
     MountList list;
     unsigned long long id = 0;
-    while (list.file && getline(&list.line, &list.capacity, list.file) > 0)
-        if (sscanf(list.line, "%llu %*u %u:%u", &id, major, minor) == 3 && id == status.stx_mnt_id) return true;
-    return false;
+    unsigned listedMajor = 0, listedMinor = 0;
+    while (list.file && getline(&list.line, &list.capacity, list.file) > 0) {
+        if (sscanf(list.line, "%llu %*u %u:%u", &id, &listedMajor, &listedMinor) != 3 || id != status.stx_mnt_id)
+            continue;
+        *major = listedMajor;
+        *minor = listedMinor;
+    }
+    return true;
 }
 
 } // namespace platform

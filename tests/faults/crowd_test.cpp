@@ -163,6 +163,7 @@ TEST(Crowd, WhatOneHostWritesAnotherReadsAtOnce)
     const pid_t other = fork();
     if (other == 0) {
         (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (const int end : {questions[1], answers[0]}) close(end);
         GoToHost(1);
         const vaultry::Store store = *vaultry::Store::open(at.root());
         for (int round = 0; read(questions[0], &round, sizeof round) == sizeof round;) {
@@ -178,6 +179,7 @@ TEST(Crowd, WhatOneHostWritesAnotherReadsAtOnce)
         }
         _exit(0);
     }
+    for (const int end : {questions[0], answers[1]}) close(end);
     const vaultry::Store store = *vaultry::Store::open(at.root());
     for (int round = 0; round < rounds && !testing::Test::HasFailure(); ++round) {
         const std::string name = std::to_string(round), before = std::to_string(round - 1);

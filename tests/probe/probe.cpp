@@ -406,6 +406,13 @@ const std::map<std::string, Function> kFunctions = {
          asked.more = w.Say("longer") && w.Say("more");
          return TQClientManagedStorageAddWithFlags(store, w[0], w[1], &asked.request, error);
      })},
+    {"remove-unless", // KEY NAME...
+     [](const Words &w, TQError **error) {
+         const auto store = vaultry::Store::open(w[0]);
+         const std::vector<std::string> names(w.words.begin() + 2, w.words.end());
+         const auto removed = store->remove_unless(names, vaultry::String(w[1]));
+         return removed ? true : (*error = vaultry::Error(removed.error()).detach(), false);
+     }},
     {"remove", // NAME...
      OnStore([](const TQClientManagedStorage *store, const Words &w, TQError **error) {
          return TQClientManagedStorageRemoveGenerations(store, Names(w.words).get(), error);
@@ -439,8 +446,9 @@ const std::map<std::string, Function> kFunctions = {
      [](const Words &w, TQError **error) {
          const auto all = vaultry::Store::operations(w[0]);
          if (!all) return *error = vaultry::Error(all.error()).detach(), false;
-         for (const auto &[work, process, host, here, document] : *all)
-             Say(work + (process > 1 ? " " : " by nobody ") + (here ? "here" : "on " + host) + " " + document.native());
+         for (const auto &[work, process, host, here, document, since] : *all)
+             Say(work + (process > 1 ? " " : " by nobody ") + (here ? "here" : "on " + host) +
+                 (since ? " " + document.native() : ""));
          return true;
      }},
     {"query", SayRecords},       // SPEC, a property list's file, [NAME], by the library

@@ -210,7 +210,7 @@ void Addition::Refuse() const
 void Addition::EndWhereInterrupted()
 {
     if (!InterruptGuard::Came() || !copied_) return;
-    store_.Remove({name_});
+    store_.Remove({name_}, /*pinnedToo=*/true);
     throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(path_) + " was not kept");
 }
 
@@ -311,6 +311,11 @@ int RunAdd(const Arguments &arguments)
     const Store store = IsStoreNamed(arguments.store) ? Store::RequireMade(place) : Store::OpenOrMake(place);
     int exitCode = kExitSuccess;
     for (const std::string &document : arguments.documents) {
+        if (WaitWatch::GaveUp()) {
+            Say(Quoted(document) + " was not tried: another program has the store");
+            if (exitCode == kExitSuccess) exitCode = kExitInUse;
+            continue;
+        }
         int one = kExitSuccess;
         try {
             one = _AddDocument(store, document, arguments);
@@ -319,7 +324,6 @@ int RunAdd(const Arguments &arguments)
             one = failure.exitCode();
         }
         if (InterruptGuard::Came()) return InterruptGuard::ExitCode();
-        if (WaitWatch::GaveUp()) return one;
         if (exitCode == kExitSuccess) exitCode = one;
     }
     return exitCode;

@@ -37,7 +37,8 @@ private:
     static void Changed(TQProgress *changed, void *self)
     {
         auto &add = *static_cast<AddProgress *>(self);
-        if (changed == add.progress_.get()) return; // it waits for its turn
+        const Owned<TQValue> kind(TQProgressCopyUserInfo(changed, kTQProgressFileOperationKindKey));
+        if (!kind || !TQEqual(kind.get(), kTQProgressFileOperationKindCopying)) return; // it waits for its turn
         if (!std::exchange(add.hasBegun_, true)) {
             if (add.atTheBeginning_) add.atTheBeginning_();
             add.bar_.Restart();

@@ -52,7 +52,7 @@ static void _AddCommonOptions(CLI::App *app, Arguments &arguments)
 {
     app->set_help_flag("-h,--help", "Show this help and exit");
     app->add_option("--store", arguments.store, "The store's directory")->option_text("DIR");
-    app->add_option("--wait", arguments.wait, "Give up when another program has the store for so long")
+    app->add_option("--wait", arguments.wait, "Give up after waiting for the store so long in all")
         ->option_text("SECONDS")
         ->check([](const std::string &text) {
             double seconds = -1;
@@ -114,6 +114,11 @@ static void _DefineList(CLI::App &app, Arguments &arguments)
     CLI::App *list = _AddCommand(app, arguments, Command::List, "list", "Show what is kept", kListFooter);
     list->add_option("DOCUMENT", arguments.document, "Only generations of this document")->option_text(" ");
     list->add_flag("--long", arguments.longList, "Show options and display names too");
+    list->add_option("--since", arguments.since, "Only generations since that time")->option_text("TIME");
+    list->add_option("--until", arguments.until, "Only generations up to that time")->option_text("TIME");
+    list->add_option("--limit", arguments.limit, "Only the newest N")->option_text("N");
+    list->add_flag("--reverse", arguments.reverse, "Newest first");
+    list->add_flag("--documents", arguments.byDocument, "One line a document");
     list->add_option("--client", arguments.client, "Only generations of this client: draftline or nimbusync")
         ->option_text("CLIENT")
         ->check(CLI::IsMember({"draftline", "nimbusync"}));
@@ -126,7 +131,8 @@ static void _DefineList(CLI::App &app, Arguments &arguments)
 
 static void _DefineSet(CLI::App &app, Arguments &arguments)
 {
-    CLI::App *set = _AddCommand(app, arguments, Command::Set, "set", "Change what is known of one", kSetFooter);
+    CLI::App *set =
+        _AddCommand(app, arguments, Command::Set, "set", "Change what is known of a generation", kSetFooter);
     _AddName(set, arguments);
     set->add_option("KEY=VALUE", arguments.assignments, "What to set in its info dictionary")->option_text("...");
     set->add_option("--unset", arguments.unset, "Remove a key")->option_text("KEY")->expected(1)->take_all();
@@ -196,7 +202,11 @@ static void _DefinePrune(CLI::App &app, Arguments &arguments)
     CLI::App *prune = _AddCommand(app, arguments, Command::Prune, "prune", "Remove generations by rules", kPruneFooter);
     prune->add_option("DOCUMENT", arguments.documents, "Only generations of these documents")->option_text("...");
     const auto addCount = [prune](const char *name, size_t &count, const char *description) {
-        prune->add_option(name, count, description)->option_text("N")->check(CLI::Range(1, 999'999'999));
+        prune->add_option(name, count, description)->option_text("N")->check([](const std::string &text) {
+            const bool isCount = !text.empty() && text.size() < 10 && text[0] != '0' &&
+                                 text.find_first_not_of("0123456789") == text.npos;
+            return isCount ? "" : "wants a number, 1 or more, and not \"" + text + "\"";
+        });
     };
     addCount("--keep-last", arguments.keep.last, "Keep the N newest");
     prune->add_option("--keep-within", arguments.keepWithin, "Keep all from that time until now")->option_text("SPAN");
@@ -248,7 +258,7 @@ static void _DefineCommands(CLI::App &app, Arguments &arguments)
     _DefinePrune(app, arguments);
 
     _DefinePin(app, arguments, Command::Pin, "pin", "Keep generations from being pruned");
-    _DefinePin(app, arguments, Command::Unpin, "unpin", "Let them be pruned again");
+    _DefinePin(app, arguments, Command::Unpin, "unpin", "Let generations be pruned again");
 
     CLI::App *check = _AddCommand(app, arguments, Command::Check, "check", "Verify a store", kCheckFooter);
     check->add_option("STORE", arguments.checked, "The store's directory")->option_text(" ");
@@ -287,14 +297,41 @@ static std::string _WrongWord(const CLI::App &app)
     if (word.size() > 1 && word[0] == '-') {
         for (const CLI::Option *option : command.get_options())
             for (const std::string &name : option->get_lnames()) candidates.push_back("--" + name);
+        const auto nearest = NearestTo(word, candidates, Match::Whole);
+        if (nearest == word) return Quoted(word) + " belongs behind the command";
         return (hasCommand ? command.get_name() + " has" : "there is") + " no option " + Quoted(word) +
-               DidYouMean(NearestTo(word, candidates, Match::Whole));
+               DidYouMean(nearest);
     }
     if (hasCommand) return "";
     for (const CLI::App *each : app.get_subcommands({})) candidates.push_back(each->get_name());
     std::optional<std::string> meant = _CommandFor(word);
     if (!meant) meant = NearestTo(word, candidates, Match::Whole);
     return "there is no command " + Quoted(word) + DidYouMean(meant);
+}
+
+// The parser takes a word in brackets for a list of words. A zero byte behind it, which no argument can hold, keeps it
+// from that until the word is taken.
+static std::vector<std::string> _WordsBackwards(int argc, char **argv)
+{
+    std::vector<std::string> words;
+    for (int i = argc - 1; i > 0; --i) {
+        words.emplace_back(argv[i]);
+        const size_t value = words.back()[0] == '-' ? words.back().find('=') + 1 : 0;
+        if (value < words.back().size() && words.back()[value] == '[' && words.back().back() == ']')
+            words.back() += '\0';
+    }
+    return words;
+}
+
+static void _TakeWordsAsTheyAre(CLI::App &app)
+{
+    for (CLI::Option *option : app.get_options())
+        if (option->get_items_expected_max() > 0)
+            option->transform([](std::string word) {
+                if (!word.empty() && word.back() == '\0') word.pop_back();
+                return word;
+            });
+    for (CLI::App *command : app.get_subcommands({})) _TakeWordsAsTheyAre(*command);
 }
 
 std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)
@@ -316,7 +353,8 @@ std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)
         return kExitSuccess;
     }
     try {
-        app.parse(argc, argv);
+        _TakeWordsAsTheyAre(app);
+        app.parse(_WordsBackwards(argc, argv));
         if (arguments.newName && arguments.documents.size() > 1)
             throw CLI::ValidationError("--name", "names one generation, but there are several documents");
         if (arguments.command == Command::Restore) _SortOutRestore(arguments);

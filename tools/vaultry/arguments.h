@@ -56,6 +56,10 @@ struct Arguments {
     bool replace = false;               // restore
 
     bool longList = false;                     // list
+    std::optional<size_t> limit;               // list
+    bool reverse = false;                      // list
+    std::optional<std::string> since, until;   // list
+    bool byDocument = false;                   // list
     std::optional<std::string> client;         // list
     std::optional<std::string> withOptions;    // list
     std::optional<std::string> withoutOptions; // list

@@ -33,7 +33,7 @@ static void _Print(const TQDictionary *finding, bool json)
     const bool mended = TQNumberGetTruth(_Entry(finding, "mended"));
     if (!json) {
         const std::string belongs = home.empty() ? "" : " It belongs at " + Printable(home) + ".",
-                          machine = host.empty() ? "" : " The other machine is " + Printable(host) + ".";
+                          machine = host.empty() ? "" : " The machine " + Printable(host) + " left it.";
         printf("%s: %s%s%s%s\n", Printable(path).c_str(), _Text(finding, "meaning").c_str(), belongs.c_str(),
                machine.c_str(), mended ? " (mended)" : "");
         return;

@@ -35,8 +35,14 @@ Document ResolveDocument(const std::string &given)
     return {resolved.get(), isLink};
 }
 
+static void _RequireName(const std::string &given)
+{
+    if (given.empty()) throw CommandFailure(kExitUsage, "the name of a document is empty");
+}
+
 std::string DocumentPath(const std::string &given)
 {
+    _RequireName(given);
     std::error_code error;
     const fs::path whole = fs::weakly_canonical(AbsolutePath(WithoutTrailingSlashes(given)), error);
     if (error) throw CommandFailure::Errno("can't find the way to the document " + Quoted(given), error.value());
@@ -45,11 +51,19 @@ std::string DocumentPath(const std::string &given)
 
 std::string DocumentPathIfKnown(const std::string &given)
 {
+    _RequireName(given);
     try {
         return DocumentPath(given);
     } catch (const CommandFailure &) {
         return AbsolutePath(WithoutTrailingSlashes(given));
     }
+}
+
+void TellOfLink(const std::string &given, const std::string &document)
+{
+    struct stat status {};
+    if (lstat(WithoutTrailingSlashes(given).c_str(), &status) == 0 && S_ISLNK(status.st_mode))
+        Say(Quoted(given) + " is a link: " + Quoted(document) + " is meant");
 }
 
 static bool _IsDirectory(const std::string &path)

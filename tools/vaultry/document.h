@@ -22,6 +22,9 @@ std::string DocumentPath(const std::string &given);
 // The same, for looking up generations. If the document can't be reached any more, the path as it was given.
 std::string DocumentPathIfKnown(const std::string &given);
 
+// Says so where `given` is a link, which leads to `document`.
+void TellOfLink(const std::string &given, const std::string &document);
+
 // Whether the library passes the item over, as it does with files that are named "._...".
 bool IsSidecar(const std::string &path);
 

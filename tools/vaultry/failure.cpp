@@ -30,7 +30,7 @@ int ExitCodeForStatus(int status)
 CommandFailure CommandFailure::Library(const std::string &what, const TQError *error)
 {
     if (WaitWatch::GaveUp() && UnderlyingErrno(error) == ECANCELED)
-        return CommandFailure(kExitInUse, what + ": another program has the store, and --wait sets a limit");
+        return CommandFailure(kExitInUse, what + ": gave up after --wait, since another program has the store");
     // If a message has a path that is not UTF-8, the library makes no error object: then the log has the reason.
     if (!error)
         return CommandFailure(kExitFailure, what + ": the library gave no reason (-v shows its diagnostic lines)");

@@ -8,63 +8,14 @@
 #include "naming.h"
 #include "nearest.h"
 #include "text.h"
+#include "time_option.h"
 #include "times.h"
-#include "typed_time.h"
 
 #include <algorithm>
-#include <cmath>
 #include <tuple>
+#include <unistd.h>
 
 static constexpr size_t kShownCandidates = 5;
-
-// A document's name where it may be typed as it stands, else the word for it.
-static std::string _AsTyped(const std::string &document)
-{
-    static constexpr char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./,:+@-";
-    const bool isPlain = document.find_first_not_of(kPlain) == document.npos && document.front() != '-';
-    return isPlain ? document : "DOCUMENT";
-}
-
-std::optional<CommandFailure> RefusalOfDocument(const Store &store, const std::string &given)
-{
-    if (given.empty()) return std::nullopt;
-    const std::string document = DocumentPathIfKnown(given), typed = _AsTyped(given);
-    Problems problems; // are said when one of these generations is wanted
-    const std::vector<Kept> history = ReadHistory(store, problems);
-    const auto count =
-        std::count_if(history.begin(), history.end(), [&](const Kept &kept) { return kept.info.document == document; });
-    if (count == 0) return std::nullopt;
-    return CommandFailure(kExitNoSuchGeneration,
-                          Quoted(given) + " is a document, and no generation; kept of it: " + std::to_string(count) +
-                              "\n  \"--latest " + typed + "\" stands for the newest, and \"vaultry list " + typed +
-                              "\" names all");
-}
-
-CommandFailure NoSuchGeneration(const Store &store, const std::set<std::string> &present, const std::string &given)
-{
-    if (const auto document = RefusalOfDocument(store, given)) return *document;
-    const auto nearest = NearestTo(given, {present.begin(), present.end()}, Match::Beginning);
-    return CommandFailure(kExitNoSuchGeneration, "there is no generation " + Quoted(given) + " in the store " +
-                                                     Quoted(store.path()) + DidYouMean(nearest));
-}
-
-std::string ResolveGeneration(const Store &store, const std::string &given)
-{
-    const std::set<std::string> names = store.Names();
-    if (names.contains(given)) return given;
-    std::vector<std::string> candidates;
-    if (!given.empty())
-        for (auto name = names.lower_bound(given); name != names.end() && name->rfind(given, 0) == 0; ++name)
-            candidates.push_back(*name);
-    if (candidates.size() == 1) return candidates.front();
-    if (candidates.empty()) throw NoSuchGeneration(store, names, given);
-    if (const auto document = RefusalOfDocument(store, given)) throw *document;
-
-    std::string message = Quoted(given) + " is the beginning of " + std::to_string(candidates.size()) + " generations:";
-    for (size_t i = 0; i < candidates.size() && i < kShownCandidates; ++i) message += "\n  " + Printable(candidates[i]);
-    if (candidates.size() > kShownCandidates) message += "\n  ...";
-    throw CommandFailure(kExitFailure, message);
-}
 
 enum class Wanted { Versions, Backups, Both };
 
@@ -83,25 +34,67 @@ static std::optional<std::string> _NewestOf(const std::vector<Kept> &history, co
     return newest ? std::optional(newest->name) : std::nullopt;
 }
 
+// A document's name where it may be typed as it stands, else the word for it.
+static std::string _AsTyped(const std::string &document)
+{
+    static constexpr char kPlain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./,:+@-";
+    const bool isPlain = document.find_first_not_of(kPlain) == document.npos && document.front() != '-';
+    return isPlain ? document : "DOCUMENT";
+}
+
+std::optional<CommandFailure> RefusalOfDocument(const Store &store, const std::string &given)
+{
+    if (given.empty()) return std::nullopt;
+    const std::string document = DocumentPathIfKnown(given), typed = _AsTyped(given);
+    Problems problems; // are said when one of these generations is wanted
+    const std::vector<Kept> history = ReadHistory(store, problems);
+    const auto count =
+        std::count_if(history.begin(), history.end(), [&](const Kept &kept) { return kept.info.document == document; });
+    if (count == 0) return std::nullopt;
+    const bool hasVersion = _NewestOf(history, document, std::nullopt, Wanted::Versions).has_value();
+    return CommandFailure(kExitNoSuchGeneration,
+                          Quoted(given) + " is a document, and no generation; kept of it: " + std::to_string(count) +
+                              "\n  " + (hasVersion ? "\"--latest " + typed + "\" stands for the newest, and " : "") +
+                              "\"vaultry list " + typed + "\" names all");
+}
+
+CommandFailure NoSuchGeneration(const Store &store, const std::set<std::string> &present, const std::string &given)
+{
+    if (const auto document = RefusalOfDocument(store, given)) return *document;
+    const auto nearest = NearestTo(given, {present.begin(), present.end()}, Match::Beginning);
+    return CommandFailure(kExitNoSuchGeneration, "there is no generation " + Quoted(given) + " in the store " +
+                                                     Quoted(store.path()) + DidYouMean(nearest));
+}
+
+std::string ResolveGeneration(const Store &store, const std::string &given)
+{
+    const std::set<std::string> names = store.Names();
+    if (names.contains(given)) return given;
+    std::vector<std::string> candidates;
+    if (!given.empty())
+        for (auto name = names.lower_bound(given); name != names.end() && name->rfind(given, 0) == 0; ++name)
+            candidates.push_back(*name);
+    // A document of that name may be meant, where there is one.
+    if (candidates.size() == 1 && access(given.c_str(), F_OK) == 0) {
+        if (const auto document = RefusalOfDocument(store, given);
+            document && store.PeekAtInfoOf(candidates.front()).document != DocumentPathIfKnown(given))
+            throw *document;
+    }
+    if (candidates.size() == 1) return candidates.front();
+    if (candidates.empty()) throw NoSuchGeneration(store, names, given);
+    if (const auto document = RefusalOfDocument(store, given)) throw *document;
+
+    std::string message = Quoted(given) + " is the beginning of " + std::to_string(candidates.size()) + " generations:";
+    for (size_t i = 0; i < candidates.size() && i < kShownCandidates; ++i) message += "\n  " + Printable(candidates[i]);
+    if (candidates.size() > kShownCandidates) message += "\n  ...";
+    throw CommandFailure(kExitFailure, message);
+}
+
 // The last moment that a choice admits.
 static std::optional<double> _LimitOf(const Choice &choice)
 {
     if (choice.latest) return std::nullopt;
-    const char *option = choice.at ? "--at " : "--before ";
-    const std::string &text = choice.at ? *choice.at : *choice.before;
-    const std::optional<TypedTime> time = ParseTime(text, PresentTime());
-    if (!time)
-        throw CommandFailure(kExitUsage, option + Quoted(text) +
-                                             " is no time: one is 2026-03-01, \"2026-03-01 10:15\", yesterday, "
-                                             "\"2 hours ago\" or @1767225600");
-    const double limit = choice.at ? time->last : std::nextafter(time->first, -INFINITY);
-    if (time->clock == TypedTime::Clock::Twice)
-        Say(option + Quoted(text) + " comes twice, when clocks are put back: the " + (choice.at ? "later" : "earlier") +
-            " one is meant, " + ZoneAt(limit));
-    if (time->clock == TypedTime::Clock::Skipped)
-        Say(option + Quoted(text) + " is skipped, when clocks are put forward: " + HumanTime(time->first) +
-            " is meant");
-    return limit;
+    return choice.at ? LastMomentOf("--at", *choice.at) : LastMomentBefore("--before", *choice.before);
 }
 
 // Another document of the same folder, whose name is the nearest.
@@ -111,24 +104,31 @@ static std::optional<std::string> _NearestDocument(const std::vector<Kept> &hist
     std::set<std::string> others;
     for (const Kept &kept : history) {
         const std::string other = kept.info.document.value_or("");
-        if (folder + BaseName(other) == other) others.insert(BaseName(other));
+        if (other != document && folder + BaseName(other) == other) others.insert(BaseName(other));
     }
     return NearestTo(name, {others.begin(), others.end()}, Match::Whole);
 }
 
 // Why nothing of the document was found: it has nothing, or nothing so early.
-static CommandFailure _NothingOf(const Store &store, const std::vector<Kept> &history, const std::string &document)
+static CommandFailure _NothingOf(const Store &store, const std::vector<Kept> &history, const std::string &document,
+                                 const Choice &choice)
 {
     const Kept *oldest = nullptr;
+    bool isTimeless = false;
     for (const Kept &kept : history) {
-        if (kept.info.document != document || !kept.info.time || kept.info.backupOf) continue;
+        if (kept.info.document != document || kept.info.backupOf) continue;
+        isTimeless |= !kept.info.time;
+        if (!kept.info.time) continue;
         if (!oldest || *kept.info.time < *oldest->info.time) oldest = &kept;
     }
     const std::string what = "the store " + Quoted(store.path()) + " holds no generation of " + Quoted(document);
     if (!oldest && _NewestOf(history, document, std::nullopt, Wanted::Backups))
         return {kExitNoSuchGeneration, what + ", only what a restore put aside: \"vaultry undo\" brings that back"};
+    if (!oldest && isTimeless)
+        return {kExitNoSuchGeneration, what + " with a time: \"vaultry list\" names those without"};
     if (!oldest) return {kExitNoSuchGeneration, what + DidYouMean(_NearestDocument(history, document))};
-    return {kExitNoSuchGeneration, what + " that was kept by then: the first is of " + HumanTime(*oldest->info.time)};
+    return {kExitNoSuchGeneration, what + " that was kept " + (choice.before ? "before that" : "by then") +
+                                       ": the first is of " + HumanTime(*oldest->info.time)};
 }
 
 std::string ChosenGeneration(const Store &store, const Choice &choice, const std::string &given)
@@ -136,11 +136,12 @@ std::string ChosenGeneration(const Store &store, const Choice &choice, const std
     if (!choice.isMade()) return ResolveGeneration(store, given);
     const std::optional<double> limit = _LimitOf(choice);
     const std::string document = DocumentPathIfKnown(given);
+    TellOfLink(given, document);
     Problems problems;
     const std::vector<Kept> history = ReadHistory(store, problems);
     problems.SayAll();
     if (const auto newest = _NewestOf(history, document, limit, Wanted::Versions)) return *newest;
-    throw _NothingOf(store, history, document);
+    throw _NothingOf(store, history, document, choice);
 }
 
 std::optional<std::string> NewestBackupOf(const Store &store, const std::string &document)

@@ -34,11 +34,14 @@ no time and no document. If the metadata of one can't be read, "?" stands in
 their place, a message says what is wrong, and the exit status is that of a
 failure; the others are listed all the same. With a DOCUMENT, a generation whose
 document can't be read is not listed, but has its message. With --json, one
-object a line: name, document, kept, size, options, display_name, and problems,
-a list of messages, where there are any.
+object a line: name, document, kept, size, options, display_name, backup_of for
+what a restore put aside, and problems, a list of messages, where there are any.
+--documents shows how many generations there are of each document, the first and
+the last time, and the size of all, as if nothing were shared.
 
 Examples:
   vaultry list
+  vaultry list --since yesterday --limit 20
   vaultry list report.txt                the history of one document
   vaultry list --long --client nimbusync)";
 

@@ -27,8 +27,11 @@ bool ForEachRecord(const Store &store, const std::function<void(const TQDictiona
 std::vector<Kept> ReadHistory(const Store &store, Problems &problems)
 {
     std::vector<Kept> all;
-    for (const std::string &name : store.Names()) {
+    const std::set<std::string> names = store.Names(), links = PeekAtLinks(store.path());
+    for (const std::string &name : names) {
         problems.Note([&] {
+            if (links.contains(name))
+                throw CommandFailure(kExitFailure, Quoted(name) + " is a link, and no generation");
             try {
                 all.push_back({name, store.PeekAtInfoOf(name)});
             } catch (const CommandFailure &) {

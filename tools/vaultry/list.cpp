@@ -4,10 +4,10 @@
 #include "document.h"
 #include "failure.h"
 #include "history.h"
-#include "json.h"
+#include "listing.h"
 #include "store.h"
 #include "text.h"
-#include "times.h"
+#include "time_option.h"
 
 #include <vaultry/number.h>
 #include <vaultry/url.h>
@@ -20,22 +20,14 @@
 static constexpr uint64_t kSecondClientBit = 0x4;
 static constexpr char kSecondClient[] = "nimbusync";
 
-struct Entry {
-    std::string name;
-    GenerationInfo info;
-    uint64_t options;
-    std::string displayName;
-    std::optional<uint64_t> size = {};      // none if it can't be read
-    std::vector<std::string> problems = {}; // with reading this generation
-    bool isKnown = true;                    // whether the info could be read
-};
-
 // The user's conditions, except for the document.
 class Filter {
 public:
     explicit Filter(const Arguments &arguments)
         : client_(arguments.client), with_(Word(arguments.withOptions)), without_(Word(arguments.withoutOptions))
     {
+        if (arguments.since) since_ = FirstMomentOf("--since", *arguments.since);
+        if (arguments.until) until_ = LastMomentOf("--until", *arguments.until);
     }
 
     bool Admits(uint64_t options) const
@@ -43,6 +35,14 @@ public:
         const bool second = (options & kSecondClientBit) != 0;
         return (!client_ || second == (*client_ == kSecondClient)) && (with_ == 0 || (options & with_) != 0) &&
                (options & without_) == 0;
+    }
+
+    bool isAny() const { return client_ || with_ != 0 || without_ != 0 || since_ || until_; }
+
+    // One without a time is of no span.
+    bool Admits(const std::optional<double> &time) const
+    {
+        return (!since_ && !until_) || (time && (!since_ || *time >= *since_) && (!until_ || *time <= *until_));
     }
 
 private:
@@ -59,6 +59,7 @@ private:
 
     const std::optional<std::string> client_;
     const uint64_t with_, without_;
+    std::optional<double> since_, until_;
 };
 
 static const TQValue *_Lookup(const TQDictionary *dictionary, const std::string &key)
@@ -82,7 +83,8 @@ try {
     const bool areRead = ForEachRecord(store, [&](const TQDictionary *record) {
         Entry entry = _ToEntry(record);
         found.insert(entry.name);
-        if (!filter.Admits(entry.options) || (!document.empty() && entry.info.document != document)) return;
+        if (!filter.Admits(entry.options) || !filter.Admits(entry.info.time)) return;
+        if (!document.empty() && entry.info.document != document) return;
         entry.size = entry.info.size;
         if (!entry.size) entry.size = SizeOfTree(TQURLGetPath(static_cast<const TQURL *>(_Lookup(record, "URL"))));
         entries.push_back(std::move(entry));
@@ -111,6 +113,7 @@ static std::optional<Entry> _ReadEntry(const Store &store, const std::string &na
         return std::nullopt;
     }
     if (!document.empty() && entry.info.document != document) return std::nullopt;
+    if (entry.isKnown && !filter.Admits(entry.info.time)) return std::nullopt;
     return entry;
 }
 
@@ -127,46 +130,6 @@ static int _ReadOneByOne(const Store &store, const std::string &document, const 
         if (exitCode == kExitSuccess) exitCode = problems.exitCode();
     }
     return exitCode;
-}
-
-static void _PrintJson(const std::vector<Entry> &entries)
-{
-    for (const Entry &entry : entries) {
-        Json object;
-        PutBytes(object, "name", entry.name);
-        if (entry.info.document) PutBytes(object, "document", *entry.info.document);
-        if (entry.info.time) object["kept"] = IsoTime(*entry.info.time);
-        if (entry.size) object["size"] = *entry.size;
-        object["options"] = entry.options;
-        if (!entry.displayName.empty()) PutBytes(object, "display_name", entry.displayName);
-        if (entry.info.backupOf) PutBytes(object, "backup_of", *entry.info.backupOf);
-        if (!entry.problems.empty()) object["problems"] = entry.problems;
-        PrintLine(object);
-    }
-}
-
-static void _PrintTable(const std::vector<Entry> &entries, bool isLong)
-{
-    using Align = Table::Align;
-    std::vector<Table::Column> columns = {{"NAME", Align::Left}, {"TIME", Align::Left}, {"SIZE", Align::Right}};
-    if (isLong) columns.insert(columns.end(), {{"OPTIONS", Align::Right}, {"SHOWN AS", Align::Left}});
-    columns.push_back({"DOCUMENT", Align::Left});
-    Table table(columns);
-    for (const Entry &entry : entries) {
-        char options[32];
-        snprintf(options, sizeof options, "0x%llx", static_cast<unsigned long long>(entry.options));
-        const std::string none = entry.isKnown ? "-" : "?";
-        std::vector<std::string> cells = {Printable(entry.name), entry.info.time ? HumanTime(*entry.info.time) : none,
-                                          entry.size ? HumanSize(*entry.size) : "?"};
-        if (isLong) {
-            cells.push_back(options);
-            cells.push_back(entry.displayName.empty() ? "-" : Printable(entry.displayName));
-        }
-        const std::string backup = entry.info.backupOf ? " (put aside)" : "";
-        cells.push_back(entry.info.document ? Printable(*entry.info.document) + backup : none);
-        table.AddRow(std::move(cells));
-    }
-    table.Print(stdout);
 }
 
 int RunList(const Arguments &arguments)
@@ -187,13 +150,16 @@ int RunList(const Arguments &arguments)
     std::sort(entries.begin(), entries.end(), [](const Entry &a, const Entry &b) {
         return std::tuple(a.info.time.value_or(0), a.name) < std::tuple(b.info.time.value_or(0), b.name);
     });
-    if (arguments.json) {
-        _PrintJson(entries);
-        return exitCode;
-    }
-    _PrintTable(entries, arguments.longList);
+    if (arguments.limit && entries.size() > *arguments.limit)
+        entries.erase(entries.begin(), entries.end() - static_cast<std::ptrdiff_t>(*arguments.limit));
+    if (arguments.reverse) std::reverse(entries.begin(), entries.end());
+    if (arguments.byDocument)
+        PrintDocuments(entries, arguments.json);
+    else
+        PrintEntries(entries, arguments.json, arguments.longList);
+    if (arguments.json) return exitCode;
     if (entries.empty() && exitCode == kExitSuccess)
-        Say(document.empty() ? "the store " + Quoted(path) + " holds no generations"
-                             : "the store " + Quoted(path) + " holds no generations of " + Quoted(document));
+        Say("the store " + Quoted(path) + " holds no " + (filter.isAny() ? "such " : "") + "generations" +
+            (document.empty() ? "" : " of " + Quoted(document)));
     return exitCode;
 }

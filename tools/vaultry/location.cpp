@@ -60,17 +60,22 @@ bool IsStoreNamed(const std::optional<std::string> &given)
     return given || !_Environment("VAULTRY_STORE").empty();
 }
 
-// Calls `visit` with every name except "." and ".." until it returns false.
-template <class Visit> static void _EachName(const std::string &path, Visit visit)
+// Calls `visit` with every name except "." and "..", and its type, until it returns false.
+template <class Visit> static void _EachEntry(const std::string &path, Visit visit)
 {
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(path.c_str()), closedir);
     if (!directory) throw CommandFailure::Errno("can't read the directory " + Quoted(path), errno);
     const dirent *entry = nullptr;
     while (errno = 0, (entry = readdir(directory.get())) != nullptr) {
         const std::string_view name = entry->d_name;
-        if (name != "." && name != ".." && !visit(name)) return;
+        if (name != "." && name != ".." && !visit(name, entry->d_type)) return;
     }
     if (errno != 0) throw CommandFailure::Errno("can't read the directory " + Quoted(path), errno);
+}
+
+template <class Visit> static void _EachName(const std::string &path, Visit visit)
+{
+    _EachEntry(path, [&](std::string_view name, unsigned char) { return visit(name); });
 }
 
 bool IsThere(const std::string &path, struct stat *status)
@@ -165,4 +170,17 @@ std::set<std::string> PeekAtNames(const std::string &path)
         return true;
     });
     return names;
+}
+
+std::set<std::string> PeekAtLinks(const std::string &path)
+{
+    std::set<std::string> links;
+    _EachEntry(path, [&](std::string_view name, unsigned char type) {
+        struct stat status {};
+        const std::string item = path + "/" + std::string(name);
+        const bool isLink = type == DT_LNK || (type == DT_UNKNOWN && IsThere(item, &status) && S_ISLNK(status.st_mode));
+        if (isLink && name.front() != '.') links.emplace(name);
+        return true;
+    });
+    return links;
 }

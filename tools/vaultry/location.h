@@ -50,5 +50,8 @@ void RemoveMade(const std::vector<std::string> &made);
 // The names of the generations in a store's directory as they are at the moment, without the store's lock.
 std::set<std::string> PeekAtNames(const std::string &path);
 
+// Those of them that are links, and so no generations.
+std::set<std::string> PeekAtLinks(const std::string &path);
+
 // The absolute path, without touching the last component.
 std::string AbsolutePath(const std::string &path);

@@ -69,8 +69,11 @@ static int _Run(const Arguments &arguments)
 // What went wrong names a call of the system; where all of them fail alike, this tells what they have in common.
 static void _TellIfSilent(const Arguments &arguments)
 {
-    if (!DoesAnswer(LocateStore(arguments.checked ? arguments.checked : arguments.store)))
-        Say("the store's volume does not answer");
+    try {
+        if (!DoesAnswer(LocateStore(arguments.checked ? arguments.checked : arguments.store)))
+            Say("the store's volume does not answer");
+    } catch (const std::exception &) { // what went wrong was that nobody can tell where the store is
+    }
 }
 
 static int _RunAndReport(int argc, char **argv)

@@ -38,10 +38,13 @@ static PruneRules _RulesOf(const Arguments &arguments)
 {
     PruneRules rules = arguments.keep;
     if (arguments.keepWithin) {
-        rules.within = BeginningOfSpan(*arguments.keepWithin, PresentTime());
+        const double now = PresentTime();
+        rules.within = BeginningOfSpan(*arguments.keepWithin, now);
         if (!rules.within)
             throw CommandFailure(kExitUsage, "--keep-within " + Quoted(*arguments.keepWithin) +
                                                  " is no span of time: one is 36h, 30d, 8w, 6m or 1y6m");
+        if (*rules.within >= now)
+            throw CommandFailure(kExitUsage, "--keep-within " + Quoted(*arguments.keepWithin) + " keeps nothing");
     }
     if (rules.areSome()) return rules;
     throw CommandFailure(kExitUsage, "prune wants a rule for what it keeps, such as --keep-daily 7; "
@@ -59,7 +62,11 @@ class Sorting {
 public:
     Sorting(const Store &store, const Arguments &arguments) : store_(store), foreignToo_(arguments.foreign)
     {
-        for (const std::string &document : arguments.documents) wanted_.emplace(DocumentPathIfKnown(document), false);
+        for (const std::string &given : arguments.documents) {
+            const std::string document = DocumentPathIfKnown(given);
+            TellOfLink(given, document);
+            wanted_.emplace(document, false);
+        }
     }
 
     void Take(const Kept &kept)
@@ -72,6 +79,13 @@ public:
         }
         const std::optional<double> time = _TimeOf(info);
         const bool isForeign = !info.document || !time;
+        // Some clock was wrong. It would pass for the newest for as long as that is ahead.
+        if (time && *time > now_) {
+            RuleSet keptBy;
+            keptBy.set(static_cast<size_t>(Rule::Future)).set(static_cast<size_t>(Rule::Pinned), info.isPinned);
+            untouched_.push_back({info.document, kept.name, time, keptBy});
+            return;
+        }
         if (isForeign && !foreignToo_) {
             RuleSet keptBy;
             keptBy.set(static_cast<size_t>(Rule::Foreign)).set(static_cast<size_t>(Rule::Pinned), info.isPinned);
@@ -81,9 +95,10 @@ public:
         // What is guessed of a foreign one must not make others go, so it never shares a pile with those.
         const std::string pile = !isForeign      ? *info.document
                                  : info.document ? '\0' + *info.document
-                                                 : std::string(2, '\0') + store_.DisplayNameOf(kept.name);
+                                                 : GuessedPile(kept.name);
         piles_[pile].document = info.document;
-        piles_[pile].generations.push_back({kept.name, time ? *time : TimeInStore(kept.name), info.isPinned});
+        piles_[pile].generations.push_back(
+            {kept.name, time ? *time : TimeInStore(kept.name), info.isPinned, time.has_value()});
     }
 
     std::vector<Row> Planned(const PruneRules &rules)
@@ -92,7 +107,9 @@ public:
         for (auto &[key, pile] : piles_) {
             const PrunePlan plan(rules, std::move(pile.generations));
             for (const PrunePlan::Generation &generation : plan.generations())
-                rows.push_back({pile.document, generation.name, generation.time, generation.keptBy});
+                rows.push_back({pile.document, generation.name,
+                                generation.isTimeNoted ? std::optional(generation.time) : std::nullopt,
+                                generation.keptBy});
         }
         rows.insert(rows.end(), untouched_.begin(), untouched_.end());
         return rows;
@@ -109,6 +126,13 @@ public:
     }
 
 private:
+    // One that is shown under no name is alone.
+    std::string GuessedPile(const std::string &name) const
+    {
+        const std::string shown = store_.DisplayNameOf(name);
+        return shown.empty() ? std::string(3, '\0') + name : std::string(2, '\0') + shown;
+    }
+
     // When it was last changed there, that is, when it was kept, or its info or its protection were written.
     double TimeInStore(const std::string &name) const
     {
@@ -120,6 +144,7 @@ private:
 
     const Store &store_;
     const bool foreignToo_;
+    const double now_ = PresentTime();
     std::map<std::string, bool> wanted_; // documents, and whether there is anything of them; if there are none, all
     std::map<std::string, Pile> piles_;
     std::vector<Row> untouched_;
@@ -166,7 +191,7 @@ static void _RemovePlanned(const Store &store, std::vector<Row> &rows, Problems 
     std::vector<std::string> names;
     for (const Row &row : rows)
         if (row.keptBy.none()) names.push_back(row.name);
-    const std::vector<std::string> gone = RemoveAll(store, names, problems);
+    const std::vector<std::string> gone = RemoveAll(store, names, /*pinnedToo=*/false, problems);
     const std::set<std::string_view> areGone(gone.begin(), gone.end());
     for (Row &row : rows) row.isGone = areGone.contains(row.name);
 }
@@ -188,7 +213,8 @@ int RunPrune(const Arguments &arguments)
         _PrintPlan(rows);
     } else {
         const auto gone = std::count_if(rows.begin(), rows.end(), [](const Row &row) { return row.isGone; });
-        printf("generations removed: %td, kept: %td\n", gone, static_cast<ptrdiff_t>(rows.size()) - gone);
+        printf("generations removed: %td, kept: %td%s\n", gone, static_cast<ptrdiff_t>(rows.size()) - gone,
+               arguments.documents.empty() ? ", of all documents" : "");
     }
     problems.SayAll();
     return problems.exitCode();

@@ -10,7 +10,7 @@
 #include <utility>
 
 static constexpr std::array<const char *, static_cast<size_t>(Rule::Count)> kRuleWords = {
-    "hourly", "daily", "weekly", "monthly", "yearly", "last", "within", "pinned", "newest", "foreign",
+    "hourly", "daily", "weekly", "monthly", "yearly", "last", "within", "pinned", "newest", "foreign", "future",
 };
 
 std::vector<std::string> RuleWords(const RuleSet &rules)

@@ -13,7 +13,7 @@
 #include <vector>
 
 // What a generation is kept by. The rules that go by a span keep the newest of each.
-enum class Rule { Hourly, Daily, Weekly, Monthly, Yearly, Last, Within, Pinned, Newest, Foreign, Count };
+enum class Rule { Hourly, Daily, Weekly, Monthly, Yearly, Last, Within, Pinned, Newest, Foreign, Future, Count };
 inline constexpr size_t kSpanRules = 5; // the first of them
 
 using RuleSet = std::bitset<static_cast<size_t>(Rule::Count)>;
@@ -36,7 +36,8 @@ public:
         std::string name;
         double time; // seconds since 1970, of a year that the calendar has
         bool isPinned = false;
-        RuleSet keptBy = {}; // it goes if there is none
+        bool isTimeNoted = true; // or guessed
+        RuleSet keptBy = {};     // it goes if there is none
     };
 
     PrunePlan(const PruneRules &rules, std::vector<Generation> generations);

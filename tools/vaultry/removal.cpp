@@ -3,6 +3,7 @@
 #include "removal.h"
 
 #include "text.h"
+#include "waiting.h"
 
 // The library takes a dangling link for nothing. Only another program can have put one there.
 static void _RefuseLink(const Store &store, const std::string &name)
@@ -12,23 +13,47 @@ static void _RefuseLink(const Store &store, const std::string &name)
         throw CommandFailure(kExitFailure, Quoted(name) + " is a link, and no generation: it stays");
 }
 
-std::vector<std::string> RemoveAll(const Store &store, const std::vector<std::string> &names, Problems &problems)
+// Nobody knows what a damaged note said, so the user decides.
+static void _RefusePinned(const Store &store, const std::string &name)
+{
+    bool isPinned = false;
+    try {
+        isPinned = store.PeekAtInfoOf(name).isPinned;
+    } catch (const CommandFailure &failure) {
+        throw CommandFailure(failure.exitCode(), "can't tell whether " + Quoted(name) +
+                                                     " is pinned, so it stays: --pinned removes it\n  " +
+                                                     failure.what());
+    }
+    if (isPinned) throw CommandFailure(kExitFailure, Quoted(name) + " is pinned, and stays: --pinned removes it too");
+}
+
+std::vector<std::string> RemoveAll(const Store &store, const std::vector<std::string> &names, bool pinnedToo,
+                                   Problems &problems)
 {
     if (names.empty()) return {};
+    bool areRemoved = true;
     try {
-        store.Remove(names);
-    } catch (const CommandFailure &) {
+        store.Remove(names, pinnedToo);
+    } catch (const CommandFailure &failure) {
+        if (WaitWatch::GaveUp()) {
+            problems.Note([&] { throw failure; });
+            return {};
+        }
         // One by one, the user hears which can't be removed. Those that went are passed over.
-        for (const std::string &name : names) problems.Note([&] { store.Remove({name}); });
+        for (const std::string &name : names) problems.Note([&] { store.Remove({name}, pinnedToo); });
+        areRemoved = false;
     }
     std::vector<std::string> gone;
     problems.Note([&] {
         const std::set<std::string> left = PeekAtNames(store.path());
         for (const std::string &name : names) {
-            if (left.contains(name))
-                problems.Note([&] { _RefuseLink(store, name); });
-            else
+            if (!left.contains(name))
                 gone.push_back(name);
+            else
+                problems.Note([&] {
+                    _RefuseLink(store, name);
+                    if (!pinnedToo && areRemoved) _RefusePinned(store, name);
+                });
         }
     });
     return gone;

@@ -10,6 +10,7 @@
 #include "store.h"
 #include "text.h"
 
+#include <algorithm>
 #include <cstdio>
 
 static void _Require(const Store &store, const std::set<std::string> &present, const std::string &name)
@@ -21,16 +22,6 @@ static void _Require(const Store &store, const std::set<std::string> &present, c
     if (const auto document = RefusalOfDocument(store, name)) throw *document;
     throw CommandFailure(kExitNoSuchGeneration, "there is no generation " + Quoted(name) +
                                                     ", and what is removed has to be named whole, as " + Quoted(*next));
-}
-
-// Damage must not keep a generation from being removed, and who can't read what is noted can't read a pin.
-static bool _IsPinned(const Store &store, const std::string &name)
-{
-    try {
-        return store.PeekAtInfoOf(name).isPinned;
-    } catch (const CommandFailure &) {
-        return false;
-    }
 }
 
 int RunRemove(const Arguments &arguments)
@@ -45,12 +36,10 @@ int RunRemove(const Arguments &arguments)
         problems.Note([&] {
             const std::string name = isChosen ? ChosenGeneration(store, arguments.choice, given) : given;
             _Require(store, present, name);
-            if (!arguments.pinnedToo && _IsPinned(store, name))
-                throw CommandFailure(kExitFailure, Quoted(name) + " is pinned, and stays: --pinned removes it too");
-            names.push_back(name);
+            if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
         });
     }
-    const std::vector<std::string> gone = RemoveAll(store, names, problems);
+    const std::vector<std::string> gone = RemoveAll(store, names, arguments.pinnedToo, problems);
     if (isChosen)
         for (const std::string &name : gone) printf("%s is removed\n", Quoted(name).c_str());
     problems.SayAll();

@@ -8,7 +8,6 @@
 #include "document.h"
 #include "failure.h"
 #include "generation.h"
-#include "naming.h"
 #include "restoring.h"
 #include "text.h"
 
@@ -21,13 +20,6 @@ static std::string _Generation(const Store &store, const Arguments &arguments)
     if (const auto known = RefusalOfDocument(store, arguments.document))
         throw CommandFailure(kExitUsage, known->what());
     throw CommandFailure(kExitUsage, "restore wants a NAME and a DOCUMENT, or --latest, --at or --before");
-}
-
-static void _TellOfLink(const std::string &given, const std::string &document)
-{
-    struct stat status {};
-    if (IsThere(WithoutTrailingSlashes(given), &status) && S_ISLNK(status.st_mode))
-        Say(Quoted(given) + " is a link: restoring " + Quoted(document));
 }
 
 // What nobody noted can't be told to be another document's.
@@ -64,7 +56,7 @@ int RunRestore(const Arguments &arguments)
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string document = DocumentPath(arguments.document);
     const std::string name = _Generation(store, arguments);
-    _TellOfLink(arguments.document, document);
+    if (!arguments.choice.isMade()) TellOfLink(arguments.document, document); // otherwise it is told already
     if (IsDocumentThere(document)) {
         if (!arguments.replace) _RequireVersionOf(store, name, document);
         const std::string question = "Give up what " + Quoted(document) + " is now?";

@@ -87,11 +87,21 @@ static void _NoteBackup(const Store &store, const Backup &backup)
         Say("list may not show " + Quoted(*backup.name) + " with its document: that could not be written");
 }
 
+// Asked when the store may be somebody else's again, so without its lock.
+static bool _IsKept(const Store &store, const Backup &backup)
+{
+    try {
+        return PeekAtNames(store.path()).contains(*backup.name);
+    } catch (const CommandFailure &) {
+        return false;
+    }
+}
+
 // After a failed restore the backup is gone, unless a part of the old state is gone or somebody saved the document
 // meanwhile.
 static void _NameBackup(const Store &store, const std::string &document, const Backup &backup)
 {
-    if (!backup.isNew || !store.Names().contains(*backup.name)) return;
+    if (!backup.isNew || !_IsKept(store, backup)) return;
     _NoteBackup(store, backup);
     Say("what " + Quoted(document) + " was is kept as " + Quoted(*backup.name));
 }
@@ -188,7 +198,7 @@ int BringBack(const Store &store, const std::string &name, const std::string &do
         _Replace(store, name, document, backup);
     else
         _CopyBack(store, name, document, backup);
-    if (!isThere && (!backup.isNew || !store.Names().contains(*backup.name))) backup.name.reset();
+    if (!isThere && (!backup.isNew || !_IsKept(store, backup))) backup.name.reset();
     if (backup.name) _NoteBackup(store, backup);
     const std::string restored = isThere || backup.name ? RestoredPath(document, name) : document;
     if (arguments.json) {

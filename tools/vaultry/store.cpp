@@ -89,12 +89,15 @@ Store Store::RequireMade(const std::string &path)
                              ": mount its volume, or make one with \"vaultry init --store DIR\"");
 }
 
-void Store::Remove(const std::vector<std::string> &names) const
+void Store::Remove(const std::vector<std::string> &names, bool pinnedToo) const
 {
     const Owned<TQArray> array(TQArrayCreateMutable());
     for (const std::string &name : names) (void)TQArrayAppendValue(array.get(), MakeString(name).get());
     Owned<TQError> error;
-    if (!TQClientManagedStorageRemoveGenerations(handle(), array.get(), error.out()))
+    const bool areRemoved = pinnedToo ? TQClientManagedStorageRemoveGenerations(handle(), array.get(), error.out())
+                                      : TQClientManagedStorageRemoveGenerationsUnless(
+                                            handle(), array.get(), MakeString(kPinnedKey).get(), error.out());
+    if (!areRemoved)
         throw CommandFailure::Library("can't remove " + (names.size() == 1 ? Quoted(names[0]) : "all of them") +
                                           " from the store " + Quoted(path_),
                                       error.get());
@@ -141,7 +144,7 @@ std::string Store::DisplayNameOf(const std::string &name) const
 bool Store::HasNotes(const std::string &name, const TQDictionary *notes) const noexcept
 {
     try {
-        const GenerationInfo found = InfoOf(name), wanted = ToGenerationInfo(notes);
+        const GenerationInfo found = PeekAtInfoOf(name), wanted = ToGenerationInfo(notes);
         return found.document == wanted.document && found.time == wanted.time;
     } catch (const std::exception &) {
         return false;

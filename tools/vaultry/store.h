@@ -62,9 +62,9 @@ public:
     bool HasNotes(const std::string &name, const TQDictionary *notes) const noexcept;
     // Writes all of the notes; on failure, none.
     bool SetInfoOf(const std::string &name, const TQDictionary *notes, TQError **error) const;
-    // Removes them in order, up to the first that can't be removed; passes over a name without a generation. Takes one
-    // lock and one flush, however many they are.
-    void Remove(const std::vector<std::string> &names) const;
+    // Removes them in order, up to the first that can't be removed; passes over a name without a generation, and unless
+    // `pinnedToo` over what is pinned by then, or may be. Takes one lock and one flush, however many they are.
+    void Remove(const std::vector<std::string> &names, bool pinnedToo) const;
 
 private:
     Store(const std::string &path);

@@ -2,6 +2,7 @@
 
 #include "typed_time.h"
 
+#include <algorithm>
 #include <cmath>
 #include <ctime>
 #include <map>
@@ -78,7 +79,8 @@ std::optional<TypedTime> ParseDate(const std::string &text)
     const int second = number(7); // 60 in a leap second
     if (!_IsDay(day) || minute.tm_hour > 23 || minute.tm_min > 59 || second > 60) return std::nullopt;
     const std::string zone = match[9];
-    if (!match[4].matched && !zone.empty() && zone != "Z") return std::nullopt; // a sign behind a day is a slip
+    if (!match[4].matched && !zone.empty() && zone != "Z" && zone != "z")
+        return std::nullopt; // a sign behind a day is a slip
 
     TypedTime time;
     if (!zone.empty()) {
@@ -115,8 +117,18 @@ static const Unit &_UnitOf(const std::string &name)
     return units.at(name);
 }
 
-// By units of the calendar, the clock shows the same as now.
-static std::optional<TypedTime> _Before(double now, int count, const Unit &unit)
+static int _LastDayOfMonth(int year, int month)
+{
+    struct tm parts {};
+    parts.tm_year = year;
+    parts.tm_mon = month + 1; // the day before its first
+    (void)timegm(&parts);
+    return parts.tm_mday;
+}
+
+// By units of the calendar, the clock shows the same as now. A month that has no such day gives one of the next month,
+// or with `isEarly` its own last day.
+static std::optional<TypedTime> _Before(double now, int count, const Unit &unit, bool isEarly = false)
 {
     if (!unit.part) return TypedTime{now - count * unit.seconds, now - count * unit.seconds};
     const double whole = std::floor(now);
@@ -124,6 +136,8 @@ static std::optional<TypedTime> _Before(double now, int count, const Unit &unit)
     struct tm parts {};
     if (!localtime_r(&seconds, &parts)) return std::nullopt;
     parts.*unit.part -= count * unit.count;
+    if (isEarly && unit.part != &tm::tm_mday)
+        parts.tm_mday = std::min(parts.tm_mday, _LastDayOfMonth(parts.tm_year, parts.tm_mon));
     TypedTime time = _FromLocal(parts);
     time.first += now - whole;
     time.last += now - whole;
@@ -162,7 +176,7 @@ std::optional<double> BeginningOfSpan(const std::string &text, double now)
     static const std::regex form("(?:\\d{1,6}[hdwmy]){1,5}"), part("(\\d+)([hdwmy])");
     if (!std::regex_match(text, form)) return std::nullopt;
     for (std::sregex_iterator match(text.begin(), text.end(), part), end; match != end; ++match) {
-        const auto time = _Before(now, std::stoi((*match)[1]), _UnitOf((*match)[2]));
+        const auto time = _Before(now, std::stoi((*match)[1]), _UnitOf((*match)[2]), /*isEarly=*/true);
         if (!time) return std::nullopt;
         now = time->first;
     }

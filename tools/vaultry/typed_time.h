@@ -24,5 +24,6 @@ std::optional<TypedTime> ParseDate(const std::string &text);
 // calendar as mktime counts them: a month before March 31 it is March 3.
 std::optional<TypedTime> ParseTime(const std::string &text, double now);
 
-// How long ago a span like "36h", "30d" or "1y6m" began: hours, days, weeks, months and years, counted in the same way.
+// How long ago a span like "36h", "30d" or "1y6m" began: hours, days, weeks, months and years, counted in the
+// same way, but never too short: a month before March 31 begins on the last day of February.
 std::optional<double> BeginningOfSpan(const std::string &text, double now);

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <csignal>
 #include <fstream>
+#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -33,17 +34,23 @@ static std::string _Bytes(const TQDictionary *operation, const char *key)
     return Printable({static_cast<const char *>(TQDataGetBytes(data)), TQDataGetLength(data)});
 }
 
-static std::string _Process(const TQDictionary *operation)
+// The kernel tells who took the lock. Where that process has ended, it left the lock to a child.
+static std::string _Holder(const TQDictionary *operation)
 {
-    const int64_t number = TQNumberGetInt64(_Entry(operation, "process"));
-    const std::string process = "process " + std::to_string(number);
-    if (!TQNumberGetTruth(_Entry(operation, "here"))) {
-        const std::string host = _Bytes(operation, "host");
-        return process + " on " + (host.empty() ? "another machine" : host);
-    }
-    std::ifstream file("/proc/" + std::to_string(number) + "/comm");
+    const std::string number = std::to_string(TQNumberGetInt64(_Entry(operation, "process")));
+    std::ifstream file("/proc/" + number + "/comm");
     std::string name;
-    return std::getline(file, name) ? process + " (" + Printable(name) + ")" : process;
+    const std::string process = "process " + number;
+    return std::getline(file, name) ? process + " (" + Printable(name) + ")" : "a child of " + process;
+}
+
+// The number is one of the process's own machine, or of a part of it, so nothing is looked up by it.
+static std::string _Worker(const TQDictionary *operation)
+{
+    const std::string process = "process " + std::to_string(TQNumberGetInt64(_Entry(operation, "process")));
+    if (TQNumberGetTruth(_Entry(operation, "here"))) return process;
+    const std::string host = _Bytes(operation, "host");
+    return process + " on " + (host.empty() ? "another machine" : host);
 }
 
 // Those that hold the lock, if the kernel knows them; otherwise whoever else works in the store.
@@ -56,7 +63,7 @@ static std::string _WhoHas(const std::string &store)
         const bool isOwn =
             TQNumberGetTruth(_Entry(operation, "here")) && TQNumberGetInt64(_Entry(operation, "process")) == getpid();
         const bool isLock = !_Entry(operation, "document");
-        if (!isOwn) (isLock ? holders : others).push_back(_Process(operation));
+        if (!isOwn) isLock ? holders.push_back(_Holder(operation)) : others.push_back(_Worker(operation));
     }
     const bool isKnown = !holders.empty();
     std::vector<std::string> &who = isKnown ? holders : others;
@@ -71,17 +78,21 @@ static std::string _WhoHas(const std::string &store)
 // --- the wait
 
 extern "C" {
-static void _OnAlarm(int) {} // it only ends a system call
+static void _OnSignal(int) {} // it only ends a system call
 }
+
+// One that does nothing where nobody has set a handler.
+static constexpr int kEndOfWait = SIGURG;
 
 WaitWatch::WaitWatch(std::optional<double> seconds) : progress_(TQProgressCreate(0))
 {
     constexpr double kYear = 366.0 * 24 * 3600; // and no more, which a clock could not hold
-    if (seconds)
+    if (seconds) {
         left_ = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(std::min(*seconds, kYear)));
-    struct sigaction action {};
-    action.sa_handler = _OnAlarm;
-    sigaction(SIGALRM, &action, nullptr);
+        struct sigaction action {};
+        action.sa_handler = _OnSignal;
+        sigaction(kEndOfWait, &action, nullptr);
+    }
     TQProgressSetObserver(progress_.get(), &WaitWatch::Changed, this);
     TQProgressBecomeCurrent(progress_.get());
 }
@@ -90,6 +101,12 @@ WaitWatch::~WaitWatch()
 {
     TQProgressResignCurrent(progress_.get());
     TQProgressSetObserver(progress_.get(), nullptr, nullptr);
+    Join();
+}
+
+void WaitWatch::Join()
+{
+    if (thread_.joinable()) thread_.join();
 }
 
 bool WaitWatch::GaveUp()
@@ -101,10 +118,10 @@ bool WaitWatch::GaveUp()
 void WaitWatch::Changed(TQProgress *changed, void *self)
 {
     auto &watch = *static_cast<WaitWatch *>(self);
+    if (changed == watch.shown_) return watch.End();
     const Owned<TQValue> kind(TQProgressCopyUserInfo(changed, kTQProgressFileOperationKindKey));
-    const bool waits = kind && TQEqual(kind.get(), kTQProgressFileOperationKindWaiting);
-    if (waits == watch.thread_.joinable()) return;
-    if (!waits) return watch.End();
+    if (watch.shown_ || !kind || !TQEqual(kind.get(), kTQProgressFileOperationKindWaiting)) return;
+    watch.shown_ = changed;
     const Owned<TQValue> url(TQProgressCopyUserInfo(changed, kTQProgressFileURLKey));
     const char *path = TQURLGetPath(static_cast<const TQURL *>(url.get()));
     const std::string lockFile = path ? path : "";
@@ -113,25 +130,40 @@ void WaitWatch::Changed(TQProgress *changed, void *self)
 
 void WaitWatch::Begin(const std::string &store)
 {
-    isWaiting_ = true;
+    Join();
+    {
+        const std::lock_guard lock(mutex_);
+        isWaiting_ = true;
+    }
     began_ = Clock::now();
     // Signals are for the thread that waits.
     sigset_t all, before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    thread_ = std::thread(&WaitWatch::Watch, this, store, pthread_self());
+    try {
+        thread_ = std::thread(&WaitWatch::Watch, this, store, pthread_self(), left_);
+    } catch (const std::system_error &) { // nobody can tell of the wait, or end it in time
+        if (left_) GiveUp();
+    }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
+// The store's lock is held by now, so nothing is waited for.
 void WaitWatch::End()
 {
+    shown_ = nullptr;
     {
         const std::lock_guard lock(mutex_);
         isWaiting_ = false;
     }
     wake_.notify_all();
-    thread_.join();
     if (left_) *left_ = std::max(*left_ - (Clock::now() - began_), Clock::duration::zero());
+}
+
+void WaitWatch::GiveUp()
+{
+    gGaveUp = true;
+    TQProgressCancel(progress_.get());
 }
 
 bool WaitWatch::WaitUntil(std::optional<Clock::time_point> time)
@@ -143,19 +175,25 @@ bool WaitWatch::WaitUntil(std::optional<Clock::time_point> time)
     return false;
 }
 
-void WaitWatch::Watch(const std::string &store, pthread_t waiter)
+// A signal may come before the wait goes on, so it is sent again. What is being undone waits on.
+void WaitWatch::Watch(const std::string &store, pthread_t waiter, std::optional<Clock::duration> limit)
 {
-    const auto told = began_ + std::chrono::seconds(1);
-    const std::optional<Clock::time_point> end = left_ ? std::optional(began_ + *left_) : std::nullopt;
-    if (!end || told < *end) {
-        if (!WaitUntil(told)) return;
-        if (ProgressBar::AreShown()) fputs("\r\x1b[K", stderr);
-        Say("waiting for the store " + Quoted(store) + ": " + _WhoHas(store));
+    using namespace std::chrono_literals;
+    const auto toTell = began_ + 1s;
+    const std::optional<Clock::time_point> end = limit ? std::optional(began_ + *limit) : std::nullopt;
+    if (end && *end <= toTell) {
+        if (!WaitUntil(end)) return;
+        GiveUp();
     }
-    if (!WaitUntil(end)) return;
-    gGaveUp = true;
-    TQProgressCancel(progress_.get());
-    // The signal may come before the wait goes on, so it is sent until the wait has ended.
-    do pthread_kill(waiter, SIGALRM);
-    while (WaitUntil(Clock::now() + std::chrono::milliseconds(20)));
+    for (auto pause = 20ms; gGaveUp && Clock::now() < toTell; pause *= 2) {
+        pthread_kill(waiter, kEndOfWait);
+        if (!WaitUntil(std::min(Clock::now() + pause, toTell))) return;
+    }
+    if (!WaitUntil(toTell)) return;
+    if (ProgressBar::AreShown()) fputs("\r\x1b[K", stderr);
+    Say("waiting for the store " + Quoted(store) + ": " + _WhoHas(store));
+    if (!WaitUntil(gGaveUp ? std::optional(Clock::now()) : end)) return;
+    GiveUp();
+    do pthread_kill(waiter, kEndOfWait);
+    while (WaitUntil(Clock::now() + 1s));
 }

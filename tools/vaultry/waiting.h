@@ -23,7 +23,8 @@ class WaitWatch {
 public:
     using Clock = std::chrono::steady_clock;
 
-    // `seconds` is how long the command waits in all; without it, it waits for ever.
+    // `seconds` is how long the command waits in all; without it, it waits for ever. What was begun is undone first,
+    // however long that waits.
     explicit WaitWatch(std::optional<double> seconds);
     ~WaitWatch();
     WaitWatch(const WaitWatch &) = delete;
@@ -36,7 +37,9 @@ private:
     static void Changed(TQProgress *changed, void *self);
     void Begin(const std::string &store);
     void End();
-    void Watch(const std::string &store, pthread_t waiter);
+    void GiveUp();
+    void Watch(const std::string &store, pthread_t waiter, std::optional<Clock::duration> limit);
+    void Join();
     bool WaitUntil(std::optional<Clock::time_point> time); // false if the lock came first
 
     const Owned<TQProgress> progress_;
@@ -44,6 +47,7 @@ private:
     Clock::time_point began_;
     std::mutex mutex_;
     std::condition_variable wake_;
-    bool isWaiting_ = false;
+    bool isWaiting_ = false;            // guarded by the mutex
+    const TQProgress *shown_ = nullptr; // the progress that shows the wait; only for the thread that waits
     std::thread thread_;
 };
