@@ -43,4 +43,35 @@ TEST(StoreLocks, ReportMisuseAndFailure)
     }
 }
 
+// On a child of the client's progress, whose own entries stay as they are.
+TEST(StoreLocks, ShowThatAnOperationWaits)
+{
+    TestStore store;
+    struct Seen {
+        StoreLock holder{-1};
+        std::vector<std::string> calls;
+    } seen;
+    EXPECT_TRUE(_WriteLockGenerationStore(store.root().c_str(), &seen.holder, nullptr));
+    const auto progress = Ref<TQProgress>::Adopt(TQProgressCreate(7));
+    TQProgressSetObserver(
+        progress.get(),
+        [](TQProgress *changed, void *context) {
+            auto &at = *static_cast<Seen *>(context);
+            const auto kind = Ref<TQValue>::Adopt(TQProgressCopyUserInfo(changed, kTQProgressFileOperationKindKey));
+            const auto url = Ref<TQValue>::Adopt(TQProgressCopyUserInfo(changed, kTQProgressFileURLKey));
+            const bool waits = TQEqual(kind.get(), kTQProgressFileOperationKindWaiting);
+            at.calls.push_back(waits ? TQURLGetPath(static_cast<TQURL *>(url.get())) : kind ? "another kind" : "over");
+            if (at.holder.fd != -1) _UnlockGenerationStore(&at.holder);
+        },
+        &seen);
+    TQProgressBecomeCurrent(progress.get());
+    errno = EDOM;
+    EXPECT_TRUE(store.List().empty());
+    EXPECT_EQ(errno, EDOM);
+    TQProgressResignCurrent(progress.get());
+    EXPECT_THAT(seen.calls, testing::ElementsAre(store.root() + "/.vaultry_lockfile", "over"));
+    EXPECT_FALSE(Ref<TQValue>::Adopt(TQProgressCopyUserInfo(progress.get(), kTQProgressFileOperationKindKey)));
+    EXPECT_EQ(TQProgressGetTotalUnits(progress.get()), 7);
+}
+
 } // namespace
