@@ -211,7 +211,7 @@ class Restore(CopyOut):
         subprocess.run([*CP, self.source, self.document], check=True)
 
     def ours(self):
-        return [self.vaultry("restore", "--no-backup", "generation", self.document)]
+        return [self.vaultry("restore", "--replace", "--no-backup", "generation", self.document)]
 
     def theirs(self):
         new, old = f"{self.home}/new", f"{self.home}/old"

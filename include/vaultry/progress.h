@@ -23,7 +23,7 @@ TQ_EXPORT extern TQString *const kTQProgressFileOperationKindKey;
 TQ_EXPORT extern TQString *const kTQProgressFileOperationKindCopying;
 /// As long as an operation waits for the store's lock, a child of the thread's current progress has this kind, and the
 /// lock file's URL. The observers are called for the child when that begins, and once more when it ends: then the child
-/// has no kind. The second call comes with the lock held, so it must not use the store, and should return at once.
+/// has no kind. The second call may come with the lock held, so it must not use the store, and should return at once.
 TQ_EXPORT extern TQString *const kTQProgressFileOperationKindWaiting;
 TQ_EXPORT extern TQString *const kTQProgressFileURLKey;
 /// The kind of a progress that counts bytes of files.

@@ -109,16 +109,29 @@ static void _DefineAdd(CLI::App &app, Arguments &arguments)
     _AddJson(add, arguments);
 }
 
+// What is wrong with a text that is to be a count; nothing if it is one.
+static std::string _RequireCount(const std::string &text)
+{
+    const bool isCount =
+        !text.empty() && text.size() < 10 && text[0] != '0' && text.find_first_not_of("0123456789") == text.npos;
+    return isCount ? "" : "wants a number, 1 or more, and not \"" + text + "\"";
+}
+
 static void _DefineList(CLI::App &app, Arguments &arguments)
 {
     CLI::App *list = _AddCommand(app, arguments, Command::List, "list", "Show what is kept", kListFooter);
     list->add_option("DOCUMENT", arguments.document, "Only generations of this document")->option_text(" ");
-    list->add_flag("--long", arguments.longList, "Show options and display names too");
+    CLI::Option *isLong = list->add_flag("--long", arguments.longList, "Show options and display names too");
+    isLong->option_text(" ");
     list->add_option("--since", arguments.since, "Only generations since that time")->option_text("TIME");
     list->add_option("--until", arguments.until, "Only generations up to that time")->option_text("TIME");
-    list->add_option("--limit", arguments.limit, "Only the newest N")->option_text("N");
+    CLI::Option *limit = list->add_option("--limit", arguments.limit, "Only the newest N");
+    limit->option_text("N")->check(_RequireCount);
     list->add_flag("--reverse", arguments.reverse, "Newest first");
-    list->add_flag("--documents", arguments.byDocument, "One line a document");
+    list->add_flag("--documents", arguments.byDocument, "One line a document")
+        ->option_text(" ")
+        ->excludes(limit)
+        ->excludes(isLong);
     list->add_option("--client", arguments.client, "Only generations of this client: draftline or nimbusync")
         ->option_text("CLIENT")
         ->check(CLI::IsMember({"draftline", "nimbusync"}));
@@ -202,11 +215,7 @@ static void _DefinePrune(CLI::App &app, Arguments &arguments)
     CLI::App *prune = _AddCommand(app, arguments, Command::Prune, "prune", "Remove generations by rules", kPruneFooter);
     prune->add_option("DOCUMENT", arguments.documents, "Only generations of these documents")->option_text("...");
     const auto addCount = [prune](const char *name, size_t &count, const char *description) {
-        prune->add_option(name, count, description)->option_text("N")->check([](const std::string &text) {
-            const bool isCount = !text.empty() && text.size() < 10 && text[0] != '0' &&
-                                 text.find_first_not_of("0123456789") == text.npos;
-            return isCount ? "" : "wants a number, 1 or more, and not \"" + text + "\"";
-        });
+        prune->add_option(name, count, description)->option_text("N")->check(_RequireCount);
     };
     addCount("--keep-last", arguments.keep.last, "Keep the N newest");
     prune->add_option("--keep-within", arguments.keepWithin, "Keep all from that time until now")->option_text("SPAN");
@@ -292,7 +301,7 @@ static std::string _WrongWord(const CLI::App &app)
     if (words.empty()) return "";
     const bool hasCommand = !app.get_subcommands().empty();
     const CLI::App &command = hasCommand ? *app.get_subcommands().front() : app;
-    const std::string word = words.front().substr(0, words.front().find('='));
+    const std::string word = words.front().substr(0, words.front().find_first_of(std::string_view("=\0", 2)));
     std::vector<std::string> candidates;
     if (word.size() > 1 && word[0] == '-') {
         for (const CLI::Option *option : command.get_options())

@@ -66,10 +66,20 @@ CommandFailure NoSuchGeneration(const Store &store, const std::set<std::string> 
                                                      Quoted(store.path()) + DidYouMean(nearest));
 }
 
+static void _RefuseLink(const Store &store, const std::string &name)
+{
+    struct stat status {};
+    if (IsThere(store.path() + "/" + name, &status) && S_ISLNK(status.st_mode))
+        throw CommandFailure(kExitFailure, Quoted(name) + " is a link, and no generation");
+}
+
 std::string ResolveGeneration(const Store &store, const std::string &given)
 {
     const std::set<std::string> names = store.Names();
-    if (names.contains(given)) return given;
+    if (names.contains(given)) {
+        _RefuseLink(store, given);
+        return given;
+    }
     std::vector<std::string> candidates;
     if (!given.empty())
         for (auto name = names.lower_bound(given); name != names.end() && name->rfind(given, 0) == 0; ++name)
@@ -122,10 +132,10 @@ static CommandFailure _NothingOf(const Store &store, const std::vector<Kept> &hi
         if (!oldest || *kept.info.time < *oldest->info.time) oldest = &kept;
     }
     const std::string what = "the store " + Quoted(store.path()) + " holds no generation of " + Quoted(document);
-    if (!oldest && _NewestOf(history, document, std::nullopt, Wanted::Backups))
-        return {kExitNoSuchGeneration, what + ", only what a restore put aside: \"vaultry undo\" brings that back"};
     if (!oldest && isTimeless)
         return {kExitNoSuchGeneration, what + " with a time: \"vaultry list\" names those without"};
+    if (!oldest && _NewestOf(history, document, std::nullopt, Wanted::Backups))
+        return {kExitNoSuchGeneration, what + ", only what a restore put aside: \"vaultry undo\" brings that back"};
     if (!oldest) return {kExitNoSuchGeneration, what + DidYouMean(_NearestDocument(history, document))};
     return {kExitNoSuchGeneration, what + " that was kept " + (choice.before ? "before that" : "by then") +
                                        ": the first is of " + HumanTime(*oldest->info.time)};
@@ -147,8 +157,13 @@ std::string ChosenGeneration(const Store &store, const Choice &choice, const std
 std::optional<std::string> NewestBackupOf(const Store &store, const std::string &document)
 {
     Problems problems;
-    const std::vector<Kept> history = ReadHistory(store, problems);
+    std::vector<Kept> history = ReadHistory(store, problems);
     problems.SayAll();
+    // One that an undo brought back has had its turn, whatever its clock said.
+    std::set<std::string> used;
+    for (const Kept &kept : history)
+        if (kept.info.document == document && kept.info.backupOf) used.insert(*kept.info.backupOf);
+    std::erase_if(history, [&](const Kept &kept) { return used.contains(kept.name); });
     return _NewestOf(history, document, std::nullopt, Wanted::Backups);
 }
 

@@ -60,10 +60,10 @@ The document keeps its own permissions and flags. Its present state is kept
 first, as a generation of its own whose name is printed; "vaultry undo" brings
 it back, and --latest, --at and --before pass it over. A generation of another
 document, and a folder over a file or a file over a folder, want --replace.
-Where DOCUMENT is a link, its target is meant. If another program saves the
-file meanwhile, the restore fails and keeps what was saved. If the generation's name ends in another
-extension, the document gets that extension. A document that is gone is copied
-back.
+Where DOCUMENT is a link, its target is meant. If another program saves the file
+meanwhile, the restore fails and keeps what was saved. If the generation's name
+ends in another extension, the document gets that extension. A document that is
+gone is copied back.
 
 Examples:
   vaultry restore --latest report.txt
@@ -71,8 +71,8 @@ Examples:
   vaultry restore before-review report.txt)";
 
 inline constexpr char kUndoFooter[] = R"(
-Brings back what the last restore, or the last undo, of DOCUMENT put aside. What
-it is now is put aside in turn: undo once more, and it is back.
+Brings back the newest state of DOCUMENT that a restore, or an undo, put aside.
+What it is now is put aside in turn: undo once more, and it is back.
 
 Example:
   vaultry undo report.txt)";
@@ -140,8 +140,10 @@ inline constexpr char kPruneFooter[] = R"(
 Goes through the store a document at a time, and removes each generation that no
 rule keeps. Without a rule it refuses. Hours, days, weeks (from Monday), months
 and years are those of the local calendar, and only those with a generation
-count. A SPAN is like 36h, 30d, 8w, 6m or 1y6m. The newest generation of a
-document always stays, and so does one that is pinned.
+count; an hour that clocks show twice is two. A SPAN is like 36h, 30d, 8w, 6m or
+1y6m. The newest generation of a document always stays, and so does one that is
+pinned, and one whose time is still to come. What restores put aside is thinned
+out by the same rules, but apart from the versions.
 
 Generations of other programs, without a time or a document, stay. --foreign
 prunes them too, apart from the others: by when they last changed in the store

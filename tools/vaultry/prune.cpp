@@ -23,6 +23,7 @@
 // The generations that are thinned out together: those of a document, or foreign ones that seem to be of the same one.
 struct Pile {
     std::optional<std::string> document = {};
+    bool isPutAside = false;
     std::vector<PrunePlan::Generation> generations = {};
 };
 
@@ -32,6 +33,7 @@ struct Row {
     std::optional<double> time;
     RuleSet keptBy;
     bool isGone = false;
+    bool isPutAside = false;
 };
 
 static PruneRules _RulesOf(const Arguments &arguments)
@@ -93,10 +95,14 @@ public:
             return;
         }
         // What is guessed of a foreign one must not make others go, so it never shares a pile with those.
-        const std::string pile = !isForeign      ? *info.document
+        // What restores put aside is no version, and must not take a version's place.
+        const bool isPutAside = !isForeign && info.backupOf;
+        const std::string pile = isPutAside      ? std::string(4, '\0') + *info.document
+                                 : !isForeign    ? *info.document
                                  : info.document ? '\0' + *info.document
                                                  : GuessedPile(kept.name);
         piles_[pile].document = info.document;
+        piles_[pile].isPutAside = isPutAside;
         piles_[pile].generations.push_back(
             {kept.name, time ? *time : TimeInStore(kept.name), info.isPinned, time.has_value()});
     }
@@ -109,7 +115,7 @@ public:
             for (const PrunePlan::Generation &generation : plan.generations())
                 rows.push_back({pile.document, generation.name,
                                 generation.isTimeNoted ? std::optional(generation.time) : std::nullopt,
-                                generation.keptBy});
+                                generation.keptBy, /*isGone=*/false, pile.isPutAside});
         }
         rows.insert(rows.end(), untouched_.begin(), untouched_.end());
         return rows;
@@ -166,6 +172,7 @@ static void _PrintAsJson(const std::vector<Row> &rows, bool isDry)
         if (row.time) object["kept"] = IsoTime(*row.time);
         object["plan"] = row.keptBy.any() ? "keep" : "remove";
         object["rules"] = RuleWords(row.keptBy);
+        if (row.isPutAside) object["put_aside"] = true;
         if (!isDry && row.keptBy.none()) object["removed"] = row.isGone;
         PrintLine(object);
     }
@@ -182,7 +189,7 @@ static void _PrintPlan(const std::vector<Row> &rows)
     for (const Row &row : rows)
         table.AddRow({row.keptBy.any() ? "keep" : "remove", Printable(row.name), row.time ? HumanTime(*row.time) : "-",
                       row.keptBy.any() ? _Joined(RuleWords(row.keptBy)) : "-",
-                      row.document ? Printable(*row.document) : "-"});
+                      row.document ? Printable(*row.document) + (row.isPutAside ? " (put aside)" : "") : "-"});
     table.Print(stdout);
 }
 

@@ -21,27 +21,34 @@ static void _RefusePinned(const Store &store, const std::string &name)
         isPinned = store.PeekAtInfoOf(name).isPinned;
     } catch (const CommandFailure &failure) {
         throw CommandFailure(failure.exitCode(), "can't tell whether " + Quoted(name) +
-                                                     " is pinned, so it stays: --pinned removes it\n  " +
+                                                     " is pinned, so it stays: \"remove --pinned\" takes it\n  " +
                                                      failure.what());
     }
-    if (isPinned) throw CommandFailure(kExitFailure, Quoted(name) + " is pinned, and stays: --pinned removes it too");
+    if (isPinned)
+        throw CommandFailure(kExitFailure, Quoted(name) + " is pinned, and stays: \"remove --pinned\" takes it too");
 }
 
 std::vector<std::string> RemoveAll(const Store &store, const std::vector<std::string> &names, bool pinnedToo,
                                    Problems &problems)
 {
     if (names.empty()) return {};
-    bool areRemoved = true;
+    std::set<std::string> failed;
     try {
         store.Remove(names, pinnedToo);
     } catch (const CommandFailure &failure) {
+        // One by one, the user hears which can't be removed. Those that went are passed over.
+        for (const std::string &name : names) {
+            if (WaitWatch::GaveUp()) break;
+            problems.Note([&] {
+                failed.insert(name);
+                store.Remove({name}, pinnedToo);
+                failed.erase(name);
+            });
+        }
         if (WaitWatch::GaveUp()) {
             problems.Note([&] { throw failure; });
-            return {};
+            failed.insert(names.begin(), names.end());
         }
-        // One by one, the user hears which can't be removed. Those that went are passed over.
-        for (const std::string &name : names) problems.Note([&] { store.Remove({name}, pinnedToo); });
-        areRemoved = false;
     }
     std::vector<std::string> gone;
     problems.Note([&] {
@@ -52,7 +59,7 @@ std::vector<std::string> RemoveAll(const Store &store, const std::vector<std::st
             else
                 problems.Note([&] {
                     _RefuseLink(store, name);
-                    if (!pinnedToo && areRemoved) _RefusePinned(store, name);
+                    if (!pinnedToo && !failed.contains(name)) _RefusePinned(store, name);
                 });
         }
     });

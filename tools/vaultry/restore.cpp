@@ -51,6 +51,16 @@ static void _RequireVersionOf(const Store &store, const std::string &name, const
                                                Quoted(document) + way);
 }
 
+// The answer holds only for the document as it was then.
+static void _Ask(const std::string &document)
+{
+    const Fingerprint before = FingerprintOf(document);
+    if (!Confirmed("Give up what " + Quoted(document) + " is now?"))
+        throw CommandFailure(kExitFailure, Quoted(document) + " is as it was");
+    if (FingerprintOf(document) != before)
+        throw CommandFailure(kExitFailure, Quoted(document) + " was changed meanwhile, and stays as it is");
+}
+
 int RunRestore(const Arguments &arguments)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
@@ -59,9 +69,7 @@ int RunRestore(const Arguments &arguments)
     if (!arguments.choice.isMade()) TellOfLink(arguments.document, document); // otherwise it is told already
     if (IsDocumentThere(document)) {
         if (!arguments.replace) _RequireVersionOf(store, name, document);
-        const std::string question = "Give up what " + Quoted(document) + " is now?";
-        if (arguments.noBackup && isatty(STDIN_FILENO) && !Confirmed(question))
-            throw CommandFailure(kExitFailure, Quoted(document) + " is as it was");
+        if (arguments.noBackup && isatty(STDIN_FILENO)) _Ask(document);
     }
     return BringBack(store, name, document, arguments);
 }

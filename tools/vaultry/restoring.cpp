@@ -84,7 +84,8 @@ static void _NoteBackup(const Store &store, const Backup &backup)
 {
     if (!store.HasNotes(*backup.name, backup.notes.get()) &&
         !store.SetInfoOf(*backup.name, backup.notes.get(), nullptr))
-        Say("list may not show " + Quoted(*backup.name) + " with its document: that could not be written");
+        Say("list may not show " + Quoted(*backup.name) +
+            " with its document, and undo does not know it: that could not be written");
 }
 
 // Asked when the store may be somebody else's again, so without its lock.
@@ -198,7 +199,8 @@ int BringBack(const Store &store, const std::string &name, const std::string &do
         _Replace(store, name, document, backup);
     else
         _CopyBack(store, name, document, backup);
-    if (!isThere && (!backup.isNew || !_IsKept(store, backup))) backup.name.reset();
+    // The document may have come or gone meanwhile.
+    if (backup.name && ((!isThere && !backup.isNew) || !_IsKept(store, backup))) backup.name.reset();
     if (backup.name) _NoteBackup(store, backup);
     const std::string restored = isThere || backup.name ? RestoredPath(document, name) : document;
     if (arguments.json) {

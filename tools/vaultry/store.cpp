@@ -165,6 +165,13 @@ Owned<TQDictionary> MakeNotes(const std::string &document, double time, const st
     };
     set(kDocumentKey, TQDataCreate(document.data(), document.size()));
     set(kTimeKey, TQDateCreate(time));
+    // What a document brings from another store says nothing of this generation.
+    const Owned<TQDictionary> brought(TQCopyMutableInfoDictionary(document.c_str(), nullptr));
+    const auto isBrought = [&](const char *key) {
+        return TQDictionaryGetValue(brought.get(), MakeString(key).get()) != nullptr;
+    };
+    if (isBrought(kPinnedKey)) set(kPinnedKey, TQRetain(TQBooleanGet(false)));
+    if (restored.empty() && isBrought(kKindKey)) set(kKindKey, TQStringCreate("version"));
     if (restored.empty()) return notes;
     set(kKindKey, TQStringCreate(kBackupKind));
     set(kBackupOfKey, TQStringCreateWithBytes(restored.data(), restored.size()));

@@ -13,6 +13,7 @@ int RunUndo(const Arguments &arguments)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string document = DocumentPath(arguments.document);
+    TellOfLink(arguments.document, document);
     const auto backup = NewestBackupOf(store, document);
     if (!backup)
         throw CommandFailure(kExitNoSuchGeneration, "the store " + Quoted(store.path()) + " holds nothing that a " +

@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -92,6 +91,10 @@ WaitWatch::WaitWatch(std::optional<double> seconds) : progress_(TQProgressCreate
         struct sigaction action {};
         action.sa_handler = _OnSignal;
         sigaction(kEndOfWait, &action, nullptr);
+        sigset_t end;
+        sigemptyset(&end);
+        sigaddset(&end, kEndOfWait);
+        pthread_sigmask(SIG_UNBLOCK, &end, nullptr); // whoever started this may have blocked it
     }
     TQProgressSetObserver(progress_.get(), &WaitWatch::Changed, this);
     TQProgressBecomeCurrent(progress_.get());
@@ -142,13 +145,13 @@ void WaitWatch::Begin(const std::string &store)
     pthread_sigmask(SIG_SETMASK, &all, &before);
     try {
         thread_ = std::thread(&WaitWatch::Watch, this, store, pthread_self(), left_);
-    } catch (const std::system_error &) { // nobody can tell of the wait, or end it in time
+    } catch (const std::exception &) { // nobody can tell of the wait, or end it in time
         if (left_) GiveUp();
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-// The store's lock is held by now, so nothing is waited for.
+// The store's lock may be held by now, so nothing is waited for.
 void WaitWatch::End()
 {
     shown_ = nullptr;
@@ -190,8 +193,10 @@ void WaitWatch::Watch(const std::string &store, pthread_t waiter, std::optional<
         if (!WaitUntil(std::min(Clock::now() + pause, toTell))) return;
     }
     if (!WaitUntil(toTell)) return;
+    const std::string who = _WhoHas(store); // which takes its time
+    if (!WaitUntil(Clock::now())) return;
     if (ProgressBar::AreShown()) fputs("\r\x1b[K", stderr);
-    Say("waiting for the store " + Quoted(store) + ": " + _WhoHas(store));
+    Say("waiting for the store " + Quoted(store) + ": " + who);
     if (!WaitUntil(gGaveUp ? std::optional(Clock::now()) : end)) return;
     GiveUp();
     do pthread_kill(waiter, kEndOfWait);
