@@ -1,6 +1,7 @@
 #include "faults/Sweep.h"
 
 #include "support/Table.h"
+#include "support/Volumes.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -249,8 +250,10 @@ void Sweeper::Walk()
     }
 }
 
+// A volume that was chosen may lack what a message is about, such as flags.
 void Sweeper::ExpectMessages() const
 {
+    if (OnlyVolume()) return;
     static const std::vector<TableRow> messages = ReadTable("faults/messages.txt");
     for (const auto &row : messages) {
         const bool concerned = row[1] == "all" || who_ == As::Capable || (who_ == As::User && row[1] == "user");
