@@ -218,8 +218,10 @@ TEST_P(Transcripts, Hold)
         if (const std::string place = isOnVolumes ? VolumeOfType(type).path : ""; !place.empty()) places[type] = place;
     const Impersonate identity(who);
     std::deque<Performance> playing; // a few at a time
+    bool isPlayed = false;
     for (const auto &[type, place] : places)
         for (const Section &section : ReadSections(file, place, ConditionsAt(place, who))) {
+            isPlayed = true;
             playing.emplace_back(section);
             if (playing.size() < 4) continue;
             playing.front().ExpectAnswers(file);
@@ -235,6 +237,10 @@ TEST_P(Transcripts, Hold)
     for (const char *type : kVolumeTypes)
         if (isOnVolumes && who == As::Root && places.count(type) == 0) types += std::string(" ") + type;
     // A chosen volume lacks what it lacks, and the rest was played.
+    const bool hasHosts = getenv("VAULTRY_HOSTS") != nullptr;
+    EXPECT_TRUE(!hasHosts || who != As::Root || here.count("hosts") != 0)
+        << "the hosts that were lent can't be reached";
+    if (!isPlayed) GTEST_SKIP() << "no session of it is for this user and place";
     if (OnlyVolume() && !missing.empty()) std::printf("figures: 1 file of sessions without:%s\n", missing.c_str());
     if (OnlyVolume()) return;
     if (!missing.empty()) GTEST_SKIP() << "not played without:" << missing;
