@@ -1,6 +1,7 @@
 // vaultry check: whether a store is as it should be, and what to do where it is not.
 
 #include "commands.h"
+#include "entries.h"
 #include "failure.h"
 #include "json.h"
 #include "location.h"
@@ -9,32 +10,15 @@
 #include <vaultry/number.h>
 #include <vaultry/storage.h>
 
-static const TQValue *_Entry(const TQDictionary *finding, const char *key)
-{
-    return TQDictionaryGetValue(finding, MakeString(key).get());
-}
-
-static std::string _Text(const TQDictionary *finding, const char *key)
-{
-    return ToText(static_cast<const TQString *>(_Entry(finding, key)));
-}
-
-// Empty if there is none.
-static std::string_view _Bytes(const TQDictionary *finding, const char *key)
-{
-    const auto *data = static_cast<const TQData *>(_Entry(finding, key));
-    return {static_cast<const char *>(TQDataGetBytes(data)), TQDataGetLength(data)};
-}
-
 static void _Print(const TQDictionary *finding, bool json)
 {
-    const std::string_view path = _Bytes(finding, "path"), home = _Bytes(finding, "home"),
-                           note = _Bytes(finding, "note"), host = _Bytes(finding, "host");
-    const bool mended = TQNumberGetTruth(_Entry(finding, "mended"));
+    const std::string_view path = BytesOf(finding, "path"), home = BytesOf(finding, "home"),
+                           note = BytesOf(finding, "note"), host = BytesOf(finding, "host");
+    const bool mended = TQNumberGetTruth(EntryOf(finding, "mended"));
     if (!json) {
         const std::string belongs = home.empty() ? "" : " It belongs at " + Printable(home) + ".",
                           machine = host.empty() ? "" : " The machine " + Printable(host) + " left it.";
-        printf("%s: %s%s%s%s\n", Printable(path).c_str(), _Text(finding, "meaning").c_str(), belongs.c_str(),
+        printf("%s: %s%s%s%s\n", Printable(path).c_str(), TextOf(finding, "meaning").c_str(), belongs.c_str(),
                machine.c_str(), mended ? " (mended)" : "");
         return;
     }
@@ -43,8 +27,8 @@ static void _Print(const TQDictionary *finding, bool json)
     if (!home.empty()) PutBytes(object, "home", home);
     if (!note.empty()) PutBytes(object, "note", note);
     if (!host.empty()) PutBytes(object, "host", host);
-    object["kind"] = _Text(finding, "kind");
-    object["meaning"] = _Text(finding, "meaning");
+    object["kind"] = TextOf(finding, "kind");
+    object["meaning"] = TextOf(finding, "meaning");
     object["mended"] = mended;
     PrintLine(object);
 }

@@ -2,25 +2,17 @@
 
 #include "asking.h"
 #include "commands.h"
+#include "entries.h"
 #include "failure.h"
 #include "location.h"
 #include "owned.h"
 #include "store.h"
 #include "text.h"
 
-#include <vaultry/data.h>
 #include <vaultry/storage.h>
 
 #include <set>
 #include <unistd.h>
-
-static std::string _Text(const TQDictionary *finding, const char *key)
-{
-    const TQValue *value = TQDictionaryGetValue(finding, MakeString(key).get());
-    if (TQGetTypeID(value) == TQStringGetTypeID()) return ToText(static_cast<const TQString *>(value));
-    const auto *data = static_cast<const TQData *>(value);
-    return {static_cast<const char *>(TQDataGetBytes(data)), TQDataGetLength(data)};
-}
 
 // If an interrupted move left an item in staging, it is not an earlier version: it is the document. Any item there that
 // a check can't read may be a document too. If a restore left the document beside its path, only the store has a note.
@@ -34,13 +26,13 @@ static void _RequireNoDocument(const std::string &path)
     if (!findings) throw CommandFailure::Library("not destroying " + Quoted(path) + " unseen", error.get());
     for (size_t i = 0; i < TQArrayGetCount(findings.get()); ++i) {
         const auto *finding = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(findings.get(), i));
-        const std::string item = _Text(finding, "path"), kind = _Text(finding, "kind");
-        const std::string note = _Text(finding, "note"); // in this store; else what lies there is another's matter
+        const std::string item(BytesOf(finding, "path")), kind = TextOf(finding, "kind");
+        const std::string note(BytesOf(finding, "note")); // in this store; else what lies there is another's matter
         const bool isDocument = documents.contains(kind) || (kind == "document-aside" && !note.empty());
         if (!isDocument && (!IsInStaging(path, item) || harmless.contains(kind))) continue;
         throw CommandFailure(
             kExitFailure, "not destroying the store " + Quoted(path) + ": " + Quoted(item) + ": " +
-                              _Text(finding, "meaning") +
+                              TextOf(finding, "meaning") +
                               (!isDocument    ? "\n  look at it first, and remove it yourself if it may go"
                                : note.empty() ? "\n  \"vaultry check --repair\" gives it back where it can"
                                               : "\n  \"vaultry check --repair\" gives it back where it can; else move "

@@ -2,6 +2,7 @@
 
 #include "commands.h"
 #include "document.h"
+#include "entries.h"
 #include "failure.h"
 #include "history.h"
 #include "listing.h"
@@ -62,17 +63,10 @@ private:
     std::optional<double> since_, until_;
 };
 
-static const TQValue *_Lookup(const TQDictionary *dictionary, const std::string &key)
-{
-    return TQDictionaryGetValue(dictionary, MakeString(key).get());
-}
-
 static Entry _ToEntry(const TQDictionary *record)
 {
-    return {ToText(static_cast<const TQString *>(_Lookup(record, "name"))),
-            ToGenerationInfo(static_cast<const TQDictionary *>(_Lookup(record, "info"))),
-            static_cast<uint64_t>(TQNumberGetInt64(_Lookup(record, "options"))),
-            ToText(static_cast<const TQString *>(_Lookup(record, "ODN")))};
+    return {TextOf(record, "name"), ToGenerationInfo(static_cast<const TQDictionary *>(EntryOf(record, "info"))),
+            static_cast<uint64_t>(TQNumberGetInt64(EntryOf(record, "options"))), TextOf(record, "ODN")};
 }
 
 // Reads all wanted generations in one go. False if that fails, as it does for a single damaged one; or if there are
@@ -86,7 +80,7 @@ try {
         if (!filter.Admits(entry.options) || !filter.Admits(entry.info.time)) return;
         if (!document.empty() && entry.info.document != document) return;
         entry.size = entry.info.size;
-        if (!entry.size) entry.size = SizeOfTree(TQURLGetPath(static_cast<const TQURL *>(_Lookup(record, "URL"))));
+        if (!entry.size) entry.size = SizeOfTree(TQURLGetPath(static_cast<const TQURL *>(EntryOf(record, "URL"))));
         entries.push_back(std::move(entry));
     });
     const std::set<std::string> names = PeekAtNames(store.path());

@@ -2,6 +2,7 @@
 
 #include "store.h"
 
+#include "entries.h"
 #include "failure.h"
 #include "text.h"
 
@@ -167,11 +168,8 @@ Owned<TQDictionary> MakeNotes(const std::string &document, double time, const st
     set(kTimeKey, TQDateCreate(time));
     // What a document brings from another store says nothing of this generation.
     const Owned<TQDictionary> brought(TQCopyMutableInfoDictionary(document.c_str(), nullptr));
-    const auto isBrought = [&](const char *key) {
-        return TQDictionaryGetValue(brought.get(), MakeString(key).get()) != nullptr;
-    };
-    if (isBrought(kPinnedKey)) set(kPinnedKey, TQRetain(TQBooleanGet(false)));
-    if (restored.empty() && isBrought(kKindKey)) set(kKindKey, TQStringCreate("version"));
+    if (EntryOf(brought.get(), kPinnedKey)) set(kPinnedKey, TQRetain(TQBooleanGet(false)));
+    if (restored.empty() && EntryOf(brought.get(), kKindKey)) set(kKindKey, TQStringCreate("version"));
     if (restored.empty()) return notes;
     set(kKindKey, TQStringCreate(kBackupKind));
     set(kBackupOfKey, TQStringCreateWithBytes(restored.data(), restored.size()));
@@ -181,23 +179,18 @@ Owned<TQDictionary> MakeNotes(const std::string &document, double time, const st
 GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
 {
     GenerationInfo info;
-    const TQValue *document = TQDictionaryGetValue(dictionary, MakeString(kDocumentKey).get());
+    const TQValue *document = EntryOf(dictionary, kDocumentKey);
     if (TQGetTypeID(document) == TQDataGetTypeID()) {
         const auto *data = static_cast<const TQData *>(document);
         info.document.emplace(static_cast<const char *>(TQDataGetBytes(data)), TQDataGetLength(data));
     }
-    const TQValue *time = TQDictionaryGetValue(dictionary, MakeString(kTimeKey).get());
+    const TQValue *time = EntryOf(dictionary, kTimeKey);
     if (TQGetTypeID(time) == TQDateGetTypeID()) info.time = TQDateGetSeconds(static_cast<const TQDate *>(time));
-    const TQValue *size = TQDictionaryGetValue(dictionary, MakeString(kSizeKey).get());
+    const TQValue *size = EntryOf(dictionary, kSizeKey);
     if (TQGetTypeID(size) == TQNumberGetTypeID() && TQNumberGetInt64(size) >= 0)
         info.size = static_cast<uint64_t>(TQNumberGetInt64(size));
-    const auto text = [&](const char *key) {
-        const TQValue *value = TQDictionaryGetValue(dictionary, MakeString(key).get());
-        const bool isText = TQGetTypeID(value) == TQStringGetTypeID();
-        return isText ? ToText(static_cast<const TQString *>(value)) : std::string();
-    };
-    if (text(kKindKey) == kBackupKind) info.backupOf = text(kBackupOfKey);
-    const TQValue *pinned = TQDictionaryGetValue(dictionary, MakeString(kPinnedKey).get());
+    if (TextOf(dictionary, kKindKey) == kBackupKind) info.backupOf = TextOf(dictionary, kBackupOfKey);
+    const TQValue *pinned = EntryOf(dictionary, kPinnedKey);
     // A pin protects: whatever is neither false nor 0 is one.
     info.isPinned = pinned && (!TQIsNumber(pinned) || TQNumberGetTruth(pinned));
     return info;

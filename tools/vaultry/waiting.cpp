@@ -2,12 +2,11 @@
 
 #include "waiting.h"
 
+#include "entries.h"
 #include "failure.h"
 #include "progress_bar.h"
 #include "text.h"
-#include "times.h"
 
-#include <vaultry/collections.h>
 #include <vaultry/number.h>
 #include <vaultry/storage.h>
 #include <vaultry/url.h>
@@ -22,21 +21,10 @@ static std::atomic<bool> gGaveUp{false};
 
 // --- who has it
 
-static const TQValue *_Entry(const TQDictionary *operation, const char *key)
-{
-    return TQDictionaryGetValue(operation, MakeString(key).get());
-}
-
-static std::string _Bytes(const TQDictionary *operation, const char *key)
-{
-    const auto *data = static_cast<const TQData *>(_Entry(operation, key));
-    return Printable({static_cast<const char *>(TQDataGetBytes(data)), TQDataGetLength(data)});
-}
-
 // The kernel tells who took the lock. Where that process has ended, it left the lock to a child.
 static std::string _Holder(const TQDictionary *operation)
 {
-    const std::string number = std::to_string(TQNumberGetInt64(_Entry(operation, "process")));
+    const std::string number = std::to_string(TQNumberGetInt64(EntryOf(operation, "process")));
     std::ifstream file("/proc/" + number + "/comm");
     std::string name;
     const std::string process = "process " + number;
@@ -46,9 +34,9 @@ static std::string _Holder(const TQDictionary *operation)
 // The number is one of the process's own machine, or of a part of it, so nothing is looked up by it.
 static std::string _Worker(const TQDictionary *operation)
 {
-    const std::string process = "process " + std::to_string(TQNumberGetInt64(_Entry(operation, "process")));
-    if (TQNumberGetTruth(_Entry(operation, "here"))) return process;
-    const std::string host = _Bytes(operation, "host");
+    const std::string process = "process " + std::to_string(TQNumberGetInt64(EntryOf(operation, "process")));
+    if (TQNumberGetTruth(EntryOf(operation, "here"))) return process;
+    const std::string host = Printable(BytesOf(operation, "host"));
     return process + " on " + (host.empty() ? "another machine" : host);
 }
 
@@ -60,8 +48,8 @@ static std::string _WhoHas(const std::string &store)
     for (size_t i = 0; i < TQArrayGetCount(operations.get()); ++i) {
         const auto *operation = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(operations.get(), i));
         const bool isOwn =
-            TQNumberGetTruth(_Entry(operation, "here")) && TQNumberGetInt64(_Entry(operation, "process")) == getpid();
-        const bool isLock = !_Entry(operation, "document");
+            TQNumberGetTruth(EntryOf(operation, "here")) && TQNumberGetInt64(EntryOf(operation, "process")) == getpid();
+        const bool isLock = !EntryOf(operation, "document");
         if (!isOwn) isLock ? holders.push_back(_Holder(operation)) : others.push_back(_Worker(operation));
     }
     const bool isKnown = !holders.empty();
