@@ -82,18 +82,8 @@ public:
         const std::optional<double> time = _TimeOf(info);
         const bool isForeign = !info.document || !time;
         // Some clock was wrong. It would pass for the newest for as long as that is ahead.
-        if (time && *time > now_) {
-            RuleSet keptBy;
-            keptBy.set(static_cast<size_t>(Rule::Future)).set(static_cast<size_t>(Rule::Pinned), info.isPinned);
-            untouched_.push_back({info.document, kept.name, time, keptBy});
-            return;
-        }
-        if (isForeign && !foreignToo_) {
-            RuleSet keptBy;
-            keptBy.set(static_cast<size_t>(Rule::Foreign)).set(static_cast<size_t>(Rule::Pinned), info.isPinned);
-            untouched_.push_back({info.document, kept.name, time, keptBy});
-            return;
-        }
+        if (time && *time > now_) return LeaveAlone(kept, time, Rule::Future);
+        if (isForeign && !foreignToo_) return LeaveAlone(kept, time, Rule::Foreign);
         // What is guessed of a foreign one must not make others go, so it never shares a pile with those.
         // What restores put aside is no version, and must not take a version's place.
         const bool isPutAside = !isForeign && info.backupOf;
@@ -132,6 +122,13 @@ public:
     }
 
 private:
+    void LeaveAlone(const Kept &kept, std::optional<double> time, Rule why)
+    {
+        RuleSet keptBy;
+        keptBy.set(static_cast<size_t>(why)).set(static_cast<size_t>(Rule::Pinned), kept.info.isPinned);
+        untouched_.push_back({kept.info.document, kept.name, time, keptBy});
+    }
+
     // One that is shown under no name is alone.
     std::string GuessedPile(const std::string &name) const
     {
