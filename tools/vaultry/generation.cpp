@@ -66,20 +66,18 @@ CommandFailure NoSuchGeneration(const Store &store, const std::set<std::string> 
                                                      Quoted(store.path()) + DidYouMean(nearest));
 }
 
-static void _RefuseLink(const Store &store, const std::string &name)
+void RefuseLink(const Store &store, const std::string &name, const std::string &outcome)
 {
     struct stat status {};
     if (IsThere(store.path() + "/" + name, &status) && S_ISLNK(status.st_mode))
-        throw CommandFailure(kExitFailure, Quoted(name) + " is a link, and no generation");
+        throw CommandFailure(kExitFailure, Quoted(name) + " is a link, and no generation" + outcome);
 }
 
-std::string ResolveGeneration(const Store &store, const std::string &given)
+// The name that was given, or the only one that it is the beginning of.
+static std::string _NameFor(const Store &store, const std::string &given)
 {
     const std::set<std::string> names = store.Names();
-    if (names.contains(given)) {
-        _RefuseLink(store, given);
-        return given;
-    }
+    if (names.contains(given)) return given;
     std::vector<std::string> candidates;
     if (!given.empty())
         for (auto name = names.lower_bound(given); name != names.end() && name->rfind(given, 0) == 0; ++name)
@@ -98,6 +96,13 @@ std::string ResolveGeneration(const Store &store, const std::string &given)
     for (size_t i = 0; i < candidates.size() && i < kShownCandidates; ++i) message += "\n  " + Printable(candidates[i]);
     if (candidates.size() > kShownCandidates) message += "\n  ...";
     throw CommandFailure(kExitFailure, message);
+}
+
+std::string ResolveGeneration(const Store &store, const std::string &given)
+{
+    const std::string name = _NameFor(store, given);
+    RefuseLink(store, name);
+    return name;
 }
 
 // The last moment that a choice admits.

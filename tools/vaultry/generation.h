@@ -15,6 +15,9 @@ std::string ChosenGeneration(const Store &store, const Choice &choice, const std
 // document, as below.
 CommandFailure NoSuchGeneration(const Store &store, const std::set<std::string> &present, const std::string &given);
 
+// Throws if a link has that name. Only another program can have put it into the store. `outcome` ends the message.
+void RefuseLink(const Store &store, const std::string &name, const std::string &outcome = "");
+
 // Says that `given` names a document, how many generations it has, and what to type instead. None if it has none.
 std::optional<CommandFailure> RefusalOfDocument(const Store &store, const std::string &given);
 

@@ -2,16 +2,9 @@
 
 #include "removal.h"
 
+#include "generation.h"
 #include "text.h"
 #include "waiting.h"
-
-// The library takes a dangling link for nothing. Only another program can have put one there.
-static void _RefuseLink(const Store &store, const std::string &name)
-{
-    struct stat status {};
-    if (IsThere(store.path() + "/" + name, &status) && S_ISLNK(status.st_mode))
-        throw CommandFailure(kExitFailure, Quoted(name) + " is a link, and no generation: it stays");
-}
 
 // Nobody knows what a damaged note said, so the user decides.
 static void _RefusePinned(const Store &store, const std::string &name)
@@ -58,7 +51,7 @@ std::vector<std::string> RemoveAll(const Store &store, const std::vector<std::st
                 gone.push_back(name);
             else
                 problems.Note([&] {
-                    _RefuseLink(store, name);
+                    RefuseLink(store, name, ": it stays"); // which the library takes for nothing if it dangles
                     if (!pinnedToo && !failed.contains(name)) _RefusePinned(store, name);
                 });
         }
