@@ -1,11 +1,11 @@
-// The command line: subcommands and options. help.h has what the help of a subcommand says besides.
+// The command line: what is understood of it, and the answer to what is not. subcommands.h has what each takes.
 
 #include "arguments.h"
 
 #include "completion.h"
 #include "failure.h"
-#include "help.h"
 #include "nearest.h"
+#include "subcommands.h"
 #include "text.h"
 
 #include <CLI/CLI.hpp>
@@ -47,133 +47,6 @@ public:
     }
 };
 
-// Options may stand before the command or behind it.
-static void _AddCommonOptions(CLI::App *app, Arguments &arguments)
-{
-    app->set_help_flag("-h,--help", "Show this help and exit");
-    app->add_option("--store", arguments.store, "The store's directory")->option_text("DIR");
-    app->add_option("--wait", arguments.wait, "Give up after waiting for the store so long in all")
-        ->option_text("SECONDS")
-        ->check([](const std::string &text) {
-            double seconds = -1;
-            const bool isTime = CLI::detail::lexical_cast(text, seconds) && seconds >= 0;
-            return isTime ? "" : "wants seconds, 0 or more, and not \"" + text + "\"";
-        });
-    app->add_flag("-v,--verbose", arguments.verbose, "Show the library's diagnostic lines");
-}
-
-static CLI::App *_AddCommand(CLI::App &app, Arguments &arguments, Command command, const char *name,
-                             const char *description, const char *footer)
-{
-    CLI::App *subcommand = app.add_subcommand(name, description);
-    subcommand->footer(footer + 1);
-    subcommand->callback([&arguments, command] { arguments.command = command; });
-    _AddCommonOptions(subcommand, arguments);
-    return subcommand;
-}
-
-static void _AddJson(CLI::App *command, Arguments &arguments)
-{
-    command->add_flag("--json", arguments.json, "Print JSON, one object a line");
-}
-
-// A generation has a NAME, or is chosen of a DOCUMENT's.
-static void _AddChoice(CLI::App *command, Arguments &arguments)
-{
-    Choice &choice = arguments.choice;
-    CLI::Option *latest = command->add_flag("--latest", choice.latest, "The newest generation of a DOCUMENT");
-    latest->option_text(" ");
-    CLI::Option *at = command->add_option("--at", choice.at, "The newest one at that time");
-    at->option_text("TIME")->excludes(latest);
-    command->add_option("--before", choice.before, "The newest one before it")
-        ->option_text("TIME")
-        ->excludes(latest)
-        ->excludes(at);
-    command->footer(kChoiceFooter + command->get_footer());
-}
-
-static void _AddName(CLI::App *command, Arguments &arguments)
-{
-    command->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
-}
-
-static void _DefineAdd(CLI::App &app, Arguments &arguments)
-{
-    CLI::App *add = _AddCommand(app, arguments, Command::Add, "add", "Keep documents as they are now", kAddFooter);
-    add->add_option("DOCUMENT", arguments.documents, "What to keep")->required()->option_text("...");
-    add->add_flag("--move", arguments.move, "Move the document into the store instead of copying it");
-    CLI::Option *name = add->add_option("--name", arguments.newName, "What to call the generation (one DOCUMENT only)");
-    name->option_text("NAME");
-    add->add_flag("--no-links", arguments.noLinks, "Refuse a document that holds a symbolic link");
-    add->add_flag("--no-share", arguments.noShare, "Copy the files that have not changed, too");
-    _AddJson(add, arguments);
-}
-
-// What is wrong with a text that is to be a count; nothing if it is one.
-static std::string _RequireCount(const std::string &text)
-{
-    const bool isCount =
-        !text.empty() && text.size() < 10 && text[0] != '0' && text.find_first_not_of("0123456789") == text.npos;
-    return isCount ? "" : "wants a number, 1 or more, and not \"" + text + "\"";
-}
-
-static void _DefineList(CLI::App &app, Arguments &arguments)
-{
-    CLI::App *list = _AddCommand(app, arguments, Command::List, "list", "Show what is kept", kListFooter);
-    list->add_option("DOCUMENT", arguments.document, "Only generations of this document")->option_text(" ");
-    CLI::Option *isLong = list->add_flag("--long", arguments.longList, "Show options and display names too");
-    isLong->option_text(" ");
-    list->add_option("--since", arguments.since, "Only generations since that time")->option_text("TIME");
-    list->add_option("--until", arguments.until, "Only generations up to that time")->option_text("TIME");
-    CLI::Option *limit = list->add_option("--limit", arguments.limit, "Only the newest N");
-    limit->option_text("N")->check(_RequireCount);
-    list->add_flag("--reverse", arguments.reverse, "Newest first");
-    list->add_flag("--documents", arguments.byDocument, "One line a document")
-        ->option_text(" ")
-        ->excludes(limit)
-        ->excludes(isLong);
-    list->add_option("--client", arguments.client, "Only generations of this client: draftline or nimbusync")
-        ->option_text("CLIENT")
-        ->check(CLI::IsMember({"draftline", "nimbusync"}));
-    list->add_option("--with-options", arguments.withOptions, "Only with one of these option bits")
-        ->option_text("WORD");
-    list->add_option("--without-options", arguments.withoutOptions, "Only with none of these option bits")
-        ->option_text("WORD");
-    _AddJson(list, arguments);
-}
-
-static void _DefineSet(CLI::App &app, Arguments &arguments)
-{
-    CLI::App *set =
-        _AddCommand(app, arguments, Command::Set, "set", "Change what is known of a generation", kSetFooter);
-    _AddName(set, arguments);
-    set->add_option("KEY=VALUE", arguments.assignments, "What to set in its info dictionary")->option_text("...");
-    set->add_option("--unset", arguments.unset, "Remove a key")->option_text("KEY")->expected(1)->take_all();
-    set->add_option("--display-name", arguments.displayName, "What to show the document as; \"\" for nothing")
-        ->option_text("NAME");
-    set->add_option("--options", arguments.options, "The options word, such as 0x4")->option_text("WORD");
-    _AddChoice(set, arguments);
-}
-
-// NAME DOCUMENT, or DOCUMENT alone with a choice.
-static void _DefineRestore(CLI::App &app, Arguments &arguments)
-{
-    CLI::App *restore =
-        _AddCommand(app, arguments, Command::Restore, "restore", "Bring a document back in place", kRestoreFooter);
-    restore->add_option("[NAME] DOCUMENT", arguments.names, "The generation, and the document to replace")
-        ->required()
-        ->expected(1, 2)
-        ->option_text(" ");
-    CLI::Option *backup = restore->add_option("--backup", arguments.backup, "What to keep its present state as");
-    backup->option_text("NAME");
-    restore->add_flag("--no-backup", arguments.noBackup, "Don't keep its present state")
-        ->option_text(" ")
-        ->excludes(backup);
-    restore->add_flag("--replace", arguments.replace, "Also over another document, or a folder over a file");
-    _AddChoice(restore, arguments);
-    _AddJson(restore, arguments);
-}
-
 static void _SortOutRestore(Arguments &arguments)
 {
     const bool isChosen = arguments.choice.isMade();
@@ -181,104 +54,6 @@ static void _SortOutRestore(Arguments &arguments)
         throw CLI::ValidationError("restore", "--latest, --at and --before take the DOCUMENT alone");
     arguments.document = arguments.names.back();
     arguments.name = isChosen ? arguments.document : arguments.names.size() == 2 ? arguments.names.front() : "";
-}
-
-static void _DefineCompletion(CLI::App &app, Arguments &arguments)
-{
-    CLI::App *completion = _AddCommand(app, arguments, Command::Completion, "completion",
-                                       "Print the completions of a shell", kCompletionFooter);
-    completion->add_option("SHELL", arguments.shell, "bash, zsh or fish")
-        ->required()
-        ->option_text(" ")
-        ->check(CLI::IsMember({"bash", "zsh", "fish"}));
-}
-
-static void _DefineRemove(CLI::App &app, Arguments &arguments)
-{
-    CLI::App *remove =
-        _AddCommand(app, arguments, Command::Remove, "remove", "Remove generations from the store", kRemoveFooter);
-    remove->add_option("NAME", arguments.names, "The generations")->required()->option_text("...");
-    remove->add_flag("--pinned", arguments.pinnedToo, "Remove them even if they are pinned");
-    _AddChoice(remove, arguments);
-}
-
-static void _DefinePin(CLI::App &app, Arguments &arguments, Command command, const char *name, const char *description)
-{
-    CLI::App *pin = _AddCommand(app, arguments, command, name, description, kPinFooter);
-    pin->add_option("NAME", arguments.names, "The generations")->required()->option_text("...");
-    _AddChoice(pin, arguments);
-    _AddJson(pin, arguments);
-}
-
-static void _DefinePrune(CLI::App &app, Arguments &arguments)
-{
-    CLI::App *prune = _AddCommand(app, arguments, Command::Prune, "prune", "Remove generations by rules", kPruneFooter);
-    prune->add_option("DOCUMENT", arguments.documents, "Only generations of these documents")->option_text("...");
-    const auto addCount = [prune](const char *name, size_t &count, const char *description) {
-        prune->add_option(name, count, description)->option_text("N")->check(_RequireCount);
-    };
-    addCount("--keep-last", arguments.keep.last, "Keep the N newest");
-    prune->add_option("--keep-within", arguments.keepWithin, "Keep all from that time until now")->option_text("SPAN");
-    addCount("--keep-hourly", arguments.keep.spans[0], "Keep the newest of each of N hours");
-    addCount("--keep-daily", arguments.keep.spans[1], "Keep the newest of each of N days");
-    addCount("--keep-weekly", arguments.keep.spans[2], "Keep the newest of each of N weeks");
-    addCount("--keep-monthly", arguments.keep.spans[3], "Keep the newest of each of N months");
-    addCount("--keep-yearly", arguments.keep.spans[4], "Keep the newest of each of N years");
-    prune->add_flag("--foreign", arguments.foreign, "Prune generations of other programs, too");
-    prune->add_flag("--dry-run", arguments.isDryRun, "Only show what would be kept and removed");
-    _AddJson(prune, arguments);
-}
-
-static void _DefineCommands(CLI::App &app, Arguments &arguments)
-{
-    _AddCommand(app, arguments, Command::Init, "init", "Make a store", kInitFooter);
-
-    _DefineAdd(app, arguments);
-
-    _DefineList(app, arguments);
-
-    CLI::App *show = _AddCommand(app, arguments, Command::Show, "show", "Show all of one generation", kShowFooter);
-    _AddName(show, arguments);
-    _AddChoice(show, arguments);
-    _AddJson(show, arguments);
-
-    CLI::App *copy =
-        _AddCommand(app, arguments, Command::Copy, "copy", "Bring a generation back as a document", kCopyFooter);
-    _AddName(copy, arguments);
-    copy->add_option("DESTINATION", arguments.destination, "Where to")->required()->option_text(" ");
-    _AddChoice(copy, arguments);
-    _AddJson(copy, arguments);
-
-    _DefineRestore(app, arguments);
-
-    CLI::App *undo = _AddCommand(app, arguments, Command::Undo, "undo", "Undo the last restore", kUndoFooter);
-    undo->add_option("DOCUMENT", arguments.document, "The document that was restored")->required()->option_text(" ");
-    _AddJson(undo, arguments);
-
-    CLI::App *diff = _AddCommand(app, arguments, Command::Diff, "diff", "Show what has changed since", kDiffFooter);
-    _AddName(diff, arguments);
-    diff->add_option("OTHER", arguments.other, "A document, or another generation")->option_text(" ");
-    _AddChoice(diff, arguments);
-    _AddJson(diff, arguments);
-
-    _DefineSet(app, arguments);
-
-    _DefineRemove(app, arguments);
-    _DefinePrune(app, arguments);
-
-    _DefinePin(app, arguments, Command::Pin, "pin", "Keep generations from being pruned");
-    _DefinePin(app, arguments, Command::Unpin, "unpin", "Let generations be pruned again");
-
-    CLI::App *check = _AddCommand(app, arguments, Command::Check, "check", "Verify a store", kCheckFooter);
-    check->add_option("STORE", arguments.checked, "The store's directory")->option_text(" ");
-    check->add_flag("--repair", arguments.repair, "Mend what is safe to mend");
-    _AddJson(check, arguments);
-
-    CLI::App *destroy = _AddCommand(app, arguments, Command::Destroy, "destroy",
-                                    "Remove the whole store with all generations", kDestroyFooter);
-    destroy->add_flag("--yes", arguments.yes, "Don't ask");
-
-    _DefineCompletion(app, arguments);
 }
 
 // Words that people bring along from other commands.
@@ -355,8 +130,7 @@ std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)
         const std::string wrong = _WrongWord(*parsed);
         return "vaultry: " + (wrong.empty() ? error.what() : wrong) + "\nTry \"vaultry --help\".\n";
     });
-    _AddCommonOptions(&app, arguments);
-    _DefineCommands(app, arguments);
+    DefineCommands(app, arguments);
     if (argc > 1 && argv[1] == std::string_view(kCompleteWord)) {
         PrintCandidates(app, std::vector<std::string>(argv + 2, argv + argc));
         return kExitSuccess;
