@@ -8,6 +8,14 @@ using namespace std::literals;
 
 namespace vaultry {
 
+TEST(Version, IsThatOfTheHeaders)
+{
+    static_assert(VAULTRY_CHECK_VERSION(VAULTRY_VERSION_MAJOR, VAULTRY_VERSION_MINOR, VAULTRY_VERSION_PATCH) &&
+                  !VAULTRY_CHECK_VERSION(VAULTRY_VERSION_MAJOR, VAULTRY_VERSION_MINOR, VAULTRY_VERSION_PATCH + 1));
+    EXPECT_EQ(TQVaultryVersion(), VAULTRY_VERSION_NUMBER);
+    EXPECT_STREQ(TQVaultryVersionText(), VAULTRY_VERSION);
+}
+
 TEST(Handles, TheLastOneFreesAndNoneBefore)
 {
     int freed = 0;

@@ -22,6 +22,17 @@ enum {
     kTQFlagTracked = 0x40,    ///< copy-on-write mark; no Linux file system holds it
 };
 
+/// A moment since 1970-01-01 00:00 UTC: a `struct timespec`, or the same by parts for a compiler of strict C99, which
+/// has none.
+#if defined __STDC_VERSION__ && __STDC_VERSION__ < 201112L && !defined _POSIX_C_SOURCE
+typedef struct TQTimeSpec {
+    time_t tv_sec;
+    long tv_nsec;
+} TQTimeSpec;
+#else
+typedef struct timespec TQTimeSpec;
+#endif
+
 /// What the system knows of one item.
 typedef struct TQFileStatus {
     uint64_t device;
@@ -34,19 +45,22 @@ typedef struct TQFileStatus {
     uint64_t blocks; ///< of 512 bytes, as allocated
     uint32_t blockSize;
     uint32_t flags; ///< kTQFlag… bits
-    struct timespec accessTime;
-    struct timespec modificationTime;
-    struct timespec changeTime;
-    struct timespec birthTime; ///< zero unless hasBirthTime
+    TQTimeSpec accessTime;
+    TQTimeSpec modificationTime;
+    TQTimeSpec changeTime;
+    TQTimeSpec birthTime; ///< zero unless hasBirthTime
     bool hasBirthTime;
     bool isMountRoot; ///< something is mounted here, of another volume or of the same one
+    uint8_t unused[6];
+    uint64_t reserved[8]; ///< 0; later versions may put more here
 } TQFileStatus;
 
 /// What the system knows of the volume that holds an item.
 typedef struct TQVolumeStatus {
-    char typeName[16];   ///< "ext4", "xfs", "btrfs", "tmpfs", …; "unknown" for a type not in the table
-    uint32_t blockSize;  ///< bytes
-    uint64_t blockCount; ///< in all
+    char typeName[16];    ///< "ext4", "xfs", "btrfs", "tmpfs", …; "unknown" for a type not in the table
+    uint32_t blockSize;   ///< bytes
+    uint64_t blockCount;  ///< in all
+    uint64_t reserved[8]; ///< 0; later versions may put more here
 } TQVolumeStatus;
 
 TQ_END_DECLS

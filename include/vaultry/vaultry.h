@@ -22,5 +22,6 @@
 #include <vaultry/string.h>
 #include <vaultry/url.h>
 #include <vaultry/value.h>
+#include <vaultry/version.h>
 
 #endif

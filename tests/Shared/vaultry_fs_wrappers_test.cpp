@@ -45,10 +45,10 @@ TEST(SystemManagedStorage, NeedsANativeVolumeOfMoreThan512MiB)
     const struct {
         TQVolumeStatus volume;
         int refusedWith;
-    } rows[] = {{{"ext4", 4096, 131072}, ENOSPC},
-                {{"xfs", 4096, 131073}, 0},
-                {{"btrfs", 1U << 31, 1 << 30}, 0},
-                {{"tmpfs", 4096, 1ULL << 40}, ENOSYS}};
+    } rows[] = {{{"ext4", 4096, 131072, {}}, ENOSPC},
+                {{"xfs", 4096, 131073, {}}, 0},
+                {{"btrfs", 1U << 31, 1 << 30, {}}, 0},
+                {{"tmpfs", 4096, 1ULL << 40, {}}, ENOSYS}};
     for (const auto &row : rows) {
         const Outcome outcome = InChild(CALL(TQSystemManagedStorageIsSupportedForStatFSInfo(&row.volume, why)));
         EXPECT_EQ(outcome.succeeded, row.refusedWith == 0) << row.volume.typeName;

@@ -8,10 +8,13 @@ import sys
 include = pathlib.Path(__file__).resolve().parents[2] / "include"
 HARSH = ["-Wall", "-Wextra", "-Wpedantic", "-Wconversion", "-Wsign-conversion", "-Wshadow", "-Wundef", "-Wcast-qual",
          "-Wredundant-decls", "-Wdouble-promotion", "-Werror", "-fsyntax-only", f"-I{include}"]
-C = ["-std=c11", "-x", "c", "-Wstrict-prototypes", "-Wmissing-prototypes", "-Wold-style-definition", "-Wc++-compat"]
-CXX = ["-std=c++17", "-x", "c++", "-Wold-style-cast", "-Wzero-as-null-pointer-constant", "-Wnon-virtual-dtor"]
-COMPILERS = [("gcc", C, "*.h"), ("clang-14", C, "*.h"),
-             ("g++", [*CXX, "-Wuseless-cast"], "*.h*"), ("clang++-14", CXX, "*.h*")]
+C = ["-x", "c", "-Wstrict-prototypes", "-Wmissing-prototypes", "-Wold-style-definition", "-Wc++-compat"]
+CXX = ["-x", "c++", "-Wold-style-cast", "-Wzero-as-null-pointer-constant", "-Wnon-virtual-dtor"]
+COMPILERS = [(compiler, [f"-std={standard}", *flags, *(["-Wuseless-cast"] if compiler == "g++" else [])], names)
+             for compilers, standards, flags, names in [
+                 (["gcc", "clang-14"], ["c99", "c11", "c17", "c2x"], C, "*.h"),
+                 (["g++", "clang++-14"], ["c++17", "c++20", "c++2b"], CXX, "*.h*")]
+             for standard in standards for compiler in compilers]
 
 
 def compile_alone(job):

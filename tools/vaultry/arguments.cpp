@@ -8,11 +8,9 @@
 #include "subcommands.h"
 #include "text.h"
 
-#include <CLI/CLI.hpp>
+#include <vaultry/version.h>
 
-#ifndef VAULTRY_VERSION
-#define VAULTRY_VERSION "1.0.0"
-#endif
+#include <CLI/CLI.hpp>
 
 static constexpr char kDescription[] =
     "vaultry keeps earlier versions of documents in a protected store and brings them back.";
