@@ -37,9 +37,13 @@ constexpr size_t kLongestAddition = sizeof PlaceholderName::kMark - 1 + sizeof P
 
 int ReplacedDocument::Look()
 {
-    if (platform::GetStatus(Item::AtPath(path), Links::Follow, &rights) != 0 ||
-        platform::GetStatus(Item::AtPath(trimmed.c_str()), Links::NoFollow, &itself) != 0)
-        return -1;
+    // A file that somebody writes to all the time is not waited for: it will have changed in the end.
+    int looks = 0;
+    do {
+        if (platform::GetStatus(Item::AtPath(path), Links::Follow, &rights) != 0 ||
+            platform::GetStatus(Item::AtPath(trimmed.c_str()), Links::NoFollow, &itself) != 0)
+            return -1;
+    } while (++looks < 3 && S_ISREG(itself.mode) && platform::OutlastSecond(itself.changeTime));
     extensionHidden = TQFSFilenameExtensionIsHidden(path);
     return 0;
 }

@@ -32,7 +32,7 @@ struct ReplacedDocument {
 
     explicit ReplacedDocument(const char *documentPath) : path(documentPath), trimmed(documentPath) {}
 
-    // 0, or -1 with errno: ENOENT if there is nothing.
+    // 0, or -1 with errno: ENOENT if there is nothing. Whatever is saved after it shows.
     int Look();
     // Reads its rights again, which may have become narrower while the copy was made.
     bool LookAgain(TQError **error);

@@ -113,7 +113,7 @@ bool _RequireRootDirectory(const char *rootPath, TQError **error)
         errno = before;
         return true;
     }
-    for (const int silence : {ENOTCONN, ESTALE, EIO, ETIMEDOUT, EHOSTDOWN})
+    for (const int silence : {ENOTCONN, ECONNABORTED, ESTALE, EIO, ETIMEDOUT, EHOSTDOWN})
         if (errno == silence) return Failure(error).Errno("stat(\"%s\") failed", rootPath);
     return Failure(error).Status(kTQStatusBadPath, "The supplied path \"%s\" does not exist", rootPath ? rootPath : "");
 }

@@ -5,9 +5,12 @@
 
 #include "vaultry_client_managed.h"
 
+#include "Platform/Attributes.h"
+#include "Platform/FileStatus.h"
 #include "Platform/LockHolders.h"
 #include "Platform/Machine.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_storage.h"
 
 #include <vaultry/data.h>
 #include <vaultry/number.h>
@@ -15,6 +18,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <initializer_list>
+#include <sys/stat.h>
 #include <utility>
 
 namespace {
@@ -58,6 +62,14 @@ void AddLockHolders(const char *lockFile, Operations &operations)
                         {"here", TQRetain(TQBooleanGet(true))}});
 }
 
+// Not where others may write, nor in what was a generation, whose owner file somebody may have brought.
+bool MayBeBelieved(int directory)
+{
+    TQFileStatus status;
+    return platform::GetStatusOfFd(directory, &status) == 0 && (status.mode & (S_IWGRP | S_IWOTH)) == 0 &&
+           platform::GetAttributeOfFd(directory, kSavedPermissionsAttribute, nullptr, 0) < 0;
+}
+
 bool AddLiving(const Item &area, Operations &operations)
 {
     Names names(area);
@@ -66,7 +78,7 @@ bool AddLiving(const Item &area, Operations &operations)
     while (const char *name = names.Next()) {
         const UniqueFd fd(openat(names.directory(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         FoundOwner owner;
-        if (fd) _LookForOwner(fd.get(), status.owner, &owner);
+        if (fd && MayBeBelieved(fd.get())) _LookForOwner(fd.get(), status.owner, &owner);
         if (owner.life != OwnerLife::Alive || !owner.readable) continue;
         const OwnerNote &note = owner.note;
         operations.Add({{"work", TQStringCreate(WordOf(note.work))},

@@ -112,7 +112,8 @@ private:
     {
         if (staging_) return staging_->NextPlace();
         staging_.emplace();
-        if (staging_->Make(root_, OwnerNote::Of(Work::Remove, generation), error)) return staging_->NextPlace();
+        if (staging_->Make(root_, OwnerNote::Of(Work::Remove, strrchr(generation, '/') + 1), error))
+            return staging_->NextPlace();
         staging_.reset();
         return nullptr;
     }

@@ -547,6 +547,8 @@ private:
         static void changed(TQProgress *changed, void *context) noexcept
         {
             const auto *self = static_cast<const Observed *>(context);
+            const Handle<TQValue> kind(TQProgressCopyUserInfo(changed, kTQProgressFileOperationKindKey), adopt);
+            if (kind && TQEqual(kind.get(), kTQProgressFileOperationKindWaiting)) return; // it counts nothing
             try {
                 self->observer(TQProgressGetCompletedUnits(changed), TQProgressGetTotalUnits(changed));
             } catch (...) { // C can't be unwound

@@ -210,7 +210,12 @@ void Addition::Refuse() const
 void Addition::EndWhereInterrupted()
 {
     if (!InterruptGuard::Came() || !copied_) return;
-    store_.Remove({name_}, /*pinnedToo=*/true);
+    try {
+        store_.Remove({name_}, /*pinnedToo=*/true);
+    } catch (const CommandFailure &failure) { // another program has the store by now, say
+        throw CommandFailure(InterruptGuard::ExitCode(), "stopped too late: " + Quoted(path_) + " is kept as " +
+                                                             Quoted(name_) + ": " + failure.what());
+    }
     throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(path_) + " was not kept");
 }
 

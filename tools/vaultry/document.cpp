@@ -147,8 +147,10 @@ static uint64_t _Mixed(uint64_t hash, uint64_t value)
     return hash ^ hash >> 31;
 }
 
+// Where a volume keeps whole seconds, a change time has no fraction.
 static void _Include(Fingerprint &fingerprint, const std::string &path, const struct stat &status)
 {
+    if (status.st_ctim.tv_nsec == 0) fingerprint.wholeSecond = std::max(fingerprint.wholeSecond, status.st_ctim.tv_sec);
     uint64_t hash = std::hash<std::string>()(path);
     for (const auto value : {status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_ctim.tv_sec,
                              status.st_ctim.tv_nsec, static_cast<long>(status.st_size)})
@@ -166,7 +168,7 @@ static struct stat _StatusOf(int directory, const char *name, const std::string 
     return status;
 }
 
-Fingerprint FingerprintOf(const std::string &path)
+static Fingerprint _Take(const std::string &path)
 {
     const struct stat top = _StatusOf(AT_FDCWD, path.c_str(), path);
     Fingerprint fingerprint{.device = top.st_dev, .inode = top.st_ino};
@@ -176,5 +178,19 @@ Fingerprint FingerprintOf(const std::string &path)
         _Include(fingerprint, item.path, _StatusOf(item.directory, item.name, item.path));
     });
     if (reason != 0) throw CommandFailure::Errno("can't read all of " + Quoted(path), reason);
+    return fingerprint;
+}
+
+Fingerprint FingerprintOf(const std::string &path)
+{
+    Fingerprint fingerprint = _Take(path);
+    // What somebody writes to all the time is not waited for, nor what a machine with another clock has written.
+    for (int looks = 1; looks < 3; ++looks) {
+        const time_t now = time(nullptr);
+        if (fingerprint.wholeSecond < now || fingerprint.wholeSecond > now + 1) break;
+        const struct timespec next = {.tv_sec = fingerprint.wholeSecond + 1, .tv_nsec = 0};
+        if (clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &next, nullptr) != 0) break; // a signal
+        fingerprint = _Take(path);
+    }
     return fingerprint;
 }

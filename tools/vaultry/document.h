@@ -5,6 +5,7 @@
 #include <vaultry/error.h>
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <sys/types.h>
 
@@ -37,13 +38,15 @@ std::string ExplainRefusal(const TQError *error, const std::string &store, const
                            bool keepsLinks);
 
 // Stands for the whole tree as it is now: if two are equal, the tree has not changed in between. It covers names,
-// inodes, sizes and times of every item, but not contents, since writing them changes the times. Throws if part can't
-// be read.
+// inodes, sizes and times of every item, but not contents, since writing them changes the times. Where a volume keeps
+// whole seconds, it is taken when the second of the last change is over, so that every later one shows. Throws if part
+// can't be read.
 struct Fingerprint {
     dev_t device = 0; // of the top item
     ino_t inode = 0;
     uint64_t items = 0;
     uint64_t sum = 0;
+    time_t wholeSecond = 0; // of the last change, where the volume keeps no fractions
     friend bool operator==(const Fingerprint &, const Fingerprint &) = default;
 };
 Fingerprint FingerprintOf(const std::string &path);

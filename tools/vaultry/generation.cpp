@@ -164,11 +164,14 @@ std::optional<std::string> NewestBackupOf(const Store &store, const std::string 
     Problems problems;
     std::vector<Kept> history = ReadHistory(store, problems);
     problems.SayAll();
-    // One that an undo brought back has had its turn, whatever its clock said.
-    std::set<std::string> used;
+    // One that an undo brought back has had its turn, whatever its clock said. Another one may have its name by now.
+    std::set<std::pair<std::string, std::optional<double>>> used;
     for (const Kept &kept : history)
-        if (kept.info.document == document && kept.info.backupOf) used.insert(*kept.info.backupOf);
-    std::erase_if(history, [&](const Kept &kept) { return used.contains(kept.name); });
+        if (kept.info.document == document && kept.info.backupOf)
+            used.emplace(*kept.info.backupOf, kept.info.backupOfTime);
+    std::erase_if(history, [&](const Kept &kept) {
+        return used.contains({kept.name, std::nullopt}) || used.contains({kept.name, kept.info.time});
+    });
     return _NewestOf(history, document, std::nullopt, Wanted::Backups);
 }
 

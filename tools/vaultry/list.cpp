@@ -131,9 +131,9 @@ int RunList(const Arguments &arguments)
     const std::string path = LocateStore(arguments.store);
     const Filter filter(arguments);
     const std::optional<Store> store = Store::OpenExisting(path);
+    if (!store && IsStoreNamed(arguments.store)) (void)Store::RequireMade(path); // says what is missing
     if (!store) {
-        Say("there is no store at " + Quoted(path) +
-            " yet: " + (IsStoreNamed(arguments.store) ? "\"init --store DIR\" makes one" : "add or init makes one"));
+        Say("there is no store at " + Quoted(path) + " yet: add or init makes one");
         return kExitSuccess;
     }
 

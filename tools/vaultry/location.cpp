@@ -89,7 +89,7 @@ bool DoesAnswer(const std::string &path)
 {
     struct stat status {};
     if (lstat(path.c_str(), &status) == 0) return true;
-    for (const int silence : {ENOTCONN, ESTALE, EIO, ETIMEDOUT, EHOSTDOWN})
+    for (const int silence : {ENOTCONN, ECONNABORTED, ESTALE, EIO, ETIMEDOUT, EHOSTDOWN})
         if (errno == silence) return false;
     return true;
 }

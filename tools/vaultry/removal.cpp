@@ -52,7 +52,9 @@ std::vector<std::string> RemoveAll(const Store &store, const std::vector<std::st
             else
                 problems.Note([&] {
                     RefuseLink(store, name, ": it stays"); // which the library takes for nothing if it dangles
-                    if (!pinnedToo && !failed.contains(name)) _RefusePinned(store, name);
+                    if (pinnedToo || failed.contains(name)) return;
+                    _RefusePinned(store, name);
+                    throw CommandFailure(kExitFailure, Quoted(name) + " stays: a moment ago it was pinned or unpinned");
                 });
         }
     });

@@ -50,6 +50,14 @@ static std::optional<std::string> _BackupName(const Store &store, const Argument
     throw CommandFailure(kExitExists, "there is no free name for the backup of " + Quoted(document));
 }
 
+// None if it isn't known, which doesn't matter to a restore.
+static std::optional<double> _TimeOf(const Store &store, const std::string &name)
+try {
+    return store.PeekAtInfoOf(name).time;
+} catch (const CommandFailure &) {
+    return std::nullopt;
+}
+
 static Backup _PlanBackup(const Store &store, const Arguments &arguments, const std::string &document,
                           const std::string &name)
 {
@@ -59,7 +67,7 @@ static Backup _PlanBackup(const Store &store, const Arguments &arguments, const 
     backup.isNew = backup.name && !store.Names().contains(*backup.name);
     struct stat status {};
     if (backup.name && IsThere(document, &status) && S_ISDIR(status.st_mode)) backup.base = BaseFor(store, document);
-    backup.notes = MakeNotes(document, now, name);
+    backup.notes = MakeNotes(document, now, name, _TimeOf(store, name));
     return backup;
 }
 
@@ -200,7 +208,7 @@ int BringBack(const Store &store, const std::string &name, const std::string &do
     else
         _CopyBack(store, name, document, backup);
     // The document may have come or gone meanwhile.
-    if (backup.name && ((!isThere && !backup.isNew) || !_IsKept(store, backup))) backup.name.reset();
+    if (backup.name && (!backup.isNew || !_IsKept(store, backup))) backup.name.reset();
     if (backup.name) _NoteBackup(store, backup);
     const std::string restored = isThere || backup.name ? RestoredPath(document, name) : document;
     if (arguments.json) {

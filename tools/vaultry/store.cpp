@@ -157,7 +157,8 @@ bool Store::SetInfoOf(const std::string &name, const TQDictionary *notes, TQErro
     return TQClientManagedStorageSetGenerationInfoValues(handle(), name.c_str(), notes, error);
 }
 
-Owned<TQDictionary> MakeNotes(const std::string &document, double time, const std::string &restored)
+Owned<TQDictionary> MakeNotes(const std::string &document, double time, const std::string &restored,
+                              std::optional<double> restoredTime)
 {
     Owned<TQDictionary> notes(TQDictionaryCreateMutable());
     const auto set = [&](const char *key, TQValue *value) {
@@ -173,6 +174,8 @@ Owned<TQDictionary> MakeNotes(const std::string &document, double time, const st
     if (restored.empty()) return notes;
     set(kKindKey, TQStringCreate(kBackupKind));
     set(kBackupOfKey, TQStringCreateWithBytes(restored.data(), restored.size()));
+    if (restoredTime || EntryOf(brought.get(), kBackupOfTimeKey))
+        set(kBackupOfTimeKey, restoredTime ? TQDateCreate(*restoredTime) : TQRetain(TQBooleanGet(false)));
     return notes;
 }
 
@@ -184,12 +187,17 @@ GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
         const auto *data = static_cast<const TQData *>(document);
         info.document.emplace(static_cast<const char *>(TQDataGetBytes(data)), TQDataGetLength(data));
     }
-    const TQValue *time = EntryOf(dictionary, kTimeKey);
-    if (TQGetTypeID(time) == TQDateGetTypeID()) info.time = TQDateGetSeconds(static_cast<const TQDate *>(time));
+    const auto time = [dictionary](const char *key) {
+        const TQValue *value = EntryOf(dictionary, key);
+        const bool isDate = TQGetTypeID(value) == TQDateGetTypeID();
+        return isDate ? std::optional(TQDateGetSeconds(static_cast<const TQDate *>(value))) : std::nullopt;
+    };
+    info.time = time(kTimeKey);
     const TQValue *size = EntryOf(dictionary, kSizeKey);
     if (TQGetTypeID(size) == TQNumberGetTypeID() && TQNumberGetInt64(size) >= 0)
         info.size = static_cast<uint64_t>(TQNumberGetInt64(size));
     if (TextOf(dictionary, kKindKey) == kBackupKind) info.backupOf = TextOf(dictionary, kBackupOfKey);
+    if (info.backupOf) info.backupOfTime = time(kBackupOfTimeKey);
     const TQValue *pinned = EntryOf(dictionary, kPinnedKey);
     // A pin protects: whatever is neither false nor 0 is one.
     info.isPinned = pinned && (!TQIsNumber(pinned) || TQNumberGetTruth(pinned));

@@ -21,6 +21,7 @@ struct GenerationInfo {
     std::optional<double> time;          // seconds since 1970
     std::optional<uint64_t> size;        // of its files, in bytes
     std::optional<std::string> backupOf; // a restore put it aside: which generation came in its place, "" if unknown
+    std::optional<double> backupOfTime;  // when that one had been kept
     bool isPinned = false;               // never to be pruned
 };
 
@@ -28,8 +29,9 @@ struct GenerationInfo {
 GenerationInfo ToGenerationInfo(const TQDictionary *info);
 
 // The notes of a document's history. The library adds the size itself.
-// With `restored`, they are those of a backup that the restore from that generation made.
-Owned<TQDictionary> MakeNotes(const std::string &document, double time, const std::string &restored = "");
+// With `restored`, they are those of a backup that the restore from that generation, of that time, made.
+Owned<TQDictionary> MakeNotes(const std::string &document, double time, const std::string &restored = "",
+                              std::optional<double> restoredTime = std::nullopt);
 
 class Store {
 public:
@@ -85,5 +87,6 @@ inline constexpr char kTimeKey[] = "vaultry.time";         // date
 inline constexpr char kSizeKey[] = "vaultry.size";         // number
 inline constexpr char kKindKey[] = "vaultry.kind";         // string: "backup", if a restore made it
 inline constexpr char kBackupKind[] = "backup";
-inline constexpr char kBackupOfKey[] = "vaultry.of";   // string: the generation that was restored then
-inline constexpr char kPinnedKey[] = "vaultry.pinned"; // boolean
+inline constexpr char kBackupOfKey[] = "vaultry.of";          // string: the generation that was restored then
+inline constexpr char kBackupOfTimeKey[] = "vaultry.of-time"; // date: when that one had been kept
+inline constexpr char kPinnedKey[] = "vaultry.pinned";        // boolean

@@ -21,14 +21,16 @@ static std::atomic<bool> gGaveUp{false};
 
 // --- who has it
 
-// The kernel tells who took the lock. Where that process has ended, it left the lock to a child.
+// The kernel tells who took the lock. Where that process has ended, it left the lock to a child. The name of one that
+// lives may be hidden.
 static std::string _Holder(const TQDictionary *operation)
 {
-    const std::string number = std::to_string(TQNumberGetInt64(EntryOf(operation, "process")));
-    std::ifstream file("/proc/" + number + "/comm");
+    const auto number = static_cast<pid_t>(TQNumberGetInt64(EntryOf(operation, "process")));
+    const std::string process = "process " + std::to_string(number);
+    std::ifstream file("/proc/" + std::to_string(number) + "/comm");
     std::string name;
-    const std::string process = "process " + number;
-    return std::getline(file, name) ? process + " (" + Printable(name) + ")" : "a child of " + process;
+    if (std::getline(file, name)) return process + " (" + Printable(name) + ")";
+    return kill(number, 0) != 0 && errno == ESRCH ? "a child of " + process : process;
 }
 
 // The number is one of the process's own machine, or of a part of it, so nothing is looked up by it.
