@@ -4,13 +4,15 @@
 // nothing, never half, never more open than the document was. Where it can't, the path is empty between two renames. If
 // the extension changes, the copy has a path of its own, and gets it before the document leaves its own. The old
 // document is removed last, when the copy has its rights and is on disk. The caller's error is that of the first
-// failure; the way back only logs.
+// failure; the way back only logs. One item of a document is restored in the same way, below its folder, which is held
+// open from the beginning.
 
 #include "TQLibrary.h"
 
 #include "TQLibrary_restore.h"
 #include "TQLibrary_restore_exchange.h"
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_item.h"
 #include "vaultry_client_managed_nesting.h"
 #include "vaultry_client_managed_request.h"
 
@@ -92,9 +94,8 @@ class CopiedOut {
 public:
     bool Make(const Request &request, const char *generation, const char *documentPath, TQError **error)
     {
-        uint32_t flags = 0; // not used: the copy gets the document's own
-        return _CopyOutToStaging(request.store(), generation, OwnerNote::Of(Work::Restore, documentPath), staging_,
-                                 &mode_, &flags, error);
+        return _CopyOutToStaging(request.store(), {generation, request.how.item},
+                                 OwnerNote::Of(Work::Restore, documentPath), staging_, &mode_, &flags_, error);
     }
 
     // The document is not touched before the copy is on disk. Until the copy gets its final mode, only its owner can
@@ -112,12 +113,14 @@ public:
     }
 
     mode_t mode() const { return mode_; }
+    uint32_t flags() const { return flags_; } // that it is to have if the document gives it none
     const StagedCopy &staged() const { return staged_; }
     StagingDirectory &staging() { return staging_; }
 
 private:
     StagingDirectory staging_;
     uint16_t mode_ = 0;
+    uint32_t flags_ = 0;
     StagedCopy staged_{};
 };
 
@@ -190,7 +193,41 @@ bool CopyToItsPath(const Request &request, const char *documentPath, TQError **e
 {
     char generation[kGenerationNameLimit + 1];
     return TQStringGetGenName(request.name, generation, error) &&
-           _CopyGeneration(request.store(), generation, documentPath, /*durable=*/true, error);
+           _CopyGeneration(request.store(), {generation}, documentPath, /*durable=*/true, error);
+}
+
+// For one item that is missing in a document: the folders on the way to it that are missing, too, come with it.
+bool CopyToItsFolder(const Request &request, const char *generation, const char *path, size_t missing, TQError **error)
+{
+    const char *const item = request.how.item;
+    PathBuffer made;
+    (void)made.Format("%.*s", static_cast<int>(strlen(path) - strlen(item) + missing), path);
+    const CopiedPart part{generation, item, missing < strlen(item) ? missing : 0};
+    Backup backup(request);
+    if (!backup.Add(error) || !_CopyGeneration(request.store(), part, made.c_str(), /*durable=*/true, error))
+        return false;
+    backup.Keep();
+    return true;
+}
+
+// One item of the document at `folder`.
+bool RestoreItem(const Request &request, const char *folder, TQError **error)
+{
+    PathBuffer path;
+    FoundItem found;
+    char generation[kGenerationNameLimit + 1];
+    if (!_FindItem(folder, request.how.item, &found, error)) return false;
+    if (!path.Format("%s/%s", TrimmedPath(folder).c_str(), request.how.item))
+        return Failure(error).Refused(kTQStatusBadPath, "The supplied item path is too long");
+    if (!TQStringGetGenName(request.name, generation, error)) return false;
+    if (!found.isThere) return CopyToItsFolder(request, generation, path.c_str(), found.length, error);
+
+    ReplacedDocument item(path.c_str(), std::move(found));
+    CopiedOut out;
+    if (!RequireReplaceable(request, item, error) || !out.Make(request, generation, path.c_str(), error)) return false;
+    item.rights.flags = out.flags();
+    Backup backup(request);
+    return backup.Add(error) && Replace(request, item, path.c_str(), out, backup, error);
 }
 
 mode_t RestoredMode(mode_t staged, mode_t document)
@@ -228,7 +265,8 @@ bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *name, const 
                                    .backupName = backupName,
                                    .backupBase = nullptr,
                                    .backupInfo = nullptr,
-                                   .backupSizeKey = nullptr};
+                                   .backupSizeKey = nullptr,
+                                   .item = nullptr};
     return TQLibraryRestoreGenerationWithFlags(library, name, documentURL, &request, error);
 }
 
@@ -244,6 +282,7 @@ bool TQLibraryRestoreGenerationWithFlags(TQLibrary *library, const TQString *nam
     const Request request{library, name, documentURL, how};
     const char *const path = tq_fileSystemRepresentation(documentURL);
     if (!path) return Failure(error).Status(kTQStatusBadPath, "not a file URL");
+    if (how.item) return RestoreItem(request, path, error);
     ReplacedDocument document(path);
     if (document.Look() != 0) {
         if (errno == ENOENT) return CopyToItsPath(request, path, error);

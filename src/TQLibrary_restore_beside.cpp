@@ -50,7 +50,7 @@ int ReplacedDocument::Look()
 
 bool ReplacedDocument::OpenFolder(TQError **error)
 {
-    folder.Reset(open(ParentPath(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!folder) folder.Reset(open(ParentPath(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     return folder || Failure(error).Errno("Failed to open the folder of \"%s\"", path);
 }
 
@@ -67,6 +67,7 @@ const char *ReplacedDocument::name() const
 
 bool ReplacedDocument::LookAgain(TQError **error)
 {
+    if (!givesRights) return true;
     TQFileStatus now;
     if (platform::GetStatus(At(name()), Links::Follow, &now) != 0)
         return Failure(error).Errno("stat(\"%s\") failed", path);
@@ -232,15 +233,22 @@ bool Beside::GiveOwner()
     return give(static_cast<uid_t>(-1)) || isForgiven();
 }
 
-bool Beside::GiveRights(mode_t staged, const char *restoredPath, TQError **error)
+// False with errno.
+bool Beside::GiveDocumentsRights(mode_t staged, const char *restoredPath)
 {
-    if (!copy_) return true; // a link that somebody put into the store has no rights of its own
     const platform::ProcPath open(copy_.get());
     _SetFileNameExtensionHiding({AT_FDCWD, open.c_str(), restoredPath}, Links::Follow, document_.extensionHidden);
     mode_t denied = 0;
     const Item document = document_.At(document_.name());
-    const bool isGiven = GiveOwner() && platform::GiveListsOf(document, Links::Follow, copy_.get(), &denied) == 0 &&
-                         fchmod(copy_.get(), _RestoredModeFor(staged, document_.rights, status_) & ~denied) == 0;
+    return GiveOwner() && platform::GiveListsOf(document, Links::Follow, copy_.get(), &denied) == 0 &&
+           fchmod(copy_.get(), _RestoredModeFor(staged, document_.rights, status_) & ~denied) == 0;
+}
+
+bool Beside::GiveRights(mode_t staged, const char *restoredPath, TQError **error)
+{
+    if (!copy_) return true; // a link that somebody put into the store has no rights of its own
+    const bool isGiven =
+        document_.givesRights ? GiveDocumentsRights(staged, restoredPath) : fchmod(copy_.get(), staged & 07777) == 0;
     if (!isGiven || platform::GetStatusOfFd(copy_.get(), &given_) != 0)
         return Failure(error).Errno("failed to set final mode on \"%s\"", restoredPath);
     const uint32_t flags = document_.rights.flags & ~kBlockingFlags;

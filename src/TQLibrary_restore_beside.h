@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include "vaultry_client_managed_item.h"
 #include "vaultry_client_managed_staging.h"
 
 #include "Platform/Item.h"
@@ -28,9 +29,16 @@ struct ReplacedDocument {
     TQFileStatus itself; // what stands at the path
     TQFileStatus rights; // the same, or what a link leads to: whose mode and flags the restored item gets
     bool extensionHidden = false;
+    bool givesRights = true; // one item of a document gives none: its copy keeps those that came with it
     UniqueFd folder{};
 
     explicit ReplacedDocument(const char *documentPath) : path(documentPath), trimmed(documentPath) {}
+    // One item of a document.
+    ReplacedDocument(const char *itemPath, FoundItem item)
+        : path(itemPath), trimmed(itemPath), itself(item.status), rights(item.status), givesRights(false),
+          folder(std::move(item.folder))
+    {
+    }
 
     // 0, or -1 with errno: ENOENT if there is nothing. Whatever is saved after it shows.
     int Look();
@@ -79,7 +87,8 @@ public:
     bool CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error);
 
     // Gives the copy the document's owner and group where that is possible, its hidden extension, access-control lists,
-    // mode, and the flags that don't bar a rename. All of it is on disk when it returns true.
+    // mode, and the flags that don't bar a rename; or the mode and such flags of its own. All of it is on disk when it
+    // returns true.
     bool GiveRights(mode_t staged, const char *restoredPath, TQError **error);
     // Gives it the flags that bar a rename, once it has its place.
     bool GiveBlockingFlags(const char *restoredPath, TQError **error);
@@ -113,6 +122,7 @@ private:
     bool CameAllTheSame(const StagedCopy &staged) const;
     bool OpenCopy(const ItemId &expected, TQError **error);
     bool GiveOwner();
+    bool GiveDocumentsRights(mode_t staged, const char *restoredPath);
     bool Flush(TQError **error) const;
     Item item() const { return {document_.folder.get(), name_, path_.c_str()}; }
 

@@ -146,10 +146,19 @@ bool _RemoveStagingPath(const char *rootPath, const char *path, TQError **error)
 
 // --- copies for a restore
 
+// What is copied: a generation, or one item of it.
+struct CopiedPart {
+    const char *name;
+    const char *item = nullptr; // its path below the generation's top; null for the whole generation
+    // If not 0, how much of that path names the folder that the copy begins with. Nothing comes with it but the folders
+    // on the way to the item.
+    size_t from = 0;
+};
+
 // As TQClientManagedStorageCopyOut, for an operation that goes on: the staging directory stays its own.
-bool _CopyOutToStaging(const TQClientManagedStorage *store, const char *name, const OwnerNote &note,
+bool _CopyOutToStaging(const TQClientManagedStorage *store, const CopiedPart &part, const OwnerNote &note,
                        StagingDirectory &staging, uint16_t *mode, uint32_t *flags, TQError **error);
 
 // As TQClientManagedStorageCopyGeneration; if `durable`, the copy is on disk when it returns true.
-bool _CopyGeneration(const TQClientManagedStorage *store, const char *name, const char *destination, bool durable,
+bool _CopyGeneration(const TQClientManagedStorage *store, const CopiedPart &part, const char *destination, bool durable,
                      TQError **error);

@@ -3,10 +3,42 @@
 
 #include "vaultry_client_managed_locked.h"
 
+#include "Platform/Flush.h"
+#include "Platform/UniqueFd.h"
+#include "Platform/Volume.h"
 #include "Runtime/Ref.h"
+#include "Shared/vaultry_flush.h"
 #include "Shared/vaultry_internal_failure.h"
+#include "Shared/vaultry_internal_names.h"
+#include "Shared/vaultry_storage.h"
 
+#include <vaultry/filesystem.h>
 #include <vaultry/metadata.h>
+#include <vaultry/path.h>
+
+#include <fcntl.h>
+
+namespace {
+
+bool SetEach(const char *root, const TQArray *names, const TQDictionary *values, bool flushEach, TQError **error)
+{
+    for (size_t i = 0; i < TQArrayGetCount(names); ++i) {
+        TQValue *const value = TQArrayGetValueAtIndex(names, i);
+        char name[kGenerationNameLimit + 1];
+        PathBuffer path;
+        if (TQGetTypeID(value) != TQStringGetTypeID())
+            return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied generation name was invalid");
+        if (!TQStringGetGenName(static_cast<const TQString *>(value), name, error) ||
+            !_GetPathToGeneration(root, name, /*mustExist=*/false, path, error))
+            return false;
+        if (_PathNotExists(path.c_str())) continue;
+        if (!_WriteInfoValues(path.c_str(), values, error) || (flushEach && !_FlushItem(path.c_str(), error)))
+            return false;
+    }
+    return true;
+}
+
+} // namespace
 
 uint64_t TQClientManagedStorageGetGenerationOptions(const TQClientManagedStorage *store, const char *name,
                                                     TQError **error)
@@ -61,6 +93,22 @@ bool TQClientManagedStorageSetGenerationInfoValues(const TQClientManagedStorage 
 {
     LockedGeneration generation;
     return generation.ForWriting(store, name, error) && TQSetInfoValues(generation.path(), values, error);
+}
+
+bool TQClientManagedStorageSetGenerationsInfoValues(const TQClientManagedStorage *store, const TQArray *names,
+                                                    const TQDictionary *values, TQError **error)
+{
+    HeldLock lock;
+    if (!lock.ForWriting(store, error)) return false;
+    if (!names) return Failure(error).Refused(kTQStatusInvalidArgument, "no generation names were supplied");
+    if (TQDictionaryGetCount(values) == 0)
+        return Failure(error).Refused(kTQStatusInvalidArgument, "no values were supplied");
+    // One flush for all where it reaches them. It is opened first, and so is told of every write that fails.
+    const UniqueFd volume(open(store->rootPath, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const bool byVolume = TQArrayGetCount(names) > 1 && volume && platform::VolumeHonoursFlush(volume.get());
+    const bool areSet = SetEach(store->rootPath, names, values, /*flushEach=*/!byVolume, error);
+    if (!byVolume || platform::FlushVolumeOfFd(volume.get()) == 0) return areSet;
+    return areSet && Failure(error).Errno("Failed to flush \"%s\" to disk", store->rootPath);
 }
 
 TQString *TQClientManagedStorageCopyGenerationOriginalDisplayName(const TQClientManagedStorage *store, const char *name,

@@ -1,6 +1,7 @@
 // Reading generations: where one lies, and copies of it.
 
 #include "vaultry_client_managed.h"
+#include "vaultry_client_managed_item.h"
 #include "vaultry_client_managed_locked.h"
 #include "vaultry_client_managed_nesting.h"
 #include "vaultry_client_managed_staging.h"
@@ -53,6 +54,28 @@ void RemoveMade(const char *path, const platform::DuplixMade &made)
     (void)_RemoveTreeAt(Item::AtPath(path), how, nullptr);
 }
 
+// Where the part lies, as long as its generation is locked.
+class LockedPart {
+public:
+    bool ForReading(const TQClientManagedStorage *store, const CopiedPart &part, TQError **error)
+    {
+        if (!generation_.ForReading(store, part.name, error)) return false;
+        const char *const top = generation_.path();
+        if (!part.item) return path_.Append(top);
+        if (!_GetPathToItem(top, part.item, item_, error)) return false;
+        if (part.from == 0) return path_.Append(item_.c_str());
+        only_ = item_.c_str();
+        return path_.Format("%s/%.*s", top, static_cast<int>(part.from), part.item);
+    }
+    const char *path() const { return path_.c_str(); }
+    const char *only() const { return only_; } // the item, if it is not all that is copied
+
+private:
+    LockedGeneration generation_;
+    PathBuffer path_, item_;
+    const char *only_ = nullptr;
+};
+
 } // namespace
 
 TQURL *TQClientManagedStorageCopyURLForGeneration(const TQClientManagedStorage *store, const char *name,
@@ -64,14 +87,14 @@ TQURL *TQClientManagedStorageCopyURLForGeneration(const TQClientManagedStorage *
     return url ? url : Failure(error).Status(kTQStatusFailed, "malloc failed");
 }
 
-bool _CopyOutToStaging(const TQClientManagedStorage *store, const char *name, const OwnerNote &note,
+bool _CopyOutToStaging(const TQClientManagedStorage *store, const CopiedPart &part, const OwnerNote &note,
                        StagingDirectory &staging, uint16_t *mode, uint32_t *flags, TQError **error)
 {
-    LockedGeneration generation;
+    LockedPart locked;
     const bool forClient = note.work == Work::CopyOut;
-    return generation.ForReading(store, name, error) && staging.Make(store->rootPath, note, error) &&
-           _CopyOutGeneration(generation.path(), staging.staged(), mode, flags, /*made=*/nullptr,
-                              /*flushEach=*/!forClient, /*leaveWritable=*/forClient, error);
+    return locked.ForReading(store, part, error) && staging.Make(store->rootPath, note, error) &&
+           _CopyOutGeneration(locked.path(), staging.staged(), mode, flags, /*made=*/nullptr,
+                              /*flushEach=*/!forClient, /*leaveWritable=*/forClient, locked.only(), error);
 }
 
 bool TQClientManagedStorageCopyOut(const TQClientManagedStorage *store, const char *name, char *stagedPath,
@@ -79,7 +102,8 @@ bool TQClientManagedStorageCopyOut(const TQClientManagedStorage *store, const ch
 {
     if (store && !stagedPath) return Failure(error).Refused(kTQStatusBadPath, "no path buffer was supplied");
     StagingDirectory staging;
-    if (!_CopyOutToStaging(store, name, OwnerNote::Of(Work::CopyOut, name), staging, mode, flags, error)) return false;
+    if (!_CopyOutToStaging(store, {name}, OwnerNote::Of(Work::CopyOut, name), staging, mode, flags, error))
+        return false;
     memcpy(stagedPath, staging.staged(), strlen(staging.staged()) + 1);
     staging.Keep();
     return true;
@@ -94,14 +118,21 @@ bool TQClientManagedStorageCopyOutDone(const TQClientManagedStorage *store, cons
 bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, const char *name,
                                           const char *destination, TQError **error)
 {
-    return _CopyGeneration(store, name, destination, /*durable=*/false, error);
+    return _CopyGeneration(store, {name}, destination, /*durable=*/false, error);
 }
 
-bool _CopyGeneration(const TQClientManagedStorage *store, const char *name, const char *destination, bool durable,
+bool TQClientManagedStorageCopyGenerationItem(const TQClientManagedStorage *store, const char *name, const char *item,
+                                              const char *destination, TQError **error)
+{
+    if (store && !item) return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied item path was invalid");
+    return _CopyGeneration(store, {name, item}, destination, /*durable=*/false, error);
+}
+
+bool _CopyGeneration(const TQClientManagedStorage *store, const CopiedPart &part, const char *destination, bool durable,
                      TQError **error)
 {
-    LockedGeneration generation;
-    if (!generation.ForReading(store, name, error)) return false;
+    LockedPart locked;
+    if (!locked.ForReading(store, part, error)) return false;
     if (!destination || destination[0] == '\0')
         return Failure(error).Refused(kTQStatusBadPath, "no destination path was supplied");
     const TrimmedPath trimmed(destination);
@@ -114,7 +145,8 @@ bool _CopyGeneration(const TQClientManagedStorage *store, const char *name, cons
     uint16_t mode = 0;
     uint32_t flags = 0;
     platform::DuplixMade made;
-    if (_CopyOutGeneration(generation.path(), target, &mode, &flags, &made, durable, /*leaveWritable=*/false, error) &&
+    if (_CopyOutGeneration(locked.path(), target, &mode, &flags, &made, durable, /*leaveWritable=*/false, locked.only(),
+                           error) &&
         ApplyFinalRights(target, mode, flags, error) &&
         (!durable || (flush.Flush(target, mode, error) && _FlushEntry(target, error))))
         return true;

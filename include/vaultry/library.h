@@ -124,6 +124,13 @@ typedef struct TQRestoreRequest {
     const TQString *backupBase;     ///< the backup's TQAddRequest.base; best the newest generation of the document
     const TQDictionary *backupInfo; ///< the backup's TQAddRequest.info
     const TQString *backupSizeKey;  ///< the backup's TQAddRequest.sizeKey
+
+    /// May be null; else the path of one item, both below the top of the generation and below that of the document, as
+    /// in TQClientManagedStorageCopyGenerationItem. Both are folders then. Only that item is replaced, and the backup
+    /// is still one of the whole document. The item keeps its name, and has the rights and flags with which it was
+    /// kept. If it is missing in the document, it is copied there, with the folders on the way to it that are missing too. No
+    /// link on the way is followed, and a link in its place is replaced.
+    const char *item;
 } TQRestoreRequest;
 
 /// Puts a generation in the place of a document, which keeps its own permissions, access-control lists, flags and
@@ -170,8 +177,9 @@ TQ_EXPORT bool TQLibraryRestoreGeneration(TQLibrary *library, const TQString *na
 
 /// The same, with all that a request can ask for. `request` is borrowed for the call.
 ///
-/// @return as TQLibraryRestoreGeneration. Nothing is done if there is no request (kTQStatusInvalidArgument) or it asks
-///         for something that this version does not know (kTQStatusNotSupported).
+/// @return as TQLibraryRestoreGeneration. Nothing is done if there is no request, or no item of that path in the
+///         generation (kTQStatusInvalidArgument), or the request asks for something that this version does not know
+///         (kTQStatusNotSupported).
 TQ_EXPORT bool TQLibraryRestoreGenerationWithFlags(TQLibrary *library, const TQString *name, const TQURL *document,
                                                    const TQRestoreRequest *request, TQError **error);
 

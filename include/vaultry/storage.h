@@ -169,6 +169,14 @@ TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValueForKey(const TQClient
 TQ_EXPORT bool TQClientManagedStorageSetGenerationInfoValues(const TQClientManagedStorage *store, const char *name,
                                                              const TQDictionary *values, TQError **error);
 
+/// The same for several generations, under one lock and, where the volume allows that, with one flush. A name that has
+/// no generation is passed over.
+///
+/// @param names  Strings.
+/// @return false at the first failure; those before it have the values, those after it are not looked at.
+TQ_EXPORT bool TQClientManagedStorageSetGenerationsInfoValues(const TQClientManagedStorage *store, const TQArray *names,
+                                                              const TQDictionary *values, TQError **error);
+
 /// The original display name, owned by the caller; null with kTQStatusNoSuchAttribute (which reads back as
 /// kTQStatusInvalidArgument) when there is none. Shared lock.
 TQ_EXPORT TQString *TQClientManagedStorageCopyGenerationOriginalDisplayName(const TQClientManagedStorage *store,
@@ -204,6 +212,13 @@ TQ_EXPORT bool TQClientManagedStorageCopyOutDone(const TQClientManagedStorage *s
 /// nothing is left there. Not flushed to disk. Shared lock.
 TQ_EXPORT bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage *store, const char *name,
                                                     const char *destination, TQError **error);
+
+/// The same for one item of a generation that is a folder. No link on the way to it is followed.
+///
+/// @param item  The item's path below the generation's top: relative, without an empty component, "." and "..".
+/// @return as TQClientManagedStorageCopyGeneration; kTQStatusInvalidArgument also if there is no such item.
+TQ_EXPORT bool TQClientManagedStorageCopyGenerationItem(const TQClientManagedStorage *store, const char *name,
+                                                        const char *item, const char *destination, TQError **error);
 
 /// Removes generations by name, in order; a name that has no generation is passed over. On disk on return. Works on a
 /// full disk too, and where a folder can't be renamed (one of an overlay's lower layer). Only there a generation may be

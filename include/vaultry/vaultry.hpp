@@ -703,6 +703,7 @@ struct RestoreRequest {
     std::optional<Dictionary> info = std::nullopt;
     std::optional<String> size_key = std::nullopt;
     bool info_is_optional = false;
+    std::optional<std::filesystem::path> item = std::nullopt; ///< replaces only this one, below both tops
 };
 
 /// The library object, for what the store alone can't do: restoring in place.
@@ -742,6 +743,7 @@ public:
         asked.backupBase = request.base ? base.get() : nullptr;
         asked.backupInfo = request.info ? request.info->get() : nullptr;
         asked.backupSizeKey = request.size_key ? request.size_key->get() : nullptr;
+        asked.item = request.item ? request.item->c_str() : nullptr;
         return detail::attempt(TQLibraryRestoreGenerationWithFlags, get(), from.get(), url.get(), &asked);
     }
 };
@@ -848,6 +850,14 @@ public:
         return attempt_(TQClientManagedStorageCopyGeneration, name, detail::path(destination).c_str());
     }
 
+    /// Copies one item of a generation that is a folder, by its path below the top.
+    Result<void> copy_item(std::string_view name, const std::filesystem::path &item,
+                           const std::filesystem::path &destination) const
+    {
+        return attempt_(TQClientManagedStorageCopyGenerationItem, name, item.c_str(),
+                        detail::path(destination).c_str());
+    }
+
     /// Copies a generation into the staging area.
     Result<Staged> copy_out(std::string_view name) const
     {
@@ -944,6 +954,14 @@ public:
     Result<void> set_info(std::string_view name, const Dictionary &values) const
     {
         return attempt_(TQClientManagedStorageSetGenerationInfoValues, name, values.get());
+    }
+
+    /// The same for each of several generations; a name without one is passed over.
+    template <class Names> Result<void> set_info_of(const Names &names, const Dictionary &values) const
+    {
+        const auto array = strings_of_(names);
+        if (!array) return detail::refused();
+        return detail::attempt(TQClientManagedStorageSetGenerationsInfoValues, get(), array.get(), values.get());
     }
 
     Result<void> remove_info(std::string_view name, const String &key) const

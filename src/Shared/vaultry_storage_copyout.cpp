@@ -99,16 +99,38 @@ void LeaveWritable(int pinned, mode_t mode, const char *path)
                             strerror_r(errno, text, sizeof text));
 }
 
+// One item of a tree, with the folders on the way to it.
+struct Selection {
+    const char *only;
+    TQError **error;
+
+    bool Has(const char *path) const
+    {
+        const size_t length = strlen(path), wanted = strlen(only);
+        if (strncmp(path, only, std::min(length, wanted)) != 0) return false;
+        return length == wanted || (length < wanted ? only[length] : path[wanted]) == '/';
+    }
+};
+
+int CopySelected(int what, int stage, DuplixState *state, const char *source, const char *destination, void *context)
+{
+    const auto &selection = *static_cast<const Selection *>(context);
+    const bool begins = stage == duplix_stage::Start && (what == duplix_what::File || what == duplix_what::Directory);
+    if (begins && !selection.Has(source)) return duplix_answer::Skip;
+    return _DuplixUnarchiveCallback(what, stage, state, source, destination, selection.error);
+}
+
 } // namespace
 
 bool TQCopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, TQError **error)
 {
     return _CopyOutGeneration(path, destination, mode, flags, /*made=*/nullptr, /*flushEach=*/false,
-                              /*leaveWritable=*/true, error);
+                              /*leaveWritable=*/true, /*only=*/nullptr, error);
 }
 
 bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags,
-                        platform::DuplixMade *made, bool flushEach, bool leaveWritable, TQError **error)
+                        platform::DuplixMade *made, bool flushEach, bool leaveWritable, const char *only,
+                        TQError **error)
 {
     if (error) *error = nullptr;
     if (mode) *mode = 0;
@@ -118,7 +140,10 @@ bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mod
     platform::DuplixMade own;
     if (!made) made = &own;
     const platform::DuplixOptions options{.made = made, .flushEach = flushEach, .leavesMode = true};
-    if (platform::duplix(path, destination, _DuplixUnarchiveCallback, error, options) != 0) return false;
+    Selection selection{only, error};
+    const int result = only ? platform::duplix(path, destination, CopySelected, &selection, options)
+                            : platform::duplix(path, destination, _DuplixUnarchiveCallback, error, options);
+    if (result != 0) return false;
 
     // The status is of what was made, whatever has its name by now. Of a link that somebody put into the store, it is
     // the link's own.

@@ -109,6 +109,10 @@ TEST_P(FaultsWhile, CopyingOut)
     };
     const auto copyOut = DO(TQClientManagedStorageCopyGeneration(store, "kept", scene.out.c_str(), why));
     Sweep({.name = "copy out a file", .run = copyOut, .unfinished = "/out"});
+    Sweep({.name = "copy out an item",
+           .kind = kFolder,
+           .run = DO(TQClientManagedStorageCopyGenerationItem(store, "kept", "folder", scene.out.c_str(), why)),
+           .unfinished = "/out.*"});
     Sweep({.name = "copy out a folder", .kind = kFolder, .prepare = withFlags, .run = copyOut, .unfinished = "/out.*"});
 }
 
@@ -162,6 +166,36 @@ TEST_P(FaultsWhile, Restoring)
                .step = row.step,
                .table = row.prepare.target_type() == typeid(onNothing) ? "" : "A restore"});
     ExpectEveryRowMet("A restore");
+
+    // One item of a folder, which is kept as a whole first.
+    const auto name = String("kept"), backup = String("backup");
+    std::string folder;
+    for (const char *what : {"twin", "folder/leaf"}) {
+        TQRestoreRequest asked{};
+        asked.size = sizeof asked;
+        asked.backupName = backup.get();
+        asked.item = what;
+        const bool isMissing = strchr(what, '/') != nullptr; // and the folder that it is in
+        Sweep({.name = std::string("restore the item ") + what,
+               .kind = kFolder,
+               .prepare =
+                   [=, &folder](Scene &scene) {
+                       folder = disk::MakeDirectory(scene.store / "d");
+                       disk::Write(folder + "/other", "now");
+                       scene.document = scene.restored = folder + "/" + what;
+                       if (!isMissing) scene.WorkOn(scene.document, false);
+                       scene.store.Remember(folder, "backup");
+                   },
+               .run =
+                   [=, &folder](Scene &scene, TQError **why) {
+                       return TQLibraryRestoreGenerationWithFlags(scene.library.get(), name.get(),
+                                                                  FileURL(folder).get(), &asked, why);
+                   },
+               .subject = "backup",
+               .unfinished = isMissing ? "/d(/folder.*)?" : "/d(/twin.*)?",
+               .stays = "(fts_|remove).*nosync|nosync.*deletable|xattr|generation root|flush .*/store",
+               .table = isMissing ? "" : "A restore"});
+    }
 }
 
 TEST_P(FaultsWhile, Reading)
@@ -191,12 +225,15 @@ TEST_P(FaultsWhile, Setting)
 {
     const auto key = String("key"), text = String("new");
     const Value values = Dictionary({{Text("key"), Text("new")}, {Text("other"), Text("too")}});
+    const auto names = Names({"none", "kept"});
     const std::pair<const char *, std::function<bool(Scene &, TQError **)>> rows[] = {
         {"set the options", DO(TQClientManagedStorageSetGenerationOptions(store, "kept", 16, why))},
         {"remove the options", DO(TQClientManagedStorageSetGenerationOptions(store, "kept", 1, why))},
         {"set one value",
          DO(TQClientManagedStorageSetGenerationInfoValueForKey(store, "kept", key.get(), text.get(), why))},
         {"set several values", DO(TQClientManagedStorageSetGenerationInfoValues(store, "kept", Cast{values}, why))},
+        {"set values of several",
+         DO(TQClientManagedStorageSetGenerationsInfoValues(store, names.get(), Cast{values}, why))},
         {"set the display name",
          DO(TQClientManagedStorageSetGenerationOriginalDisplayName(store, "kept", text.get(), why))}};
     for (const auto &[name, run] : rows)
