@@ -46,6 +46,7 @@ struct Arguments {
     Choice choice;                      // copy, show, restore, diff, set, remove, pin
     std::vector<std::string> names;     // remove, pin; with a choice, documents
     std::string name;                   // copy, show, restore, diff, set; with a choice, a document
+    std::optional<std::string> item;    // copy, show, restore: only this one, by its path below the top
     std::string destination;            // copy
     std::optional<std::string> newName; // add
     bool move = false;                  // add

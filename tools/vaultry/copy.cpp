@@ -22,9 +22,11 @@
 static constexpr char kCopyIsRemoved[] = "\nvaultry: stopping: the copy is removed as soon as it is through; "
                                          "once more ends at once and leaves what is there\n";
 
-// The document's name, if the store knows it; else the generation's own name.
-static std::string _OwnName(const Store &store, const std::string &name)
+// The item's name; or the document's, if the store knows it; else the generation's own name.
+static std::string _OwnName(const Store &store, const GenerationItem &item)
 {
+    const std::string &name = item.name;
+    if (item.isInner()) return BaseName(*item.inner);
     std::string own;
     try {
         own = BaseName(store.InfoOf(name).document.value_or(""));
@@ -36,14 +38,14 @@ static std::string _OwnName(const Store &store, const std::string &name)
 }
 
 // As with cp: into an existing directory, else under exactly this name.
-static std::string _DestinationPath(const Store &store, const std::string &name, const std::string &given)
+static std::string _DestinationPath(const Store &store, const GenerationItem &item, const std::string &given)
 {
     if (given.empty()) throw CommandFailure(kExitUsage, "the destination is empty");
     const std::string path = WithoutTrailingSlashes(given);
     struct stat status {};
     const bool isThere = stat(path.c_str(), &status) == 0;
     if (!isThere && errno != ENOENT) throw CommandFailure::Errno("can't copy to " + Quoted(given), errno);
-    if (isThere && S_ISDIR(status.st_mode)) return path + "/" + _OwnName(store, name);
+    if (isThere && S_ISDIR(status.st_mode)) return path + "/" + _OwnName(store, item);
     if (given.back() == '/') throw CommandFailure(kExitFailure, "there is no directory " + Quoted(given));
     return path;
 }
@@ -98,25 +100,29 @@ static void _TakeBack(const std::string &generation, const std::string &destinat
     throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
 }
 
-static std::string _CopyTo(const Arguments &arguments, std::string &name, std::string &kept)
+static std::string _CopyTo(const Arguments &arguments, GenerationItem &item, std::string &kept)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
-    name = ChosenGeneration(store, arguments.choice, arguments.name);
-    const std::string destination = _FreeDestination(store, _DestinationPath(store, name, arguments.destination));
-    CopyOut(store, name, destination, "can't copy " + Quoted(name) + " to " + Quoted(destination),
+    item = ChosenItem(store, arguments);
+    const std::string destination = _FreeDestination(store, _DestinationPath(store, item, arguments.destination));
+    CopyOut(item.PathIn(store), destination, "can't copy " + Quoted(item.asTyped()) + " to " + Quoted(destination),
             [&](TQError **error) {
-                return TQClientManagedStorageCopyGeneration(store.handle(), name.c_str(), destination.c_str(), error);
+                const char *const name = item.name.c_str(), *const to = destination.c_str();
+                return item.isInner() ? TQClientManagedStorageCopyGenerationItem(store.handle(), name,
+                                                                                 item.inner->c_str(), to, error)
+                                      : TQClientManagedStorageCopyGeneration(store.handle(), name, to, error);
             });
-    if (InterruptGuard::Came()) kept = store.PathOf(name);
+    if (InterruptGuard::Came()) kept = item.PathIn(store);
     return destination;
 }
 
 int RunCopy(const Arguments &arguments)
 {
     const InterruptGuard interrupts(kCopyIsRemoved);
-    std::string name, destination, kept;
+    GenerationItem item;
+    std::string destination, kept;
     try {
-        destination = _CopyTo(arguments, name, kept);
+        destination = _CopyTo(arguments, item, kept);
     } catch (const CommandFailure &) {
         if (!InterruptGuard::Came()) throw; // otherwise it failed because it was stopped
         throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
@@ -124,7 +130,8 @@ int RunCopy(const Arguments &arguments)
     if (InterruptGuard::Came()) _TakeBack(kept, destination);
     if (arguments.json) {
         Json object;
-        PutBytes(object, "generation", name);
+        PutBytes(object, "generation", item.name);
+        if (item.isInner()) PutBytes(object, "item", *item.inner);
         PutBytes(object, "destination", destination);
         PrintLine(object);
         return kExitSuccess;

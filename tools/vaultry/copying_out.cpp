@@ -11,10 +11,9 @@
 
 #include <cerrno>
 
-void CopyOut(const Store &store, const std::string &name, const std::string &destination, const std::string &what,
+void CopyOut(const std::string &source, const std::string &destination, const std::string &what,
              const std::function<bool(TQError **error)> &copy)
 {
-    const std::string source = ProgressBar::AreShown() ? store.PathOf(name) : "";
     Owned<TQError> error;
     bool isCopied = false;
     {
@@ -27,6 +26,6 @@ void CopyOut(const Store &store, const std::string &name, const std::string &des
         throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
     const CommandFailure failure = CommandFailure::Library(what, error.get());
     const std::string parent = destination.substr(0, destination.rfind('/') + 1);
-    if (!IsAttributeSpace(error.get(), parent, store.PathOf(name))) throw failure;
+    if (!IsAttributeSpace(error.get(), parent, source)) throw failure;
     throw CommandFailure(failure.exitCode(), std::string(failure.what()) + "\n  " + kAttributeSpaceIsFull);
 }

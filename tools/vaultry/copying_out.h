@@ -4,11 +4,12 @@
 
 #pragma once
 
-#include "store.h"
+#include <vaultry/error.h>
 
 #include <functional>
+#include <string>
 
-// `copy` makes `destination` of the generation `name`. Throws if it fails, or was interrupted before anything was made.
-// `what` begins the message of a failure.
-void CopyOut(const Store &store, const std::string &name, const std::string &destination, const std::string &what,
+// `copy` makes `destination` of what lies in a store at `source`. Throws if it fails, or was interrupted before
+// anything was made. `what` begins the message of a failure.
+void CopyOut(const std::string &source, const std::string &destination, const std::string &what,
              const std::function<bool(TQError **error)> &copy);

@@ -5,6 +5,7 @@
 #include "document.h"
 #include "failure.h"
 #include "history.h"
+#include "inner_item.h"
 #include "naming.h"
 #include "nearest.h"
 #include "text.h"
@@ -58,8 +59,29 @@ std::optional<CommandFailure> RefusalOfDocument(const Store &store, const std::s
                               "\"vaultry list " + typed + "\" names all");
 }
 
+// Those that begin so.
+static std::vector<std::string> _CandidatesFor(const std::set<std::string> &names, const std::string &beginning)
+{
+    std::vector<std::string> candidates;
+    if (!beginning.empty())
+        for (auto name = names.lower_bound(beginning); name != names.end() && name->rfind(beginning, 0) == 0; ++name)
+            candidates.push_back(*name);
+    return candidates;
+}
+
+// What stands before the path of an item, which begins at the first "/": no name has one.
+static std::string _HeadOf(const std::string &given)
+{
+    return given.substr(0, given.find('/'));
+}
+
 CommandFailure NoSuchGeneration(const Store &store, const std::set<std::string> &present, const std::string &given)
 {
+    const std::string head = _HeadOf(given);
+    const auto owners = head == given ? std::vector<std::string>() : _CandidatesFor(present, head);
+    if (!owners.empty() && (owners.size() == 1 || owners.front() == head))
+        return CommandFailure(kExitUsage, Quoted(given) + " is an item of the generation " + Quoted(owners.front()) +
+                                              ", and only a whole generation can be meant here");
     if (const auto document = RefusalOfDocument(store, given)) return *document;
     const auto nearest = NearestTo(given, {present.begin(), present.end()}, Match::Beginning);
     return CommandFailure(kExitNoSuchGeneration, "there is no generation " + Quoted(given) + " in the store " +
@@ -78,10 +100,7 @@ static std::string _NameFor(const Store &store, const std::string &given)
 {
     const std::set<std::string> names = store.Names();
     if (names.contains(given)) return given;
-    std::vector<std::string> candidates;
-    if (!given.empty())
-        for (auto name = names.lower_bound(given); name != names.end() && name->rfind(given, 0) == 0; ++name)
-            candidates.push_back(*name);
+    const std::vector<std::string> candidates = _CandidatesFor(names, given);
     // A document of that name may be meant, where there is one.
     if (candidates.size() == 1 && access(given.c_str(), F_OK) == 0) {
         if (const auto document = RefusalOfDocument(store, given);
@@ -103,6 +122,40 @@ std::string ResolveGeneration(const Store &store, const std::string &given)
     const std::string name = _NameFor(store, given);
     RefuseLink(store, name);
     return name;
+}
+
+std::string GenerationItem::PathIn(const Store &store) const
+{
+    return store.path() + "/" + name + (isInner() ? "/" + *inner : "");
+}
+
+// The generation of which `given` names an item.
+static std::string _OwnerOf(const Store &store, const std::string &given)
+{
+    const std::string head = _HeadOf(given);
+    const std::set<std::string> names = store.Names();
+    if (!names.contains(head)) {
+        if (const auto document = RefusalOfDocument(store, given)) throw *document;
+        if (_CandidatesFor(names, head).empty()) throw NoSuchGeneration(store, names, given);
+    }
+    return ResolveGeneration(store, head);
+}
+
+GenerationItem ChosenItem(const Store &store, const Arguments &arguments)
+{
+    const std::string &given = arguments.name;
+    GenerationItem item{"", arguments.item};
+    if (item.inner) item.inner = CheckedInnerPath(*item.inner);
+    if (arguments.choice.isMade() || given.find('/') == given.npos) {
+        item.name = ChosenGeneration(store, arguments.choice, given);
+    } else {
+        item.name = _OwnerOf(store, given);
+        if (item.inner) throw CommandFailure(kExitUsage, Quoted(given) + " has a path already, beside that of --path");
+        const std::string path = given.substr(_HeadOf(given).size() + 1);
+        item.inner = path.empty() ? path : CheckedInnerPath(path);
+    }
+    if (item.inner) RequireItem(store.path() + "/" + item.name, item.name, *item.inner);
+    return item;
 }
 
 // The last moment that a choice admits.

@@ -11,8 +11,26 @@ std::string ResolveGeneration(const Store &store, const std::string &given);
 // The same, or, with a choice, the one of the document `given` that was chosen. Throws if there is none.
 std::string ChosenGeneration(const Store &store, const Choice &choice, const std::string &given);
 
+// A generation, or one item of it.
+struct GenerationItem {
+    std::string name;
+    std::optional<std::string> inner; // the item's path below the top; "" is the top, of a folder
+
+    bool isInner() const { return inner && !inner->empty(); }
+    // Its place in a document.
+    std::string In(const std::string &document) const { return isInner() ? document + "/" + *inner : document; }
+    // Where it lies in the store, looked up without the lock.
+    std::string PathIn(const Store &store) const;
+    // How the user would type it.
+    std::string asTyped() const { return isInner() ? name + "/" + *inner : name; }
+};
+
+// The generation or the item that the user means: NAME/path, or with --path a NAME or a choice. Throws if it is not
+// there.
+GenerationItem ChosenItem(const Store &store, const Arguments &arguments);
+
 // Says that `given` names none of the generations that are present, and which name is the nearest; or that it names a
-// document, as below.
+// document, as below, or an item of a generation.
 CommandFailure NoSuchGeneration(const Store &store, const std::set<std::string> &present, const std::string &given);
 
 // Throws if a link has that name. Only another program can have put it into the store. `outcome` ends the message.

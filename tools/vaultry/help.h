@@ -14,6 +14,13 @@ it is now, today, "yesterday 10:15", "2 hours ago", or @ and the seconds since
 
 )";
 
+// Of those that also take one item of it.
+inline constexpr char kItemFooter[] =
+    R"(NAME/chapters/one.txt is one item of a generation that is a folder, and so is
+--path chapters/one.txt with a NAME or a choice.
+
+)";
+
 inline constexpr char kAddFooter[] = R"(
 Each document, a file or a directory with everything in it, becomes a
 generation: a write-protected copy. Its name is printed. Files named "._..."
@@ -53,14 +60,16 @@ listed under problems.
 
 Examples:
   vaultry show before-review
-  vaultry show --latest report.txt)";
+  vaultry show --latest report.txt
+  vaultry show before-review/            what the folder holds)";
 
 inline constexpr char kRestoreFooter[] = R"(
 The document keeps its own permissions and flags. Its present state is kept
 first, as a generation of its own whose name is printed; "vaultry undo" brings
 it back, and --latest, --at and --before pass it over. A generation of another
 document, and a folder over a file or a file over a folder, want --replace.
-Where DOCUMENT is a link, its target is meant. If another program saves the file
+Where DOCUMENT is a link, its target is meant. Of one item, only that is
+replaced, and DOCUMENT is the whole folder, which is kept first. If another program saves the file
 meanwhile, the restore fails and keeps what was saved. If the generation's name
 ends in another extension, the document gets that extension. A document that is
 gone is copied back.
@@ -68,6 +77,7 @@ gone is copied back.
 Examples:
   vaultry restore --latest report.txt
   vaultry restore --at 2026-03-01 report.txt
+  vaultry restore --latest --path chapters/one.txt novel
   vaultry restore before-review report.txt)";
 
 inline constexpr char kUndoFooter[] = R"(
@@ -123,6 +133,7 @@ Ctrl-C ends at once and leaves what has been written.
 
 Examples:
   vaultry copy before-review report-old.txt
+  vaultry copy first-print/chapters/one.txt .
   vaultry copy --before 2026-03-01 report.txt report-of-february.txt
   vaultry copy report-2026-03-01T10-15-30Z.txt /tmp    to /tmp/report.txt)";
 

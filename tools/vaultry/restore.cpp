@@ -8,15 +8,16 @@
 #include "document.h"
 #include "failure.h"
 #include "generation.h"
+#include "inner_item.h"
 #include "restoring.h"
 #include "text.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-static std::string _Generation(const Store &store, const Arguments &arguments)
+static GenerationItem _Item(const Store &store, const Arguments &arguments)
 {
-    if (!arguments.name.empty()) return ChosenGeneration(store, arguments.choice, arguments.name);
+    if (!arguments.name.empty()) return ChosenItem(store, arguments);
     if (const auto known = RefusalOfDocument(store, arguments.document))
         throw CommandFailure(kExitUsage, known->what());
     throw CommandFailure(kExitUsage, "restore wants a NAME and a DOCUMENT, or --latest, --at or --before");
@@ -36,6 +37,30 @@ static bool _IsFolder(const std::string &path)
 {
     struct stat status {};
     return IsThere(path, &status) && S_ISDIR(status.st_mode);
+}
+
+static const char *_KindOf(const struct stat &status)
+{
+    return S_ISDIR(status.st_mode) ? "a folder" : S_ISLNK(status.st_mode) ? "a link" : "a file";
+}
+
+// The present item, none if it is missing. Only a folder has items.
+static std::optional<struct stat> _PresentItem(const GenerationItem &item, const std::string &document)
+{
+    if (!IsDocumentThere(document))
+        throw CommandFailure(kExitFailure, Quoted(document) + " is not there; \"vaultry copy\" brings " +
+                                               Quoted(item.asTyped()) + " out elsewhere");
+    return LookForItem(document, document, *item.inner);
+}
+
+static void _RequireSameKind(const Store &store, const GenerationItem &item, const std::string &document,
+                             const std::optional<struct stat> &present)
+{
+    struct stat kept {};
+    if (!present || !IsThere(item.PathIn(store), &kept) || ((kept.st_mode ^ present->st_mode) & S_IFMT) == 0) return;
+    throw CommandFailure(kExitFailure, Quoted(item.In(document)) + " is " + _KindOf(*present) + ", and " +
+                                           Quoted(item.asTyped()) + " " + _KindOf(kept) +
+                                           ": --replace brings it back here all the same");
 }
 
 static void _RequireVersionOf(const Store &store, const std::string &name, const std::string &document)
@@ -65,11 +90,13 @@ int RunRestore(const Arguments &arguments)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string document = DocumentPath(arguments.document);
-    const std::string name = _Generation(store, arguments);
+    const GenerationItem item = _Item(store, arguments);
     if (!arguments.choice.isMade()) TellOfLink(arguments.document, document); // otherwise it is told already
+    const auto present = item.isInner() ? _PresentItem(item, document) : std::nullopt;
     if (IsDocumentThere(document)) {
-        if (!arguments.replace) _RequireVersionOf(store, name, document);
-        if (arguments.noBackup && isatty(STDIN_FILENO)) _Ask(document);
+        if (!arguments.replace) _RequireVersionOf(store, item.name, document);
+        if (!arguments.replace) _RequireSameKind(store, item, document, present);
+        if (arguments.noBackup && (present || !item.isInner()) && isatty(STDIN_FILENO)) _Ask(item.In(document));
     }
-    return BringBack(store, name, document, arguments);
+    return BringBack(store, item, document, arguments);
 }

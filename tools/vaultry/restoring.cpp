@@ -71,7 +71,7 @@ static Backup _PlanBackup(const Store &store, const Arguments &arguments, const 
     return backup;
 }
 
-static bool _Restore(TQLibrary *library, const std::string &name, const std::string &document, const Backup &backup,
+static bool _Restore(TQLibrary *library, const GenerationItem &item, const std::string &document, const Backup &backup,
                      TQError **error)
 {
     const Owned<TQURL> url(TQURLCreateWithFileSystemPath(document.c_str(), false));
@@ -84,7 +84,8 @@ static bool _Restore(TQLibrary *library, const std::string &name, const std::str
     request.backupBase = backup.base ? base.get() : nullptr;
     request.backupInfo = backup.notes.get();
     request.backupSizeKey = sizeKey.get();
-    return TQLibraryRestoreGenerationWithFlags(library, MakeString(name).get(), url.get(), &request, error);
+    request.item = item.isInner() ? item.inner->c_str() : nullptr;
+    return TQLibraryRestoreGenerationWithFlags(library, MakeString(item.name).get(), url.get(), &request, error);
 }
 
 // The document is safe by then, so it is only said if the notes have no room.
@@ -151,37 +152,37 @@ static CopyWatch::Places _StagedFromNowOn(const Store &store)
     };
 }
 
-static void _Replace(const Store &store, const std::string &name, const std::string &document, const Backup &backup)
+static void _Replace(const Store &store, const GenerationItem &item, const std::string &document, const Backup &backup)
 {
     const Owned<TQLibrary> library = _OpenLibrary(store);
-    const std::string label = Printable(BaseName(document)), source = ProgressBar::AreShown() ? store.PathOf(name) : "";
+    const std::string source = item.PathIn(store), label = Printable(BaseName(item.isInner() ? *item.inner : document));
     Owned<TQError> error;
     bool restored = false;
     {
         std::optional<CopyWatch> watch(std::in_place, source, label, _StagedFromNowOn(store));
         AddProgress progress(label, [&] { watch.reset(); });
         const InterruptGuard interrupts(progress.get(), backup.name ? kStopsAtBackup : kReplacesFirst);
-        restored = _Restore(library.get(), name, document, backup, error.out());
+        restored = _Restore(library.get(), item, document, backup, error.out());
         progress.bar().Clear();
     }
     if (restored) return;
     _NameBackup(store, document, backup);
     if (InterruptGuard::Came() && UnderlyingErrno(error.get()) == ECANCELED)
         throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(document) + " is as it was");
-    const CommandFailure failure =
-        CommandFailure::Library("can't restore " + Quoted(document) + " from " + Quoted(name), error.get());
+    const CommandFailure failure = CommandFailure::Library(
+        "can't restore " + Quoted(item.In(document)) + " from " + Quoted(item.asTyped()), error.get());
     const std::string why = backup.name ? ExplainRefusal(error.get(), store.path(), document, /*keepsLinks=*/true) : "";
     throw CommandFailure(failure.exitCode(), failure.what() + why);
 }
 
 // A document that appears meanwhile is kept under the name of a backup, and replaced. The item at its path is never
 // removed again afterwards.
-static void _CopyBack(const Store &store, const std::string &name, const std::string &document, const Backup &backup)
+static void _CopyBack(const Store &store, const GenerationItem &item, const std::string &document, const Backup &backup)
 try {
     const Owned<TQLibrary> library = _OpenLibrary(store);
     const InterruptGuard interrupts(kCopiesFirst);
-    CopyOut(store, name, document, "can't restore " + Quoted(document) + " from " + Quoted(name),
-            [&](TQError **error) { return _Restore(library.get(), name, document, backup, error); });
+    CopyOut(item.PathIn(store), document, "can't restore " + Quoted(document) + " from " + Quoted(item.name),
+            [&](TQError **error) { return _Restore(library.get(), item, document, backup, error); });
 } catch (const CommandFailure &) {
     _NameBackup(store, document, backup);
     throw;
@@ -197,29 +198,33 @@ bool IsDocumentThere(const std::string &document)
     return false;
 }
 
-int BringBack(const Store &store, const std::string &name, const std::string &document, const Arguments &arguments)
+int BringBack(const Store &store, const GenerationItem &item, const std::string &document, const Arguments &arguments)
 {
+    const std::string &name = item.name;
     const bool isThere = IsDocumentThere(document);
     Backup backup = _PlanBackup(store, arguments, document, name);
     if (!isThere && arguments.backup) Say(Quoted(document) + " is not there, so there is nothing to back up");
 
     if (isThere)
-        _Replace(store, name, document, backup);
+        _Replace(store, item, document, backup);
     else
-        _CopyBack(store, name, document, backup);
+        _CopyBack(store, item, document, backup);
     // The document may have come or gone meanwhile.
     if (backup.name && (!backup.isNew || !_IsKept(store, backup))) backup.name.reset();
     if (backup.name) _NoteBackup(store, backup);
-    const std::string restored = isThere || backup.name ? RestoredPath(document, name) : document;
+    const bool isRenamed = !item.isInner() && (isThere || backup.name);
+    const std::string restored = isRenamed ? RestoredPath(document, name) : item.In(document);
     if (arguments.json) {
         Json object;
-        PutBytes(object, "document", restored);
+        PutBytes(object, "document", item.isInner() ? document : restored);
         PutBytes(object, "generation", name);
+        if (item.isInner()) PutBytes(object, "item", *item.inner);
         if (backup.name) PutBytes(object, "backup", *backup.name);
         PrintLine(object);
         return kExitSuccess;
     }
-    printf("%s is restored from %s\n", Quoted(restored).c_str(), Quoted(name).c_str());
-    if (backup.name) printf("what it was is kept as %s\n", Quoted(*backup.name).c_str());
+    printf("%s is restored from %s\n", Quoted(restored).c_str(), Quoted(item.asTyped()).c_str());
+    const std::string what = item.isInner() ? Quoted(document) : "it";
+    if (backup.name) printf("what %s was is kept as %s\n", what.c_str(), Quoted(*backup.name).c_str());
     return kExitSuccess;
 }

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "arguments.h"
-#include "store.h"
+#include "generation.h"
 
 #include <string>
 
@@ -11,5 +11,6 @@
 // at would be replaced without a backup if it counted as absent.
 bool IsDocumentThere(const std::string &document);
 
-// Returns the exit code, and says what was done. `document` is an absolute path, free of links.
-int BringBack(const Store &store, const std::string &name, const std::string &document, const Arguments &arguments);
+// Brings back a generation; or one item of it in the document, which then is a folder. Returns the exit code, and says
+// what was done. `document` is an absolute path, free of links.
+int BringBack(const Store &store, const GenerationItem &item, const std::string &document, const Arguments &arguments);

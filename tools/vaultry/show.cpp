@@ -4,6 +4,7 @@
 #include "failure.h"
 #include "generation.h"
 #include "json.h"
+#include "show_item.h"
 #include "text.h"
 #include "times.h"
 #include "typed_time.h"
@@ -32,7 +33,7 @@ static std::string _Octal(uint32_t mode)
 }
 
 // Permissions are those that the document had, not those that protect it in the store.
-static void _DescribeItem(const std::string &path, Json &object, Problems &problems)
+void DescribeStored(const std::string &path, Json &object, Problems &problems)
 {
     struct stat item {};
     if (!IsThere(path, &item)) throw CommandFailure::Errno("can't look at " + Quoted(path), ENOENT);
@@ -59,7 +60,7 @@ static Json _Describe(const Store &store, const std::string &name, Problems &pro
     const GenerationInfo info = ToGenerationInfo(dictionary.get());
     if (info.document) PutBytes(object, "document", *info.document);
     if (info.time) object["kept"] = IsoTime(*info.time);
-    problems.Note([&] { _DescribeItem(store.PathOf(name), object, problems); });
+    problems.Note([&] { DescribeStored(store.PathOf(name), object, problems); });
     problems.Note([&] {
         if (const std::string shown = store.DisplayNameOf(name); !shown.empty())
             PutBytes(object, "display_name", shown);
@@ -71,8 +72,7 @@ static Json _Describe(const Store &store, const std::string &name, Problems &pro
     return object;
 }
 
-// One line for each entry; the entries of the info dictionary follow it as JSON.
-static void _PrintForPeople(const Json &object)
+void PrintDescription(const Json &object)
 {
     for (const auto &[key, value] : object.items()) {
         std::string text = value.is_string() ? Printable(value.get<std::string>())
@@ -90,14 +90,16 @@ static void _PrintForPeople(const Json &object)
 int RunShow(const Arguments &arguments)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
-    const std::string name = ChosenGeneration(store, arguments.choice, arguments.name);
+    const GenerationItem item = ChosenItem(store, arguments);
+    if (item.inner) return ShowItem(store, item, arguments.json);
+    const std::string &name = item.name;
     Problems problems;
     const Json object = _Describe(store, name, problems);
     if (!problems.none() && store.Lacks(name)) throw problems.first();
     if (arguments.json)
         PrintLine(object);
     else
-        _PrintForPeople(object);
+        PrintDescription(object);
     problems.SayAll();
     return problems.exitCode();
 }

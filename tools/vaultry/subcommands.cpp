@@ -49,6 +49,13 @@ static void _AddChoice(CLI::App *command, Arguments &arguments)
     command->footer(kChoiceFooter + command->get_footer());
 }
 
+// One item of a folder, which is otherwise typed behind the NAME.
+static void _AddItem(CLI::App *command, Arguments &arguments)
+{
+    command->add_option("--path", arguments.item, "Only this item of a folder")->option_text("PATH");
+    command->footer(kItemFooter + command->get_footer());
+}
+
 static void _AddName(CLI::App *command, Arguments &arguments)
 {
     command->add_option("NAME", arguments.name, "The generation")->required()->option_text(" ");
@@ -127,6 +134,7 @@ static void _DefineRestore(CLI::App &app, Arguments &arguments)
         ->option_text(" ")
         ->excludes(backup);
     restore->add_flag("--replace", arguments.replace, "Also over another document, or a folder over a file");
+    _AddItem(restore, arguments);
     _AddChoice(restore, arguments);
     _AddJson(restore, arguments);
 }
@@ -188,6 +196,7 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
 
     CLI::App *show = _AddCommand(app, arguments, Command::Show, "show", "Show all of one generation", kShowFooter);
     _AddName(show, arguments);
+    _AddItem(show, arguments);
     _AddChoice(show, arguments);
     _AddJson(show, arguments);
 
@@ -195,6 +204,7 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
         _AddCommand(app, arguments, Command::Copy, "copy", "Bring a generation back as a document", kCopyFooter);
     _AddName(copy, arguments);
     copy->add_option("DESTINATION", arguments.destination, "Where to")->required()->option_text(" ");
+    _AddItem(copy, arguments);
     _AddChoice(copy, arguments);
     _AddJson(copy, arguments);
 

@@ -18,5 +18,5 @@ int RunUndo(const Arguments &arguments)
     if (!backup)
         throw CommandFailure(kExitNoSuchGeneration, "the store " + Quoted(store.path()) + " holds nothing that a " +
                                                         "restore of " + Quoted(document) + " put aside");
-    return BringBack(store, *backup, document, arguments);
+    return BringBack(store, {*backup, {}}, document, arguments);
 }
