@@ -128,8 +128,8 @@ typedef struct TQRestoreRequest {
     /// May be null; else the path of one item, both below the top of the generation and below that of the document, as
     /// in TQClientManagedStorageCopyGenerationItem. Both are folders then. Only that item is replaced, and the backup
     /// is still one of the whole document. The item keeps its name, and has the rights and flags with which it was
-    /// kept. If it is missing in the document, it is copied there, with the folders on the way to it that are missing too. No
-    /// link on the way is followed, and a link in its place is replaced.
+    /// kept. If it is missing in the document, it is copied there, with the folders on the way to it that are missing
+    /// too. No link on the way is followed, and a link in its place is replaced.
     const char *item;
 } TQRestoreRequest;
 

@@ -16,6 +16,7 @@ enum class Command {
     Copy,
     Restore,
     Undo,
+    Moved,
     Diff,
     Set,
     Remove,
@@ -42,7 +43,7 @@ struct Arguments {
     bool json = false;          // print for a program
 
     std::vector<std::string> documents; // add, prune
-    std::string document;               // list: empty for all; restore, undo
+    std::string document;               // list: empty for all; restore, undo; moved: the old path
     Choice choice;                      // copy, show, restore, diff, set, remove, pin
     std::vector<std::string> names;     // remove, pin; with a choice, documents
     std::string name;                   // copy, show, restore, diff, set; with a choice, a document
@@ -55,6 +56,7 @@ struct Arguments {
     bool yes = false;                   // destroy
     bool pinnedToo = false;             // remove
     bool replace = false;               // restore
+    bool anyway = false;                // moved
 
     bool longList = false;                     // list
     std::optional<size_t> limit;               // list
@@ -73,7 +75,7 @@ struct Arguments {
     bool foreign = false;                  // prune
     bool isDryRun = false;                 // prune
 
-    std::string other; // diff: a document or a generation
+    std::string other; // diff: a document or a generation; moved: the new path
 
     std::vector<std::string> assignments;   // set
     std::vector<std::string> unset;         // set

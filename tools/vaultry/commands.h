@@ -11,6 +11,7 @@ int RunShow(const Arguments &arguments);
 int RunCopy(const Arguments &arguments);
 int RunRestore(const Arguments &arguments);
 int RunUndo(const Arguments &arguments);
+int RunMoved(const Arguments &arguments);
 int RunDiff(const Arguments &arguments);
 int RunSet(const Arguments &arguments);
 int RunRemove(const Arguments &arguments);

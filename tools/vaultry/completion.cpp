@@ -20,6 +20,8 @@ static Values _ValuesOf(const std::string &name)
         {"STORE", Values::Directories},
         {"DOCUMENT", Values::Files},
         {"DESTINATION", Values::Files},
+        {"OLD", Values::Files},
+        {"NEW", Values::Files},
         {"NAME", Values::Generations},
         {"[NAME] DOCUMENT", Values::GenerationsAndFiles},
         {"OTHER", Values::GenerationsAndFiles},

@@ -4,7 +4,6 @@
 
 #include "document.h"
 #include "failure.h"
-#include "history.h"
 #include "inner_item.h"
 #include "naming.h"
 #include "nearest.h"
@@ -165,8 +164,7 @@ static std::optional<double> _LimitOf(const Choice &choice)
     return choice.at ? LastMomentOf("--at", *choice.at) : LastMomentBefore("--before", *choice.before);
 }
 
-// Another document of the same folder, whose name is the nearest.
-static std::optional<std::string> _NearestDocument(const std::vector<Kept> &history, const std::string &document)
+std::optional<std::string> NearestDocument(const std::vector<Kept> &history, const std::string &document)
 {
     const std::string name = BaseName(document), folder = document.substr(0, document.size() - name.size());
     std::set<std::string> others;
@@ -194,7 +192,7 @@ static CommandFailure _NothingOf(const Store &store, const std::vector<Kept> &hi
         return {kExitNoSuchGeneration, what + " with a time: \"vaultry list\" names those without"};
     if (!oldest && _NewestOf(history, document, std::nullopt, Wanted::Backups))
         return {kExitNoSuchGeneration, what + ", only what a restore put aside: \"vaultry undo\" brings that back"};
-    if (!oldest) return {kExitNoSuchGeneration, what + DidYouMean(_NearestDocument(history, document))};
+    if (!oldest) return {kExitNoSuchGeneration, what + DidYouMean(NearestDocument(history, document))};
     return {kExitNoSuchGeneration, what + " that was kept " + (choice.before ? "before that" : "by then") +
                                        ": the first is of " + HumanTime(*oldest->info.time)};
 }

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "arguments.h"
-#include "store.h"
+#include "history.h"
 
 // The generation that `given` names: exactly, or by a beginning that no other has. Throws if there is none, or several.
 std::string ResolveGeneration(const Store &store, const std::string &given);
@@ -38,6 +38,9 @@ void RefuseLink(const Store &store, const std::string &name, const std::string &
 
 // Says that `given` names a document, how many generations it has, and what to type instead. None if it has none.
 std::optional<CommandFailure> RefusalOfDocument(const Store &store, const std::string &given);
+
+// The name of another document of the same folder, which is the nearest. None if no name is near.
+std::optional<std::string> NearestDocument(const std::vector<Kept> &history, const std::string &document);
 
 // What the last restore of a document put aside. None if there is none.
 std::optional<std::string> NewestBackupOf(const Store &store, const std::string &document);

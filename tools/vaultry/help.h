@@ -87,6 +87,15 @@ What it is now is put aside in turn: undo once more, and it is back.
 Example:
   vaultry undo report.txt)";
 
+inline constexpr char kMovedFooter[] = R"(
+All that is kept of OLD counts as kept of NEW from then on, so that list, undo
+and --latest find it there. The store alone is changed: move the document first.
+If OLD is still there, or NEW is not, or has generations of its own, --anyway is
+wanted. Two histories that are joined can't be told apart again.
+
+Example:
+  mv draft.txt report.txt; vaultry moved draft.txt report.txt)";
+
 inline constexpr char kDiffFooter[] = R"(
 Compares with the document that the generation was made from, or with another
 document or generation. Exit status 0 if nothing differs, 1 if something does,

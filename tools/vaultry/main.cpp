@@ -45,6 +45,8 @@ static int _Run(const Arguments &arguments)
         return RunRestore(arguments);
     case Command::Undo:
         return RunUndo(arguments);
+    case Command::Moved:
+        return RunMoved(arguments);
     case Command::Diff:
         return RunDiff(arguments);
     case Command::Set:

@@ -3,6 +3,7 @@
 #include "restoring.h"
 
 #include "add_progress.h"
+#include "carrying_over.h"
 #include "copy_watch.h"
 #include "copying_out.h"
 #include "document.h"
@@ -188,6 +189,23 @@ try {
     throw;
 }
 
+// The document has another extension by now, and its history follows it; returns how many generations that are. If
+// there is another history at that path, only the backup goes there, so that the restore can still be undone.
+static size_t _CarryOver(const Store &store, const std::string &document, const std::string &restored,
+                         const Backup &backup, Problems &problems)
+{
+    const std::vector<Kept> history = ReadHistory(store, problems);
+    std::vector<std::string> names = NamesOf(history, document);
+    if (!NamesOf(history, restored).empty()) {
+        Say(Quoted(restored) + " has a history of its own, so that of " + Quoted(document) +
+            " stays apart: \"vaultry moved --anyway\" joins them");
+        std::erase_if(names, [&](const std::string &name) { return name != backup.name; });
+        (void)CarryOver(store, names, restored, problems);
+        return 0;
+    }
+    return CarryOver(store, names, restored, problems);
+}
+
 bool IsDocumentThere(const std::string &document)
 {
     struct stat status {};
@@ -212,19 +230,26 @@ int BringBack(const Store &store, const GenerationItem &item, const std::string 
     // The document may have come or gone meanwhile.
     if (backup.name && (!backup.isNew || !_IsKept(store, backup))) backup.name.reset();
     if (backup.name) _NoteBackup(store, backup);
-    const bool isRenamed = !item.isInner() && (isThere || backup.name);
-    const std::string restored = isRenamed ? RestoredPath(document, name) : item.In(document);
+    const bool mayBeRenamed = !item.isInner() && (isThere || backup.name);
+    const std::string restored = mayBeRenamed ? RestoredPath(document, name) : item.In(document);
+    Problems problems;
+    const size_t carried =
+        mayBeRenamed && restored != document ? _CarryOver(store, document, restored, backup, problems) : 0;
     if (arguments.json) {
         Json object;
         PutBytes(object, "document", item.isInner() ? document : restored);
         PutBytes(object, "generation", name);
         if (item.isInner()) PutBytes(object, "item", *item.inner);
         if (backup.name) PutBytes(object, "backup", *backup.name);
+        if (carried > 0) object["carried_over"] = carried;
         PrintLine(object);
-        return kExitSuccess;
+        problems.SayAll();
+        return problems.exitCode();
     }
     printf("%s is restored from %s\n", Quoted(restored).c_str(), Quoted(item.asTyped()).c_str());
     const std::string what = item.isInner() ? Quoted(document) : "it";
     if (backup.name) printf("what %s was is kept as %s\n", what.c_str(), Quoted(*backup.name).c_str());
-    return kExitSuccess;
+    if (carried > 0) printf("its history, %zu in all, is that of %s now\n", carried, Quoted(restored).c_str());
+    problems.SayAll();
+    return problems.exitCode();
 }

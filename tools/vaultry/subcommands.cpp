@@ -139,6 +139,16 @@ static void _DefineRestore(CLI::App &app, Arguments &arguments)
     _AddJson(restore, arguments);
 }
 
+static void _DefineMoved(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *moved =
+        _AddCommand(app, arguments, Command::Moved, "moved", "Tell that a document has another path now", kMovedFooter);
+    moved->add_option("OLD", arguments.document, "The path that it had")->required()->option_text(" ");
+    moved->add_option("NEW", arguments.other, "The path that it has")->required()->option_text(" ");
+    moved->add_flag("--anyway", arguments.anyway, "Also from or to a path where it does not look so");
+    _AddJson(moved, arguments);
+}
+
 static void _DefineCompletion(CLI::App &app, Arguments &arguments)
 {
     CLI::App *completion = _AddCommand(app, arguments, Command::Completion, "completion",
@@ -213,6 +223,8 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
     CLI::App *undo = _AddCommand(app, arguments, Command::Undo, "undo", "Undo the last restore", kUndoFooter);
     undo->add_option("DOCUMENT", arguments.document, "The document that was restored")->required()->option_text(" ");
     _AddJson(undo, arguments);
+
+    _DefineMoved(app, arguments);
 
     CLI::App *diff = _AddCommand(app, arguments, Command::Diff, "diff", "Show what has changed since", kDiffFooter);
     _AddName(diff, arguments);
