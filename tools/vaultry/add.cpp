@@ -4,6 +4,7 @@
 // it whole, and a generation that is complete but lacks something beside it stays, with a word about it.
 
 #include "add_progress.h"
+#include "assignment.h"
 #include "commands.h"
 #include "document.h"
 #include "failure.h"
@@ -18,6 +19,7 @@
 #include "waiting.h"
 
 #include <vaultry/filesystem.h>
+#include <vaultry/number.h>
 #include <vaultry/status.h>
 
 #include <algorithm>
@@ -63,22 +65,42 @@ private:
     const bool isKnown_;
 };
 
+// The command's own keys say what only it knows.
+static std::vector<Assignment> _ParseTags(const Arguments &arguments)
+{
+    std::vector<Assignment> tags;
+    for (const std::string &tag : arguments.tags) {
+        tags.push_back(ParseAssignment(tag));
+        if (tags.back().key.rfind("vaultry.", 0) == 0)
+            throw CommandFailure(kExitUsage, "--tag " + Quoted(tag) + ": keys that begin with \"vaultry.\" are taken");
+    }
+    return tags;
+}
+
 class Addition {
 public:
     Addition(const Store &store, const Document &document, const Arguments &arguments, ProgressBar &bar)
         : store_(store), path_(document.path), givenName_(arguments.newName), isMove_(arguments.move),
-          keepsLinks_(!arguments.noLinks), bar_(bar), notes_(MakeNotes(path_, now_))
+          keepsLinks_(!arguments.noLinks), bar_(bar), notes_(MakeNotes(path_, now_)),
+          hasMoreNotes_(arguments.pin || !arguments.tags.empty())
     {
+        for (const Assignment &tag : _ParseTags(arguments))
+            (void)TQDictionarySetValue(notes_.get(), MakeString(tag.key).get(), tag.value.get());
+        if (arguments.pin) (void)TQDictionarySetValue(notes_.get(), MakeString(kPinnedKey).get(), TQBooleanGet(true));
         (void)lstat(path_.c_str(), &before_); // adding says what is wrong
         if (S_ISDIR(before_.st_mode) && !arguments.noShare) base_ = BaseFor(store, path_);
     }
 
-    // Throws if nothing was kept. Else returns an exit code: not success if something beside the generation is missing.
-    int Run();
+    // Throws if nothing was kept. Else returns an exit code: not success if something beside the generation is missing,
+    // or the document was changed meanwhile. If that `mayRetry`, nothing is kept then.
+    int Run(bool mayRetry);
     const std::string &name() const { return name_; }
 
 private:
-    void CountWhatIsLeftOut() const;
+    void LookBefore();
+    void CountWhatIsLeftOut(uint64_t count) const;
+    bool WasChanged() const;
+    void EndWhereChanged(bool mayRetry);
     void AddUnderFreeName();
     bool AddOnce(bool copy);
     bool AddByWhateverWay();
@@ -98,7 +120,9 @@ private:
     struct stat before_ {};           // the document's top item
     ProgressBar &bar_;
     const double now_ = PresentTime();
-    const Owned<TQDictionary> notes_; // of document and time
+    const Owned<TQDictionary> notes_; // of document and time, and what else the user wants
+    const bool hasMoreNotes_;
+    std::optional<Fingerprint> beforeReading_; // none if it could not be read, or is not
 
     std::string name_;
     Owned<TQError> error_;      // of the last try
@@ -107,14 +131,15 @@ private:
     int exitCode_ = kExitSuccess;
 };
 
-int Addition::Run()
+int Addition::Run(bool mayRetry)
 {
-    CountWhatIsLeftOut();
+    LookBefore();
     AddUnderFreeName();
     bar_.Clear();
     EndWhereInterrupted();
     const bool isComplete = store_.HasNotes(name_, notes_.get()) || WriteInfo();
     if (isMove_ && copied_ && isComplete) RemoveSource();
+    if (!isMove_ && WasChanged()) EndWhereChanged(mayRetry);
     return exitCode_;
 }
 
@@ -124,11 +149,40 @@ void Addition::Complain(int exitCode, const std::string &message)
     if (exitCode_ == kExitSuccess) exitCode_ = exitCode;
 }
 
-void Addition::CountWhatIsLeftOut() const
+// What can't be read stops the add itself.
+void Addition::LookBefore()
 {
     if (IsSidecar(path_))
         throw CommandFailure(kExitFailure, "can't add " + Quoted(path_) + ": files named \"._...\" are never kept");
-    const uint64_t count = CountSidecars(path_);
+    if (isMove_) return CountWhatIsLeftOut(CountSidecars(path_));
+    try {
+        beforeReading_ = FingerprintOf(path_);
+        CountWhatIsLeftOut(beforeReading_->sidecars);
+    } catch (const CommandFailure &) {
+    }
+}
+
+bool Addition::WasChanged() const
+{
+    try {
+        return beforeReading_ && FingerprintOf(path_) != *beforeReading_;
+    } catch (const CommandFailure &) { // a part of it has gone meanwhile
+        return true;
+    }
+}
+
+void Addition::EndWhereChanged(bool mayRetry)
+{
+    const std::string what = Quoted(path_) + " changed while it was read: ";
+    if (!mayRetry)
+        return Complain(kExitChanged, what + Quoted(name_) + " may hold parts of its old state and of its new one");
+    store_.Remove({name_}, /*pinnedToo=*/true);
+    Say(what + "it is read once more");
+    exitCode_ = kExitChanged;
+}
+
+void Addition::CountWhatIsLeftOut(uint64_t count) const
+{
     if (count == 0) return;
     const std::string what = Quoted(path_) + ": " + std::to_string(count) +
                              (count == 1 ? " file named \"._...\" is" : " files named \"._...\" are");
@@ -223,10 +277,11 @@ bool Addition::WriteInfo()
 {
     Owned<TQError> error;
     if (store_.SetInfoOf(name_, notes_.get(), error.out())) return true;
-    const CommandFailure failure = CommandFailure::Library(
-        Quoted(path_) + " is kept whole as " + Quoted(name_) +
-            ", but its document and time could not be noted: list may not show it with its document",
-        error.get());
+    const CommandFailure failure =
+        CommandFailure::Library(Quoted(path_) + " is kept whole as " + Quoted(name_) + ", but its document" +
+                                    (hasMoreNotes_ ? ", time, tags and pin" : " and time") +
+                                    " could not be noted: list may not show it with its document",
+                                error.get());
     Complain(failure.exitCode(), failure.what() + (IsAttributeSpace(UnderlyingErrno(error.get()), store_.path())
                                                        ? std::string("\n  ") + kAttributeSpaceIsFull
                                                        : ""));
@@ -289,8 +344,13 @@ static int _AddDocument(const Store &store, const std::string &given, const Argu
 
     AddProgress progress(Printable(BaseName(document.path)));
     const InterruptGuard interrupts(progress.get());
-    Addition addition(store, document, arguments, progress.bar());
-    const int exitCode = addition.Run();
+    std::optional<Addition> tried(std::in_place, store, document, arguments, progress.bar());
+    int exitCode = tried->Run(/*mayRetry=*/arguments.retry);
+    if (exitCode == kExitChanged && arguments.retry) {
+        tried.emplace(store, document, arguments, progress.bar());
+        exitCode = tried->Run(/*mayRetry=*/false);
+    }
+    const Addition &addition = *tried;
     if (const std::string restored = RestoredPath(document.path, addition.name()); restored != document.path)
         Say("a restore from " + Quoted(addition.name()) + " will turn " + Quoted(document.path) + " into " +
             Quoted(BaseName(restored)) + ", since it gives a document the extension of the generation");
@@ -311,6 +371,7 @@ static int _AddDocument(const Store &store, const std::string &given, const Argu
 int RunAdd(const Arguments &arguments)
 {
     if (arguments.newName) CheckGenerationName("--name", *arguments.newName);
+    (void)_ParseTags(arguments); // before anything is made
     const std::string place = LocateStore(arguments.store);
     // Where a named store is missing, its volume may not be mounted, and another store must not hide there.
     const Store store = IsStoreNamed(arguments.store) ? Store::RequireMade(place) : Store::OpenOrMake(place);

@@ -24,8 +24,9 @@ Exit status:
   0  done                     4  something of that name exists
   1  failed                   5  permission denied, or a read-only file system
   2  wrong usage              6  no space
-  3  no generation or store   8  another program has the store, and --wait is over
-                            130  stopped by Ctrl-C
+  3  no generation or store   7  kept, but changed while it was read
+  8  another program has the store, and --wait is over
+130  stopped by Ctrl-C
 
 Examples:
   vaultry add report.txt                 keep report.txt as it is now

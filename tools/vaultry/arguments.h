@@ -53,6 +53,9 @@ struct Arguments {
     bool move = false;                  // add
     bool noLinks = false;               // add
     bool noShare = false;               // add
+    bool retry = false;                 // add
+    bool pin = false;                   // add
+    std::vector<std::string> tags;      // add
     bool yes = false;                   // destroy
     bool pinnedToo = false;             // remove
     bool replace = false;               // restore

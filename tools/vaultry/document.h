@@ -45,6 +45,7 @@ struct Fingerprint {
     dev_t device = 0; // of the top item
     ino_t inode = 0;
     uint64_t items = 0;
+    uint64_t sidecars = 0; // of them: files that are named "._..."
     uint64_t sum = 0;
     time_t wholeSecond = 0; // of the last change, where the volume keeps no fractions
     friend bool operator==(const Fingerprint &, const Fingerprint &) = default;

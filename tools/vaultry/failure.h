@@ -19,6 +19,7 @@ enum ExitCode {
     kExitExists = 4,
     kExitPermission = 5,
     kExitNoSpace = 6,
+    kExitChanged = 7, // a document, while it was read
     kExitInUse = 8,
     kExitSignal = 128, // plus the signal's number: 130 for Ctrl-C
 };

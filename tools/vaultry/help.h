@@ -28,11 +28,14 @@ are left out; FIFOs, sockets and devices can't be kept. Symbolic links are kept
 as links; a document that is itself a link is resolved first. A file of a
 directory that is the same in the document's newest generation shares its room
 with that, as a hard link, after a comparison of every byte, unless it can be
-cloned or the document is moved. Ctrl-C leaves nothing behind.
+cloned or the document is moved. Ctrl-C leaves nothing behind. A document that
+another program changes meanwhile is kept, perhaps with parts of both states,
+and that is said; --retry reads it once more. --tag is as in "vaultry set".
 
 Examples:
   vaultry add report.txt Photos/         as report-2026-03-01T10-15-30Z.txt, ...
   vaultry add --name before-review report.txt
+  vaultry add --pin --tag reader=Ada report.txt
   vaultry add --move old-draft.txt       into the store, and away from here)";
 
 inline constexpr char kListFooter[] = R"(

@@ -1,45 +1,19 @@
 // vaultry set: changes the metadata of a generation, never its content.
 
+#include "assignment.h"
 #include "commands.h"
 #include "failure.h"
 #include "generation.h"
 #include "info_value.h"
-#include "json.h"
 #include "text.h"
 
 #include <cerrno>
 #include <functional>
 
-struct Change {
-    std::string key;
-    Owned<TQValue> value; // null removes the key
-};
-
-// "key=text", or "key:=json" for any other value.
-static Change _ParseAssignment(const std::string &assignment)
+static std::vector<Assignment> _ParseChanges(const Arguments &arguments)
 {
-    const size_t equals = assignment.find('=');
-    const bool typed = equals != std::string::npos && equals > 0 && assignment[equals - 1] == ':';
-    const size_t end = typed ? equals - 1 : equals;
-    if (equals == std::string::npos || end == 0)
-        throw CommandFailure(kExitUsage, Quoted(assignment) + " is neither key=text nor key:=json");
-
-    const std::string text = assignment.substr(equals + 1);
-    Change change{assignment.substr(0, end), {}};
-    if (typed) {
-        change.value = ParseValue(text);
-    } else {
-        change.value = Owned<TQValue>(TQStringCreateWithBytes(text.data(), text.size()));
-    }
-    if (!change.value || !MakeString(change.key))
-        throw CommandFailure(kExitUsage, Quoted(assignment) + ": keys and texts have to be UTF-8");
-    return change;
-}
-
-static std::vector<Change> _ParseChanges(const Arguments &arguments)
-{
-    std::vector<Change> changes;
-    for (const std::string &assignment : arguments.assignments) changes.push_back(_ParseAssignment(assignment));
+    std::vector<Assignment> changes;
+    for (const std::string &assignment : arguments.assignments) changes.push_back(ParseAssignment(assignment));
     for (const std::string &key : arguments.unset) changes.push_back({key, {}});
     return changes;
 }
@@ -90,7 +64,7 @@ static void _Take(const std::vector<Step> &steps)
 
 int RunSet(const Arguments &arguments)
 {
-    const std::vector<Change> changes = _ParseChanges(arguments);
+    const std::vector<Assignment> changes = _ParseChanges(arguments);
     const uint64_t options = arguments.options ? _ParseOptions(*arguments.options) : 0;
     const Owned<TQString> displayName = MakeString(arguments.displayName.value_or(""));
     if (!displayName)
@@ -102,7 +76,7 @@ int RunSet(const Arguments &arguments)
     const std::string name = ChosenGeneration(store, arguments.choice, arguments.name);
     std::vector<Step> steps;
     steps.reserve(changes.size());
-    for (const Change &change : changes)
+    for (const Assignment &change : changes)
         steps.push_back({Quoted(change.key), [&] {
                              return change.value ? SetInfoValue(store, name, change.key, change.value.get())
                                                  : RemoveInfoValue(store, name, change.key);

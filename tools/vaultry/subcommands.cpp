@@ -68,6 +68,12 @@ static void _DefineAdd(CLI::App &app, Arguments &arguments)
     add->add_flag("--move", arguments.move, "Move the document into the store instead of copying it");
     CLI::Option *name = add->add_option("--name", arguments.newName, "What to call the generation (one DOCUMENT only)");
     name->option_text("NAME");
+    add->add_option("--tag", arguments.tags, "What to note of it; may be given several times")
+        ->option_text("KEY=VALUE")
+        ->expected(1)
+        ->take_all();
+    add->add_flag("--pin", arguments.pin, "Keep the generation from being pruned");
+    add->add_flag("--retry", arguments.retry, "Read a document once more that changed while it was read");
     add->add_flag("--no-links", arguments.noLinks, "Refuse a document that holds a symbolic link");
     add->add_flag("--no-share", arguments.noShare, "Copy the files that have not changed, too");
     _AddJson(add, arguments);
