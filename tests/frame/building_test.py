@@ -18,7 +18,7 @@ os.environ.pop("CMAKE_GENERATOR", None)
 JOBS = str(os.cpu_count())
 # A few large units take a third of the time.
 QUICKLY = ("-DCMAKE_UNITY_BUILD=ON", "-DCMAKE_UNITY_BUILD_BATCH_SIZE=6", "-DVAULTRY_TESTS=OFF")
-MISSING = [f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=ON" for name in ("CLI11", "nlohmann_json", "GTest")]
+MISSING = [f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=ON" for name in ("CLI11", "nlohmann_json", "xxHash", "GTest")]
 MULTIARCH = subprocess.run([compiler, "-print-multiarch"], capture_output=True, text=True, check=False).stdout.strip()
 
 # The build that this test belongs to builds the real command.

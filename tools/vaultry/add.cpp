@@ -12,6 +12,7 @@
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
+#include "sealing.h"
 #include "space.h"
 #include "store.h"
 #include "text.h"
@@ -351,6 +352,8 @@ static int _AddDocument(const Store &store, const std::string &given, const Argu
         exitCode = tried->Run(/*mayRetry=*/false);
     }
     const Addition &addition = *tried;
+    const int sealing = arguments.seal ? SealKept(store, addition.name(), progress.bar()) : kExitSuccess;
+    if (exitCode == kExitSuccess) exitCode = sealing;
     if (const std::string restored = RestoredPath(document.path, addition.name()); restored != document.path)
         Say("a restore from " + Quoted(addition.name()) + " will turn " + Quoted(document.path) + " into " +
             Quoted(BaseName(restored)) + ", since it gives a document the extension of the generation");
@@ -358,6 +361,7 @@ static int _AddDocument(const Store &store, const std::string &given, const Argu
         Json object;
         PutBytes(object, "generation", addition.name());
         PutBytes(object, "document", document.path);
+        if (arguments.seal) object["sealed"] = sealing == kExitSuccess;
         PrintLine(object);
         fflush(stdout);
         return exitCode;

@@ -23,6 +23,7 @@ enum class Command {
     Pin,
     Unpin,
     Prune,
+    Seal,
     Check,
     Destroy,
     Completion
@@ -44,8 +45,8 @@ struct Arguments {
 
     std::vector<std::string> documents; // add, prune
     std::string document;               // list: empty for all; restore, undo; moved: the old path
-    Choice choice;                      // copy, show, restore, diff, set, remove, pin
-    std::vector<std::string> names;     // remove, pin; with a choice, documents
+    Choice choice;                      // copy, show, restore, diff, set, remove, pin, seal
+    std::vector<std::string> names;     // remove, pin, seal; with a choice, documents
     std::string name;                   // copy, show, restore, diff, set; with a choice, a document
     std::optional<std::string> item;    // copy, show, restore: only this one, by its path below the top
     std::string destination;            // copy
@@ -56,8 +57,10 @@ struct Arguments {
     bool retry = false;                 // add
     bool pin = false;                   // add
     std::vector<std::string> tags;      // add
+    bool seal = false;                  // add
     bool yes = false;                   // destroy
     bool pinnedToo = false;             // remove
+    bool all = false;                   // seal
     bool replace = false;               // restore
     bool anyway = false;                // moved
 
@@ -87,6 +90,7 @@ struct Arguments {
 
     std::optional<std::string> checked; // check: the store
     bool repair = false;                // check
+    bool readAll = false;               // check
 
     std::string shell; // completion
 };

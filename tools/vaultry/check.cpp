@@ -5,6 +5,7 @@
 #include "failure.h"
 #include "json.h"
 #include "location.h"
+#include "rot.h"
 #include "text.h"
 
 #include <vaultry/number.h>
@@ -33,6 +34,50 @@ static void _Print(const TQDictionary *finding, bool json)
     PrintLine(object);
 }
 
+static void _PrintRot(const Rot &rot, bool json)
+{
+    if (!json) {
+        printf("%s: %s\n", Printable(rot.path).c_str(), rot.meaning.c_str());
+    } else {
+        Json object;
+        PutBytes(object, "path", rot.path);
+        PutBytes(object, "generation", rot.generation);
+        object["kind"] = rot.kind;
+        object["meaning"] = rot.meaning;
+        object["mended"] = false;
+        PrintLine(object);
+    }
+    fflush(stdout); // the next may be hours away
+}
+
+// How much of a store is sealed. One in which nothing is has no line unless it was to be read.
+static void _PrintCount(const SealCount &count, const Arguments &arguments)
+{
+    const size_t rest = count.all - count.sealed;
+    if (arguments.json && (arguments.readAll || count.sealed > 0)) {
+        Json object = {{"generations", count.all}, {"unsealed", rest}};
+        if (arguments.readAll) object["read"] = count.read;
+        return PrintLine(object);
+    }
+    if (arguments.readAll)
+        printf("generations read: %zu, not sealed: %zu\n", count.read, rest);
+    else if (count.sealed > 0 && rest > 0)
+        printf("generations: %zu, not sealed: %zu\n", count.all, rest);
+}
+
+static SealCount _LookAtSeals(const std::string &path, const Arguments &arguments, bool &isWell, Problems &problems)
+{
+    // What keeps a place from being a store is among the findings.
+    if (LookAtPlace(path) != PlaceKind::Store) return {};
+    const Store store = Store::Require(path);
+    if (!arguments.readAll) return CountSealed(store);
+    const auto show = [&](const Rot &rot) {
+        isWell = false;
+        _PrintRot(rot, arguments.json);
+    };
+    return ReadSealed(store, show, problems);
+}
+
 int RunCheck(const Arguments &arguments)
 {
     const std::string path = LocateStore(arguments.checked ? arguments.checked : arguments.store);
@@ -53,6 +98,11 @@ int RunCheck(const Arguments &arguments)
     const size_t count = TQArrayGetCount(findings.get());
     for (size_t i = 0; i < count; ++i)
         _Print(static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(findings.get(), i)), arguments.json);
-    if (count == 0 && !arguments.json) printf("the store %s is well\n", Quoted(path).c_str());
-    return count == 0 ? kExitSuccess : kExitFailure;
+    bool isWell = count == 0;
+    Problems problems;
+    const SealCount seals = _LookAtSeals(path, arguments, isWell, problems);
+    if (isWell && problems.none() && !arguments.json) printf("the store %s is well\n", Quoted(path).c_str());
+    _PrintCount(seals, arguments);
+    problems.SayAll();
+    return isWell ? problems.exitCode() : kExitFailure;
 }

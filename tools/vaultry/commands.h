@@ -17,5 +17,6 @@ int RunSet(const Arguments &arguments);
 int RunRemove(const Arguments &arguments);
 int RunPrune(const Arguments &arguments);
 int RunPin(const Arguments &arguments); // and unpin
+int RunSeal(const Arguments &arguments);
 int RunCheck(const Arguments &arguments);
 int RunDestroy(const Arguments &arguments);

@@ -117,6 +117,15 @@ Examples:
   vaultry set before-review author=Ada reviewed:=true
   vaultry set before-review --unset author --display-name "Report")";
 
+inline constexpr char kSealFooter[] = R"(
+Reads each generation and notes a digest of all that it holds in its info, by
+which "check --read" names each file that has rotted. What is sealed stays so.
+
+Examples:
+  vaultry seal before-review
+  vaultry seal --latest report.txt
+  vaultry seal --all)";
+
 inline constexpr char kCheckFooter[] = R"(
 Each finding is shown with its path and its meaning. --repair mends what is safe
 to mend: it puts protection back, returns a document that an interrupted
@@ -124,8 +133,14 @@ operation left aside to its place, and removes anything else that the operation
 left behind. An item that may be in use stays for an hour after its last change.
 The contents of generations are never touched.
 
-Example:
-  vaultry check --repair)";
+--read also reads all generations that are sealed, from the disk, and names each
+file that is not what it was when it was sealed, or can't be read. Ten that have
+changed are told apart in a generation, and nearly always twenty; of more, all
+that may have changed are named. Seal with "vaultry seal" or "add --seal".
+
+Examples:
+  vaultry check --repair
+  vaultry check --read)";
 
 inline constexpr char kCompletionFooter[] = R"(
 Commands, options, their values and the names of generations are completed.

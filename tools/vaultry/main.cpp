@@ -58,6 +58,8 @@ static int _Run(const Arguments &arguments)
         return RunPin(arguments);
     case Command::Prune:
         return RunPrune(arguments);
+    case Command::Seal:
+        return RunSeal(arguments);
     case Command::Check:
         return RunCheck(arguments);
     case Command::Destroy:

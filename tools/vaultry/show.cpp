@@ -83,8 +83,9 @@ void PrintDescription(const Json &object)
     }
     if (!object.contains("info")) return;
     for (const auto &[key, value] : object["info"].items())
-        printf("  %s = %s\n", Printable(key).c_str(),
-               Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace)).c_str());
+        if (key != kDigestKey) // is for programs; its kind tells that there is one
+            printf("  %s = %s\n", Printable(key).c_str(),
+                   Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace)).c_str());
 }
 
 int RunShow(const Arguments &arguments)

@@ -170,6 +170,7 @@ Owned<TQDictionary> MakeNotes(const std::string &document, double time, const st
     // What a document brings from another store says nothing of this generation.
     const Owned<TQDictionary> brought(TQCopyMutableInfoDictionary(document.c_str(), nullptr));
     if (EntryOf(brought.get(), kPinnedKey)) set(kPinnedKey, TQRetain(TQBooleanGet(false)));
+    if (EntryOf(brought.get(), kDigestKey)) set(kDigestKey, TQRetain(TQBooleanGet(false)));
     if (restored.empty() && EntryOf(brought.get(), kKindKey)) set(kKindKey, TQStringCreate("version"));
     if (restored.empty()) return notes;
     set(kKindKey, TQStringCreate(kBackupKind));
@@ -198,6 +199,7 @@ GenerationInfo ToGenerationInfo(const TQDictionary *dictionary)
         info.size = static_cast<uint64_t>(TQNumberGetInt64(size));
     if (TextOf(dictionary, kKindKey) == kBackupKind) info.backupOf = TextOf(dictionary, kBackupOfKey);
     if (info.backupOf) info.backupOfTime = time(kBackupOfTimeKey);
+    info.isSealed = !BytesOf(dictionary, kDigestKey).empty();
     const TQValue *pinned = EntryOf(dictionary, kPinnedKey);
     // A pin protects: whatever is neither false nor 0 is one.
     info.isPinned = pinned && (!TQIsNumber(pinned) || TQNumberGetTruth(pinned));

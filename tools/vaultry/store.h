@@ -23,6 +23,7 @@ struct GenerationInfo {
     std::optional<std::string> backupOf; // a restore put it aside: which generation came in its place, "" if unknown
     std::optional<double> backupOfTime;  // when that one had been kept
     bool isPinned = false;               // never to be pruned
+    bool isSealed = false;               // what it holds can be verified: see sealing.h
 };
 
 // Any client may have written those keys: a value of another kind counts as none.
@@ -87,6 +88,8 @@ inline constexpr char kTimeKey[] = "vaultry.time";         // date
 inline constexpr char kSizeKey[] = "vaultry.size";         // number
 inline constexpr char kKindKey[] = "vaultry.kind";         // string: "backup", if a restore made it
 inline constexpr char kBackupKind[] = "backup";
-inline constexpr char kBackupOfKey[] = "vaultry.of";          // string: the generation that was restored then
-inline constexpr char kBackupOfTimeKey[] = "vaultry.of-time"; // date: when that one had been kept
-inline constexpr char kPinnedKey[] = "vaultry.pinned";        // boolean
+inline constexpr char kBackupOfKey[] = "vaultry.of";            // string: the generation that was restored then
+inline constexpr char kBackupOfTimeKey[] = "vaultry.of-time";   // date: when that one had been kept
+inline constexpr char kPinnedKey[] = "vaultry.pinned";          // boolean
+inline constexpr char kDigestKey[] = "vaultry.digest";          // data: a seal
+inline constexpr char kDigestKindKey[] = "vaultry.digest-kind"; // string: the hash that it is made of

@@ -76,6 +76,7 @@ static void _DefineAdd(CLI::App &app, Arguments &arguments)
     add->add_flag("--retry", arguments.retry, "Read a document once more that changed while it was read");
     add->add_flag("--no-links", arguments.noLinks, "Refuse a document that holds a symbolic link");
     add->add_flag("--no-share", arguments.noShare, "Copy the files that have not changed, too");
+    add->add_flag("--seal", arguments.seal, "Seal it, as seal does");
     _AddJson(add, arguments);
 }
 
@@ -201,6 +202,21 @@ static void _DefinePrune(CLI::App &app, Arguments &arguments)
     _AddJson(prune, arguments);
 }
 
+static void _DefineSeal(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *seal = _AddCommand(app, arguments, Command::Seal, "seal", "Note what generations hold", kSealFooter);
+    CLI::Option *names = seal->add_option("NAME", arguments.names, "The generations");
+    names->option_text("...");
+    seal->add_flag("--all", arguments.all, "All that are not sealed yet")->excludes(names);
+    _AddChoice(seal, arguments);
+    _AddJson(seal, arguments);
+    seal->callback([&arguments] {
+        arguments.command = Command::Seal;
+        if (arguments.names.empty() != arguments.all || (arguments.all && arguments.choice.isMade()))
+            throw CLI::ValidationError("seal", "wants a NAME, or --all");
+    });
+}
+
 void DefineCommands(CLI::App &app, Arguments &arguments)
 {
     _AddCommonOptions(&app, arguments);
@@ -246,9 +262,12 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
     _DefinePin(app, arguments, Command::Pin, "pin", "Keep generations from being pruned");
     _DefinePin(app, arguments, Command::Unpin, "unpin", "Let generations be pruned again");
 
+    _DefineSeal(app, arguments);
+
     CLI::App *check = _AddCommand(app, arguments, Command::Check, "check", "Verify a store", kCheckFooter);
     check->add_option("STORE", arguments.checked, "The store's directory")->option_text(" ");
     check->add_flag("--repair", arguments.repair, "Mend what is safe to mend");
+    check->add_flag("--read", arguments.readAll, "Read all that is sealed, too");
     _AddJson(check, arguments);
 
     CLI::App *destroy = _AddCommand(app, arguments, Command::Destroy, "destroy",
