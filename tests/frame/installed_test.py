@@ -3,6 +3,7 @@ build against it as their comments say."""
 import os
 import pathlib
 import re
+import shutil
 import sys
 import tempfile
 
@@ -44,6 +45,25 @@ with tempfile.TemporaryDirectory(prefix="vaultry-installed-") as temporary:
     run(where / "examples/history", where=where, code=2)
 
     run(prefix / "bin/vaultry", "--help", where=where, env={})
+
+    # What the timers run is what the command takes, and the system's checker takes the units.
+    units = sorted((prefix / "lib/systemd/user").iterdir())
+    run(prefix / "bin/vaultry", "init", "--store", where / "store", where=where)
+    for unit in units:
+        text = unit.read_text(encoding="utf-8")
+        commands = re.findall(r"^ExecStart=(vaultry .*)$", text, re.M)
+        if bool(commands) != (unit.suffix == ".service") or unit.with_suffix(".timer") not in units:
+            sys.exit(f"{unit.name} has these commands: {commands}, or no timer")
+        for command in commands:
+            words = command.replace("$RULES", re.sub(r"(?s).*# RULES=(.*?)\n.*", r"\1", text)).split()
+            run(prefix / "bin" / words[0], *words[1:], where=where, env={"VAULTRY_STORE": str(where / "store")})
+        found = re.sub("(?m)^Documentation=.*\n", "", text).replace("ExecStart=", f"ExecStart={prefix}/bin/")
+        unit.write_text(found, encoding="utf-8")
+    if shutil.which("systemd-analyze"):
+        session = dict(os.environ, XDG_RUNTIME_DIR=str(where))
+        said = run("systemd-analyze", "verify", "--user", *units, where=where, env=session)
+        if str(prefix) in said:
+            sys.exit(said)  # a warning
 
     for source in sorted((ROOT / "examples").glob("*.c*")):
         text = source.read_text(encoding="utf-8")
