@@ -83,7 +83,7 @@ void PrintDescription(const Json &object)
     }
     if (!object.contains("info")) return;
     for (const auto &[key, value] : object["info"].items())
-        if (key != kDigestKey) // is for programs; its kind tells that there is one
+        if (key != kDigestKey || !value.is_object()) // a seal is for programs; its kind tells that there is one
             printf("  %s = %s\n", Printable(key).c_str(),
                    Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace)).c_str());
 }
