@@ -78,7 +78,10 @@ struct Arguments {
     bool foreign = false;                  // prune
     bool isDryRun = false;                 // prune
 
-    std::string other; // diff: a document or a generation; moved: the new path
+    std::string other;      // diff: a document or a generation; moved: the new path
+    bool times = false;     // diff
+    bool summary = false;   // diff
+    bool namesOnly = false; // diff
 
     std::vector<std::string> assignments;   // set
     std::vector<std::string> unset;         // set

@@ -101,11 +101,13 @@ Example:
 
 inline constexpr char kDiffFooter[] = R"(
 Compares with the document that the generation was made from, or with another
-document or generation. Exit status 0 if nothing differs, 1 if something does,
-2 or more if that can't be told.
+document or generation: items, bytes, links, permissions, attributes, access
+lists, flags, and owners where you may give files away. Exit status 0 if nothing
+differs, 1 if something does, 2 or more if not all could be compared.
 
 Examples:
   vaultry diff before-review
+  vaultry diff --stat --latest Photos/
   vaultry diff --at yesterday report.txt
   vaultry diff before-review after-review)";
 

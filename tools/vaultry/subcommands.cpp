@@ -125,6 +125,21 @@ static void _DefineSet(CLI::App &app, Arguments &arguments)
     _AddChoice(set, arguments);
 }
 
+static void _DefineDiff(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *diff = _AddCommand(app, arguments, Command::Diff, "diff", "Show what has changed since", kDiffFooter);
+    _AddName(diff, arguments);
+    diff->add_option("OTHER", arguments.other, "A document, or another generation")->option_text(" ");
+    CLI::Option *summary = diff->add_flag("--stat", arguments.summary, "One line an item, and a count");
+    summary->option_text(" ");
+    CLI::Option *names = diff->add_flag("--name-only", arguments.namesOnly, "Only the paths of what differs");
+    names->option_text(" ")->excludes(summary);
+    diff->add_flag("--times", arguments.times, "Compare times of modification, too");
+    _AddChoice(diff, arguments);
+    _AddJson(diff, arguments);
+    diff->get_option("--json")->option_text(" ")->excludes(summary)->excludes(names);
+}
+
 // NAME DOCUMENT, or DOCUMENT alone with a choice.
 static void _DefineRestore(CLI::App &app, Arguments &arguments)
 {
@@ -232,11 +247,7 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
 
     _DefineMoved(app, arguments);
 
-    CLI::App *diff = _AddCommand(app, arguments, Command::Diff, "diff", "Show what has changed since", kDiffFooter);
-    _AddName(diff, arguments);
-    diff->add_option("OTHER", arguments.other, "A document, or another generation")->option_text(" ");
-    _AddChoice(diff, arguments);
-    _AddJson(diff, arguments);
+    _DefineDiff(app, arguments);
 
     _DefineSet(app, arguments);
 
