@@ -56,6 +56,7 @@ struct Arguments {
     bool retry = false;                 // add
     bool pin = false;                   // add
     std::vector<std::string> tags;      // add
+    bool ifChanged = false;             // add
     bool yes = false;                   // destroy
     bool pinnedToo = false;             // remove
     bool replace = false;               // restore

@@ -65,7 +65,12 @@ static void _DefineAdd(CLI::App &app, Arguments &arguments)
 {
     CLI::App *add = _AddCommand(app, arguments, Command::Add, "add", "Keep documents as they are now", kAddFooter);
     add->add_option("DOCUMENT", arguments.documents, "What to keep")->required()->option_text("...");
-    add->add_flag("--move", arguments.move, "Move the document into the store instead of copying it");
+    CLI::Option *move =
+        add->add_flag("--move", arguments.move, "Move the document into the store instead of copying it");
+    move->option_text(" ");
+    add->add_flag("--if-changed", arguments.ifChanged, "Only if it differs from its newest version")
+        ->option_text(" ")
+        ->excludes(move);
     CLI::Option *name = add->add_option("--name", arguments.newName, "What to call the generation (one DOCUMENT only)");
     name->option_text("NAME");
     add->add_option("--tag", arguments.tags, "What to note of it; may be given several times")
