@@ -17,6 +17,7 @@
 #include "store.h"
 #include "text.h"
 #include "times.h"
+#include "unchanged.h"
 #include "waiting.h"
 
 #include <vaultry/filesystem.h>
@@ -337,9 +338,27 @@ void Addition::FlushRemoval(const OpenSource &former)
     Complain(failure.exitCode(), failure.what());
 }
 
+// Whether it is still what its newest version holds; that is said then.
+static bool _IsUnchanged(const Store &store, const std::string &document, bool json)
+{
+    const auto name = UnchangedSince(store, document);
+    if (!name) return false;
+    if (json) {
+        Json object;
+        PutBytes(object, "document", document);
+        PutBytes(object, "unchanged_since", *name);
+        PrintLine(object);
+        fflush(stdout);
+    } else {
+        Say(Quoted(document) + " is unchanged since " + Quoted(*name));
+    }
+    return true;
+}
+
 static int _AddDocument(const Store &store, const std::string &given, const Arguments &arguments)
 {
     const Document document = ResolveDocument(given);
+    if (arguments.ifChanged && _IsUnchanged(store, document.path, arguments.json)) return kExitSuccess;
     if (document.wasLink)
         Say(Quoted(given) + " is a link: " + (arguments.move ? "moving " : "keeping ") + Quoted(document.path));
 

@@ -58,6 +58,7 @@ struct Arguments {
     bool pin = false;                   // add
     std::vector<std::string> tags;      // add
     bool seal = false;                  // add
+    bool ifChanged = false;             // add
     bool yes = false;                   // destroy
     bool pinnedToo = false;             // remove
     bool all = false;                   // seal
@@ -81,7 +82,10 @@ struct Arguments {
     bool foreign = false;                  // prune
     bool isDryRun = false;                 // prune
 
-    std::string other; // diff: a document or a generation; moved: the new path
+    std::string other;      // diff: a document or a generation; moved: the new path
+    bool times = false;     // diff
+    bool summary = false;   // diff
+    bool namesOnly = false; // diff
 
     std::vector<std::string> assignments;   // set
     std::vector<std::string> unset;         // set

@@ -210,6 +210,23 @@ std::string ChosenGeneration(const Store &store, const Choice &choice, const std
     throw _NothingOf(store, history, document, choice);
 }
 
+std::optional<std::string> NewestVersionOf(const Store &store, const std::string &document)
+{
+    Problems problems;
+    const std::vector<Kept> history = ReadHistory(store, problems);
+    const auto newest = _NewestOf(history, document, std::nullopt, Wanted::Versions);
+    if (!newest || problems.none()) return newest;
+    std::set<std::string> unread = store.Names();
+    for (const Kept &kept : history) unread.erase(kept.name);
+    const double since = *store.PeekAtInfoOf(*newest).time;
+    for (const std::string &name : unread) {
+        struct stat status {};
+        // Nothing is kept later than it was last changed.
+        if (IsThere(store.path() + "/" + name, &status) && ToSeconds(status.st_ctim) >= since) throw problems.first();
+    }
+    return newest;
+}
+
 std::optional<std::string> NewestBackupOf(const Store &store, const std::string &document)
 {
     Problems problems;

@@ -42,6 +42,10 @@ std::optional<CommandFailure> RefusalOfDocument(const Store &store, const std::s
 // The name of another document of the same folder, which is the nearest. None if no name is near.
 std::optional<std::string> NearestDocument(const std::vector<Kept> &history, const std::string &document);
 
+// The newest version of a document, which is no backup. None if there is none. Throws if one that can't be read may be
+// newer.
+std::optional<std::string> NewestVersionOf(const Store &store, const std::string &document);
+
 // What the last restore of a document put aside. None if there is none.
 std::optional<std::string> NewestBackupOf(const Store &store, const std::string &document);
 

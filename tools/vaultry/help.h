@@ -32,8 +32,12 @@ cloned or the document is moved. Ctrl-C leaves nothing behind. A document that
 another program changes meanwhile is kept, perhaps with parts of both states,
 and that is said; --retry reads it once more. --tag is as in "vaultry set".
 
+With --if-changed, a document that is what its newest version holds is not kept
+again. Every byte is compared, and all else that a copy brings back.
+
 Examples:
   vaultry add report.txt Photos/         as report-2026-03-01T10-15-30Z.txt, ...
+  vaultry add --if-changed report.txt    may be called every hour
   vaultry add --name before-review report.txt
   vaultry add --pin --tag reader=Ada report.txt
   vaultry add --move old-draft.txt       into the store, and away from here)";
@@ -101,11 +105,13 @@ Example:
 
 inline constexpr char kDiffFooter[] = R"(
 Compares with the document that the generation was made from, or with another
-document or generation. Exit status 0 if nothing differs, 1 if something does,
-2 or more if that can't be told.
+document or generation: items, bytes, links, permissions, attributes, access
+lists, flags, and owners where you may give files away. Exit status 0 if nothing
+differs, 1 if something does, 2 or more if not all could be compared.
 
 Examples:
   vaultry diff before-review
+  vaultry diff --stat --latest Photos/
   vaultry diff --at yesterday report.txt
   vaultry diff before-review after-review)";
 

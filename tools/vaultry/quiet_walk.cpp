@@ -3,7 +3,6 @@
 #include "quiet_walk.h"
 
 #include <cerrno>
-#include <dirent.h>
 #include <fcntl.h>
 #include <memory>
 #include <string_view>
@@ -24,20 +23,16 @@ static bool _AllowMoreDescriptors()
     return false;
 }
 
-// The kernel refuses this for somebody else's folder, which is then opened as usual.
-static Folder _OpenQuietly(int at, const char *name)
+// The kernel refuses this for somebody else's item, which is then opened as usual.
+int OpenQuietly(int directory, const char *name, int flags)
 {
-    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    int fd = openat(at, name, flags | O_NOATIME);
-    if (fd < 0 && errno == EPERM) fd = openat(at, name, flags);
-    if (fd < 0 && errno == EMFILE && _AllowMoreDescriptors()) return _OpenQuietly(at, name);
-    Folder folder(fd < 0 ? nullptr : fdopendir(fd), closedir);
-    if (fd >= 0 && !folder) (void)close(fd);
-    return folder;
+    flags |= O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    int fd = openat(directory, name, flags | O_NOATIME);
+    if (fd < 0 && errno == EPERM) fd = openat(directory, name, flags);
+    return fd < 0 && errno == EMFILE && _AllowMoreDescriptors() ? OpenQuietly(directory, name, flags) : fd;
 }
 
-// Not every volume gives the kind with the name.
-static unsigned char _KindOf(int directory, const dirent &entry)
+unsigned char KindOf(int directory, const dirent &entry)
 {
     struct stat status {};
     if (entry.d_type != DT_UNKNOWN || fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
@@ -47,7 +42,9 @@ static unsigned char _KindOf(int directory, const dirent &entry)
 
 static int _Walk(int at, const char *name, std::string &path, const std::function<void(const WalkedItem &)> &visit)
 {
-    const Folder folder = _OpenQuietly(at, name);
+    const int fd = OpenQuietly(at, name, O_DIRECTORY);
+    const Folder folder(fd < 0 ? nullptr : fdopendir(fd), closedir);
+    if (fd >= 0 && !folder) (void)close(fd);
     if (!folder) return errno;
     const size_t length = path.size();
     int reason = 0;
@@ -57,7 +54,7 @@ static int _Walk(int at, const char *name, std::string &path, const std::functio
         if (own == "." || own == "..") continue;
         path.append("/").append(own);
         const int directory = dirfd(folder.get());
-        const unsigned char kind = _KindOf(directory, *entry);
+        const unsigned char kind = KindOf(directory, *entry);
         visit({path, directory, entry->d_name, kind});
         const int below = kind == DT_DIR ? _Walk(directory, entry->d_name, path, visit) : 0;
         if (reason == 0) reason = below;

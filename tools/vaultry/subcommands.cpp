@@ -65,7 +65,12 @@ static void _DefineAdd(CLI::App &app, Arguments &arguments)
 {
     CLI::App *add = _AddCommand(app, arguments, Command::Add, "add", "Keep documents as they are now", kAddFooter);
     add->add_option("DOCUMENT", arguments.documents, "What to keep")->required()->option_text("...");
-    add->add_flag("--move", arguments.move, "Move the document into the store instead of copying it");
+    CLI::Option *move =
+        add->add_flag("--move", arguments.move, "Move the document into the store instead of copying it");
+    move->option_text(" ");
+    add->add_flag("--if-changed", arguments.ifChanged, "Only if it differs from its newest version")
+        ->option_text(" ")
+        ->excludes(move);
     CLI::Option *name = add->add_option("--name", arguments.newName, "What to call the generation (one DOCUMENT only)");
     name->option_text("NAME");
     add->add_option("--tag", arguments.tags, "What to note of it; may be given several times")
@@ -124,6 +129,21 @@ static void _DefineSet(CLI::App &app, Arguments &arguments)
         ->option_text("NAME");
     set->add_option("--options", arguments.options, "The options word, such as 0x4")->option_text("WORD");
     _AddChoice(set, arguments);
+}
+
+static void _DefineDiff(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *diff = _AddCommand(app, arguments, Command::Diff, "diff", "Show what has changed since", kDiffFooter);
+    _AddName(diff, arguments);
+    diff->add_option("OTHER", arguments.other, "A document, or another generation")->option_text(" ");
+    CLI::Option *summary = diff->add_flag("--stat", arguments.summary, "One line an item, and a count");
+    summary->option_text(" ");
+    CLI::Option *names = diff->add_flag("--name-only", arguments.namesOnly, "Only the paths of what differs");
+    names->option_text(" ")->excludes(summary);
+    diff->add_flag("--times", arguments.times, "Compare times of modification, too");
+    _AddChoice(diff, arguments);
+    _AddJson(diff, arguments);
+    diff->get_option("--json")->option_text(" ")->excludes(summary)->excludes(names);
 }
 
 // NAME DOCUMENT, or DOCUMENT alone with a choice.
@@ -248,11 +268,7 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
 
     _DefineMoved(app, arguments);
 
-    CLI::App *diff = _AddCommand(app, arguments, Command::Diff, "diff", "Show what has changed since", kDiffFooter);
-    _AddName(diff, arguments);
-    diff->add_option("OTHER", arguments.other, "A document, or another generation")->option_text(" ");
-    _AddChoice(diff, arguments);
-    _AddJson(diff, arguments);
+    _DefineDiff(app, arguments);
 
     _DefineSet(app, arguments);
 
