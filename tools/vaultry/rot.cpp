@@ -33,7 +33,7 @@ public:
         addAll(changes.changed, "rotten", kRotten);
         addAll(changes.added, "added", "was not there when its generation was sealed");
         addAll(changes.perhaps, "perhaps-rotten",
-               "is perhaps not what it was when it was sealed: too many items are not to tell them apart");
+               "may not be what it was when it was sealed: too much has changed to tell what");
         if (changes.isAnyUntold)
             Add("", "rotten", std::string(kRotten) + ": there was no room to note which of its items");
         if (changes.isAnyMissing && contents.unread.empty())
@@ -97,7 +97,7 @@ SealCount ReadSealed(const Store &store, const std::function<void(const Rot &)> 
     uint64_t total = 0, done = 0;
     for (const Kept &kept : history) total += kept.info.isSealed ? kept.info.size.value_or(0) : 0;
 
-    ProgressBar bar("reading what is sealed");
+    ProgressBar bar("reading");
     TreeReader reader(TreeReader::From::Disk, [&](uint64_t bytes) {
         done += bytes;
         bar.Update(static_cast<int64_t>(done), static_cast<int64_t>(total));
