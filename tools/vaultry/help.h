@@ -148,6 +148,19 @@ Examples:
   vaultry check --repair
   vaultry check --read)";
 
+inline constexpr char kUsageFooter[] = R"(
+One line a generation: the bytes of its files, and how much room the store
+gains if that one alone is removed. Then the sums, and what is free. Files that
+generations share, as hard links or as clones, take their room once, and it
+is freed with the last of them. Where a volume does not tell which clones
+share their data, that is said, and each counts as if it shared nothing.
+Documents, and whatever else is cloned from them, do not count: data that one
+of them shares is not free before that is gone, too.
+
+Examples:
+  vaultry usage
+  vaultry usage report.txt)";
+
 inline constexpr char kCompletionFooter[] = R"(
 Commands, options, their values and the names of generations are completed.
 

@@ -60,6 +60,8 @@ static int _Run(const Arguments &arguments)
         return RunPrune(arguments);
     case Command::Seal:
         return RunSeal(arguments);
+    case Command::Usage:
+        return RunUsage(arguments);
     case Command::Check:
         return RunCheck(arguments);
     case Command::Destroy:

@@ -279,6 +279,9 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
     _DefinePin(app, arguments, Command::Unpin, "unpin", "Let generations be pruned again");
 
     _DefineSeal(app, arguments);
+    CLI::App *usage = _AddCommand(app, arguments, Command::Usage, "usage", "Show what takes the room", kUsageFooter);
+    usage->add_option("DOCUMENT", arguments.document, "Only generations of this document")->option_text(" ");
+    _AddJson(usage, arguments);
 
     CLI::App *check = _AddCommand(app, arguments, Command::Check, "check", "Verify a store", kCheckFooter);
     check->add_option("STORE", arguments.checked, "The store's directory")->option_text(" ");
