@@ -19,5 +19,6 @@ int RunPrune(const Arguments &arguments);
 int RunPin(const Arguments &arguments); // and unpin
 int RunSeal(const Arguments &arguments);
 int RunUsage(const Arguments &arguments);
+int RunClone(const Arguments &arguments);
 int RunCheck(const Arguments &arguments);
 int RunDestroy(const Arguments &arguments);

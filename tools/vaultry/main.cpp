@@ -62,6 +62,8 @@ static int _Run(const Arguments &arguments)
         return RunSeal(arguments);
     case Command::Usage:
         return RunUsage(arguments);
+    case Command::Clone:
+        return RunClone(arguments);
     case Command::Check:
         return RunCheck(arguments);
     case Command::Destroy:
