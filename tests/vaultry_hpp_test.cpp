@@ -80,6 +80,14 @@ TEST(StoreInCpp, DoesWhatTheFunctionsDo)
     ASSERT_TRUE(store.remove(std::vector{"3.txt"sv}) && store.add_by_moving("4", document) && !disk::Exists(document));
     EXPECT_THAT(*store.names(), testing::UnorderedElementsAre("1.txt", "2", "4"));
     chmod(test.root().c_str(), 0755);
+    EXPECT_EQ(symlink("2", (test.root() + "/link").c_str()), 0);
+    const Clone clone = store.clone(test / "clone").value();
+    EXPECT_TRUE(clone.generations == 3 && clone.items == 3 && clone.bytes == 3 * before.size() && clone.links == 0 &&
+                clone.failures.at(0).name == "link" && !clone.failures[0].kept && clone.failures.size() == 1 &&
+                clone.failures[0].reason.description() == "No generation is a link" &&
+                *Store::open(test / "clone")->info("1.txt", document_key) == Value(Data(document)));
+    EXPECT_TRUE(store.clone(test / "clone").error().status() == kTQStatusExists &&
+                unlink((test.root() + "/link").c_str()) == 0);
     EXPECT_TRUE(Store::findings(test.root(), /*repair=*/true)->at(0).mended && Store::findings(test.root())->empty());
     EXPECT_TRUE(Store::destroy(test.root()) && !disk::Exists(test.root()));
 }
@@ -116,6 +124,9 @@ TEST(ProgressInCpp, IsSeenAndCancelsWhereItIsCurrent)
     for (const auto *progress : {&throwing, &cancelled, &watching}) {
         const auto scope = progress->make_current();
         EXPECT_EQ(bool(Store::open(test.root())->add("kept", test.document())), progress == &watching);
+        const auto cloned = Store::open(test.root())->clone(test / "clone");
+        EXPECT_EQ(bool(cloned), progress == &watching);
+        EXPECT_TRUE(cloned || cloned.error().underlying().code() == ECANCELED);
     }
     EXPECT_TRUE(seen.first > 0 && seen.first == seen.second && !TQProgressGetCurrent());
 }

@@ -220,6 +220,35 @@ TQ_EXPORT bool TQClientManagedStorageCopyGeneration(const TQClientManagedStorage
 TQ_EXPORT bool TQClientManagedStorageCopyGenerationItem(const TQClientManagedStorage *store, const char *name,
                                                         const char *item, const char *destination, TQError **error);
 
+/// Makes a store at `rootPath` that is a copy of this one: every generation as it stands, protected, with its contents,
+/// record of permissions, options, info, display name, rights, owners, times, flags, attributes and access lists, and
+/// the protection of the root. A file that several generations share is copied once, and shared by them in the clone,
+/// too; a file is cloned where its volume can do that. What operations have in the staging area is not copied.
+///
+/// Then everything is read back and compared with the store, every byte and all that is known of every item, from the
+/// volume itself as far as that lets go of what it has in memory. On disk on return. The place is no store before all
+/// that is done: its lock file is made last. A killed process leaves ".vaultry_clone." and seven characters
+/// beside `rootPath`, or, if that was an empty directory, generations in it.
+///
+/// @param rootPath  Where nothing is, or an empty directory, in no store; its folder exists.
+/// @return a dictionary that the caller owns. "generations", "items" and "bytes" are the numbers of generations in the
+///         clone, of items that were compared, and of bytes that were found the same, those of a shared file counted
+///         once; "links" is that of names that became links to a file that was copied before. "failures" is an array,
+///         empty when the clone is whole, of dictionaries about generations that are not in it as they are in the
+///         store: "name" (data), "error" (the first reason, an error) and "kept" (a boolean: true if the clone has the
+///         generation, and it differs only in its rights, owners, times or flags). Null with an error, and nothing is
+///         left there:
+///         kTQStatusExists           there is something at `rootPath`
+///         kTQStatusInvalidArgument  it would lie in a store
+///         kTQStatusNoSpace          the volume is full
+///         kTQStatusFailed           also if the thread's progress was cancelled (ECANCELED underneath)
+///
+/// Shared lock as long as it lasts, so the clone shows the store at one moment, and writers wait for it. Reports to the
+/// thread's current progress; the total is twice the size of all generations. Takes memory for each shared file, about
+/// 200 bytes and its path, from its first name to its last.
+TQ_EXPORT TQDictionary *TQClientManagedStorageCopyStore(const TQClientManagedStorage *store, const char *rootPath,
+                                                        TQError **error);
+
 /// Removes generations by name, in order; a name that has no generation is passed over. On disk on return. Works on a
 /// full disk too, and where a folder can't be renamed (one of an overlay's lower layer). Only there a generation may be
 /// deleted where it stands, and a failure or a kill may leave part of it under its name, to be removed again.

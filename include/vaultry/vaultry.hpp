@@ -631,6 +631,21 @@ struct Finding {
     std::string host;           ///< the machine whose program left it, if that is another one; else empty
 };
 
+/// What a clone of a store has.
+struct Clone {
+    /// A generation that is not in it as it is in the store.
+    struct Shortfall {
+        std::string name;
+        Error reason;      ///< the first one
+        bool kept = false; ///< whether the clone has it, and it differs only in its rights, owners, times or flags
+    };
+    std::uint64_t generations = 0;
+    std::uint64_t items = 0; ///< that were compared
+    std::uint64_t bytes = 0; ///< that were found the same, those of a shared file counted once
+    std::uint64_t links = 0; ///< names of files that were copied before
+    std::vector<Shortfall> failures;
+};
+
 /// What goes on in a store: an operation that lives, or a process that holds the store's lock.
 struct Operation {
     std::string work; ///< "copy", "move", "remove", "copy-out", "restore", "lock" or "shared-lock"
@@ -896,6 +911,25 @@ public:
         const auto array = strings_of_(names);
         if (!array) return detail::refused();
         return detail::attempt(TQClientManagedStorageRemoveGenerationsUnless, get(), array.get(), key.get());
+    }
+
+    /// Makes a store that is a copy of this one where nothing is, or in an empty directory; reads it back and compares
+    /// it. It is whole if there are no failures.
+    Result<Clone> clone(const std::filesystem::path &directory) const
+    {
+        const std::string root = detail::path(directory);
+        const auto report = detail::fetch<Dictionary>(TQClientManagedStorageCopyStore, get(), root.c_str());
+        if (!report) return report.error();
+        const auto number = [&](const char *key) {
+            return static_cast<std::uint64_t>((*report)[key].template as<Number>().to_int64());
+        };
+        Clone clone{number("generations"), number("items"), number("bytes"), number("links"), {}};
+        for (const Value &value : (*report)["failures"].template as<Array>()) {
+            const auto one = value.as<Dictionary>();
+            clone.failures.push_back(
+                {one["name"].as<Data>().str(), one["error"].as<Error>(), one["kept"].as<Number>().to_bool()});
+        }
+        return clone;
     }
 
     /// In no particular order.

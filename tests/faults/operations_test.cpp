@@ -30,6 +30,20 @@ bool Told(uint64_t value, TQError **why)
     return !why || !*why;
 }
 
+// A clone that lacks something counts as none.
+bool Clone(const Scene &scene, Store store, TQError **why)
+{
+    const Value report = Own(TQClientManagedStorageCopyStore(store, scene.out.c_str(), why));
+    if (!report) return false;
+    const auto key = String("failures"), reason = String("error");
+    const auto *failures = static_cast<TQArray *>(TQDictionaryGetValue(Cast{report}, key.get()));
+    if (TQArrayGetCount(failures) == 0) return true;
+    const auto *first = static_cast<TQDictionary *>(TQArrayGetValueAtIndex(failures, 0));
+    if (why) *why = static_cast<TQError *>(TQRetain(TQDictionaryGetValue(first, reason.get())));
+    EXPECT_TRUE(TQClientManagedStorageDestroy(scene.out.c_str(), nullptr));
+    return false;
+}
+
 class FaultsWhile : public AsEach {
 protected:
     void Sweep(const Swept &operation) const
@@ -114,6 +128,19 @@ TEST_P(FaultsWhile, CopyingOut)
            .run = DO(TQClientManagedStorageCopyGenerationItem(store, "kept", "folder", scene.out.c_str(), why)),
            .unfinished = "/out.*"});
     Sweep({.name = "copy out a folder", .kind = kFolder, .prepare = withFlags, .run = copyOut, .unfinished = "/out.*"});
+}
+
+TEST_P(FaultsWhile, Cloning)
+{
+    const auto base = String("kept");
+    const TQAddRequest sharing{
+        .size = sizeof sharing, .flags = 0, .options = 6, .base = base.get(), .info = nullptr, .sizeKey = nullptr};
+    const auto add = DO(TQClientManagedStorageAddWithFlags(store, "sharer", scene.document.c_str(), &sharing, why));
+    Sweep({.name = "clone a store",
+           .kind = kFolder,
+           .prepare = [=](Scene &scene) { EXPECT_TRUE(add(scene, nullptr)); },
+           .run = DO(Clone(scene, store, why)),
+           .unfinished = "/out.*|/\\.vaultry_clone.*"});
 }
 
 TEST_P(FaultsWhile, Restoring)

@@ -14,6 +14,7 @@ std::string Plain(std::string text, const std::string &directory)
         const char *star;
     } unique[] = {
         {".vaultry_staging/", std::regex("(\\.vaultry_staging/)(?!XXXXXXX)[A-Za-z0-9]{7}(?![A-Za-z0-9])"), "$1*"},
+        {".vaultry_clone.", std::regex("(\\.vaultry_clone\\.)(?!XXXXXXX)[A-Za-z0-9]{7}"), "$1*"},
         {"-tmp.nosync.", std::regex("(-tmp\\.nosync\\.)(?!XXXXXX)[A-Za-z0-9]{6}"), "$1*"},
         {"\"", std::regex("_(?!XXXXXX)[A-Za-z0-9]{6}\""), "_*\""},
         {"->fd", std::regex("0x[0-9a-f]+->fd"), "*->fd"}};

@@ -63,6 +63,7 @@ static std::optional<std::string> _CommandFor(const std::string &word)
         {"info", "show"},     {"cp", "copy"},      {"get", "copy"},     {"extract", "copy"}, {"revert", "restore"},
         {"back", "restore"},  {"rm", "remove"},    {"forget", "prune"}, {"thin", "prune"},   {"clean", "prune"},
         {"delete", "remove"}, {"verify", "check"}, {"fsck", "check"},   {"create", "init"},  {"help", "--help"},
+        {"du", "usage"},      {"mirror", "clone"},
     };
     const auto found = commands.find(word);
     return found == commands.end() ? std::nullopt : std::optional(found->second);

@@ -25,6 +25,8 @@ enum class Command {
     Prune,
     Seal,
     Check,
+    Usage,
+    Clone,
     Destroy,
     Completion
 };
@@ -44,9 +46,9 @@ struct Arguments {
     bool json = false;          // print for a program
 
     std::vector<std::string> documents; // add, prune
-    std::string document;               // list: empty for all; restore, undo; moved: the old path
+    std::string document;               // list, usage: empty for all; restore, undo; moved: the old path
     Choice choice;                      // copy, show, restore, diff, set, remove, pin, seal
-    std::vector<std::string> names;     // remove, pin, seal; with a choice, documents
+    std::vector<std::string> names;     // remove, pin, seal; with a choice, documents; clone: [STORE] TARGET
     std::string name;                   // copy, show, restore, diff, set; with a choice, a document
     std::optional<std::string> item;    // copy, show, restore: only this one, by its path below the top
     std::string destination;            // copy

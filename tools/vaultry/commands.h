@@ -18,5 +18,7 @@ int RunRemove(const Arguments &arguments);
 int RunPrune(const Arguments &arguments);
 int RunPin(const Arguments &arguments); // and unpin
 int RunSeal(const Arguments &arguments);
+int RunUsage(const Arguments &arguments);
+int RunClone(const Arguments &arguments);
 int RunCheck(const Arguments &arguments);
 int RunDestroy(const Arguments &arguments);

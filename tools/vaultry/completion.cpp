@@ -24,6 +24,7 @@ static Values _ValuesOf(const std::string &name)
         {"NEW", Values::Files},
         {"NAME", Values::Generations},
         {"[NAME] DOCUMENT", Values::GenerationsAndFiles},
+        {"[STORE] TARGET", Values::Directories},
         {"OTHER", Values::GenerationsAndFiles},
     };
     const auto found = values.find(name);

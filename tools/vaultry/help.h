@@ -148,6 +148,31 @@ Examples:
   vaultry check --repair
   vaultry check --read)";
 
+inline constexpr char kUsageFooter[] = R"(
+One line a generation: the bytes of its files, and how much room the store
+gains if that one alone is removed. Then the sums, and what is free. Files that
+generations share, as hard links or as clones, take their room once, and it
+is freed with the last of them. Where a volume does not tell which clones
+share their data, that is said, and each counts as if it shared nothing.
+Documents, and whatever else is cloned from them, do not count: data that one
+of them shares is not free before that is gone, too.
+
+Examples:
+  vaultry usage
+  vaultry usage report.txt)";
+
+inline constexpr char kCloneFooter[] = R"(
+Copies STORE, or the one that --store names, to TARGET, where nothing is or an
+empty directory: all generations with all that is known of them, protected.
+Files that they share take their room once in the copy, too. Then every item is
+read back and compared with the store. TARGET is no store before that; Ctrl-C
+leaves nothing there. What can't be copied is named, and the exit status is that
+of a failure. Nobody can add or remove meanwhile, only read.
+
+Examples:
+  vaultry clone /mnt/disk/versions
+  vaultry clone --store /srv/versions /mnt/disk/versions)";
+
 inline constexpr char kCompletionFooter[] = R"(
 Commands, options, their values and the names of generations are completed.
 

@@ -60,6 +60,10 @@ static int _Run(const Arguments &arguments)
         return RunPrune(arguments);
     case Command::Seal:
         return RunSeal(arguments);
+    case Command::Usage:
+        return RunUsage(arguments);
+    case Command::Clone:
+        return RunClone(arguments);
     case Command::Check:
         return RunCheck(arguments);
     case Command::Destroy:

@@ -237,6 +237,16 @@ static void _DefineSeal(CLI::App &app, Arguments &arguments)
     });
 }
 
+static void _DefineClone(CLI::App &app, Arguments &arguments)
+{
+    CLI::App *clone = _AddCommand(app, arguments, Command::Clone, "clone", "Copy a whole store", kCloneFooter);
+    clone->add_option("[STORE] TARGET", arguments.names, "The store, and where its copy is to be")
+        ->required()
+        ->expected(1, 2)
+        ->option_text(" ");
+    _AddJson(clone, arguments);
+}
+
 void DefineCommands(CLI::App &app, Arguments &arguments)
 {
     _AddCommonOptions(&app, arguments);
@@ -279,6 +289,10 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
     _DefinePin(app, arguments, Command::Unpin, "unpin", "Let generations be pruned again");
 
     _DefineSeal(app, arguments);
+    CLI::App *usage = _AddCommand(app, arguments, Command::Usage, "usage", "Show what takes the room", kUsageFooter);
+    usage->add_option("DOCUMENT", arguments.document, "Only generations of this document")->option_text(" ");
+    _AddJson(usage, arguments);
+    _DefineClone(app, arguments);
 
     CLI::App *check = _AddCommand(app, arguments, Command::Check, "check", "Verify a store", kCheckFooter);
     check->add_option("STORE", arguments.checked, "The store's directory")->option_text(" ");

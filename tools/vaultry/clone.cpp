@@ -1,0 +1,92 @@
+// vaultry clone: a second store that is a copy of the first.
+
+#include "add_progress.h"
+#include "commands.h"
+#include "entries.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "json.h"
+#include "naming.h"
+#include "store.h"
+#include "text.h"
+
+#include <vaultry/number.h>
+
+static constexpr char kCloneIsRemoved[] = "\nvaultry: stopping: what was copied is removed; once more ends at once and "
+                                          "leaves it\n";
+
+static uint64_t _NumberOf(const TQDictionary *report, const char *key)
+{
+    return static_cast<uint64_t>(TQNumberGetInt64(EntryOf(report, key)));
+}
+
+static std::string _Counted(uint64_t count, const std::string &word)
+{
+    return std::to_string(count) + " " + word + (count == 1 ? "" : "s");
+}
+
+static Owned<TQDictionary> _Clone(const Store &store, const std::string &target)
+{
+    AddProgress progress(Printable(BaseName(store.path())));
+    const InterruptGuard interrupts(progress.get(), kCloneIsRemoved);
+    Owned<TQError> error;
+    Owned<TQDictionary> report(TQClientManagedStorageCopyStore(store.handle(), target.c_str(), error.out()));
+    progress.bar().Clear();
+    if (!report && InterruptGuard::Came() && UnderlyingErrno(error.get()) == ECANCELED)
+        throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
+    if (!report)
+        throw CommandFailure::Library("can't clone the store " + Quoted(store.path()) + " to " + Quoted(target),
+                                      error.get());
+    return report;
+}
+
+// What is not in the clone as it is in the store.
+static std::vector<CommandFailure> _FailuresIn(const TQDictionary *report)
+{
+    std::vector<CommandFailure> failures;
+    const auto *array = static_cast<const TQArray *>(EntryOf(report, "failures"));
+    for (size_t i = 0; i < TQArrayGetCount(array); ++i) {
+        const auto *failure = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(array, i));
+        const bool isKept = TQNumberGetTruth(EntryOf(failure, "kept"));
+        failures.push_back(
+            CommandFailure::Library(Quoted(BytesOf(failure, "name")) +
+                                        (isKept ? " is in the clone, but not quite the same" : " is not in the clone"),
+                                    static_cast<const TQError *>(EntryOf(failure, "error"))));
+    }
+    return failures;
+}
+
+static void _Print(const TQDictionary *report, const std::string &store, const std::string &target,
+                   const std::vector<CommandFailure> &failures, bool asJson)
+{
+    if (!asJson) {
+        printf("cloned %s to %s: %s\nread back and compared: %s, %s\n", Quoted(store).c_str(), Quoted(target).c_str(),
+               _Counted(_NumberOf(report, "generations"), "generation").c_str(),
+               _Counted(_NumberOf(report, "items"), "item").c_str(), HumanSize(_NumberOf(report, "bytes")).c_str());
+        return;
+    }
+    Json object;
+    PutBytes(object, "store", store);
+    PutBytes(object, "clone", target);
+    for (const char *key : {"generations", "items", "bytes", "links"}) object[key] = _NumberOf(report, key);
+    Json problems = Json::array();
+    for (const CommandFailure &failure : failures) problems.push_back(failure.what());
+    if (!failures.empty()) object["problems"] = problems;
+    PrintLine(object);
+}
+
+int RunClone(const Arguments &arguments)
+{
+    const std::string &given = arguments.names.back();
+    if (given.empty()) throw CommandFailure(kExitUsage, "the target is empty");
+    const bool isNamed = arguments.names.size() == 2;
+    if (isNamed && arguments.store) throw CommandFailure(kExitUsage, "the store is named twice, by --store too");
+    const Store store = Store::Require(LocateStore(isNamed ? arguments.names.front() : arguments.store));
+    const std::string target = AbsolutePath(WithoutTrailingSlashes(given));
+
+    const Owned<TQDictionary> report = _Clone(store, target);
+    const std::vector<CommandFailure> failures = _FailuresIn(report.get());
+    _Print(report.get(), store.path(), target, failures, arguments.json);
+    for (const CommandFailure &failure : failures) Say(failure.what());
+    return failures.empty() ? kExitSuccess : failures.front().exitCode();
+}
