@@ -12,10 +12,10 @@
 // flags, whether that user may set a file immutable; compression and clones, whether files can be compressed and cloned
 // here; mount, whether something can be mounted; inode, whether all attributes of an item have to fit beside its inode;
 // tracing, whether a program can be killed at one of its calls; namespaces, whether a user can be root in a user
-// namespace; fuse, whether faulty_volume.py of tests/support can be mounted; hosts, whether tests/hosts lends two
-// hosts, and room, whether it can set a quota; long, whether there is time for what takes minutes. Those of kEverywhere
-// hold on every disk; a volume that lacks one can be tested with the rest. A section with "[volumes]" after "==" is
-// played here, and once more on a volume of each type, unless one volume was chosen.
+// namespace; moved, whether the command's clock can be; fuse, whether faulty_volume.py of tests/support can be mounted;
+// hosts, whether tests/hosts lends two hosts, and room, whether it can set a quota; long, whether there is time for what
+// takes minutes. Those of kEverywhere hold on every disk; a volume that lacks one can be tested with the rest. A section
+// with "[volumes]" after "==" is played here, and once more on a volume of each type, unless one volume was chosen.
 
 #include "Platform/UniqueFd.h"
 #include "support/Tests.h"
@@ -44,7 +44,8 @@ struct Section {
 };
 
 using Conditions = std::set<std::string>;
-constexpr const char *kMeasured[] = {"flags", "compression", "mount", "inode", "tracing", "namespaces", "fuse"};
+constexpr const char *kMeasured[] = {"flags",   "compression", "mount", "inode",
+                                     "tracing", "namespaces",  "moved", "fuse"};
 
 // What every disk can do, and how to see it.
 constexpr struct {
@@ -73,6 +74,7 @@ Conditions ConditionsAt(const std::string &place, As who)
     if (Shell(probe.path(), "cp --reflink=always file clone")) met.insert("clones");
     if (Shell("/", "strace -qq -o /dev/null true")) met.insert("tracing");
     if (Shell("/", "unshare -Ur true")) met.insert("namespaces");
+    if (Shell("/", "PATH=" VAULTRY_COMMANDS ":$PATH; faketime -f +0 vaultry --version")) met.insert("moved");
     if (Shell("/", "on one true")) met.insert("hosts");
     if (disk::Exists("/run/engine/room")) met.insert("room");
     if (getenv("VAULTRY_LONG") != nullptr) met.insert("long");
