@@ -13,9 +13,9 @@
 // here; mount, whether something can be mounted; inode, whether all attributes of an item have to fit beside its inode;
 // tracing, whether a program can be killed at one of its calls; namespaces, whether a user can be root in a user
 // namespace; moved, whether the command's clock can be; fuse, whether faulty_volume.py of tests/support can be mounted;
-// hosts, whether tests/hosts lends two hosts, and room, whether it can set a quota; long, whether there is time for what
-// takes minutes. Those of kEverywhere hold on every disk; a volume that lacks one can be tested with the rest. A section
-// with "[volumes]" after "==" is played here, and once more on a volume of each type, unless one volume was chosen.
+// hosts, whether tests/hosts lends two hosts, and room, whether it can set a quota; long, whether there is time for
+// what takes minutes. Those of kEverywhere hold on every disk; a volume that lacks one can be tested with the rest. A
+// section with "[volumes]" after "==" is played here, and once more on a volume of each type, unless one was chosen.
 
 #include "Platform/UniqueFd.h"
 #include "support/Tests.h"
