@@ -38,6 +38,7 @@ try {
     const std::optional<std::string> name = NewestVersionOf(store, document);
     return name && _IsAsKept(store, *name, document) ? name : std::nullopt;
 } catch (const CommandFailure &failure) {
+    if (failure.exitCode() == kExitInUse) throw; // adding would have to wait, too
     Say("whether " + Quoted(document) + " has changed can't be told: " + failure.what());
     return std::nullopt;
 }
