@@ -14,16 +14,18 @@
 #include <fcntl.h>
 #include <linux/limits.h>
 #include <memory>
-#include <string_view>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 #include <utility>
 
-// Any other name of the "user." space is the document's own.
-static constexpr std::string_view kUsersPrefix = "user.", kLibrarysPrefix = "user.com.corvane.vaultry.";
 static constexpr char kCapability[] = "security.capability";
+
+bool IsUsersAttribute(std::string_view name)
+{
+    return name.starts_with("user.") && !name.starts_with("user.com.corvane.vaultry.");
+}
 
 static CommandFailure _Unreadable(const std::string &what, const std::string &path)
 {
@@ -165,9 +167,8 @@ std::map<std::string, std::string> ComparedItem::Attributes(bool withCapability)
     for (ssize_t at = 0; at < length;) {
         const std::string name = names + at;
         at += static_cast<ssize_t>(name.size()) + 1;
-        const bool isUsers = name.starts_with(kUsersPrefix) && !name.starts_with(kLibrarysPrefix);
         std::string value;
-        if ((isUsers || (withCapability && name == kCapability)) && ReadAttribute(name, value))
+        if ((IsUsersAttribute(name) || (withCapability && name == kCapability)) && ReadAttribute(name, value))
             attributes.emplace(name, value);
     }
     return attributes;

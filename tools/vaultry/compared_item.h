@@ -9,8 +9,12 @@
 #include <ctime>
 #include <map>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 #include <vector>
+
+// Whether an attribute in the "user." space is the document's own, and none that the library keeps beside it.
+bool IsUsersAttribute(std::string_view name);
 
 // One of two trees that are compared.
 struct ComparedTree {

@@ -77,7 +77,7 @@ bool IsSidecar(const std::string &path)
     return path.compare(path.rfind('/') + 1, 2, "._") == 0 && !_IsDirectory(path);
 }
 
-static bool _IsSidecarBelow(const WalkedItem &item)
+bool IsSidecar(const WalkedItem &item)
 {
     return strncmp(item.name, "._", 2) == 0 && item.kind != DT_DIR;
 }
@@ -88,7 +88,7 @@ uint64_t CountSidecars(const std::string &path)
     uint64_t count = 0;
     // A folder that can't be read stops the add itself.
     (void)WalkBelow(path, [&](const WalkedItem &item) {
-        if (_IsSidecarBelow(item)) ++count;
+        if (IsSidecar(item)) ++count;
     });
     return count;
 }
@@ -181,7 +181,7 @@ static Fingerprint _Take(const std::string &path)
     if (!S_ISDIR(top.st_mode)) return fingerprint;
     const int reason = WalkBelow(path, [&](const WalkedItem &item) {
         _Include(fingerprint, item.path, _StatusOf(item.directory, item.name, item.path));
-        if (_IsSidecarBelow(item)) ++fingerprint.sidecars;
+        if (IsSidecar(item)) ++fingerprint.sidecars;
     });
     if (reason != 0) throw CommandFailure::Errno("can't read all of " + Quoted(path), reason);
     return fingerprint;

@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "quiet_walk.h"
+
 #include <vaultry/error.h>
 
 #include <cstdint>
@@ -28,6 +30,7 @@ void TellOfLink(const std::string &given, const std::string &document);
 
 // Whether the library passes the item over, as it does with files that are named "._...".
 bool IsSidecar(const std::string &path);
+bool IsSidecar(const WalkedItem &item);
 
 // How many such files a tree holds.
 uint64_t CountSidecars(const std::string &path);

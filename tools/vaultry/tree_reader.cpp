@@ -2,6 +2,7 @@
 
 #include "tree_reader.h"
 
+#include "compared_item.h"
 #include "document.h"
 #include "failure.h"
 #include "interrupt.h"
@@ -11,7 +12,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/limits.h>
 #include <new>
@@ -70,12 +70,8 @@ TreeReader::Hash TreeReader::HashOfBytes(int fd, uint64_t size)
 // Its descriptor is only read through, so closing it has no error to report.
 class OpenItem {
 public:
-    // Somebody else's file can't be read unnoticed.
-    OpenItem(int directory, const char *name)
+    explicit OpenItem(const WalkedItem &item) : fd_(OpenQuietly(item.directory, item.name, 0))
     {
-        constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-        fd_ = openat(directory, name, flags | O_NOATIME);
-        if (fd_ < 0 && errno == EPERM) fd_ = openat(directory, name, flags);
         if (fd_ < 0) throw CannotRead();
     }
     OpenItem(const OpenItem &) = delete;
@@ -84,16 +80,15 @@ public:
     int get() const { return fd_; }
 
 private:
-    int fd_;
+    const int fd_;
 };
 
-// Whether an attribute is the document's, and not the store's or the system's. The owner's right to write, which a
-// change of the notes lifts for a moment, also stands in the access list of the top.
-static bool _IsOfDocument(std::string_view name, bool isTop)
+// Whether an attribute is to be summed up. The owner's right to write, which a change of the notes lifts for a moment,
+// also stands in the access list of the top.
+static bool _Counts(std::string_view name, bool isTop)
 {
-    if (name.rfind("user.com.corvane.vaultry.", 0) == 0) return false;
     if (name == "system.posix_acl_access") return !isTop;
-    return name.rfind("user.", 0) == 0 || name == "system.posix_acl_default";
+    return IsUsersAttribute(name) || name == "system.posix_acl_default";
 }
 
 // Throws CannotRead.
@@ -106,7 +101,7 @@ uint64_t TreeReader::SumOfAttributes(int fd, bool isTop)
     if (length < 0) throw CannotRead();
     uint64_t sum = 0; // has no order, as the names have none
     for (const char *name = names; name < names + length; name += strlen(name) + 1) {
-        if (!_IsOfDocument(name, isTop)) continue;
+        if (!_Counts(name, isTop)) continue;
         const ssize_t size = fgetxattr(fd, name, value, XATTR_SIZE_MAX);
         if (size < 0) throw CannotRead();
         sum += XXH3_64bits_withSeed(value, static_cast<size_t>(size), HashOfPath(name));
@@ -158,7 +153,7 @@ private:
         const std::string_view below = isTop ? std::string_view() : std::string_view(item.path).substr(top_.size() + 1);
         const uint64_t path = HashOfPath(below);
         if (!isTop) {
-            if (strncmp(item.name, "._", 2) == 0) return; // is no part of what comes back
+            if (IsSidecar(item)) return; // is no part of what comes back
             const size_t slash = below.rfind('/');
             folders_[HashOfPath(slash == below.npos ? "" : below.substr(0, slash))].names += path;
         }
@@ -184,7 +179,7 @@ private:
             text.append(target, static_cast<size_t>(length));
         }
         if (item.kind != DT_REG && item.kind != DT_DIR) return;
-        const OpenItem open(item.directory, item.name);
+        const OpenItem open(item);
         AppendNumber(text, _Permissions(item.path, isTop));
         AppendNumber(text, reader_.SumOfAttributes(open.get(), isTop));
         if (item.kind == DT_DIR) return;
