@@ -7,6 +7,7 @@
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
+#include "rot.h"
 #include "store.h"
 #include "text.h"
 
@@ -41,38 +42,46 @@ static Owned<TQDictionary> _Clone(const Store &store, const std::string &target)
 }
 
 // What is not in the clone as it is in the store.
-static std::vector<CommandFailure> _FailuresIn(const TQDictionary *report)
+static void _NoteFailures(const TQDictionary *report, Problems &problems)
 {
-    std::vector<CommandFailure> failures;
     const auto *array = static_cast<const TQArray *>(EntryOf(report, "failures"));
     for (size_t i = 0; i < TQArrayGetCount(array); ++i) {
         const auto *failure = static_cast<const TQDictionary *>(TQArrayGetValueAtIndex(array, i));
         const bool isKept = TQNumberGetTruth(EntryOf(failure, "kept"));
-        failures.push_back(
-            CommandFailure::Library(Quoted(BytesOf(failure, "name")) +
-                                        (isKept ? " is in the clone, but not quite the same" : " is not in the clone"),
-                                    static_cast<const TQError *>(EntryOf(failure, "error"))));
+        const std::string what = Quoted(BytesOf(failure, "name")) +
+                                 (isKept ? " is in the clone, but not quite the same" : " is not in the clone");
+        problems.Note(
+            [&] { throw CommandFailure::Library(what, static_cast<const TQError *>(EntryOf(failure, "error"))); });
     }
-    return failures;
 }
 
-static void _Print(const TQDictionary *report, const std::string &store, const std::string &target,
-                   const std::vector<CommandFailure> &failures, bool asJson)
+static void _PrintReport(const TQDictionary *report, const std::string &store, const std::string &target)
 {
-    if (!asJson) {
-        printf("cloned %s to %s: %s\nread back and compared: %s, %s\n", Quoted(store).c_str(), Quoted(target).c_str(),
-               _Counted(_NumberOf(report, "generations"), "generation").c_str(),
-               _Counted(_NumberOf(report, "items"), "item").c_str(), HumanSize(_NumberOf(report, "bytes")).c_str());
-        return;
-    }
+    printf("cloned %s to %s: %s\nread back and compared: %s, %s\n", Quoted(store).c_str(), Quoted(target).c_str(),
+           _Counted(_NumberOf(report, "generations"), "generation").c_str(),
+           _Counted(_NumberOf(report, "items"), "item").c_str(), HumanSize(_NumberOf(report, "bytes")).c_str());
+    fflush(stdout); // reading what is sealed may take long
+}
+
+static void _PrintAsJson(const TQDictionary *report, const std::string &store, const std::string &target,
+                         const SealCount &seals, const Problems &problems)
+{
     Json object;
     PutBytes(object, "store", store);
     PutBytes(object, "clone", target);
     for (const char *key : {"generations", "items", "bytes", "links"}) object[key] = _NumberOf(report, key);
-    Json problems = Json::array();
-    for (const CommandFailure &failure : failures) problems.push_back(failure.what());
-    if (!failures.empty()) object["problems"] = problems;
+    object["seals"] = seals.read;
+    if (!problems.none()) object["problems"] = problems.texts();
     PrintLine(object);
+}
+
+// What had rotted before it was copied is the same in the clone: only seals tell.
+static SealCount _ReadSeals(const std::string &target, Problems &problems)
+{
+    const auto note = [&](const Rot &rot) {
+        problems.Note([&] { throw CommandFailure(kExitFailure, Quoted(rot.path) + ": " + rot.meaning); });
+    };
+    return ReadSealed(Store::Require(target), note, problems);
 }
 
 int RunClone(const Arguments &arguments)
@@ -85,8 +94,14 @@ int RunClone(const Arguments &arguments)
     const std::string target = AbsolutePath(WithoutTrailingSlashes(given));
 
     const Owned<TQDictionary> report = _Clone(store, target);
-    const std::vector<CommandFailure> failures = _FailuresIn(report.get());
-    _Print(report.get(), store.path(), target, failures, arguments.json);
-    for (const CommandFailure &failure : failures) Say(failure.what());
-    return failures.empty() ? kExitSuccess : failures.front().exitCode();
+    Problems problems;
+    _NoteFailures(report.get(), problems);
+    if (!arguments.json) _PrintReport(report.get(), store.path(), target);
+    const SealCount seals = _ReadSeals(target, problems);
+    if (arguments.json)
+        _PrintAsJson(report.get(), store.path(), target, seals, problems);
+    else if (seals.sealed > 0)
+        printf("held against their seals: %s\n", _Counted(seals.read, "generation").c_str());
+    problems.SayAll();
+    return problems.exitCode();
 }

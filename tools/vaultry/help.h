@@ -165,9 +165,10 @@ inline constexpr char kCloneFooter[] = R"(
 Copies STORE, or the one that --store names, to TARGET, where nothing is or an
 empty directory: all generations with all that is known of them, protected.
 Files that they share take their room once in the copy, too. Then every item is
-read back and compared with the store. TARGET is no store before that; Ctrl-C
-leaves nothing there. What can't be copied is named, and the exit status is that
-of a failure. Nobody can add or remove meanwhile, only read.
+read back and compared with the store, and what is sealed with its seal. TARGET
+is no store before it was compared, and Ctrl-C leaves nothing there until then.
+What can't be copied, or has rotted, is named, and the exit status is that of a
+failure. Nobody can add or remove meanwhile, only read.
 
 Examples:
   vaultry clone /mnt/disk/versions
