@@ -19,6 +19,7 @@
 #include "Platform/ErrnoKeeper.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Mounts.h"
+#include "Platform/ProcPath.h"
 #include "Runtime/Ref.h"
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_flush.h"
@@ -92,10 +93,10 @@ bool RequireReplaceable(const Request &request, const ReplacedDocument &document
 // The generation as it comes out of the store, in a staging directory whose owner file this operation holds.
 class CopiedOut {
 public:
-    bool Make(const Request &request, const char *generation, const char *documentPath, TQError **error)
+    bool Make(const Request &request, const CopiedPart &part, const char *documentPath, TQError **error)
     {
-        return _CopyOutToStaging(request.store(), {generation, request.how.item},
-                                 OwnerNote::Of(Work::Restore, documentPath), staging_, &mode_, &flags_, error);
+        return _CopyOutToStaging(request.store(), part, OwnerNote::Of(Work::Restore, documentPath), staging_, &mode_,
+                                 &flags_, error);
     }
 
     // The document is not touched before the copy is on disk. Until the copy gets its final mode, only its owner can
@@ -196,38 +197,55 @@ bool CopyToItsPath(const Request &request, const char *documentPath, TQError **e
            _CopyGeneration(request.store(), {generation}, documentPath, /*durable=*/true, error);
 }
 
-// For one item that is missing in a document: the folders on the way to it that are missing, too, come with it.
-bool CopyToItsFolder(const Request &request, const char *generation, const char *path, size_t missing, TQError **error)
+// Where the volume is another one than the store's.
+bool CopyAcross(const Request &request, const CopiedPart &part, const ReplacedDocument &place, TQError **error)
 {
-    const char *const item = request.how.item;
-    PathBuffer made;
-    (void)made.Format("%.*s", static_cast<int>(strlen(path) - strlen(item) + missing), path);
-    const CopiedPart part{generation, item, missing < strlen(item) ? missing : 0};
-    Backup backup(request);
-    if (!backup.Add(error) || !_CopyGeneration(request.store(), part, made.c_str(), /*durable=*/true, error))
+    PathBuffer path;
+    (void)path.Format("%s/%s", platform::ProcPath(place.folder.get()).c_str(), place.name());
+    return _CopyGeneration(request.store(), part, path.c_str(), /*durable=*/true, error);
+}
+
+// Gives the copy its place, where nothing is.
+bool Place(const Request &request, const CopiedPart &part, const ReplacedDocument &place, CopiedOut &out,
+           TQError **error)
+{
+    Beside copy(place, out.staging());
+    bool isAcross = false;
+    if (!out.Flush(error) || !copy.Place(out.staged(), &isAcross, error)) return false;
+    if (isAcross) return CopyAcross(request, part, place, error);
+    if (!copy.GiveRights(out.mode(), place.path, error) || !copy.GiveBlockingFlags(place.path, error) ||
+        !copy.FlushFolder(error))
         return false;
-    backup.Keep();
+    copy.Release();
     return true;
 }
 
-// One item of the document at `folder`.
+// One item of the document at `folder`. Where it is missing, the folders on the way to it that are missing too come
+// with it.
 bool RestoreItem(const Request &request, const char *folder, TQError **error)
 {
+    const char *const item = request.how.item;
     PathBuffer path;
     FoundItem found;
     char generation[kGenerationNameLimit + 1];
-    if (!_FindItem(folder, request.how.item, &found, error)) return false;
-    if (!path.Format("%s/%s", TrimmedPath(folder).c_str(), request.how.item))
+    if (!_FindItem(folder, item, &found, error)) return false;
+    const int length = static_cast<int>(found.length);
+    if (!path.Format("%s/%.*s", TrimmedPath(folder).c_str(), length, item))
         return Failure(error).Refused(kTQStatusBadPath, "The supplied item path is too long");
     if (!TQStringGetGenName(request.name, generation, error)) return false;
-    if (!found.isThere) return CopyToItsFolder(request, generation, path.c_str(), found.length, error);
 
-    ReplacedDocument item(path.c_str(), std::move(found));
+    const bool isThere = found.isThere;
+    const CopiedPart part{generation, item, found.length < strlen(item) ? found.length : 0};
+    ReplacedDocument place(path.c_str(), std::move(found));
     CopiedOut out;
-    if (!RequireReplaceable(request, item, error) || !out.Make(request, generation, path.c_str(), error)) return false;
-    item.rights.flags = out.flags();
+    if (!RequireReplaceable(request, place, error) || !out.Make(request, part, path.c_str(), error)) return false;
+    place.rights.flags = out.flags();
     Backup backup(request);
-    return backup.Add(error) && Replace(request, item, path.c_str(), out, backup, error);
+    if (!backup.Add(error)) return false;
+    if (isThere) return Replace(request, place, path.c_str(), out, backup, error);
+    if (!Place(request, part, place, out, error)) return false;
+    backup.Keep();
+    return true;
 }
 
 mode_t RestoredMode(mode_t staged, mode_t document)
@@ -292,7 +310,7 @@ bool TQLibraryRestoreGenerationWithFlags(TQLibrary *library, const TQString *nam
     if (!restored.Form(request, document, error) || !RequireReplaceable(request, document, error)) return false;
 
     CopiedOut out;
-    if (!out.Make(request, restored.generation, document.trimmed.c_str(), error)) return false;
+    if (!out.Make(request, {restored.generation}, document.trimmed.c_str(), error)) return false;
     Backup backup(request);
     return backup.Add(error) && Replace(request, document, restored.path, out, backup, error);
 }

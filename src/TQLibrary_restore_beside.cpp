@@ -175,6 +175,21 @@ bool Beside::Bring(const StagedCopy &staged, bool *isAcross, TQError **error)
            Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged.path, path_.c_str());
 }
 
+bool Beside::Place(const StagedCopy &staged, bool *isAcross, TQError **error)
+{
+    const Item from = Item::AtPath(staged.path), to = document_.At(document_.name());
+    const ItemId id = ItemId::Of(staged.status);
+    (void)path_.Format("%s", document_.trimmed.c_str());
+    if (platform::RenameIntoNothing(from, id, to) != 0 && platform::HasMoved(from, id, to) != Held::Yes) {
+        *isAcross = errno == EXDEV;
+        return *isAcross || Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged.path,
+                                                 path_.c_str());
+    }
+    status_ = staged.status;
+    MovedTo(document_.name());
+    return OpenCopy(id, error);
+}
+
 bool Beside::CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error)
 {
     isAcross_ = true;

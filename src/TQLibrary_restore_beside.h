@@ -86,6 +86,9 @@ public:
     bool Bring(const StagedCopy &staged, bool *isAcross, TQError **error);
     bool CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error);
 
+    // For a copy where nothing is: it gets its name at once.
+    bool Place(const StagedCopy &staged, bool *isAcross, TQError **error);
+
     // Gives the copy the document's owner and group where that is possible, its hidden extension, access-control lists,
     // mode, and the flags that don't bar a rename; or the mode and such flags of its own. All of it is on disk when it
     // returns true.

@@ -58,13 +58,3 @@ bool _FindItem(const char *top, const char *item, FoundItem *found, TQError **er
         found->folder = std::move(below);
     }
 }
-
-bool _GetPathToItem(const char *generation, const char *item, PathBuffer &path, TQError **error)
-{
-    FoundItem found;
-    if (!_FindItem(generation, item, &found, error)) return false;
-    if (!path.Format("%s/%s", generation, item))
-        return Failure(error).Refused(kTQStatusBadPath, "The supplied item path is too long");
-    return found.isThere ||
-           Failure(error).Refused(kTQStatusInvalidArgument, "The supplied item \"%s\" doesn't exist", item);
-}

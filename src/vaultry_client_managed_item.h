@@ -20,6 +20,3 @@ struct FoundItem {
 
 // False if the path is not that of an item, or nothing can tell what is there.
 bool _FindItem(const char *top, const char *item, FoundItem *found, TQError **error);
-
-// The path of an item that a generation has.
-bool _GetPathToItem(const char *generation, const char *item, PathBuffer &path, TQError **error);

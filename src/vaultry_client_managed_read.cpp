@@ -62,16 +62,34 @@ public:
         if (!generation_.ForReading(store, part.name, error)) return false;
         const char *const top = generation_.path();
         if (!part.item) return path_.Append(top);
-        if (!_GetPathToItem(top, part.item, item_, error)) return false;
-        if (part.from == 0) return path_.Append(item_.c_str());
-        only_ = item_.c_str();
-        return path_.Format("%s/%.*s", top, static_cast<int>(part.from), part.item);
+        return Find(top, part.item, item_, error) &&
+               (part.from == 0 ? path_.Append(item_.c_str()) : FindFolder(top, part, error));
     }
-    const char *path() const { return path_.c_str(); }
-    const char *only() const { return only_; } // the item, if it is not all that is copied
+    Item item() const
+    {
+        if (!found_.isThere) return Item::AtPath(path_.c_str());
+        return {found_.folder.get(), strrchr(path_.c_str(), '/') + 1, path_.c_str()};
+    }
+    const char *only() const { return only_; } // the path of the item, if it is not all that is copied
 
 private:
+    bool Find(const char *top, const char *item, PathBuffer &path, TQError **error)
+    {
+        if (!_FindItem(top, item, &found_, error)) return false;
+        if (!path.Format("%s/%s", top, item))
+            return Failure(error).Refused(kTQStatusBadPath, "The supplied item path is too long");
+        return found_.isThere ||
+               Failure(error).Refused(kTQStatusInvalidArgument, "The supplied item \"%s\" doesn't exist", item);
+    }
+    bool FindFolder(const char *top, const CopiedPart &part, TQError **error)
+    {
+        PathBuffer folder;
+        only_ = item_.c_str();
+        return folder.Format("%.*s", static_cast<int>(part.from), part.item) && Find(top, folder.c_str(), path_, error);
+    }
+
     LockedGeneration generation_;
+    FoundItem found_;
     PathBuffer path_, item_;
     const char *only_ = nullptr;
 };
@@ -93,7 +111,7 @@ bool _CopyOutToStaging(const TQClientManagedStorage *store, const CopiedPart &pa
     LockedPart locked;
     const bool forClient = note.work == Work::CopyOut;
     return locked.ForReading(store, part, error) && staging.Make(store->rootPath, note, error) &&
-           _CopyOutGeneration(locked.path(), staging.staged(), mode, flags, /*made=*/nullptr,
+           _CopyOutGeneration(locked.item(), staging.staged(), mode, flags, /*made=*/nullptr,
                               /*flushEach=*/!forClient, /*leaveWritable=*/forClient, locked.only(), error);
 }
 
@@ -145,7 +163,7 @@ bool _CopyGeneration(const TQClientManagedStorage *store, const CopiedPart &part
     uint16_t mode = 0;
     uint32_t flags = 0;
     platform::DuplixMade made;
-    if (_CopyOutGeneration(locked.path(), target, &mode, &flags, &made, durable, /*leaveWritable=*/false, locked.only(),
+    if (_CopyOutGeneration(locked.item(), target, &mode, &flags, &made, durable, /*leaveWritable=*/false, locked.only(),
                            error) &&
         ApplyFinalRights(target, mode, flags, error) &&
         (!durable || (flush.Flush(target, mode, error) && _FlushEntry(target, error))))

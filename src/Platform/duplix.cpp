@@ -71,8 +71,9 @@ bool TreeCopy::Run(const char *source, const char *destination, const DuplixOpti
 {
     sourceLength_ = strlen(source);
     // Users keep documents on volumes that are mounted inside others; a copy has everything that they see.
+    const Item root = options.root ? *options.root : Item::AtPath(source);
     if (!tree_.Open(destination, options.into, volumes_) ||
-        !walk_.Open(source, TreeWalk::Volumes::All, TreeWalk::Look::Held))
+        !walk_.Open(root, TreeWalk::Volumes::All, TreeWalk::Look::Held))
         return RefusedFromTheStart(source, destination);
     flushEach_ = options.flushEach && !tree_.honoursFlush();
     leavesMode_ = options.leavesMode;

@@ -104,6 +104,9 @@ struct DuplixOptions {
     // Receives what the copy made at the destination, or began in the item of `into`.
     DuplixMade *made = nullptr;
 
+    // Unless null, the root of the source, by descriptor. The path of the source then only names it.
+    const Item *root = nullptr;
+
     // Whether each item is flushed through the descriptor that wrote it. That is done only on a destination volume
     // where nothing else proves that it has kept the item (VolumeHonoursFlush); elsewhere the copy flushes nothing.
     bool flushEach = false;

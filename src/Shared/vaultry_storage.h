@@ -112,9 +112,9 @@ int QuitOnCopyError(TQError **error, int what, int stage, const char *source, co
 
 // As TQCopyOutGeneration. The copy is never more open than it will be in the end, unless `leaveWritable` is set, which
 // is for a copy that is still to be moved. `made`, unless null, tells what was made at the destination. With
-// `flushEach`, each item is flushed as DuplixOptions says. `only`, unless null, is the path of an item below `path`:
-// nothing else is copied then, but the folders on the way to it.
-bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags,
+// `flushEach`, each item is flushed as DuplixOptions says. `only`, unless null, is the path of an item below that of
+// `stored`: nothing else is copied then, but the folders on the way to it.
+bool _CopyOutGeneration(const Item &stored, const char *destination, uint16_t *mode, uint32_t *flags,
                         platform::DuplixMade *made, bool flushEach, bool leaveWritable, const char *only,
                         TQError **error);
 

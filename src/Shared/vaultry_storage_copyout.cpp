@@ -124,22 +124,23 @@ int CopySelected(int what, int stage, DuplixState *state, const char *source, co
 
 bool TQCopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags, TQError **error)
 {
-    return _CopyOutGeneration(path, destination, mode, flags, /*made=*/nullptr, /*flushEach=*/false,
+    return _CopyOutGeneration(Item::AtPath(path), destination, mode, flags, /*made=*/nullptr, /*flushEach=*/false,
                               /*leaveWritable=*/true, /*only=*/nullptr, error);
 }
 
-bool _CopyOutGeneration(const char *path, const char *destination, uint16_t *mode, uint32_t *flags,
+bool _CopyOutGeneration(const Item &stored, const char *destination, uint16_t *mode, uint32_t *flags,
                         platform::DuplixMade *made, bool flushEach, bool leaveWritable, const char *only,
                         TQError **error)
 {
     if (error) *error = nullptr;
     if (mode) *mode = 0;
     if (flags) *flags = 0;
+    const char *const path = stored.path;
     if (!path || !destination || !mode || !flags)
         return Failure(error).Refused(kTQStatusBadPath, "no path was supplied");
     platform::DuplixMade own;
     if (!made) made = &own;
-    const platform::DuplixOptions options{.made = made, .flushEach = flushEach, .leavesMode = true};
+    const platform::DuplixOptions options{.made = made, .root = &stored, .flushEach = flushEach, .leavesMode = true};
     Selection selection{only, error};
     const int result = only ? platform::duplix(path, destination, CopySelected, &selection, options)
                             : platform::duplix(path, destination, _DuplixUnarchiveCallback, error, options);

@@ -156,6 +156,19 @@ TEST_P(Swaps, NothingLeadsOutOfTheTree)
         {"restore",
          {"/store/old", staged, "/desk/*"},
          [](const auto &store, const auto &at) { return store.restore("old", at + "/desk/draft", "backup"); }},
+        {"copy out an item",
+         {"/store/old", "/desk/out"},
+         [](const auto &store, const auto &at) { return store.copy_item("old", "folder/deep", at + "/desk/out"); }},
+        {"restore an item",
+         {"/store/old", staged, "/desk/*"},
+         [](const auto &store, const auto &at) {
+             return store.restore_with("old", at + "/desk/draft", {.item = "folder/deep/leaf"});
+         }},
+        {"restore an item where it is missing",
+         {"/store/old", staged, "/bare"},
+         [](const auto &store, const auto &at) {
+             return store.restore_with("old", at + "/bare", {.item = "folder/deep/leaf"});
+         }},
         {"remove", {"/store/old", staged}, [](const auto &store, const auto &) { return store.remove({"old"}); }},
         {"set options", {"/store/old"}, [](const auto &store, const auto &) { return store.set_options("old", 6); }},
         {"repair", {"/store/old", staged, "/home", "/moving"}},
@@ -172,7 +185,7 @@ TEST_P(Swaps, NothingLeadsOutOfTheTree)
             if (!work.run && GetParam() == As::Root) owner.emplace(As::User);
             TestStore store(TestStore::Document::File, QuickVolume());
             unlink(store.document().c_str());
-            for (const std::string name : {"desk", "spares"}) disk::MakeDirectory(store / name);
+            for (const std::string name : {"desk", "spares", "bare", "bare/folder"}) disk::MakeDirectory(store / name);
             for (const auto &path : {store.document(), store / "desk/draft"})
                 MakeTree(path, "inside", "com.example.kind", seed % 2 == 0 ? 0 : 0222);
             EXPECT_TRUE(store.Add("old"));

@@ -50,7 +50,7 @@ struct Arguments {
     Choice choice;                      // copy, show, restore, diff, set, remove, pin, seal
     std::vector<std::string> names;     // remove, pin, seal; with a choice, documents; clone: [STORE] TARGET
     std::string name;                   // copy, show, restore, diff, set; with a choice, a document
-    std::optional<std::string> item;    // copy, show, restore: only this one, by its path below the top
+    std::optional<std::string> item;    // copy, show, restore, diff: only this one, by its path below the top
     std::string destination;            // copy
     std::optional<std::string> newName; // add
     bool move = false;                  // add

@@ -19,8 +19,9 @@ bool IsUsersAttribute(std::string_view name);
 // One of two trees that are compared.
 struct ComparedTree {
     std::string path;
-    std::string label; // what it is called
-    bool isKept;       // whether it lies in a store
+    std::string label;   // what it is called
+    bool isKept;         // whether it lies in a store
+    bool isItem = false; // whether it is one item of a document or a generation
 };
 
 class ComparedItem {

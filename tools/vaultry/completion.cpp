@@ -9,6 +9,9 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <filesystem>
+
+namespace fs = std::filesystem;
 
 enum class Values { None, Generations, Files, GenerationsAndFiles, Directories };
 
@@ -136,8 +139,20 @@ private:
         if (values == Values::Directories) shellAdds_ = "directories";
         for (const std::string &choice : _Choices(option)) Offer(prefix + choice, word);
         // This takes no lock, since somebody who repairs a big store may hold the lock for long.
-        if (values == Values::Generations || values == Values::GenerationsAndFiles)
-            for (const std::string &generation : PeekAtNames(LocateStore(store_))) Offer(prefix + generation, word);
+        if (values != Values::Generations && values != Values::GenerationsAndFiles) return;
+        for (const std::string &generation : PeekAtNames(LocateStore(store_))) Offer(prefix + generation, word);
+        if (command_->get_option_no_throw("--path")) OfferItems(word);
+    }
+
+    // Of a folder that is typed behind a whole name.
+    void OfferItems(const std::string &word)
+    {
+        const std::string folder = word.substr(0, word.rfind('/') + 1), name = folder.substr(0, folder.find('/'));
+        if (!PeekAtNames(LocateStore(store_)).contains(name)) return;
+        std::error_code error;
+        fs::directory_iterator item(LocateStore(store_) + "/" + folder, error);
+        for (const fs::directory_iterator end; !error && item != end; item.increment(error))
+            Offer(folder + item->path().filename().native(), word);
     }
 
     // A candidate that could not be typed as it stands is left out.

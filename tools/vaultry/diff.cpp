@@ -7,6 +7,7 @@
 #include "document.h"
 #include "failure.h"
 #include "generation.h"
+#include "inner_item.h"
 #include "text.h"
 
 #include <filesystem>
@@ -34,6 +35,18 @@ static ComparedTree _OtherSide(const Store &store, const std::string &name, cons
     return {.path = store.PathOf(other), .label = other, .isKept = true};
 }
 
+// The same item of it, if one is compared.
+static ComparedTree _ItemOf(const ComparedTree &whole, const GenerationItem &item)
+{
+    if (!item.isInner()) return whole;
+    if (!LookForItem(whole.path, whole.label, *item.inner))
+        throw CommandFailure(kExitFailure, "there is no item " + Quoted(*item.inner) + " in " + Quoted(whole.label));
+    return {.path = whole.path + "/" + *item.inner,
+            .label = whole.label + "/" + *item.inner,
+            .isKept = whole.isKept,
+            .isItem = true};
+}
+
 static int _ExitCodeOf(int ofFailure)
 {
     return ofFailure == kExitDiffers ? kExitTrouble : ofFailure;
@@ -42,9 +55,10 @@ static int _ExitCodeOf(int ofFailure)
 static int _Compare(const Arguments &arguments)
 {
     const Store store = Store::Require(LocateStore(arguments.store));
-    const std::string name = ChosenGeneration(store, arguments.choice, arguments.name);
-    const ComparedTree first{.path = store.PathOf(name), .label = name, .isKept = true};
-    const ComparedTree second = _OtherSide(store, name, arguments.other);
+    const GenerationItem item = ChosenItem(store, arguments);
+    const std::string &name = item.name;
+    const ComparedTree first = _ItemOf({.path = store.PathOf(name), .label = name, .isKept = true}, item);
+    const ComparedTree second = _ItemOf(_OtherSide(store, name, arguments.other), item);
     DifferencePrinter printer(first, second, arguments);
     const auto [problems, isWhole] =
         CompareTrees(first, second, {.times = arguments.times}, [&](const Difference &difference) {

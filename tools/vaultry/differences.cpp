@@ -138,7 +138,8 @@ std::string DifferencePrinter::WordsFor(const Difference &difference) const
     say(kOwner, "owner " + _OwnersOf(first) + ", now " + _OwnersOf(second));
     say(kAccessList, "access list");
     say(kFlags, "flags " + _FlagsOf(first) + ", now " + _FlagsOf(second));
-    const bool stays = difference.below.empty() && !second_.isKept && (changes & kOfTheDocument) != 0;
+    const bool stays =
+        difference.below.empty() && !second_.isKept && !second_.isItem && (changes & kOfTheDocument) != 0;
     return words + (stays ? " (a restore in place keeps the document's)" : "");
 }
 

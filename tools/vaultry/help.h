@@ -106,11 +106,13 @@ Example:
 inline constexpr char kDiffFooter[] = R"(
 Compares with the document that the generation was made from, or with another
 document or generation: items, bytes, links, permissions, attributes, access
-lists, flags, and owners where you may give files away. Exit status 0 if nothing
-differs, 1 if something does, 2 or more if not all could be compared.
+lists, flags, and owners where you may give files away. Of one item, the same
+item of the other is compared. Exit status 0 if nothing differs, 1 if something
+does, 2 or more if not all could be compared.
 
 Examples:
   vaultry diff before-review
+  vaultry diff before-review/chapters/one.txt
   vaultry diff --stat --latest Photos/
   vaultry diff --at yesterday report.txt
   vaultry diff before-review after-review)";

@@ -2,6 +2,7 @@
 
 #include "inner_item.h"
 
+#include "document.h"
 #include "failure.h"
 #include "location.h"
 #include "naming.h"
@@ -58,6 +59,9 @@ std::optional<struct stat> LookForItem(const std::string &top, const std::string
 struct stat RequireItem(const std::string &top, const std::string &name, const std::string &inner)
 {
     const Way way = _Follow(top, name, inner);
+    if (way.isThere && IsSidecar(top + "/" + inner))
+        throw CommandFailure(kExitNoSuchGeneration,
+                             Quoted(name + "/" + inner) + " can't be copied out: files named \"._...\" are left out");
     if (way.isThere) return way.status;
     const std::string own = BaseName(way.last), folder = way.last.substr(0, way.last.size() - own.size());
     std::vector<std::string> others;

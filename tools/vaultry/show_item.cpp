@@ -2,6 +2,7 @@
 
 #include "show_item.h"
 
+#include "document.h"
 #include "failure.h"
 #include "json.h"
 #include "location.h"
@@ -53,7 +54,7 @@ static Json _EntriesOf(const std::string &folder, Problems &problems)
         problems.Note([&] {
             const std::string path = folder + "/" + name;
             struct stat status {};
-            if (!IsThere(path, &status)) return;
+            if (!IsThere(path, &status) || IsSidecar(path)) return;
             Json entry;
             PutBytes(entry, "name", name);
             entry["kind"] = _KindOf(status);

@@ -141,6 +141,7 @@ static void _DefineDiff(CLI::App &app, Arguments &arguments)
     CLI::Option *names = diff->add_flag("--name-only", arguments.namesOnly, "Only the paths of what differs");
     names->option_text(" ")->excludes(summary);
     diff->add_flag("--times", arguments.times, "Compare times of modification, too");
+    _AddItem(diff, arguments);
     _AddChoice(diff, arguments);
     _AddJson(diff, arguments);
     diff->get_option("--json")->option_text(" ")->excludes(summary)->excludes(names);
