@@ -75,8 +75,7 @@ static void _DefineAdd(CLI::App &app, Arguments &arguments)
     name->option_text("NAME");
     add->add_option("--tag", arguments.tags, "What to note of it; may be given several times")
         ->option_text("KEY=VALUE")
-        ->expected(1)
-        ->take_all();
+        ->allow_extra_args(false);
     add->add_flag("--pin", arguments.pin, "Keep the generation from being pruned");
     add->add_flag("--retry", arguments.retry, "Read a document once more that changed while it was read");
     add->add_flag("--no-links", arguments.noLinks, "Refuse a document that holds a symbolic link");
@@ -124,7 +123,7 @@ static void _DefineSet(CLI::App &app, Arguments &arguments)
         _AddCommand(app, arguments, Command::Set, "set", "Change what is known of a generation", kSetFooter);
     _AddName(set, arguments);
     set->add_option("KEY=VALUE", arguments.assignments, "What to set in its info dictionary")->option_text("...");
-    set->add_option("--unset", arguments.unset, "Remove a key")->option_text("KEY")->expected(1)->take_all();
+    set->add_option("--unset", arguments.unset, "Remove a key")->option_text("KEY")->allow_extra_args(false);
     set->add_option("--display-name", arguments.displayName, "What to show the document as; \"\" for nothing")
         ->option_text("NAME");
     set->add_option("--options", arguments.options, "The options word, such as 0x4")->option_text("WORD");
