@@ -1,4 +1,5 @@
-# What `cmake --install` lays down: headers, libraries, the command with its manual page, and how to find them.
+# What `cmake --install` lays down: headers, libraries, the command with its manual page and schemas, and how to find
+# them.
 include(CMakePackageConfigHelpers)
 
 # A tree that is moved as a whole still works and still describes itself. A directory of the system is never moved: the
@@ -31,6 +32,7 @@ if(TARGET vaultry_command)
     endif()
     install(TARGETS vaultry_command)
     install(FILES docs/vaultry.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(DIRECTORY docs/schemas DESTINATION ${CMAKE_INSTALL_DATADIR}/vaultry)
 endif()
 install(TARGETS ${libraries} EXPORT vaultry)
 install(DIRECTORY include/vaultry TYPE INCLUDE FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")

@@ -110,7 +110,8 @@ private:
     bool WriteInfo();
     void RemoveSource();
     void FlushRemoval(const OpenSource &former);
-    void Complain(int exitCode, const std::string &message);
+    void Complain(const CommandFailure &failure);
+    void Complain(int exitCode, const std::string &message) { Complain(CommandFailure(exitCode, message)); }
 
     const Store &store_;
     const std::string path_;
@@ -143,10 +144,10 @@ int Addition::Run(bool mayRetry)
     return exitCode_;
 }
 
-void Addition::Complain(int exitCode, const std::string &message)
+void Addition::Complain(const CommandFailure &failure)
 {
-    Say(message);
-    if (exitCode_ == kExitSuccess) exitCode_ = exitCode;
+    Say(failure.At(path_));
+    if (exitCode_ == kExitSuccess) exitCode_ = failure.exitCode();
 }
 
 // What can't be read stops the add itself.
@@ -256,7 +257,7 @@ void Addition::Refuse() const
                        ? "\n  the document was moved all the same: the store holds it as " + Quoted(name_)
                        : "\n  the document could not be put back: it lies below " +
                              Quoted(store_.path() + "/.vaultry_staging") + ", and nothing will remove it there";
-    throw CommandFailure(failure.exitCode(), message);
+    throw failure.Saying(message).At(path_);
 }
 
 // Handles a signal that came too late to cancel. A copied document is removed from the store again. A moved one is
@@ -282,9 +283,9 @@ bool Addition::WriteInfo()
                                     (hasMoreNotes_ ? ", time, tags and pin" : " and time") +
                                     " could not be noted: list may not show it with its document",
                                 error.get());
-    Complain(failure.exitCode(), failure.what() + (IsAttributeSpace(UnderlyingErrno(error.get()), store_.path())
-                                                       ? std::string("\n  ") + kAttributeSpaceIsFull
-                                                       : ""));
+    Complain(failure.Saying(failure.what() + (IsAttributeSpace(UnderlyingErrno(error.get()), store_.path())
+                                                  ? std::string("\n  ") + kAttributeSpaceIsFull
+                                                  : "")));
     return false;
 }
 
@@ -298,7 +299,7 @@ void Addition::RemoveSource()
         if (CountSidecars(path_) != 0)
             return Complain(kExitFailure, kept + "what is named \"._...\" in it was left out of the copy");
     } catch (const CommandFailure &failure) {
-        return Complain(failure.exitCode(), kept + failure.what());
+        return Complain(failure.Saying(kept + failure.what()));
     }
     const OpenSource former(path_);
     struct stat now {};
@@ -308,7 +309,7 @@ void Addition::RemoveSource()
     if (_RemoveTree(path_.c_str(), 0, error.out())) return FlushRemoval(former);
     const CommandFailure failure = CommandFailure::Library(
         Quoted(name_) + " holds " + Quoted(path_) + ", but not all of it could be removed where it was", error.get());
-    Complain(failure.exitCode(), failure.what());
+    Complain(failure);
 }
 
 // Flushes the folder that an item has left. A user may be allowed to change a folder but not to read it; then its
@@ -333,7 +334,7 @@ void Addition::FlushRemoval(const OpenSource &former)
                                                              ", which may be back after a power failure: can't flush " +
                                                              Quoted(folder) + " to disk",
                                                          reason);
-    Complain(failure.exitCode(), failure.what());
+    Complain(failure);
 }
 
 static int _AddDocument(const Store &store, const std::string &given, const Arguments &arguments)
@@ -378,7 +379,8 @@ int RunAdd(const Arguments &arguments)
     int exitCode = kExitSuccess;
     for (const std::string &document : arguments.documents) {
         if (WaitWatch::GaveUp()) {
-            Say(Quoted(document) + " was not tried: another program has the store");
+            Say(CommandFailure(kExitInUse, Quoted(document) + " was not tried: another program has the store")
+                    .At(document));
             if (exitCode == kExitSuccess) exitCode = kExitInUse;
             continue;
         }
@@ -386,7 +388,7 @@ int RunAdd(const Arguments &arguments)
         try {
             one = _AddDocument(store, document, arguments);
         } catch (const CommandFailure &failure) {
-            Say(failure.what());
+            Say(failure.At(document));
             one = failure.exitCode();
         }
         if (InterruptGuard::Came()) return InterruptGuard::ExitCode();

@@ -197,6 +197,6 @@ int RunDiff(const Arguments &arguments)
         return _Differs(arguments) ? kExitDiffers : kExitSuccess;
     } catch (const CommandFailure &failure) {
         if (failure.exitCode() != kExitDiffers) throw;
-        throw CommandFailure(kExitTrouble, failure.what());
+        throw failure.ExitingWith(kExitTrouble);
     }
 }

@@ -160,7 +160,12 @@ void PutBytes(Json &object, const char *key, std::string_view bytes)
     if (!valid) object[std::string(key) + "_base64"] = _ToBase64(bytes);
 }
 
+std::string ToLine(const Json &json)
+{
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
 void PrintLine(const Json &json)
 {
-    puts(json.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+    fputs(ToLine(json).c_str(), stdout);
 }

@@ -23,4 +23,5 @@ Owned<TQValue> ParseValue(const std::string &text);
 void PutBytes(Json &object, const char *key, std::string_view bytes);
 
 // One object a line.
+std::string ToLine(const Json &json);
 void PrintLine(const Json &json);

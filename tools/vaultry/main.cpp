@@ -89,13 +89,13 @@ static int _RunAndReport(int argc, char **argv)
         if (exitCode == kExitFailure) _TellIfSilent(arguments);
         return exitCode;
     } catch (const CommandFailure &failure) {
-        Say(failure.what());
+        Say(failure);
         if (failure.exitCode() == kExitFailure) _TellIfSilent(arguments);
         return failure.exitCode();
     } catch (const std::bad_alloc &) {
-        Say("out of memory");
+        Say(CommandFailure(kExitFailure, "out of memory"));
     } catch (const std::exception &exception) {
-        Say(exception.what());
+        Say(CommandFailure(kExitFailure, exception.what()));
     }
     return kExitFailure;
 }

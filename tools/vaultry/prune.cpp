@@ -117,7 +117,8 @@ public:
             if (!wanted.second)
                 problems.Note([&] {
                     throw CommandFailure(kExitNoSuchGeneration, "the store " + Quoted(store_.path()) +
-                                                                    " holds no generation of " + Quoted(wanted.first));
+                                                                    " holds no generation of " + Quoted(wanted.first))
+                        .At(wanted.first);
                 });
     }
 
@@ -141,7 +142,7 @@ private:
     {
         struct stat status {};
         const std::string path = store_.PathOf(name);
-        if (!IsThere(path, &status)) throw CommandFailure::Errno("can't look at " + Quoted(path), ENOENT);
+        if (!IsThere(path, &status)) throw CommandFailure::Errno("can't look at " + Quoted(path), ENOENT).At(path);
         return ToSeconds(status.st_ctim);
     }
 

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "failure.h"
 #include "generation.h"
+#include "json.h"
 #include "removal.h"
 #include "store.h"
 #include "text.h"
@@ -21,7 +22,8 @@ static void _Require(const Store &store, const std::set<std::string> &present, c
     if (!isBeginning) throw NoSuchGeneration(store, present, name);
     if (const auto document = RefusalOfDocument(store, name)) throw *document;
     throw CommandFailure(kExitNoSuchGeneration, "there is no generation " + Quoted(name) +
-                                                    ", and what is removed has to be named whole, as " + Quoted(*next));
+                                                    ", and what is removed has to be named whole, as " + Quoted(*next))
+        .At(store.path());
 }
 
 int RunRemove(const Arguments &arguments)
@@ -40,8 +42,14 @@ int RunRemove(const Arguments &arguments)
         });
     }
     const std::vector<std::string> gone = RemoveAll(store, names, arguments.pinnedToo, problems);
-    if (isChosen)
-        for (const std::string &name : gone) printf("%s is removed\n", Quoted(name).c_str());
+    for (const std::string &name : gone) {
+        Json object;
+        PutBytes(object, "generation", name);
+        if (arguments.json)
+            PrintLine(object);
+        else if (isChosen)
+            printf("%s is removed\n", Quoted(name).c_str());
+    }
     problems.SayAll();
     return problems.exitCode();
 }

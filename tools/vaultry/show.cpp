@@ -36,7 +36,7 @@ static std::string _Octal(uint32_t mode)
 void DescribeStored(const std::string &path, Json &object, Problems &problems)
 {
     struct stat item {};
-    if (!IsThere(path, &item)) throw CommandFailure::Errno("can't look at " + Quoted(path), ENOENT);
+    if (!IsThere(path, &item)) throw CommandFailure::Errno("can't look at " + Quoted(path), ENOENT).At(path);
     object["kind"] = S_ISDIR(item.st_mode) ? "directory" : S_ISREG(item.st_mode) ? "file" : "other";
     problems.Note([&] { object["size"] = SizeOfTree(path); });
     TQFileStatus status;
@@ -47,7 +47,8 @@ void DescribeStored(const std::string &path, Json &object, Problems &problems)
     if (reason == 0) object["flags"] = _FlagsToJson(status.flags);
     object["modified"] = IsoTime(ToSeconds(item.st_mtim));
     if (reason != 0)
-        throw CommandFailure::Errno("can't read the record of the document's permissions on " + Quoted(path), reason);
+        throw CommandFailure::Errno("can't read the record of the document's permissions on " + Quoted(path), reason)
+            .At(path);
 }
 
 // Shows what can be read; the rest is left out, and noted.

@@ -123,6 +123,7 @@ static void _DefineSet(CLI::App &app, Arguments &arguments)
         ->option_text("NAME");
     set->add_option("--options", arguments.options, "The options word, such as 0x4")->option_text("WORD");
     _AddChoice(set, arguments);
+    _AddJson(set, arguments);
 }
 
 // NAME DOCUMENT, or DOCUMENT alone with a choice.
@@ -172,6 +173,7 @@ static void _DefineRemove(CLI::App &app, Arguments &arguments)
     remove->add_option("NAME", arguments.names, "The generations")->required()->option_text("...");
     remove->add_flag("--pinned", arguments.pinnedToo, "Remove them even if they are pinned");
     _AddChoice(remove, arguments);
+    _AddJson(remove, arguments);
 }
 
 static void _DefinePin(CLI::App &app, Arguments &arguments, Command command, const char *name, const char *description)
@@ -204,7 +206,7 @@ static void _DefinePrune(CLI::App &app, Arguments &arguments)
 void DefineCommands(CLI::App &app, Arguments &arguments)
 {
     _AddCommonOptions(&app, arguments);
-    _AddCommand(app, arguments, Command::Init, "init", "Make a store", kInitFooter);
+    _AddJson(_AddCommand(app, arguments, Command::Init, "init", "Make a store", kInitFooter), arguments);
 
     _DefineAdd(app, arguments);
 
@@ -254,6 +256,7 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
     CLI::App *destroy = _AddCommand(app, arguments, Command::Destroy, "destroy",
                                     "Remove the whole store with all generations", kDestroyFooter);
     destroy->add_flag("--yes", arguments.yes, "Don't ask");
+    _AddJson(destroy, arguments);
 
     _DefineCompletion(app, arguments);
 }
