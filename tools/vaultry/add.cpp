@@ -12,6 +12,7 @@
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
+#include "output.h"
 #include "space.h"
 #include "store.h"
 #include "text.h"
@@ -360,12 +361,11 @@ static int _AddDocument(const Store &store, const std::string &given, const Argu
         PutBytes(object, "generation", addition.name());
         PutBytes(object, "document", document.path);
         PrintLine(object);
-        fflush(stdout);
-        return exitCode;
+    } else {
+        // A script gets the name as it is, a terminal in a form that can't harm it.
+        puts(isatty(STDOUT_FILENO) ? Printable(addition.name()).c_str() : addition.name().c_str());
     }
-    // A script gets the name as it is, a terminal in a form that can't harm it.
-    puts(isatty(STDOUT_FILENO) ? Printable(addition.name()).c_str() : addition.name().c_str());
-    fflush(stdout);
+    RequireOutput(Quoted(document.path) + " is kept as " + Quoted(addition.name()));
     return exitCode;
 }
 

@@ -8,6 +8,7 @@
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
+#include "output.h"
 #include "store.h"
 #include "text.h"
 
@@ -137,9 +138,10 @@ int RunCopy(const Arguments &arguments)
         if (item.isInner()) PutBytes(object, "item", *item.inner);
         PutBytes(object, "destination", destination);
         PrintLine(object);
-        return kExitSuccess;
+    } else {
+        const std::string shown = isatty(STDOUT_FILENO) ? Printable(destination) : destination;
+        puts(shown.c_str());
     }
-    const std::string shown = isatty(STDOUT_FILENO) ? Printable(destination) : destination;
-    puts(shown.c_str());
+    RequireOutput(Quoted(name) + " is copied to " + Quoted(destination));
     return kExitSuccess;
 }

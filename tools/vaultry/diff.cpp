@@ -7,6 +7,7 @@
 #include "failure.h"
 #include "generation.h"
 #include "json.h"
+#include "output.h"
 #include "text.h"
 
 #include <cerrno>
@@ -188,7 +189,9 @@ static bool _Differs(const Arguments &arguments)
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string name = ChosenGeneration(store, arguments.choice, arguments.name);
     Comparison comparison({store.PathOf(name), name}, _OtherSide(store, name, arguments.other), arguments.json);
-    return comparison.Differs();
+    const bool differs = comparison.Differs();
+    RequireOutput(); // or else it would pass for a difference
+    return differs;
 }
 
 int RunDiff(const Arguments &arguments)

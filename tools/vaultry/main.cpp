@@ -6,14 +6,13 @@
 #include "commands.h"
 #include "failure.h"
 #include "location.h"
+#include "output.h"
 #include "progress_bar.h"
 #include "waiting.h"
 
 #include <vaultry/log.h>
 
 #include <clocale>
-#include <cstdio>
-#include <cstring>
 #include <exception>
 #include <new>
 #include <syslog.h>
@@ -102,13 +101,15 @@ static int _RunAndReport(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+    HoldStandardStreams();
     // This is only for the width of characters: names are UTF-8 whatever the user's locale is.
     setlocale(LC_CTYPE, "C.UTF-8");
     const int exitCode = _RunAndReport(argc, argv);
-    // It is a failure if the output did not arrive.
-    if (fflush(stdout) != 0 && exitCode == kExitSuccess) {
-        Say(std::string("can't write to standard output: ") + strerror(errno));
-        return kExitFailure;
+    try {
+        RequireOutput();
+    } catch (const CommandFailure &failure) {
+        Say(failure);
+        return exitCode == kExitSuccess ? failure.exitCode() : exitCode;
     }
     return exitCode;
 }

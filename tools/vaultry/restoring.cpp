@@ -12,6 +12,7 @@
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
+#include "output.h"
 #include "text.h"
 #include "times.h"
 
@@ -247,13 +248,16 @@ int BringBack(const Store &store, const GenerationItem &item, const std::string 
         if (backup.name) PutBytes(object, "backup", *backup.name);
         if (carried > 0) object["carried_over"] = carried;
         PrintLine(object);
-        problems.SayAll();
-        return problems.exitCode();
+    } else {
+        printf("%s is restored from %s\n", Quoted(restored).c_str(), Quoted(item.asTyped()).c_str());
+        const std::string what = item.isInner() ? Quoted(document) : "it";
+        if (backup.name) printf("what %s was is kept as %s\n", what.c_str(), Quoted(*backup.name).c_str());
+        if (carried > 0) printf("its history, %zu in all, is that of %s now\n", carried, Quoted(restored).c_str());
     }
-    printf("%s is restored from %s\n", Quoted(restored).c_str(), Quoted(item.asTyped()).c_str());
-    const std::string what = item.isInner() ? Quoted(document) : "it";
-    if (backup.name) printf("what %s was is kept as %s\n", what.c_str(), Quoted(*backup.name).c_str());
-    if (carried > 0) printf("its history, %zu in all, is that of %s now\n", carried, Quoted(restored).c_str());
+    problems.Note([&] {
+        RequireOutput(Quoted(restored) + " is restored from " + Quoted(item.asTyped()) +
+                      (backup.name ? ", what it was is kept as " + Quoted(*backup.name) : ""));
+    });
     problems.SayAll();
     return problems.exitCode();
 }
