@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,8 @@ Json ToJson(const TQValue *value);
 // Throws CommandFailure if the text is not JSON, or can't be a property-list value (null, a malformed "$date" or
 // "$data", containers nested too deep).
 Owned<TQValue> ParseValue(const std::string &text);
+
+std::optional<std::string> FromBase64(std::string_view text);
 
 void PutBytes(Json &object, const char *key, std::string_view bytes);
 

@@ -34,13 +34,11 @@ static void _PrintAsTable(const std::vector<Entry> &entries, bool isLong)
     columns.push_back({"DOCUMENT", Align::Left});
     Table table(columns);
     for (const Entry &entry : entries) {
-        char options[32];
-        snprintf(options, sizeof options, "0x%llx", static_cast<unsigned long long>(entry.options));
         const std::string none = entry.isKnown ? "-" : "?";
         std::vector<std::string> cells = {Printable(entry.name), entry.info.time ? HumanTime(*entry.info.time) : none,
                                           entry.size ? HumanSize(*entry.size) : "?"};
         if (isLong) {
-            cells.push_back(options);
+            cells.push_back(OptionsText(entry.options));
             cells.push_back(entry.displayName.empty() ? "-" : Printable(entry.displayName));
         }
         const std::string backup = entry.info.backupOf ? " (put aside)" : "";

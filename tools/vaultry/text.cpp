@@ -109,6 +109,13 @@ std::string HumanSize(uint64_t bytes)
     return text;
 }
 
+std::string OptionsText(uint64_t options)
+{
+    char text[32];
+    snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(options));
+    return text;
+}
+
 bool IsTerminal(FILE *stream)
 {
     const char *term = getenv("TERM");

@@ -24,6 +24,9 @@ std::string FittedTo(std::string_view text, size_t width);
 // "512 B", "4.0 KiB", "1.2 GiB".
 std::string HumanSize(uint64_t bytes);
 
+// An options word, as set takes it: "0x6".
+std::string OptionsText(uint64_t options);
+
 // Whether `stream` is a terminal that knows escape sequences; and whether to use colour there.
 bool IsTerminal(FILE *stream);
 bool UsesColour(FILE *stream);
