@@ -2,10 +2,12 @@
 
 #include "description.h"
 
+#include "pager.h"
 #include "text.h"
 #include "times.h"
 #include "typed_time.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <grp.h>
@@ -92,20 +94,26 @@ static std::string _Words(const std::string &key, const Json &value)
     return value.is_string() ? Printable(text) : _Value(value);
 }
 
+static constexpr size_t kLabelWidth = 13;
+
 static std::string _Label(const std::string &key)
 {
     static const std::map<std::string, std::string> labels = {
         {"modified", "last changed"}, {"mode", "rights"}, {"display_name", "shown as"}, {"backup_of", "put aside"}};
     const auto found = labels.find(key);
-    return found == labels.end() ? key : found->second;
+    std::string label = (found == labels.end() ? key : found->second) + ":";
+    label.resize(std::max(label.size(), kLabelWidth), ' ');
+    return label + " ";
 }
 
 void PrintDescription(const Json &object)
 {
+    std::vector<std::string> lines;
     for (const auto &[key, value] : object.items())
         if (key != "info" && key != "problems" && !key.ends_with("_base64"))
-            printf("%-13s %s\n", (_Label(key) + ":").c_str(), _Words(key, value).c_str());
-    if (!object.contains("info")) return;
-    for (const auto &[key, value] : object["info"].items())
-        printf("  %s = %s\n", Printable(key).c_str(), _Value(value).c_str());
+            lines.push_back(_Label(key) + _Words(key, value));
+    if (object.contains("info"))
+        for (const auto &[key, value] : object["info"].items())
+            lines.push_back("  " + Printable(key) + " = " + _Value(value));
+    PrintLines(lines);
 }

@@ -8,6 +8,7 @@
 #include "generation.h"
 #include "json.h"
 #include "output.h"
+#include "pager.h"
 #include "text.h"
 
 #include <cerrno>
@@ -105,6 +106,7 @@ static void _ShowContents(const Side &a, const Side &b, const std::string &below
     if (error != 0) throw CommandFailure::Errno("can't run diff", error);
     int status = 0;
     (void)waitpid(child, &status, 0);
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE) return; // whoever reads has seen enough
     if (!WIFEXITED(status) || WEXITSTATUS(status) > 1)
         throw CommandFailure(kExitFailure, "diff could not compare " + Quoted(first) + " with " + Quoted(second));
 }
@@ -189,7 +191,11 @@ static bool _Differs(const Arguments &arguments)
     const Store store = Store::Require(LocateStore(arguments.store));
     const std::string name = ChosenGeneration(store, arguments.choice, arguments.name);
     Comparison comparison({store.PathOf(name), name}, _OtherSide(store, name, arguments.other), arguments.json);
-    const bool differs = comparison.Differs();
+    bool differs = false;
+    {
+        const Pager pager(arguments.json ? 0 : SIZE_MAX);
+        differs = comparison.Differs();
+    }
     RequireOutput(); // or else it would pass for a difference
     return differs;
 }

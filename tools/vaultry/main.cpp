@@ -7,6 +7,7 @@
 #include "failure.h"
 #include "location.h"
 #include "output.h"
+#include "pager.h"
 #include "progress_bar.h"
 #include "waiting.h"
 
@@ -83,6 +84,7 @@ static int _RunAndReport(int argc, char **argv)
     try {
         if (const auto exitCode = ParseArguments(argc, argv, arguments)) return *exitCode;
         _OpenLog(arguments.verbose);
+        if (arguments.noPager) Pager::DisableAll();
         const WaitWatch watch(arguments.wait);
         const int exitCode = _Run(arguments);
         if (exitCode == kExitFailure) _TellIfSilent(arguments);

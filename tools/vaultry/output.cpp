@@ -3,6 +3,7 @@
 #include "output.h"
 
 #include "failure.h"
+#include "pager.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -19,6 +20,8 @@ void HoldStandardStreams()
 
 void RequireOutput(const std::string &done)
 {
+    if (Pager::TakeFailure())
+        throw CommandFailure(kExitFailure, "the pager can't be run, so nothing was shown: --no-pager does without");
     errno = 0;
     bool hasArrived = fflush(stdout) == 0 && !ferror(stdout);
     // Some file systems tell only when a file is closed that they could not write.

@@ -183,12 +183,12 @@ static void _PrintPlan(const std::vector<Row> &rows)
                  {"NAME", Align::Left},
                  {"TIME", Align::Left},
                  {"KEPT BY", Align::Left},
-                 {"DOCUMENT", Align::Left}});
+                 {"DOCUMENT", Align::Path}});
     for (const Row &row : rows)
         table.AddRow({row.keptBy.any() ? "keep" : "remove", Printable(row.name), row.time ? HumanTime(*row.time) : "-",
                       row.keptBy.any() ? _Joined(RuleWords(row.keptBy)) : "-",
                       row.document ? Printable(*row.document) + (row.isPutAside ? " (put aside)" : "") : "-"});
-    table.Print(stdout);
+    table.Print();
 }
 
 static void _RemovePlanned(const Store &store, std::vector<Row> &rows, Problems &problems)

@@ -34,6 +34,16 @@ static void _AddJson(CLI::App *command, Arguments &arguments)
     command->add_flag("--json", arguments.json, "Print JSON, one object a line");
 }
 
+static void _AddNoPager(CLI::App *command, Arguments &arguments)
+{
+    command->add_flag("--no-pager", arguments.noPager, "Don't show what is long page by page");
+}
+
+static std::string _RequireText(const std::string &text)
+{
+    return text.empty() ? "wants a name, and not \"\"" : "";
+}
+
 // A generation has a NAME, or is chosen of a DOCUMENT's.
 static void _AddChoice(CLI::App *command, Arguments &arguments)
 {
@@ -90,7 +100,9 @@ static std::string _RequireCount(const std::string &text)
 static void _DefineList(CLI::App &app, Arguments &arguments)
 {
     CLI::App *list = _AddCommand(app, arguments, Command::List, "list", "Show what is kept", kListFooter);
-    list->add_option("DOCUMENT", arguments.document, "Only generations of this document")->option_text(" ");
+    list->add_option("DOCUMENT", arguments.document, "Only generations of this document")
+        ->option_text(" ")
+        ->check(_RequireText);
     CLI::Option *isLong = list->add_flag("--long", arguments.longList, "Show options and display names too");
     isLong->option_text(" ");
     list->add_option("--since", arguments.since, "Only generations since that time")->option_text("TIME");
@@ -110,6 +122,7 @@ static void _DefineList(CLI::App &app, Arguments &arguments)
     list->add_option("--without-options", arguments.withoutOptions, "Only with none of these option bits")
         ->option_text("WORD");
     _AddJson(list, arguments);
+    _AddNoPager(list, arguments);
 }
 
 static void _DefineSet(CLI::App &app, Arguments &arguments)
@@ -201,6 +214,7 @@ static void _DefinePrune(CLI::App &app, Arguments &arguments)
     prune->add_flag("--foreign", arguments.foreign, "Prune generations of other programs, too");
     prune->add_flag("--dry-run", arguments.isDryRun, "Only show what would be kept and removed");
     _AddJson(prune, arguments);
+    _AddNoPager(prune, arguments);
 }
 
 void DefineCommands(CLI::App &app, Arguments &arguments)
@@ -217,6 +231,7 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
     _AddItem(show, arguments);
     _AddChoice(show, arguments);
     _AddJson(show, arguments);
+    _AddNoPager(show, arguments);
 
     CLI::App *copy =
         _AddCommand(app, arguments, Command::Copy, "copy", "Bring a generation back as a document", kCopyFooter);
@@ -236,9 +251,12 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
 
     CLI::App *diff = _AddCommand(app, arguments, Command::Diff, "diff", "Show what has changed since", kDiffFooter);
     _AddName(diff, arguments);
-    diff->add_option("OTHER", arguments.other, "A document, or another generation")->option_text(" ");
+    diff->add_option("OTHER", arguments.other, "A document, or another generation")
+        ->option_text(" ")
+        ->check(_RequireText);
     _AddChoice(diff, arguments);
     _AddJson(diff, arguments);
+    _AddNoPager(diff, arguments);
 
     _DefineSet(app, arguments);
 
