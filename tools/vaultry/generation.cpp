@@ -202,15 +202,22 @@ static CommandFailure _NothingOf(const Store &store, const std::vector<Kept> &hi
 
 std::string ChosenGeneration(const Store &store, const Choice &choice, const std::string &given)
 {
-    if (!choice.isMade()) return ResolveGeneration(store, given);
-    const std::optional<double> limit = _LimitOf(choice);
+    return Chooser(store, choice).ChosenFor(given);
+}
+
+std::string Chooser::ChosenFor(const std::string &given)
+{
+    if (!choice_.isMade()) return ResolveGeneration(store_, given);
+    if (!history_) limit_ = _LimitOf(choice_);
     const std::string document = DocumentPathIfKnown(given);
     TellOfLink(given, document);
-    Problems problems;
-    const std::vector<Kept> history = ReadHistory(store, problems);
-    problems.SayAll();
-    if (const auto newest = _NewestOf(history, document, limit, Wanted::Versions)) return *newest;
-    throw _NothingOf(store, history, document, choice).At(document);
+    if (!history_) {
+        Problems problems;
+        history_ = ReadHistory(store_, problems);
+        problems.SayAll();
+    }
+    if (const auto newest = _NewestOf(*history_, document, limit_, Wanted::Versions)) return *newest;
+    throw _NothingOf(store_, *history_, document, choice_).At(document);
 }
 
 std::optional<std::string> NewestBackupOf(const Store &store, const std::string &document)

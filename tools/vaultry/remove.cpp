@@ -34,9 +34,10 @@ int RunRemove(const Arguments &arguments)
     const std::set<std::string> present = store.Names();
     std::vector<std::string> names;
     Problems problems;
+    Chooser chooser(store, arguments.choice);
     for (const std::string &given : arguments.names) {
         problems.Note([&] {
-            const std::string name = isChosen ? ChosenGeneration(store, arguments.choice, given) : given;
+            const std::string name = isChosen ? chooser.ChosenFor(given) : given;
             _Require(store, present, name);
             if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
         });
