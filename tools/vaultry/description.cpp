@@ -43,7 +43,7 @@ static std::string _NameOf(const Json &number, Entry *(*find)(unsigned), char *(
     return entry ? Printable(nameOf(entry)) + " (" + number.dump() + ")" : number.dump();
 }
 
-static std::string _Joined(const Json &words)
+static std::string _Listed(const Json &words)
 {
     std::string text;
     for (const Json &word : words) text += (text.empty() ? "" : ", ") + word.get<std::string>();
@@ -87,7 +87,7 @@ static std::string _Words(const std::string &key, const Json &value)
     if (key == "mode") return _Rights(text);
     if (key == "owner") return _NameOf<passwd>(value, getpwuid, [](const passwd *user) { return user->pw_name; });
     if (key == "group") return _NameOf<group>(value, getgrgid, [](const group *members) { return members->gr_name; });
-    if (key == "flags") return _Joined(value);
+    if (key == "flags") return _Listed(value);
     if (key == "options") return OptionsText(value.get<uint64_t>());
     if (key == "backup_of") return "by a restore" + (text.empty() ? "" : " from " + Quoted(text));
     if (value.is_boolean()) return value ? "yes" : "no";

@@ -29,13 +29,12 @@ static std::string _DataDirectory()
     // A relative path in this variable is to be ignored: it would mean another place in every directory.
     const std::string data = _Environment("XDG_DATA_HOME");
     if (!data.empty() && data.front() == '/') return data;
-    std::string home = _Environment("HOME");
-    if (home.empty()) {
-        const struct passwd *user = getpwuid(geteuid());
-        if (user) home = user->pw_dir;
-    }
-    if (home.empty()) throw CommandFailure(kExitUsage, "no home directory to keep a store in: give --store DIR");
-    return home + "/.local/share";
+    const char *home = getenv("HOME");
+    const struct passwd *user = home ? nullptr : getpwuid(geteuid());
+    if (user) home = user->pw_dir;
+    if (!home) throw CommandFailure(kExitUsage, "no home directory to keep a store in: give --store DIR");
+    if (home[0] == '/') return std::string(home) + "/.local/share";
+    throw CommandFailure(kExitUsage, "the home directory " + Quoted(home) + " is no absolute path: give --store DIR");
 }
 
 std::string AbsolutePath(const std::string &path)
