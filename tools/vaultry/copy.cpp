@@ -142,6 +142,6 @@ int RunCopy(const Arguments &arguments)
         const std::string shown = isatty(STDOUT_FILENO) ? Printable(destination) : destination;
         puts(shown.c_str());
     }
-    RequireOutput(Quoted(name) + " is copied to " + Quoted(destination));
+    RequireOutput(Quoted(item.asTyped()) + " is copied to " + Quoted(destination));
     return kExitSuccess;
 }

@@ -106,7 +106,7 @@ static std::string _Label(const std::string &key)
     return label + " ";
 }
 
-void PrintDescription(const Json &object)
+void PrintDescription(const Json &object, const std::vector<std::string> &moreLines)
 {
     std::vector<std::string> lines;
     for (const auto &[key, value] : object.items())
@@ -115,5 +115,6 @@ void PrintDescription(const Json &object)
     if (object.contains("info"))
         for (const auto &[key, value] : object["info"].items())
             lines.push_back("  " + Printable(key) + " = " + _Value(value));
+    lines.insert(lines.end(), moreLines.begin(), moreLines.end());
     PrintLines(lines);
 }
