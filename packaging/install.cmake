@@ -1,5 +1,5 @@
-# What `cmake --install` lays down: headers, libraries, the command with its manual page and its timers, and how to find
-# them.
+# What `cmake --install` lays down: headers, libraries, the command with its manual page, its timers, schemas and
+# completions, and how to find them.
 include(CMakePackageConfigHelpers)
 
 # A tree that is moved as a whole still works and still describes itself. A directory of the system is never moved: the
@@ -34,6 +34,15 @@ if(TARGET vaultry_command)
     install(FILES docs/vaultry.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
     # Users' service managers look below lib, wherever libraries go.
     install(DIRECTORY packaging/systemd/ DESTINATION lib/systemd/user)
+    install(DIRECTORY docs/schemas DESTINATION ${CMAKE_INSTALL_DATADIR}/vaultry)
+    if(NOT CMAKE_CROSSCOMPILING OR CMAKE_CROSSCOMPILING_EMULATOR)
+        set(share ${CMAKE_INSTALL_DATADIR})
+        install(FILES ${PROJECT_BINARY_DIR}/completion.bash DESTINATION ${share}/bash-completion/completions
+            RENAME vaultry)
+        install(FILES ${PROJECT_BINARY_DIR}/completion.zsh DESTINATION ${share}/zsh/site-functions RENAME _vaultry)
+        install(FILES ${PROJECT_BINARY_DIR}/completion.fish DESTINATION ${share}/fish/vendor_completions.d
+            RENAME vaultry.fish)
+    endif()
 endif()
 install(TARGETS ${libraries} EXPORT vaultry)
 install(DIRECTORY include/vaultry TYPE INCLUDE FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")

@@ -80,6 +80,8 @@ expect("the subcommand", [f"vaultry {name}" for name in commands], "tests/transc
 for name in commands:
     if not (root / f"tools/vaultry/{name}.cpp").is_file():
         problems.append(f"the subcommand {name!r} has no tools/vaultry/{name}.cpp")
+    if not (root / f"docs/schemas/{name}.json").is_file():
+        problems.append(f"the subcommand {name!r} has no docs/schemas/{name}.json")
 
 print(*problems, sep="\n")
 sys.exit(1 if problems else 0)

@@ -23,6 +23,31 @@ target_link_libraries(static vaultry::static)
 """
 
 
+def documents_its_options(vaultry, page):
+    """The page has each option of each command's help where it tells of that command, or of all, and no other."""
+    def options(text):
+        return set(re.findall(r"(?<![\w-])--[a-z][a-z-]*", text.replace("\\-", "-")))
+
+    def help_of(*command):
+        return run(vaultry, *command, "--help", where="/", env={})
+
+    def helped(*command):
+        return set(re.findall(r"^  (?:-\w,)?(--[a-z-]+)", help_of(*command), re.M))
+
+    commands = re.findall(r"^  (\w+) ", help_of().split("Subcommands:")[1].split("\n\n")[0], re.M)
+    each, rest = page.split(".SS All commands")[1].split("\n.SH OPTIONS")
+    parts = re.split(r'^\.T[PQ]\n\.B[RI]? "?(%s)\b' % "|".join(commands), each, flags=re.M)
+    told = dict(zip(parts[1::2], parts[2::2]))
+    of_all = options(page.split(".SS Which generation")[1].split(".SS")[0] + rest.split("\n.SH")[0])
+    every = helped()
+    for command in commands:
+        every |= helped(command)
+        if missing := helped(command) - options(told.get(command, "")) - of_all:
+            sys.exit(f"vaultry.1 does not tell {command}'s {missing}")
+    if wrong := options(page) - every:
+        sys.exit(f"vaultry.1 tells of {wrong}, which no command has")
+
+
 with tempfile.TemporaryDirectory(prefix="vaultry-installed-") as temporary:
     where = pathlib.Path(temporary).resolve()
     prefix = where / "prefix"
@@ -44,7 +69,13 @@ with tempfile.TemporaryDirectory(prefix="vaultry-installed-") as temporary:
     keeps_a_letter(where / "build/static", where)
     run(where / "examples/history", where=where, code=2)
 
-    run(prefix / "bin/vaultry", "--help", where=where, env={})
+    documents_its_options(prefix / "bin/vaultry", (prefix / "share/man/man1/vaultry.1").read_text(encoding="utf-8"))
+    for shell, name in ("bash", "bash-completion/completions/vaultry"), ("zsh", "zsh/site-functions/_vaultry"), \
+            ("fish", "fish/vendor_completions.d/vaultry.fish"):
+        if (prefix / "share" / name).read_text() != run(prefix / "bin/vaultry", "completion", shell, where=where):
+            sys.exit(f"share/{name} is not what the command prints")
+    if not (prefix / "share/vaultry/schemas/error.json").is_file():
+        sys.exit("no schemas are installed")
 
     # What the timers run is what the command takes, and the system's checker takes the units.
     units = sorted((prefix / "lib/systemd/user").iterdir())

@@ -136,8 +136,15 @@ std::vector<Section> ReadSections(const std::string &file, const std::string &pl
 
 constexpr char kEnd = '\x1e'; // the end of an answer
 
-// A traced process can't be searched for leaks.
-constexpr char kTracing[] = "strace() { LSAN_OPTIONS=detect_leaks=0 command strace \"$@\"; }\n";
+// A traced process can't be searched for leaks. What is printed as JSON is noted, and held against its schemas.
+constexpr char kFunctions[] = R"sh(strace() { LSAN_OPTIONS=detect_leaks=0 command strace "$@"; }
+vaultry() {
+    case " $* " in *" --json "*) ;; *) command vaultry "$@"; return ;; esac
+    local call; call=$(mktemp -d "$JSON/XXXXXX"); printf %s "$*" >"$call/words"
+    command vaultry "$@" >"$call/out" 2>"$call/error"; set -- $?
+    cat "$call/out"; cat "$call/error" >&2; return "$1"
+}
+)sh";
 
 // A section that is being played: one shell runs all its commands, and marks the end of each answer.
 class Performance {
@@ -146,9 +153,11 @@ public:
     {
         const std::string &directory = directory_.path();
         std::string script =
-            "exec </dev/null >" + apart_.path() + "/said 2>&1; cd " + directory + "; umask 022\n" + kTracing;
+            "exec </dev/null >" + apart_.path() + "/said 2>&1; cd " + directory + "; umask 022\n" + kFunctions;
         for (const Step &step : section.steps)
             script += "{ " + step.command + "\n}\nstatus=$?; [ $status = 0 ] || echo \"[$status]\"; printf '\\036'\n";
+        const std::string json = disk::MakeDirectory(apart_ / "json");
+        script += "ls " + json + " | grep -q . && schemas.py " + json + " >" + apart_ / "wrong" + " 2>&1\n";
         const std::string file = disk::Write(apart_ / "script", script);
         shell_ = fork();
         if (shell_ != 0) return;
@@ -156,7 +165,7 @@ public:
         const std::string path =
             VAULTRY_COMMANDS ":" VAULTRY_TESTS_DIRECTORY "/support:" + std::string(getenv("PATH")) + ":/usr/sbin:/sbin";
         for (const auto &[name, value] :
-             {std::pair{"PATH", path}, {"HOME", directory}, {"LC_ALL", "C.UTF-8"}, {"TZ", "UTC"}})
+             {std::pair{"PATH", path}, {"HOME", directory}, {"LC_ALL", "C.UTF-8"}, {"TZ", "UTC"}, {"JSON", json}})
             setenv(name, value.c_str(), 1);
         execl("/bin/sh", "sh", file.c_str(), nullptr);
         _exit(127);
@@ -174,6 +183,7 @@ public:
                                                << step.answer << "but answers:\n"
                                                << answer;
         }
+        EXPECT_EQ(disk::Read(apart_ / "wrong"), "") << file << ": " << section_.title;
     }
 
 private:

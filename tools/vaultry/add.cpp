@@ -12,6 +12,7 @@
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
+#include "output.h"
 #include "sealing.h"
 #include "space.h"
 #include "store.h"
@@ -112,7 +113,8 @@ private:
     bool WriteInfo();
     void RemoveSource();
     void FlushRemoval(const OpenSource &former);
-    void Complain(int exitCode, const std::string &message);
+    void Complain(const CommandFailure &failure);
+    void Complain(int exitCode, const std::string &message) { Complain(CommandFailure(exitCode, message)); }
 
     const Store &store_;
     const std::string path_;
@@ -145,10 +147,10 @@ int Addition::Run(bool mayRetry)
     return exitCode_;
 }
 
-void Addition::Complain(int exitCode, const std::string &message)
+void Addition::Complain(const CommandFailure &failure)
 {
-    Say(message);
-    if (exitCode_ == kExitSuccess) exitCode_ = exitCode;
+    Say(failure.At(path_));
+    if (exitCode_ == kExitSuccess) exitCode_ = failure.exitCode();
 }
 
 // What can't be read stops the add itself.
@@ -258,7 +260,7 @@ void Addition::Refuse() const
                        ? "\n  the document was moved all the same: the store holds it as " + Quoted(name_)
                        : "\n  the document could not be put back: it lies below " +
                              Quoted(store_.path() + "/.vaultry_staging") + ", and nothing will remove it there";
-    throw CommandFailure(failure.exitCode(), message);
+    throw failure.Saying(message).At(path_);
 }
 
 // Handles a signal that came too late to cancel. A copied document is removed from the store again. A moved one is
@@ -269,8 +271,9 @@ void Addition::EndWhereInterrupted()
     try {
         store_.Remove({name_}, /*pinnedToo=*/true);
     } catch (const CommandFailure &failure) { // another program has the store by now, say
-        throw CommandFailure(InterruptGuard::ExitCode(), "stopped too late: " + Quoted(path_) + " is kept as " +
-                                                             Quoted(name_) + ": " + failure.what());
+        throw failure
+            .Saying("stopped too late: " + Quoted(path_) + " is kept as " + Quoted(name_) + ": " + failure.what())
+            .ExitingWith(InterruptGuard::ExitCode());
     }
     throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(path_) + " was not kept");
 }
@@ -284,9 +287,9 @@ bool Addition::WriteInfo()
                                     (hasMoreNotes_ ? ", time, tags and pin" : " and time") +
                                     " could not be noted: list may not show it with its document",
                                 error.get());
-    Complain(failure.exitCode(), failure.what() + (IsAttributeSpace(UnderlyingErrno(error.get()), store_.path())
-                                                       ? std::string("\n  ") + kAttributeSpaceIsFull
-                                                       : ""));
+    Complain(failure.Saying(failure.what() + (IsAttributeSpace(UnderlyingErrno(error.get()), store_.path())
+                                                  ? std::string("\n  ") + kAttributeSpaceIsFull
+                                                  : "")));
     return false;
 }
 
@@ -300,7 +303,7 @@ void Addition::RemoveSource()
         if (CountSidecars(path_) != 0)
             return Complain(kExitFailure, kept + "what is named \"._...\" in it was left out of the copy");
     } catch (const CommandFailure &failure) {
-        return Complain(failure.exitCode(), kept + failure.what());
+        return Complain(failure.Saying(kept + failure.what()));
     }
     const OpenSource former(path_);
     struct stat now {};
@@ -310,7 +313,7 @@ void Addition::RemoveSource()
     if (_RemoveTree(path_.c_str(), 0, error.out())) return FlushRemoval(former);
     const CommandFailure failure = CommandFailure::Library(
         Quoted(name_) + " holds " + Quoted(path_) + ", but not all of it could be removed where it was", error.get());
-    Complain(failure.exitCode(), failure.what());
+    Complain(failure);
 }
 
 // Flushes the folder that an item has left. A user may be allowed to change a folder but not to read it; then its
@@ -335,7 +338,7 @@ void Addition::FlushRemoval(const OpenSource &former)
                                                              ", which may be back after a power failure: can't flush " +
                                                              Quoted(folder) + " to disk",
                                                          reason);
-    Complain(failure.exitCode(), failure.what());
+    Complain(failure);
 }
 
 // Whether it is still what its newest version holds; that is said then.
@@ -348,7 +351,7 @@ static bool _IsUnchanged(const Store &store, const std::string &document, bool j
         PutBytes(object, "document", document);
         PutBytes(object, "unchanged_since", *name);
         PrintLine(object);
-        fflush(stdout);
+        RequireOutput();
     } else {
         Say(Quoted(document) + " is unchanged since " + Quoted(*name));
     }
@@ -382,12 +385,11 @@ static int _AddDocument(const Store &store, const std::string &given, const Argu
         PutBytes(object, "document", document.path);
         if (arguments.seal) object["sealed"] = sealing == kExitSuccess;
         PrintLine(object);
-        fflush(stdout);
-        return exitCode;
+    } else {
+        // A script gets the name as it is, a terminal in a form that can't harm it.
+        puts(isatty(STDOUT_FILENO) ? Printable(addition.name()).c_str() : addition.name().c_str());
     }
-    // A script gets the name as it is, a terminal in a form that can't harm it.
-    puts(isatty(STDOUT_FILENO) ? Printable(addition.name()).c_str() : addition.name().c_str());
-    fflush(stdout);
+    RequireOutput(Quoted(document.path) + " is kept as " + Quoted(addition.name()));
     return exitCode;
 }
 
@@ -401,7 +403,8 @@ int RunAdd(const Arguments &arguments)
     int exitCode = kExitSuccess;
     for (const std::string &document : arguments.documents) {
         if (WaitWatch::GaveUp()) {
-            Say(Quoted(document) + " was not tried: another program has the store");
+            Say(CommandFailure(kExitInUse, Quoted(document) + " was not tried: another program has the store")
+                    .At(document));
             if (exitCode == kExitSuccess) exitCode = kExitInUse;
             continue;
         }
@@ -409,7 +412,7 @@ int RunAdd(const Arguments &arguments)
         try {
             one = _AddDocument(store, document, arguments);
         } catch (const CommandFailure &failure) {
-            Say(failure.what());
+            Say(failure.At(document));
             one = failure.exitCode();
         }
         if (InterruptGuard::Came()) return InterruptGuard::ExitCode();

@@ -118,6 +118,14 @@ static void _TakeWordsAsTheyAre(CLI::App &app)
     for (CLI::App *command : app.get_subcommands({})) _TakeWordsAsTheyAre(*command);
 }
 
+// Told from the words alone, since a line that can't be read is told to a program, too.
+static bool _WantsJson(int argc, char **argv)
+{
+    for (int i = 1; i < argc && argv[i] != std::string_view("--"); ++i)
+        if (argv[i] == std::string_view("--json")) return true;
+    return false;
+}
+
 std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)
 {
     CLI::App app(kDescription, "vaultry");
@@ -126,9 +134,12 @@ std::optional<int> ParseArguments(int argc, char **argv, Arguments &arguments)
     app.get_formatter()->column_width(24);
     app.set_version_flag("--version", "vaultry " VAULTRY_VERSION, "Show the version and exit");
     app.require_subcommand(1);
-    app.failure_message([](const CLI::App *parsed, const CLI::Error &error) {
+    const bool wantsJson = _WantsJson(argc, argv);
+    if (wantsJson) SayInJson();
+    app.failure_message([wantsJson](const CLI::App *parsed, const CLI::Error &error) {
         const std::string wrong = _WrongWord(*parsed);
-        return "vaultry: " + (wrong.empty() ? error.what() : wrong) + "\nTry \"vaultry --help\".\n";
+        const CommandFailure failure(kExitUsage, wrong.empty() ? error.what() : wrong);
+        return failure.Line() + (wantsJson ? "" : "Try \"vaultry --help\".\n");
     });
     DefineCommands(app, arguments);
     if (argc > 1 && argv[1] == std::string_view(kCompleteWord)) {

@@ -44,6 +44,7 @@ struct Arguments {
     bool verbose = false;
     std::optional<double> wait; // seconds
     bool json = false;          // print for a program
+    bool noPager = false;
 
     std::vector<std::string> documents; // add, prune
     std::string document;               // list, usage: empty for all; restore, undo; moved: the old path

@@ -28,7 +28,7 @@ static CommandFailure _Refusal(const Store &store, const std::string &name, cons
 {
     const CommandFailure failure = CommandFailure::Library("can't note the new path on " + Quoted(name), error);
     const bool isOfAttributes = IsAttributeSpace(UnderlyingErrno(error), store.path());
-    return {failure.exitCode(), failure.what() + (isOfAttributes ? std::string("\n  ") + kAttributeSpaceIsFull : "")};
+    return failure.Saying(failure.what() + (isOfAttributes ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
 }
 
 // One call for all, as far as the first that is refused; then one for those after it.

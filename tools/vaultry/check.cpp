@@ -83,9 +83,9 @@ int RunCheck(const Arguments &arguments)
     const std::string path = LocateStore(arguments.checked ? arguments.checked : arguments.store);
     switch (LookAtPlace(path)) {
     case PlaceKind::Missing:
-        throw CommandFailure(kExitFailure, "there is no store at " + Quoted(path));
+        throw CommandFailure(kExitFailure, "there is no store at " + Quoted(path)).At(path);
     case PlaceKind::Other:
-        throw CommandFailure(kExitFailure, Quoted(path) + " is no store");
+        throw CommandFailure(kExitFailure, Quoted(path) + " is no store").At(path);
     case PlaceKind::Free: // may hold one of the store's own two files; the library tells
     case PlaceKind::Damaged:
     case PlaceKind::Store:
@@ -93,7 +93,7 @@ int RunCheck(const Arguments &arguments)
     }
     Owned<TQError> error;
     const Owned<TQArray> findings(TQClientManagedStorageCopyFindings(path.c_str(), arguments.repair, error.out()));
-    if (!findings) throw CommandFailure::Library("can't check " + Quoted(path), error.get());
+    if (!findings) throw CommandFailure::Library("can't check " + Quoted(path), error.get()).At(path);
 
     const size_t count = TQArrayGetCount(findings.get());
     for (size_t i = 0; i < count; ++i)

@@ -13,8 +13,7 @@
 
 #include <vaultry/number.h>
 
-static constexpr char kCloneIsRemoved[] = "\nvaultry: stopping: what was copied is removed; once more ends at once and "
-                                          "leaves it\n";
+static constexpr char kCloneIsRemoved[] = "stopping: what was copied is removed; once more ends at once and leaves it";
 
 static uint64_t _NumberOf(const TQDictionary *report, const char *key)
 {

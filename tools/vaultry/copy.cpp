@@ -8,6 +8,7 @@
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
+#include "output.h"
 #include "store.h"
 #include "text.h"
 
@@ -19,8 +20,8 @@
 #include <unistd.h>
 
 // The message of Ctrl-C while the copy is made, which can't be stopped half-way.
-static constexpr char kCopyIsRemoved[] = "\nvaultry: stopping: the copy is removed as soon as it is through; "
-                                         "once more ends at once and leaves what is there\n";
+static constexpr char kCopyIsRemoved[] = "stopping: the copy is removed as soon as it is through; "
+                                         "once more ends at once and leaves what is there";
 
 // The item's name; or the document's, if the store knows it; else the generation's own name.
 static std::string _OwnName(const Store &store, const GenerationItem &item)
@@ -31,7 +32,7 @@ static std::string _OwnName(const Store &store, const GenerationItem &item)
     try {
         own = BaseName(store.InfoOf(name).document.value_or(""));
     } catch (const CommandFailure &failure) { // the generation can still be copied
-        Say(failure.what());
+        Say(failure);
     }
     // Any client may have written it, so it is checked before it becomes part of a path.
     return own.empty() || own == "." || own == ".." || own.find('\0') != own.npos ? name : own;
@@ -44,9 +45,9 @@ static std::string _DestinationPath(const Store &store, const GenerationItem &it
     const std::string path = WithoutTrailingSlashes(given);
     struct stat status {};
     const bool isThere = stat(path.c_str(), &status) == 0;
-    if (!isThere && errno != ENOENT) throw CommandFailure::Errno("can't copy to " + Quoted(given), errno);
+    if (!isThere && errno != ENOENT) throw CommandFailure::Errno("can't copy to " + Quoted(given), errno).At(path);
     if (isThere && S_ISDIR(status.st_mode)) return path + "/" + _OwnName(store, item);
-    if (given.back() == '/') throw CommandFailure(kExitFailure, "there is no directory " + Quoted(given));
+    if (given.back() == '/') throw CommandFailure(kExitFailure, "there is no directory " + Quoted(given)).At(path);
     return path;
 }
 
@@ -56,19 +57,21 @@ static std::string _FreeDestination(const Store &store, const std::string &given
     const size_t slash = given.rfind('/');
     const std::string parent = slash == given.npos ? "." : given.substr(0, slash + 1);
     const std::unique_ptr<char, void (*)(void *)> resolved(realpath(parent.c_str(), nullptr), free);
-    if (!resolved) throw CommandFailure::Errno("can't copy to the directory " + Quoted(parent), errno);
+    if (!resolved) throw CommandFailure::Errno("can't copy to the directory " + Quoted(parent), errno).At(parent);
     const std::string folder = std::string(resolved.get()) == "/" ? "" : resolved.get();
     const std::string destination = folder + "/" + BaseName(given);
 
     struct stat status {};
     // The library takes a dangling link for nothing, and would remove it after failing on it.
     if (lstat(destination.c_str(), &status) == 0)
-        throw CommandFailure(kExitExists, Quoted(destination) + " is there already, and nothing is ever replaced");
-    if (errno != ENOENT) throw CommandFailure::Errno("can't copy to " + Quoted(destination), errno);
+        throw CommandFailure(kExitExists, Quoted(destination) + " is there already, and nothing is ever replaced")
+            .At(destination);
+    if (errno != ENOENT) throw CommandFailure::Errno("can't copy to " + Quoted(destination), errno).At(destination);
 
     // Root could write there, and would make an unprotected generation.
     if (destination.rfind(store.path() + "/", 0) == 0)
-        throw CommandFailure(kExitFailure, Quoted(destination) + " is inside the store " + Quoted(store.path()));
+        throw CommandFailure(kExitFailure, Quoted(destination) + " is inside the store " + Quoted(store.path()))
+            .At(destination);
     return destination;
 }
 
@@ -91,12 +94,13 @@ static void _TakeBack(const std::string &generation, const std::string &destinat
 {
     if (!_IsCopyOf(generation, destination))
         throw CommandFailure(InterruptGuard::ExitCode(),
-                             "stopped, but what is at " + Quoted(destination) + " stays: it was changed meanwhile");
+                             "stopped, but what is at " + Quoted(destination) + " stays: it was changed meanwhile")
+            .At(destination);
     Owned<TQError> error;
     if (!_RemoveTree(destination.c_str(), 0, error.out()))
-        throw CommandFailure(
-            InterruptGuard::ExitCode(),
-            CommandFailure::Library("stopped, but can't remove " + Quoted(destination), error.get()).what());
+        throw CommandFailure::Library("stopped, but can't remove " + Quoted(destination), error.get())
+            .At(destination)
+            .ExitingWith(InterruptGuard::ExitCode());
     throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
 }
 
@@ -134,9 +138,10 @@ int RunCopy(const Arguments &arguments)
         if (item.isInner()) PutBytes(object, "item", *item.inner);
         PutBytes(object, "destination", destination);
         PrintLine(object);
-        return kExitSuccess;
+    } else {
+        const std::string shown = isatty(STDOUT_FILENO) ? Printable(destination) : destination;
+        puts(shown.c_str());
     }
-    const std::string shown = isatty(STDOUT_FILENO) ? Printable(destination) : destination;
-    puts(shown.c_str());
+    RequireOutput(Quoted(item.asTyped()) + " is copied to " + Quoted(destination));
     return kExitSuccess;
 }

@@ -24,8 +24,8 @@ void CopyOut(const std::string &source, const std::string &destination, const st
     if (isCopied) return;
     if (InterruptGuard::Came() && UnderlyingErrno(error.get()) == ECANCELED)
         throw CommandFailure(InterruptGuard::ExitCode(), "stopped: nothing was copied");
-    const CommandFailure failure = CommandFailure::Library(what, error.get());
+    const CommandFailure failure = CommandFailure::Library(what, error.get()).At(destination);
     const std::string parent = destination.substr(0, destination.rfind('/') + 1);
     if (!IsAttributeSpace(error.get(), parent, source)) throw failure;
-    throw CommandFailure(failure.exitCode(), std::string(failure.what()) + "\n  " + kAttributeSpaceIsFull);
+    throw failure.Saying(std::string(failure.what()) + "\n  " + kAttributeSpaceIsFull);
 }

@@ -8,6 +8,8 @@
 #include "failure.h"
 #include "generation.h"
 #include "inner_item.h"
+#include "output.h"
+#include "pager.h"
 #include "text.h"
 
 #include <filesystem>
@@ -60,13 +62,17 @@ static int _Compare(const Arguments &arguments)
     const ComparedTree first = _ItemOf({.path = store.PathOf(name), .label = name, .isKept = true}, item);
     const ComparedTree second = _ItemOf(_OtherSide(store, name, arguments.other), item);
     DifferencePrinter printer(first, second, arguments);
-    const auto [problems, isWhole] =
-        CompareTrees(first, second, {.times = arguments.times}, [&](const Difference &difference) {
-            printer.Show(difference);
-            return true;
-        });
+    Problems problems;
+    {
+        const Pager pager(arguments.json ? 0 : SIZE_MAX);
+        problems = CompareTrees(first, second, {.times = arguments.times}, [&](const Difference &difference) {
+                       printer.Show(difference);
+                       return true;
+                   }).problems;
+        if (problems.none() || !printer.none()) printer.Finish();
+    }
     problems.SayAll();
-    if (problems.none() || !printer.none()) printer.Finish();
+    RequireOutput(); // or else it would pass for a difference
     if (!problems.none()) return _ExitCodeOf(problems.exitCode());
     return printer.none() ? kExitSuccess : kExitDiffers;
 }
@@ -76,6 +82,6 @@ int RunDiff(const Arguments &arguments)
     try {
         return _Compare(arguments);
     } catch (const CommandFailure &failure) {
-        throw CommandFailure(_ExitCodeOf(failure.exitCode()), failure.what());
+        throw failure.ExitingWith(_ExitCodeOf(failure.exitCode()));
     }
 }

@@ -10,6 +10,7 @@
 #include <vaultry/file_status.h>
 
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -107,6 +108,7 @@ void DifferencePrinter::ShowContents(const Difference &difference) const
     if (error != 0) throw CommandFailure::Errno("can't run diff", error);
     int status = 0;
     (void)waitpid(child, &status, 0);
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE) return; // whoever reads has seen enough
     if (!WIFEXITED(status) || WEXITSTATUS(status) > 1)
         throw CommandFailure(kExitFailure, "diff could not compare " + Quoted(difference.first->path()) + " with " +
                                                Quoted(difference.second->path()));

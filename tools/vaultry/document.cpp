@@ -25,13 +25,14 @@ Document ResolveDocument(const std::string &given)
     const std::string path = WithoutTrailingSlashes(given);
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0)
-        throw CommandFailure::Errno("can't find the document " + Quoted(given), errno);
+        throw CommandFailure::Errno("can't find the document " + Quoted(given), errno).At(path);
     const bool isLink = S_ISLNK(status.st_mode);
     const std::unique_ptr<char, void (*)(void *)> resolved(realpath(path.c_str(), nullptr), free);
     if (!resolved)
         throw CommandFailure::Errno((isLink ? "can't find what the link " : "can't find the document ") +
                                         Quoted(given) + (isLink ? " points to" : ""),
-                                    errno);
+                                    errno)
+            .At(path);
     return {resolved.get(), isLink};
 }
 
@@ -45,7 +46,8 @@ std::string DocumentPath(const std::string &given)
     _RequireName(given);
     std::error_code error;
     const fs::path whole = fs::weakly_canonical(AbsolutePath(WithoutTrailingSlashes(given)), error);
-    if (error) throw CommandFailure::Errno("can't find the way to the document " + Quoted(given), error.value());
+    if (error)
+        throw CommandFailure::Errno("can't find the way to the document " + Quoted(given), error.value()).At(given);
     return whole.native();
 }
 
@@ -169,7 +171,7 @@ static struct stat _StatusOf(int directory, const char *name, const std::string 
 {
     struct stat status {};
     if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
-        throw CommandFailure::Errno("can't look at " + Quoted(path), errno);
+        throw CommandFailure::Errno("can't look at " + Quoted(path), errno).At(path);
     return status;
 }
 
@@ -183,7 +185,7 @@ static Fingerprint _Take(const std::string &path)
         _Include(fingerprint, item.path, _StatusOf(item.directory, item.name, item.path));
         if (IsSidecar(item)) ++fingerprint.sidecars;
     });
-    if (reason != 0) throw CommandFailure::Errno("can't read all of " + Quoted(path), reason);
+    if (reason != 0) throw CommandFailure::Errno("can't read all of " + Quoted(path), reason).At(path);
     return fingerprint;
 }
 

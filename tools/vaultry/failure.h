@@ -1,12 +1,14 @@
 // The command's message when something goes wrong, and its exit code.
 //
 // A failure is one sentence that names the operation, the place and the reason, then at most a few lines that
-// explain it. It is thrown where it is known, and shown once, where the command decides whether to go on.
+// explain it. It is thrown where it is known, and shown once, where the command decides whether to go on. With --json
+// each is an object on standard error, and so is each note.
 
 #pragma once
 
 #include <vaultry/error.h>
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -32,10 +34,27 @@ public:
     static CommandFailure Library(const std::string &what, const TQError *error);
     static CommandFailure Errno(const std::string &what, int errorNumber);
 
+    // The same failure in other words, or with another exit code.
+    CommandFailure Saying(const std::string &message) const;
+    CommandFailure ExitingWith(int exitCode) const;
+    // The same failure, of the document, file or store there, unless that is known already.
+    CommandFailure At(const std::string &path) const;
+
     int exitCode() const { return exitCode_; }
+    // As it is shown, with the end of the line.
+    std::string Line() const;
 
 private:
+    struct LibraryError {
+        int status;
+        std::string domain;
+        intptr_t code;
+    };
+
     int exitCode_;
+    std::optional<LibraryError> error_;
+    int errorNumber_ = 0; // of the system error underneath, if there is one
+    std::string path_;    // "" if it is none's
 };
 
 int ExitCodeForStatus(int status);
@@ -67,5 +86,10 @@ private:
     std::vector<CommandFailure> failures_;
 };
 
-// One line on standard error, after "vaultry: ".
-void Say(const std::string &message);
+// Lets all that is said be objects.
+void SayInJson();
+
+// What is worth knowing, but no failure: one line on standard error, after "vaultry: ".
+void Say(const std::string &note);
+std::string LineOfNote(const std::string &note);
+void Say(const CommandFailure &failure);

@@ -55,7 +55,8 @@ std::optional<CommandFailure> RefusalOfDocument(const Store &store, const std::s
     return CommandFailure(kExitNoSuchGeneration,
                           Quoted(given) + " is a document, and no generation; kept of it: " + std::to_string(count) +
                               "\n  " + (hasVersion ? "\"--latest " + typed + "\" stands for the newest, and " : "") +
-                              "\"vaultry list " + typed + "\" names all");
+                              "\"vaultry list " + typed + "\" names all")
+        .At(document);
 }
 
 // Those that begin so.
@@ -84,14 +85,16 @@ CommandFailure NoSuchGeneration(const Store &store, const std::set<std::string> 
     if (const auto document = RefusalOfDocument(store, given)) return *document;
     const auto nearest = NearestTo(given, {present.begin(), present.end()}, Match::Beginning);
     return CommandFailure(kExitNoSuchGeneration, "there is no generation " + Quoted(given) + " in the store " +
-                                                     Quoted(store.path()) + DidYouMean(nearest));
+                                                     Quoted(store.path()) + DidYouMean(nearest))
+        .At(store.path());
 }
 
 void RefuseLink(const Store &store, const std::string &name, const std::string &outcome)
 {
     struct stat status {};
     if (IsThere(store.path() + "/" + name, &status) && S_ISLNK(status.st_mode))
-        throw CommandFailure(kExitFailure, Quoted(name) + " is a link, and no generation" + outcome);
+        throw CommandFailure(kExitFailure, Quoted(name) + " is a link, and no generation" + outcome)
+            .At(store.path() + "/" + name);
 }
 
 // The name that was given, or the only one that it is the beginning of.
@@ -113,7 +116,7 @@ static std::string _NameFor(const Store &store, const std::string &given)
     std::string message = Quoted(given) + " is the beginning of " + std::to_string(candidates.size()) + " generations:";
     for (size_t i = 0; i < candidates.size() && i < kShownCandidates; ++i) message += "\n  " + Printable(candidates[i]);
     if (candidates.size() > kShownCandidates) message += "\n  ...";
-    throw CommandFailure(kExitFailure, message);
+    throw CommandFailure(kExitFailure, message).At(store.path());
 }
 
 std::string ResolveGeneration(const Store &store, const std::string &given)
@@ -199,15 +202,22 @@ static CommandFailure _NothingOf(const Store &store, const std::vector<Kept> &hi
 
 std::string ChosenGeneration(const Store &store, const Choice &choice, const std::string &given)
 {
-    if (!choice.isMade()) return ResolveGeneration(store, given);
-    const std::optional<double> limit = _LimitOf(choice);
+    return Chooser(store, choice).ChosenFor(given);
+}
+
+std::string Chooser::ChosenFor(const std::string &given)
+{
+    if (!choice_.isMade()) return ResolveGeneration(store_, given);
+    if (!history_) limit_ = _LimitOf(choice_);
     const std::string document = DocumentPathIfKnown(given);
     TellOfLink(given, document);
-    Problems problems;
-    const std::vector<Kept> history = ReadHistory(store, problems);
-    problems.SayAll();
-    if (const auto newest = _NewestOf(history, document, limit, Wanted::Versions)) return *newest;
-    throw _NothingOf(store, history, document, choice);
+    if (!history_) {
+        Problems problems;
+        history_ = ReadHistory(store_, problems);
+        problems.SayAll();
+    }
+    if (const auto newest = _NewestOf(*history_, document, limit_, Wanted::Versions)) return *newest;
+    throw _NothingOf(store_, *history_, document, choice_).At(document);
 }
 
 std::optional<std::string> NewestVersionOf(const Store &store, const std::string &document)

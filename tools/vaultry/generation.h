@@ -11,6 +11,19 @@ std::string ResolveGeneration(const Store &store, const std::string &given);
 // The same, or, with a choice, the one of the document `given` that was chosen. Throws if there is none.
 std::string ChosenGeneration(const Store &store, const Choice &choice, const std::string &given);
 
+// The same for several words of one command line: what there is to choose from is read, and told of, once.
+class Chooser {
+public:
+    Chooser(const Store &store, const Choice &choice) : store_(store), choice_(choice) {}
+    std::string ChosenFor(const std::string &given);
+
+private:
+    const Store &store_;
+    const Choice &choice_;
+    std::optional<std::vector<Kept>> history_ = {};
+    std::optional<double> limit_ = {};
+};
+
 // A generation, or one item of it.
 struct GenerationItem {
     std::string name;

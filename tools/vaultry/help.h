@@ -49,7 +49,10 @@ their place, a message says what is wrong, and the exit status is that of a
 failure; the others are listed all the same. With a DOCUMENT, a generation whose
 document can't be read is not listed, but has its message. With --json, one
 object a line: name, document, kept, size, options, display_name, backup_of for
-what a restore put aside, and problems, a list of messages, where there are any.
+what a restore put aside, pinned, and problems, a list of messages, where there
+are any. On a terminal, documents lose their first folders where they are too
+wide, and what is longer than the screen is shown by $VAULTRY_PAGER, $PAGER or
+less.
 --documents shows how many generations there are of each document, the first and
 the last time, and the size of all, as if nothing were shared.
 

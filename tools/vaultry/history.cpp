@@ -31,7 +31,8 @@ std::vector<Kept> ReadHistory(const Store &store, Problems &problems)
     for (const std::string &name : names) {
         problems.Note([&] {
             if (links.contains(name))
-                throw CommandFailure(kExitFailure, Quoted(name) + " is a link, and no generation");
+                throw CommandFailure(kExitFailure, Quoted(name) + " is a link, and no generation")
+                    .At(store.path() + "/" + name);
             try {
                 all.push_back({name, store.PeekAtInfoOf(name)});
             } catch (const CommandFailure &) {

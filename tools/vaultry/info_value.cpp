@@ -15,10 +15,9 @@ void SetInfoValue(const Store &store, const std::string &name, const std::string
     const Owned<TQDictionary> info(TQDictionaryCreate(keys, values, 1));
     if (TQClientManagedStorageSetGenerationInfoValues(store.handle(), name.c_str(), info.get(), error.out())) return;
     const CommandFailure failure =
-        CommandFailure::Library("can't set " + Quoted(key) + " of " + Quoted(name), error.get());
+        CommandFailure::Library("can't set " + Quoted(key) + " of " + Quoted(name), error.get()).At(store.PathOf(name));
     const bool isOfAttributes = IsAttributeSpace(UnderlyingErrno(error.get()), store.path());
-    throw CommandFailure(failure.exitCode(),
-                         failure.what() + (isOfAttributes ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
+    throw failure.Saying(failure.what() + (isOfAttributes ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
 }
 
 // The library gives no error object for a failure under the lock. Looking again, and errno, tell the reason.

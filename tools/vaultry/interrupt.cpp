@@ -8,6 +8,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstring>
+#include <string>
 #include <unistd.h>
 
 static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP};
@@ -15,6 +16,7 @@ static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP};
 static std::atomic<int> gSignal{0};
 static std::atomic<TQProgress *> gProgress{nullptr};
 static std::atomic<const char *> gMessage{nullptr};
+static std::string gLine; // of the message
 static std::array<struct sigaction, kSignals.size()> gPrevious;
 
 extern "C" {
@@ -49,7 +51,9 @@ InterruptGuard::InterruptGuard(TQProgress *progress, const char *message)
 void InterruptGuard::Catch(TQProgress *progress, const char *message)
 {
     gProgress = progress;
-    gMessage = message;
+    gLine = message && *message ? LineOfNote(message) : "";
+    if (!gLine.empty() && gLine[0] != '{') gLine.insert(0, 1, '\n'); // behind the "^C" of a terminal
+    gMessage = message ? gLine.c_str() : nullptr;
     for (size_t i = 0; i < kSignals.size(); ++i) {
         struct sigaction action {};
         action.sa_handler = _OnSignal;

@@ -11,7 +11,6 @@
 #include <vaultry/number.h>
 
 #include <cstdio>
-#include <optional>
 
 static constexpr char kBase64Digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
@@ -27,7 +26,7 @@ static std::string _ToBase64(std::string_view bytes)
     return text;
 }
 
-static std::optional<std::string> _FromBase64(std::string_view text)
+std::optional<std::string> FromBase64(std::string_view text)
 {
     std::string bytes;
     uint32_t group = 0;
@@ -104,7 +103,7 @@ static Owned<TQValue> _Tagged(const Json &object)
         return Owned<TQValue>(TQDateCreate(time->first));
     }
     if (!object.contains("$data")) return Owned<TQValue>();
-    const auto bytes = _FromBase64(text);
+    const auto bytes = FromBase64(text);
     if (!bytes) throw CommandFailure(kExitUsage, Quoted(text) + " is not base64");
     return Owned<TQValue>(TQDataCreate(bytes->data(), bytes->size()));
 }
@@ -160,7 +159,12 @@ void PutBytes(Json &object, const char *key, std::string_view bytes)
     if (!valid) object[std::string(key) + "_base64"] = _ToBase64(bytes);
 }
 
+std::string ToLine(const Json &json)
+{
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
 void PrintLine(const Json &json)
 {
-    puts(json.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+    fputs(ToLine(json).c_str(), stdout);
 }

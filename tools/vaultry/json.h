@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,7 +21,10 @@ Json ToJson(const TQValue *value);
 // "$data", containers nested too deep).
 Owned<TQValue> ParseValue(const std::string &text);
 
+std::optional<std::string> FromBase64(std::string_view text);
+
 void PutBytes(Json &object, const char *key, std::string_view bytes);
 
 // One object a line.
+std::string ToLine(const Json &json);
 void PrintLine(const Json &json);

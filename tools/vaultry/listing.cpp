@@ -21,9 +21,15 @@ static void _PrintAsJson(const std::vector<Entry> &entries)
         object["options"] = entry.options;
         if (!entry.displayName.empty()) PutBytes(object, "display_name", entry.displayName);
         if (entry.info.backupOf) PutBytes(object, "backup_of", *entry.info.backupOf);
+        if (entry.info.isPinned) object["pinned"] = true;
         if (!entry.problems.empty()) object["problems"] = entry.problems;
         PrintLine(object);
     }
+}
+
+static std::string _MarksOf(const GenerationInfo &info)
+{
+    return std::string(info.backupOf ? " (put aside)" : "") + (info.isPinned ? " (pinned)" : "");
 }
 
 static void _PrintAsTable(const std::vector<Entry> &entries, bool isLong)
@@ -31,23 +37,21 @@ static void _PrintAsTable(const std::vector<Entry> &entries, bool isLong)
     using Align = Table::Align;
     std::vector<Table::Column> columns = {{"NAME", Align::Left}, {"TIME", Align::Left}, {"SIZE", Align::Right}};
     if (isLong) columns.insert(columns.end(), {{"OPTIONS", Align::Right}, {"SHOWN AS", Align::Left}});
-    columns.push_back({"DOCUMENT", Align::Left});
+    columns.push_back({"DOCUMENT", Align::Path});
     Table table(columns);
     for (const Entry &entry : entries) {
-        char options[32];
-        snprintf(options, sizeof options, "0x%llx", static_cast<unsigned long long>(entry.options));
         const std::string none = entry.isKnown ? "-" : "?";
         std::vector<std::string> cells = {Printable(entry.name), entry.info.time ? HumanTime(*entry.info.time) : none,
                                           entry.size ? HumanSize(*entry.size) : "?"};
         if (isLong) {
-            cells.push_back(options);
+            cells.push_back(OptionsText(entry.options));
             cells.push_back(entry.displayName.empty() ? "-" : Printable(entry.displayName));
         }
-        const std::string backup = entry.info.backupOf ? " (put aside)" : "";
-        cells.push_back(entry.info.document ? Printable(*entry.info.document) + backup : none);
+        const std::string marks = _MarksOf(entry.info);
+        cells.push_back((entry.info.document ? Printable(*entry.info.document) : none) + marks);
         table.AddRow(std::move(cells));
     }
-    table.Print(stdout);
+    table.Print();
 }
 
 void PrintEntries(const std::vector<Entry> &entries, bool asJson, bool isLong)
@@ -102,7 +106,7 @@ void PrintDocuments(const std::vector<Entry> &entries, bool asJson)
                  {"FIRST", Align::Left},
                  {"LAST", Align::Left},
                  {"SIZE", Align::Right},
-                 {"DOCUMENT", Align::Left}});
+                 {"DOCUMENT", Align::Path}});
     const auto shown = [](const std::optional<double> &time) { return time ? HumanTime(*time) : "-"; };
     for (const History &history : _HistoriesOf(entries))
         if (asJson)
@@ -110,5 +114,5 @@ void PrintDocuments(const std::vector<Entry> &entries, bool asJson)
         else
             table.AddRow({std::to_string(history.count), shown(history.first), shown(history.last),
                           HumanSize(history.size), history.document ? Printable(*history.document) : "-"});
-    if (!asJson) table.Print(stdout);
+    if (!asJson) table.Print();
 }

@@ -29,13 +29,12 @@ static std::string _DataDirectory()
     // A relative path in this variable is to be ignored: it would mean another place in every directory.
     const std::string data = _Environment("XDG_DATA_HOME");
     if (!data.empty() && data.front() == '/') return data;
-    std::string home = _Environment("HOME");
-    if (home.empty()) {
-        const struct passwd *user = getpwuid(geteuid());
-        if (user) home = user->pw_dir;
-    }
-    if (home.empty()) throw CommandFailure(kExitUsage, "no home directory to keep a store in: give --store DIR");
-    return home + "/.local/share";
+    const char *home = getenv("HOME");
+    const struct passwd *user = home ? nullptr : getpwuid(geteuid());
+    if (user) home = user->pw_dir;
+    if (!home) throw CommandFailure(kExitUsage, "no home directory to keep a store in: give --store DIR");
+    if (home[0] == '/') return std::string(home) + "/.local/share";
+    throw CommandFailure(kExitUsage, "the home directory " + Quoted(home) + " is no absolute path: give --store DIR");
 }
 
 std::string AbsolutePath(const std::string &path)
@@ -64,13 +63,13 @@ bool IsStoreNamed(const std::optional<std::string> &given)
 template <class Visit> static void _EachEntry(const std::string &path, Visit visit)
 {
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(path.c_str()), closedir);
-    if (!directory) throw CommandFailure::Errno("can't read the directory " + Quoted(path), errno);
+    if (!directory) throw CommandFailure::Errno("can't read the directory " + Quoted(path), errno).At(path);
     const dirent *entry = nullptr;
     while (errno = 0, (entry = readdir(directory.get())) != nullptr) {
         const std::string_view name = entry->d_name;
         if (name != "." && name != ".." && !visit(name, entry->d_type)) return;
     }
-    if (errno != 0) throw CommandFailure::Errno("can't read the directory " + Quoted(path), errno);
+    if (errno != 0) throw CommandFailure::Errno("can't read the directory " + Quoted(path), errno).At(path);
 }
 
 template <class Visit> static void _EachName(const std::string &path, Visit visit)
@@ -82,7 +81,7 @@ bool IsThere(const std::string &path, struct stat *status)
 {
     if (lstat(path.c_str(), status) == 0) return true;
     if (errno == ENOENT) return false;
-    throw CommandFailure::Errno("can't look at " + Quoted(path), errno);
+    throw CommandFailure::Errno("can't look at " + Quoted(path), errno).At(path);
 }
 
 bool DoesAnswer(const std::string &path)
@@ -151,7 +150,7 @@ std::vector<std::string> MakePlace(const std::string &path)
         if (reason == 0) made.push_back(folder);
         if (reason == 0 || reason == EEXIST) continue; // if it is not a directory, the next call fails
         RemoveMade(made);
-        throw CommandFailure::Errno("can't make the directory " + Quoted(path) + " for the store", reason);
+        throw CommandFailure::Errno("can't make the directory " + Quoted(path) + " for the store", reason).At(path);
     }
     return made;
 }

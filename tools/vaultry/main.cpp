@@ -6,14 +6,14 @@
 #include "commands.h"
 #include "failure.h"
 #include "location.h"
+#include "output.h"
+#include "pager.h"
 #include "progress_bar.h"
 #include "waiting.h"
 
 #include <vaultry/log.h>
 
 #include <clocale>
-#include <cstdio>
-#include <cstring>
 #include <exception>
 #include <new>
 #include <syslog.h>
@@ -90,31 +90,34 @@ static int _RunAndReport(int argc, char **argv)
     try {
         if (const auto exitCode = ParseArguments(argc, argv, arguments)) return *exitCode;
         _OpenLog(arguments.verbose);
+        if (arguments.noPager) Pager::DisableAll();
         const WaitWatch watch(arguments.wait);
         const int exitCode = _Run(arguments);
         if (exitCode == kExitFailure) _TellIfSilent(arguments);
         return exitCode;
     } catch (const CommandFailure &failure) {
-        Say(failure.what());
+        Say(failure);
         if (failure.exitCode() == kExitFailure) _TellIfSilent(arguments);
         return failure.exitCode();
     } catch (const std::bad_alloc &) {
-        Say("out of memory");
+        Say(CommandFailure(kExitFailure, "out of memory"));
     } catch (const std::exception &exception) {
-        Say(exception.what());
+        Say(CommandFailure(kExitFailure, exception.what()));
     }
     return kExitFailure;
 }
 
 int main(int argc, char **argv)
 {
+    HoldStandardStreams();
     // This is only for the width of characters: names are UTF-8 whatever the user's locale is.
     setlocale(LC_CTYPE, "C.UTF-8");
     const int exitCode = _RunAndReport(argc, argv);
-    // It is a failure if the output did not arrive.
-    if (fflush(stdout) != 0 && exitCode == kExitSuccess) {
-        Say(std::string("can't write to standard output: ") + strerror(errno));
-        return kExitFailure;
+    try {
+        RequireOutput();
+    } catch (const CommandFailure &failure) {
+        Say(failure);
+        return exitCode == kExitSuccess ? failure.exitCode() : exitCode;
     }
     return exitCode;
 }

@@ -42,7 +42,7 @@ static void _RequireMove(const std::string &from, const std::string &to, size_t 
     if (!_IsDocument(to)) doubt(Quoted(to) + " is not there");
     if (alreadyThere > 0) doubt(Quoted(to) + " has a history of its own, " + _Count(alreadyThere));
     if (!doubts.empty())
-        throw CommandFailure(kExitFailure, doubts + ": --anyway carries the history over all the same");
+        throw CommandFailure(kExitFailure, doubts + ": --anyway carries the history over all the same").At(to);
 }
 
 int RunMoved(const Arguments &arguments)
@@ -63,7 +63,8 @@ int RunMoved(const Arguments &arguments)
     if (names.empty()) {
         problems.SayAll();
         throw CommandFailure(kExitNoSuchGeneration, "the store " + Quoted(store.path()) + " holds no generation of " +
-                                                        Quoted(from) + DidYouMean(NearestDocument(history, from)));
+                                                        Quoted(from) + DidYouMean(NearestDocument(history, from)))
+            .At(from);
     }
     TellOfLink(arguments.other, to);
     if (!arguments.anyway) _RequireMove(from, to, NamesOf(history, to).size());

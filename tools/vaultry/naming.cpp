@@ -104,5 +104,5 @@ void CheckGenerationName(const std::string &option, const std::string &name)
     char buffer[kMaximumNameLength + 1];
     Owned<TQError> error;
     if (!validateTQName(string.get(), error.out()) || !TQStringGetGenName(string.get(), buffer, error.out()))
-        throw CommandFailure(kExitUsage, CommandFailure::Library(what, error.get()).what());
+        throw CommandFailure::Library(what, error.get()).ExitingWith(kExitUsage);
 }

@@ -30,9 +30,10 @@ int RunPin(const Arguments &arguments)
     const Store store = Store::Require(LocateStore(arguments.store));
     const bool isPinned = arguments.command == Command::Pin;
     Problems problems;
+    Chooser chooser(store, arguments.choice);
     for (const std::string &given : arguments.names) {
         problems.Note([&] {
-            const std::string name = ChosenGeneration(store, arguments.choice, given);
+            const std::string name = chooser.ChosenFor(given);
             const bool isNew = _SetPin(store, name, isPinned);
             if (arguments.json) {
                 Json object;

@@ -117,7 +117,8 @@ public:
             if (!wanted.second)
                 problems.Note([&] {
                     throw CommandFailure(kExitNoSuchGeneration, "the store " + Quoted(store_.path()) +
-                                                                    " holds no generation of " + Quoted(wanted.first));
+                                                                    " holds no generation of " + Quoted(wanted.first))
+                        .At(wanted.first);
                 });
     }
 
@@ -141,7 +142,7 @@ private:
     {
         struct stat status {};
         const std::string path = store_.PathOf(name);
-        if (!IsThere(path, &status)) throw CommandFailure::Errno("can't look at " + Quoted(path), ENOENT);
+        if (!IsThere(path, &status)) throw CommandFailure::Errno("can't look at " + Quoted(path), ENOENT).At(path);
         return ToSeconds(status.st_ctim);
     }
 
@@ -182,12 +183,12 @@ static void _PrintPlan(const std::vector<Row> &rows)
                  {"NAME", Align::Left},
                  {"TIME", Align::Left},
                  {"KEPT BY", Align::Left},
-                 {"DOCUMENT", Align::Left}});
+                 {"DOCUMENT", Align::Path}});
     for (const Row &row : rows)
         table.AddRow({row.keptBy.any() ? "keep" : "remove", Printable(row.name), row.time ? HumanTime(*row.time) : "-",
                       row.keptBy.any() ? _Joined(RuleWords(row.keptBy)) : "-",
                       row.document ? Printable(*row.document) + (row.isPutAside ? " (put aside)" : "") : "-"});
-    table.Print(stdout);
+    table.Print();
 }
 
 static void _RemovePlanned(const Store &store, std::vector<Row> &rows, Problems &problems)

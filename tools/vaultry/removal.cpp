@@ -13,12 +13,12 @@ static void _RefusePinned(const Store &store, const std::string &name)
     try {
         isPinned = store.PeekAtInfoOf(name).isPinned;
     } catch (const CommandFailure &failure) {
-        throw CommandFailure(failure.exitCode(), "can't tell whether " + Quoted(name) +
-                                                     " is pinned, so it stays: \"remove --pinned\" takes it\n  " +
-                                                     failure.what());
+        throw failure.Saying("can't tell whether " + Quoted(name) +
+                             " is pinned, so it stays: \"remove --pinned\" takes it\n  " + failure.what());
     }
     if (isPinned)
-        throw CommandFailure(kExitFailure, Quoted(name) + " is pinned, and stays: \"remove --pinned\" takes it too");
+        throw CommandFailure(kExitFailure, Quoted(name) + " is pinned, and stays: \"remove --pinned\" takes it too")
+            .At(store.path() + "/" + name);
 }
 
 std::vector<std::string> RemoveAll(const Store &store, const std::vector<std::string> &names, bool pinnedToo,

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "failure.h"
 #include "generation.h"
+#include "json.h"
 #include "removal.h"
 #include "store.h"
 #include "text.h"
@@ -21,7 +22,8 @@ static void _Require(const Store &store, const std::set<std::string> &present, c
     if (!isBeginning) throw NoSuchGeneration(store, present, name);
     if (const auto document = RefusalOfDocument(store, name)) throw *document;
     throw CommandFailure(kExitNoSuchGeneration, "there is no generation " + Quoted(name) +
-                                                    ", and what is removed has to be named whole, as " + Quoted(*next));
+                                                    ", and what is removed has to be named whole, as " + Quoted(*next))
+        .At(store.path());
 }
 
 int RunRemove(const Arguments &arguments)
@@ -32,16 +34,23 @@ int RunRemove(const Arguments &arguments)
     const std::set<std::string> present = store.Names();
     std::vector<std::string> names;
     Problems problems;
+    Chooser chooser(store, arguments.choice);
     for (const std::string &given : arguments.names) {
         problems.Note([&] {
-            const std::string name = isChosen ? ChosenGeneration(store, arguments.choice, given) : given;
+            const std::string name = isChosen ? chooser.ChosenFor(given) : given;
             _Require(store, present, name);
             if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
         });
     }
     const std::vector<std::string> gone = RemoveAll(store, names, arguments.pinnedToo, problems);
-    if (isChosen)
-        for (const std::string &name : gone) printf("%s is removed\n", Quoted(name).c_str());
+    for (const std::string &name : gone) {
+        Json object;
+        PutBytes(object, "generation", name);
+        if (arguments.json)
+            PrintLine(object);
+        else if (isChosen)
+            printf("%s is removed\n", Quoted(name).c_str());
+    }
     problems.SayAll();
     return problems.exitCode();
 }

@@ -18,8 +18,7 @@
 static GenerationItem _Item(const Store &store, const Arguments &arguments)
 {
     if (!arguments.name.empty()) return ChosenItem(store, arguments);
-    if (const auto known = RefusalOfDocument(store, arguments.document))
-        throw CommandFailure(kExitUsage, known->what());
+    if (const auto known = RefusalOfDocument(store, arguments.document)) throw known->ExitingWith(kExitUsage);
     throw CommandFailure(kExitUsage, "restore wants a NAME and a DOCUMENT, or --latest, --at or --before");
 }
 
@@ -69,11 +68,13 @@ static void _RequireVersionOf(const Store &store, const std::string &name, const
     const bool isFolder = _IsFolder(document);
     if (_IsFolder(store.PathOf(name)) != isFolder)
         throw CommandFailure(kExitFailure, Quoted(document) + (isFolder ? " is a folder" : " is a file") + ", and " +
-                                               Quoted(name) + (isFolder ? " a file" : " a folder") + way);
+                                               Quoted(name) + (isFolder ? " a file" : " a folder") + way)
+            .At(document);
     const auto own = _DocumentOf(store, name);
     if (own && *own != document)
         throw CommandFailure(kExitFailure, Quoted(name) + " is a version of " + Quoted(*own) + ", and not of " +
-                                               Quoted(document) + way);
+                                               Quoted(document) + way)
+            .At(document);
 }
 
 // The answer holds only for the document as it was then.
@@ -81,9 +82,10 @@ static void _Ask(const std::string &document)
 {
     const Fingerprint before = FingerprintOf(document);
     if (!Confirmed("Give up what " + Quoted(document) + " is now?"))
-        throw CommandFailure(kExitFailure, Quoted(document) + " is as it was");
+        throw CommandFailure(kExitFailure, Quoted(document) + " is as it was").At(document);
     if (FingerprintOf(document) != before)
-        throw CommandFailure(kExitFailure, Quoted(document) + " was changed meanwhile, and stays as it is");
+        throw CommandFailure(kExitFailure, Quoted(document) + " was changed meanwhile, and stays as it is")
+            .At(document);
 }
 
 int RunRestore(const Arguments &arguments)

@@ -12,6 +12,7 @@
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
+#include "output.h"
 #include "text.h"
 #include "times.h"
 
@@ -48,7 +49,7 @@ static std::optional<std::string> _BackupName(const Store &store, const Argument
         if (std::string name = DefaultGenerationName(document, static_cast<time_t>(now), attempt);
             !names.contains(name))
             return name;
-    throw CommandFailure(kExitExists, "there is no free name for the backup of " + Quoted(document));
+    throw CommandFailure(kExitExists, "there is no free name for the backup of " + Quoted(document)).At(document);
 }
 
 // None if it isn't known, which doesn't matter to a restore.
@@ -119,19 +120,20 @@ static void _NameBackup(const Store &store, const std::string &document, const B
 
 // What Ctrl-C does. The backup can be cancelled, and then the document is not touched. Without a backup nothing looks
 // at the signal before the exchange. The exchange is over at once, and the first Ctrl-C does not cut it short.
-static constexpr char kStopsAtBackup[] = "\nvaultry: stopping, unless the document is being replaced already; "
-                                         "once more ends at once\n";
-static constexpr char kReplacesFirst[] = "\nvaultry: the document is replaced as soon as the generation is copied out; "
-                                         "once more ends at once\n";
-static constexpr char kCopiesFirst[] = "\nvaultry: the document is there as soon as the generation is copied out; "
-                                       "once more ends at once and leaves what is there\n";
+static constexpr char kStopsAtBackup[] = "stopping, unless the document is being replaced already; "
+                                         "once more ends at once";
+static constexpr char kReplacesFirst[] = "the document is replaced as soon as the generation is copied out; "
+                                         "once more ends at once";
+static constexpr char kCopiesFirst[] = "the document is there as soon as the generation is copied out; "
+                                       "once more ends at once and leaves what is there";
 
 static Owned<TQLibrary> _OpenLibrary(const Store &store)
 {
     Owned<TQError> error;
     const Owned<TQURL> root(TQURLCreateWithFileSystemPath(store.path().c_str(), true));
     Owned<TQLibrary> library(TQLibraryCreateClientManaged(nullptr, root.get(), error.out()));
-    if (!library) throw CommandFailure::Library("can't open the store " + Quoted(store.path()), error.get());
+    if (!library)
+        throw CommandFailure::Library("can't open the store " + Quoted(store.path()), error.get()).At(store.path());
     return library;
 }
 
@@ -169,11 +171,13 @@ static void _Replace(const Store &store, const GenerationItem &item, const std::
     if (restored) return;
     _NameBackup(store, document, backup);
     if (InterruptGuard::Came() && UnderlyingErrno(error.get()) == ECANCELED)
-        throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(document) + " is as it was");
-    const CommandFailure failure = CommandFailure::Library(
-        "can't restore " + Quoted(item.In(document)) + " from " + Quoted(item.asTyped()), error.get());
+        throw CommandFailure(InterruptGuard::ExitCode(), "stopped: " + Quoted(document) + " is as it was").At(document);
+    const CommandFailure failure =
+        CommandFailure::Library("can't restore " + Quoted(item.In(document)) + " from " + Quoted(item.asTyped()),
+                                error.get())
+            .At(document);
     const std::string why = backup.name ? ExplainRefusal(error.get(), store.path(), document, /*keepsLinks=*/true) : "";
-    throw CommandFailure(failure.exitCode(), failure.what() + why);
+    throw failure.Saying(failure.what() + why);
 }
 
 // A document that appears meanwhile is kept under the name of a backup, and replaced. The item at its path is never
@@ -210,9 +214,10 @@ bool IsDocumentThere(const std::string &document)
 {
     struct stat status {};
     if (stat(document.c_str(), &status) == 0) return true;
-    if (errno != ENOENT) throw CommandFailure::Errno("can't look at the document " + Quoted(document), errno);
+    if (errno != ENOENT)
+        throw CommandFailure::Errno("can't look at the document " + Quoted(document), errno).At(document);
     if (IsThere(document, &status))
-        throw CommandFailure(kExitFailure, Quoted(document) + " is a link to what is not there");
+        throw CommandFailure(kExitFailure, Quoted(document) + " is a link to what is not there").At(document);
     return false;
 }
 
@@ -243,13 +248,16 @@ int BringBack(const Store &store, const GenerationItem &item, const std::string 
         if (backup.name) PutBytes(object, "backup", *backup.name);
         if (carried > 0) object["carried_over"] = carried;
         PrintLine(object);
-        problems.SayAll();
-        return problems.exitCode();
+    } else {
+        printf("%s is restored from %s\n", Quoted(restored).c_str(), Quoted(item.asTyped()).c_str());
+        const std::string what = item.isInner() ? Quoted(document) : "it";
+        if (backup.name) printf("what %s was is kept as %s\n", what.c_str(), Quoted(*backup.name).c_str());
+        if (carried > 0) printf("its history, %zu in all, is that of %s now\n", carried, Quoted(restored).c_str());
     }
-    printf("%s is restored from %s\n", Quoted(restored).c_str(), Quoted(item.asTyped()).c_str());
-    const std::string what = item.isInner() ? Quoted(document) : "it";
-    if (backup.name) printf("what %s was is kept as %s\n", what.c_str(), Quoted(*backup.name).c_str());
-    if (carried > 0) printf("its history, %zu in all, is that of %s now\n", carried, Quoted(restored).c_str());
+    problems.Note([&] {
+        RequireOutput(Quoted(restored) + " is restored from " + Quoted(item.asTyped()) +
+                      (backup.name ? ", what it was is kept as " + Quoted(*backup.name) : ""));
+    });
     problems.SayAll();
     return problems.exitCode();
 }

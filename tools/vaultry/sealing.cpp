@@ -60,8 +60,7 @@ void SealGeneration(const Store &store, const std::string &name, TreeReader &rea
         const bool isOfAttributes = IsAttributeSpace(UnderlyingErrno(error.get()), store.path());
         if (isOfAttributes && contents.seal.Shrink()) continue;
         const CommandFailure failure = CommandFailure::Library(what, error.get());
-        throw CommandFailure(failure.exitCode(),
-                             failure.what() + (isOfAttributes ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
+        throw failure.Saying(failure.what() + (isOfAttributes ? std::string("\n  ") + kAttributeSpaceIsFull : ""));
     }
 }
 
@@ -76,6 +75,6 @@ try {
     return kExitSuccess;
 } catch (const CommandFailure &failure) {
     bar.Clear();
-    Say(Quoted(name) + " is kept, but not sealed: " + failure.what());
+    Say(failure.Saying(Quoted(name) + " is kept, but not sealed: " + failure.what()));
     return failure.exitCode();
 }

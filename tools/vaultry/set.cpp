@@ -5,6 +5,7 @@
 #include "failure.h"
 #include "generation.h"
 #include "info_value.h"
+#include "json.h"
 #include "text.h"
 
 #include <cerrno>
@@ -32,23 +33,26 @@ static void _SetDisplayName(const Store &store, const std::string &name, const T
 {
     Owned<TQError> error;
     if (!TQClientManagedStorageSetGenerationOriginalDisplayName(store.handle(), name.c_str(), displayName, error.out()))
-        throw CommandFailure::Library("can't set the display name of " + Quoted(name), error.get());
+        throw CommandFailure::Library("can't set the display name of " + Quoted(name), error.get())
+            .At(store.PathOf(name));
 }
 
 static void _SetOptions(const Store &store, const std::string &name, uint64_t options)
 {
     Owned<TQError> error;
     if (!TQClientManagedStorageSetGenerationOptions(store.handle(), name.c_str(), options, error.out()))
-        throw CommandFailure::Library("can't set the options of " + Quoted(name), error.get());
+        throw CommandFailure::Library("can't set the options of " + Quoted(name), error.get()).At(store.PathOf(name));
 }
 
 struct Step {
     std::string what;
     std::function<void()> take;
+    const char *entry; // of the object that tells what was changed
+    Json value;        // what stands there, or in the list there
 };
 
 // A change can't be undone, so a failure says which changes were made before it.
-static void _Take(const std::vector<Step> &steps)
+static void _Take(const std::vector<Step> &steps, Json &changed)
 {
     std::string done;
     for (const Step &step : steps) {
@@ -56,9 +60,13 @@ static void _Take(const std::vector<Step> &steps)
             step.take();
         } catch (const CommandFailure &failure) {
             if (done.empty()) throw;
-            throw CommandFailure(failure.exitCode(), failure.what() + ("\n  changed before that: " + done));
+            throw failure.Saying(failure.what() + ("\n  changed before that: " + done));
         }
         done += (done.empty() ? "" : ", ") + step.what;
+        if (step.value.is_array())
+            changed[step.entry].push_back(step.value[0]);
+        else
+            changed[step.entry] = step.value;
     }
 }
 
@@ -77,13 +85,22 @@ int RunSet(const Arguments &arguments)
     std::vector<Step> steps;
     steps.reserve(changes.size());
     for (const Assignment &change : changes)
-        steps.push_back({Quoted(change.key), [&] {
+        steps.push_back({Quoted(change.key),
+                         [&] {
                              return change.value ? SetInfoValue(store, name, change.key, change.value.get())
                                                  : RemoveInfoValue(store, name, change.key);
-                         }});
+                         },
+                         change.value ? "set" : "unset", Json::array({change.key})});
     if (arguments.displayName)
-        steps.push_back({"the display name", [&] { _SetDisplayName(store, name, displayName.get()); }});
-    if (arguments.options) steps.push_back({"the options", [&] { _SetOptions(store, name, options); }});
-    _Take(steps);
-    return kExitSuccess;
+        steps.push_back({"the display name", [&] { _SetDisplayName(store, name, displayName.get()); }, "display_name",
+                         *arguments.displayName});
+    if (arguments.options)
+        steps.push_back({"the options", [&] { _SetOptions(store, name, options); }, "options", options});
+    Json changed;
+    PutBytes(changed, "generation", name);
+    Problems problems;
+    problems.Note([&] { _Take(steps, changed); });
+    if (arguments.json && changed.size() > 1) PrintLine(changed);
+    problems.SayAll();
+    return problems.exitCode();
 }

@@ -1,13 +1,13 @@
 // vaultry show: everything that is known about one generation.
 
 #include "commands.h"
+#include "description.h"
 #include "failure.h"
 #include "generation.h"
 #include "json.h"
 #include "show_item.h"
 #include "text.h"
 #include "times.h"
-#include "typed_time.h"
 
 #include <vaultry/library.h>
 #include <vaultry/number.h>
@@ -36,7 +36,7 @@ static std::string _Octal(uint32_t mode)
 void DescribeStored(const std::string &path, Json &object, Problems &problems)
 {
     struct stat item {};
-    if (!IsThere(path, &item)) throw CommandFailure::Errno("can't look at " + Quoted(path), ENOENT);
+    if (!IsThere(path, &item)) throw CommandFailure::Errno("can't look at " + Quoted(path), ENOENT).At(path);
     object["kind"] = S_ISDIR(item.st_mode) ? "directory" : S_ISREG(item.st_mode) ? "file" : "other";
     problems.Note([&] { object["size"] = SizeOfTree(path); });
     TQFileStatus status;
@@ -47,7 +47,8 @@ void DescribeStored(const std::string &path, Json &object, Problems &problems)
     if (reason == 0) object["flags"] = _FlagsToJson(status.flags);
     object["modified"] = IsoTime(ToSeconds(item.st_mtim));
     if (reason != 0)
-        throw CommandFailure::Errno("can't read the record of the document's permissions on " + Quoted(path), reason);
+        throw CommandFailure::Errno("can't read the record of the document's permissions on " + Quoted(path), reason)
+            .At(path);
 }
 
 // Shows what can be read; the rest is left out, and noted.
@@ -60,6 +61,8 @@ static Json _Describe(const Store &store, const std::string &name, Problems &pro
     const GenerationInfo info = ToGenerationInfo(dictionary.get());
     if (info.document) PutBytes(object, "document", *info.document);
     if (info.time) object["kept"] = IsoTime(*info.time);
+    if (info.isPinned) object["pinned"] = true;
+    if (info.backupOf) PutBytes(object, "backup_of", *info.backupOf);
     problems.Note([&] { DescribeStored(store.PathOf(name), object, problems); });
     problems.Note([&] {
         if (const std::string shown = store.DisplayNameOf(name); !shown.empty())
@@ -70,22 +73,6 @@ static Json _Describe(const Store &store, const std::string &name, Problems &pro
     if (dictionary) object["info"] = ToJson(dictionary.get());
     if (!problems.none()) object["problems"] = problems.texts();
     return object;
-}
-
-void PrintDescription(const Json &object)
-{
-    for (const auto &[key, value] : object.items()) {
-        std::string text = value.is_string() ? Printable(value.get<std::string>())
-                           : key == "size"   ? HumanSize(value.get<uint64_t>())
-                                             : Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace));
-        if (key == "kept" || key == "modified") text = HumanTime(ParseDate(value).value_or(TypedTime()).first);
-        if (key != "info" && key != "problems") printf("%-13s %s\n", (key + ":").c_str(), text.c_str());
-    }
-    if (!object.contains("info")) return;
-    for (const auto &[key, value] : object["info"].items())
-        if (key != kDigestKey || !value.is_object()) // a seal is for programs; its kind tells that there is one
-            printf("  %s = %s\n", Printable(key).c_str(),
-                   Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace)).c_str());
 }
 
 int RunShow(const Arguments &arguments)

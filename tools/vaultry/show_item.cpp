@@ -2,6 +2,7 @@
 
 #include "show_item.h"
 
+#include "description.h"
 #include "document.h"
 #include "failure.h"
 #include "json.h"
@@ -66,17 +67,19 @@ static Json _EntriesOf(const std::string &folder, Problems &problems)
     return entries;
 }
 
-static void _PrintEntries(const Json &entries)
+static constexpr size_t kSizeWidth = 10; // no size is wider
+
+static std::vector<std::string> _LinesOf(const Json &entries)
 {
+    std::vector<std::string> lines;
     for (const Json &entry : entries) {
         const std::string kind = entry["kind"], name = Printable(entry["name"].get<std::string>());
-        if (kind == "file")
-            printf("  %-10s %s\n", HumanSize(entry["size"].get<uint64_t>()).c_str(), name.c_str());
-        else if (kind == "link")
-            printf("  %-10s %s -> %s\n", "link", name.c_str(), Printable(entry["target"].get<std::string>()).c_str());
-        else
-            printf("  %-10s %s/\n", "", name.c_str());
+        std::string size = kind == "file" ? HumanSize(entry["size"].get<uint64_t>()) : kind == "link" ? "link" : "";
+        size.resize(kSizeWidth, ' ');
+        lines.push_back("  " + size + " " + name + (kind == "directory" ? "/" : ""));
+        if (kind == "link") lines.back() += " -> " + Printable(entry["target"].get<std::string>());
     }
+    return lines;
 }
 
 int ShowItem(const Store &store, const GenerationItem &item, bool json)
@@ -99,8 +102,7 @@ int ShowItem(const Store &store, const GenerationItem &item, bool json)
         if (S_ISDIR(status.st_mode)) object["entries"] = entries;
         PrintLine(object);
     } else {
-        PrintDescription(object);
-        _PrintEntries(entries);
+        PrintDescription(object, _LinesOf(entries));
     }
     problems.SayAll();
     return problems.exitCode();

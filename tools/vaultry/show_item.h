@@ -8,8 +8,5 @@
 // Kind, size, permissions, owner, flags and time of a stored file or folder, which are those that the document had.
 void DescribeStored(const std::string &path, Json &object, Problems &problems);
 
-// One line for each entry; the entries of the info dictionary follow it as JSON.
-void PrintDescription(const Json &object);
-
 // Shows one item. Returns the exit code.
 int ShowItem(const Store &store, const GenerationItem &item, bool json);

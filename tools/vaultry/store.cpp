@@ -26,14 +26,14 @@ Store::Store(const std::string &path) : path_(path), handle_(nullptr, TQClientMa
 {
     Owned<TQError> error;
     handle_.reset(TQClientManagedStorageCreate(path.c_str(), error.out()));
-    if (!handle_) throw CommandFailure::Library("can't open the store " + Quoted(path), error.get());
+    if (!handle_) throw CommandFailure::Library("can't open the store " + Quoted(path), error.get()).At(path);
 }
 
 // The kind of place; throws if it neither is a store nor can become one.
 static PlaceKind _RequirePlace(const std::string &path)
 {
     const PlaceKind kind = LookAtPlace(path);
-    if (kind == PlaceKind::Damaged || kind == PlaceKind::Other) throw NoStore(path, kind);
+    if (kind == PlaceKind::Damaged || kind == PlaceKind::Other) throw NoStore(path, kind).At(path);
     return kind;
 }
 
@@ -58,7 +58,7 @@ std::optional<Store> Store::OpenExisting(const std::string &path)
 Store Store::Require(const std::string &path)
 {
     std::optional<Store> store = OpenExisting(path);
-    if (!store) throw CommandFailure(kExitNoSuchGeneration, "there is no store at " + Quoted(path));
+    if (!store) throw CommandFailure(kExitNoSuchGeneration, "there is no store at " + Quoted(path)).At(path);
     return std::move(*store);
 }
 
@@ -66,7 +66,7 @@ std::set<std::string> Store::Names() const
 {
     Owned<TQError> error;
     const Owned<TQArray> array(TQClientManagedStorageCopyGenerationNames(handle(), error.out()));
-    if (!array) throw CommandFailure::Library("can't list the store " + Quoted(path_), error.get());
+    if (!array) throw CommandFailure::Library("can't list the store " + Quoted(path_), error.get()).At(path_);
     // The library has waited for its turn, and refuses names that are not UTF-8. But it ends without an error if the
     // directory can't be read any further.
     return PeekAtNames(path_);
@@ -85,9 +85,9 @@ Store Store::RequireMade(const std::string &path)
 {
     std::optional<Store> store = OpenExisting(path);
     if (store) return std::move(*store);
-    throw CommandFailure(kExitNoSuchGeneration,
-                         "there is no store at " + Quoted(path) +
-                             ": mount its volume, or make one with \"vaultry init --store DIR\"");
+    throw CommandFailure(kExitNoSuchGeneration, "there is no store at " + Quoted(path) +
+                                                    ": mount its volume, or make one with \"vaultry init --store DIR\"")
+        .At(path);
 }
 
 void Store::Remove(const std::vector<std::string> &names, bool pinnedToo) const
@@ -101,7 +101,8 @@ void Store::Remove(const std::vector<std::string> &names, bool pinnedToo) const
     if (!areRemoved)
         throw CommandFailure::Library("can't remove " + (names.size() == 1 ? Quoted(names[0]) : "all of them") +
                                           " from the store " + Quoted(path_),
-                                      error.get());
+                                      error.get())
+            .At(names.size() == 1 ? path_ + "/" + names[0] : path_);
 }
 
 std::string Store::PathOf(const std::string &name) const
@@ -109,7 +110,8 @@ std::string Store::PathOf(const std::string &name) const
     Owned<TQError> error;
     const Owned<TQURL> url(TQClientManagedStorageCopyURLForGeneration(handle(), name.c_str(), error.out()));
     const char *path = TQURLGetPath(url.get());
-    if (!path) throw CommandFailure::Library("can't find the generation " + Quoted(name), error.get());
+    if (!path)
+        throw CommandFailure::Library("can't find the generation " + Quoted(name), error.get()).At(path_ + "/" + name);
     return path;
 }
 
@@ -119,7 +121,8 @@ Owned<TQDictionary> Store::InfoDictionaryOf(const std::string &name) const
     Owned<TQDictionary> dictionary(
         TQClientManagedStorageCopyGenerationInfoDictionary(handle(), name.c_str(), error.out()));
     if (!dictionary)
-        throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get());
+        throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get())
+            .At(path_ + "/" + name);
     return dictionary;
 }
 
@@ -128,7 +131,8 @@ GenerationInfo Store::PeekAtInfoOf(const std::string &name) const
     Owned<TQError> error;
     const Owned<TQDictionary> info(TQCopyMutableInfoDictionary((path_ + "/" + name).c_str(), error.out()));
     if (info) return ToGenerationInfo(info.get());
-    throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get());
+    throw CommandFailure::Library("can't read what is known of the generation " + Quoted(name), error.get())
+        .At(path_ + "/" + name);
 }
 
 std::string Store::DisplayNameOf(const std::string &name) const
@@ -138,7 +142,8 @@ std::string Store::DisplayNameOf(const std::string &name) const
     const Owned<TQString> displayName(
         TQClientManagedStorageCopyGenerationOriginalDisplayName(handle(), name.c_str(), error.out()));
     if (!displayName && UnderlyingErrno(error.get()) != ENODATA)
-        throw CommandFailure::Library("can't read the display name of the generation " + Quoted(name), error.get());
+        throw CommandFailure::Library("can't read the display name of the generation " + Quoted(name), error.get())
+            .At(path_ + "/" + name);
     return ToText(displayName.get());
 }
 
@@ -210,6 +215,6 @@ uint64_t SizeOfTree(const std::string &path)
 {
     Owned<TQError> error;
     const int64_t size = TQComputeTreeSize(path.c_str(), error.out());
-    if (size < 0 || error) throw CommandFailure::Library("can't measure " + Quoted(path), error.get());
+    if (size < 0 || error) throw CommandFailure::Library("can't measure " + Quoted(path), error.get()).At(path);
     return static_cast<uint64_t>(size);
 }

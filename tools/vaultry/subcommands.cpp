@@ -34,6 +34,16 @@ static void _AddJson(CLI::App *command, Arguments &arguments)
     command->add_flag("--json", arguments.json, "Print JSON, one object a line");
 }
 
+static void _AddNoPager(CLI::App *command, Arguments &arguments)
+{
+    command->add_flag("--no-pager", arguments.noPager, "Don't show what is long page by page");
+}
+
+static std::string _RequireText(const std::string &text)
+{
+    return text.empty() ? "wants a name, and not \"\"" : "";
+}
+
 // A generation has a NAME, or is chosen of a DOCUMENT's.
 static void _AddChoice(CLI::App *command, Arguments &arguments)
 {
@@ -95,7 +105,9 @@ static std::string _RequireCount(const std::string &text)
 static void _DefineList(CLI::App &app, Arguments &arguments)
 {
     CLI::App *list = _AddCommand(app, arguments, Command::List, "list", "Show what is kept", kListFooter);
-    list->add_option("DOCUMENT", arguments.document, "Only generations of this document")->option_text(" ");
+    list->add_option("DOCUMENT", arguments.document, "Only generations of this document")
+        ->option_text(" ")
+        ->check(_RequireText);
     CLI::Option *isLong = list->add_flag("--long", arguments.longList, "Show options and display names too");
     isLong->option_text(" ");
     list->add_option("--since", arguments.since, "Only generations since that time")->option_text("TIME");
@@ -115,6 +127,7 @@ static void _DefineList(CLI::App &app, Arguments &arguments)
     list->add_option("--without-options", arguments.withoutOptions, "Only with none of these option bits")
         ->option_text("WORD");
     _AddJson(list, arguments);
+    _AddNoPager(list, arguments);
 }
 
 static void _DefineSet(CLI::App &app, Arguments &arguments)
@@ -128,13 +141,16 @@ static void _DefineSet(CLI::App &app, Arguments &arguments)
         ->option_text("NAME");
     set->add_option("--options", arguments.options, "The options word, such as 0x4")->option_text("WORD");
     _AddChoice(set, arguments);
+    _AddJson(set, arguments);
 }
 
 static void _DefineDiff(CLI::App &app, Arguments &arguments)
 {
     CLI::App *diff = _AddCommand(app, arguments, Command::Diff, "diff", "Show what has changed since", kDiffFooter);
     _AddName(diff, arguments);
-    diff->add_option("OTHER", arguments.other, "A document, or another generation")->option_text(" ");
+    diff->add_option("OTHER", arguments.other, "A document, or another generation")
+        ->option_text(" ")
+        ->check(_RequireText);
     CLI::Option *summary = diff->add_flag("--stat", arguments.summary, "One line an item, and a count");
     summary->option_text(" ");
     CLI::Option *names = diff->add_flag("--name-only", arguments.namesOnly, "Only the paths of what differs");
@@ -144,6 +160,7 @@ static void _DefineDiff(CLI::App &app, Arguments &arguments)
     _AddChoice(diff, arguments);
     _AddJson(diff, arguments);
     diff->get_option("--json")->option_text(" ")->excludes(summary)->excludes(names);
+    _AddNoPager(diff, arguments);
 }
 
 // NAME DOCUMENT, or DOCUMENT alone with a choice.
@@ -193,6 +210,7 @@ static void _DefineRemove(CLI::App &app, Arguments &arguments)
     remove->add_option("NAME", arguments.names, "The generations")->required()->option_text("...");
     remove->add_flag("--pinned", arguments.pinnedToo, "Remove them even if they are pinned");
     _AddChoice(remove, arguments);
+    _AddJson(remove, arguments);
 }
 
 static void _DefinePin(CLI::App &app, Arguments &arguments, Command command, const char *name, const char *description)
@@ -220,6 +238,7 @@ static void _DefinePrune(CLI::App &app, Arguments &arguments)
     prune->add_flag("--foreign", arguments.foreign, "Prune generations of other programs, too");
     prune->add_flag("--dry-run", arguments.isDryRun, "Only show what would be kept and removed");
     _AddJson(prune, arguments);
+    _AddNoPager(prune, arguments);
 }
 
 static void _DefineSeal(CLI::App &app, Arguments &arguments)
@@ -250,7 +269,7 @@ static void _DefineClone(CLI::App &app, Arguments &arguments)
 void DefineCommands(CLI::App &app, Arguments &arguments)
 {
     _AddCommonOptions(&app, arguments);
-    _AddCommand(app, arguments, Command::Init, "init", "Make a store", kInitFooter);
+    _AddJson(_AddCommand(app, arguments, Command::Init, "init", "Make a store", kInitFooter), arguments);
 
     _DefineAdd(app, arguments);
 
@@ -261,6 +280,7 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
     _AddItem(show, arguments);
     _AddChoice(show, arguments);
     _AddJson(show, arguments);
+    _AddNoPager(show, arguments);
 
     CLI::App *copy =
         _AddCommand(app, arguments, Command::Copy, "copy", "Bring a generation back as a document", kCopyFooter);
@@ -303,6 +323,7 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
     CLI::App *destroy = _AddCommand(app, arguments, Command::Destroy, "destroy",
                                     "Remove the whole store with all generations", kDestroyFooter);
     destroy->add_flag("--yes", arguments.yes, "Don't ask");
+    _AddJson(destroy, arguments);
 
     _DefineCompletion(app, arguments);
 }

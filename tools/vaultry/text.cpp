@@ -2,10 +2,13 @@
 
 #include "text.h"
 
+#include "pager.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cwchar>
 #include <cwctype>
+#include <numeric>
 #include <unistd.h>
 
 // The code point of a valid character of `length` bytes.
@@ -109,6 +112,13 @@ std::string HumanSize(uint64_t bytes)
     return text;
 }
 
+std::string OptionsText(uint64_t options)
+{
+    char text[32];
+    snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(options));
+    return text;
+}
+
 bool IsTerminal(FILE *stream)
 {
     const char *term = getenv("TERM");
@@ -121,38 +131,58 @@ bool UsesColour(FILE *stream)
     return IsTerminal(stream) && !(noColour && *noColour);
 }
 
-void Table::PrintRow(FILE *stream, const std::vector<std::string> &cells, const std::vector<size_t> &widths) const
+std::string PathFittedTo(const std::string &path, size_t width)
+{
+    static constexpr char kGap[] = "...";
+    if (_DisplayWidth(path) <= width) return path;
+    for (size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1)) {
+        const bool isLast = path.find('/', slash + 1) == path.npos;
+        const std::string shortened = kGap + path.substr(slash);
+        if (isLast || _DisplayWidth(shortened) <= width) return shortened;
+    }
+    return path;
+}
+
+std::string Table::Line(const std::vector<std::string> &cells, const std::vector<size_t> &widths) const
 {
     std::string line;
     for (size_t i = 0; i < cells.size(); ++i) {
-        const std::string padding(widths[i] - _DisplayWidth(cells[i]), ' ');
+        const bool isPath = columns_[i].align == Align::Path;
+        const std::string cell = isPath ? PathFittedTo(cells[i], widths[i]) : cells[i];
+        const size_t width = _DisplayWidth(cell);
+        const std::string padding(widths[i] > width ? widths[i] - width : 0, ' ');
         if (i > 0) line += "  ";
         if (columns_[i].align == Align::Right)
-            line += padding + cells[i];
+            line += padding + cell;
         else
-            line += i + 1 < cells.size() ? cells[i] + padding : cells[i];
+            line += i + 1 < cells.size() ? cell + padding : cell;
     }
-    fputs(line.c_str(), stream);
+    return line;
 }
 
-void Table::Print(FILE *stream) const
+// Paths take what the others leave of the screen.
+std::vector<size_t> Table::Widths() const
 {
-    if (rows_.empty()) return;
-    std::vector<std::string> titles;
     std::vector<size_t> widths;
-    for (const Column &column : columns_) {
-        titles.push_back(column.title);
-        widths.push_back(_DisplayWidth(column.title));
-    }
+    for (const Column &column : columns_) widths.push_back(_DisplayWidth(column.title));
     for (const auto &row : rows_)
         for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], _DisplayWidth(row[i]));
+    const std::optional<Screen> screen = ScreenOfOutput();
+    if (!screen) return widths;
+    const size_t gaps = 2 * (widths.size() - 1), total = std::accumulate(widths.begin(), widths.end(), gaps);
+    for (size_t i = 0; i < widths.size() && total > screen->columns; ++i)
+        if (columns_[i].align == Align::Path) widths[i] -= std::min(widths[i], total - screen->columns);
+    return widths;
+}
 
-    const bool colour = UsesColour(stream);
-    if (colour) fputs("\x1b[1m", stream);
-    PrintRow(stream, titles, widths);
-    fputs(colour ? "\x1b[0m\n" : "\n", stream);
-    for (const auto &row : rows_) {
-        PrintRow(stream, row, widths);
-        fputc('\n', stream);
-    }
+void Table::Print() const
+{
+    if (rows_.empty()) return;
+    const std::vector<size_t> widths = Widths();
+    std::vector<std::string> titles, lines;
+    for (const Column &column : columns_) titles.push_back(column.title);
+    const bool isBold = UsesColour(stdout) && !Pager::IsFor(rows_.size() + 1);
+    lines.push_back(isBold ? "\x1b[1m" + Line(titles, widths) + "\x1b[0m" : Line(titles, widths));
+    for (const auto &row : rows_) lines.push_back(Line(row, widths));
+    PrintLines(lines);
 }

@@ -17,6 +17,7 @@ int RunUndo(const Arguments &arguments)
     const auto backup = NewestBackupOf(store, document);
     if (!backup)
         throw CommandFailure(kExitNoSuchGeneration, "the store " + Quoted(store.path()) + " holds nothing that a " +
-                                                        "restore of " + Quoted(document) + " put aside");
+                                                        "restore of " + Quoted(document) + " put aside")
+            .At(document);
     return BringBack(store, {*backup, {}}, document, arguments);
 }

@@ -67,14 +67,14 @@ static void _PrintTable(const std::vector<UsedBy> &used)
                  {"TIME", Align::Left},
                  {"SIZE", Align::Right},
                  {"FREES", Align::Right},
-                 {"DOCUMENT", Align::Left}});
+                 {"DOCUMENT", Align::Path}});
     for (const UsedBy &one : used) {
         const std::string atLeast = one.isWhole ? "" : ">";
         table.AddRow({Printable(one.name), one.info.time ? HumanTime(*one.info.time) : "-",
                       atLeast + HumanSize(one.tree.size), atLeast + HumanSize(one.tree.frees),
                       one.info.document ? Printable(*one.info.document) : "-"});
     }
-    table.Print(stdout);
+    table.Print();
 }
 
 static void _PrintAsJson(const UsedBy &one)
