@@ -16,8 +16,8 @@ class InterruptGuard {
 public:
     // Cancels `progress` whenever a signal comes.
     explicit InterruptGuard(TQProgress *progress) : InterruptGuard(progress, nullptr) {}
-    // Writes `message`, unless it is empty, at the first signal. The second ends the process as if nobody had caught it.
-    // Meanwhile a progress of its own is the thread's current one, and is cancelled.
+    // Writes `message`, unless it is empty, at the first signal. The second ends the process as if nobody had caught
+    // it. Meanwhile a progress of its own is the thread's current one, and is cancelled.
     explicit InterruptGuard(const char *message);
     // Does both.
     InterruptGuard(TQProgress *progress, const char *message);
