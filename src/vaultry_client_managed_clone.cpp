@@ -1,13 +1,13 @@
 // A second store that is a copy of the first: every generation with all that is known of it.
 //
-// The copy is made in a directory that is no store yet: beside the place where it is to be, or in an empty directory
-// that is there already, which may be the top of a volume and then can't be renamed. The lock file is made last. So
-// what a kill leaves never passes for a store.
+// The copy is made in a directory that is no store yet, and gets its lock file last. So what a kill leaves never passes
+// for a store.
 //
 // The generations are copied as they stand, protected. A file that belongs to several of them is copied once, and
 // linked wherever it stood.
 
 #include "vaultry_client_managed_clone_compare.h"
+#include "vaultry_client_managed_clone_place.h"
 
 #include "vaultry_client_managed.h"
 #include "vaultry_client_managed_check.h"
@@ -37,9 +37,6 @@
 namespace {
 
 using Kind = TreeWalk::Kind;
-
-// Beside the clone, until it is whole.
-constexpr char kBesideTemplate[] = "%s/.vaultry_clone.XXXXXXX";
 
 // The copying and the comparing count the same bytes.
 class CloneProgress {
@@ -106,42 +103,23 @@ bool SetEntry(const Ref<TQDictionary> &dictionary, const char *key, TQValue *giv
 class Cloning {
 public:
     Cloning(const char *store, TQError **error) : store_(store), error_(error) {}
-    ~Cloning()
-    {
-        if (!mustGo_) return;
-        const ErrnoKeeper keeper;
-        (void)_RemoveTreeAt(Item::AtPath(place_.c_str()), {.keepRoot = isGiven_}, nullptr);
-        if (isGiven_) (void)platform::SetMode(Item::AtPath(place_.c_str()), Links::NoFollow, before_.mode & 07777);
-    }
-    Cloning(const Cloning &) = delete;
-    Cloning &operator=(const Cloning &) = delete;
-
-    // Finds the place for the clone, or makes one beside it.
     bool Begin(const char *target)
     {
-        const TrimmedPath trimmed(target ? target : "");
-        if (!store_ || !trimmed || !target_.Format("%s", trimmed.c_str()))
-            return Failure(error_).Refused(kTQStatusBadPath,
-                                           "no path for the new store was supplied, or a too long one");
-        if (!_RequireOutsideStores(target_.c_str(), error_) || !FindPlace()) return false;
-        directory_.Reset(open(place_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!directory_ || platform::GetStatusOfFd(directory_.get(), &before_) != 0)
-            return Failure(error_).Errno("Failed to open \"%s\"", place_.c_str());
-        return progress_.Begin(store_.c_str(), error_);
+        return place_.Begin(store_.c_str(), target, error_) && progress_.Begin(store_.c_str(), error_);
     }
 
     // Copies all generations and the protection of the root, and brings them to disk.
     bool Copy()
     {
-        const auto flush = TreeFlush::By(directory_.get());
-        mustGo_ = true;
+        const auto flush = TreeFlush::By(place_.directory());
         const auto step = [](int what, int stage, DuplixState *state, const char *source, const char *destination,
                              void *cloning) {
             return NoThrow(int{duplix_answer::Quit}, [&] {
                 return static_cast<Cloning *>(cloning)->Step(what, stage, *state, source, destination);
             });
         };
-        if (platform::duplix(store_.c_str(), place_.c_str(), step, this, {.flushEach = true, .into = &before_}) != 0) {
+        if (platform::duplix(store_.c_str(), place_.c_str(), step, this,
+                             {.flushEach = true, .into = &place_.before()}) != 0) {
             if (!hasReason_) Failure(error_).Status(kTQStatusFailed, "malloc failed");
             return false;
         }
@@ -178,7 +156,7 @@ public:
         TQClientManagedStorage *made = report ? TQClientManagedStorageCreate(place_.c_str(), error_) : nullptr;
         if (!made) return nullptr;
         TQClientManagedStorageFree(made);
-        return GiveToOwner() && FlushStoreFiles() && PutInPlace() ? report.Detach() : nullptr;
+        return GiveToOwner() && FlushStoreFiles() && place_.PutThere(error_) ? report.Detach() : nullptr;
     }
 
 private:
@@ -214,27 +192,6 @@ private:
     {
         const auto reason = shortfalls_.all().find(generation);
         return reason != shortfalls_.all().end() && !reason->second.isKept;
-    }
-
-    bool FindPlace()
-    {
-        TQFileStatus status;
-        if (platform::GetStatus(Item::AtPath(target_.c_str()), Links::NoFollow, &status) == 0) {
-            Names names(Item::AtPath(target_.c_str()));
-            if (names.Next() || names.error() != 0)
-                return Failure(error_).Refused(kTQStatusExists, "path \"%s\" already exists, and is no empty directory",
-                                               target_.c_str());
-            isGiven_ = true;
-            place_ = target_;
-            return true;
-        }
-        if (errno != ENOENT) return Failure(error_).Errno("stat(\"%s\") failed", target_.c_str());
-        if (!place_.Format(kBesideTemplate, ParentPath(target_.c_str()).c_str()))
-            return Failure(error_).Refused(kTQStatusBadPath, "the path \"%s\" is too long", target_.c_str());
-        if (platform::MakeUniqueDirectory(place_.data()) != 0)
-            return Failure(error_).Errno("mkdtemp(\"%s\") failed", place_.c_str());
-        mustGo_ = true;
-        return true;
     }
 
     int Quit(const char *source, const char *destination)
@@ -368,11 +325,11 @@ private:
     bool GiveToOwner() const
     {
         TQFileStatus root;
-        if (platform::GetStatusOfFd(directory_.get(), &root) != 0)
+        if (platform::GetStatusOfFd(place_.directory(), &root) != 0)
             return Failure(error_).Errno("stat(\"%s\") failed", place_.c_str());
         if (geteuid() != 0 || root.owner == 0) return true;
         for (const char *name : {kStagingName, kLockFileName})
-            if (fchownat(directory_.get(), name, root.owner, root.group, AT_SYMLINK_NOFOLLOW) != 0)
+            if (fchownat(place_.directory(), name, root.owner, root.group, AT_SYMLINK_NOFOLLOW) != 0)
                 return Failure(error_).Errno("Failed to give \"%s/%s\" to the store's owner", place_.c_str(), name);
         return true;
     }
@@ -384,17 +341,6 @@ private:
                _FlushGenerationStore(place_.c_str(), error_);
     }
 
-    bool PutInPlace()
-    {
-        if (isGiven_) return !(mustGo_ = false);
-        if (platform::RenameIntoNothing(Item::AtPath(place_.c_str()), ItemId::Of(before_),
-                                        Item::AtPath(target_.c_str())) != 0)
-            return Failure(error_).Errno("rename (\"%s\" -> \"%s\") failed", place_.c_str(), target_.c_str());
-        place_ = target_;
-        if (!_FlushEntry(target_.c_str(), error_)) return false;
-        return !(mustGo_ = false);
-    }
-
     // The copy of a file with several names, and how many of them are still to come.
     struct CopiedFile {
         std::string path;
@@ -403,13 +349,8 @@ private:
 
     const TrimmedPath store_;
     TQError **const error_;
-    PathBuffer target_;
-    PathBuffer place_; // where the clone is made, and in the end the same
-    bool isGiven_ = false;
-    bool mustGo_ = false;
+    ClonePlace place_;
     bool hasReason_ = false;
-    TQFileStatus before_{}; // of the place, empty
-    UniqueFd directory_;
     CloneProgress progress_;
     std::unordered_map<ItemId, CopiedFile, ItemIdHash> copies_;
     ItemComparison comparison_;

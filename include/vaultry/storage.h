@@ -230,7 +230,9 @@ TQ_EXPORT bool TQClientManagedStorageCopyGenerationItem(const TQClientManagedSto
 /// that is done: its lock file is made last. A killed process leaves ".vaultry_clone." and seven characters
 /// beside `rootPath`, or, if that was an empty directory, generations in it.
 ///
-/// @param rootPath  Where nothing is, or an empty directory, in no store; its folder exists.
+/// @param rootPath  Where nothing is, or an empty directory, in no store; its folder exists. Nobody but the caller, the
+///                  members of a group and root may rename what is in the folder, for root not even a group; an empty
+///                  directory is the caller's own, and so is the store then.
 /// @return a dictionary that the caller owns. "generations", "items" and "bytes" are the numbers of generations in the
 ///         clone, of items that were compared, and of bytes that were found the same, those of a shared file counted
 ///         once; "links" is that of names that became links to a file that was copied before. "failures" is an array,
@@ -240,6 +242,7 @@ TQ_EXPORT bool TQClientManagedStorageCopyGenerationItem(const TQClientManagedSto
 ///         left there:
 ///         kTQStatusExists           there is something at `rootPath`
 ///         kTQStatusInvalidArgument  it would lie in a store
+///         kTQStatusPermissionDenied the folder or the directory is not as above; also a missing right
 ///         kTQStatusNoSpace          the volume is full
 ///         kTQStatusFailed           also if the thread's progress was cancelled (ECANCELED underneath)
 ///
