@@ -19,7 +19,7 @@
 #include "Platform/ErrnoKeeper.h"
 #include "Platform/FileStatus.h"
 #include "Platform/Mounts.h"
-#include "Platform/ProcPath.h"
+#include "Platform/Times.h"
 #include "Runtime/Ref.h"
 #include "Shared/PathBuffer.h"
 #include "Shared/vaultry_flush.h"
@@ -197,25 +197,29 @@ bool CopyToItsPath(const Request &request, const char *documentPath, TQError **e
            _CopyGeneration(request.store(), {generation}, documentPath, /*durable=*/true, error);
 }
 
-// Where the volume is another one than the store's.
-bool CopyAcross(const Request &request, const CopiedPart &part, const ReplacedDocument &place, TQError **error)
-{
-    PathBuffer path;
-    (void)path.Format("%s/%s", platform::ProcPath(place.folder.get()).c_str(), place.name());
-    return _CopyGeneration(request.store(), part, path.c_str(), /*durable=*/true, error);
-}
-
-// Gives the copy its place, where nothing is.
-bool Place(const Request &request, const CopiedPart &part, const ReplacedDocument &place, CopiedOut &out,
-           TQError **error)
+// Gives the copy its place, where nothing is, with the rights that it had. On another volume it is copied beside it
+// first. A folder can only be moved while its owner may write to it.
+bool Place(const ReplacedDocument &place, CopiedOut &out, TQError **error)
 {
     Beside copy(place, out.staging());
+    const bool isFolder = S_ISDIR(out.mode());
+    const mode_t movable = out.mode() | (isFolder ? S_IWUSR : 0);
     bool isAcross = false;
-    if (!out.Flush(error) || !copy.Place(out.staged(), &isAcross, error)) return false;
-    if (isAcross) return CopyAcross(request, part, place, error);
-    if (!copy.GiveRights(out.mode(), place.path, error) || !copy.GiveBlockingFlags(place.path, error) ||
-        !copy.FlushFolder(error))
+    if (!out.Flush(error) || !copy.Open(out.staged(), error) || !copy.GiveRights(movable, place.path, error) ||
+        !copy.Place(out.staged(), &isAcross, error))
         return false;
+    if (isAcross && !(copy.Choose(isFolder, error) && copy.Make(isFolder, error) &&
+                      copy.CopyAcross(out.staged(), place.path, error) && copy.GiveRights(movable, place.path, error) &&
+                      copy.PlaceCopied(error)))
+        return false;
+    if ((movable != out.mode() && !copy.GiveRights(out.mode(), place.path, error)) ||
+        !copy.GiveBlockingFlags(place.path, error) || !copy.FlushFolder(error))
+        return false;
+    bool isThere = false;
+    if (place.IsFolderThere(&isThere) != 0)
+        return Failure(error).Errno("Failed to look for the folder of \"%s\"", place.path);
+    if (!isThere)
+        return Failure(error).Status(kTQStatusFailed, "the folder of \"%s\" was replaced meanwhile", place.path);
     copy.Release();
     return true;
 }
@@ -228,7 +232,12 @@ bool RestoreItem(const Request &request, const char *folder, TQError **error)
     PathBuffer path;
     FoundItem found;
     char generation[kGenerationNameLimit + 1];
-    if (!_FindItem(folder, item, &found, error)) return false;
+    int looks = 0;
+    do {
+        found = FoundItem();
+        if (!_FindItem(folder, item, &found, error)) return false;
+    } while (++looks < 3 && found.isThere && S_ISREG(found.status.mode) &&
+             platform::OutlastSecond(found.status.changeTime));
     const int length = static_cast<int>(found.length);
     if (!path.Format("%s/%.*s", TrimmedPath(folder).c_str(), length, item))
         return Failure(error).Refused(kTQStatusBadPath, "The supplied item path is too long");
@@ -243,7 +252,7 @@ bool RestoreItem(const Request &request, const char *folder, TQError **error)
     Backup backup(request);
     if (!backup.Add(error)) return false;
     if (isThere) return Replace(request, place, path.c_str(), out, backup, error);
-    if (!Place(request, part, place, out, error)) return false;
+    if (!Place(place, out, error)) return false;
     backup.Keep();
     return true;
 }

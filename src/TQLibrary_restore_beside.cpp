@@ -82,11 +82,23 @@ Held ReplacedDocument::Rename(const char *from, const char *to, const ItemId &id
     return result == 0 ? Held::Yes : platform::HasMoved(At(from), id, At(to));
 }
 
+int ReplacedDocument::IsFolderThere(bool *isThere) const
+{
+    TQFileStatus held, found;
+    if (platform::GetStatusOfFd(folder.get(), &held) != 0) return -1;
+    const bool isFound = platform::GetStatus(Item::AtPath(ParentPath(path).c_str()), Links::Follow, &found) == 0;
+    if (!isFound && errno != ENOENT && errno != ENOTDIR) return -1;
+    *isThere = isFound && ItemId::Of(held) == ItemId::Of(found);
+    return 0;
+}
+
 int ReplacedDocument::IsUnchangedAt(const char *nameInFolder, bool *isUnchanged) const
 {
     TQFileStatus status;
     if (platform::GetStatus(At(nameInFolder), Links::NoFollow, &status) != 0) return -1;
-    const bool isSame = ItemId::Of(status) == ItemId::Of(itself);
+    bool isThere = true;
+    if (!givesRights && IsFolderThere(&isThere) != 0) return -1;
+    const bool isSame = isThere && ItemId::Of(status) == ItemId::Of(itself);
     *isUnchanged =
         isSame && (!S_ISREG(itself.mode) || (status.size == itself.size &&
                                              platform::IsSameTime(status.modificationTime, itself.modificationTime)));
@@ -168,26 +180,40 @@ bool Beside::Bring(const StagedCopy &staged, bool *isAcross, TQError **error)
     const int result = renameat(AT_FDCWD, staged.path, document_.folder.get(), name_);
     if (result == 0 || CameAllTheSame(staged)) {
         status_ = staged.status;
-        return OpenCopy(ItemId::Of(staged.status), error);
+        return OpenCopy(item(), ItemId::Of(staged.status), error);
     }
     *isAcross = errno == EXDEV;
     return *isAcross ||
            Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged.path, path_.c_str());
 }
 
+bool Beside::Open(const StagedCopy &staged, TQError **error)
+{
+    (void)path_.Format("%s", document_.trimmed.c_str());
+    return OpenCopy(Item::AtPath(staged.path), ItemId::Of(staged.status), error);
+}
+
 bool Beside::Place(const StagedCopy &staged, bool *isAcross, TQError **error)
 {
-    const Item from = Item::AtPath(staged.path), to = document_.At(document_.name());
-    const ItemId id = ItemId::Of(staged.status);
-    (void)path_.Format("%s", document_.trimmed.c_str());
+    return PlaceFrom(Item::AtPath(staged.path), ItemId::Of(staged.status), isAcross, error);
+}
+
+bool Beside::PlaceCopied(TQError **error)
+{
+    bool isAcross = false;
+    return PlaceFrom(item(), id(), &isAcross, error);
+}
+
+bool Beside::PlaceFrom(const Item &from, const ItemId &id, bool *isAcross, TQError **error)
+{
+    const Item to = document_.At(document_.name());
     if (platform::RenameIntoNothing(from, id, to) != 0 && platform::HasMoved(from, id, to) != Held::Yes) {
         *isAcross = errno == EXDEV;
-        return *isAcross || Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", staged.path,
-                                                 path_.c_str());
+        return *isAcross ||
+               Failure(error).Errno("Failed to rename file from staging (\"%s\" -> \"%s\")", from.path, document_.path);
     }
-    status_ = staged.status;
     MovedTo(document_.name());
-    return OpenCopy(id, error);
+    return true;
 }
 
 bool Beside::CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error)
@@ -207,16 +233,16 @@ bool Beside::CopyAcross(const StagedCopy &staged, const char *restoredPath, TQEr
     (void)_TransferBirthTime(staged.path, document_.path);
     if (S_ISLNK(staged.status.mode) && platform::GetStatus(item(), Links::NoFollow, &status_) != 0)
         return Failure(error).Errno("stat(\"%s\") failed", path_.c_str());
-    return OpenCopy(id(), error);
+    return OpenCopy(item(), id(), error);
 }
 
 // The item that is opened has to be the one that was brought. A link can't be opened, and need not be.
-bool Beside::OpenCopy(const ItemId &expected, TQError **error)
+bool Beside::OpenCopy(const Item &where, const ItemId &expected, TQError **error)
 {
-    copy_.Reset(openat(document_.folder.get(), name_, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    copy_.Reset(openat(where.directory, where.name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     TQFileStatus found;
     const bool isLink = !copy_ && errno == ELOOP;
-    if ((!copy_ && !isLink) || (isLink ? platform::GetStatus(item(), Links::NoFollow, &found)
+    if ((!copy_ && !isLink) || (isLink ? platform::GetStatus(where, Links::NoFollow, &found)
                                        : platform::GetStatusOfFd(copy_.get(), &found)) != 0)
         return Failure(error).Errno("failed to open \"%s\"", path_.c_str());
     if (ItemId::Of(found) != expected) {

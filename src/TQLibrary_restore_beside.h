@@ -57,8 +57,11 @@ struct ReplacedDocument {
     // Renames the item `id`. It replaces nothing, unless `mayReplace` says that the caller knows what has the new name.
     // Yes once the item has that name; Unknown, with errno, if neither the answer nor a look tells.
     platform::Held Rename(const char *from, const char *to, const ItemId &id, bool mayReplace = false) const;
-    // Whether what stands there is what was looked at first, and has not been written to since.
+    // Whether the folder's path still leads to it: a program that saves a document which is a folder replaces it.
     // 0, or -1 with errno.
+    int IsFolderThere(bool *isThere) const;
+    // Whether what stands there is what was looked at first, and has not been written to since; of an item, in a folder
+    // that is still the document's. 0, or -1 with errno.
     int IsUnchangedAt(const char *nameInFolder, bool *isUnchanged) const;
 };
 
@@ -86,8 +89,11 @@ public:
     bool Bring(const StagedCopy &staged, bool *isAcross, TQError **error);
     bool CopyAcross(const StagedCopy &staged, const char *restoredPath, TQError **error);
 
-    // For a copy where nothing is: it gets its name at once.
+    // For a copy where nothing is: it is opened, gets its rights, and then its name. If Place says that it is on
+    // another volume, it is copied across as above, and gets its name by PlaceCopied.
+    bool Open(const StagedCopy &staged, TQError **error);
     bool Place(const StagedCopy &staged, bool *isAcross, TQError **error);
+    bool PlaceCopied(TQError **error);
 
     // Gives the copy the document's owner and group where that is possible, its hidden extension, access-control lists,
     // mode, and the flags that don't bar a rename; or the mode and such flags of its own. All of it is on disk when it
@@ -123,7 +129,8 @@ public:
 private:
     bool FailToMake(bool isDirectory, TQError **error) const;
     bool CameAllTheSame(const StagedCopy &staged) const;
-    bool OpenCopy(const ItemId &expected, TQError **error);
+    bool PlaceFrom(const Item &from, const ItemId &id, bool *isAcross, TQError **error);
+    bool OpenCopy(const Item &where, const ItemId &expected, TQError **error);
     bool GiveOwner();
     bool GiveDocumentsRights(mode_t staged, const char *restoredPath);
     bool Flush(TQError **error) const;

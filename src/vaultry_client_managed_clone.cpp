@@ -151,8 +151,9 @@ public:
     // Makes it a store, which is then at its place.
     TQDictionary *Finish()
     {
-        if (!DropWhatIsNotWhole()) return nullptr;
+        if (!place_.RequireNothingElse(error_) || !DropWhatIsNotWhole()) return nullptr;
         auto report = Ref<TQDictionary>::Adopt(MakeReport()); // nothing may fail when the store is there
+        for (const char *name : {kStagingName, kLockFileName}) place_.Note(name);
         TQClientManagedStorage *made = report ? TQClientManagedStorageCreate(place_.c_str(), error_) : nullptr;
         if (!made) return nullptr;
         TQClientManagedStorageFree(made);
@@ -235,6 +236,7 @@ private:
         const bool isTop = below.find('/') == below.npos;
         if (isTop && below.front() == '.') return duplix_answer::Skip; // the store's own, of which each has its own
         if (isTop && !IsGeneration(state, below)) return duplix_answer::Skip;
+        if (isTop) place_.Note(below);
         if (shortfalls_.Has(GenerationOf(below))) return duplix_answer::Skip;
         const TQFileStatus &file = *state.source;
         if (!S_ISREG(file.mode) || file.linkCount < 2) return duplix_answer::Continue;

@@ -22,8 +22,8 @@ namespace {
 
 constexpr char kBesideTemplate[] = "%s/.vaultry_clone.XXXXXXX";
 
-// A clone that root makes belongs to the store's owner already when it is compared, so it lies in a directory that stays
-// root's.
+// A clone that root makes belongs to the store's owner already when it is compared, so it lies in a directory that
+// stays root's.
 const char *Inside()
 {
     return geteuid() == 0 ? "/store" : "";
@@ -44,11 +44,24 @@ ClonePlace::~ClonePlace()
 {
     if (!mustGo_) return;
     const ErrnoKeeper keeper;
-    (void)_RemoveTreeAt(Item::AtPath(c_str()), {.keepRoot = isGiven_}, nullptr);
-    if (isGiven_)
-        (void)platform::SetMode(Item::AtPath(c_str()), Links::NoFollow, before_.mode & 07777);
-    else
+    if (!isGiven_) {
+        (void)_RemoveTreeAt(Item::AtPath(c_str()), {}, nullptr);
         (void)rmdir(beside_.c_str());
+        return;
+    }
+    (void)fchmod(directory_.get(), S_IRWXU);
+    for (const std::string &name : names_) (void)_RemoveTreeAt({directory_.get(), name.c_str(), c_str()}, {}, nullptr);
+    (void)fchmod(directory_.get(), before_.mode & 07777);
+}
+
+bool ClonePlace::RequireNothingElse(TQError **error) const
+{
+    Names names(Item::AtPath(c_str()));
+    while (const char *name = names.Next())
+        if (names_.count(name) == 0)
+            return Failure(error).Refused(kTQStatusExists, "path \"%s/%s\" came from somebody else", c_str(), name);
+    errno = names.error();
+    return errno == 0 || Failure(error).Errno("unable to read the directory \"%s\"", c_str());
 }
 
 bool ClonePlace::Begin(const char *store, const char *target, TQError **error)

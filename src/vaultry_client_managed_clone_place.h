@@ -1,10 +1,10 @@
 // Where a clone of a store is made, and where it is to be.
 //
-// It is made beside its place, or in an empty directory that is there already, which may be the top of a volume and then
-// can't be renamed.
+// It is made beside its place, or in an empty directory that is there already, which may be the top of a volume and
+// then can't be renamed.
 //
-// Much of the work goes by path. So it is done where nobody else can change what the path leads to: in a folder in which
-// no other user can rename it, and in a directory that no other user can change.
+// Much of the work goes by path. So it is done where nobody else can change what the path leads to: in a folder in
+// which no other user can rename it, and in a directory that no other user can change.
 
 #pragma once
 
@@ -13,6 +13,9 @@
 
 #include <vaultry/error.h>
 #include <vaultry/file_status.h>
+
+#include <set>
+#include <string>
 
 // Unless the clone has been put there, nothing is left of it at the end of the scope.
 class ClonePlace {
@@ -24,6 +27,10 @@ public:
 
     // Finds a directory for the clone of `store`, or makes one beside `target`.
     bool Begin(const char *store, const char *target, TQError **error);
+    // Tells what the clone has in its directory. In one that was there already, nothing else is removed in the end.
+    void Note(const std::string &name) { names_.insert(name); }
+    // Whether nobody else has put something there.
+    bool RequireNothingElse(TQError **error) const;
     // Gives the clone its name.
     bool PutThere(TQError **error);
 
@@ -43,5 +50,6 @@ private:
     bool isGiven_ = false;
     bool mustGo_ = false;
     TQFileStatus before_{};
+    std::set<std::string> names_;
     UniqueFd directory_;
 };

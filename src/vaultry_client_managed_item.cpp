@@ -1,6 +1,7 @@
 #include "vaultry_client_managed_item.h"
 
 #include "Platform/FileStatus.h"
+#include "Shared/PathBuffer.h"
 #include "Shared/vaultry_internal_failure.h"
 
 #include <cerrno>
@@ -42,7 +43,7 @@ bool _FindItem(const char *top, const char *item, FoundItem *found, TQError **er
 {
     constexpr int kFolder = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     if (!_RequireItemPath(item, error)) return false;
-    found->folder.Reset(open(top, kFolder));
+    found->folder.Reset(open(TrimmedPath(top).c_str(), kFolder)); // a slash at the end would follow a link
     if (!found->folder) return Failure(error).Errno("failed to open \"%s\"", top);
     for (const char *rest = item;; ++rest) {
         const Component component(rest);

@@ -18,7 +18,8 @@ bool _TakeRequest(const Request *given, size_t firstSize, uint64_t knownFlags, R
     if (!given || given->size < firstSize || given->size > kLargestRequest)
         return Failure(error).Refused(kTQStatusInvalidArgument, "The supplied request was invalid");
     const auto *const bytes = reinterpret_cast<const unsigned char *>(given);
-    const size_t known = std::min(given->size, sizeof *taken);
+    // A size that ends inside a field has only a part of it.
+    const size_t known = std::min(given->size - given->size % alignof(Request), sizeof *taken);
     *taken = {};
     memcpy(static_cast<void *>(taken), bytes, known);
     const bool asksForMore = std::any_of(bytes + known, bytes + given->size, [](auto byte) { return byte != 0; });

@@ -17,6 +17,7 @@ static constexpr size_t kBlock = 128 << 10; // two of them stay in a processor's
 static_assert(kBlock >= XATTR_SIZE_MAX);
 static constexpr uint64_t kReportEvery = 4 << 20;
 static constexpr char kAccessList[] = "system.posix_acl_access";
+static constexpr char kDefaultList[] = "system.posix_acl_default";
 static constexpr char kCapability[] = "security.capability";
 static constexpr char kUserPrefix[] = "user.";
 
@@ -126,7 +127,10 @@ bool Comparison::HaveSameAttributes(const ComparedFile &original, const Compared
         const char *const name = one_.names.get() + at;
         if (counts(name) && !(other_.Has(name) && HaveSameValue(original, copy, name, /*isList=*/false))) return false;
     }
-    return HaveSameList(original, copy);
+    if (!S_ISDIR(original.status.mode) || (!one_.Has(kDefaultList) && !other_.Has(kDefaultList)))
+        return HaveSameList(original, copy);
+    return one_.Has(kDefaultList) && other_.Has(kDefaultList) &&
+           HaveSameValue(original, copy, kDefaultList, /*isList=*/false) && HaveSameList(original, copy);
 }
 
 } // namespace platform

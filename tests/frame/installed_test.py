@@ -83,13 +83,13 @@ with tempfile.TemporaryDirectory(prefix="vaultry-installed-") as temporary:
     run(prefix / "bin/vaultry", "init", "--store", where / "store", where=where)
     for unit in units:
         text = unit.read_text(encoding="utf-8")
-        commands = re.findall(r"^ExecStart=(vaultry .*)$", text, re.M)
+        commands = re.findall(r"^ExecStart=-?(vaultry .*)$", text, re.M)
         if bool(commands) != (unit.suffix == ".service") or unit.with_suffix(".timer") not in units:
             sys.exit(f"{unit.name} has these commands: {commands}, or no timer")
         for command in commands:
             words = command.replace("$RULES", re.sub(r"(?s).*# RULES=(.*?)\n.*", r"\1", text)).split()
             run(prefix / "bin" / words[0], *words[1:], where=where, env={"VAULTRY_STORE": str(where / "store")})
-        found = re.sub("(?m)^Documentation=.*\n", "", text).replace("ExecStart=", f"ExecStart={prefix}/bin/")
+        found = re.sub("ExecStart=(-?)", rf"ExecStart=\1{prefix}/bin/", re.sub("(?m)^Documentation=.*\n", "", text))
         unit.write_text(found, encoding="utf-8")
     if shutil.which("systemd-analyze"):
         session = dict(os.environ, XDG_RUNTIME_DIR=str(where))

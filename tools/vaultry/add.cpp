@@ -29,6 +29,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -95,7 +96,7 @@ public:
     }
 
     // Throws if nothing was kept. Else returns an exit code: not success if something beside the generation is missing,
-    // or the document was changed meanwhile. If that `mayRetry`, nothing is kept then.
+    // or the document was changed meanwhile.
     int Run(bool mayRetry);
     const std::string &name() const { return name_; }
 
@@ -180,7 +181,6 @@ void Addition::EndWhereChanged(bool mayRetry)
     const std::string what = Quoted(path_) + " changed while it was read: ";
     if (!mayRetry)
         return Complain(kExitChanged, what + Quoted(name_) + " may hold parts of its old state and of its new one");
-    store_.Remove({name_}, /*pinnedToo=*/true);
     Say(what + "it is read once more");
     exitCode_ = kExitChanged;
 }
@@ -341,12 +341,13 @@ void Addition::FlushRemoval(const OpenSource &former)
     Complain(failure);
 }
 
-// Whether it is still what its newest version holds; that is said then.
-static bool _IsUnchanged(const Store &store, const std::string &document, bool json)
+// If it is still what its newest version holds, says so and returns an exit code.
+static std::optional<int> _PassOverUnchanged(const Store &store, const std::string &document,
+                                             const Arguments &arguments)
 {
     const auto name = UnchangedSince(store, document);
-    if (!name) return false;
-    if (json) {
+    if (!name) return std::nullopt;
+    if (arguments.json) {
         Json object;
         PutBytes(object, "document", document);
         PutBytes(object, "unchanged_since", *name);
@@ -355,24 +356,47 @@ static bool _IsUnchanged(const Store &store, const std::string &document, bool j
     } else {
         Say(Quoted(document) + " is unchanged since " + Quoted(*name));
     }
-    return true;
+    if (arguments.pin || !arguments.tags.empty()) Say(Quoted(*name) + " gets neither tag nor pin: it was there before");
+    ProgressBar bar(Printable(BaseName(document)));
+    return arguments.seal ? SealKept(store, *name, bar) : kExitSuccess;
+}
+
+// What was kept first goes only when there is a better one. Returns an exit code, and in `tried` what counts.
+static int _ReadOnceMore(const Store &store, const Document &document, const Arguments &arguments, ProgressBar &bar,
+                         std::unique_ptr<Addition> &tried)
+{
+    const std::string first = tried->name();
+    const auto complain = [&](const CommandFailure &failure) {
+        bar.Clear();
+        Say(failure.Saying(Quoted(first) + ", which may hold parts of an old state and of a new one of " +
+                           Quoted(document.path) + ", stays: " + failure.what()));
+        return kExitChanged;
+    };
+    auto second = std::make_unique<Addition>(store, document, arguments, bar);
+    try {
+        const int exitCode = second->Run(/*mayRetry=*/false);
+        tried = std::move(second);
+        store.Remove({first}, /*pinnedToo=*/true);
+        return exitCode;
+    } catch (const CommandFailure &failure) {
+        return complain(failure);
+    }
 }
 
 static int _AddDocument(const Store &store, const std::string &given, const Arguments &arguments)
 {
     const Document document = ResolveDocument(given);
-    if (arguments.ifChanged && _IsUnchanged(store, document.path, arguments.json)) return kExitSuccess;
+    if (arguments.ifChanged)
+        if (const auto exitCode = _PassOverUnchanged(store, document.path, arguments)) return *exitCode;
     if (document.wasLink)
         Say(Quoted(given) + " is a link: " + (arguments.move ? "moving " : "keeping ") + Quoted(document.path));
 
     AddProgress progress(Printable(BaseName(document.path)));
     const InterruptGuard interrupts(progress.get());
-    std::optional<Addition> tried(std::in_place, store, document, arguments, progress.bar());
+    auto tried = std::make_unique<Addition>(store, document, arguments, progress.bar());
     int exitCode = tried->Run(/*mayRetry=*/arguments.retry);
-    if (exitCode == kExitChanged && arguments.retry) {
-        tried.emplace(store, document, arguments, progress.bar());
-        exitCode = tried->Run(/*mayRetry=*/false);
-    }
+    if (exitCode == kExitChanged && arguments.retry)
+        exitCode = _ReadOnceMore(store, document, arguments, progress.bar(), tried);
     const Addition &addition = *tried;
     const int sealing = arguments.seal ? SealKept(store, addition.name(), progress.bar()) : kExitSuccess;
     if (exitCode == kExitSuccess) exitCode = sealing;

@@ -68,7 +68,14 @@ static void _PrintCount(const SealCount &count, const Arguments &arguments)
 static SealCount _LookAtSeals(const std::string &path, const Arguments &arguments, bool &isWell, Problems &problems)
 {
     // What keeps a place from being a store is among the findings.
-    if (LookAtPlace(path) != PlaceKind::Store) return {};
+    if (LookAtPlace(path) != PlaceKind::Store) {
+        if (arguments.readAll)
+            throw CommandFailure(kExitFailure,
+                                 "nothing of " + Quoted(path) +
+                                     " was read: it is no whole store, and \"check --repair\" comes first")
+                .At(path);
+        return {};
+    }
     const Store store = Store::Require(path);
     if (!arguments.readAll) return CountSealed(store);
     const auto show = [&](const Rot &rot) {
@@ -83,7 +90,7 @@ int RunCheck(const Arguments &arguments)
     const std::string path = LocateStore(arguments.checked ? arguments.checked : arguments.store);
     switch (LookAtPlace(path)) {
     case PlaceKind::Missing:
-        throw CommandFailure(kExitFailure, "there is no store at " + Quoted(path)).At(path);
+        throw CommandFailure(kExitNoSuchGeneration, "there is no store at " + Quoted(path)).At(path);
     case PlaceKind::Other:
         throw CommandFailure(kExitFailure, Quoted(path) + " is no store").At(path);
     case PlaceKind::Free: // may hold one of the store's own two files; the library tells

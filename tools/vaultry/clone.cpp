@@ -4,6 +4,7 @@
 #include "commands.h"
 #include "entries.h"
 #include "failure.h"
+#include "history.h"
 #include "interrupt.h"
 #include "json.h"
 #include "naming.h"
@@ -76,11 +77,23 @@ static void _PrintAsJson(const TQDictionary *report, const std::string &store, c
 
 // What had rotted before it was copied is the same in the clone: only seals tell.
 static SealCount _ReadSeals(const std::string &target, Problems &problems)
-{
+try {
+    Problems ofSeals, ofInfo;
+    const Store clone = Store::Require(target);
+    (void)ReadHistory(clone, ofInfo); // of one whose info can't be read, nobody knows whether it is sealed
+    if (!ofInfo.none()) problems.Note([&] { throw ofInfo.first(); });
     const auto note = [&](const Rot &rot) {
         problems.Note([&] { throw CommandFailure(kExitFailure, Quoted(rot.path) + ": " + rot.meaning); });
     };
-    return ReadSealed(Store::Require(target), note, problems);
+    const SealCount count = ReadSealed(clone, note, ofSeals);
+    if (!ofSeals.none()) problems.Note([&] { throw ofSeals.first(); });
+    return count;
+} catch (const CommandFailure &failure) {
+    problems.Note([&] {
+        throw failure.Saying("the clone is there, but was not all held against its seals: " +
+                             std::string(failure.what()));
+    });
+    return {};
 }
 
 int RunClone(const Arguments &arguments)

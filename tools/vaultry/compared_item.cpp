@@ -6,6 +6,7 @@
 #include "quiet_walk.h"
 #include "text.h"
 
+#include <algorithm>
 #include <vaultry/library.h>
 
 #include <cerrno>
@@ -24,7 +25,12 @@ static constexpr char kCapability[] = "security.capability";
 
 bool IsUsersAttribute(std::string_view name)
 {
-    return name.starts_with("user.") && !name.starts_with("user.com.corvane.vaultry.");
+    static constexpr std::string_view kUser = "user.", kStore = "com.corvane.vaultry.";
+    static constexpr std::string_view kOfStore[] = {"orig_perms_v1", "info", "origdisplayname", "gen_options"};
+    if (!name.starts_with(kUser)) return false;
+    name.remove_prefix(kUser.size());
+    return !name.starts_with(kStore) ||
+           std::find(std::begin(kOfStore), std::end(kOfStore), name.substr(kStore.size())) == std::end(kOfStore);
 }
 
 static CommandFailure _Unreadable(const std::string &what, const std::string &path)

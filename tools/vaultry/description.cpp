@@ -72,8 +72,8 @@ static std::string _Value(const Json &value)
 {
     if (value.is_string()) return Quoted(value.get<std::string>());
     if (!value.is_structured()) return value.dump();
-    if (value.size() == 1 && value.contains("$date")) return _Time(value["$date"]);
-    if (value.size() == 1 && value.contains("$data")) return _Data(value["$data"]);
+    if (value.size() == 1 && value.contains("$date") && value["$date"].is_string()) return _Time(value["$date"]);
+    if (value.size() == 1 && value.contains("$data") && value["$data"].is_string()) return _Data(value["$data"]);
     std::string text;
     for (const auto &[key, member] : value.items())
         text += (text.empty() ? "" : ", ") + (value.is_object() ? Printable(key) + " = " : "") + _Value(member);

@@ -54,7 +54,7 @@ static Doomed _LookAt(const std::string &path)
 {
     switch (LookAtPlace(path)) {
     case PlaceKind::Missing:
-        throw CommandFailure(kExitFailure, "there is no store at " + Quoted(path)).At(path);
+        throw CommandFailure(kExitNoSuchGeneration, "there is no store at " + Quoted(path)).At(path);
     case PlaceKind::Other:
         throw CommandFailure(kExitFailure, Quoted(path) + " is no store; nothing was removed").At(path);
     case PlaceKind::Damaged: // also the rest of a store whose destruction was cut short

@@ -67,7 +67,7 @@ static int _Compare(const Arguments &arguments)
         const Pager pager(arguments.json ? 0 : SIZE_MAX);
         problems = CompareTrees(first, second, {.times = arguments.times}, [&](const Difference &difference) {
                        printer.Show(difference);
-                       return true;
+                       return ferror(stdout) == 0; // or who reads has seen enough
                    }).problems;
         if (problems.none() || !printer.none()) printer.Finish();
     }

@@ -74,6 +74,11 @@ public:
             failures_.push_back(failure);
         }
     }
+    // Forgets one that only tells that the user stopped the reading.
+    void ForgetStop()
+    {
+        std::erase_if(failures_, [](const CommandFailure &failure) { return failure.exitCode() > kExitSignal; });
+    }
     bool none() const { return failures_.empty(); }
     const CommandFailure &first() const { return failures_.front(); }
     std::vector<std::string> texts() const;

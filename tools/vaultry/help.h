@@ -141,7 +141,7 @@ inline constexpr char kCheckFooter[] = R"(
 Each finding is shown with its path and its meaning. --repair mends what is safe
 to mend: it puts protection back, returns a document that an interrupted
 operation left aside to its place, and removes anything else that the operation
-left behind. An item that may be in use stays for an hour after its last change.
+left behind. What a running operation works on is left alone.
 The contents of generations are never touched.
 
 --read also reads all generations that are sealed, from the disk, and names each

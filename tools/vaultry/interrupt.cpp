@@ -6,6 +6,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <string>
@@ -22,12 +23,13 @@ static std::array<struct sigaction, kSignals.size()> gPrevious;
 extern "C" {
 static void _OnSignal(int number)
 {
-    const int before = gSignal.exchange(number);
+    const int before = gSignal.exchange(number), error = errno;
     if (TQProgress *progress = gProgress) TQProgressCancel(progress);
     const char *message = gMessage;
     if (!message) return;
     if (before == 0) {
         (void)!write(STDERR_FILENO, message, strlen(message));
+        errno = error;
     } else {
         // Delivered when this handler returns.
         signal(number, SIG_DFL);

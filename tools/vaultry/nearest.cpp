@@ -40,7 +40,7 @@ std::optional<std::string> NearestTo(const std::string &word, const std::vector<
     size_t limit = (word.size() + 2) / 3;
     for (const std::string &candidate : candidates) {
         const size_t slips = _Slips(word, candidate, match, limit);
-        if (slips > limit || slips >= word.size()) continue;
+        if (slips > limit || slips >= word.size() || (nearest && slips == limit)) continue;
         nearest = candidate;
         limit = slips;
     }

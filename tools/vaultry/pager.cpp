@@ -102,8 +102,8 @@ Pager::~Pager()
     _Wait(process_, &status);
     signal(SIGPIPE, onPipe_);
     signal(SIGINT, onInterrupt_);
-    static constexpr int kCanNotBeRun = 126; // and more, as shells say it
-    gHasFailed |= WIFEXITED(status) && WEXITSTATUS(status) >= kCanNotBeRun;
+    static constexpr int kCanNotBeRun = 126, kNotFound = 127; // as shells say it
+    gHasFailed |= WIFEXITED(status) && (WEXITSTATUS(status) == kCanNotBeRun || WEXITSTATUS(status) == kNotFound);
 }
 
 bool Pager::TakeFailure()

@@ -40,7 +40,10 @@ static bool _IsFolder(const std::string &path)
 
 static const char *_KindOf(const struct stat &status)
 {
-    return S_ISDIR(status.st_mode) ? "a folder" : S_ISLNK(status.st_mode) ? "a link" : "a file";
+    return S_ISDIR(status.st_mode)   ? "a folder"
+           : S_ISLNK(status.st_mode) ? "a link"
+           : S_ISREG(status.st_mode) ? "a file"
+                                     : "neither a file nor a folder";
 }
 
 // The present item, none if it is missing. Only a folder has items.

@@ -109,11 +109,24 @@ static bool _IsKept(const Store &store, const Backup &backup)
     }
 }
 
+// Whether what has the backup's name is the backup. Another program may have taken the name meanwhile. Without room for
+// notes, a backup has none.
+static bool _IsOurs(const Store &store, const Backup &backup)
+{
+    if (!backup.name || !backup.isNew || !_IsKept(store, backup)) return false;
+    if (store.HasNotes(*backup.name, backup.notes.get())) return true;
+    try {
+        return !store.PeekAtInfoOf(*backup.name).document;
+    } catch (const CommandFailure &) {
+        return false;
+    }
+}
+
 // After a failed restore the backup is gone, unless a part of the old state is gone or somebody saved the document
 // meanwhile.
 static void _NameBackup(const Store &store, const std::string &document, const Backup &backup)
 {
-    if (!backup.isNew || !_IsKept(store, backup)) return;
+    if (!_IsOurs(store, backup)) return;
     _NoteBackup(store, backup);
     Say("what " + Quoted(document) + " was is kept as " + Quoted(*backup.name));
 }
@@ -228,18 +241,33 @@ int BringBack(const Store &store, const GenerationItem &item, const std::string 
     Backup backup = _PlanBackup(store, arguments, document, name);
     if (!isThere && arguments.backup) Say(Quoted(document) + " is not there, so there is nothing to back up");
 
-    if (isThere)
-        _Replace(store, item, document, backup);
-    else
-        _CopyBack(store, item, document, backup);
+    for (bool isDone = false; !isDone;) {
+        try {
+            isThere ? _Replace(store, item, document, backup) : _CopyBack(store, item, document, backup);
+            isDone = true;
+        } catch (const CommandFailure &failure) {
+            const bool isTaken = failure.exitCode() == kExitExists && backup.isNew && !arguments.backup &&
+                                 _IsKept(store, backup) && !_IsOurs(store, backup);
+            if (!isTaken || InterruptGuard::Came()) throw;
+            backup = _PlanBackup(store, arguments, document, name); // under the next free name
+        }
+    }
     // The document may have come or gone meanwhile.
-    if (backup.name && (!backup.isNew || !_IsKept(store, backup))) backup.name.reset();
+    if (!_IsOurs(store, backup)) backup.name.reset();
     if (backup.name) _NoteBackup(store, backup);
     const bool mayBeRenamed = !item.isInner() && (isThere || backup.name);
     const std::string restored = mayBeRenamed ? RestoredPath(document, name) : item.In(document);
     Problems problems;
-    const size_t carried =
-        mayBeRenamed && restored != document ? _CarryOver(store, document, restored, backup, problems) : 0;
+    size_t carried = 0;
+    if (mayBeRenamed && restored != document)
+        problems.Note([&] {
+            try {
+                carried = _CarryOver(store, document, restored, backup, problems);
+            } catch (const CommandFailure &failure) {
+                throw failure.Saying("the history of " + Quoted(document) + " stays there: " + failure.what() +
+                                     "\n  \"vaultry moved\" carries it over to " + Quoted(restored));
+            }
+        });
     if (arguments.json) {
         Json object;
         PutBytes(object, "document", item.isInner() ? document : restored);

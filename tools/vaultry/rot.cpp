@@ -38,6 +38,7 @@ public:
             Add("", "rotten", std::string(kRotten) + ": there was no room to note which of its items");
         if (changes.isAnyMissing && contents.unread.empty())
             Add("", "missing", "lacks something that it had when it was sealed");
+        if (found_.empty()) Add("", "rotten", "does not match its seal: one of the two has changed");
     }
 
     void ShowAll(const std::function<void(const Rot &)> &show) const
@@ -119,7 +120,11 @@ SealCount ReadSealed(const Store &store, const std::function<void(const Rot &)> 
             bar.Clear();
             findings.ShowAll(show);
         });
-        if (InterruptGuard::Came()) throw CommandFailure(InterruptGuard::ExitCode(), "stopped: not all was read");
+        if (InterruptGuard::Came()) {
+            problems.ForgetStop();
+            problems.SayAll();
+            throw CommandFailure(InterruptGuard::ExitCode(), "stopped: not all was read");
+        }
         if (WaitWatch::GaveUp()) break;
     }
     return count;

@@ -74,7 +74,11 @@ int RunSeal(const Arguments &arguments)
             bar.Clear();
             if (arguments.json || !arguments.all) _Show(arguments, kept.name, *isNew);
         });
-        if (InterruptGuard::Came()) throw CommandFailure(InterruptGuard::ExitCode(), "stopped: not all is sealed");
+        if (InterruptGuard::Came()) {
+            problems.ForgetStop();
+            problems.SayAll();
+            throw CommandFailure(InterruptGuard::ExitCode(), "stopped: not all is sealed");
+        }
         if (WaitWatch::GaveUp()) break;
     }
     bar.Clear();

@@ -18,7 +18,10 @@ namespace fs = std::filesystem;
 
 static const char *_KindOf(const struct stat &status)
 {
-    return S_ISDIR(status.st_mode) ? "directory" : S_ISREG(status.st_mode) ? "file" : "link";
+    return S_ISDIR(status.st_mode)   ? "directory"
+           : S_ISREG(status.st_mode) ? "file"
+           : S_ISLNK(status.st_mode) ? "link"
+                                     : "other";
 }
 
 static std::string _TargetOf(const std::string &link)
@@ -74,7 +77,7 @@ static std::vector<std::string> _LinesOf(const Json &entries)
     std::vector<std::string> lines;
     for (const Json &entry : entries) {
         const std::string kind = entry["kind"], name = Printable(entry["name"].get<std::string>());
-        std::string size = kind == "file" ? HumanSize(entry["size"].get<uint64_t>()) : kind == "link" ? "link" : "";
+        std::string size = kind == "file" ? HumanSize(entry["size"].get<uint64_t>()) : kind == "directory" ? "" : kind;
         size.resize(kSizeWidth, ' ');
         lines.push_back("  " + size + " " + name + (kind == "directory" ? "/" : ""));
         if (kind == "link") lines.back() += " -> " + Printable(entry["target"].get<std::string>());

@@ -87,7 +87,9 @@ static void _DefineAdd(CLI::App &app, Arguments &arguments)
         ->option_text("KEY=VALUE")
         ->allow_extra_args(false);
     add->add_flag("--pin", arguments.pin, "Keep the generation from being pruned");
-    add->add_flag("--retry", arguments.retry, "Read a document once more that changed while it was read");
+    add->add_flag("--retry", arguments.retry, "Read a document once more that changed while it was read")
+        ->option_text(" ")
+        ->excludes(name);
     add->add_flag("--no-links", arguments.noLinks, "Refuse a document that holds a symbolic link");
     add->add_flag("--no-share", arguments.noShare, "Copy the files that have not changed, too");
     add->add_flag("--seal", arguments.seal, "Seal it, as seal does");
@@ -312,6 +314,7 @@ void DefineCommands(CLI::App &app, Arguments &arguments)
     CLI::App *usage = _AddCommand(app, arguments, Command::Usage, "usage", "Show what takes the room", kUsageFooter);
     usage->add_option("DOCUMENT", arguments.document, "Only generations of this document")->option_text(" ");
     _AddJson(usage, arguments);
+    _AddNoPager(usage, arguments);
     _DefineClone(app, arguments);
 
     CLI::App *check = _AddCommand(app, arguments, Command::Check, "check", "Verify a store", kCheckFooter);

@@ -24,8 +24,10 @@ std::string IsoTime(double secondsSince1970)
     struct tm utc {};
     char text[64];
     if (!std::isfinite(secondsSince1970) || std::fabs(whole) > 1e15 || !gmtime_r(&seconds, &utc)) return "";
-    strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+    snprintf(text, sizeof text, "%04lld", 1900LL + utc.tm_year);
     std::string result = text;
+    strftime(text, sizeof text, "-%m-%dT%H:%M:%S", &utc);
+    result += text;
     snprintf(text, sizeof text, "%.6f", secondsSince1970 - whole);
     std::string fraction = text + 1; // ".250000"
     fraction.erase(fraction.find_last_not_of("0.") + 1);

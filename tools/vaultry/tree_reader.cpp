@@ -83,16 +83,26 @@ private:
     const int fd_;
 };
 
-// Whether an attribute is to be summed up. The owner's right to write, which a change of the notes lifts for a moment,
-// also stands in the access list of the top.
-static bool _Counts(std::string_view name, bool isTop)
+static constexpr std::string_view kAccessList = "system.posix_acl_access";
+
+// Whether an attribute is to be summed up.
+static bool _Counts(std::string_view name)
 {
-    if (name == "system.posix_acl_access") return !isTop;
-    return IsUsersAttribute(name) || name == "system.posix_acl_default";
+    return IsUsersAttribute(name) || name == kAccessList || name == "system.posix_acl_default";
+}
+
+// The store's protection, which comes and goes with a repair or a change of the notes, also stands in the list: in the
+// entries of the owner, the owning group, the mask and the others.
+static void _TakeProtection(char *list, ssize_t size)
+{
+    static constexpr ssize_t kHeader = 4, kEntry = 8;
+    static constexpr std::string_view kProtected("\x01\x04\x10\x20");
+    for (ssize_t at = kHeader; at + kEntry <= size; at += kEntry)
+        if (kProtected.find(list[at]) != kProtected.npos) list[at + 2] = static_cast<char>(list[at + 2] & ~2);
 }
 
 // Throws CannotRead.
-uint64_t TreeReader::SumOfAttributes(int fd, bool isTop)
+uint64_t TreeReader::SumOfAttributes(int fd)
 {
     static_assert(kBufferSize >= XATTR_LIST_MAX + XATTR_SIZE_MAX);
     char *const names = buffer_.data(), *const value = names + XATTR_LIST_MAX;
@@ -101,9 +111,10 @@ uint64_t TreeReader::SumOfAttributes(int fd, bool isTop)
     if (length < 0) throw CannotRead();
     uint64_t sum = 0; // has no order, as the names have none
     for (const char *name = names; name < names + length; name += strlen(name) + 1) {
-        if (!_Counts(name, isTop)) continue;
+        if (!_Counts(name)) continue;
         const ssize_t size = fgetxattr(fd, name, value, XATTR_SIZE_MAX);
         if (size < 0) throw CannotRead();
+        if (name == kAccessList) _TakeProtection(value, size);
         sum += XXH3_64bits_withSeed(value, static_cast<size_t>(size), HashOfPath(name));
     }
     return sum;
@@ -181,7 +192,7 @@ private:
         if (item.kind != DT_REG && item.kind != DT_DIR) return;
         const OpenItem open(item);
         AppendNumber(text, _Permissions(item.path, isTop));
-        AppendNumber(text, reader_.SumOfAttributes(open.get(), isTop));
+        AppendNumber(text, reader_.SumOfAttributes(open.get()));
         if (item.kind == DT_DIR) return;
         const Hash bytes = BytesOf(open.get());
         AppendNumber(text, bytes.low);

@@ -51,7 +51,7 @@ private:
     using File = std::tuple<dev_t, ino_t, time_t, long, off_t>; // with what changes when its bytes do
 
     Hash HashOfBytes(int fd, uint64_t size);
-    uint64_t SumOfAttributes(int fd, bool isTop);
+    uint64_t SumOfAttributes(int fd);
 
     const From from_;
     const std::function<void(uint64_t)> advance_;

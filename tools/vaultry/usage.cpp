@@ -5,6 +5,7 @@
 #include "commands.h"
 #include "document.h"
 #include "failure.h"
+#include "generation.h"
 #include "json.h"
 #include "room.h"
 #include "store.h"
@@ -40,8 +41,15 @@ static Volume _VolumeOf(const std::string &path)
 static int _Measure(const Store &store, const std::string &document, Room &room, std::vector<UsedBy> &used)
 {
     int exitCode = kExitSuccess;
+    const std::set<std::string> links = PeekAtLinks(store.path());
     for (const std::string &name : store.Names()) {
         Problems problems;
+        if (links.contains(name)) {
+            problems.Note([&] { RefuseLink(store, name); });
+            problems.SayAll();
+            if (exitCode == kExitSuccess) exitCode = problems.exitCode();
+            continue;
+        }
         UsedBy one{name, {}, {}, true, {}};
         problems.Note([&] { one.info = store.PeekAtInfoOf(name); });
         const size_t before = problems.texts().size();
