@@ -422,6 +422,8 @@ int RunAdd(const Arguments &arguments)
     if (arguments.newName) CheckGenerationName("--name", *arguments.newName);
     (void)_ParseTags(arguments); // before anything is made
     const std::string place = LocateStore(arguments.store);
+    if (arguments.documents.size() == 1)
+        (void)ResolveDocument(arguments.documents.front()); // or no store is made for it
     // Where a named store is missing, its volume may not be mounted, and another store must not hide there.
     const Store store = IsStoreNamed(arguments.store) ? Store::RequireMade(place) : Store::OpenOrMake(place);
     int exitCode = kExitSuccess;

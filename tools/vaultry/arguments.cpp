@@ -82,7 +82,7 @@ static std::string _WrongWord(const CLI::App &app)
         for (const CLI::Option *option : command.get_options())
             for (const std::string &name : option->get_lnames()) candidates.push_back("--" + name);
         const auto nearest = NearestTo(word, candidates, Match::Whole);
-        if (nearest == word) return Quoted(word) + " belongs behind the command";
+        if (nearest == word) return Quoted(word) + " belongs after the command";
         return (hasCommand ? command.get_name() + " has" : "there is") + " no option " + Quoted(word) +
                DidYouMean(nearest);
     }

@@ -76,7 +76,7 @@ int RunDestroy(const Arguments &arguments)
     const std::string path = LocateStore(arguments.store);
     const auto [count, what] = _LookAt(path);
     if (!arguments.yes) {
-        if (!isatty(STDIN_FILENO))
+        if (arguments.json || !isatty(STDIN_FILENO))
             throw CommandFailure(kExitUsage, "not destroying " + what + ": nobody can be asked; give --yes").At(path);
         if (!Confirmed("Destroy " + what + "? They can't be brought back."))
             throw CommandFailure(kExitFailure, "nothing was removed").At(path);

@@ -53,8 +53,9 @@ std::optional<CommandFailure> RefusalOfDocument(const Store &store, const std::s
     if (count == 0) return std::nullopt;
     const bool hasVersion = _NewestOf(history, document, std::nullopt, Wanted::Versions).has_value();
     return CommandFailure(kExitNoSuchGeneration,
-                          Quoted(given) + " is a document, and no generation; kept of it: " + std::to_string(count) +
-                              "\n  " + (hasVersion ? "\"--latest " + typed + "\" stands for the newest, and " : "") +
+                          Quoted(given) + " is a document, not a generation; " + std::to_string(count) +
+                              (count == 1 ? " generation of it is kept" : " generations of it are kept") + "\n  " +
+                              (hasVersion ? "\"--latest " + typed + "\" stands for the newest, and " : "") +
                               "\"vaultry list " + typed + "\" names all")
         .At(document);
 }

@@ -79,10 +79,10 @@ first, as a generation of its own whose name is printed; "vaultry undo" brings
 it back, and --latest, --at and --before pass it over. A generation of another
 document, and a folder over a file or a file over a folder, want --replace.
 Where DOCUMENT is a link, its target is meant. Of one item, only that is
-replaced, and DOCUMENT is the whole folder, which is kept first. If another program saves the file
-meanwhile, the restore fails and keeps what was saved. If the generation's name
-ends in another extension, the document gets that extension. A document that is
-gone is copied back.
+replaced, and DOCUMENT is the whole folder, which is kept first. If another
+program saves the file meanwhile, the restore fails and keeps what was saved. If
+the generation's name ends in another extension, the document gets that
+extension. A document that is gone is copied back.
 
 Examples:
   vaultry restore --latest report.txt
@@ -101,7 +101,10 @@ inline constexpr char kMovedFooter[] = R"(
 All that is kept of OLD counts as kept of NEW from then on, so that list, undo
 and --latest find it there. The store alone is changed: move the document first.
 If OLD is still there, or NEW is not, or has generations of its own, --anyway is
-wanted. Two histories that are joined can't be told apart again.
+wanted. Two histories that are joined can't be told apart again. In a folder
+that was moved, each document with a history of its own wants a call of its own.
+A restore of a version that was kept under another extension gives that one
+back.
 
 Example:
   mv draft.txt report.txt; vaultry moved draft.txt report.txt)";
@@ -225,7 +228,8 @@ prunes them too, apart from the others: by when they last changed in the store
 if they have no time, and by display name if they have no document.
 
 --dry-run prints a line for each generation: whether it would stay, and by which
-rules. Without it, one line says how many went and how many are left.
+rules; and how many would go. Without it, one line says how many went and how
+many are left.
 
 Examples:
   vaultry prune --dry-run --keep-last 10 --keep-daily 30 --keep-monthly 24
@@ -242,7 +246,8 @@ Examples:
 inline constexpr char kDestroyFooter[] = R"(
 Says how many generations go, and asks first. Refuses a directory that is not a
 store, and a store with a document that an interrupted operation left aside,
-which "check --repair" gives back. If it is cut short, call it again: it goes on.
+which "check --repair" gives back. If it is cut short, call it again: it goes
+on.
 
 Example:
   vaultry destroy --store /tmp/try --yes)";

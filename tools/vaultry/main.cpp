@@ -90,6 +90,7 @@ static int _RunAndReport(int argc, char **argv)
     try {
         if (const auto exitCode = ParseArguments(argc, argv, arguments)) return *exitCode;
         _OpenLog(arguments.verbose);
+        if (arguments.json) ProgressBar::DisableAll();
         if (arguments.noPager) Pager::DisableAll();
         const WaitWatch watch(arguments.wait);
         const int exitCode = _Run(arguments);

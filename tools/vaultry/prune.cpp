@@ -216,6 +216,9 @@ int RunPrune(const Arguments &arguments)
         _PrintAsJson(rows, arguments.isDryRun);
     } else if (arguments.isDryRun) {
         _PrintPlan(rows);
+        const auto going = std::count_if(rows.begin(), rows.end(), [](const Row &row) { return row.keptBy.none(); });
+        printf("generations that would be removed: %td, kept: %td\n", going,
+               static_cast<ptrdiff_t>(rows.size()) - going);
     } else {
         const auto gone = std::count_if(rows.begin(), rows.end(), [](const Row &row) { return row.isGone; });
         printf("generations removed: %td, kept: %td%s\n", gone, static_cast<ptrdiff_t>(rows.size()) - gone,

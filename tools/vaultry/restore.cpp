@@ -101,7 +101,8 @@ int RunRestore(const Arguments &arguments)
     if (IsDocumentThere(document)) {
         if (!arguments.replace) _RequireVersionOf(store, item.name, document);
         if (!arguments.replace) _RequireSameKind(store, item, document, present);
-        if (arguments.noBackup && (present || !item.isInner()) && isatty(STDIN_FILENO)) _Ask(item.In(document));
+        if (arguments.noBackup && (present || !item.isInner()) && !arguments.json && isatty(STDIN_FILENO))
+            _Ask(item.In(document));
     }
     return BringBack(store, item, document, arguments);
 }

@@ -188,7 +188,7 @@ static void _DefineRestore(CLI::App &app, Arguments &arguments)
 static void _DefineMoved(CLI::App &app, Arguments &arguments)
 {
     CLI::App *moved =
-        _AddCommand(app, arguments, Command::Moved, "moved", "Tell that a document has another path now", kMovedFooter);
+        _AddCommand(app, arguments, Command::Moved, "moved", "Tell vaultry that a document was moved", kMovedFooter);
     moved->add_option("OLD", arguments.document, "The path that it had")->required()->option_text(" ");
     moved->add_option("NEW", arguments.other, "The path that it has")->required()->option_text(" ");
     moved->add_flag("--anyway", arguments.anyway, "Also from or to a path where it does not look so");
@@ -248,7 +248,7 @@ static void _DefineSeal(CLI::App &app, Arguments &arguments)
     CLI::App *seal = _AddCommand(app, arguments, Command::Seal, "seal", "Note what generations hold", kSealFooter);
     CLI::Option *names = seal->add_option("NAME", arguments.names, "The generations");
     names->option_text("...");
-    seal->add_flag("--all", arguments.all, "All that are not sealed yet")->excludes(names);
+    seal->add_flag("--all", arguments.all, "All that are not sealed yet")->option_text(" ")->excludes(names);
     _AddChoice(seal, arguments);
     _AddJson(seal, arguments);
     seal->callback([&arguments] {

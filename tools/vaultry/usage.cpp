@@ -111,7 +111,7 @@ static void _PrintSums(const std::vector<UsedBy> &used, Room &room, const Volume
         object["volume_free"] = volume.free;
         return PrintLine(object);
     }
-    printf("%zu generation%s of %s take %s; free are %s of %s\n", used.size(), used.size() == 1 ? "" : "s",
+    printf("%zu generation%s of %s take %s; %s of %s are free\n", used.size(), used.size() == 1 ? "" : "s",
            HumanSize(size).c_str(), HumanSize(room.Taken()).c_str(), HumanSize(volume.free).c_str(),
            HumanSize(volume.size).c_str());
     if (!room.knowsClones())
