@@ -37,13 +37,16 @@ constexpr size_t kLongestAddition = sizeof PlaceholderName::kMark - 1 + sizeof P
 
 int ReplacedDocument::Look()
 {
-    // A file that somebody writes to all the time is not waited for: it will have changed in the end.
-    int looks = 0;
-    do {
-        if (platform::GetStatus(Item::AtPath(path), Links::Follow, &rights) != 0 ||
-            platform::GetStatus(Item::AtPath(trimmed.c_str()), Links::NoFollow, &itself) != 0)
-            return -1;
-    } while (++looks < 3 && S_ISREG(itself.mode) && platform::OutlastSecond(itself.changeTime));
+    if (platform::GetStatus(Item::AtPath(path), Links::Follow, &rights) != 0 ||
+        platform::GetStatus(Item::AtPath(trimmed.c_str()), Links::NoFollow, &itself) != 0)
+        return -1;
+    // A file that somebody writes to all the time is not waited for, and one that somebody takes away meanwhile stays
+    // the one that was seen: the exchange will find that it has changed.
+    for (int waits = 0; waits < 2 && S_ISREG(itself.mode) && platform::OutlastSecond(itself.changeTime); ++waits) {
+        const ErrnoKeeper keeper;
+        (void)platform::GetStatus(Item::AtPath(path), Links::Follow, &rights);
+        (void)platform::GetStatus(Item::AtPath(trimmed.c_str()), Links::NoFollow, &itself);
+    }
     extensionHidden = TQFSFilenameExtensionIsHidden(path);
     return 0;
 }

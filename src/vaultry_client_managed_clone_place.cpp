@@ -133,6 +133,6 @@ bool ClonePlace::PutThere(TQError **error)
         return Failure(error).Errno("rename (\"%s\" -> \"%s\") failed", c_str(), target_.c_str());
     place_ = target_;
     if (!_FlushEntry(target_.c_str(), error)) return false;
-    (void)rmdir(beside_.c_str());
+    if (rmdir(beside_.c_str()) != 0) (void)_RemoveTreeAt(Item::AtPath(beside_.c_str()), {}, nullptr);
     return !(mustGo_ = false);
 }

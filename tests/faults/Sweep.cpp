@@ -256,7 +256,9 @@ void Sweeper::ExpectMessages() const
     static const std::vector<TableRow> messages = ReadTable("faults/messages.txt");
     for (const auto &row : messages) {
         const bool isOfFlags = row[1] == "cap" || row[2].find("flags") != std::string::npos;
-        const bool concerned = (row[1] == "all" || who_ == As::Capable || (who_ == As::User && row[1] == "user")) &&
+        const bool isOfRoot = row[1] == "root";
+        const bool concerned = (row[1] == "all" || (isOfRoot && who_ == As::Root) ||
+                                (who_ == As::Capable && !isOfRoot) || (who_ == As::User && row[1] == "user")) &&
                                !(isOfFlags && OnlyVolume());
         EXPECT_TRUE(row[0] != swept_.name || !concerned || said_.count(row[2]))
             << "no fault gives: " << row[2] << "\nbut: " << testing::PrintToString(said_);
