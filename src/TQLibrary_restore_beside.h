@@ -112,7 +112,7 @@ public:
     void MovedTo(const char *name)
     {
         wasShown_ = wasShown_ || strcmp(name, placeholder_) != 0;
-        (void)snprintf(name_, sizeof name_, "%s", name);
+        (void)snprintf(name_, sizeof name_, "%.*s", NAME_MAX, name);
     }
     void Release() { name_[0] = '\0'; }
 
