@@ -74,7 +74,9 @@ Conditions ConditionsAt(const std::string &place, As who)
     if (Shell(probe.path(), "cp --reflink=always file clone")) met.insert("clones");
     if (Shell("/", "strace -qq -o /dev/null true")) met.insert("tracing");
     if (Shell("/", "unshare -Ur true")) met.insert("namespaces");
-    if (Shell("/", "PATH=" VAULTRY_COMMANDS ":$PATH; faketime -f +0 vaultry --version")) met.insert("moved");
+    // A sanitizer waits for ever for the clock's own library.
+    if (!kIsSanitized && Shell("/", "PATH=" VAULTRY_COMMANDS ":$PATH; faketime -f +0 vaultry --version"))
+        met.insert("moved");
     if (Shell("/", "on one true")) met.insert("hosts");
     if (disk::Exists("/run/engine/room")) met.insert("room");
     if (getenv("VAULTRY_LONG") != nullptr) met.insert("long");
